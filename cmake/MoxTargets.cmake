@@ -1,0 +1,79 @@
+# What all our targets share.
+
+# mox_compile(target): the language, visibility and warnings of our own sources.
+function(mox_compile target)
+    target_compile_features(${target} PUBLIC cxx_std_20)
+    set_target_properties(${target} PROPERTIES
+        CXX_EXTENSIONS OFF
+        CXX_VISIBILITY_PRESET hidden
+        VISIBILITY_INLINES_HIDDEN ON)
+    if(MOX_WARNINGS)
+        target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wconversion -Werror)
+    endif()
+endfunction()
+
+# mox_library(target Namespace [OUTPUT name] [LINK targets...]): the library of the current folder, with the alias
+# Namespace::target, its install rules and its export set.
+function(mox_library target namespace)
+    cmake_parse_arguments(PARSE_ARGV 2 arg "" "OUTPUT" "LINK")
+    file(GLOB sources CONFIGURE_DEPENDS *.cpp internal/*.cpp)
+
+    if(NOT sources)  # nothing to compile here yet
+        add_library(${target} INTERFACE)
+        add_library(${namespace}::${target} ALIAS ${target})
+        target_link_libraries(${target} INTERFACE ${arg_LINK})
+        return()
+    endif()
+
+    add_library(${target} ${sources})
+    add_library(${namespace}::${target} ALIAS ${target})
+    mox_compile(${target})
+    target_link_libraries(${target} PUBLIC ${arg_LINK})
+    target_include_directories(${target} PUBLIC
+        "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>" "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
+    set_target_properties(${target} PROPERTIES
+        POSITION_INDEPENDENT_CODE ON
+        VERSION ${PROJECT_VERSION}
+        SOVERSION ${PROJECT_VERSION_MAJOR}
+        INSTALL_RPATH "$ORIGIN")
+    if(arg_OUTPUT)
+        set_target_properties(${target} PROPERTIES OUTPUT_NAME ${arg_OUTPUT})
+    endif()
+
+    # Every module registers its types in a static initialiser that nothing refers to: out of a plain archive the
+    # linker would take only the objects that something refers to, and the other modules would be missing at run time.
+    if(NOT BUILD_SHARED_LIBS)
+        target_link_options(${target} INTERFACE
+            "LINKER:--whole-archive,$<TARGET_FILE:${namespace}::${target}>,--no-whole-archive")
+    endif()
+
+    if(MOX_INSTALL)
+        install(TARGETS ${target} EXPORT ${namespace}Targets
+            RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}"
+            LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+            ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+        get_filename_component(folder "${CMAKE_CURRENT_SOURCE_DIR}" NAME)
+        install(DIRECTORY "${CMAKE_CURRENT_SOURCE_DIR}/" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/${folder}"
+            FILES_MATCHING PATTERN "*.h")
+        install(EXPORT ${namespace}Targets NAMESPACE ${namespace}::
+            DESTINATION "${CMAKE_INSTALL_LIBDIR}/cmake/Mox")
+    endif()
+endfunction()
+
+# mox_executable(target sources... [LINK targets...])
+function(mox_executable target)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LINK")
+    add_executable(${target} ${arg_UNPARSED_ARGUMENTS})
+    mox_compile(${target})
+    target_link_libraries(${target} PRIVATE ${arg_LINK})
+endfunction()
+
+# mox_find(package option): a package that only the part behind that option needs.
+macro(mox_find package option)
+    find_package(${package} QUIET)
+    if(NOT ${package}_FOUND)
+        message(FATAL_ERROR
+            "${option}=ON needs ${package}, which was not found. On Debian and Ubuntu scripts/setup installs it; "
+            "the libraries themselves build without it (-D${option}=OFF).")
+    endif()
+endmacro()
