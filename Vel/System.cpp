@@ -1,0 +1,44 @@
+#include "Vel/System.h"
+
+#include <cstdlib>
+
+#include <fcntl.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace Vel {
+
+char const* SystemCalls::getenv(char const* name) { return std::getenv(name); }
+int SystemCalls::open(char const* path, int flags) { return ::open(path, flags | O_CLOEXEC); }
+ssize_t SystemCalls::read(int file, void* buffer, std::size_t size) { return ::read(file, buffer, size); }
+int SystemCalls::close(int file) { return ::close(file); }
+pid_t SystemCalls::getpid() { return ::getpid(); }
+
+double SystemCalls::currentTime() {
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+SystemCalls::~SystemCalls() = default;
+
+namespace {
+
+class RealSystemCalls final : public SystemCalls {
+public:
+    constexpr RealSystemCalls() = default;
+};
+
+RealSystemCalls realSystemCalls;
+
+}  // namespace
+
+constinit SystemCalls* System::calls_ = &realSystemCalls;
+
+SystemCalls* System::callsIs(SystemCalls* calls) noexcept {
+    SystemCalls* const before = calls_;
+    calls_ = calls ? calls : &realSystemCalls;
+    return before == &realSystemCalls ? nullptr : before;
+}
+
+}  // namespace Vel

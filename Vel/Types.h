@@ -1,0 +1,76 @@
+#pragma once
+
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+
+// Everything is hidden unless marked: a library's exported symbols are its contract.
+#define VEL_API __attribute__((visibility("default")))
+// Keeps error construction out of the instruction stream of the functions that may need it.
+#define VEL_COLD __attribute__((cold, noinline))
+
+namespace Vel {
+
+using U8 = unsigned char;
+using U16 = unsigned short;
+using U32 = unsigned int;
+using U64 = unsigned long;
+using F64 = double;
+
+static_assert(sizeof(U16) == 2 && sizeof(U32) == 4 && sizeof(U64) == 8, "the framework needs an LP64 platform");
+
+// Number of an attribute within its type: from 2 upward in a value type, from 258 upward in an entity.
+using AttributeId = U32;
+inline constexpr AttributeId firstValueAttributeId = 2;
+inline constexpr AttributeId firstEntityAttributeId = 258;
+
+// A one-bit flag. A type of its own, and no alias of bool, so that it can be parsed and registered by its own name.
+class U1 {
+public:
+    constexpr U1() = default;
+    constexpr U1(bool value) : value_(value) {}
+    constexpr operator bool() const { return value_; }
+
+private:
+    bool value_ = false;
+};
+
+// What std::chrono::duration looks like, told by its shape so that this header need not include <chrono>.
+template <class D>
+concept Duration = requires(D d) {
+    typename D::rep;
+    D::period::num;
+    D::period::den;
+    d.count();
+};
+
+// A time stamp (seconds since 1970-01-01 00:00 UTC) or a duration, in seconds.
+// Compares as its double does: a NaN is unequal to everything, itself included.
+class Seconds {
+public:
+    constexpr Seconds() = default;
+    constexpr Seconds(double seconds) : value_(seconds) {}
+    template <Duration D>
+    constexpr Seconds(D d)
+        : value_(static_cast<double>(d.count()) * static_cast<double>(D::period::num) /
+                 static_cast<double>(D::period::den)) {}
+
+    constexpr double value() const { return value_; }  // in seconds
+    constexpr explicit operator double() const { return value_; }
+    // Truncates towards zero where D counts in integers. REQUIRES: the value is finite and fits D.
+    template <Duration D> constexpr explicit operator D() const {
+        return D(static_cast<typename D::rep>(
+            value_ * static_cast<double>(D::period::den) / static_cast<double>(D::period::num)));
+    }
+
+    friend constexpr bool operator==(Seconds, Seconds) = default;
+    friend constexpr auto operator<=>(Seconds, Seconds) = default;
+
+private:
+    double value_ = 0.0;
+};
+
+// Tag of the constructors that read a value from the attribute log; it keeps them from being chosen by accident.
+struct StreamBogon {};
+
+}  // namespace Vel
