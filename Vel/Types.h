@@ -1,6 +1,7 @@
 #pragma once
 
 #include <compare>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 
@@ -28,7 +29,8 @@ inline constexpr AttributeId firstEntityAttributeId = 258;
 class U1 {
 public:
     constexpr U1() = default;
-    constexpr U1(bool value) : value_(value) {}
+    template <std::same_as<bool> B>  // no pointer or number turns into a flag unnoticed
+    constexpr U1(B value) : value_(value) {}
     constexpr operator bool() const { return value_; }
 
 private:
