@@ -44,7 +44,7 @@ void AllocTrackTypeInfo::trackArrayDeallocation(std::size_t count, std::size_t s
 }
 
 void AllocTrackTypeInfo::visitAll(std::function<void(AllocTrackTypeInfo const&)> const& visit) {
-    // Entries are never unlisted, so walking needs no lock once the first has been read.
+    // Entries are never unlisted, so the lock need not be held while visiting, and `visit` may allocate.
     AllocTrackTypeInfo* first = nullptr;
     {
         std::lock_guard const lock(trackedMutex);
@@ -63,6 +63,7 @@ void PtrInterface::zeroReferencesIs(bool) {}
 PtrInterface::~PtrInterface() = default;
 
 void PtrInterface::handleZeroRef() {
+    newRef();  // references that come and go while the object is being destroyed must not destroy it again
     zeroReferencesIs(true);
     delete this;
 }
@@ -80,6 +81,7 @@ void PtrInterface::flagIs(U32 bit, bool on) noexcept {
 }
 
 void* PtrInterface::velMemAlloc(std::size_t size) { return ::operator new(size); }
-void PtrInterface::velMemFree(void* memory, std::size_t size) noexcept { ::operator delete(memory, size); }
+// Not the sized form, which clang declares only when asked to.
+void PtrInterface::velMemFree(void* memory, std::size_t) noexcept { ::operator delete(memory); }
 
 }  // namespace Vel

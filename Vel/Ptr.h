@@ -100,7 +100,9 @@ protected:
     PtrInterface(PtrInterface const&) noexcept {}  // a copy has no references and no flags of its own
     PtrInterface& operator=(PtrInterface const&) noexcept { return *this; }
 
-    void handleZeroRef();  // tells zeroReferencesIs(true) and destroys the object
+    // Tells zeroReferencesIs(true) and destroys the object. References taken and dropped meanwhile are allowed; one that
+    // is kept dangles.
+    void handleZeroRef();
 
 private:
     static constexpr U32 notificationActiveBit = 0x80000000u;
