@@ -3,6 +3,7 @@
 #include "Vel/Exception.h"
 #include "Vel/Ptr.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>

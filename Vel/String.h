@@ -46,7 +46,7 @@ public:
 
     // A string of `length` bytes that `fill(char*)` writes in place.
     template <class Fill> static String withLength(std::size_t length, Fill fill) {
-        String s(allocate(length));
+        String s(Adopt(), allocate(length));
         if (s.rep_) fill(s.rep_);
         return s;
     }
@@ -91,7 +91,8 @@ private:
         U32 length;
     };
 
-    explicit String(char* rep) noexcept : rep_(rep) {}
+    struct Adopt {};  // keeps String(char*) a copy, as String(char const*) is
+    String(Adopt, char* rep) noexcept : rep_(rep) {}
     static char* allocate(std::size_t length);  // null for length 0
     static std::string_view toView(std::string_view v) noexcept { return v; }
     static std::string_view toView(char const* p) noexcept { return p ? std::string_view(p) : std::string_view(); }
