@@ -91,8 +91,8 @@ std::vector<Rule> rulesFromEnvironment() {
     return rules;
 }
 
-U32 maskFor(std::vector<Rule> const& rules, std::string_view facility) {
-    U32 mask = 0;
+U32 maskFor(std::vector<Rule> const& rules, std::string_view facility, bool onByDefault) {
+    U32 mask = rules.empty() && onByDefault ? 1 : 0;
     for (Rule const& rule : rules)
         if (rule.facility == "*" || rule.facility == facility) mask |= rule.mask;
     return mask;
@@ -114,6 +114,12 @@ void writeAll(int file, std::string_view text) {
         if (written <= 0) return;  // a trace must never stop its process
         text.remove_prefix(static_cast<std::size_t>(written));
     }
+}
+
+// To the nearest: most decimals fall between two doubles, and cutting off would turn .123456 into .123455.
+// A clock outside the years 1970 to 9999 is shown as 1970; tracing fails for nothing.
+U64 microseconds(double time) {
+    return time >= 0 && time < 253402300800.0 ? static_cast<U64>(std::llround(time * 1e6)) : 0;
 }
 
 void appendEscaped(std::string& out, std::string_view text) {
@@ -143,9 +149,8 @@ U32 Trace::configure(TraceHandle& handle) {
     std::lock_guard const lock(config.mutex);
     U32 mask = handle.mask_.load(std::memory_order_relaxed);
     if (mask != TraceHandle::notConfigured) return mask;
-    bool const fromEnvironment = !config.rules;
-    if (fromEnvironment) config.rules = rulesFromEnvironment();
-    mask = maskFor(*config.rules, handle.facility_) | (config.rules->empty() && handle.onByDefault_ ? 1 : 0);
+    if (!config.rules) config.rules = rulesFromEnvironment();
+    mask = maskFor(*config.rules, handle.facility_, handle.onByDefault_);
     handle.next_ = config.handles;
     config.handles = &handle;
     handle.mask_.store(mask, std::memory_order_relaxed);
@@ -170,7 +175,7 @@ void Trace::levelsIs(std::string_view specification) {
     std::lock_guard const lock(config.mutex);
     config.rules = std::move(rules);
     for (TraceHandle* handle = config.handles; handle; handle = handle->next_)
-        handle->mask_.store(maskFor(*config.rules, handle->facility_), std::memory_order_relaxed);
+        handle->mask_.store(maskFor(*config.rules, handle->facility_, handle->onByDefault_), std::memory_order_relaxed);
 }
 
 void Trace::sinkIs(std::function<void(TraceRecord const&)> sink) {
@@ -193,14 +198,14 @@ void Trace::emit(TraceRecord const& record) {
 }
 
 std::string Trace::line(TraceRecord const& record) {
-    double const whole = std::floor(record.time);
-    auto const seconds = static_cast<std::time_t>(whole);
+    U64 const time = microseconds(record.time);
+    auto const seconds = static_cast<std::time_t>(time / 1000000);
     std::tm utc{};
     ::gmtime_r(&seconds, &utc);
     char date[40];
     std::strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &utc);
-    std::string out = format("%s.%06u %d %s/%u %s:%u %s ", date, static_cast<unsigned>((record.time - whole) * 1e6),
-        record.processId, record.facility, record.level, record.file, record.line, record.function)
+    std::string out = format("%s.%06lu %d %s/%u %s:%u %s ", date, time % 1000000, record.processId, record.facility,
+        record.level, record.file, record.line, record.function)
                           .stdString();
     appendEscaped(out, record.text);
     out += '\n';

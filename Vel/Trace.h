@@ -67,7 +67,8 @@ struct TraceRecord {
 // The process's trace configuration. Threads: all operations may be called from any thread.
 class VEL_API Trace {
 public:
-    // Replaces what VELTRACE said, for every facility. Throws RangeException, and changes nothing, for a bad text.
+    // Replaces what VELTRACE said, for every facility; an empty text leaves the defaults.
+    // Throws RangeException, and changes nothing, for a bad text.
     static void levelsIs(std::string_view specification);
     // Where records go; null: to standard error or VELTRACEFILE, as lines.
     static void sinkIs(std::function<void(TraceRecord const&)> sink);
