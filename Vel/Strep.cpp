@@ -339,8 +339,9 @@ String sequenceToValue(String::IteratorConst& it, String::IteratorConst const& e
 }
 
 void needString(String::IteratorConst& it, String::IteratorConst const& end, char const* literal) {
+    std::string_view const text(it.charPtr(), static_cast<std::size_t>(end - it));
     std::size_t const length = std::strlen(literal);
-    if (static_cast<std::size_t>(end - it) < length || std::memcmp(it.charPtr(), literal, length) != 0)
+    if (!text.starts_with(std::string_view(literal, length)))
         throwParseException(it, end, "\"" + std::string(literal) + "\"");
     it += static_cast<std::ptrdiff_t>(length);
 }

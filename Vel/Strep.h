@@ -35,6 +35,7 @@ public:
     void clear() { at_ = begin_; }
 
     StrepOut& operator<<(std::string_view text) {
+        if (text.empty()) return *this;  // its data may be null, which memcpy must not be given
         char* const to = room(text.size());
         std::memcpy(to, text.data(), text.size());
         at_ = to + text.size();

@@ -29,7 +29,7 @@ public:
     constexpr RealSystemCalls() = default;
 };
 
-RealSystemCalls realSystemCalls;
+constinit RealSystemCalls realSystemCalls;
 
 }  // namespace
 
