@@ -94,10 +94,14 @@ private:
     struct Adopt {};  // keeps String(char*) a copy, as String(char const*) is
     String(Adopt, char* rep) noexcept : rep_(rep) {}
     static char* allocate(std::size_t length);  // null for length 0
-    static std::string_view toView(std::string_view v) noexcept { return v; }
-    static std::string_view toView(char const* p) noexcept { return p ? std::string_view(p) : std::string_view(); }
-    static std::string_view toView(String const& s) noexcept { return s.view(); }
-    template <std::size_t N> static std::string_view toView(char const (&p)[N]) noexcept { return std::string_view(p); }
+    template <class S> static std::string_view toView(S const& s) noexcept {
+        if constexpr (std::convertible_to<S const&, char const*>) {
+            char const* const p = s;
+            return p ? std::string_view(p) : std::string_view();
+        } else {
+            return s;
+        }
+    }
     Header const* header() const noexcept { return reinterpret_cast<Header const*>(rep_) - 1; }
     void newRef() const noexcept {
         if (rep_) newRefSlow();
