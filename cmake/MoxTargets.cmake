@@ -40,11 +40,14 @@ function(mox_library target namespace)
         set_target_properties(${target} PROPERTIES OUTPUT_NAME ${arg_OUTPUT})
     endif()
 
-    # Every module registers its types in a static initialiser that nothing refers to: out of a plain archive the
-    # linker would take only the objects that something refers to, and the other modules would be missing at run time.
-    if(NOT BUILD_SHARED_LIBS)
-        target_link_options(${target} INTERFACE
-            "LINKER:--whole-archive,$<TARGET_FILE:${namespace}::${target}>,--no-whole-archive")
+    # Every module registers its types in a static initialiser that nothing refers to. Left to itself the linker takes
+    # from an archive only the objects that something refers to, and (by default on Debian and others) drops a shared
+    # library whose symbols nobody uses: the types would be missing at run time. So whoever links us gets all of it.
+    set(file "$<TARGET_FILE:${namespace}::${target}>")
+    if(BUILD_SHARED_LIBS)
+        target_link_options(${target} INTERFACE "LINKER:--push-state,--no-as-needed,${file},--pop-state")
+    else()
+        target_link_options(${target} INTERFACE "LINKER:--whole-archive,${file},--no-whole-archive")
     endif()
 
     if(MOX_INSTALL)
