@@ -1,0 +1,104 @@
+#include "Vel/System.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <string>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+using Vel::System;
+using Vel::SystemCalls;
+
+// Answers some calls itself; the others go to the C library.
+class Fake : public SystemCalls {
+public:
+    double currentTime() override { return 1700000000.5; }
+    char const* getenv(char const*) override { return "fake"; }
+};
+
+class SystemTest : public testing::Test {
+protected:
+    ~SystemTest() override { System::callsIs(nullptr); }
+};
+
+TEST_F(SystemTest, ReplacedCallsAreUsedUntilTheRealOnesReturn) {
+    Fake fake;
+    EXPECT_EQ(System::callsIs(&fake), nullptr);
+    EXPECT_EQ(&System::calls(), &fake);
+    EXPECT_EQ(System::currentTime(), 1700000000.5);
+    EXPECT_STREQ(System::calls().getenv("PATH"), "fake");
+    EXPECT_EQ(System::callsIs(nullptr), &fake);
+    EXPECT_NE(&System::calls(), &fake);
+    EXPECT_NE(System::currentTime(), 1700000000.5);
+}
+
+TEST_F(SystemTest, TheReturnedCallsCanBePutBack) {
+    Fake outer;
+    Fake inner;
+    System::callsIs(&outer);
+    SystemCalls* const before = System::callsIs(&inner);
+    EXPECT_EQ(before, &outer);
+    EXPECT_EQ(System::callsIs(before), &inner);
+    EXPECT_EQ(&System::calls(), &outer);
+}
+
+TEST_F(SystemTest, WhatAFakeLeavesAloneIsReal) {
+    Fake fake;
+    System::callsIs(&fake);
+    EXPECT_EQ(System::calls().getpid(), ::getpid());
+}
+
+TEST_F(SystemTest, ReadsTheEnvironment) {
+    ::setenv("VEL_SYSTEM_TEST", "value", 1);
+    EXPECT_STREQ(System::calls().getenv("VEL_SYSTEM_TEST"), "value");
+    ::unsetenv("VEL_SYSTEM_TEST");
+    EXPECT_EQ(System::calls().getenv("VEL_SYSTEM_TEST"), nullptr);
+}
+
+TEST_F(SystemTest, ReadsFiles) {
+    int const file = System::calls().open("/proc/self/comm", O_RDONLY);
+    ASSERT_GE(file, 0);
+    char buffer[64];
+    auto const size = System::calls().read(file, buffer, sizeof buffer);
+    ASSERT_GT(size, 0);
+    EXPECT_EQ(std::string(buffer, static_cast<std::size_t>(size)),
+        std::string(program_invocation_short_name).substr(0, 15) + "\n");
+    EXPECT_EQ(System::calls().close(file), 0);
+    errno = 0;
+    EXPECT_EQ(System::calls().close(file), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+TEST_F(SystemTest, FilesAreNotInheritedByOtherPrograms) {
+    int const file = System::calls().open("/dev/null", O_RDONLY);
+    ASSERT_GE(file, 0);
+    EXPECT_EQ(::fcntl(file, F_GETFD), FD_CLOEXEC);
+    System::calls().close(file);
+}
+
+TEST_F(SystemTest, FailuresAreThoseOfPosix) {
+    errno = 0;
+    EXPECT_EQ(System::calls().open("/nonexistent/file", O_RDONLY), -1);
+    EXPECT_EQ(errno, ENOENT);
+    char byte = 0;
+    EXPECT_EQ(System::calls().read(-1, &byte, 1), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+TEST_F(SystemTest, TheClockIsTheSystems) {
+    using namespace std::chrono;
+    auto const now = [] { return duration<double>(system_clock::now().time_since_epoch()).count(); };
+    double const before = now();
+    double const time = System::currentTime();
+    double const after = now();
+    EXPECT_GE(time, before - 1e-6);  // the two round differently
+    EXPECT_LE(time, after + 1e-6);
+}
+
+}  // namespace
