@@ -22,6 +22,11 @@ function(mox_library target namespace)
         add_library(${target} INTERFACE)
         add_library(${namespace}::${target} ALIAS ${target})
         target_link_libraries(${target} INTERFACE ${arg_LINK})
+        if(MOX_INSTALL)
+            install(TARGETS ${target} EXPORT ${namespace}Targets)
+            install(EXPORT ${namespace}Targets NAMESPACE ${namespace}::
+                DESTINATION "${CMAKE_INSTALL_LIBDIR}/cmake/Mox")
+        endif()
         return()
     endif()
 
