@@ -1,0 +1,127 @@
+#pragma once
+
+#include "Vel/Entity.h"
+#include "Vel/Value.h"
+
+// Who this process is: the supervisor cell it runs on, what that cell is, and which cell is active.
+//
+// Each fact comes from an environment variable if that is set, else from a small file, else from a default:
+//
+//     fact                        variable               file                       default
+//     cell id                     CELLID                 /etc/cellid                42
+//     cell type                   CELLTYPE               /etc/celltype              "generic"
+//     product                     PRODUCT                /etc/product               "generic"
+//     election manager supported  ELECTIONMGRSUPPORTED   /etc/electionMgrSupported  false
+//     CPU/BMC mode                CPUBMCMODE             /etc/cpuBmcMode            false
+//
+// Files are read once, at most 32 bytes, and taken exactly as they stand: a trailing newline is part of them.
+// The facts are read on first use and cached in the process's Cell::Status; the active cell is resolved on every call.
+// Threads: nothing is locked. Two threads that fill the cache at once read the same sources and store the same value.
+namespace Cell {
+
+using Vel::valueToStrep;
+using Vel::operator<<;
+
+// Number of a supervisor cell; 0 is invalid.
+class VEL_API CellId {
+public:
+    constexpr CellId() = default;
+    constexpr CellId(Vel::U16 value) : value_(value) {}
+    CellId(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) { Vel::parse(*this, it, end); }
+    CellId(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
+
+    static constexpr Vel::U16 max() { return 65535; }
+
+    constexpr Vel::U16 value() const { return value_; }
+    constexpr Vel::U32 hash() const { return value_; }
+    constexpr Vel::U32 hash(unsigned) const { return value_; }  // the value, whatever the seed
+
+    friend constexpr bool operator==(CellId, CellId) = default;
+    friend constexpr auto operator<=>(CellId, CellId) = default;
+
+    static constexpr auto description() {
+        constexpr Vel::U32 (CellId::*plainHash)() const = &CellId::hash;
+        constexpr Vel::U32 (CellId::*seededHash)(unsigned) const = &CellId::hash;
+        return Vel::number("Cell::CellId", Vel::readOnlyField<&CellId::value_>("value"),
+            Vel::constant<&CellId::max>("max"), Vel::derived<&CellId::value>("id"), Vel::method<plainHash>("hash"))
+            .with(Vel::ordered, Vel::hashBy<seededHash>);
+    }
+
+private:
+    Vel::U16 value_ = 0;
+};
+
+// The process's cache of its identity, at /<system>/cell in its directory tree. Accessors read what they do not know
+// yet, and throw as the free functions below do; lazy reads tell no observer. Mutators override what was read, and tell
+// the observers of the attribute when the value really changes.
+class VEL_API Status : public Vel::EntityOf<Status> {
+public:
+    explicit Status(Vel::String const& name);
+    ~Status() override;
+    static Vel::Ptr<Status> StatusIs(Vel::String const& name);  // as statusFactory
+
+    CellId cellId() const;         // read again while it is 0
+    CellId activeCellId() const;   // resolved on every call; the attribute records the answer
+    Vel::String cellType() const;  // read again while it is empty
+    Vel::String product() const;   // read again while it is empty
+    bool electionMgrSupported() const;
+    bool electionMgrSupportedInitialized() const { return electionMgrSupportedInitialized_; }
+    bool cpuBmcMode() const;
+    bool cpuBmcModeInitialized() const { return cpuBmcModeInitialized_; }
+
+    void cellIdIs(CellId v) const { velSet<&Status::cellId_>(v); }
+    void activeCellIdIs(CellId v) const { velSet<&Status::activeCellId_>(v); }
+    void cellTypeIs(Vel::String const& v) const { velSet<&Status::cellType_>(v); }
+    void productIs(Vel::String const& v) const { velSet<&Status::product_>(v); }
+    void electionMgrSupportedIs(bool v) const { velSet<&Status::electionMgrSupported_>(v); }
+    void electionMgrSupportedInitializedIs(bool v) const { velSet<&Status::electionMgrSupportedInitialized_>(v); }
+    void cpuBmcModeIs(bool v) const { velSet<&Status::cpuBmcMode_>(v); }
+    void cpuBmcModeInitializedIs(bool v) const { velSet<&Status::cpuBmcModeInitialized_>(v); }
+
+    static constexpr auto description() {
+        using Vel::attribute;
+        return Vel::entity("Cell::Status",
+            attribute<&Status::cellId_, &Status::cellId, &Status::cellIdIs>("cellId"),  // 258
+            attribute<&Status::activeCellId_, &Status::activeCellId, &Status::activeCellIdIs>("activeCellId"),
+            attribute<&Status::cellType_, &Status::cellType, &Status::cellTypeIs>("cellType"),
+            attribute<&Status::product_, &Status::product, &Status::productIs>("product"),
+            attribute<&Status::electionMgrSupported_, &Status::electionMgrSupported, &Status::electionMgrSupportedIs>(
+                "electionMgrSupported"),
+            attribute<&Status::electionMgrSupportedInitialized_, &Status::electionMgrSupportedInitialized,
+                &Status::electionMgrSupportedInitializedIs>("electionMgrSupportedInitialized"),
+            attribute<&Status::cpuBmcMode_, &Status::cpuBmcMode, &Status::cpuBmcModeIs>("cpuBmcMode"),
+            attribute<&Status::cpuBmcModeInitialized_, &Status::cpuBmcModeInitialized,
+                &Status::cpuBmcModeInitializedIs>("cpuBmcModeInitialized"));  // 265
+    }
+
+private:
+    CellId cellId_;        // 0: not read yet
+    CellId activeCellId_;  // the last answer
+    Vel::String cellType_;
+    Vel::String product_;
+    bool electionMgrSupported_ = false;
+    bool electionMgrSupportedInitialized_ = false;
+    bool cpuBmcMode_ = false;
+    bool cpuBmcModeInitialized_ = false;
+};
+
+VEL_API Vel::Ptr<Status> statusFactory(Vel::String const& name);
+
+// The facts, through the process's Cell::Status. All throw Vel::ErrnoException when a file cannot be opened (but for
+// one that does not exist) or read; nothing is cached then, and the next call tries again.
+VEL_API Vel::U32 cellId();  // [0, 65536). Vel::RangeException when variable or file holds no such number
+VEL_API Vel::String cellType();
+VEL_API Vel::String product();
+VEL_API bool electionMgrSupported();  // Vel::ErrnoException(EINVAL) unless variable or file says TRUE or FALSE
+VEL_API bool cpuBmcMode();            // the same
+
+// The active cell, [0, 65536): what ACTIVE_CELLID says; else what the redundancy status of the own cell says, where
+// it is known; else what the election manager's two mode files say; else the own cell.
+VEL_API Vel::U32 activeCellId();
+
+// Where state of one cell is kept, below a database root such as "/ql/Zendb/": "cell/<cell id>/<name>". Cell id 0
+// stands for the own cell. mountpath gives the same as path.
+VEL_API Vel::String path(char const* name, unsigned int cellId);
+VEL_API Vel::String mountpath(char const* name, unsigned int cellId);
+
+}  // namespace Cell

@@ -1,0 +1,16 @@
+#include "Redundancy/RedundancyStatus.h"
+
+#include "Vel/Module.h"
+
+namespace Redundancy {
+
+RedundancyStatus::RedundancyStatus(Vel::String const& name) : EntityOf(name) {}
+RedundancyStatus::~RedundancyStatus() = default;
+
+Vel::Ptr<RedundancyStatus> redundancyStatusFactory(Vel::String const& name) {
+    return RedundancyStatus::newEntity(name);
+}
+
+}  // namespace Redundancy
+
+VEL_MODULE(RedundancyStatus, b7570ef5257a8489, Redundancy::RedundancyStatus);

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "Vel/Entity.h"
+
+// Stands in for the platform's redundancy library: the one entity that its service publishes for each cell, at
+// /<system>/Zendb/cell/<cell id>/redundancy/status in the state database.
+namespace Redundancy {
+
+class VEL_API RedundancyStatus : public Vel::EntityOf<RedundancyStatus> {
+public:
+    static constexpr Vel::U32 unknownCell = 0xFFFFFFFFu;
+
+    explicit RedundancyStatus(Vel::String const& name);
+    ~RedundancyStatus() override;
+
+    Vel::U32 activeCellId() const { return activeCellId_; }  // unknownCell: not known
+    void activeCellIdIs(Vel::U32 cellId) const { velSet<&RedundancyStatus::activeCellId_>(cellId); }
+
+    static constexpr auto description() {
+        return Vel::entity("Redundancy::RedundancyStatus",
+            Vel::attribute<&RedundancyStatus::activeCellId_, &RedundancyStatus::activeCellId,
+                &RedundancyStatus::activeCellIdIs>("activeCellId"));
+    }
+
+private:
+    Vel::U32 activeCellId_ = unknownCell;
+};
+
+VEL_API Vel::Ptr<RedundancyStatus> redundancyStatusFactory(Vel::String const& name);
+
+}  // namespace Redundancy

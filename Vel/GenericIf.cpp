@@ -1,0 +1,210 @@
+#include "Vel/GenericIf.h"
+
+#include "Vel/Assert.h"
+#include "Vel/internal/Records.h"
+
+#include <cstring>
+#include <new>
+
+namespace Vel {
+
+// --- types ---
+
+TypeRecord const& VelTypeBase::record() const { return at<TypeRecord>(*module_, module_->types)[index_]; }
+TypeGlue const& VelTypeBase::glue() const { return *at<TypeGlue const*>(*module_, module_->glue)[index_]; }
+
+namespace {
+
+char const* typeNameAt(ModuleHeader const& module, U32 offset) { return at<char>(module, module.typeNames + offset); }
+char const* attributeNameAt(ModuleHeader const& module, U32 offset) {
+    return at<char>(module, module.attributeNames + offset);
+}
+
+}  // namespace
+
+char const* VelTypeBase::name() const { return typeNameAt(*module_, record().name); }
+VelTypeBase VelTypeBase::base() const { return glue().base(); }
+bool VelTypeBase::isPolymorphic() const { return record().flags & TypeFlag::polymorphic; }
+bool VelTypeBase::isEntity() const { return record().flags & TypeFlag::entity; }
+
+bool VelTypeBase::isDerived(VelTypeBase const& ancestor) const {
+    for (VelTypeBase type = *this; type; type = type.base())
+        if (type == ancestor) return true;
+    return false;
+}
+
+std::string_view VelType::moduleName() const { return at<char>(module(), module().name); }
+U64 VelType::moduleFingerprint() const { return module().fingerprint; }
+std::size_t VelType::encodedSize() const { return record().encodedSize; }
+bool VelType::hasFixedEncodedSize() const { return record().flags & TypeFlag::fixedSize; }
+bool VelType::isHashable() const { return record().flags & TypeFlag::hashable; }
+U32 VelType::attributeCount() const { return record().attributeCount; }
+VelAttr VelType::attribute(U32 index) const { return {*this, index}; }
+
+bool VelType::answers(AttributeOp op) const {
+    auto const n = static_cast<U32>(op);
+    auto const first = static_cast<U32>(AttributeOp::truth);
+    return n >= first && n < first + 16 && (record().valueOps >> (n - first) & 1);
+}
+
+std::optional<VelAttr> VelType::attribute(std::string_view name) const {
+    for (VelType type = *this; type; type = type.base())
+        for (U32 i = 0; i < type.attributeCount(); ++i)
+            if (name == type.attribute(i).name()) return type.attribute(i);
+    return std::nullopt;
+}
+
+std::optional<VelAttr> VelType::attributeOfId(AttributeId id) const {
+    for (VelType type = *this; type; type = type.base()) {
+        if (type.attributeCount() == 0) continue;
+        AttributeId const first = type.attribute(0u).attributeId();
+        if (id >= first && id - first < type.attributeCount()) return type.attribute(id - first);
+    }
+    return std::nullopt;
+}
+
+namespace {
+
+std::string_view conversion(std::string_view typeName) {
+    if (typeName == "U8" || typeName == "U16" || typeName == "U32") return "%u";
+    return typeName == "U64" ? "%lu" : "%s";
+}
+
+}  // namespace
+
+String VelType::strepTemplate() const {
+    U16 const flags = record().flags;
+    if (flags & TypeFlag::entity) return {};
+    if (flags & TypeFlag::scalar) return conversion(name());
+    if (flags & TypeFlag::ownText) return "%s";
+    StrepOut out;
+    bool const number = flags & TypeFlag::number;
+    if (!number) out << "Value('" << name() << "', ** {";
+    bool first = true;
+    for (U32 i = 0; i < attributeCount(); ++i) {
+        VelAttr const attr = attribute(i);
+        if (attr.kind() != AttributeKind::field) continue;
+        if (!number) out << (first ? "'" : ", '") << attr.name() << "': ";
+        out << conversion(attr.valueType().name());
+        first = false;
+    }
+    if (!number) out << "})";
+    return out.str();
+}
+
+// --- attributes ---
+
+AttributeId VelAttr::attributeId() const { return index_ < type_.attributeCount() ? record().id : 0; }
+
+AttributeRecord const& VelAttr::record() const {
+    ModuleHeader const& module = type_.module();
+    return at<AttributeRecord>(module, module.attributes)[type_.record().firstAttribute + index_];
+}
+
+char const* VelAttr::name() const { return attributeNameAt(type_.module(), nameOffset(record())); }
+AttributeKind VelAttr::kind() const { return kindOf(record()); }
+bool VelAttr::answers(AttributeOp op) const { return static_cast<U32>(op) < 22 && (opsOf(record()) & opBit(op)); }
+VelType VelAttr::valueType() const { return type_.glue().attributes[index_].valueType(); }
+VelType VelAttr::keyType() const { return type_.glue().attributes[index_].keyType(); }
+VelType VelAttr::resultType() const { return type_.glue().attributes[index_].resultType(); }
+U32 VelAttr::parameterCount() const { return record().parameterCount; }
+
+char const* VelAttr::parameterName(U32 i) const {
+    ModuleHeader const& module = type_.module();
+    return attributeNameAt(module, at<ParameterRecord>(module, module.parameters)[record().firstParameter + i].name);
+}
+
+VelType VelAttr::parameterType(U32 i) const { return type_.glue().attributes[index_].parameterTypes[i](); }
+
+// --- the generic interface ---
+
+void* GenericIfImpl::genericIfVoidPtrIs(void* object, VelType have, VelType want) {
+    static constexpr char header[] = "/usr/include/Vel/GenericIfImpl";
+    static constexpr char function[] =
+        "static void* Vel::GenericIfImpl::genericIfVoidPtrIs(void*, Vel::VelType, Vel::VelType)";
+    if (have == want) return object;
+    if (!want.isDerived(have)) throwTypeException(want);
+    if (have.isPolymorphic() == want.isPolymorphic()) return object;
+    if (want.isPolymorphic()) {
+        if (have.isPolymorphic()) assertionFailed("!t.isPolymorphic()", header, 61, function);
+        return static_cast<char*>(object) + sizeof(void*);  // behind the virtual table pointer
+    }
+    assertionFailed("type.isPolymorphic()", header, 58, function);
+}
+
+void GenericIfImpl::throwTypeException(VelType type) {
+    throw TypeException(type ? format("the operation does not apply to a value of type %s", type.name())
+                             : String("the operation does not apply to a value without a type"));
+}
+
+void GenericIfImpl::throwUnhashableException(VelType type) {
+    throw UnhashableException(format("values of type %s have no hash", type ? type.name() : "(none)"));
+}
+
+// --- generic values ---
+
+namespace {
+
+void* allocateFor(VelType type) {
+    if (type.isEntity()) GenericIfImpl::throwTypeException(type);
+    return ::operator new(type.glue().size, std::align_val_t(type.glue().alignment));
+}
+
+}  // namespace
+
+GenericValue::GenericValue(VelType type) : type_(type), storage_(allocateFor(type), Free{type.glue().alignment}) {
+    type_.glue().genericIfConstruct(data(), nullptr);
+}
+
+GenericValue::GenericValue(VelType type, String const& text) : GenericValue(type) {
+    type_.glue().genericIfStrepToValue(data(), text, type_);
+}
+
+GenericValue::GenericValue(VelType type, NboAttrLog::In& in) : GenericValue(type) { type_.glue().read(data(), in); }
+
+GenericValue::GenericValue(GenericValue const& other)
+    : type_(other.type_), storage_(allocateFor(type_), Free{type_.glue().alignment}) {
+    type_.glue().genericIfConstruct(data(), other.data());
+}
+
+GenericValue& GenericValue::operator=(GenericValue other) noexcept {
+    std::swap(type_, other.type_);
+    storage_.swap(other.storage_);
+    return *this;
+}
+
+GenericValue::~GenericValue() {
+    if (storage_) type_.glue().genericIfDestruct(data());
+}
+
+std::optional<GenericValue> GenericValue::get(VelAttr attr) const {
+    if (attr.kind() == AttributeKind::collection || !attr.answers(AttributeOp::get)) return std::nullopt;
+    VelType const type = attr.valueType();
+    if (!type || type.isEntity()) return std::nullopt;
+    GenericValue result(type);
+    int const code = type_.glue().genericIfAttributeOp(
+        result.data(), const_cast<void*>(data()), attr, AttributeOp::get, nullptr, nullptr);
+    if (code != 0) return std::nullopt;
+    return result;
+}
+
+std::optional<bool> GenericValue::test(AttributeOp op, GenericValue const* other) const {
+    bool result = false;
+    int const code = type_.glue().genericIfAttributeOp(
+        &result, const_cast<void*>(data()), VelAttr(), op, other ? other->data() : nullptr, nullptr);
+    if (code != 0) return std::nullopt;
+    return result;
+}
+
+namespace Detail {
+
+void throwStreamExceptionNaming(
+    StreamException const& error, std::string_view typeName, std::string_view attributeName) {
+    throw StreamException(format("%.*s.%.*s: %s", static_cast<int>(typeName.size()), typeName.data(),
+                              static_cast<int>(attributeName.size()), attributeName.data(), error.what()),
+        error.offset());
+}
+
+}  // namespace Detail
+
+}  // namespace Vel

@@ -1,0 +1,177 @@
+#pragma once
+
+#include "Vel/Describe.h"
+#include "Vel/NboAttrLog.h"
+#include "Vel/Ptr.h"
+#include "Vel/String.h"
+#include "Vel/Value.h"
+
+#include <memory>
+#include <optional>
+
+// Reflection: every registered type reached through its record, without its header.
+namespace Vel {
+
+struct ModuleHeader;
+struct TypeRecord;
+struct AttributeRecord;
+struct ParameterRecord;
+struct TypeGlue;
+class VelAttr;
+
+// A type: a record in a module's table. Copies are cheap; valid while the module stays loaded. A default one is null.
+class VEL_API VelTypeBase {
+public:
+    constexpr VelTypeBase() = default;
+    constexpr VelTypeBase(ModuleHeader const* module, U32 index) : module_(module), index_(index) {}
+
+    explicit operator bool() const { return module_ != nullptr; }
+    friend bool operator==(VelTypeBase const&, VelTypeBase const&) = default;
+
+    // Everything below REQUIRES a type that is not null.
+    ModuleHeader const& module() const { return *module_; }
+    U32 index() const { return index_; }  // of the record in its module
+    TypeRecord const& record() const;
+    TypeGlue const& glue() const;
+    char const* name() const;
+    VelTypeBase base() const;  // what an entity type derives from; null for a value type and for Vel::Entity
+    bool isDerived(VelTypeBase const& ancestor) const;  // this type is `ancestor`, or derives from it
+    bool isPolymorphic() const;                         // its objects begin with a virtual table pointer
+    bool isEntity() const;
+
+private:
+    ModuleHeader const* module_ = nullptr;
+    U32 index_ = 0;
+};
+
+class VEL_API VelType : public VelTypeBase {
+public:
+    using VelTypeBase::VelTypeBase;
+    VelType(VelTypeBase const& type) : VelTypeBase(type) {}
+
+    U32 attributeCount() const;  // its own; an entity type also has its base's
+    VelAttr attribute(U32 index) const;
+    std::optional<VelAttr> attribute(std::string_view name) const;  // also a base's
+    std::optional<VelAttr> attributeOfId(AttributeId id) const;     // also a base's
+    std::string_view moduleName() const;
+    U64 moduleFingerprint() const;
+    std::size_t encodedSize() const;  // bytes in the attribute log; where a string is inside, without its characters
+    bool hasFixedEncodedSize() const;
+    bool isHashable() const;
+    bool answers(AttributeOp op) const;  // truth to complement, on a value as a whole
+    // The printf-style template of the text form, such as "Value('T', ** {'count': %u, 'last': %s})"; "%u" or "%lu" for
+    // a number, "%s" for a text form of its own, empty for an entity.
+    String strepTemplate() const;
+};
+
+// An attribute: a type and the index of one of its attribute records. Null, it stands for the value as a whole.
+class VEL_API VelAttr {
+public:
+    constexpr VelAttr() = default;
+    constexpr VelAttr(VelType type, U32 index) : type_(type), index_(index) {}
+
+    explicit operator bool() const { return bool(type_); }
+    VelType type() const { return type_; }
+    U32 index() const { return index_; }
+    AttributeId attributeId() const;  // 0, which no type uses, when the type has no such index
+
+    // Everything below REQUIRES an index that the type has.
+    AttributeRecord const& record() const;
+    char const* name() const;
+    AttributeKind kind() const;
+    bool answers(AttributeOp op) const;
+    VelType valueType() const;   // null for a method, and for what is only declared
+    VelType keyType() const;     // of a collection; else null
+    VelType resultType() const;  // of a method that yields something; else null
+    U32 parameterCount() const;
+    char const* parameterName(U32 i) const;
+    VelType parameterType(U32 i) const;
+
+private:
+    VelType type_;
+    U32 index_ = 0;
+};
+
+// What an operation by attribute came to.
+enum class AttributeResult : int { done = 0, unsupported = 1, unknown = 2 };
+
+struct AttributeGlue {
+    VelType (*valueType)();  // each null for none
+    VelType (*keyType)();
+    VelType (*resultType)();
+    VelType (*const* parameterTypes)();
+};
+
+// The operations of one type, as functions over untyped storage.
+struct TypeGlue {
+    std::size_t size;  // bytes
+    std::size_t alignment;
+    VelType (*base)();  // null for none
+    AttributeGlue const* attributes;
+
+    // Copy-constructs *src into dst, or default-constructs when src is null.
+    void (*genericIfConstruct)(void* dst, void const* src);
+    // Constructs from the arguments that the pointers designate; a type without constructor arguments ignores them.
+    void (*genericIfConstructFromCtorArgs)(void* dst, void const* const* arguments);
+    void (*genericIfDestruct)(void* value);
+    String (*genericIfStrRep)(void const* value, VelType type);
+    // Assigns the parsed value; *dst is unchanged when the text does not parse (ParseException).
+    void (*genericIfStrepToValue)(void* dst, String const& text, VelType type);
+    U32 (*genericIfHash)(void const* value, VelType type);  // throws UnhashableException
+    // `result` receives the outcome (null: nobody wants it), `other` is the second value of a comparison or the key of
+    // a collection, `arg` the new value of a set or the array of pointers to a call's arguments. Of an entity, `object`
+    // is its Vel::Entity.
+    int (*genericIfAttributeOp)(
+        void* result, void* object, VelAttr attr, AttributeOp op, void const* other, void const* arg);
+    void (*write)(NboAttrLog::Out& out, void const* value);
+    void (*read)(void* dst, NboAttrLog::In& in);  // assigns; throws StreamException
+    std::size_t (*attrLogSize)(void const* value);
+    // Creates an entity for a directory; throws NewEntityArgsException when arguments are given that it does not take.
+    // Null for a type that cannot be created.
+    Ptr<PtrInterface> (*newEntity)(String const& name, void const* const* arguments);
+    AllocTrackTypeInfo* allocTrack;  // of an entity type; else null
+};
+
+class VEL_API GenericIfImpl {
+public:
+    // The `have` view of an object whose type is `want`, given its address. Throws TypeException unless `want` is or
+    // derives from `have`; a polymorphic `have` within a `want` that is not is an assertion failure.
+    static void* genericIfVoidPtrIs(void* object, VelType have, VelType want);
+    [[noreturn]] static void throwTypeException(VelType type);
+    [[noreturn]] static void throwUnhashableException(VelType type);
+};
+
+// A value of any registered value type.
+class VEL_API GenericValue {
+public:
+    explicit GenericValue(VelType type);             // the default value. Throws TypeException for an entity type.
+    GenericValue(VelType type, String const& text);  // throws ParseException
+    GenericValue(VelType type, NboAttrLog::In& in);  // throws StreamException
+    GenericValue(GenericValue const& other);
+    GenericValue(GenericValue&&) noexcept = default;
+    GenericValue& operator=(GenericValue other) noexcept;
+    ~GenericValue();
+
+    VelType type() const { return type_; }
+    void* data() { return storage_.get(); }
+    void const* data() const { return storage_.get(); }
+    String strep() const { return type_.glue().genericIfStrRep(data(), type_); }
+    U32 hash() const { return type_.glue().genericIfHash(data(), type_); }
+    std::size_t attrLogSize() const { return type_.glue().attrLogSize(data()); }
+    // The value of an attribute; nothing when it cannot be read.
+    std::optional<GenericValue> get(VelAttr attr) const;
+    // Outcome of an operation on the value as a whole that yields a bool; nothing when the type does not answer it.
+    std::optional<bool> test(AttributeOp op, GenericValue const* other = nullptr) const;
+
+private:
+    struct Free {
+        std::size_t alignment;
+        void operator()(void* memory) const { ::operator delete(memory, std::align_val_t(alignment)); }
+    };
+    VelType type_;
+    std::unique_ptr<void, Free> storage_;
+};
+
+template <class T> VelType typeOf() { return Contract<T>::type(); }
+
+}  // namespace Vel

@@ -1,0 +1,95 @@
+#include "Vel/NotifieeList.h"
+
+#include "Vel/Entity.h"
+
+#include <algorithm>
+#include <vector>
+
+namespace Vel {
+
+// Invariants:
+// 1. entries[i]->index_ == i for every entry that is not null.
+// 2. Null entries (observers that have gone) exist only while a visit runs.
+// 3. A block whose list is gone lives on until the visits that run over it have ended, with no entries.
+struct NotifieeBlock {
+    std::vector<Notifiee*> entries;
+    NotifieeList* list = nullptr;
+    unsigned visits = 0;  // running, one within the other
+    bool holes = false;
+};
+
+namespace {
+
+// Ends a visit, also when an observer throws.
+class Visit {
+public:
+    explicit Visit(NotifieeBlock& block) : block_(block) { ++block_.visits; }
+    Visit(Visit const&) = delete;
+    Visit& operator=(Visit const&) = delete;
+    ~Visit() {
+        if (--block_.visits != 0) return;
+        if (!block_.list)
+            delete &block_;
+        else if (block_.holes)
+            std::erase(block_.entries, nullptr);
+    }
+
+private:
+    NotifieeBlock& block_;
+};
+
+}  // namespace
+
+Notifiee::~Notifiee() { notifierIs(nullptr); }
+
+void Notifiee::handleAttribute(AttributeId attribute, NotifieeKey const&) { handleAttribute(attribute); }
+
+void Notifiee::notifierIs(Entity const* notifier) {
+    if (block_) {
+        NotifieeBlock& block = *block_;
+        block_ = nullptr;
+        block.entries[index_] = nullptr;
+        block.holes = true;
+    }
+    if (notifier) notifier->notifieeList()->add(*this);
+}
+
+void NotifieeList::add(Notifiee& notifiee) {
+    if (!block_) {
+        block_ = new NotifieeBlock;
+        block_->list = this;
+    }
+    block_->entries.push_back(&notifiee);
+    notifiee.block_ = block_;
+    notifiee.index_ = block_->entries.size() - 1;
+}
+
+void NotifieeList::deleteAll() noexcept {
+    if (!block_) return;
+    NotifieeBlock* const block = std::exchange(block_, nullptr);
+    for (Notifiee* const notifiee : block->entries)
+        if (notifiee) notifiee->block_ = nullptr;
+    block->entries.clear();
+    block->list = nullptr;
+    if (block->visits == 0) delete block;
+}
+
+std::size_t NotifieeList::size() const noexcept {
+    return block_ ? block_->entries.size() - static_cast<std::size_t>(std::ranges::count(block_->entries, nullptr)) : 0;
+}
+
+void NotifieeList::visitAll(AttributeId attribute, NotifieeKey const* key) {
+    NotifieeBlock& block = *block_;
+    Visit const visit(block);
+    std::size_t const count = block.entries.size();
+    for (std::size_t i = 0; i < count && i < block.entries.size(); ++i) {
+        Notifiee* const notifiee = block.entries[i];
+        if (!notifiee) continue;
+        if (key)
+            notifiee->handleAttribute(attribute, *key);
+        else
+            notifiee->handleAttribute(attribute);
+    }
+}
+
+}  // namespace Vel

@@ -1,0 +1,279 @@
+#pragma once
+
+#include "Vel/Describe.h"
+#include "Vel/NboAttrLog.h"
+#include "Vel/Strep.h"
+
+#include <iosfwd>
+
+// What every described value type offers, derived from its description. A type's header includes this; a namespace of
+// value types takes the free functions in with
+//
+//     using Vel::valueToStrep;
+//     using Vel::operator<<;
+//
+// and a class adds the two constructors that read a value:
+//
+//     T(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) { Vel::parse(*this, it, end); }
+//     T(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
+namespace Vel {
+
+class VelType;
+
+// --- scalars ---
+
+// Name, width in the attribute log (bytes; of a string, without its characters) and conversion in the text template.
+template <class T> struct Scalar;
+template <> struct Scalar<U1> {
+    static constexpr std::string_view name = "U1", conversion = "%s";
+    static constexpr std::size_t width = 1;
+};
+template <> struct Scalar<bool> {
+    static constexpr std::string_view name = "bool", conversion = "%s";
+    static constexpr std::size_t width = 1;
+};
+template <> struct Scalar<U8> {
+    static constexpr std::string_view name = "U8", conversion = "%u";
+    static constexpr std::size_t width = 1;
+};
+template <> struct Scalar<U16> {
+    static constexpr std::string_view name = "U16", conversion = "%u";
+    static constexpr std::size_t width = 2;
+};
+template <> struct Scalar<U32> {
+    static constexpr std::string_view name = "U32", conversion = "%u";
+    static constexpr std::size_t width = 4;
+};
+template <> struct Scalar<U64> {
+    static constexpr std::string_view name = "U64", conversion = "%lu";
+    static constexpr std::size_t width = 8;
+};
+template <> struct Scalar<F64> {
+    static constexpr std::string_view name = "F64", conversion = "%s";
+    static constexpr std::size_t width = 8;
+};
+template <> struct Scalar<Seconds> {
+    static constexpr std::string_view name = "Vel::Seconds", conversion = "%s";
+    static constexpr std::size_t width = 8;
+};
+template <> struct Scalar<String> {
+    static constexpr std::string_view name = "Vel::String", conversion = "%s";
+    static constexpr std::size_t width = 4;
+};
+template <class T>
+concept ScalarValue = requires {
+    Scalar<T>::width;
+};
+
+// --- what the module's source instantiates ---
+
+// The parts of a type's contract that are worth compiling once: VEL_MODULE instantiates them where the type's module
+// stands, and everybody else only calls them.
+template <class T> struct VEL_API Contract {
+    static VelType type();  // T's type record
+    static void print(StrepOut& out, T const& value);
+    static void print(std::ostream& out, T const& value);
+    static void parse(T& value, String::IteratorConst& it, String::IteratorConst const& end);
+};
+
+// --- text ---
+
+// Constructor's work: sets every field to its zero, then parses the text form at `it`, which moves behind it.
+// Throws ParseException.
+template <class T> void parse(T& value, String::IteratorConst& it, String::IteratorConst const& end) {
+    Contract<T>::parse(value, it, end);
+}
+
+template <DescribedValue T> T sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, T* type) {
+    if constexpr (hasOption<T, OptionId::text>)
+        return OptionOf<T, OptionId::text>::parse(it, end, type);
+    else
+        return T(it, end);
+}
+
+// Appends the text form.
+template <DescribedValue T> StrepOut& operator<<(StrepOut& out, T const& value) {
+    Contract<T>::print(out, value);
+    return out;
+}
+template <DescribedValue T> String valueToStrep(T const& value) {
+    StrepOut out;
+    Contract<T>::print(out, value);
+    return out.str();
+}
+// The text form; a number goes through the stream's own integer output, base and width included.
+template <DescribedValue T> std::ostream& operator<<(std::ostream& out, T const& value) {
+    Contract<T>::print(out, value);
+    return out;
+}
+
+// Parses the whole of `s`. Throws ParseException, also when anything follows the value. The pointer selects the type.
+template <class T> T strepToValue(String const& s, T* type = nullptr) {
+    auto it = s.begin();
+    T value = sequenceToValue(it, s.end(), type);
+    strepToValueEnd(s, it);
+    return value;
+}
+
+// --- stream ---
+
+namespace Detail {
+
+// The width of a value whose encoding always has the same length; 0 for others.
+template <class T> constexpr std::size_t fixedWidth() {
+    if constexpr (std::is_same_v<T, String>) {
+        return 0;
+    } else if constexpr (ScalarValue<T>) {
+        return Scalar<T>::width;
+    } else if constexpr (!DescribedValue<T>) {
+        return 0;
+    } else if constexpr (hasOption<T, OptionId::stream>) {
+        return 0;
+    } else {
+        std::size_t sum = 0;
+        bool fixed = true;
+        forEachField<T>([&](auto index) {
+            constexpr std::size_t width = fixedWidth<FieldType<T, decltype(index)::value>>();
+            sum += width;
+            fixed = fixed && width != 0;
+        });
+        return fixed ? sum : 0;
+    }
+}
+
+template <class T, class F> constexpr void eachFieldValue(T& value, F&& f) {
+    forEachField<std::remove_const_t<T>>(
+        [&](auto index) { f(value.*AttributeAt<std::remove_const_t<T>, decltype(index)::value>::member, index); });
+}
+
+template <class T> inline U8* storeFixed(U8* to, T const& value) {
+    if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, U1>)
+        *to = value ? 1 : 0;
+    else if constexpr (std::is_same_v<T, double>)
+        NboAttrLog::store(to, std::bit_cast<U64>(value));
+    else if constexpr (std::is_same_v<T, Seconds>)
+        NboAttrLog::store(to, std::bit_cast<U64>(value.value()));
+    else if constexpr (ScalarValue<T>)
+        NboAttrLog::store(to, value);
+    else
+        eachFieldValue(value, [&](auto const& field, auto) { to = storeFixed(to, field); });
+    if constexpr (ScalarValue<T>) to += Scalar<T>::width;
+    return to;
+}
+
+// Reads what storeFixed wrote; `good` becomes false at a bool that is neither 0 nor 1.
+template <class T> inline U8 const* loadFixed(U8 const* from, T& value, bool& good) {
+    if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, U1>) {
+        good = good && *from <= 1;
+        value = *from != 0;
+    } else if constexpr (std::is_same_v<T, double> || std::is_same_v<T, Seconds>) {
+        value = std::bit_cast<double>(NboAttrLog::load<U64>(from));
+    } else if constexpr (ScalarValue<T>) {
+        value = NboAttrLog::load<T>(from);
+    } else {
+        eachFieldValue(value, [&](auto& field, auto) { from = loadFixed(from, field, good); });
+    }
+    if constexpr (ScalarValue<T>) from += Scalar<T>::width;
+    return from;
+}
+
+template <class T> T nextItem(NboAttrLog::In& in);
+
+[[noreturn]] VEL_API VEL_COLD void throwStreamExceptionNaming(
+    StreamException const& error, std::string_view typeName, std::string_view attributeName);
+
+template <class T> void readByItems(T& value, NboAttrLog::In& in) {
+    eachFieldValue(value, [&](auto& field, auto index) {
+        try {
+            field = nextItem<std::remove_cvref_t<decltype(field)>>(in);
+        } catch (StreamException const& error) {
+            throwStreamExceptionNaming(error, descriptionOf<T>.name, attributeName<T, decltype(index)::value>());
+        }
+    });
+}
+// Apart, so that the way of a whole value stays short.
+template <class T> VEL_COLD void readByItemsCold(T& value, NboAttrLog::In& in) { readByItems(value, in); }
+
+template <class T> T nextItem(NboAttrLog::In& in) {
+    if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, U1>)
+        return in.nextbool();
+    else if constexpr (std::is_same_v<T, U8>)
+        return in.nextU8();
+    else if constexpr (std::is_same_v<T, U16>)
+        return in.nextU16();
+    else if constexpr (std::is_same_v<T, U32>)
+        return in.nextU32();
+    else if constexpr (std::is_same_v<T, U64>)
+        return in.nextU64();
+    else if constexpr (std::is_same_v<T, F64>)
+        return in.nextF64();
+    else if constexpr (std::is_same_v<T, Seconds>)
+        return in.nextSeconds();
+    else if constexpr (std::is_same_v<T, String>)
+        return in.nextString();
+    else
+        return T(&in, StreamBogon());
+}
+
+}  // namespace Detail
+
+// Writes the fields in declaration order, and nothing else.
+template <DescribedValue T> inline NboAttrLog::Out& operator<<(NboAttrLog::Out& out, T const& value) {
+    constexpr std::size_t width = Detail::fixedWidth<T>();
+    if constexpr (hasOption<T, OptionId::stream>)
+        OptionOf<T, OptionId::stream>::write(out, value);
+    else if constexpr (width != 0)
+        Detail::storeFixed(out.append(width), value);
+    else
+        Detail::eachFieldValue(value, [&](auto const& field, auto) { out << field; });
+    return out;
+}
+
+// Constructor's work: reads what operator<< wrote. Throws StreamException, which names the type and the attribute.
+template <class T> inline void read(T& value, NboAttrLog::In& in) {
+    constexpr std::size_t width = Detail::fixedWidth<T>();
+    if constexpr (hasOption<T, OptionId::stream>) {
+        OptionOf<T, OptionId::stream>::read(value, in);
+    } else if constexpr (width != 0) {
+        NboAttrLog::In const before = in;
+        bool good = true;
+        U8 const* const bytes = in.take(width);
+        if (bytes) [[likely]]
+            Detail::loadFixed(bytes, value, good);
+        if (!bytes || !good) [[unlikely]] {
+            in = before;
+            Detail::readByItemsCold(value, in);
+        }
+    } else {
+        Detail::readByItems(value, in);
+    }
+}
+
+// The value's length in the attribute log, in bytes.
+template <class T> std::size_t attrLogSize(T const* value) {
+    constexpr std::size_t width = Detail::fixedWidth<T>();
+    if constexpr (width != 0) {
+        return width;
+    } else if constexpr (std::is_same_v<T, String>) {
+        return 4 + value->length();
+    } else if constexpr (hasOption<T, OptionId::stream>) {
+        return OptionOf<T, OptionId::stream>::size(*value);
+    } else {
+        std::size_t sum = 0;
+        Detail::eachFieldValue(*value, [&](auto const& field, auto) { sum += attrLogSize(&field); });
+        return sum;
+    }
+}
+
+// --- hash ---
+
+// The hash of a record: every field mixed in declaration order by its width.
+template <class T> constexpr U32 hashFields(T const& value, U32 seed) {
+    Hash hash(seed);
+    Detail::eachFieldValue(value, [&](auto const& field, auto) {
+        hash.template hashMix<static_cast<unsigned>(Detail::fixedWidth<std::remove_cvref_t<decltype(field)>>())>(field);
+    });
+    return hash.result();
+}
+
+}  // namespace Vel

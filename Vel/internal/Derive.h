@@ -1,0 +1,7 @@
+#pragma once
+
+#include "Vel/internal/DeriveGlue.h"
+#include "Vel/internal/DeriveTable.h"
+#include "Vel/internal/DeriveText.h"
+
+// What VEL_MODULE derives from descriptions: the text form, the glue, the table.

@@ -1,0 +1,211 @@
+#pragma once
+
+#include "Vel/Value.h"
+#include "Vel/internal/Scan.h"
+
+#include <algorithm>
+#include <ostream>
+
+// Printing and parsing, derived from a description.
+namespace Vel::Detail {
+
+// A text composed at compile time.
+template <std::size_t N> struct FixedText {
+    char data[N + 1] = {};
+    constexpr std::string_view view() const { return {data, N}; }
+};
+
+template <class... Parts> constexpr std::size_t totalSize(Parts... parts) {
+    return (std::size_t(0) + ... + parts.size());
+}
+template <std::size_t N, class... Parts> constexpr FixedText<N> concatenated(Parts... parts) {
+    FixedText<N> text;
+    char* to = text.data;
+    ((to = std::copy(parts.begin(), parts.end(), to)), ...);
+    return text;
+}
+
+template <class T, std::size_t I> constexpr bool isFirstField() {
+    bool first = true;
+    forEachField<T>([&](auto index) {
+        if (index < I) first = false;
+    });
+    return first;
+}
+
+// What stands before a record's field: "Value('T', ** {'first': " or ", 'later': ".
+template <class T, std::size_t I> constexpr auto textBefore() {
+    using namespace std::string_view_literals;
+    constexpr auto name = attributeName<T, I>();
+    if constexpr (isFirstField<T, I>()) {
+        constexpr auto type = descriptionOf<T>.name;
+        constexpr std::size_t size = totalSize("Value('"sv, type, "', ** {"sv, "'"sv, name, "': "sv);
+        return concatenated<size>("Value('"sv, type, "', ** {"sv, "'"sv, name, "': "sv);
+    } else {
+        return concatenated<totalSize(", '"sv, name, "': "sv)>(", '"sv, name, "': "sv);
+    }
+}
+inline constexpr std::string_view textAfterFields = "})";
+
+// The longest text of a value; 0 when there is no limit known here.
+template <class T> constexpr std::size_t maxText() {
+    if constexpr (std::is_same_v<T, String>) {
+        return 0;
+    } else if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, U1>) {
+        return Scan::maxBool;
+    } else if constexpr (std::is_same_v<T, F64> || std::is_same_v<T, Seconds>) {
+        return Scan::maxDouble;
+    } else if constexpr (ScalarValue<T>) {
+        return Scan::maxUnsigned;
+    } else if constexpr (hasOption<T, OptionId::text>) {
+        return 0;
+    } else {
+        std::size_t sum = textAfterFields.size();
+        bool limited = true;
+        forEachField<T>([&](auto index) {
+            constexpr std::size_t I = decltype(index)::value;
+            constexpr std::size_t field = maxText<FieldType<T, I>>();
+            sum += textBefore<T, I>().view().size() + field;
+            limited = limited && field != 0;
+        });
+        return limited ? sum : 0;
+    }
+}
+
+inline char* copied(char* to, std::string_view text) {
+    std::memcpy(to, text.data(), text.size());
+    return to + text.size();
+}
+
+// Writes a value whose text is limited into room that suffices.
+template <class T> char* writeText(char* to, T const& value) {
+    if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, U1>) {
+        return Scan::writeBool(to, value);
+    } else if constexpr (std::is_same_v<T, F64>) {
+        return Scan::writeDouble(to, value);
+    } else if constexpr (std::is_same_v<T, Seconds>) {
+        return Scan::writeDouble(to, value.value());
+    } else if constexpr (ScalarValue<T>) {
+        return Scan::writeUnsigned(to, value);
+    } else if constexpr (DescriptionOf<T>::form == Form::number) {
+        eachFieldValue(value, [&](auto const& field, auto) { to = writeText(to, field); });
+        return to;
+    } else {
+        eachFieldValue(value, [&](auto const& field, auto index) {
+            static constexpr auto before = textBefore<T, decltype(index)::value>();
+            to = writeText(copied(to, before.view()), field);
+        });
+        return copied(to, textAfterFields);
+    }
+}
+
+template <class T> void printValue(StrepOut& out, T const& value) {
+    constexpr std::size_t most = maxText<T>();
+    if constexpr (most != 0) {
+        out.endIs(writeText(out.room(most), value));
+    } else if constexpr (std::is_same_v<T, String>) {
+        out.endIs(Scan::writeString(out.room(2 + 4 * value.length()), value));
+    } else if constexpr (hasOption<T, OptionId::text>) {
+        out << std::invoke(OptionOf<T, OptionId::text>::print, value).view();
+    } else {
+        eachFieldValue(value, [&](auto const& field, auto index) {
+            static constexpr auto before = textBefore<T, decltype(index)::value>();
+            out << before.view();
+            printValue(out, field);
+        });
+        out << textAfterFields;
+    }
+}
+
+// The quick way of a parse: returns the end of the value, or null when anything is amiss. The slow way finds out what.
+template <class T> char const* readText(char const* from, char const* end, T& value);
+
+inline char const* readLiteral(char const* from, char const* end, std::string_view literal) {
+    bool const matches = static_cast<std::size_t>(end - from) >= literal.size() &&
+                         std::memcmp(from, literal.data(), literal.size()) == 0;
+    return matches ? from + literal.size() : nullptr;
+}
+
+template <class T> inline constexpr bool quicklyParsed = false;
+template <ScalarValue T> inline constexpr bool quicklyParsed<T> = true;
+
+template <class T> constexpr bool hasQuickFields() {
+    bool quick = true;
+    forEachField<T>([&](auto index) { quick = quick && quicklyParsed<FieldType<T, decltype(index)::value>>; });
+    return quick;
+}
+
+template <class T> char const* readScalar(char const* from, char const* end, T& value) {
+    if constexpr (std::is_same_v<T, bool>) {
+        return Scan::readBool(from, end, value);
+    } else if constexpr (std::is_same_v<T, U1>) {
+        bool flag = false;
+        from = Scan::readBool(from, end, flag);
+        value = flag;
+        return from;
+    } else if constexpr (std::is_same_v<T, F64>) {
+        return Scan::readDouble(from, end, value);
+    } else if constexpr (std::is_same_v<T, Seconds>) {
+        double seconds = 0;
+        from = Scan::readDouble(from, end, seconds);
+        value = seconds;
+        return from;
+    } else if constexpr (std::is_same_v<T, String>) {
+        return Scan::readString(from, end, value);
+    } else {
+        return Scan::readUnsigned(from, end, value);
+    }
+}
+
+template <class T> char const* readRecord(char const* from, char const* end, T& value) {
+    bool good = true;
+    eachFieldValue(value, [&](auto& field, auto index) {
+        if (!good) return;
+        static constexpr auto before = textBefore<T, decltype(index)::value>();
+        from = readLiteral(from, end, before.view());
+        if (from) from = readScalar(from, end, field);
+        good = from != nullptr;
+    });
+    return good ? readLiteral(from, end, textAfterFields) : nullptr;
+}
+
+// Piece by piece of the same template as the printer's; throws at the first piece that does not match.
+template <class T> VEL_COLD void parseRecord(T& value, String::IteratorConst& it, String::IteratorConst const& end) {
+    using namespace std::string_view_literals;
+    eachFieldValue(value, [&](auto& field, auto index) {
+        constexpr std::size_t I = decltype(index)::value;
+        static constexpr auto before = textBefore<T, I>();
+        constexpr std::size_t opening =
+            isFirstField<T, I>() ? totalSize("Value('"sv, descriptionOf<T>.name, "', ** {"sv) : 0;
+        if constexpr (opening != 0) {
+            static constexpr auto open = concatenated<opening>(before.view().substr(0, opening));
+            needString(it, end, open.data);
+        }
+        needString(it, end, before.data + opening);
+        static constexpr auto name = concatenated<attributeName<T, I>().size()>(attributeName<T, I>());
+        field = deserializeAttr<std::remove_cvref_t<decltype(field)>>(it, end, name.data);
+    });
+    needString(it, end, textAfterFields.data());
+}
+
+template <class T> void parseValue(T& value, String::IteratorConst& it, String::IteratorConst const& end) {
+    eachFieldValue(value, [](auto& field, auto) { field = std::remove_cvref_t<decltype(field)>(); });
+    if constexpr (DescriptionOf<T>::form == Form::number) {
+        eachFieldValue(value, [&](auto& field, auto index) {
+            static constexpr auto name = concatenated<attributeName<T, decltype(index)::value>().size()>(
+                attributeName<T, decltype(index)::value>());
+            field = deserializeAttr<std::remove_cvref_t<decltype(field)>>(it, end, name.data);
+        });
+    } else {
+        if constexpr (hasQuickFields<T>()) {
+            if (char const* const stop = readRecord(it.charPtr(), end.charPtr(), value)) [[likely]] {
+                it.charPtrIs(stop);
+                return;
+            }
+            eachFieldValue(value, [](auto& field, auto) { field = std::remove_cvref_t<decltype(field)>(); });
+        }
+        parseRecord(value, it, end);
+    }
+}
+
+}  // namespace Vel::Detail
