@@ -1,5 +1,6 @@
 #include "Vel/Assert.h"
 
+#undef NDEBUG  // which hides the declaration of the function that fails
 #include <cassert>
 #include <string>
 
