@@ -107,6 +107,17 @@ TEST(NboAttrLogOutTest, AReusedOutDoesNotAllocate) {
     }
 }
 
+TEST(NboAttrLogOutTest, GrowsByDoubling) {
+    Out out;
+    int growths = 0;
+    for (int i = 0; i < 100000; ++i) {
+        std::size_t const before = out.capacity();
+        out << U8(0);
+        if (out.capacity() != before) ++growths;
+    }
+    EXPECT_LE(growths, 12);  // 64 bytes doubled eleven times
+}
+
 TEST(NboAttrLogOutTest, ReservedRoomIsNotAllocatedAgain) {
     Out out(1000);
     EXPECT_GE(out.capacity(), 1000u);
