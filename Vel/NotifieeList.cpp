@@ -2,20 +2,28 @@
 
 #include "Vel/Entity.h"
 
-#include <algorithm>
+#include <utility>
 #include <vector>
 
 namespace Vel {
 
 // Invariants:
 // 1. entries[i]->index_ == i for every entry that is not null.
-// 2. Null entries (observers that have gone) exist only while a visit runs.
+// 2. Null entries (observers that have gone) are counted by `holes`; while no visit runs they are at most half of all.
 // 3. A block whose list is gone lives on until the visits that run over it have ended, with no entries.
 struct NotifieeBlock {
     std::vector<Notifiee*> entries;
     NotifieeList* list = nullptr;
     unsigned visits = 0;  // running, one within the other
-    bool holes = false;
+    std::size_t holes = 0;
+
+    // Half, so that many observers that go one by one are not moved up each time. Visits count on places not moving.
+    void closeHoles() noexcept {
+        if (visits != 0 || 2 * holes <= entries.size()) return;
+        std::erase(entries, nullptr);
+        for (std::size_t i = 0; i < entries.size(); ++i) entries[i]->index_ = i;
+        holes = 0;
+    }
 };
 
 namespace {
@@ -30,8 +38,8 @@ public:
         if (--block_.visits != 0) return;
         if (!block_.list)
             delete &block_;
-        else if (block_.holes)
-            std::erase(block_.entries, nullptr);
+        else
+            block_.closeHoles();
     }
 
 private:
@@ -49,7 +57,8 @@ void Notifiee::notifierIs(Entity const* notifier) {
         NotifieeBlock& block = *block_;
         block_ = nullptr;
         block.entries[index_] = nullptr;
-        block.holes = true;
+        ++block.holes;
+        block.closeHoles();
     }
     if (notifier) notifier->notifieeList()->add(*this);
 }
@@ -70,13 +79,12 @@ void NotifieeList::deleteAll() noexcept {
     for (Notifiee* const notifiee : block->entries)
         if (notifiee) notifiee->block_ = nullptr;
     block->entries.clear();
+    block->holes = 0;
     block->list = nullptr;
     if (block->visits == 0) delete block;
 }
 
-std::size_t NotifieeList::size() const noexcept {
-    return block_ ? block_->entries.size() - static_cast<std::size_t>(std::ranges::count(block_->entries, nullptr)) : 0;
-}
+std::size_t NotifieeList::size() const noexcept { return block_ ? block_->entries.size() - block_->holes : 0; }
 
 void NotifieeList::visitAll(AttributeId attribute, NotifieeKey const* key) {
     NotifieeBlock& block = *block_;

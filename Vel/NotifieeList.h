@@ -51,6 +51,7 @@ public:
 
 private:
     friend class NotifieeList;
+    friend struct NotifieeBlock;
     struct NotifieeBlock* block_ = nullptr;
     std::size_t index_ = 0;  // in the block
 };
