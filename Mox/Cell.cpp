@@ -263,4 +263,4 @@ Vel::String mountpath(char const* name, unsigned int cellId) { return path(name,
 
 }  // namespace Cell
 
-VEL_MODULE(Cell, 89e6ccbf1c496941, Cell::CellId, Cell::Status);
+VEL_MODULE(Cell, 19cb44e4cf43408a, Cell::CellId, Cell::Status);

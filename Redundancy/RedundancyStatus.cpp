@@ -13,4 +13,4 @@ Vel::Ptr<RedundancyStatus> redundancyStatusFactory(Vel::String const& name) {
 
 }  // namespace Redundancy
 
-VEL_MODULE(RedundancyStatus, b7570ef5257a8489, Redundancy::RedundancyStatus);
+VEL_MODULE(RedundancyStatus, d91e8bc9a3c1ea22, Redundancy::RedundancyStatus);

@@ -83,4 +83,4 @@ Ptr<Dir> globalDir() {
 
 }  // namespace Vel
 
-VEL_MODULE(Dir, d736dcb467c8b8b9, Vel::Entity, Vel::Dir);
+VEL_MODULE(Dir, 77ce780858828e86, Vel::Entity, Vel::Dir);

@@ -146,7 +146,7 @@ void GenericIfImpl::throwUnhashableException(VelType type) {
 namespace {
 
 void* allocateFor(VelType type) {
-    if (type.isEntity()) GenericIfImpl::throwTypeException(type);
+    if (!type || type.isEntity()) GenericIfImpl::throwTypeException(type);
     return ::operator new(type.glue().size, std::align_val_t(type.glue().alignment));
 }
 
@@ -189,6 +189,8 @@ std::optional<GenericValue> GenericValue::get(VelAttr attr) const {
 }
 
 std::optional<bool> GenericValue::test(AttributeOp op, GenericValue const* other) const {
+    bool const comparison = op == AttributeOp::equal || op == AttributeOp::less;
+    if (op != AttributeOp::truth && !(comparison && other && other->type() == type_)) return std::nullopt;
     bool result = false;
     int const code = type_.glue().genericIfAttributeOp(
         &result, const_cast<void*>(data()), VelAttr(), op, other ? other->data() : nullptr, nullptr);

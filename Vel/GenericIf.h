@@ -144,7 +144,8 @@ public:
 // A value of any registered value type.
 class VEL_API GenericValue {
 public:
-    explicit GenericValue(VelType type);             // the default value. Throws TypeException for an entity type.
+    // The default value. Throws TypeException for the null type and for an entity type.
+    explicit GenericValue(VelType type);
     GenericValue(VelType type, String const& text);  // throws ParseException
     GenericValue(VelType type, NboAttrLog::In& in);  // throws StreamException
     GenericValue(GenericValue const& other);
@@ -160,7 +161,7 @@ public:
     std::size_t attrLogSize() const { return type_.glue().attrLogSize(data()); }
     // The value of an attribute; nothing when it cannot be read.
     std::optional<GenericValue> get(VelAttr attr) const;
-    // Outcome of an operation on the value as a whole that yields a bool; nothing when the type does not answer it.
+    // Outcome of truth, or of equal or less with another value of the type; nothing when the type does not answer it.
     std::optional<bool> test(AttributeOp op, GenericValue const* other = nullptr) const;
 
 private:

@@ -178,17 +178,20 @@ template <class T> constexpr bool offersLess() {
 }
 
 template <class T> bool equalValues(T const& a, T const& b) {
-    if constexpr (Described<T>) {
-        if constexpr (hasOption<T, OptionId::equality>)
-            return std::invoke(OptionOf<T, OptionId::equality>::function, a, b);
-    }
-    if constexpr (EqualityByOperator<T>) return a == b;
+    if constexpr (!Described<T>)
+        return a == b;
+    else if constexpr (hasOption<T, OptionId::equality>)
+        return std::invoke(OptionOf<T, OptionId::equality>::function, a, b);
+    else
+        return a == b;
 }
 template <class T> bool lessValue(T const& a, T const& b) {
-    if constexpr (Described<T>) {
-        if constexpr (hasOption<T, OptionId::less>) return std::invoke(OptionOf<T, OptionId::less>::function, a, b);
-    }
-    return a < b;
+    if constexpr (!Described<T>)
+        return a < b;
+    else if constexpr (hasOption<T, OptionId::less>)
+        return std::invoke(OptionOf<T, OptionId::less>::function, a, b);
+    else
+        return a < b;
 }
 
 // The arithmetic operations that a description offers, as bits of ops.
@@ -214,7 +217,9 @@ template <class... O> struct ArithmeticOf<std::tuple<O...>> {
         }
         return false;
     }
-    template <class T> static bool applyAny(void* result, T const& value, AttributeOp op, void const* other) {
+    template <class T>
+    static bool applyAny([[maybe_unused]] void* result, [[maybe_unused]] T const& value,
+        [[maybe_unused]] AttributeOp op, [[maybe_unused]] void const* other) {
         return (false || ... || apply<O>(result, value, op, other));
     }
 };
@@ -261,12 +266,14 @@ template <class T> int valueOp(void* result, void* object, AttributeOp op, void 
 
 // --- entities ---
 
+// What an entity type derives from: what its description says, else Entity itself.
 template <class T> constexpr auto baseTypeOf() {
-    if constexpr (DescribedEntity<T>)
-        if constexpr (hasOption<T, OptionId::base>)
-            return std::type_identity<typename OptionOf<T, OptionId::base>::Type>();
-        else
-            return std::type_identity<void>();
+    if constexpr (!DescribedEntity<T>)
+        return std::type_identity<void>();
+    else if constexpr (hasOption<T, OptionId::base>)
+        return std::type_identity<typename OptionOf<T, OptionId::base>::Type>();
+    else if constexpr (!std::is_same_v<T, Entity>)
+        return std::type_identity<Entity>();
     else
         return std::type_identity<void>();
 }

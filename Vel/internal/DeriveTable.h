@@ -157,6 +157,7 @@ template <class T> constexpr U16 typeFlags() {
         if constexpr (DescribedEntity<T>) flags |= TypeFlag::entity;
         if constexpr (DescriptionOf<T>::form == Form::number) flags |= TypeFlag::number;
         if constexpr (hasOption<T, OptionId::text>) flags |= TypeFlag::ownText;
+        if constexpr (hasOption<T, OptionId::stream>) flags |= TypeFlag::ownStream;
         if constexpr (hasOption<T, OptionId::hash>) flags |= TypeFlag::hashable;
         if constexpr (std::is_polymorphic_v<T>) flags |= TypeFlag::polymorphic;
         if constexpr (std::is_abstract_v<T>) flags |= TypeFlag::abstract;
@@ -272,8 +273,8 @@ template <class T> constexpr void spellType(Fnv& hash) {
     unsigned form = 3;
     if constexpr (Described<T>) form = static_cast<unsigned>(DescriptionOf<T>::form);
     hash << "type " << typeName<T>() << " form " << U32(form) << " base " << orDash(TypeNameOf<BaseType<T>>::value)
-         << " flags " << U32(typeFlags<T>() & (TypeFlag::ownText | TypeFlag::hashable)) << " ops " << valueOps<T>()
-         << "\n";
+         << " flags " << U32(typeFlags<T>() & (TypeFlag::ownText | TypeFlag::ownStream | TypeFlag::hashable)) << " ops "
+         << valueOps<T>() << "\n";
     forEachAttributeOf<T>([&](auto const& a, auto index) {
         using A = std::remove_cvref_t<decltype(a)>;
         hash << "attribute " << firstAttributeId<T>() + static_cast<U32>(decltype(index)::value) << " " << a.name

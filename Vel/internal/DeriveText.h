@@ -118,8 +118,6 @@ template <class T> void printValue(StrepOut& out, T const& value) {
 }
 
 // The quick way of a parse: returns the end of the value, or null when anything is amiss. The slow way finds out what.
-template <class T> char const* readText(char const* from, char const* end, T& value);
-
 inline char const* readLiteral(char const* from, char const* end, std::string_view literal) {
     bool const matches = static_cast<std::size_t>(end - from) >= literal.size() &&
                          std::memcmp(from, literal.data(), literal.size()) == 0;

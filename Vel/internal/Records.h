@@ -26,7 +26,7 @@ static_assert(sizeof(TypeRecord) == 16);
 namespace TypeFlag {
 
 inline constexpr U16 entity = 1, polymorphic = 2, number = 4, ownText = 8, hashable = 16, fixedSize = 32, abstract = 64,
-                     scalar = 128;
+                     scalar = 128, ownStream = 256;
 
 }
 
