@@ -38,6 +38,7 @@ function(mox_library target namespace)
         "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>" "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
     set_target_properties(${target} PROPERTIES
         POSITION_INDEPENDENT_CODE ON
+        DEFINE_SYMBOL ""  # no source asks; without it shared and static compile alike, once through ccache
         VERSION ${PROJECT_VERSION}
         SOVERSION ${PROJECT_VERSION_MAJOR}
         INSTALL_RPATH "$ORIGIN")
