@@ -26,7 +26,8 @@ inline constexpr AttributeId firstValueAttributeId = 2;
 inline constexpr AttributeId firstEntityAttributeId = 258;
 
 // A one-bit flag. A type of its own, and no alias of bool, so that it can be parsed and registered by its own name.
-class U1 {
+// Exported, like Seconds, since a template over a hidden type is hidden too.
+class VEL_API U1 {
 public:
     constexpr U1() = default;
     template <std::same_as<bool> B>  // no pointer or number turns into a flag unnoticed
@@ -48,7 +49,7 @@ concept Duration = requires(D d) {
 
 // A time stamp (seconds since 1970-01-01 00:00 UTC) or a duration, in seconds.
 // Compares as its double does: a NaN is unequal to everything, itself included.
-class Seconds {
+class VEL_API Seconds {
 public:
     constexpr Seconds() = default;
     constexpr Seconds(double seconds) : value_(seconds) {}
