@@ -1,0 +1,100 @@
+#pragma once
+
+#include "Vel/Module.h"
+#include "Vel/Value.h"
+
+#include <cmath>
+#include <cstdio>
+#include <random>
+#include <string>
+#include <vector>
+
+// The record of most benchmarks, and sets of values of it. One program is one source file: the source that includes
+// this is the home of the module.
+namespace Bench {
+
+// Whether something holds, how often that changed, and when last.
+class ConditionOrCountStat {
+public:
+    constexpr ConditionOrCountStat() = default;
+    constexpr ConditionOrCountStat(bool current, Vel::U32 changes, Vel::Seconds lastChange)
+        : current_(current), changes_(changes), lastChange_(lastChange) {}
+    ConditionOrCountStat(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) {
+        Vel::parse(*this, it, end);
+    }
+    ConditionOrCountStat(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
+
+    constexpr bool current() const { return current_; }
+    constexpr Vel::U32 changes() const { return changes_; }
+    constexpr Vel::Seconds lastChange() const { return lastChange_; }
+
+    friend bool operator==(ConditionOrCountStat const&, ConditionOrCountStat const&) = default;
+
+    static constexpr auto description() {
+        return Vel::record("Bench::ConditionOrCountStat", Vel::field<&ConditionOrCountStat::current_>("current"),
+            Vel::field<&ConditionOrCountStat::changes_>("changes"),
+            Vel::field<&ConditionOrCountStat::lastChange_>("lastChange"));
+    }
+
+private:
+    bool current_ = false;
+    Vel::U32 changes_ = 0;
+    Vel::Seconds lastChange_;
+};
+
+inline constexpr char format[] =
+    "Value('Bench::ConditionOrCountStat', ** {'current': %s, 'changes': %u, 'lastChange': %.17g})";
+
+// How printf writes the value, into at least 256 bytes; returns the length.
+inline int printed(char* to, ConditionOrCountStat const& v) {
+    return std::snprintf(to, 256, format, v.current() ? "True" : "False", v.changes(), v.lastChange().value());
+}
+
+// Whether printf's 17 digits are also the shortest that read back: only such values are fair to compare, since printf
+// cannot find the shortest. About half of all doubles are of this kind.
+inline bool printfAgrees(ConditionOrCountStat const& v) {
+    char text[256];
+    int const size = printed(text, v);
+    return Vel::valueToStrep(v).view() == std::string_view(text, static_cast<std::size_t>(size));
+}
+
+struct ValueSet {
+    std::string name;
+    std::vector<ConditionOrCountStat> values;  // `count` of them
+    static constexpr std::size_t count = 256;  // a power of two; more than the branch predictor learns by heart
+};
+
+template <class Make> ValueSet valueSet(char const* name, Make make) {
+    ValueSet set{name, {}};
+    std::mt19937_64 random(42);
+    while (set.values.size() < ValueSet::count) {
+        ConditionOrCountStat const value = make(random);
+        if (printfAgrees(value)) set.values.push_back(value);
+    }
+    return set;
+}
+
+inline std::vector<ValueSet> valueSets() {
+    using Random = std::mt19937_64;
+    return {
+        valueSet("small numbers",  // 7, 12.125
+            [](Random& r) {
+                return ConditionOrCountStat(r() % 2, Vel::U32(r() % 100), double(r() % 100) + double(r() % 7 + 1) / 8);
+            }),
+        valueSet("microsecond time stamps",  // 1834203, 1700000000.123457
+            [](Random& r) {
+                return ConditionOrCountStat(
+                    r() % 2, Vel::U32(r() >> (32 + r() % 32)), (1.7e15 + double(r() % 100000000000000)) / 1e6);
+            }),
+        valueSet("random doubles",  // 1834203, 6832.8457310295671; 17 digits, no exponent
+            [](Random& r) {
+                double const unit = double(r() >> 11) / double(1ul << 53);
+                return ConditionOrCountStat(
+                    r() % 2, Vel::U32(r() >> (32 + r() % 32)), std::pow(10.0, double(r() % 18) - 3) * (1 + 8 * unit));
+            }),
+    };
+}
+
+}  // namespace Bench
+
+VEL_MODULE(Bench, 398e6b30a58e8883, Bench::ConditionOrCountStat);

@@ -1,0 +1,172 @@
+// The text of a record: printing and parsing.
+
+#include "Bench.h"
+#include "ConditionOrCountStat.h"
+
+#include <charconv>
+#include <cstring>
+#include <iterator>
+
+#include <fmt/compile.h>
+#include <fmt/format.h>
+
+namespace {
+
+using Bench::ConditionOrCountStat;
+using Bench::ValueSet;
+
+// --- printing ---
+
+template <class Buffer> void printWithFmt(Buffer& to, ConditionOrCountStat const& v) {
+    // A bool as Python spells it, and {fmt}'s shortest decimal.
+    fmt::format_to(std::back_inserter(to),
+        FMT_COMPILE("Value('Bench::ConditionOrCountStat', ** {{'current': {}, 'changes': {}, 'lastChange': {}}})"),
+        v.current() ? "True" : "False", v.changes(), v.lastChange().value());
+}
+
+void addPrinting(ValueSet const& set) {
+    std::string const group = "print/" + set.name;
+    auto const values = set.values;
+    constexpr std::size_t mask = ValueSet::count - 1;
+
+    Bench::add(group, "Vel::StrepOut, reused", [values](benchmark::State& state) {
+        Vel::StrepOut out;
+        std::size_t i = 0;
+        for (auto _ : state) {
+            out.clear();
+            out << values[i++ & mask];
+            benchmark::DoNotOptimize(out.view().data());
+            benchmark::ClobberMemory();
+        }
+    });
+    Bench::add(group, "Vel::String", [values](benchmark::State& state) {
+        std::size_t i = 0;
+        for (auto _ : state) benchmark::DoNotOptimize(Vel::valueToStrep(values[i++ & mask]).charPtr());
+    });
+    Bench::add(group, "snprintf", [values](benchmark::State& state) {
+        char text[256];
+        std::size_t i = 0;
+        for (auto _ : state) {
+            benchmark::DoNotOptimize(Bench::printed(text, values[i++ & mask]));
+            benchmark::ClobberMemory();
+        }
+    });
+    Bench::add(group, "fmt::format_to, reused buffer", [values](benchmark::State& state) {
+        fmt::memory_buffer out;
+        std::size_t i = 0;
+        for (auto _ : state) {
+            out.clear();
+            printWithFmt(out, values[i++ & mask]);
+            benchmark::DoNotOptimize(out.data());
+            benchmark::ClobberMemory();
+        }
+    });
+    Bench::add(group, "fmt::format_to, std::string", [values](benchmark::State& state) {
+        std::size_t i = 0;
+        for (auto _ : state) {
+            fmt::memory_buffer out;
+            printWithFmt(out, values[i++ & mask]);
+            benchmark::DoNotOptimize(fmt::to_string(out).data());
+        }
+    });
+}
+
+// --- parsing ---
+
+bool parseWithScanf(char const* text, ConditionOrCountStat& value) {
+    char current[6];
+    unsigned changes = 0;
+    double lastChange = 0;
+    int end = 0;
+    int const fields = std::sscanf(text,
+        "Value('Bench::ConditionOrCountStat', ** {'current': %5[TrueFals], 'changes': %u, 'lastChange': %lf})%n",
+        current, &changes, &lastChange, &end);
+    if (fields != 3 || text[end] != '\0') return false;
+    value = {std::strcmp(current, "True") == 0, changes, lastChange};
+    return true;
+}
+
+// What somebody writes by hand for just this record; it takes any number that std::from_chars takes.
+bool parseByHand(std::string_view text, ConditionOrCountStat& value) {
+    auto const skip = [&text](std::string_view literal) {
+        if (!text.starts_with(literal)) return false;
+        text.remove_prefix(literal.size());
+        return true;
+    };
+    auto const number = [&text](auto& to) {
+        auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), to);
+        text.remove_prefix(static_cast<std::size_t>(end - text.data()));
+        return error == std::errc();
+    };
+    if (!skip("Value('Bench::ConditionOrCountStat', ** {'current': ")) return false;
+    bool const current = skip("True");
+    if (!current && !skip("False")) return false;
+    unsigned changes = 0;
+    double lastChange = 0;
+    if (!skip(", 'changes': ") || !number(changes)) return false;
+    if (!skip(", 'lastChange': ") || !number(lastChange)) return false;
+    if (!skip("})") || !text.empty()) return false;
+    value = {current, changes, lastChange};
+    return true;
+}
+
+void addParsing(ValueSet const& set) {
+    std::string const group = "parse/" + set.name;
+    std::vector<Vel::String> texts;
+    for (auto const& value : set.values) texts.push_back(Vel::valueToStrep(value));
+    constexpr std::size_t mask = ValueSet::count - 1;
+
+    Bench::add(group, "Vel::strepToValue", [texts](benchmark::State& state) {
+        std::size_t i = 0;
+        for (auto _ : state) {
+            auto const value = Vel::strepToValue<ConditionOrCountStat>(texts[i++ & mask]);
+            benchmark::DoNotOptimize(value);
+        }
+    });
+    Bench::add(group, "sscanf", [texts](benchmark::State& state) {
+        std::size_t i = 0;
+        for (auto _ : state) {
+            ConditionOrCountStat value;
+            benchmark::DoNotOptimize(parseWithScanf(texts[i++ & mask].charPtr(), value));
+            benchmark::DoNotOptimize(value);
+        }
+    });
+    Bench::add(group, "by hand, std::from_chars", [texts](benchmark::State& state) {
+        std::size_t i = 0;
+        for (auto _ : state) {
+            ConditionOrCountStat value;
+            benchmark::DoNotOptimize(parseByHand(texts[i++ & mask].view(), value));
+            benchmark::DoNotOptimize(value);
+        }
+    });
+}
+
+void checkAgreement(ValueSet const& set) {
+    for (auto const& value : set.values) {
+        char text[256];
+        std::string_view const wanted(text, static_cast<std::size_t>(Bench::printed(text, value)));
+        Vel::StrepOut out;
+        out << value;
+        Bench::requireSame(out.view(), wanted, "Vel::StrepOut");
+        Bench::requireSame(Vel::valueToStrep(value).view(), wanted, "Vel::valueToStrep");
+        fmt::memory_buffer buffer;
+        printWithFmt(buffer, value);
+        Bench::requireSame({buffer.data(), buffer.size()}, wanted, "fmt::format_to");
+        ConditionOrCountStat byScanf;
+        ConditionOrCountStat byHand;
+        Bench::require(parseWithScanf(text, byScanf) && byScanf == value, "sscanf");
+        Bench::require(parseByHand(wanted, byHand) && byHand == value, "by hand");
+        Bench::require(Vel::strepToValue<ConditionOrCountStat>(wanted) == value, "Vel::strepToValue");
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    for (ValueSet const& set : Bench::valueSets()) {
+        checkAgreement(set);
+        addPrinting(set);
+        addParsing(set);
+    }
+    return Bench::run(argc, argv);
+}
