@@ -17,7 +17,7 @@ public:
 
     constexpr U16 value() const { return value_; }
     constexpr void valueIs(U16 value) & { value_ = value; }
-    constexpr void valueInc(U16 n) & { value_ = static_cast<U16>(value_ + n); } // modulo 2^16
+    constexpr void valueInc(U16 n) & { value_ = static_cast<U16>(value_ + n); }  // modulo 2^16
 
     friend constexpr bool operator==(Seqno16, Seqno16) = default;
     constexpr bool operator<(Seqno16 other) const { return (static_cast<U16>(value_ - other.value_) & 0x8000u) != 0; }
@@ -40,7 +40,7 @@ public:
 
     constexpr U32 value() const { return value_; }
     constexpr void valueIs(U32 value) & { value_ = value; }
-    constexpr void valueInc(U32 n) & { value_ += n; } // modulo 2^32
+    constexpr void valueInc(U32 n) & { value_ += n; }  // modulo 2^32
 
     friend constexpr bool operator==(Seqno32, Seqno32) = default;
     constexpr bool operator<(Seqno32 other) const { return ((value_ - other.value_) & 0x80000000u) != 0; }
@@ -54,4 +54,4 @@ private:
     U32 value_ = 0;
 };
 
-} // namespace Mox
+}  // namespace Mox

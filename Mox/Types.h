@@ -22,4 +22,4 @@ using StrepIterator = Vel::String::IteratorConst;
 using LogIn = Vel::NboAttrLog::In;
 using Vel::StreamBogon;
 
-} // namespace Mox
+}  // namespace Mox

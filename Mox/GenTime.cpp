@@ -1,0 +1,5 @@
+#include "Mox/GenTime.h"
+
+#include "Vel/Module.h"
+
+VEL_MODULE(GenTime, fccc10043bff97d9, Mox::GenTime);

@@ -1,0 +1,11 @@
+#pragma once
+
+// The whole library.
+#include "Mox/Cell.h"
+#include "Mox/Events.h"
+#include "Mox/GenTime.h"
+#include "Mox/Generation.h"
+#include "Mox/MaybeTypes.h"
+#include "Mox/Seqno.h"
+#include "Mox/TristateTypes.h"
+#include "Mox/UniqueId.h"
