@@ -134,6 +134,7 @@ public:
     }
 
     static void* operator new(std::size_t size) {
+        static_assert(alignof(T) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__, "entities have ordinary alignment");
         void* const memory = PtrInterface::velMemAlloc(size);
         typeOf<T>().glue().allocTrack->_trackAllocation(size, alignof(T));
         return memory;

@@ -34,8 +34,8 @@ public:
     std::size_t size() const { return static_cast<std::size_t>(at_ - begin_); }
     void clear() { at_ = begin_; }
 
-    StrepOut& operator<<(std::string_view text) {
-        if (text.empty()) return *this;  // its data may be null, which memcpy must not be given
+    StrepOut& operator<<(std::string_view text) {  // REQUIRES: text is not a part of this
+        if (text.empty()) return *this;            // its data may be null, which memcpy must not be given
         char* const to = room(text.size());
         std::memcpy(to, text.data(), text.size());
         at_ = to + text.size();
@@ -63,6 +63,7 @@ private:
 template <std::unsigned_integral T>
 requires(!std::same_as<T, bool>) String valueToStrep(T value);
 template <std::same_as<bool> B> String valueToStrep(B value);
+template <std::signed_integral T> String valueToStrep(T value) = delete;  // would print as a double
 VEL_API String valueToStrep(U1 value);
 VEL_API String valueToStrep(double value);
 VEL_API String valueToStrep(Seconds value);

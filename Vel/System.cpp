@@ -1,8 +1,10 @@
 #include "Vel/System.h"
 
+#include <atomic>
 #include <cstdlib>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -12,7 +14,23 @@ char const* SystemCalls::getenv(char const* name) { return std::getenv(name); }
 int SystemCalls::open(char const* path, int flags) { return ::open(path, flags | O_CLOEXEC); }
 ssize_t SystemCalls::read(int file, void* buffer, std::size_t size) { return ::read(file, buffer, size); }
 int SystemCalls::close(int file) { return ::close(file); }
-pid_t SystemCalls::getpid() { return ::getpid(); }
+
+namespace {
+
+std::atomic<pid_t> cachedPid = 0;  // 0: not asked yet
+
+}  // namespace
+
+// Asked once a process: the call is a trip into the kernel. A forked child asks again.
+pid_t SystemCalls::getpid() {
+    pid_t pid = cachedPid.load(std::memory_order_relaxed);
+    if (pid == 0) [[unlikely]] {
+        static bool const registered = ::pthread_atfork(nullptr, nullptr, [] { cachedPid = 0; }) == 0;
+        pid = ::getpid();
+        if (registered) cachedPid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
+}
 
 double SystemCalls::currentTime() {
     timespec now{};

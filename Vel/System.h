@@ -17,7 +17,7 @@ public:
     virtual int open(char const* path, int flags);
     virtual ssize_t read(int file, void* buffer, std::size_t size);
     virtual int close(int file);
-    virtual pid_t getpid();
+    virtual pid_t getpid();        // fork() is noticed; a raw clone(2) that skips its handlers is not
     virtual double currentTime();  // seconds since 1970-01-01 00:00 UTC
     virtual ~SystemCalls();
 

@@ -125,7 +125,9 @@ U64 microseconds(double time) {
 void appendEscaped(std::string& out, std::string_view text) {
     for (char const c : text) {
         auto const byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte != 0x7F)
+        if (c == '\\')
+            out += "\\\\";
+        else if (byte >= 0x20 && byte != 0x7F)
             out += c;
         else if (c == '\n')
             out += "\\n";

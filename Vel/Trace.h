@@ -14,7 +14,8 @@
 //     VELTRACE="Cell/0,PrefixTrie/8-9"    facility/levels, separated by commas; "*" stands for every facility or level
 //     VELTRACEFILE=/tmp/trace             append there instead of writing to standard error
 //
-// A record is one line: UTC time, process id, facility/level, file:line, function, text.
+// A record is one line: UTC time, process id, facility/level, file:line, function, text. A
+// backslash in the text is doubled, control bytes are escaped.
 namespace Vel {
 
 // One facility of one source module. Define it at namespace scope; it configures itself on first use:
@@ -91,6 +92,8 @@ public:
     TraceStream& operator<<(std::string const& text) { return append(text); }
     template <std::same_as<bool> B> TraceStream& operator<<(B value) { return append(value ? "True" : "False"); }
     TraceStream& operator<<(U32 value);
+    template <std::integral T>
+    requires(!std::same_as<T, bool>) TraceStream& operator<<(T value) = delete;  // would lose bits or its sign
     std::string_view text() const { return text_; }
 
 private:
