@@ -1,0 +1,85 @@
+#pragma once
+
+#include "Vel/GenericIf.h"
+#include "Vel/NboAttrLog.h"
+#include "Vel/Value.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// What tests of value types share. Bytes are written as pairs of lower-case hexadecimal digits: "0000002a".
+
+inline std::string hexOf(std::span<Vel::U8 const> bytes) {
+    std::string text;
+    for (auto const byte : bytes)
+        for (int const digit : {byte >> 4, byte & 15}) text += "0123456789abcdef"[digit];
+    return text;
+}
+
+inline std::vector<Vel::U8> bytesOf(std::string_view hex) {
+    auto const digit = [](char c) {
+        auto const at = std::string_view("0123456789abcdef").find(c);
+        if (at == std::string_view::npos) throw std::invalid_argument("not a hexadecimal digit");
+        return static_cast<unsigned>(at);
+    };
+    if (hex.size() % 2 != 0) throw std::invalid_argument("an odd number of hexadecimal digits");
+    std::vector<Vel::U8> bytes;
+    for (std::size_t i = 0; i < hex.size(); i += 2)
+        bytes.push_back(static_cast<Vel::U8>(digit(hex[i]) << 4 | digit(hex[i + 1])));
+    return bytes;
+}
+
+template <class T> std::string writtenHex(T const& value) {
+    Vel::NboAttrLog::Out out;
+    out << value;
+    return hexOf(out.bytes());
+}
+
+// The message of the parse exception for a text as a whole; a failed test when it is accepted.
+template <class T> std::string parseError(std::string const& text) {
+    try {
+        Vel::strepToValue<T>(text, nullptr);
+    } catch (Vel::ParseException const& error) {
+        return error.what();
+    }
+    ADD_FAILURE() << "accepted: " << text;
+    return {};
+}
+
+// An operation by reflection on a value, or on an attribute of it by id; the code that it returns.
+template <class T, class R = void>
+int valueOp(T& value, Vel::AttributeOp op, R* result = nullptr, T const* other = nullptr) {
+    return Vel::typeOf<T>().glue().genericIfAttributeOp(result, &value, {}, op, other, nullptr);
+}
+template <class T, class R = void>
+int attributeOp(T& value, Vel::AttributeId id, Vel::AttributeOp op, R* result = nullptr, void const* arg = nullptr) {
+    auto const attr = Vel::typeOf<T>().attributeOfId(id);
+    return Vel::typeOf<T>().glue().genericIfAttributeOp(
+        result, &value, attr ? *attr : Vel::VelAttr(Vel::typeOf<T>(), id), op, nullptr, arg);
+}
+
+// A type's attributes, as "2 value field get set U16": id, name, kind, what can be asked, the value's type.
+inline std::vector<std::string> attributesOf(Vel::VelType type) {
+    using Vel::AttributeOp;
+    static constexpr char const* kinds[] = {
+        "field", "derived", "constant", "setter", "method", "collection", "ctorParam", "declared", "entityAttribute"};
+    std::vector<std::string> lines;
+    for (Vel::U32 i = 0; i < type.attributeCount(); ++i) {
+        auto const attr = type.attribute(i);
+        std::string line =
+            std::to_string(attr.attributeId()) + " " + attr.name() + " " + kinds[static_cast<std::size_t>(attr.kind())];
+        for (auto const& [op, name] :
+            {std::pair(AttributeOp::get, "get"), std::pair(AttributeOp::set, "set"), std::pair(AttributeOp::del, "del"),
+                std::pair(AttributeOp::count, "count"), std::pair(AttributeOp::changeCounter, "changeCounter"),
+                std::pair(AttributeOp::exists, "exists"), std::pair(AttributeOp::call, "call")})
+            if (attr.answers(op)) line += std::string(" ") + name;
+        if (attr.valueType()) line += std::string(" ") + attr.valueType().name();
+        lines.push_back(line);
+    }
+    return lines;
+}
