@@ -29,7 +29,7 @@ private:
 
 }  // namespace Weather
 
-VEL_MODULE(Weather, a0807ffaec53fe09, Weather::Station);
+VEL_MODULE(Weather, e551e81d65563a2a, Weather::Station);
 
 int main() {
     auto const weather = Vel::ptr_cast<Vel::Dir>(Vel::globalDir()->createEntity("Vel::Dir", "weather"));
