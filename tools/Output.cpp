@@ -1,0 +1,148 @@
+#include "tools/Output.h"
+
+#include "Vel/Strep.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <unistd.h>
+
+namespace Tool {
+
+namespace {
+
+bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }
+bool continuesCharacter(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }  // in UTF-8
+
+std::string escaped(std::string_view text) {
+    std::string out;
+    for (char const c : text) {
+        if (isControl(c) && c != '\n')
+            out += Vel::format("\\x%02x", static_cast<unsigned char>(c)).view();
+        else
+            out += c;
+    }
+    return out;
+}
+
+// Characters on the screen. Escape sequences for colour count for nothing; wide characters are taken for narrow ones.
+std::size_t width(std::string_view text) {
+    std::size_t count = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\x1b')
+            i = std::min(text.find('m', i), text.size());
+        else if (!continuesCharacter(text[i]))
+            ++count;
+    }
+    return count;
+}
+
+bool isSet(char const* variable) {
+    char const* const value = std::getenv(variable);
+    return value && *value;
+}
+
+bool useColour() {
+    static bool const answer = [] {
+        char const* const terminal = std::getenv("TERM");
+        return ::isatty(STDOUT_FILENO) == 1 && !isSet("NO_COLOR") && terminal && std::string_view(terminal) != "dumb";
+    }();
+    return answer;
+}
+
+std::string coloured(std::string_view code, std::string_view text) {
+    if (!useColour()) return std::string(text);
+    return "\x1b[" + std::string(code) + "m" + std::string(text) + "\x1b[0m";
+}
+
+}  // namespace
+
+void complain(std::string_view text) {
+    std::string const line = "mox: " + escaped(text) + "\n";
+    std::fwrite(line.data(), 1, line.size(), stderr);
+}
+
+void print(std::string_view text) {
+    if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0) return;
+    throw Failure(somethingWrong, std::string("cannot write the answer: ") + std::strerror(errno));
+}
+
+std::string jsonText(Json const& answer) { return answer.dump(2, ' ', false, Json::error_handler_t::replace) + "\n"; }
+
+std::string bold(std::string_view text) { return coloured("1", text); }
+std::string red(std::string_view text) { return coloured("31", text); }
+
+std::string shown(std::string_view text) {
+    bool const plain = !text.empty() && std::none_of(text.begin(), text.end(), isControl) && text.front() != ' ' &&
+                       text.back() != ' ' && text.front() != '\'';
+    return plain ? std::string(text) : Vel::valueToStrep(Vel::String(text)).stdString();
+}
+
+std::string shortened(std::string text, std::size_t size) {
+    if (text.size() <= size) return text;
+    std::string const all = std::to_string(text.size());
+    while (size > 0 && continuesCharacter(text[size])) --size;
+    text.resize(size);
+    return text + "... (" + all + " bytes in all)";
+}
+
+std::string inHex(unsigned char const* bytes, std::size_t size) {
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(3 * size);
+    for (std::size_t i = 0; i < size; ++i) {
+        if (i != 0) out += ' ';
+        out += digits[bytes[i] >> 4];
+        out += digits[bytes[i] & 15];
+    }
+    return out;
+}
+
+std::string joined(std::vector<std::string> const& texts, std::string_view separator) {
+    std::string out;
+    for (std::string const& text : texts) {
+        if (!out.empty()) out += separator;
+        out += text;
+    }
+    return out;
+}
+
+std::string caretBelow(std::string_view text, std::size_t offset) {
+    constexpr std::size_t before = 50, behind = 25;  // bytes to show
+    offset = std::min(offset, text.size());
+    std::size_t begin = offset > before ? offset - before : 0;
+    std::size_t end = std::min(text.size(), offset + behind);
+    while (begin > 0 && continuesCharacter(text[begin])) --begin;
+    while (end < text.size() && continuesCharacter(text[end])) ++end;
+    std::string const cutBefore = begin > 0 ? "..." : "", cutBehind = end < text.size() ? "..." : "";
+    std::string line(text.substr(begin, end - begin));
+    std::replace_if(line.begin(), line.end(), isControl, ' ');
+    std::size_t const column = cutBefore.size() + width(std::string_view(line).substr(0, offset - begin));
+    return "    " + cutBefore + line + cutBehind + "\n    " + std::string(column, ' ') + "^";
+}
+
+std::string Table::text() const {
+    std::vector<std::size_t> widths;
+    for (auto const& row : rows_) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (std::size_t i = 0; i + 1 < row.size(); ++i) widths[i] = std::max(widths[i], width(row[i]));
+    }
+    std::string out;
+    for (auto const& row : rows_) {
+        std::string line = indent_;
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            line += row[i];
+            if (i + 1 < row.size()) line.append(widths[i] - width(row[i]) + 2, ' ');
+        }
+        line.erase(line.find_last_not_of(' ') + 1);
+        out += line + "\n";
+    }
+    return out;
+}
+
+}  // namespace Tool

@@ -1,0 +1,212 @@
+#include "tools/Commands.h"
+#include "tools/HexText.h"
+#include "tools/Isolated.h"
+#include "tools/Names.h"
+#include "tools/Output.h"
+
+#include "Vel/Exception.h"
+#include "Vel/GenericIf.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+#include <unistd.h>
+
+namespace Tool {
+
+namespace {
+
+using Vel::AttributeKind;
+using Vel::AttributeOp;
+using Vel::GenericValue;
+using Vel::VelAttr;
+using Vel::VelType;
+
+// --- input ---
+
+constexpr std::size_t longestInput = 16u << 20;  // bytes
+
+// Without its last newline, which is what the shell's tools add.
+std::string standardInput() {
+    std::string text;
+    char buffer[65536];
+    ssize_t n = 0;
+    while ((n = ::read(STDIN_FILENO, buffer, sizeof buffer)) != 0) {
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) throw Failure(somethingWrong, std::string("cannot read standard input: ") + std::strerror(errno));
+        text.append(buffer, static_cast<std::size_t>(n));
+        if (text.size() > longestInput)
+            throw Failure(somethingWrong, "standard input holds more than 16 MiB, which no value needs");
+    }
+    if (text.ends_with('\n')) text.pop_back();
+    return text;
+}
+
+std::string input(std::string const& argument) { return argument == "-" ? standardInput() : argument; }
+
+// The T of a text that begins "Value('T', "; empty for any other.
+std::string_view typeNameIn(std::string_view text) {
+    constexpr std::string_view begin = "Value('";
+    if (!text.starts_with(begin)) return {};
+    text.remove_prefix(begin.size());
+    auto const end = text.find('\'');
+    return end == std::string_view::npos ? std::string_view() : text.substr(0, end);
+}
+
+VelType valueTypeNamed(std::string_view name) {
+    VelType const type = typeNamed(name);
+    if (type.isEntity())
+        throw Failure(badUsage, std::string(name) +
+                                    " is an entity, which is no value and has no text form; \"mox types " +
+                                    type.name() + "\" shows its attributes");
+    return type;
+}
+
+VelType typeFor(ValueOptions const& options, std::string_view text) {
+    if (!options.type.empty()) return valueTypeNamed(options.type);
+    std::string_view const name = typeNameIn(text);
+    if (name.empty())
+        throw Failure(badUsage, "the text does not name its type, as Value('TYPE', ...) does; say --type TYPE "
+                                "(\"mox types\" lists them)");
+    return valueTypeNamed(name);
+}
+
+// A type may have texts or bytes that break a precondition of its operations, which ends the process; its assertion has
+// just been printed. The answer is printed at the very end, so nothing of it has been seen.
+extern "C" void explainAbort(int) {
+    static constexpr char text[] = "mox: this breaks a precondition of the type, as the assertion above says\n";
+    [[maybe_unused]] auto const written = ::write(STDERR_FILENO, text, sizeof text - 1);
+    ::_exit(somethingWrong);
+}
+
+GenericValue parsed(VelType type, std::string const& text) {
+    try {
+        return GenericValue(type, Vel::String(text));
+    } catch (Vel::ParseException const& error) {
+        throw Failure(somethingWrong,
+            "this is no " + std::string(type.name()) + ": " + error.what() + "\n" + caretBelow(text, error.offset()));
+    }
+}
+
+GenericValue decoded(VelType type, std::vector<unsigned char> const& bytes) {
+    Vel::NboAttrLog::In in(bytes);
+    auto const fail = [&](std::string const& why, std::size_t offset) -> Failure {
+        std::string const hex = inHex(bytes.data(), bytes.size());
+        return {somethingWrong, why + "\n" + caretBelow(hex, 3 * offset)};
+    };
+    try {
+        GenericValue value(type, in);
+        if (in.left() == 0) return value;
+    } catch (Vel::StreamException const& error) {
+        throw fail("these bytes are no " + std::string(type.name()) + ": " + error.what(), error.offset());
+    }
+    throw fail(std::to_string(in.left()) + (in.left() == 1 ? " byte is" : " bytes are") + " left over: a " +
+                   type.name() + " ends after " + std::to_string(in.offset()) + " of the " +
+                   std::to_string(bytes.size()),
+        in.offset());
+}
+
+GenericValue valueOf(ValueOptions const& options) {
+    if (options.text.has_value() == options.hex.has_value())
+        throw Failure(badUsage,
+            options.text ? "give a text or --hex, not both" : "give a text, --hex BYTES, or - for standard input");
+    if (options.hex && options.type.empty()) throw Failure(badUsage, "--hex needs --type TYPE: bytes name no type");
+    if (options.hex) {
+        VelType const type = valueTypeNamed(options.type);
+        return decoded(type, bytesFromHex(input(*options.hex)));
+    }
+    std::string const text = input(*options.text);
+    return parsed(typeFor(options, text), text);
+}
+
+// --- answer ---
+
+struct Field {
+    VelAttr attr;
+    std::string strep;
+};
+
+// A computed attribute may have preconditions (the first member of an empty set has no value).
+std::optional<std::string> strepOf(GenericValue const& value, VelAttr attr) {
+    auto const read = [&] {
+        auto const part = value.get(attr);
+        if (!part) throw Vel::TypeException("cannot be read");
+        return part->strep().stdString();
+    };
+    if (attr.kind() == AttributeKind::derived) return isolated(read);
+    return value.get(attr) ? std::optional(read()) : std::nullopt;
+}
+
+std::vector<Field> fieldsOf(GenericValue const& value) {
+    std::vector<Field> fields;
+    for (Vel::U32 i = 0; i < value.type().attributeCount(); ++i) {
+        VelAttr const attr = value.type().attribute(i);
+        bool const readable = attr.kind() != AttributeKind::collection && attr.answers(AttributeOp::get);
+        if (!readable) continue;
+        if (auto strep = strepOf(value, attr)) fields.push_back({attr, *std::move(strep)});
+    }
+    return fields;
+}
+
+std::string bytesHex(GenericValue const& value) {
+    Vel::NboAttrLog::Out out;
+    value.type().glue().write(out, value.data());
+    return inHex(out.data(), out.size());
+}
+
+std::string bytesText(std::size_t size) { return std::to_string(size) + (size == 1 ? " byte" : " bytes"); }
+
+char const* kindText(AttributeKind kind) {
+    if (kind == AttributeKind::field) return "field";
+    return kind == AttributeKind::constant ? "constant" : "derived";
+}
+
+std::string hashText(GenericValue const& value) { return Vel::format("%08x", value.hash()).stdString(); }
+
+std::string textOf(GenericValue const& value) {
+    constexpr std::size_t most = 4000;  // bytes of one entry
+    VelType const type = value.type();
+    auto const truth = value.test(AttributeOp::truth);
+    Table table;
+    table.add({"type", bold(type.name())});
+    table.add({"module", std::string(type.moduleName()) + " " + fingerprintText(type.moduleFingerprint())});
+    table.add({"text", shortened(value.strep().stdString(), most)});
+    table.add({"bytes", shortened(bytesHex(value), most)});
+    table.add({"encoded size", bytesText(value.attrLogSize())});
+    table.add({"hash", type.isHashable() ? hashText(value) : "-"});
+    table.add({"truth", !truth ? "-" : *truth ? "True" : "False"});
+    Table fields("  ");
+    fields.add({bold("attribute"), bold("kind"), bold("type"), bold("value")});
+    auto const all = fieldsOf(value);
+    for (auto const& [attr, strep] : all)
+        fields.add({attr.name(), kindText(attr.kind()), attr.valueType().name(), shortened(strep, most)});
+    return table.text() + (all.empty() ? "" : "\n" + fields.text());
+}
+
+Json jsonOf(GenericValue const& value) {
+    VelType const type = value.type();
+    auto const truth = value.test(AttributeOp::truth);
+    Json attributes = Json::array();
+    for (auto const& [attr, strep] : fieldsOf(value))
+        attributes.push_back({{"name", attr.name()}, {"kind", kindText(attr.kind())}, {"type", attr.valueType().name()},
+            {"text", strep}});
+    return {{"type", type.name()}, {"module", type.moduleName()},
+        {"fingerprint", fingerprintText(type.moduleFingerprint())}, {"text", value.strep().stdString()},
+        {"bytes", bytesHex(value)}, {"encodedSize", value.attrLogSize()},
+        {"hash", type.isHashable() ? Json(value.hash()) : Json()}, {"truth", truth ? Json(*truth) : Json()},
+        {"attributes", std::move(attributes)}};
+}
+
+}  // namespace
+
+int runValue(ValueOptions const& options) {
+    std::signal(SIGABRT, explainAbort);
+    GenericValue const value = valueOf(options);
+    print(options.json ? jsonText(jsonOf(value)) : textOf(value));
+    return fine;
+}
+
+}  // namespace Tool

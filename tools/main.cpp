@@ -1,0 +1,206 @@
+#include "tools/Commands.h"
+#include "tools/Output.h"
+
+#include <CLI/CLI.hpp>
+
+#include <charconv>
+#include <iostream>
+
+namespace {
+
+using namespace Tool;
+
+constexpr char about[] =
+    "Asks the Mox library: who this machine is, which types there are, what a value looks like as text and as bytes.";
+
+constexpr char examples[] = R"~(Examples:
+  mox cell                          which cell this is, which is active, and how we know
+  mox types                         all modules and their types
+  mox types Cell::Status            one type in full
+  mox value --type Mox::Seqno16 7   a value: its attributes, its bytes, its hash
+  mox COMMAND --help                more about one command, with examples
+
+Exit codes: 0 fine; 1 there is an answer, but something is wrong; 2 the command line is wrong.)~";
+
+constexpr char cellHelp[] =
+    R"~(Shows this machine's cell id, active cell, cell type, product, election manager support and CPU/BMC mode, each with the
+place that its value came from: an environment variable, a file, a redundancy status, the election manager's mode files,
+or a default. Values with control characters or blanks at an end are shown as quoted text.
+
+Examples:
+  mox cell                            this machine
+  CELLID=2 mox cell                   as a process sees it that has this variable
+  mox cell --root /mnt/image          as a machine with these files would say
+  mox cell --root /mnt/image --no-env the same, whatever the variables here
+  mox cell --redundancy-status 1      as if the redundancy service had published cell 1 as active
+  mox cell --trace                    with the steps of the resolution on standard error
+  mox cell --json | jq .activeCellId  for programs
+
+Each fact, its variable, its file and its default:
+  cell id                     CELLID                /etc/cellid               42
+  active cell                 ACTIVE_CELLID         redundancy status, mode files, own cell
+  cell type                   CELLTYPE              /etc/celltype             generic
+  product                     PRODUCT               /etc/product              generic
+  election manager supported  ELECTIONMGRSUPPORTED  /etc/electionMgrSupported FALSE
+  CPU/BMC mode                CPUBMCMODE            /etc/cpuBmcMode           FALSE
+The mode files: /sys/quelto/election_manager/local_redundancy_mode and peer_redundancy_mode, or those that
+REDSUPDUT_LOCAL_REDMODE and REDSUPDUT_PEER_REDMODE name, when both are set. Files are taken exactly as they stand: a
+trailing newline counts. Exit code 1 when a fact has no answer.)~";
+
+constexpr char typesHelp[] =
+    R"~(Lists the modules and their types, or shows one module, or one type with all its attributes.
+
+Examples:
+  mox types                                 every module, its fingerprint and its types
+  mox types Seqno                           one module
+  mox types Mox::Seqno16                    one type: text form, size, operations, attributes
+  mox types --json                          everything, for programs
+  mox --module ./libmytypes.so types        with the types of one more library
+
+Columns of attributes: id; name; kind (field, derived, constant, setter, method, collection, ...); type, for a collection
+"VALUE by KEY", for a method "(parameters) -> result"; the operations that the attribute answers.
+Exit code 1 when a module is refused, 2 when there is no such type or module.)~";
+
+constexpr char valueHelp[] =
+    R"~(Reads a value from its text form, or from its bytes, and shows what it is: its attributes, its text and byte forms, its
+hash, and whether it counts as true.
+
+Examples:
+  mox value --type Mox::Seqno16 7               a text that does not name its type
+  mox value "Value('TYPE', ** {'count': 3})"    one that does
+  mox value --type Vel::String "'two words'"    strings in single quotes, as in Python
+  mox value --type Mox::Seqno32 --hex 0000002a  bytes, in hexadecimal; blanks and colons may stand between
+  echo 7 | mox value --type U32 -               the text from standard input, without its last newline
+
+The text of a type: see "text form" in "mox types TYPE". Exit code 1 when text or bytes are not a value of the type.)~";
+
+// A number from 0 to 0xFFFFFFFF, or "none".
+std::uint32_t redundancyStatusFrom(std::string const& text) {
+    std::uint32_t id = 0xFFFFFFFFu;
+    if (text == "none") return id;
+    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), id);
+    if (error == std::errc() && end == text.data() + text.size()) return id;
+    throw Failure(
+        badUsage, "--redundancy-status: " + shown(text) + " is neither a number from 0 to 4294967295 nor none");
+}
+
+struct CommandLine {
+    CLI::App app{about, "mox"};
+    std::vector<std::string> modules;
+    CellOptions cell;
+    std::string redundancyStatus;
+    TypesOptions types;
+    ValueOptions value;
+    CLI::App* cellCommand = nullptr;
+    CLI::App* typesCommand = nullptr;
+    CLI::App* valueCommand = nullptr;
+
+    CommandLine() {
+        app.footer(examples);
+        app.require_subcommand(1);
+        app.get_formatter()->column_width(32);
+        app.set_version_flag("--version", "mox " MOX_VERSION, "Show the version and leave");
+        // One library a time, so that the command's name is not taken for another.
+        app.add_option("--module", modules, "Load a shared library of further types first; may be given several times")
+            ->type_name("LIB.so")
+            ->take_all()
+            ->expected(1)
+            ->allow_extra_args(false);
+        addCell();
+        addTypes();
+        addValue();
+        for (CLI::App* const command : {&app, cellCommand, typesCommand, valueCommand})
+            command->set_help_flag("-h,--help", "Show this and leave");
+    }
+
+    void addCell() {
+        cellCommand = app.add_subcommand("cell", "Who this machine is, and where we know it from")
+                          ->footer(cellHelp)
+                          ->fallthrough();
+        cellCommand->add_option("--root", cell.root, "Look for all files below this folder")->type_name("DIR");
+        cellCommand->add_flag("--no-env", cell.noEnvironment, "Take the environment's variables as unset");
+        cellCommand->add_option("--system", cell.system, "System name of the activity manager (default: ql)")
+            ->type_name("NAME");
+        cellCommand
+            ->add_option("--redundancy-status", redundancyStatus,
+                "Publish a redundancy status with this active cell first; none: not known")
+            ->type_name("ID|none");
+        cellCommand->add_flag("--trace", cell.trace, "Trace the resolution to standard error, as VELTRACE=Cell/0 does");
+        cellCommand->add_flag("--json", cell.json, "Answer in JSON");
+    }
+
+    void addTypes() {
+        typesCommand =
+            app.add_subcommand("types", "Which types there are, and all about one")->footer(typesHelp)->fallthrough();
+        typesCommand->add_option("NAME", types.name, "A type or a module; default: all")->type_name("");
+        typesCommand->add_flag("--json", types.json, "Answer in JSON");
+    }
+
+    void addValue() {
+        valueCommand = app.add_subcommand("value", "A value from its text or bytes: all its forms")
+                           ->footer(valueHelp)
+                           ->fallthrough();
+        valueCommand->add_option("TEXT", value.text, "The value's text form; - for standard input")->type_name("");
+        valueCommand->add_option("--type", value.type, "The value's type, when the text does not name it")
+            ->type_name("TYPE");
+        valueCommand->add_option("--hex", value.hex, "The value's bytes instead of a text; - for standard input")
+            ->type_name("BYTES");
+        valueCommand->add_flag("--json", value.json, "Answer in JSON");
+    }
+
+    int run() {
+        int const code = loadModules(modules);
+        return std::max(code, runCommand());
+    }
+
+    int runCommand() {
+        if (typesCommand->parsed()) return runTypes(types);
+        if (valueCommand->parsed()) return runValue(value);
+        if (!redundancyStatus.empty()) cell.redundancyStatus = redundancyStatusFrom(redundancyStatus);
+        return runCell(cell);
+    }
+
+    std::string missingCommand() const {
+        auto const rest = app.remaining();
+        if (rest.empty()) return "say what to do: cell, types or value; " + helpHint();
+        return "there is no command " + shortened(shown(rest[0]), 80) + ", only cell, types and value; " + helpHint();
+    }
+
+    std::string helpHint() const {
+        for (CLI::App const* const command : {cellCommand, typesCommand, valueCommand})
+            if (command->parsed()) return "see \"mox " + command->get_name() + " --help\"";
+        return "see \"mox --help\"";
+    }
+};
+
+int runMain(int argc, char** argv) {
+    CommandLine line;
+    try {
+        line.app.parse(argc, argv);
+        return line.run();
+    } catch (CLI::Success const& request) {  // --help, --version
+        return line.app.exit(request);
+    } catch (CLI::RequiredError const&) {
+        complain(line.missingCommand());
+        return badUsage;
+    } catch (CLI::ParseError const& error) {
+        complain(std::string(error.what()) + "; " + line.helpHint());
+        return badUsage;
+    } catch (Failure const& failure) {
+        complain(failure.what());
+        return failure.exitCode();
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return runMain(argc, argv);
+    } catch (std::bad_alloc const&) {
+        complain("out of memory");
+    } catch (std::exception const& error) {
+        complain(error.what());
+    }
+    return somethingWrong;
+}
