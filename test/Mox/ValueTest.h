@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -51,16 +51,15 @@ template <class T> std::string parseError(std::string const& text) {
     return {};
 }
 
-// An operation by reflection on a value, or on an attribute of it by id; the code that it returns.
-template <class T, class R = void>
-int valueOp(T& value, Vel::AttributeOp op, R* result = nullptr, T const* other = nullptr) {
+// An operation by reflection on a value as a whole, or on an attribute of it; the code that it returns.
+template <class T> int valueOp(T& value, Vel::AttributeOp op, void* result = nullptr, T const* other = nullptr) {
     return Vel::typeOf<T>().glue().genericIfAttributeOp(result, &value, {}, op, other, nullptr);
 }
-template <class T, class R = void>
-int attributeOp(T& value, Vel::AttributeId id, Vel::AttributeOp op, R* result = nullptr, void const* arg = nullptr) {
-    auto const attr = Vel::typeOf<T>().attributeOfId(id);
-    return Vel::typeOf<T>().glue().genericIfAttributeOp(
-        result, &value, attr ? *attr : Vel::VelAttr(Vel::typeOf<T>(), id), op, nullptr, arg);
+template <class T>
+int attributeOp(T& value, Vel::AttributeId id, Vel::AttributeOp op, void* result = nullptr, void const* arg = nullptr) {
+    auto const type = Vel::typeOf<T>();
+    auto const attr = type.attributeOfId(id).value_or(Vel::VelAttr(type, type.attributeCount()));
+    return type.glue().genericIfAttributeOp(result, &value, attr, op, nullptr, arg);
 }
 
 // A type's attributes, as "2 value field get set U16": id, name, kind, what can be asked, the value's type.
