@@ -180,7 +180,7 @@ TEST(CellIdTest, GlueHashesConstructsAndParses) {
 
 class CellModuleTest : public testing::Test {
 protected:
-    ModuleTable const table{"_Cell_89e6ccbf1c496941_velModule"};
+    ModuleTable const table{Vel::format("_Cell_%016lx_velModule", Vel::typeOf<CellId>().moduleFingerprint()).charPtr()};
 };
 
 TEST_F(CellModuleTest, TableIsExported) {
@@ -192,7 +192,7 @@ TEST_F(CellModuleTest, TableIsExported) {
 
 TEST_F(CellModuleTest, NamesAreListedInByteOrder) {
     ASSERT_TRUE(table);
-    EXPECT_EQ(table.typeNames(), "Cell::CellId\0Cell::Status\0U16\0Vel::String\0bool\0"s);
+    EXPECT_EQ(table.typeNames(), "Cell::CellId\0Cell::Status\0U16\0Vel::Entity\0Vel::String\0bool\0"s);
     EXPECT_EQ(table.attributeNames(), "\0activeCellId\0cellId\0cellType\0cpuBmcMode\0cpuBmcModeInitialized\0"
                                       "electionMgrSupported\0electionMgrSupportedInitialized\0"
                                       "hash\0id\0max\0product\0value\0"s);

@@ -1,0 +1,112 @@
+#include "ValueTest.h"
+
+#include "Vel/Exception.h"
+#include "Vel/Module.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <set>
+#include <string>
+#include <vector>
+
+// golden.tsv says what goes over the wire and into logs for values of every type. It is written by hand: a change that
+// makes a line fail breaks whoever reads what older programs wrote.
+namespace {
+
+struct Row {
+    unsigned line = 0;
+    std::string type, hex, text;
+};
+
+std::vector<Row> readRows() {
+    std::ifstream file(MOX_SOURCE_DIR "/test/Mox/golden.tsv");
+    std::vector<Row> rows;
+    Row row;
+    for (std::string line; std::getline(file, line);) {
+        ++row.line;
+        if (line.starts_with('#')) continue;
+        auto const first = line.find('\t');
+        auto const second = line.find('\t', first + 1);
+        if (second == std::string::npos) throw std::runtime_error("golden.tsv: bad line " + std::to_string(row.line));
+        row.type = line.substr(0, first);
+        row.hex = line.substr(first + 1, second - first - 1);
+        row.text = line.substr(second + 1);
+        rows.push_back(row);
+    }
+    return rows;
+}
+
+class GoldenTest : public testing::Test {
+protected:
+    // Calls check(type, row) for every row whose type is registered.
+    template <class F> static void forEachRow(F check) {
+        auto const rows = readRows();
+        EXPECT_FALSE(rows.empty());
+        for (Row const& row : rows) {
+            SCOPED_TRACE("golden.tsv:" + std::to_string(row.line) + ": " + row.type + " " + row.text);
+            auto const type = Vel::Registry::type(row.type);
+            EXPECT_TRUE(type) << "no module defines this type";
+            if (!type) continue;
+            try {
+                check(type, row);
+            } catch (std::exception const& error) {
+                ADD_FAILURE() << error.what();
+            }
+        }
+    }
+    static std::string hexOfValue(Vel::GenericValue const& value) {
+        Vel::NboAttrLog::Out out;
+        value.type().glue().write(out, value.data());
+        return hexOf(out.bytes());
+    }
+};
+
+TEST_F(GoldenTest, TextsGiveTheirBytes) {
+    forEachRow([](Vel::VelType type, Row const& row) {
+        Vel::GenericValue const value(type, row.text);
+        EXPECT_EQ(hexOfValue(value), row.hex);
+        EXPECT_EQ(value.attrLogSize(), row.hex.size() / 2);
+        EXPECT_EQ(value.strep(), row.text);
+    });
+}
+
+TEST_F(GoldenTest, BytesGiveTheirTexts) {
+    forEachRow([](Vel::VelType type, Row const& row) {
+        auto const bytes = bytesOf(row.hex);
+        Vel::NboAttrLog::In in(bytes);
+        Vel::GenericValue const value(type, in);
+        EXPECT_EQ(in.left(), 0u);
+        EXPECT_EQ(value.strep(), row.text);
+        EXPECT_EQ(hexOfValue(value), row.hex);
+    });
+}
+
+TEST_F(GoldenTest, EveryShorterInputIsRefused) {
+    forEachRow([](Vel::VelType type, Row const& row) {
+        auto const bytes = bytesOf(row.hex);
+        for (std::size_t size = 0; size < bytes.size(); ++size) {
+            Vel::NboAttrLog::In in(std::span<Vel::U8 const>(bytes).first(size));
+            EXPECT_THROW(Vel::GenericValue(type, in), Vel::StreamException) << size;
+        }
+    });
+}
+
+TEST_F(GoldenTest, EveryTextWithMoreBehindItIsRefused) {
+    forEachRow([](Vel::VelType type, Row const& row) {
+        EXPECT_THROW(Vel::GenericValue(type, row.text + " "), Vel::RangeException);
+        EXPECT_THROW(Vel::GenericValue(type, " " + row.text), Vel::RangeException);
+        EXPECT_THROW(Vel::GenericValue(type, row.text + ")"), Vel::RangeException);
+    });
+}
+
+TEST_F(GoldenTest, EveryValueTypeIsListed) {
+    std::set<std::string> listed;
+    for (Row const& row : readRows()) listed.insert(row.type);
+    for (Vel::VelType const type : Vel::Registry::types())
+        if (!type.isEntity()) {
+            EXPECT_TRUE(listed.contains(type.name())) << "add to golden.tsv: " << type.name();
+        }
+}
+
+}  // namespace
