@@ -3,8 +3,6 @@
 #include "Vel/internal/Scan.h"
 
 #include <algorithm>
-#include <charconv>
-#include <cmath>
 #include <cstdlib>
 #include <new>
 
@@ -28,126 +26,7 @@ void StrepOut::release() {
     if (begin_ != inline_) std::free(begin_);
 }
 
-// --- doubles ---
-
 namespace Scan {
-
-namespace {
-
-constexpr double powersOfTen[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6};
-constexpr U64 fractionLimit = U64(1) << 52;
-
-// Decimals with at most six places whose number of millionths is below 2^52 lie further apart than the doubles around
-// them, so each such decimal is the shortest text of its double, and the double is the correctly rounded quotient of
-// two exact integers. This covers every time stamp of this century to the microsecond.
-// Returns the number of millionths; false when `value` is not such a decimal, or so small that it takes an exponent.
-bool asMillionths(double value, U64& millionths) {
-    if (!(value < 4.5e9)) return false;
-    auto const scaled = static_cast<U64>(static_cast<std::int64_t>(value * 1e6 + 0.5));
-    if (scaled >= fractionLimit || static_cast<double>(scaled) / 1e6 != value) return false;
-    millionths = scaled;
-    return scaled >= 100 || scaled == 0;
-}
-
-char* writeSixPlaces(char* to, U32 places) {
-    if (places == 0) {
-        *to = '0';
-        return to + 1;
-    }
-    std::memcpy(to, digitPairs + 2 * (places / 10000), 2);
-    std::memcpy(to + 2, digitPairs + 2 * (places / 100 % 100), 2);
-    std::memcpy(to + 4, digitPairs + 2 * (places % 100), 2);
-    char* end = to + 6;
-    while (end[-1] == '0') --end;
-    return end;
-}
-
-// The general case: the shortest digits come from the C++ library, laid out as Python's repr lays them out.
-VEL_COLD char* writeDoubleSlow(char* to, double value) {
-    char text[32];
-    char const* const end = std::to_chars(text, text + sizeof text, value, std::chars_format::scientific).ptr;
-    char const* const e = std::find(static_cast<char const*>(text), end, 'e');
-    int exponent = 0;
-    std::from_chars(e[1] == '+' ? e + 2 : e + 1, end, exponent);
-    if (exponent < -4 || exponent >= 16) return std::copy(static_cast<char const*>(text), end, to);
-    char digits[20];
-    int count = 0;
-    for (char const* at = text; at != e; ++at)
-        if (*at != '.') digits[count++] = *at;
-    if (exponent < 0) {
-        *to++ = '0';
-        *to++ = '.';
-        to = std::fill_n(to, -exponent - 1, '0');
-        return std::copy_n(digits, count, to);
-    }
-    for (int i = 0; i <= exponent || i < count; ++i) {
-        if (i == exponent + 1) *to++ = '.';
-        *to++ = i < count ? digits[i] : '0';
-    }
-    if (count <= exponent + 1) {
-        *to++ = '.';
-        *to++ = '0';
-    }
-    return to;
-}
-
-}  // namespace
-
-char* writeDouble(char* to, double value) {
-    if (std::isnan(value)) return std::copy_n("nan", 3, to);
-    if (std::signbit(value)) {
-        *to++ = '-';
-        value = -value;
-    }
-    if (std::isinf(value)) return std::copy_n("inf", 3, to);
-    U64 millionths = 0;
-    if (!asMillionths(value, millionths)) return writeDoubleSlow(to, value);
-    to = writeUnsigned(to, millionths / 1000000);
-    *to++ = '.';
-    return writeSixPlaces(to, static_cast<U32>(millionths % 1000000));
-}
-
-namespace {
-
-// The general case: read by the C++ library, and accepted if the printer would have written the same.
-VEL_COLD char const* readDoubleSlow(char const* from, char const* end, double& value) {
-    char const* stop = from;
-    while (stop != end && (isDigit(*stop) || std::strchr(".e+-infa", *stop)) && *stop) ++stop;
-    double number = 0;
-    auto const [at, error] = std::from_chars(from, stop, number);
-    if (error != std::errc() && error != std::errc::result_out_of_range) return nullptr;
-    char text[maxDouble];
-    char const* const textEnd = writeDouble(text, number);
-    if (at - from != textEnd - text || std::memcmp(from, text, static_cast<std::size_t>(textEnd - text)) != 0)
-        return nullptr;
-    value = number;
-    return at;
-}
-
-}  // namespace
-
-char const* readDouble(char const* from, char const* end, double& value) {
-    char const* at = from;
-    bool const negative = at != end && *at == '-';
-    if (negative) ++at;
-    char const* const whole = at;
-    U64 number = 0;
-    while (at != end && isDigit(*at) && at - whole < 10) number = number * 10 + static_cast<U64>(*at++ - '0');
-    std::ptrdiff_t const wholeDigits = at - whole;
-    if (wholeDigits == 0 || (*whole == '0' && wholeDigits > 1) || at == end || *at != '.')
-        return readDoubleSlow(from, end, value);
-    char const* const fraction = ++at;
-    while (at != end && isDigit(*at) && at - fraction < 7) number = number * 10 + static_cast<U64>(*at++ - '0');
-    std::ptrdiff_t const places = at - fraction;
-    // The same decimals as the printer's quick case, in the same form; see asMillionths.
-    bool const simple = places >= 1 && places <= 6 && (at == end || *at != 'e') && (at[-1] != '0' || places == 1) &&
-                        number < 4000000000000000ul;
-    if (!simple) return readDoubleSlow(from, end, value);
-    double const magnitude = static_cast<double>(number) / powersOfTen[places];
-    if (!(magnitude < 4.5e9) || (magnitude < 1e-4 && number != 0)) return readDoubleSlow(from, end, value);
-    value = negative ? -magnitude : magnitude;
-    return at;
-}
 
 // --- strings ---
 
@@ -266,7 +145,7 @@ String boolToStrep(bool value) { return value ? String("True", 4) : String("Fals
 String valueToStrep(U1 value) { return boolToStrep(value); }
 
 String valueToStrep(double value) {
-    char text[Scan::maxDouble];
+    char text[Scan::roomForDouble];
     return String(text, static_cast<std::size_t>(Scan::writeDouble(text, value) - text));
 }
 

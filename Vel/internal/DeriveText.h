@@ -47,14 +47,14 @@ template <class T, std::size_t I> constexpr auto textBefore() {
 }
 inline constexpr std::string_view textAfterFields = "})";
 
-// The longest text of a value; 0 when there is no limit known here.
+// Room for the longest text of a value, in bytes; 0 when there is no limit known here.
 template <class T> constexpr std::size_t maxText() {
     if constexpr (std::is_same_v<T, String>) {
         return 0;
     } else if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, U1>) {
         return Scan::maxBool;
     } else if constexpr (std::is_same_v<T, F64> || std::is_same_v<T, Seconds>) {
-        return Scan::maxDouble;
+        return Scan::roomForDouble;
     } else if constexpr (ScalarValue<T>) {
         return Scan::maxUnsigned;
     } else if constexpr (hasOption<T, OptionId::text>) {
@@ -118,10 +118,32 @@ template <class T> void printValue(StrepOut& out, T const& value) {
 }
 
 // The quick way of a parse: returns the end of the value, or null when anything is amiss. The slow way finds out what.
-inline char const* readLiteral(char const* from, char const* end, std::string_view literal) {
-    bool const matches = static_cast<std::size_t>(end - from) >= literal.size() &&
-                         std::memcmp(from, literal.data(), literal.size()) == 0;
-    return matches ? from + literal.size() : nullptr;
+// Compares the N bytes in words, which a call of memcmp for a short text takes longer than.
+template <class Word, std::size_t N> inline bool sameWords(char const* a, char const* b) {
+    auto const difference = [&](std::size_t at) {
+        Word x;
+        Word y;
+        std::memcpy(&x, a + at, sizeof x);
+        std::memcpy(&y, b + at, sizeof y);
+        return static_cast<Word>(x ^ y);
+    };
+    return [&]<std::size_t... I>(std::index_sequence<I...>) {
+        return (difference(N - sizeof(Word)) | ... | difference(I * sizeof(Word))) == 0;
+    }
+    (std::make_index_sequence<N / sizeof(Word)>());
+}
+
+template <std::size_t N>
+inline char const* readLiteral(char const* from, char const* end, FixedText<N> const& literal) {
+    if (static_cast<std::size_t>(end - from) < N) return nullptr;
+    bool same = true;
+    if constexpr (N >= 8)
+        same = sameWords<U64, N>(from, literal.data);
+    else if constexpr (N >= 4)
+        same = sameWords<U32, N>(from, literal.data);
+    else
+        same = std::memcmp(from, literal.data, N) == 0;
+    return same ? from + N : nullptr;
 }
 
 template <class T> inline constexpr bool quicklyParsed = false;
@@ -160,11 +182,11 @@ template <class T> char const* readRecord(char const* from, char const* end, T& 
     eachFieldValue(value, [&](auto& field, auto index) {
         if (!good) return;
         static constexpr auto before = textBefore<T, decltype(index)::value>();
-        from = readLiteral(from, end, before.view());
+        from = readLiteral(from, end, before);
         if (from) from = readScalar(from, end, field);
         good = from != nullptr;
     });
-    return good ? readLiteral(from, end, textAfterFields) : nullptr;
+    return good ? readLiteral(from, end, concatenated<textAfterFields.size()>(textAfterFields)) : nullptr;
 }
 
 // Piece by piece of the same template as the printer's; throws at the first piece that does not match.

@@ -3,6 +3,7 @@
 #include "Vel/String.h"
 #include "Vel/Types.h"
 
+#include <bit>
 #include <cstring>
 #include <limits>
 #include <string_view>
@@ -14,7 +15,8 @@ namespace Vel::Scan {
 
 inline constexpr std::size_t maxUnsigned = 20;  // bytes of the longest U64
 inline constexpr std::size_t maxBool = 5;
-inline constexpr std::size_t maxDouble = 24;  // -2.2250738585072014e-308
+inline constexpr std::size_t maxDouble = 24;      // -2.2250738585072014e-308
+inline constexpr std::size_t roomForDouble = 40;  // what writeDouble may touch, copying blocks of a fixed size
 
 VEL_API char* writeDouble(char* to, double value);
 VEL_API char* writeString(char* to, std::string_view text);  // needs 2 + 4 * text.size() bytes
@@ -62,6 +64,35 @@ inline char* writeBool(char* to, bool value) {
 
 inline bool isDigit(char c) { return static_cast<unsigned char>(c - '0') < 10; }
 
+// Eight bytes, the first in the lowest eight bits.
+inline U64 loadEight(char const* from) {
+    U64 bytes;
+    std::memcpy(&bytes, from, sizeof bytes);
+    if constexpr (std::endian::native == std::endian::big) bytes = __builtin_bswap64(bytes);
+    return bytes;
+}
+
+// The number that eight digits say, each a byte less its '0': neighbours are joined to pairs, those to fours, and so on.
+constexpr U64 eightDigits(U64 digits) {
+    constexpr U64 mask = 0x000000FF000000FFul;
+    digits = digits * 10 + (digits >> 8);
+    return static_cast<U32>(
+        ((digits & mask) * (100 + (U64(1000000) << 32)) + ((digits >> 16) & mask) * (1 + (U64(10000) << 32))) >> 32);
+}
+
+// Appends all digits that follow to `number`, modulo 2^64, and returns their end.
+inline char const* readDigits(char const* at, char const* end, U64& number) {
+    constexpr U64 zeros = 0x3030303030303030ul;
+    while (end - at >= 8) {
+        U64 const bytes = loadEight(at);
+        if (((bytes + 0x4646464646464646ul) | (bytes - zeros)) & 0x8080808080808080ul) break;
+        number = number * 100000000 + eightDigits(bytes - zeros);
+        at += 8;
+    }
+    for (; at != end && isDigit(*at); ++at) number = number * 10 + static_cast<U64>(*at - '0');
+    return at;
+}
+
 // Reads the digits of an unsigned number no larger than T's largest. "07" reads as 0 and leaves the 7.
 template <class T> inline char const* readUnsigned(char const* from, char const* end, T& value) {
     if (from == end || !isDigit(*from)) return nullptr;
@@ -70,32 +101,26 @@ template <class T> inline char const* readUnsigned(char const* from, char const*
         return from + 1;
     }
     U64 number = 0;
-    char const* at = from;
-    for (; at != end && isDigit(*at); ++at) {
-        auto const digit = static_cast<U64>(*at - '0');
-        if constexpr (sizeof(T) == 8) {
-            if (__builtin_mul_overflow(number, U64(10), &number) || __builtin_add_overflow(number, digit, &number))
-                return nullptr;
-        } else {
-            number = number * 10 + digit;
-            if (number > std::numeric_limits<T>::max()) return nullptr;
-        }
+    char const* const stop = readDigits(from, end, number);
+    if (stop - from > 19) {  // from 2^64 to 2*10^19 it wraps around to less than 10^19
+        if (sizeof(T) < 8 || stop - from > 20) return nullptr;
+        if (*from != '1' || number < 10000000000000000000ul) return nullptr;
     }
+    if (number > std::numeric_limits<T>::max()) return nullptr;
     value = static_cast<T>(number);
-    return at;
+    return stop;
 }
 
+// Without a branch on the value, which is hard to foretell.
 inline char const* readBool(char const* from, char const* end, bool& value) {
+    static constexpr char const* texts[] = {"False", "True"};
     auto const left = static_cast<std::size_t>(end - from);
-    if (left >= 4 && std::memcmp(from, "True", 4) == 0) {
-        value = true;
-        return from + 4;
-    }
-    if (left >= 5 && std::memcmp(from, "False", 5) == 0) {
-        value = false;
-        return from + 5;
-    }
-    return nullptr;
+    if (left < 4) return nullptr;
+    bool const isTrue = *from == 'T';
+    std::size_t const length = isTrue ? 4 : 5;
+    if (left < length || std::memcmp(from, texts[isTrue], 4) != 0 || (from[length - 1] != 'e')) return nullptr;
+    value = isTrue;
+    return from + length;
 }
 
 }  // namespace Vel::Scan
