@@ -268,16 +268,18 @@ void HashMap2018Generic::Iterator::moveTo(std::size_t index) noexcept {
     Block& b = *map_->anchor_.block();
     BucketHeader const* const headers = b.headers();
     while (index < b.used && headers[index].erased()) ++index;
+    order_ = index < b.used && headers[index].order() <= newest_ ? headers[index].order() : endOrder;
+    if (atEnd()) return;
     index_ = index;
     changes_ = b.changes();
-    order_ = index < b.used && headers[index].order() <= newest_ ? headers[index].order() : endOrder;
+    element_ = b.element(*type_, index);
 }
 
 void* HashMap2018Generic::Iterator::element() const noexcept {
     if (atEnd()) return nullptr;
     Block* const b = map_->anchor_.block();
     if (!b) return nullptr;
-    if (b->changes() == changes_) return b->element(*type_, index_);
+    if (b->changes() == changes_) return element_;
     std::size_t const i = b->lowerBound(order_);
     bool const there = i < b->used && b->headers()[i].order() == order_ && !b->headers()[i].erased();
     return there ? b->element(*type_, i) : nullptr;

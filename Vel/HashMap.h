@@ -38,7 +38,7 @@ template <class Key> struct KeyHash {
 };
 
 // A map in no particular order, made to be a collection in an entity: empty it is one pointer and owns nothing; with 1
-// to 8 elements of 16 bytes it takes 28 to 64 bytes an element, beyond that 35 to 71 (what the allocator adds included).
+// to 8 elements of 16 bytes it takes 28 to 48 bytes an element, beyond that 35 to 71 (what the allocator adds included).
 //
 // Values may be changed in place; that does not count as a change. Pointers to keys and values last until the next
 // insertion or erasure of any element. Keys and values move without throwing. Arguments of the constructors that insert

@@ -4,25 +4,10 @@
 
 namespace Vel {
 
-struct RbTreeMapGeneric::Tree {
-    Node* root;
-    U64 size;
-    U64 counter;
-
-    U64 changes() const { return counter; }
-    void changesIs(U64 changes) { counter = changes; }
-};
-
 static_assert(sizeof(RbTreeMapGeneric) == sizeof(void*) && sizeof(RbTreeMapGeneric::Node) == 24);
 
 RbTreeMapGeneric::RbTreeMapGeneric(RbTreeMapGeneric&& other) noexcept { anchor_.swap(other.anchor_); }
 void RbTreeMapGeneric::swap(RbTreeMapGeneric& other) noexcept { anchor_.swap(other.anchor_); }
-U64 RbTreeMapGeneric::changes() const noexcept { return anchor_.changes(); }
-
-std::size_t RbTreeMapGeneric::size() const noexcept {
-    Tree const* const t = anchor_.block();
-    return t ? t->size : 0;
-}
 
 RbTreeMapGeneric::Place RbTreeMapGeneric::place(Type const& type, void const* view) const {
     Place place;

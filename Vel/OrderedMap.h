@@ -119,11 +119,8 @@ public:
     Iterator upperBound(View key) { return {this, bound(key, false)}; }  // the first greater
     ConstIterator upperBound(View key) const { return {this, bound(key, false)}; }
 
-    friend bool operator==(OrderedMap const& a, OrderedMap const& b) requires requires(Key const& k, Value const& v) {
-        k == k;
-        v == v;
-    }
-    {
+    friend bool operator==(OrderedMap const& a, OrderedMap const& b) requires(
+        std::equality_comparable<Key>&& std::equality_comparable<Value>) {
         if (a.size() != b.size()) return false;
         auto* n = a.generic_.first();
         for (auto* m = b.generic_.first(); m; m = RbTreeMapGeneric::next(m), n = RbTreeMapGeneric::next(n))

@@ -107,10 +107,11 @@ private:
 
     HashMap2018Generic const* map_ = nullptr;
     Type const* type_ = nullptr;
-    U64 changes_ = 0;  // of the map when index_ was right
+    U64 changes_ = 0;  // of the map when index_ and element_ were right
     U64 order_ = endOrder;
     U64 newest_ = 0;  // of the map when the iteration began
     std::size_t index_ = 0;
+    void* element_ = nullptr;
 };
 
 }  // namespace Vel

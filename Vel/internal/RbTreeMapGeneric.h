@@ -57,9 +57,9 @@ public:
     // The owner calls clear() first: only it knows the type.
     ~RbTreeMapGeneric() = default;
 
-    std::size_t size() const noexcept;
+    std::size_t size() const noexcept { return empty() ? 0 : anchor_.block()->size; }
     bool empty() const noexcept { return anchor_.block() == nullptr; }
-    U64 changes() const noexcept;
+    U64 changes() const noexcept { return anchor_.changes(); }
 
     Place place(Type const& type, void const* view) const;
     Node* find(Type const& type, void const* view) const { return place(type, view).found; }
@@ -81,7 +81,15 @@ public:
     std::string_view brokenInvariant(bool (*ascends)(Node const*, Node const*)) const;
 
 private:
-    struct Tree;
+    struct Tree {
+        Node* root;
+        U64 size;
+        U64 counter;
+
+        U64 changes() const { return counter; }
+        void changesIs(U64 changes) { counter = changes; }
+    };
+
     static bool isRed(Node const* node) noexcept { return node && node->red(); }
     static Node* cloneBelow(Type const& type, Node const* from, Node* parent);
     static void destroyBelow(Type const& type, Node* node) noexcept;
