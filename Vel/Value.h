@@ -4,6 +4,7 @@
 #include "Vel/NboAttrLog.h"
 #include "Vel/Strep.h"
 
+#include <functional>
 #include <iosfwd>
 
 // What every described value type offers, derived from its description. A type's header includes this; a namespace of
@@ -101,7 +102,7 @@ template <DescribedValue T> String valueToStrep(T const& value) {
     Contract<T>::print(out, value);
     return out.str();
 }
-// The text form; a number goes through the stream's own integer output, base and width included.
+// The text form; a number without one of its own goes through the stream's integer output, base and width included.
 template <DescribedValue T> std::ostream& operator<<(std::ostream& out, T const& value) {
     Contract<T>::print(out, value);
     return out;
@@ -257,7 +258,7 @@ template <class T> std::size_t attrLogSize(T const* value) {
     } else if constexpr (std::is_same_v<T, String>) {
         return 4 + value->length();
     } else if constexpr (hasOption<T, OptionId::stream>) {
-        return OptionOf<T, OptionId::stream>::size(*value);
+        return std::invoke(OptionOf<T, OptionId::stream>::size, *value);
     } else {
         std::size_t sum = 0;
         Detail::eachFieldValue(*value, [&](auto const& field, auto) { sum += attrLogSize(&field); });
@@ -267,7 +268,8 @@ template <class T> std::size_t attrLogSize(T const* value) {
 
 // --- hash ---
 
-// The hash of a record: every field mixed in declaration order by its width.
+// The hash of a record: every field mixed in declaration order by its width. Call it behind the class: a constexpr
+// function is instantiated where it is called (by clang), and within the class the description is not known yet.
 template <class T> constexpr U32 hashFields(T const& value, U32 seed) {
     Hash hash(seed);
     Detail::eachFieldValue(value, [&](auto const& field, auto) {
@@ -277,3 +279,12 @@ template <class T> constexpr U32 hashFields(T const& value, U32 seed) {
 }
 
 }  // namespace Vel
+
+// Hashable value types work as keys of the standard library's containers.
+template <Vel::DescribedValue T>
+requires Vel::hasOption<T, Vel::OptionId::hash>
+struct std::hash<T> {
+    std::size_t operator()(T const& value) const {
+        return std::invoke(Vel::OptionOf<T, Vel::OptionId::hash>::function, value, 0u);
+    }
+};

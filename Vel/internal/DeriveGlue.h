@@ -455,7 +455,7 @@ template <class T> void Contract<T>::print(StrepOut& out, T const& value) {
 
 template <class T> void Contract<T>::print(std::ostream& out, T const& value) {
     if constexpr (Described<T>) {
-        if constexpr (DescriptionOf<T>::form == Form::number) {
+        if constexpr (DescriptionOf<T>::form == Form::number && !hasOption<T, OptionId::text>) {
             // The unary plus makes an 8-bit number a number, and no character.
             Detail::eachFieldValue(value, [&](auto const& field, auto) { out << +field; });
             return;
