@@ -2,9 +2,12 @@
 
 // The whole library.
 #include "Mox/Cell.h"
+#include "Mox/ChipSet.h"
+#include "Mox/ChipSetIter.h"
 #include "Mox/Events.h"
 #include "Mox/GenTime.h"
 #include "Mox/Generation.h"
+#include "Mox/IdSet.h"
 #include "Mox/MaybeTypes.h"
 #include "Mox/Seqno.h"
 #include "Mox/TristateTypes.h"

@@ -66,4 +66,12 @@ void In::failBool() const {
         format("the bool at offset %zu is %u, and neither 0 nor 1", offset(), unsigned(*at_)), offset());
 }
 
+void failWithAttrLogValueCollectionDefaultKey() {
+    throw StreamException("a collection holds the key that ends it in the attribute log", 0);
+}
+
+void failWithAttrLogValueCollectionDuplicateKey() {
+    throw StreamException("a key of a collection comes twice in the attribute log", 0);
+}
+
 }  // namespace Vel::NboAttrLog

@@ -163,4 +163,9 @@ private:
     EntityResolver* resolver_;
 };
 
+// A value's collection ends in the attribute log with its key type's default key, so that key cannot be a member's; and
+// no key comes twice. Both throw StreamException.
+[[noreturn]] VEL_API VEL_COLD void failWithAttrLogValueCollectionDefaultKey();
+[[noreturn]] VEL_API VEL_COLD void failWithAttrLogValueCollectionDuplicateKey();
+
 }  // namespace Vel::NboAttrLog

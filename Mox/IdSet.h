@@ -1,0 +1,351 @@
+#pragma once
+
+#include "Mox/Types.h"
+#include "Mox/internal/WordMap.h"
+
+#include "Vel/Checked.h"
+#include "Vel/Ptr.h"
+
+#include <compare>
+#include <initializer_list>
+#include <iterator>
+#include <ranges>
+#include <string_view>
+
+// Identifiers and sets of them.
+namespace Mox {
+
+// An identifier; 65535 is no identifier.
+class VEL_API Id {
+public:
+    constexpr Id() : value_(null()) {}
+    constexpr Id(U16 value) : value_(value) {}
+    Id(StrepIterator& it, StrepIterator const& end) { Vel::parse(*this, it, end); }
+    Id(LogIn* in, StreamBogon) { Vel::read(*this, *in); }
+
+    static constexpr U16 null() { return 65535; }
+    constexpr U16 value() const { return value_; }
+    constexpr void valueIs(U16 v) & { value_ = v; }
+    constexpr U32 hash(unsigned seed) const { return Vel::hashSingleAttr(seed, value_); }
+
+    friend constexpr bool operator==(Id, Id) = default;
+    friend constexpr auto operator<=>(Id, Id) = default;
+
+    static constexpr auto description() {
+        return Vel::number("Mox::Id", Vel::field<&Id::value_>("value"), Vel::constant<&Id::null>("null"))
+            .with(Vel::truth<&Id::isId>, Vel::hashBy<&Id::hash>);
+    }
+
+private:
+    constexpr bool isId() const { return value_ < null(); }
+
+    U16 value_;
+};
+
+// Index of a bucket of 64 ids: an id's value divided by 64, modulo 256.
+class VEL_API BucketId {
+public:
+    constexpr BucketId() = default;
+    constexpr BucketId(U8 value) : value_(value) {}
+    BucketId(StrepIterator& it, StrepIterator const& end) { Vel::parse(*this, it, end); }
+    BucketId(LogIn* in, StreamBogon) { Vel::read(*this, *in); }
+
+    constexpr U8 value() const { return value_; }
+    constexpr void valueIs(U8 v) & { value_ = v; }
+    constexpr U32 hash(unsigned seed) const { return Vel::hashSingleAttr(seed, value_); }
+
+    friend constexpr bool operator==(BucketId, BucketId) = default;
+    friend constexpr auto operator<=>(BucketId, BucketId) = default;
+
+    static constexpr auto description() {
+        return Vel::number("Mox::BucketId", Vel::field<&BucketId::value_>("value")).with(Vel::hashBy<&BucketId::hash>);
+    }
+
+private:
+    U8 value_ = 0;
+};
+
+// A set of ids below a fixed size, kept as 64-bit words in buckets: id i is bit i % 64 of bucket i / 64. Words without
+// members are normally not kept.
+//
+// Bucket numbers have 8 bits, so sizes up to 16320 are covered in full. Beyond that, on purpose: an id from 16384 up
+// shares its bit with its value modulo 16384; what visits all buckets takes their number modulo 256; and bucket 255
+// cannot be written to the attribute log. A set's text and iteration end at the first bit at or above its size.
+//
+// REQUIRES is checked: a broken precondition says so and aborts. Text and bytes from outside go through checked() and
+// Vel::checkedRead, which never do.
+// A plain value: one thread at a time, as any container.
+class VEL_API IdSet {
+public:
+    class VelBucket;
+    class BucketIterator;
+    template <class Set> class IdIteratorOf;
+    using IdIterator = IdIteratorOf<IdSet>;
+    using IdIteratorConst = IdIteratorOf<IdSet const>;
+    class Iterator;
+
+    IdSet() = default;                              // size 0
+    explicit IdSet(U16 size, Id initialId = Id());  // REQUIRES: initialId is null or below size
+    IdSet(LogIn* in, StreamBogon);                  // throws Vel::StreamException
+    template <std::ranges::input_range R>
+    requires std::convertible_to<std::ranges::range_reference_t<R>, Id> IdSet(U16 size, R const& ids)
+        : IdSet(size) {  // REQUIRES: every id is below size
+        for (Id const id : ids) updateId(id, true);
+    }
+    IdSet(U16 size, std::initializer_list<Id> ids) : IdSet(size) {
+        for (Id const id : ids) updateId(id, true);
+    }
+    // The set of that size with the members of a range list such as "(1-3,5)", or what is wrong with the text and
+    // where. Stricter than sequenceToValue: numbers are plain digits, and every id must be below size.
+    static Vel::Checked<IdSet> checked(U16 size, std::string_view rangeList);
+    void handleInitialized(Id initialId) & {  // REQUIRES: initialId is null or below size
+        if (initialId != Id()) updateId(initialId, true);
+    }
+
+    // --- buckets; none of these checks the bucket against size ---
+
+    U16 size() const { return size_; }                                      // members are below this
+    U32 maxBuckets() const { return (size_ + 63u) >> 6; }                   // words that size ids need
+    U64 bucket(BucketId b) const { return words_.get(b.value()); }          // 0 when there is none
+    void bucketIs(BucketId b, U64 word) & { words_.set(b.value(), word); }  // also 0, which is then stored
+    U64 bucketDel(BucketId b) & { return words_.erase(b.value()); }         // the former word
+    U64 bucketDel(BucketIterator const& at) &;                              // REQUIRES: at is in range
+    void bucketDelAll() & { words_.clear(); }
+    void updateBucket(BucketId b, U64 word) & {  // keeps no empty word
+        if (word)
+            words_.set(b.value(), word);
+        else
+            words_.erase(b.value());
+    }
+    U32 buckets() const { return words_.size(); }
+    bool bucketExists(BucketId b) const { return words_.contains(b.value()); }
+    U32 bucketChangeCounter() const { return words_.changeCounter(); }  // moves whenever a bucket comes or goes
+    BucketIterator bucketIterator() const;
+
+    // --- members ---
+
+    bool id(Id i) const {  // REQUIRES: i below size
+        check(i, "bool Mox::IdSet::id(Mox::Id) const");
+        return words_.get(bucketOf(i)) >> (i.value() % 64) & 1;
+    }
+    bool updateId(Id i, bool value) &;  // whether it was a member. REQUIRES: i below size
+    bool idIs(Id i, bool value) & { return updateId(i, value); }
+    bool idDel(Id i) & { return updateId(i, false); }
+    U16 ids() const;                      // number of members, modulo 65536
+    void idSetAll() &;                    // overwrites the words of all ids below size
+    void idSetRange(Id begin, Id end) &;  // adds [begin, end). REQUIRES: begin < end <= size
+    Id firstId() const { return nextId(Id()); }
+    // The smallest member above bitPos; of null, the smallest of all; null when there is none.
+    // REQUIRES: bitPos below size, or null
+    Id nextId(Id bitPos) const;
+    IdIterator idIterator();          // on the first member
+    IdIterator idIterator(Id start);  // on start, or the next member. REQUIRES: as id(), or null
+    IdIteratorConst idIteratorConst() const;
+    IdIteratorConst idIteratorConst(Id start) const;
+    bool idExists(Id i) const;  // as id(i), but false for null
+
+    Iterator begin() const;  // the members below size, ascending; changing the set ends the walk's meaning
+    std::default_sentinel_t end() const { return {}; }
+    template <class F>
+    void forEachId(F f) const;  // f(Id) for every member below size, ascending. REQUIRES: f does not change the set
+
+    // --- algebra. REQUIRES: equal sizes ---
+
+    IdSet& operator|=(IdSet const& other) &;
+    IdSet& operator&=(IdSet const& other) &;
+    IdSet& operator-=(IdSet const& other) &;
+    IdSet& operator^=(IdSet const& other) &;
+    friend VEL_API IdSet operator|(IdSet const& a, IdSet const& b);
+    friend VEL_API IdSet operator&(IdSet const& a, IdSet const& b);
+    friend VEL_API IdSet operator-(IdSet const& a, IdSet const& b);
+    friend VEL_API IdSet operator^(IdSet const& a, IdSet const& b);
+    IdSet operator~() const;                    // the last word keeps all its 64 bits, also those at or above size
+    bool isSubsetOf(IdSet const& other) const;  // every member's bit here is set there
+    bool isDisjointFrom(IdSet const& other) const;
+    U32 idsInCommon(IdSet const& other) const;  // size of the intersection
+
+    friend VEL_API bool operator==(IdSet const& a, IdSet const& b);  // same size, same buckets with the same words
+    friend VEL_API std::strong_ordering operator<=>(
+        IdSet const& a, IdSet const& b);                                         // by size, number of buckets, words
+    explicit operator bool() const { return size_ != 0 || words_.size() != 0; }  // false for the default value only
+    U32 hash(unsigned seed) const;
+
+    String stringValue() const;                                                     // the range list: "(1-3,5)"
+    std::size_t attrLogSize() const { return 3 + 9 * std::size_t(words_.size()); }  // bytes in the attribute log
+    std::size_t allocatedBytes() const { return words_.allocatedBytes(); }          // beside the object itself
+
+    static constexpr auto description();
+
+private:
+    static unsigned bucketOf(Id i) { return (i.value() >> 6) & 255u; }
+    unsigned loopBuckets() const { return maxBuckets() & 255u; }  // how far the loops over all buckets go
+    void check(Id i, char const* function) const {
+        if (i.value() >= size_) [[unlikely]]
+            failLimit(i, function);
+    }
+    [[noreturn]] VEL_COLD void failLimit(Id i, char const* function) const;
+    void checkSameSize(IdSet const& other, char const* function) const;
+    template <class Op> void combine(IdSet const& other, Op op);
+
+    static IdSet parse(StrepIterator& it, StrepIterator const& end, IdSet* prototype);
+    static void write(Vel::NboAttrLog::Out& out, IdSet const& set);
+    static void readInto(IdSet& set, LogIn& in);
+    static IdSet unionOf(IdSet const& a, IdSet const& b) { return a | b; }
+    static IdSet intersectionOf(IdSet const& a, IdSet const& b) { return a & b; }
+    static IdSet differenceOf(IdSet const& a, IdSet const& b) { return a - b; }
+    static IdSet symmetricDifferenceOf(IdSet const& a, IdSet const& b) { return a ^ b; }
+    static IdSet complementOf(IdSet const& a) { return ~a; }
+    bool truth() const { return bool(*this); }
+    U64 deleteBucket(BucketId b) & { return bucketDel(b); }  // of the two forms, the one that reflection takes
+    [[noreturn]] VEL_COLD static void failIterator(bool isConst, bool inKey);
+
+    Detail::WordMap words_;
+    U16 size_ = 0;
+};
+
+// Walks the members; it does not own the set, which may change meanwhile: next() looks from where it stands.
+template <class Set> class IdSet::IdIteratorOf {
+public:
+    explicit IdIteratorOf(Set& set) : set_(&set), curId_(set.firstId()) {}
+    IdIteratorOf(Set& set, Id start) : set_(&set), curId_(start) {
+        if (start != Id() && !set.id(start)) next();
+    }
+
+    explicit operator bool() const { return curId_ != Id(); }
+    Id key() const {  // REQUIRES: true
+        check(true);
+        return curId_;
+    }
+    Id next() {  // REQUIRES: true
+        check(false);
+        return curId_ = set_->nextId(curId_);
+    }
+
+private:
+    void check(bool inKey) const {
+        if (curId_ == Id()) [[unlikely]]
+            failIterator(std::is_const_v<Set>, inKey);
+    }
+
+    Set* set_;
+    Id curId_;
+};
+
+// A bucket as a collection hands it out: what it was when the iterator came to it, whatever becomes of the set.
+class VEL_API IdSet::VelBucket : public Vel::PtrInterface {
+public:
+    VelBucket(BucketId key, U64 word) : key_(key), word_(word) {}
+    ~VelBucket() override;
+    Vel::VelType fwkType() const override;
+
+    BucketId key() const { return key_; }
+    U64 word() const { return word_; }
+
+private:
+    BucketId key_;
+    U64 word_;
+};
+
+// Walks the stored buckets in ascending order. The set may change meanwhile: ++ goes to the next bucket stored then.
+class VEL_API IdSet::BucketIterator {
+public:
+    explicit BucketIterator(IdSet const& set) : set_(&set) { goTo(0); }
+
+    explicit operator bool() const { return bool(element_); }
+    BucketId key() const { return element_->key(); }                   // REQUIRES: true
+    U64 word() const { return element_->word(); }                      // REQUIRES: true
+    Vel::Ptr<VelBucket> const& operator*() const { return element_; }  // null at the end
+    BucketIterator& operator++() {                                     // REQUIRES: true
+        goTo(key().value() + 1u);
+        return *this;
+    }
+
+private:
+    void goTo(unsigned from);
+
+    IdSet const* set_;
+    Vel::Ptr<VelBucket> element_;
+};
+
+// Walks the members below the size as they are: a bitmap's word at a time.
+class IdSet::Iterator {
+public:
+    using iterator_concept = std::forward_iterator_tag;
+    using iterator_category = std::input_iterator_tag;
+    using value_type = Id;
+    using difference_type = std::ptrdiff_t;
+
+    Iterator() = default;
+    explicit Iterator(IdSet const& set) : set_(&set) { goTo(0); }
+
+    Id operator*() const { return Id(current()); }
+    Iterator& operator++() {
+        rest_ &= rest_ - 1;
+        if (rest_ == 0) goTo(bucket_ + 1);
+        return *this;
+    }
+    Iterator operator++(int) {
+        Iterator const before = *this;
+        ++*this;
+        return before;
+    }
+    friend bool operator==(Iterator const& a, Iterator const& b) {
+        return a.bucket_ == b.bucket_ && a.rest_ == b.rest_;
+    }
+    friend bool operator==(Iterator const& i, std::default_sentinel_t) {
+        return i.rest_ == 0 || i.current() >= i.set_->size();
+    }
+
+private:
+    U16 current() const { return static_cast<U16>(bucket_ * 64 + static_cast<unsigned>(std::countr_zero(rest_))); }
+    void goTo(unsigned from) {
+        rest_ = 0;
+        for (bucket_ = set_->words_.next(from); bucket_ < Detail::WordMap::buckets && rest_ == 0;
+             bucket_ = rest_ ? bucket_ : set_->words_.next(bucket_ + 1))
+            rest_ = set_->words_.get(bucket_);
+    }
+
+    IdSet const* set_ = nullptr;
+    U64 rest_ = 0;  // of the bucket's word; 0 at the end
+    unsigned bucket_ = Detail::WordMap::buckets;
+};
+
+inline IdSet::Iterator IdSet::begin() const { return Iterator(*this); }
+
+template <class F> void IdSet::forEachId(F f) const {
+    words_.forEach([&](unsigned bucket, U64 word) {
+        for (; word; word &= word - 1) {
+            auto const id = static_cast<U16>(bucket * 64 + static_cast<unsigned>(std::countr_zero(word)));
+            if (id < size_) f(Id(id));
+        }
+    });
+}
+
+constexpr auto IdSet::description() {
+    using Vel::AttributeOp;
+    return Vel::record("Mox::IdSet", Vel::derived<&IdSet::size>("size"), Vel::ctorParam<Id>("initialId"),
+        Vel::collection<BucketId, U64, &IdSet::bucket, &IdSet::bucketIs, &IdSet::deleteBucket, &IdSet::buckets,
+            &IdSet::bucketChangeCounter, &IdSet::bucketExists>("bucket"),
+        Vel::declared("maxBuckets"), Vel::declared("updateBucket"), Vel::declared("updateId"),
+        Vel::collection<Id, bool, &IdSet::id, &IdSet::updateId, &IdSet::idDel, Vel::none, Vel::none, &IdSet::idExists>(
+            "id"),
+        Vel::method<&IdSet::ids>("ids"), Vel::method<&IdSet::idSetAll>("idSetAll"),
+        Vel::method<&IdSet::idSetRange>("idSetRange", "begin", "end"), Vel::method<&IdSet::firstId>("firstId"),
+        Vel::method<&IdSet::nextId>("nextId", "bitPos"), Vel::method<&IdSet::stringValue>("stringValue"),
+        Vel::method<&IdSet::handleInitialized>("handleInitialized", "initialId"))
+        .with(Vel::textBy<&IdSet::stringValue, &IdSet::parse>,
+            Vel::streamBy<&IdSet::write, &IdSet::readInto, &IdSet::attrLogSize>, Vel::truth<&IdSet::truth>,
+            Vel::ordered, Vel::hashBy<&IdSet::hash>, Vel::constructor<U16, Id>,
+            Vel::arithmetic<AttributeOp::difference, &IdSet::differenceOf>,
+            Vel::arithmetic<AttributeOp::bitAnd, &IdSet::intersectionOf>,
+            Vel::arithmetic<AttributeOp::bitOr, &IdSet::unionOf>,
+            Vel::arithmetic<AttributeOp::bitXor, &IdSet::symmetricDifferenceOf>,
+            Vel::arithmetic<AttributeOp::complement, &IdSet::complementOf>);
+}
+
+// Parses a range list at `p`, which moves behind it: a copy of the prototype with the ids of the text added. Aborts on
+// text that is no range list of ids below the prototype's size, or throws what std::stoul throws: for trusted text
+// only. Throws Vel::ParseException for a null prototype, since the text does not tell the size.
+VEL_API IdSet sequenceToValue(StrepIterator& p, StrepIterator const& end, IdSet const* prototype);
+
+}  // namespace Mox
