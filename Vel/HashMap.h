@@ -70,7 +70,7 @@ public:
 
     std::size_t size() const noexcept { return generic_.size(); }
     bool empty() const noexcept { return generic_.empty(); }
-    U64 changes() const noexcept { return generic_.changes(); }  // moves up with every insertion, erasure and clearing
+    U64 changes() const noexcept { return generic_.changes(); }  // up by 1 with every insertion, erasure and clearing
 
     Value* find(View key) { return valueOf(element(key)); }  // null when there is none
     Value const* find(View key) const { return valueOf(element(key)); }

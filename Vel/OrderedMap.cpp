@@ -174,10 +174,8 @@ void RbTreeMapGeneric::balanceRemoved(Node* node, Node* parent) noexcept {
             continue;
         }
         if (!isRed(sibling->child_[!side])) {
-            sibling->child_[side]->redIs(false);
-            sibling->redIs(true);
             rotate(sibling, !side);
-            sibling = parent->child_[!side];
+            sibling = parent->child_[!side];  // the two get their colours below
         }
         sibling->redIs(parent->red());
         parent->redIs(false);
