@@ -193,11 +193,11 @@ TEST_F(TraceTest, TheStreamTakesTextsFlagsAndNumbers) {
     EXPECT_EQ(lines_, std::vector<std::string>{expectedStart + "Cell/0 file:1 f abcTrueFalse4294967295(null)\n"});
 }
 
-TEST_F(TraceTest, ControlBytesAreEscaped) {
+TEST_F(TraceTest, ControlBytesAndBackslashesAreEscaped) {
     TraceHandle const handle("Cell");
     trace(handle, 0, std::string("a\nb\0\r\t\x1b[1m\x7f\\'\xc3\xa9"sv));
     EXPECT_EQ(lines_, std::vector<std::string>{expectedStart + "Cell/0 /src/Mox/Cell:110 void f(int) "
-                                                               R"(a\nb\x00\x0d\x09\x1b[1m\x7f\')"
+                                                               R"(a\nb\x00\x0d\x09\x1b[1m\x7f\\')"
                                                                "\xc3\xa9\n"});
 }
 
