@@ -60,9 +60,12 @@ std::vector<std::string> nearest(std::string_view name, std::vector<std::string>
         if (std::size_t const d = distance(name, candidate); d < farAway) found.emplace_back(d, candidate);
     std::sort(found.begin(), found.end());
     std::vector<std::string> result;
-    for (auto const& [d, candidate] : found)
-        if (result.size() < 3 && std::find(result.begin(), result.end(), candidate) == result.end())
-            result.push_back(candidate);
+    for (auto const& [d, candidate] : found) {
+        // Whoever only left out the namespace meant just that.
+        bool const worse = found[0].first == 0 && d > 0;
+        bool const isRepeated = std::find(result.begin(), result.end(), candidate) != result.end();
+        if (result.size() < 3 && !worse && !isRepeated) result.push_back(candidate);
+    }
     return result;
 }
 

@@ -83,29 +83,36 @@ extern "C" void explainAbort(int) {
 }
 
 GenericValue parsed(VelType type, std::string const& text) {
+    std::string const what = "this is no " + std::string(type.name()) + ": ";
     try {
         return GenericValue(type, Vel::String(text));
     } catch (Vel::ParseException const& error) {
-        throw Failure(somethingWrong,
-            "this is no " + std::string(type.name()) + ": " + error.what() + "\n" + caretBelow(text, error.offset()));
+        throw Failure(somethingWrong, what + error.what() + "\n" + caretBelow(text, error.offset()));
+    } catch (Vel::RangeException const& error) {
+        throw Failure(somethingWrong, what + error.what());
     }
 }
 
+Failure badBytes(std::vector<unsigned char> const& bytes, std::string const& why, std::size_t offset) {
+    return {somethingWrong, why + "\n" + caretBelow(inHex(bytes.data(), bytes.size()), 3 * offset)};
+}
+
 GenericValue decoded(VelType type, std::vector<unsigned char> const& bytes) {
+    std::string const what = "these bytes are no " + std::string(type.name()) + ": ";
     Vel::NboAttrLog::In in(bytes);
-    auto const fail = [&](std::string const& why, std::size_t offset) -> Failure {
-        std::string const hex = inHex(bytes.data(), bytes.size());
-        return {somethingWrong, why + "\n" + caretBelow(hex, 3 * offset)};
-    };
     try {
         GenericValue value(type, in);
         if (in.left() == 0) return value;
     } catch (Vel::StreamException const& error) {
-        throw fail("these bytes are no " + std::string(type.name()) + ": " + error.what(), error.offset());
+        throw badBytes(bytes, what + error.what(), error.offset());
+    } catch (Vel::RangeException const& error) {
+        throw Failure(somethingWrong, what + error.what());
     }
-    throw fail(std::to_string(in.left()) + (in.left() == 1 ? " byte is" : " bytes are") + " left over: a " +
-                   type.name() + " ends after " + std::to_string(in.offset()) + " of the " +
-                   std::to_string(bytes.size()),
+    throw badBytes(bytes,
+        Vel::format("%s left over: a %s ends after %zu of the %zu",
+            in.left() == 1 ? "1 byte is" : (std::to_string(in.left()) + " bytes are").c_str(), type.name(), in.offset(),
+            bytes.size())
+            .stdString(),
         in.offset());
 }
 

@@ -88,7 +88,7 @@ struct CommandLine {
     CLI::App app{about, "mox"};
     std::vector<std::string> modules;
     CellOptions cell;
-    std::string redundancyStatus;
+    std::optional<std::string> redundancyStatus;
     TypesOptions types;
     ValueOptions value;
     CLI::App* cellCommand = nullptr;
@@ -156,7 +156,7 @@ struct CommandLine {
     int runCommand() {
         if (typesCommand->parsed()) return runTypes(types);
         if (valueCommand->parsed()) return runValue(value);
-        if (!redundancyStatus.empty()) cell.redundancyStatus = redundancyStatusFrom(redundancyStatus);
+        if (redundancyStatus) cell.redundancyStatus = redundancyStatusFrom(*redundancyStatus);
         return runCell(cell);
     }
 

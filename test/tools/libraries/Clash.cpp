@@ -1,0 +1,23 @@
+#include "Vel/Module.h"
+#include "Vel/Value.h"
+
+// Defines a type whose name is taken.
+namespace Clash {
+
+class CellId {
+public:
+    constexpr CellId() = default;
+    CellId(Vel::U16 value) : value_(value) {}
+    CellId(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) { Vel::parse(*this, it, end); }
+    CellId(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
+    friend bool operator==(CellId, CellId) = default;
+
+    static constexpr auto description() { return Vel::number("Cell::CellId", Vel::field<&CellId::value_>("value")); }
+
+private:
+    Vel::U16 value_ = 0;
+};
+
+}  // namespace Clash
+
+VEL_MODULE(Clash, 7300aa384982e3c9, Clash::CellId);
