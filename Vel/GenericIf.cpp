@@ -145,14 +145,17 @@ void GenericIfImpl::throwUnhashableException(VelType type) {
 
 namespace {
 
-void* allocateFor(VelType type) {
+VelType checkedValueType(VelType type) {
     if (!type || type.isEntity()) GenericIfImpl::throwTypeException(type);
-    return ::operator new(type.glue().size, std::align_val_t(type.glue().alignment));
+    return type;
 }
+
+void* allocateFor(VelType type) { return ::operator new(type.glue().size, std::align_val_t(type.glue().alignment)); }
 
 }  // namespace
 
-GenericValue::GenericValue(VelType type) : type_(type), storage_(allocateFor(type), Free{type.glue().alignment}) {
+GenericValue::GenericValue(VelType type)
+    : type_(checkedValueType(type)), storage_(allocateFor(type_), Free{type_.glue().alignment}) {
     type_.glue().genericIfConstruct(data(), nullptr);
 }
 
