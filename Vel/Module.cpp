@@ -191,7 +191,8 @@ String Registry::malformation(ModuleHeader const* module) {
     for (U32 i = 0; i < m.typeCount; ++i) {
         TypeRecord const& type = at<TypeRecord>(m, m.types)[i];
         char const* const names = at<char>(m, m.typeNames);
-        if (!startsName(names, m.typeNamesSize, type.name)) return format("type %u has no name", i);
+        if (!startsName(names, m.typeNamesSize, type.name) || names[type.name] == '\0')
+            return format("type %u has no name", i);
         if (type.base != noName && !startsName(names, m.typeNamesSize, type.base))
             return format("the base of %s has no name", names + type.name);
         if (!at<TypeGlue const*>(m, m.glue)[i]) return format("%s has no glue", names + type.name);
