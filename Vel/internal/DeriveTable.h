@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Vel/GenericIf.h"
+#include "Vel/internal/DeriveCheck.h"
 #include "Vel/internal/DeriveGlue.h"
 #include "Vel/internal/Records.h"
 
@@ -212,6 +213,7 @@ template <class... Ts> constexpr U64 moduleFingerprint(std::string_view name);
 template <class... Ts> consteval ModuleTable<Ts...> moduleTable(std::string_view name) {
     using Table = ModuleTable<Ts...>;
     using Sizes = ModuleSizes<Ts...>;
+    static_assert((checkDescription<Ts>() && ...));
     constexpr auto typeNames = Sizes::listTypeNames();
     constexpr auto attributeNames = Sizes::listAttributeNames();
     Table table{};
