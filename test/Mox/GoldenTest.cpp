@@ -17,6 +17,7 @@ namespace {
 struct Row {
     unsigned line = 0;
     std::string type, hex, text;
+    bool textIsWhole = true;  // the bytes can be had from the text
 };
 
 std::vector<Row> readRows() {
@@ -30,6 +31,8 @@ std::vector<Row> readRows() {
         auto const second = line.find('\t', first + 1);
         if (second == std::string::npos) throw std::runtime_error("golden.tsv: bad line " + std::to_string(row.line));
         row.type = line.substr(0, first);
+        row.textIsWhole = !row.type.ends_with('*');
+        if (!row.textIsWhole) row.type.pop_back();
         row.hex = line.substr(first + 1, second - first - 1);
         row.text = line.substr(second + 1);
         rows.push_back(row);
@@ -64,6 +67,7 @@ protected:
 
 TEST_F(GoldenTest, TextsGiveTheirBytes) {
     forEachRow([](Vel::VelType type, Row const& row) {
+        if (!row.textIsWhole) return;
         Vel::GenericValue const value(type, row.text);
         EXPECT_EQ(hexOfValue(value), row.hex);
         EXPECT_EQ(value.attrLogSize(), row.hex.size() / 2);
@@ -94,6 +98,7 @@ TEST_F(GoldenTest, EveryShorterInputIsRefused) {
 
 TEST_F(GoldenTest, EveryTextWithMoreBehindItIsRefused) {
     forEachRow([](Vel::VelType type, Row const& row) {
+        if (!row.textIsWhole) return;
         EXPECT_THROW(Vel::GenericValue(type, row.text + " "), Vel::RangeException);
         EXPECT_THROW(Vel::GenericValue(type, " " + row.text), Vel::RangeException);
         EXPECT_THROW(Vel::GenericValue(type, row.text + ")"), Vel::RangeException);
