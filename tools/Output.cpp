@@ -114,6 +114,7 @@ std::string joined(std::vector<std::string> const& texts, std::string_view separ
 
 std::string caretBelow(std::string_view text, std::size_t offset) {
     constexpr std::size_t before = 50, behind = 25;  // bytes to show
+    if (text.empty()) return "    (empty)";
     offset = std::min(offset, text.size());
     std::size_t begin = offset > before ? offset - before : 0;
     std::size_t end = std::min(text.size(), offset + behind);

@@ -45,6 +45,7 @@ std::string inHex(unsigned char const* bytes, std::size_t size);  // "00 2a"
 std::string joined(std::vector<std::string> const& texts, std::string_view separator);
 
 // Two lines: the part of the text around `offset`, and a caret below the byte there. Control bytes are shown as blanks.
+// For an empty text one line that says so.
 std::string caretBelow(std::string_view text, std::size_t offset);
 
 // Left-aligned columns, two blanks between them.

@@ -115,6 +115,11 @@ TEST(MoxValueTest, ShowsControlCharactersOfABadTextAsBlanks) {
     EXPECT_THAT(failing(1, {"--type", "U8", "7\x1b[2J"}).err, HasSubstr("\n    7 [2J\n     ^\n"));
 }
 
+TEST(MoxValueTest, SaysThatATextIsEmpty) {
+    EXPECT_EQ(failing(1, {"--type", "U8", ""}).err,
+        "mox: this is no U8: expected a number from 0 to 255 at offset 0, at the end of the text\n    (empty)\n");
+}
+
 TEST(MoxValueTest, SaysHowManyBytesAreLeftOver) {
     EXPECT_EQ(failing(1, {"--type", "U16", "--hex", "00 01 02 03 04"}).err,
         "mox: 3 bytes are left over: a U16 ends after 2 of the 5\n"
