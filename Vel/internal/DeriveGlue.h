@@ -16,6 +16,7 @@ template <class T, class... Ts> constexpr U32 indexIn() {
 }
 
 template <class T> constexpr std::string_view typeName() {
+    static_assert(ScalarValue<T> || Described<T>, "the type of an attribute is a scalar, or describes itself");
     if constexpr (ScalarValue<T>)
         return Scalar<T>::name;
     else

@@ -1,0 +1,4 @@
+// expect: observer. (to be of|is an) abstract|type .Vel::Notifiee. is an abstract class
+#include "Vel/NotifieeList.h"
+
+Vel::Notifiee observer;
