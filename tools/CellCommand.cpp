@@ -12,6 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -111,13 +112,9 @@ std::string missingText(std::vector<SourceCall> const& asked) {
     return joined(texts, ", ");
 }
 
-std::string modeFilesText(std::vector<SourceCall> const& files) {
-    std::vector<std::string> texts;
-    for (SourceCall const& file : files)
-        texts.push_back(file.name + (file.error     ? ": " + errnoText(file.error)
-                                        : file.text ? " holds " + quoted(*file.text)
-                                                    : " not read"));
-    return joined(texts, ", ");
+std::string modeFileText(SourceCall const& file) {
+    if (file.error) return file.name + ": " + errnoText(file.error);
+    return file.name + (file.text ? " holds " + quoted(*file.text) : " not read");
 }
 
 std::string sourceText(Answer const& answer) {
@@ -130,7 +127,7 @@ std::string sourceText(Answer const& answer) {
     case Source::Kind::redundancyStatus:
         return "redundancy status " + source.name;
     case Source::Kind::modeFiles:
-        return "mode files: " + modeFilesText(source.asked);
+        return "mode files: " + modeFileText(source.asked[0]) + ", " + modeFileText(source.asked[1]);
     case Source::Kind::builtIn:
         break;
     }
