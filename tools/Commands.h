@@ -32,6 +32,26 @@ struct ValueOptions {
 };
 int runValue(ValueOptions const& options);
 
+struct StatOptions {
+    std::string type;                 // the statistic's, perhaps without its namespace
+    std::optional<std::string> file;  // of observations; nothing or "-": standard input
+    std::optional<std::string> from;  // text form of the statistic to begin with
+    bool each = false;                // answer after each observation, not at the end
+    bool json = false;
+};
+int runStat(StatOptions const& options);
+
+struct IdSetOptions {
+    std::vector<std::string> expression;  // its parts, as if blanks stood between them
+    std::string size = "16320";
+    bool count = false;
+    bool list = false;
+    bool picture = false;
+    std::optional<std::string> contains;
+    bool json = false;
+};
+int runIdSet(IdSetOptions const& options);  // somethingWrong only when the set does not hold the id asked for
+
 // Loads libraries of further types. Returns the exit code: a library that brings no types is worth a warning.
 int loadModules(std::vector<std::string> const& paths);
 

@@ -10,14 +10,17 @@ namespace {
 
 using namespace Tool;
 
-constexpr char about[] =
-    "Asks the Mox library: who this machine is, which types there are, what a value looks like as text and as bytes.";
+constexpr char about[] = "Asks the Mox library: who this machine is, which types there are, what a value looks like as "
+                         "text and as bytes, what a "
+                         "statistic makes of observations, what sets of ids come to.";
 
 constexpr char examples[] = R"~(Examples:
   mox cell                          which cell this is, which is active, and how we know
   mox types                         all modules and their types
   mox types Cell::Status            one type in full
   mox value --type Mox::Seqno16 7   a value: its attributes, its bytes, its hash
+  mox stat CountStat counts.txt     a statistic of the observations in a file
+  mox idset '(1-9) minus (3)'       a set of ids, computed
   mox COMMAND --help                more about one command, with examples
 
 Exit codes: 0 fine; 1 there is an answer, but something is wrong; 2 the command line is wrong.)~";
@@ -74,6 +77,45 @@ Examples:
 
 The text of a type: see "text form" in "mox types TYPE". Exit code 1 when text or bytes are not a value of the type.)~";
 
+constexpr char statHelp[] =
+    R"~(Feeds a statistic with observations, one on each line of a file or of standard input, and prints what it then holds, as
+text. A line is the text form of the value that the statistic's attribute "update" takes ("mox types TYPE" shows which);
+blank lines and lines that begin with # are skipped.
+
+Examples:
+  mox stat CountStat counts.txt          the statistic at the end; counts.txt holds lines such as
+                                         Value('Mox::Count', ** {'count': 3, 'when': 1700000000.125})
+  grep eth0 log | mox stat CountStat     observations from standard input
+  mox stat CountStat --each counts.txt   the statistic after each observation
+  mox stat CountStat --from "Value('Mox::CountStat', ** {'count': 9, 'last': 0.0})" counts.txt
+                                         goes on from that statistic
+  mox --module ./libmytypes.so stat My::Stat FILE
+                                         any type with an attribute "update" will do
+
+Bad lines, also those of more than 1 MiB, are shown on standard error and left out; the exit code is then 1. JSON: one
+object with all fields; with --each, one on each line.)~";
+
+constexpr char idSetHelp[] =
+    R"~(Calculates with sets of ids. Operands are range lists such as (1-3,5), in quotes because the shell has its own use for
+parentheses; @FILE for a file's ids (the name ends at a blank); - for those on standard input. Each line of a file is a
+range list, a range or an id; blank lines and lines that begin with # are skipped.
+
+Operators: or |, and &, minus -, xor ^ between operands, not ~ before one: all ids below the size that it does not hold.
+They go from left to right, as on a pocket calculator: (1) or (2) and (3) is ((1) or (2)) and (3). There is no grouping,
+since parentheses stand around ids; not belongs to the operand right behind it.
+
+Examples:
+  mox idset '(1-9) minus (3,5)'                   (1-2,4,6-9)
+  mox idset '(1-9)-(3,5)|(20)'                    the same with signs, and 20 added
+  mox idset 'not (0-16000)' --count               how many ids are left
+  mox idset @used.txt or @reserved.txt --picture  drawn, 64 ids in a row
+  mox idset '(1-9)' --contains 3 && echo yes      exit code 0 when it holds the id, 1 when not
+  seq 5 3 20 | mox idset -                        ids on standard input, as a range list
+  mox idset '(1-9)' --list | mox idset - xor '(3)'
+
+Ids are below the size (--size, at most 16320: beyond, ids share bits). Exit code 2 for everything wrong with the expression
+or the files.)~";
+
 // A number from 0 to 0xFFFFFFFF, or "none".
 std::uint32_t redundancyStatusFrom(std::string const& text) {
     std::uint32_t id = 0xFFFFFFFFu;
@@ -91,9 +133,13 @@ struct CommandLine {
     std::optional<std::string> redundancyStatus;
     TypesOptions types;
     ValueOptions value;
+    StatOptions stat;
+    IdSetOptions idSet;
     CLI::App* cellCommand = nullptr;
     CLI::App* typesCommand = nullptr;
     CLI::App* valueCommand = nullptr;
+    CLI::App* statCommand = nullptr;
+    CLI::App* idSetCommand = nullptr;
 
     CommandLine() {
         app.footer(examples);
@@ -109,7 +155,9 @@ struct CommandLine {
         addCell();
         addTypes();
         addValue();
-        for (CLI::App* const command : {&app, cellCommand, typesCommand, valueCommand})
+        addStat();
+        addIdSet();
+        for (CLI::App* const command : {&app, cellCommand, typesCommand, valueCommand, statCommand, idSetCommand})
             command->set_help_flag("-h,--help", "Show this and leave");
     }
 
@@ -148,6 +196,31 @@ struct CommandLine {
         valueCommand->add_flag("--json", value.json, "Answer in JSON");
     }
 
+    void addStat() {
+        statCommand =
+            app.add_subcommand("stat", "A statistic of the observations in a file")->footer(statHelp)->fallthrough();
+        statCommand->add_option("TYPE", stat.type, "The statistic's type; \"Mox::\" may be left out")->type_name("");
+        statCommand->add_option("FILE", stat.file, "Observations, one a line; default: standard input, as -")
+            ->type_name("");
+        statCommand->add_option("--from", stat.from, "Text of the statistic to begin with")->type_name("TEXT");
+        statCommand->add_flag("--each", stat.each, "Answer after each observation, not only at the end");
+        statCommand->add_flag("--json", stat.json, "Answer in JSON");
+    }
+
+    void addIdSet() {
+        idSetCommand = app.add_subcommand("idset", "A calculator on sets of ids: (1-9) minus (3,5)")
+                           ->footer(idSetHelp)
+                           ->fallthrough();
+        idSetCommand->add_option("EXPRESSION", idSet.expression, "Operands and operators, in quotes")->type_name("");
+        idSetCommand->add_option("--size", idSet.size, "Ids are below this (default: 16320)")->type_name("N");
+        idSetCommand->add_flag("--count", idSet.count, "Answer with the number of ids");
+        idSetCommand->add_option("--contains", idSet.contains, "Answer whether it holds the id: exit code 0 or 1")
+            ->type_name("ID");
+        idSetCommand->add_flag("--list", idSet.list, "Answer with one id a line");
+        idSetCommand->add_flag("--picture", idSet.picture, "Draw it");
+        idSetCommand->add_flag("--json", idSet.json, "Answer in JSON");
+    }
+
     int run() {
         int const code = loadModules(modules);
         return std::max(code, runCommand());
@@ -156,18 +229,21 @@ struct CommandLine {
     int runCommand() {
         if (typesCommand->parsed()) return runTypes(types);
         if (valueCommand->parsed()) return runValue(value);
+        if (statCommand->parsed()) return runStat(stat);
+        if (idSetCommand->parsed()) return runIdSet(idSet);
         if (redundancyStatus) cell.redundancyStatus = redundancyStatusFrom(*redundancyStatus);
         return runCell(cell);
     }
 
     std::string missingCommand() const {
         auto const rest = app.remaining();
-        if (rest.empty()) return "say what to do: cell, types or value; " + helpHint();
-        return "there is no command " + shortened(shown(rest[0]), 80) + ", only cell, types and value; " + helpHint();
+        if (rest.empty()) return "say what to do: cell, types, value, stat or idset; " + helpHint();
+        return "there is no command " + shortened(shown(rest[0]), 80) + ", only cell, types, value, stat and idset; " +
+               helpHint();
     }
 
     std::string helpHint() const {
-        for (CLI::App const* const command : {cellCommand, typesCommand, valueCommand})
+        for (CLI::App const* const command : {cellCommand, typesCommand, valueCommand, statCommand, idSetCommand})
             if (command->parsed()) return "see \"mox " + command->get_name() + " --help\"";
         return "see \"mox --help\"";
     }

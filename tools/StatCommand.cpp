@@ -1,0 +1,255 @@
+#include "tools/Commands.h"
+#include "tools/Input.h"
+#include "tools/Names.h"
+#include "tools/Output.h"
+
+#include "Vel/Exception.h"
+#include "Vel/GenericIf.h"
+#include "Vel/Module.h"
+
+#include <nlohmann/json.hpp>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Tool {
+
+namespace {
+
+using Vel::AttributeKind;
+using Vel::AttributeOp;
+using Vel::GenericValue;
+using Vel::VelAttr;
+using Vel::VelType;
+
+// --- which statistic ---
+
+// What takes the observations; nothing when the type is no statistic.
+std::optional<VelAttr> updateOf(VelType type) {
+    if (type.isEntity()) return std::nullopt;
+    auto const attr = type.attribute("update");
+    if (!attr || attr->kind() != AttributeKind::setter || !attr->answers(AttributeOp::set)) return std::nullopt;
+    bool const takesValue = attr->valueType() && !attr->valueType().isEntity();
+    return takesValue ? attr : std::nullopt;
+}
+
+std::vector<std::string> statisticNames() {
+    std::vector<std::string> names;
+    for (VelType const& type : Vel::Registry::types())
+        if (updateOf(type)) names.emplace_back(type.name());
+    return names;
+}
+
+// The type of that name, or the one whose name ends so, those of Mox first.
+VelType typeOfShortName(std::string const& name) {
+    if (VelType const type = Vel::Registry::type(name)) return type;
+    if (VelType const type = Vel::Registry::type("Mox::" + name)) return type;
+    VelType found;
+    for (VelType const& type : Vel::Registry::types()) {
+        if (!std::string_view(type.name()).ends_with("::" + name)) continue;
+        if (found) return VelType();
+        found = type;
+    }
+    return found;
+}
+
+VelType statisticNamed(std::string const& name) {
+    std::string const all = alternatives(statisticNames());
+    if (name.empty()) throw Failure(badUsage, "say which statistic: " + all);
+    if (VelType const type = typeOfShortName(name)) {
+        if (updateOf(type)) return type;
+        throw Failure(badUsage, std::string(type.name()) +
+                                    " is no statistic: it has no attribute \"update\" that takes " +
+                                    "an observation; those that have: " + all);
+    }
+    std::vector<std::string> const near = nearest(name, statisticNames());
+    throw Failure(badUsage, "there is no statistic " + shortened(shown(name), 80) + "; " +
+                                (near.empty() ? "there are " + joined(statisticNames(), ", ")
+                                              : "did you mean " + alternatives(near) + "?"));
+}
+
+GenericValue startOf(VelType type, std::optional<std::string> const& text) {
+    if (!text) return GenericValue(type);
+    std::string const what = "--from: this is no " + std::string(type.name()) + ": ";
+    try {
+        return GenericValue(type, Vel::String(*text));
+    } catch (Vel::ParseException const& error) {
+        throw Failure(badUsage, what + error.what() + "\n" + caretBelow(*text, error.offset()));
+    } catch (Vel::Exception const& error) {
+        throw Failure(badUsage, what + error.what());
+    }
+}
+
+// --- how far it has got, for whoever waits at a terminal ---
+
+class Progress {
+public:
+    Progress(Input const& input, bool mayMixWithAnswers)
+        : wanted_(::isatty(STDERR_FILENO) == 1 && ::isatty(input.descriptor()) == 0 &&
+                  !(mayMixWithAnswers && ::isatty(STDOUT_FILENO) == 1)),
+          next_(Clock::now() + std::chrono::seconds(1)) {
+        struct stat status {};
+        if (::fstat(input.descriptor(), &status) == 0 && S_ISREG(status.st_mode))
+            size_ = static_cast<std::uint64_t>(status.st_size);
+    }
+    Progress(Progress const&) = delete;
+    Progress& operator=(Progress const&) = delete;
+    ~Progress() { clear(); }
+
+    void tell(LineReader const& lines) {
+        if (!wanted_ || Clock::now() < next_) return;
+        next_ = Clock::now() + std::chrono::milliseconds(250);
+        std::string const part =
+            size_ ? ", " + std::to_string(100 * lines.bytesRead() / std::max(size_, lines.bytesRead())) + " %" : "";
+        std::fprintf(stderr, "\rmox: %lu lines%s", lines.number(), part.c_str());
+        shown_ = true;
+    }
+    void clear() {
+        if (shown_) std::fputs("\r\x1b[K", stderr);
+        shown_ = false;
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    bool wanted_;
+    bool shown_ = false;
+    std::uint64_t size_ = 0;  // 0: unknown
+    Clock::time_point next_;
+};
+
+// --- answers on the way ---
+
+// A type may have texts that break a precondition of its parser, which ends the process. Its assertion has just been
+// printed; what has been answered before must not be lost with it.
+LineReader const* readingLines = nullptr;
+std::string unprinted;
+
+extern "C" void explainAbortOfStat(int) {
+    [[maybe_unused]] ssize_t written = ::write(STDOUT_FILENO, unprinted.data(), unprinted.size());
+    static constexpr char text[] = "this breaks a precondition of the type, as the assertion above says\n";
+    char line[160];
+    int const size = readingLines ? std::snprintf(line, sizeof line, "mox: line %lu: %s", readingLines->number(), text)
+                                  : std::snprintf(line, sizeof line, "mox: --from: %s", text);
+    written = ::write(STDERR_FILENO, line, static_cast<std::size_t>(size));
+    ::_exit(readingLines ? somethingWrong : badUsage);
+}
+
+void flush() {
+    if (!unprinted.empty()) print(unprinted);
+    unprinted.clear();
+}
+
+void answer(std::string_view line) {
+    constexpr std::size_t enough = 65536;
+    unprinted += line;
+    unprinted += '\n';
+    if (unprinted.size() >= enough) flush();
+}
+
+// --- the replay ---
+
+class Replay {
+public:
+    Replay(StatOptions const& options, VelType type)
+        : options_(options),
+          update_(*updateOf(type)),
+          statistic_(startOf(type, options.from)),
+          input_(options.file.value_or("-")),
+          progress_(input_, options.each),
+          lines_(input_, [this] {
+              flush();
+              progress_.tell(lines_);
+          }) {}
+
+    int run() {
+        if (::isatty(input_.descriptor()) == 1 && ::isatty(STDERR_FILENO) == 1)
+            complain(std::string("type observations, each a ") + update_.valueType().name() +
+                     " on a line of its own; Ctrl-D ends");
+        readingLines = &lines_;
+        while (lines_.next())
+            if (lines_.isTooLong())
+                reject("this line is longer than 1 MiB, which no observation needs", lines_.text().size());
+            else if (!lines_.isBlank())
+                take();
+        readingLines = nullptr;
+        progress_.clear();
+        if (!options_.each) answer(options_.json ? jsonOfAll() : statistic_.strep().stdString());
+        flush();
+        if (rejected_ == 0) return fine;
+        complain(std::to_string(rejected_) + " of " + std::to_string(taken_ + rejected_) +
+                 (taken_ + rejected_ == 1 ? " observation is" : " observations are") + " bad and left out");
+        return somethingWrong;
+    }
+
+private:
+    void take() {
+        std::string const what = std::string("this is no ") + update_.valueType().name() + ": ";
+        try {
+            GenericValue const observation(update_.valueType(), Vel::String(lines_.text()));
+            GenericValue updated(statistic_);  // an observation counts in full or not at all
+            int const code = updated.type().glue().genericIfAttributeOp(
+                nullptr, updated.data(), update_, AttributeOp::set, nullptr, observation.data());
+            if (code != 0) throw Vel::TypeException("the statistic does not take it");
+            statistic_ = std::move(updated);
+        } catch (Vel::ParseException const& error) {
+            return reject(what + error.what(), error.offset());
+        } catch (Vel::Exception const& error) {
+            return reject(error.what(), 0);
+        } catch (std::logic_error const& error) {  // the standard library's conversions
+            return reject(what + error.what(), 0);
+        }
+        ++taken_;
+        if (options_.each) answer(options_.json ? jsonOfLine() : statistic_.strep().stdString());
+    }
+
+    void reject(std::string const& why, std::size_t offset) {
+        ++rejected_;
+        progress_.clear();
+        flush();
+        complain(lines_.place(offset) + ": " + why + "\n" + caretBelow(lines_.text(), offset));
+    }
+
+    std::string jsonOfLine() const {
+        Json const json{{"line", lines_.number()}, {"text", statistic_.strep().stdString()}};
+        return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+    }
+
+    std::string jsonOfAll() const {
+        VelType const type = statistic_.type();
+        Json attributes = Json::array();
+        for (Vel::U32 i = 0; i < type.attributeCount(); ++i) {
+            VelAttr const attr = type.attribute(i);
+            if (attr.kind() != AttributeKind::field) continue;
+            if (auto const value = statistic_.get(attr))
+                attributes.push_back(
+                    {{"name", attr.name()}, {"type", attr.valueType().name()}, {"text", value->strep().stdString()}});
+        }
+        std::string text =
+            jsonText({{"type", type.name()}, {"observationType", update_.valueType().name()}, {"observations", taken_},
+                {"bad", rejected_}, {"text", statistic_.strep().stdString()}, {"attributes", std::move(attributes)}});
+        text.pop_back();  // the newline, which answer() adds
+        return text;
+    }
+
+    StatOptions const& options_;
+    VelAttr update_;
+    GenericValue statistic_;
+    Input input_;
+    Progress progress_;
+    LineReader lines_;
+    std::uint64_t taken_ = 0, rejected_ = 0;
+};
+
+}  // namespace
+
+int runStat(StatOptions const& options) {
+    std::signal(SIGABRT, explainAbortOfStat);
+    return Replay(options, statisticNamed(options.type)).run();
+}
+
+}  // namespace Tool
