@@ -16,6 +16,14 @@ void checkName(std::string_view name) {
         throwRangeException(valueToStrep(String(name)) + " cannot be an entity's name: it is empty or holds a \"/\"");
 }
 
+// An entity has one place in the tree, and no directory is within itself.
+void checkPlace(Entity const& entity, Dir const& dir) {
+    if (entity.parent() && entity.parent() != &dir)
+        throwRangeException(entity.path() + " is in use in another place than " + dir.path());
+    for (Entity const* above = &dir; above; above = above->parent())
+        if (above == &entity) throwRangeException(entity.path() + " cannot be put within itself");
+}
+
 }  // namespace
 
 Ptr<Entity> Dir::createEntity(std::string_view typeName, std::string_view name, void const* const* arguments) {
@@ -38,6 +46,7 @@ void Dir::entryIs(Ptr<Entity> const& entity) {
     if (!entity) throwMutatorArgNullPointerException(fwkType(), entryAttribute);
     String const name = entity->name();
     checkName(name);
+    checkPlace(*entity, *this);
     auto const [place, isNew] = entries_.try_emplace(name, entity);
     if (!isNew) {
         if (place->second == entity) return;

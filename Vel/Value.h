@@ -1,8 +1,11 @@
 #pragma once
 
 #include "Vel/Describe.h"
+#include "Vel/Hash.h"
 #include "Vel/NboAttrLog.h"
+#include "Vel/Scalar.h"
 #include "Vel/Strep.h"
+#include "Vel/internal/StreamItems.h"
 
 #include <functional>
 #include <iosfwd>
@@ -20,51 +23,6 @@
 namespace Vel {
 
 class VelType;
-
-// --- scalars ---
-
-// Name, width in the attribute log (bytes; of a string, without its characters) and conversion in the text template.
-template <class T> struct Scalar;
-template <> struct Scalar<U1> {
-    static constexpr std::string_view name = "U1", conversion = "%s";
-    static constexpr std::size_t width = 1;
-};
-template <> struct Scalar<bool> {
-    static constexpr std::string_view name = "bool", conversion = "%s";
-    static constexpr std::size_t width = 1;
-};
-template <> struct Scalar<U8> {
-    static constexpr std::string_view name = "U8", conversion = "%u";
-    static constexpr std::size_t width = 1;
-};
-template <> struct Scalar<U16> {
-    static constexpr std::string_view name = "U16", conversion = "%u";
-    static constexpr std::size_t width = 2;
-};
-template <> struct Scalar<U32> {
-    static constexpr std::string_view name = "U32", conversion = "%u";
-    static constexpr std::size_t width = 4;
-};
-template <> struct Scalar<U64> {
-    static constexpr std::string_view name = "U64", conversion = "%lu";
-    static constexpr std::size_t width = 8;
-};
-template <> struct Scalar<F64> {
-    static constexpr std::string_view name = "F64", conversion = "%s";
-    static constexpr std::size_t width = 8;
-};
-template <> struct Scalar<Seconds> {
-    static constexpr std::string_view name = "Vel::Seconds", conversion = "%s";
-    static constexpr std::size_t width = 8;
-};
-template <> struct Scalar<String> {
-    static constexpr std::string_view name = "Vel::String", conversion = "%s";
-    static constexpr std::size_t width = 4;
-};
-template <class T>
-concept ScalarValue = requires {
-    Scalar<T>::width;
-};
 
 // --- what the module's source instantiates ---
 
@@ -117,106 +75,6 @@ template <class T> T strepToValue(String const& s, T* type = nullptr) {
 }
 
 // --- stream ---
-
-namespace Detail {
-
-// The width of a value whose encoding always has the same length; 0 for others.
-template <class T> constexpr std::size_t fixedWidth() {
-    if constexpr (std::is_same_v<T, String>) {
-        return 0;
-    } else if constexpr (ScalarValue<T>) {
-        return Scalar<T>::width;
-    } else if constexpr (!DescribedValue<T>) {
-        return 0;
-    } else if constexpr (hasOption<T, OptionId::stream>) {
-        return 0;
-    } else {
-        std::size_t sum = 0;
-        bool fixed = true;
-        forEachField<T>([&](auto index) {
-            constexpr std::size_t width = fixedWidth<FieldType<T, decltype(index)::value>>();
-            sum += width;
-            fixed = fixed && width != 0;
-        });
-        return fixed ? sum : 0;
-    }
-}
-
-template <class T, class F> constexpr void eachFieldValue(T& value, F&& f) {
-    forEachField<std::remove_const_t<T>>(
-        [&](auto index) { f(value.*AttributeAt<std::remove_const_t<T>, decltype(index)::value>::member, index); });
-}
-
-template <class T> inline U8* storeFixed(U8* to, T const& value) {
-    if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, U1>)
-        *to = value ? 1 : 0;
-    else if constexpr (std::is_same_v<T, double>)
-        NboAttrLog::store(to, std::bit_cast<U64>(value));
-    else if constexpr (std::is_same_v<T, Seconds>)
-        NboAttrLog::store(to, std::bit_cast<U64>(value.value()));
-    else if constexpr (ScalarValue<T>)
-        NboAttrLog::store(to, value);
-    else
-        eachFieldValue(value, [&](auto const& field, auto) { to = storeFixed(to, field); });
-    if constexpr (ScalarValue<T>) to += Scalar<T>::width;
-    return to;
-}
-
-// Reads what storeFixed wrote; `good` becomes false at a bool that is neither 0 nor 1.
-template <class T> inline U8 const* loadFixed(U8 const* from, T& value, bool& good) {
-    if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, U1>) {
-        good = good && *from <= 1;
-        value = *from != 0;
-    } else if constexpr (std::is_same_v<T, double> || std::is_same_v<T, Seconds>) {
-        value = std::bit_cast<double>(NboAttrLog::load<U64>(from));
-    } else if constexpr (ScalarValue<T>) {
-        value = NboAttrLog::load<T>(from);
-    } else {
-        eachFieldValue(value, [&](auto& field, auto) { from = loadFixed(from, field, good); });
-    }
-    if constexpr (ScalarValue<T>) from += Scalar<T>::width;
-    return from;
-}
-
-template <class T> T nextItem(NboAttrLog::In& in);
-
-[[noreturn]] VEL_API VEL_COLD void throwStreamExceptionNaming(
-    StreamException const& error, std::string_view typeName, std::string_view attributeName);
-
-template <class T> void readByItems(T& value, NboAttrLog::In& in) {
-    eachFieldValue(value, [&](auto& field, auto index) {
-        try {
-            field = nextItem<std::remove_cvref_t<decltype(field)>>(in);
-        } catch (StreamException const& error) {
-            throwStreamExceptionNaming(error, descriptionOf<T>.name, attributeName<T, decltype(index)::value>());
-        }
-    });
-}
-// Apart, so that the way of a whole value stays short.
-template <class T> VEL_COLD void readByItemsCold(T& value, NboAttrLog::In& in) { readByItems(value, in); }
-
-template <class T> T nextItem(NboAttrLog::In& in) {
-    if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, U1>)
-        return in.nextbool();
-    else if constexpr (std::is_same_v<T, U8>)
-        return in.nextU8();
-    else if constexpr (std::is_same_v<T, U16>)
-        return in.nextU16();
-    else if constexpr (std::is_same_v<T, U32>)
-        return in.nextU32();
-    else if constexpr (std::is_same_v<T, U64>)
-        return in.nextU64();
-    else if constexpr (std::is_same_v<T, F64>)
-        return in.nextF64();
-    else if constexpr (std::is_same_v<T, Seconds>)
-        return in.nextSeconds();
-    else if constexpr (std::is_same_v<T, String>)
-        return in.nextString();
-    else
-        return T(&in, StreamBogon());
-}
-
-}  // namespace Detail
 
 // Writes the fields in declaration order, and nothing else.
 template <DescribedValue T> inline NboAttrLog::Out& operator<<(NboAttrLog::Out& out, T const& value) {

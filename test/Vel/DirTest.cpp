@@ -289,4 +289,30 @@ TEST_F(DirTest, RandomOperationsAgreeWithAMap) {
     }
 }
 
+TEST(DirPlaceTest, AnEntityHasOnePlace) {
+    auto const first = Vel::Dir::newEntity("first");
+    auto const second = Vel::Dir::newEntity("second");
+    auto const leaf = Leaf::newEntity("leaf");
+    first->entryIs(leaf);
+    try {
+        second->entryIs(leaf);
+        FAIL() << "the leaf is in two directories";
+    } catch (Vel::RangeException const& error) {
+        EXPECT_EQ(error.text(), "/leaf is in use in another place than second");
+    }
+    EXPECT_EQ(second->entries(), 0u);
+    first->entryDel("leaf");
+    second->entryIs(leaf);
+    EXPECT_EQ(leaf->parent(), second.get());
+}
+
+TEST(DirPlaceTest, NoDirectoryIsWithinItself) {
+    auto const outer = Vel::Dir::newEntity("outer");
+    auto const inner = Vel::Dir::newEntity("inner");
+    outer->entryIs(inner);
+    EXPECT_THROW(inner->entryIs(outer), Vel::RangeException);
+    EXPECT_THROW(outer->entryIs(outer), Vel::RangeException);
+    EXPECT_EQ(outer->entries(), 1u);
+}
+
 }  // namespace

@@ -1,0 +1,78 @@
+#pragma once
+
+#include "Vel/internal/DeriveTable.h"
+
+#include <algorithm>
+
+// A module's fingerprint: a hash of everything that its descriptions say, computed by the compiler.
+namespace Vel::Detail {
+
+// FNV-1a, 64 bits (Fowler, Noll, Vo), over the canonical spelling below. The seed is the one from which the Seqno
+// module's spelling hashes to the fingerprint under which that module was first published.
+class Fnv {
+public:
+    constexpr Fnv& operator<<(std::string_view text) {
+        for (char const c : text) state_ = (state_ ^ static_cast<unsigned char>(c)) * 0x100000001b3ul;
+        return *this;
+    }
+    constexpr Fnv& operator<<(U32 number) {
+        char digits[10] = {};
+        std::size_t count = 0;
+        do digits[count++] = static_cast<char>('0' + number % 10);
+        while (number /= 10);
+        while (count) *this << std::string_view(&digits[--count], 1);
+        return *this;
+    }
+    constexpr U64 result() const { return state_; }
+
+private:
+    U64 state_ = 0x4efd2ecf4fc3cb67ul;
+};
+
+// "-" where there is no name, so that the spelling can be read back word by word.
+constexpr std::string_view orDash(std::string_view name) { return name.empty() ? std::string_view("-") : name; }
+
+template <class T> constexpr void spellType(Fnv& hash) {
+    unsigned form = 3;
+    if constexpr (Described<T>) form = static_cast<unsigned>(DescriptionOf<T>::form);
+    hash << "type " << typeName<T>() << " form " << U32(form) << " base " << orDash(TypeNameOf<BaseType<T>>::value)
+         << " flags " << U32(typeFlags<T>() & (TypeFlag::ownText | TypeFlag::ownStream | TypeFlag::hashable)) << " ops "
+         << valueOps<T>() << "\n";
+    forEachAttributeOf<T>([&](auto const& a, auto index) {
+        using A = std::remove_cvref_t<decltype(a)>;
+        hash << "attribute " << firstAttributeId<T>() + static_cast<U32>(decltype(index)::value) << " " << a.name
+             << " kind " << U32(A::kind) << " ops " << A::ops << " value "
+             << orDash(TypeNameOf<typename A::Value>::value) << " key " << orDash(TypeNameOf<typename A::Key>::value)
+             << " result " << orDash(TypeNameOf<typename A::Result>::value) << "\n";
+        forEachParameter(a,
+            [&](std::string_view name, std::string_view type) { hash << "parameter " << name << " " << type << "\n"; });
+    });
+}
+
+template <class... Ts> constexpr U64 moduleFingerprint(std::string_view name) {
+    Fnv hash;
+    hash << "module " << name << "\n";
+    (spellType<Ts>(hash), ...);
+    return hash.result();
+}
+
+struct FingerprintDigits {
+    char digits[17] = {};
+    constexpr FingerprintDigits() = default;
+    consteval FingerprintDigits(char const (&text)[17]) { std::copy(text, text + 17, digits); }
+    friend constexpr bool operator==(FingerprintDigits const&, FingerprintDigits const&) = default;
+};
+
+constexpr FingerprintDigits hexDigits(U64 value) {
+    FingerprintDigits result;
+    for (unsigned i = 0; i < 16; ++i) result.digits[i] = "0123456789abcdef"[(value >> (60 - 4 * i)) & 15];
+    return result;
+}
+
+template <FingerprintDigits Actual, FingerprintDigits Written> struct FingerprintCheck {
+    static_assert(Actual == Written,
+        "the module's description has changed: give VEL_MODULE the fingerprint that stands first in "
+        "FingerprintCheck<...>");
+};
+
+}  // namespace Vel::Detail
