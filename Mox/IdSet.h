@@ -128,7 +128,11 @@ public:
         check(i, "bool Mox::IdSet::id(Mox::Id) const");
         return words_.get(bucketOf(i)) >> (i.value() % 64) & 1;
     }
-    bool updateId(Id i, bool value) &;  // whether it was a member. REQUIRES: i below size
+    bool updateId(Id i, bool value) & {  // whether it was a member. REQUIRES: i below size
+        check(i, "bool Mox::IdSet::updateId(Mox::Id, bool) &");
+        U64 const bit = U64(1) << (i.value() % 64);
+        return ((value ? words_.add(bucketOf(i), bit) : removeBit(bucketOf(i), bit)) & bit) != 0;
+    }
     bool idIs(Id i, bool value) & { return updateId(i, value); }
     bool idDel(Id i) & { return updateId(i, false); }
     U16 ids() const;                      // number of members, modulo 65536
@@ -178,6 +182,12 @@ public:
 
 private:
     static unsigned bucketOf(Id i) { return (i.value() >> 6) & 255u; }
+    U64 removeBit(unsigned bucket, U64 bit);          // the former word
+    U64 belowSize(unsigned bucket, U64 word) const {  // what of it iteration sees
+        if (bucket < size_ / 64u) [[likely]]
+            return word;
+        return bucket == size_ / 64u ? word & ((U64(1) << (size_ % 64)) - 1) : 0;
+    }
     unsigned loopBuckets() const { return maxBuckets() & 255u; }  // how far the loops over all buckets go
     void check(Id i, char const* function) const {
         if (i.value() >= size_) [[unlikely]]
@@ -185,8 +195,11 @@ private:
     }
     [[noreturn]] VEL_COLD void failLimit(Id i, char const* function) const;
     void checkSameSize(IdSet const& other, char const* function) const;
-    template <class Op> void combine(IdSet const& other, Op op);
+    void combine(IdSet const& other, Detail::SetOp op, char const* function);
+    static IdSet combined(IdSet const& a, IdSet const& b, Detail::SetOp op, char const* function);
 
+    class Builder;
+    friend VEL_API IdSet sequenceToValue(StrepIterator& p, StrepIterator const& end, IdSet const* prototype);
     static IdSet parse(StrepIterator& it, StrepIterator const& end, IdSet* prototype);
     static void write(Vel::NboAttrLog::Out& out, IdSet const& set);
     static void readInto(IdSet& set, LogIn& in);
@@ -199,7 +212,7 @@ private:
     U64 deleteBucket(BucketId b) & { return bucketDel(b); }  // of the two forms, the one that reflection takes
     [[noreturn]] VEL_COLD static void failIterator(bool isConst, bool inKey);
 
-    Detail::WordMap words_;
+    [[no_unique_address]] Detail::WordMap words_;  // whose padding has room for the size
     U16 size_ = 0;
 };
 
@@ -276,12 +289,12 @@ public:
     using difference_type = std::ptrdiff_t;
 
     Iterator() = default;
-    explicit Iterator(IdSet const& set) : set_(&set) { goTo(0); }
+    explicit Iterator(IdSet const& set) : set_(&set), cursor_(set.words_) { goToNextWord(); }
 
-    Id operator*() const { return Id(current()); }
+    Id operator*() const { return Id(static_cast<U16>(bucket_ * 64 + static_cast<unsigned>(std::countr_zero(rest_)))); }
     Iterator& operator++() {
         rest_ &= rest_ - 1;
-        if (rest_ == 0) goTo(bucket_ + 1);
+        if (rest_ == 0) goToNextWord();
         return *this;
     }
     Iterator operator++(int) {
@@ -292,20 +305,28 @@ public:
     friend bool operator==(Iterator const& a, Iterator const& b) {
         return a.bucket_ == b.bucket_ && a.rest_ == b.rest_;
     }
-    friend bool operator==(Iterator const& i, std::default_sentinel_t) {
-        return i.rest_ == 0 || i.current() >= i.set_->size();
-    }
+    friend bool operator==(Iterator const& i, std::default_sentinel_t) { return i.rest_ == 0; }
 
 private:
-    U16 current() const { return static_cast<U16>(bucket_ * 64 + static_cast<unsigned>(std::countr_zero(rest_))); }
-    void goTo(unsigned from) {
-        rest_ = 0;
-        for (bucket_ = set_->words_.next(from); bucket_ < Detail::WordMap::buckets && rest_ == 0;
-             bucket_ = rest_ ? bucket_ : set_->words_.next(bucket_ + 1))
-            rest_ = set_->words_.get(bucket_);
+    void goToNextWord() {
+        do
+            if (!cursor_.next(bucket_, rest_)) {
+                bucket_ = Detail::WordMap::buckets;
+                rest_ = 0;
+                return;
+            }
+        while (rest_ == 0);
+        rest_ = set_->belowSize(bucket_, rest_);
+        if (rest_ == 0) [[unlikely]]
+            end();
+    }
+    void end() {
+        bucket_ = Detail::WordMap::buckets;
+        cursor_ = Detail::WordMap::Cursor();
     }
 
     IdSet const* set_ = nullptr;
+    Detail::WordMap::Cursor cursor_;
     U64 rest_ = 0;  // of the bucket's word; 0 at the end
     unsigned bucket_ = Detail::WordMap::buckets;
 };
@@ -314,10 +335,8 @@ inline IdSet::Iterator IdSet::begin() const { return Iterator(*this); }
 
 template <class F> void IdSet::forEachId(F f) const {
     words_.forEach([&](unsigned bucket, U64 word) {
-        for (; word; word &= word - 1) {
-            auto const id = static_cast<U16>(bucket * 64 + static_cast<unsigned>(std::countr_zero(word)));
-            if (id < size_) f(Id(id));
-        }
+        for (word = belowSize(bucket, word); word; word &= word - 1)
+            f(Id(static_cast<U16>(bucket * 64 + static_cast<unsigned>(std::countr_zero(word)))));
     });
 }
 

@@ -6,6 +6,7 @@
 #include "Vel/internal/Scan.h"
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -31,64 +32,223 @@ std::vector<std::string_view> pieces(std::string_view text, char separator) {
 
 unsigned long number(std::string_view text) { return std::stoul(std::string(text), nullptr, 10); }
 
-void addRange(IdSet& set, std::string_view item) {
-    auto const range = pieces(item, '-');
-    if (range.size() != 2) Vel::assertionFailed("range.size() == 2", source, 291, parseFunction);
-    auto const start = static_cast<U32>(number(range[0]));
-    auto const stop = static_cast<U32>(number(range[1]));
-    if (start >= stop) {
-        {
-            Vel::SassertHelper helper("start < stop");
-            helper.stream() << "Invalid range";
-        }
-        Vel::assertionFailed("\"start < stop\" == nullptr", source, 294, parseFunction);
+[[noreturn]] VEL_COLD void failRange() {
+    {
+        Vel::SassertHelper helper("start < stop");
+        helper.stream() << "Invalid range";
     }
-    set.idSetRange(Id(static_cast<U16>(start)), Id(static_cast<U16>(stop + 1)));
+    Vel::assertionFailed("\"start < stop\" == nullptr", source, 294, parseFunction);
 }
 
 }  // namespace
 
 // --- text ---
 
+namespace {
+
+// Writes a range list, given its runs in ascending order. A run stays open until one comes that is not its
+// continuation, so that runs may be given in parts.
+class RangeListWriter {
+public:
+    // Enough for one word's 32 runs, the one that was open, and the parentheses.
+    static constexpr std::size_t roomForWord = 34 * sizeof "12345-12346";
+
+    explicit RangeListWriter(char* at) : at_(at) { *at_++ = '('; }
+
+    void add(unsigned first, unsigned end) {  // [first, end)
+        if (first != end_) {
+            close();
+            first_ = first;
+        }
+        end_ = end;
+    }
+    char* finish() {
+        close();
+        if (at_[-1] == ',') --at_;
+        *at_++ = ')';
+        return at_;
+    }
+    char* at() const { return at_; }
+    void atIs(char* at) { at_ = at; }
+
+private:
+    void close() {
+        if (end_ == none) return;
+        writeId(first_);
+        if (end_ - first_ > 1) {
+            *at_++ = '-';
+            writeId(end_ - 1);
+        }
+        *at_++ = ',';
+    }
+    // Ids ascend, so how many digits there are is foretold well.
+    void writeId(unsigned id) {
+        if (id < 10) {
+            *at_++ = static_cast<char>('0' + id);
+        } else if (id < 100) {
+            writePair(id);
+        } else if (id < 1000) {
+            *at_++ = static_cast<char>('0' + id / 100);
+            writePair(id % 100);
+        } else {
+            if (id >= 10000) *at_++ = static_cast<char>('0' + id / 10000);
+            writePair(id / 100 % 100);
+            writePair(id % 100);
+        }
+    }
+    void writePair(unsigned pair) {
+        std::memcpy(at_, Vel::Scan::digitPairs + pair * 2, 2);
+        at_ += 2;
+    }
+
+    static constexpr unsigned none = ~0u;
+
+    char* at_;
+    unsigned first_ = 0;
+    unsigned end_ = none;
+};
+
+}  // namespace
+
 String IdSet::stringValue() const {
     Vel::StrepOut out;
-    out << "(";
-    unsigned first = 0;
-    unsigned last = 0;
-    bool open = false;
-    bool any = false;
-    auto const close = [&] {
-        char* to = out.room(2 * Vel::Scan::maxUnsigned);
-        if (any) *to++ = ',';
-        to = Vel::Scan::writeUnsigned(to, first);
-        if (last != first) {
-            *to++ = '-';
-            to = Vel::Scan::writeUnsigned(to, last);
-        }
-        out.endIs(to);
-        any = true;
-    };
+    RangeListWriter writer(out.room(RangeListWriter::roomForWord));
     words_.forEach([&](unsigned bucket, U64 word) {
-        unsigned const base = bucket * 64;
-        // A run is where the word is ones from one bit on: cut it out, go on with what is above.
-        while (word) {
+        out.endIs(writer.at());
+        writer.atIs(out.room(RangeListWriter::roomForWord));
+        word = belowSize(bucket, word);
+        // A run is where the word is ones from one bit on. Adding its lowest bit carries through it, up to the end.
+        for (unsigned const base = bucket * 64; word;) {
             unsigned const from = static_cast<unsigned>(std::countr_zero(word));
-            unsigned const length = static_cast<unsigned>(std::countr_one(word >> from));
-            if (base + from >= size_) return;
-            unsigned const end = std::min<unsigned>(base + from + length, size_);  // behind the run's last id
-            if (!(open && base + from == last + 1)) {
-                if (open) close();
-                first = base + from;
-                open = true;
-            }
-            last = end - 1;
-            word = from + length < 64 ? word >> (from + length) << (from + length) : 0;
+            U64 const above = word + (word & (~word + 1));
+            unsigned const end = static_cast<unsigned>(std::countr_zero(above));  // 64 when nothing remains
+            writer.add(base + from, base + end);
+            word &= above;
         }
     });
-    if (open) close();
-    out << ")";
+    out.endIs(writer.finish());
     return out.str();
 }
+
+// Collects members by bucket, whatever their order, on top of those of another set.
+class IdSet::Builder {
+public:
+    static bool isFor(IdSet const& set) {  // of a larger size, ids share bits
+        return set.size_ <= 64 * Detail::WordMap::buckets;
+    }
+    explicit Builder(IdSet const& prototype)
+        : size_(prototype.size_), stored_(prototype.words_.stored()), words_(Detail::takeBlock()) {
+        std::memset(words_.get(), 0, Detail::WordMap::buckets * sizeof(U64));
+        prototype.words_.forEach([this](unsigned bucket, U64 word) { words_[bucket] = word; });
+    }
+
+    U16 size() const { return size_; }
+    void addId(U16 id) {  // REQUIRES: as updateId
+        if (id >= size_) [[unlikely]]
+            failOn([=](IdSet& set) { set.updateId(Id(id), true); });
+        addBits(id / 64u, U64(1) << (id % 64));
+    }
+    void addRange(U16 begin, U16 end) {  // [begin, end). REQUIRES: as idSetRange
+        if (begin >= end || end > size_) [[unlikely]]
+            failOn([=](IdSet& set) { set.idSetRange(Id(begin), Id(end)); });
+        unsigned const first = begin / 64u;
+        unsigned const last = (end - 1u) / 64;
+        U64 const low = allOnes << (begin % 64);
+        U64 const high = allOnes >> (63 - (end - 1u) % 64);
+        if (first == last) return addBits(first, low & high);
+        addBits(first, low);
+        addBits(last, high);
+        for (unsigned b = first + 1; b < last; ++b) addBits(b, allOnes);
+    }
+    IdSet result() && {
+        stored_.recount();
+        IdSet set(size_);
+        set.words_ = Detail::WordMap(std::move(words_), stored_, Detail::WordMap::Others::zero);
+        return set;
+    }
+
+private:
+    static constexpr U64 allOnes = ~U64(0);
+
+    // Lets a set's own operation say what is wrong, and abort.
+    template <class F> VEL_COLD void failOn(F operation) const {
+        IdSet set(size_);
+        operation(set);
+    }
+    void addBits(unsigned bucket, U64 bits) {
+        words_[bucket] |= bits;
+        stored_.bits[bucket / 64] |= U64(1) << (bucket % 64);
+    }
+
+    U16 size_;
+    Detail::Presence stored_;
+    Detail::Block words_;
+};
+
+namespace {
+
+// The same for sets of any size, through their own operations.
+class Adder {
+public:
+    explicit Adder(IdSet const& prototype) : set_(prototype) {}
+    U16 size() const { return set_.size(); }
+    void addId(U16 id) { set_.updateId(Id(id), true); }
+    void addRange(U16 begin, U16 end) { set_.idSetRange(Id(begin), Id(end)); }
+    IdSet result() && { return std::move(set_); }
+
+private:
+    IdSet set_;
+};
+
+// What a number of at most nine digits says; null when something else is there. There is a ")" behind the text.
+char const* readDigits(char const* at, U32& number) {
+    if (!Vel::Scan::isDigit(*at)) return nullptr;
+    char const* const from = at;
+    number = 0;
+    for (; Vel::Scan::isDigit(*at); ++at) number = number * 10 + static_cast<U32>(*at - '0');
+    return at - from <= 9 ? at : nullptr;
+}
+
+template <class Members> void addRange(Members& members, U32 start, U32 stop) {
+    if (start >= stop) failRange();
+    members.addRange(static_cast<U16>(start), static_cast<U16>(stop + 1));
+}
+
+// An item of whatever std::stoul takes: white space, signs, things behind the digits.
+template <class Members> void addOddItem(Members& members, std::string_view item) {
+    if (item.find('-') == std::string_view::npos) return members.addId(static_cast<U16>(number(item)));
+    auto const range = pieces(item, '-');
+    if (range.size() != 2) Vel::assertionFailed("range.size() == 2", source, 291, parseFunction);
+    auto const start = static_cast<U32>(number(range[0]));
+    addRange(members, start, static_cast<U32>(number(range[1])));
+}
+
+// Adds the items of [at, end). REQUIRES: *end is a ")".
+template <class Members> void addItems(Members& members, char const* at, char const* end) {
+    auto const ends = [](char c) { return c == ',' || c == ')'; };
+    while (at != end) {
+        U32 first = 0;
+        U32 last = 0;
+        char const* stop = readDigits(at, first);
+        if (stop && ends(*stop)) {
+            members.addId(static_cast<U16>(first));
+        } else if (stop && *stop == '-' && (stop = readDigits(stop + 1, last)) != nullptr && ends(*stop)) {
+            addRange(members, first, last);
+        } else {
+            stop = std::find(at, end, ',');
+            addOddItem(members, {at, static_cast<std::size_t>(stop - at)});
+        }
+        at = stop + (stop != end);
+    }
+}
+
+template <class Members> IdSet withItems(IdSet const& prototype, char const* at, char const* end) {
+    Members members(prototype);
+    addItems(members, at, end);
+    return std::move(members).result();
+}
+
+}  // namespace
 
 IdSet sequenceToValue(StrepIterator& p, StrepIterator const& end, IdSet const* prototype) {
     if (!prototype)
@@ -98,14 +258,8 @@ IdSet sequenceToValue(StrepIterator& p, StrepIterator const& end, IdSet const* p
     if (text.empty() || text[0] != '(' || strepEnd == std::string_view::npos)
         Vel::assertionFailed("*p == '(' && strepEnd != end", source, 279, parseFunction);
     p += static_cast<std::ptrdiff_t>(strepEnd + 1);
-    IdSet result = *prototype;
-    for (std::string_view const item : pieces(text.substr(1, strepEnd - 1), ',')) {
-        if (item.find('-') != std::string_view::npos)
-            addRange(result, item);
-        else
-            result.updateId(Id(static_cast<U16>(number(item))), true);
-    }
-    return result;
+    auto const parse = IdSet::Builder::isFor(*prototype) ? withItems<IdSet::Builder> : withItems<Adder>;
+    return parse(*prototype, text.data() + 1, text.data() + strepEnd);
 }
 
 IdSet IdSet::parse(StrepIterator& it, StrepIterator const& end, IdSet* prototype) {
@@ -115,15 +269,15 @@ IdSet IdSet::parse(StrepIterator& it, StrepIterator const& end, IdSet* prototype
 namespace {
 
 // Reads a range list from outside, step by step; the first thing amiss is kept with its place.
-class RangeListReader {
+template <class Members> class RangeListReader {
 public:
     explicit RangeListReader(std::string_view text) : text_(text) {}
 
-    bool read(IdSet& set) {
+    bool read(Members& members) {
         if (!take('(')) return fail("\"(\" expected");
         if (!take(')')) {
             do
-                if (!readItem(set)) return false;
+                if (!readItem(members)) return false;
             while (take(','));
             if (!take(')')) return fail("\",\" or \")\" expected");
         }
@@ -137,33 +291,33 @@ private:
         ++at_;
         return true;
     }
-    bool readId(IdSet const& set, unsigned& id) {
+    bool readId(Members const& members, unsigned& id) {
         U16 value = 0;
         char const* const from = text_.data() + at_;
         char const* const end = text_.data() + text_.size();
         char const* const stop = Vel::Scan::readUnsigned(from, end, value);
         if (!stop) return fail("an id from 0 to 65534 expected");
-        if (value >= set.size())
-            return fail(Vel::format("id %u is not below the size %u", unsigned(value), unsigned(set.size())));
+        if (value >= members.size())
+            return fail(Vel::format("id %u is not below the size %u", unsigned(value), unsigned(members.size())));
         at_ += static_cast<std::size_t>(stop - from);
         id = value;
         return true;
     }
-    bool readItem(IdSet& set) {
+    bool readItem(Members& members) {
         std::size_t const place = at_;
         unsigned first = 0;
-        if (!readId(set, first)) return false;
+        if (!readId(members, first)) return false;
         if (!take('-')) {
-            set.updateId(Id(static_cast<U16>(first)), true);
+            members.addId(static_cast<U16>(first));
             return true;
         }
         unsigned last = 0;
-        if (!readId(set, last)) return false;
+        if (!readId(members, last)) return false;
         if (first >= last) {
             at_ = place;
             return fail("a range runs from a smaller id to a larger one");
         }
-        set.idSetRange(Id(static_cast<U16>(first)), Id(static_cast<U16>(last + 1)));
+        members.addRange(static_cast<U16>(first), static_cast<U16>(last + 1));
         return true;
     }
     bool fail(String const& what) {
@@ -178,11 +332,20 @@ private:
 
 }  // namespace
 
+namespace {
+
+template <class Members> Vel::Checked<IdSet> checkedList(U16 size, std::string_view rangeList) {
+    Members members{IdSet(size)};
+    RangeListReader<Members> reader(rangeList);
+    if (!reader.read(members)) return reader.error();
+    return std::move(members).result();
+}
+
+}  // namespace
+
 Vel::Checked<IdSet> IdSet::checked(U16 size, std::string_view rangeList) {
-    IdSet set(size);
-    RangeListReader reader(rangeList);
-    if (!reader.read(set)) return reader.error();
-    return set;
+    auto const read = Builder::isFor(IdSet(size)) ? checkedList<Builder> : checkedList<Adder>;
+    return read(size, rangeList);
 }
 
 // --- stream ---
@@ -190,8 +353,51 @@ Vel::Checked<IdSet> IdSet::checked(U16 size, std::string_view rangeList) {
 namespace {
 
 constexpr U8 endOfBuckets = 255;
+constexpr std::size_t bucketBytes = 9;
 
+void writeBucket(U8* to, unsigned bucket, U64 word) {
+    *to = static_cast<U8>(bucket);
+    Vel::NboAttrLog::store(to + 1, word);
 }
+
+// Reads buckets above `before` as long as they ascend, as every writer leaves them, and are whole. What is something
+// else stays unread.
+void readAscending(LogIn& in, U64* words, Detail::Presence& stored, unsigned before) {
+    U8 const* const from = in.take(0);
+    U8 const* const end = from + in.left() / bucketBytes * bucketBytes;
+    U8 const* at = from;
+    for (unsigned group = before / 64; group < Detail::Presence::groups; ++group) {
+        U64 bits = stored.bits[group];
+        unsigned const last = std::min(group * 64 + 63, endOfBuckets - 1u);
+        for (; at != end && *at > before && *at <= last; at += bucketBytes) {
+            before = *at;
+            words[before] = Vel::NboAttrLog::load<U64>(at + 1);
+            bits |= U64(1) << (before % 64);
+        }
+        stored.bits[group] = bits;
+    }
+    in.take(static_cast<std::size_t>(at - from));
+}
+
+// From behind the number of the first bucket.
+Detail::WordMap readBuckets(U8 bucket, LogIn& in) {
+    Detail::Block words(Detail::takeBlock());
+    Detail::Presence stored;
+    auto const readWord = [&] {
+        words[bucket] = in.nextU64();
+        stored.bits[bucket / 64] |= U64(1) << (bucket % 64);
+    };
+    readWord();
+    readAscending(in, words.get(), stored, bucket);
+    while ((bucket = in.nextU8()) != endOfBuckets) {
+        if (stored.contains(bucket)) Vel::NboAttrLog::failWithAttrLogValueCollectionDuplicateKey();
+        readWord();
+    }
+    stored.recount();
+    return {std::move(words), stored, Detail::WordMap::Others::any};
+}
+
+}  // namespace
 
 void IdSet::write(Vel::NboAttrLog::Out& out, IdSet const& set) {
     if (set.words_.contains(endOfBuckets)) Vel::NboAttrLog::failWithAttrLogValueCollectionDefaultKey();
@@ -199,19 +405,16 @@ void IdSet::write(Vel::NboAttrLog::Out& out, IdSet const& set) {
     Vel::NboAttrLog::store(to, set.size_);
     to += 2;
     set.words_.forEach([&](unsigned bucket, U64 word) {
-        *to = static_cast<U8>(bucket);
-        Vel::NboAttrLog::store(to + 1, word);
-        to += 9;
+        writeBucket(to, bucket, word);
+        to += bucketBytes;
     });
     *to = endOfBuckets;
 }
 
 void IdSet::readInto(IdSet& set, LogIn& in) {
     IdSet result(in.nextU16());
-    for (U8 bucket = in.nextU8(); bucket != endOfBuckets; bucket = in.nextU8()) {
-        if (result.words_.contains(bucket)) Vel::NboAttrLog::failWithAttrLogValueCollectionDuplicateKey();
-        result.words_.set(bucket, in.nextU64());
-    }
+    U8 bucket = in.nextU8();
+    if (bucket != endOfBuckets) result.words_ = readBuckets(bucket, in);
     set = std::move(result);
 }
 

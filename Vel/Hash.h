@@ -18,10 +18,22 @@ public:
     // Mixes in the N low bytes of `value`; pieces of different widths differ, except that a U64 may equal any.
     template <unsigned N>
     requires(N == 1 || N == 2 || N == 4 || N == 8) constexpr Hash& hashMix(U64 value) {
-        if constexpr (N < 8) value = (value & ((U64(1) << (8 * N % 64)) - 1)) | U64(N) << 56;
-        state_ = (state_ + mixed(value)) * multiplier;
+        state_ = (state_ + piece<N>(value)) * multiplier;
         return *this;
     }
+
+    // The parts of hashMix, for whoever evaluates the polynomial of a long sequence in lanes.
+    static constexpr U64 multiplier = 0xc6a4a7935bd1e995ul;
+    template <unsigned N> static constexpr U64 piece(U64 value) {
+        if constexpr (N < 8) value = (value & ((U64(1) << (8 * N % 64)) - 1)) | U64(N) << 56;
+        return unscaledPiece(value) * multiplier;
+    }
+    static constexpr U64 unscaledPiece(U64 value) {  // of a U64: its piece but for the last factor
+        value *= multiplier;
+        return value ^ value >> 47;
+    }
+    constexpr U64 state() const { return state_; }
+    constexpr void stateIs(U64 state) { state_ = state; }
 
     constexpr U32 result() const {
         U64 h = state_;
@@ -34,15 +46,7 @@ public:
     }
 
 private:
-    static constexpr U64 multiplier = 0xc6a4a7935bd1e995ul;
     static constexpr U64 golden = 0x9e3779b97f4a7c15ul;  // 2^64 / golden ratio: spreads neighbouring seeds
-
-    static constexpr U64 mixed(U64 k) {
-        k *= multiplier;
-        k ^= k >> 47;
-        k *= multiplier;
-        return k;
-    }
 
     U64 state_;
 };

@@ -11,35 +11,56 @@ namespace Mox::Detail {
 
 namespace {
 
+constexpr std::size_t blockBytes = Presence::buckets * sizeof(U64);
+constexpr unsigned repackBelow = WordMap::maxPacked / 2;  // well below the switch, so as not to go to and fro
+
 U64* allocateWords(unsigned count) {
     auto* const words = static_cast<U64*>(std::malloc(count * sizeof(U64)));
     if (!words) throw std::bad_alloc();
     return words;
 }
 
+// Buckets [limit, 256) as bits of a group.
+U64 bitsFrom(unsigned limit, unsigned group) {
+    if (limit >= group * 64 + 64) return 0;
+    return limit <= group * 64 ? ~U64(0) : ~U64(0) << (limit % 64);
+}
+
 }  // namespace
 
-WordMap::WordMap(WordMap const& other) : count_(other.count_), changeCounter_(other.changeCounter_) {
-    if (count_ > maxPacked) {
-        heap_ = allocateWords(buckets);
+// --- storage ---
+
+WordMap::WordMap(WordMap const& other) : stored_(other.stored_), changeCounter_(other.changeCounter_) {
+    if (size() > maxPacked) {
+        U64* const block = takeBlock();
+        heap_ = block;
         capacity_ = buckets;
-        std::memcpy(heap_, other.heap_, buckets * sizeof(U64));  // with so many words, the other is direct as well
-    } else {
-        if (count_ > inlineWords) {
-            heap_ = allocateWords(count_);
-            capacity_ = count_;
-        }
-        U64* to = words();
-        other.forEach([&](unsigned, U64 word) { *to++ = word; });
+        std::memcpy(block, other.heap_, blockBytes);  // with so many words, the other is direct as well
+        return;
     }
-    std::copy(std::begin(other.present_), std::end(other.present_), present_);
+    makeRoom(size());
+    if (other.isDirect())
+        other.forEach([to = words()](unsigned, U64 word) mutable { *to++ = word; });
+    else
+        std::copy_n(other.words(), size(), words());
+}
+
+WordMap::WordMap(Block block, Presence const& stored, Others others) : stored_(stored) {
+    if (size() <= maxPacked) {
+        makeRoom(size());
+        forEachBucket([to = words(), &block](unsigned bucket) mutable { *to++ = block[bucket]; });
+        return;
+    }
+    heap_ = block.release();
+    capacity_ = buckets;
+    if (others == Others::zero) return;
+    for (unsigned group = 0; group < Presence::groups; ++group)
+        for (U64 rest = ~stored_.bits[group]; rest; rest &= rest - 1)
+            heap_[group * 64 + static_cast<unsigned>(std::countr_zero(rest))] = 0;
 }
 
 WordMap& WordMap::operator=(WordMap const& other) {
-    if (this == &other) return *this;
-    U32 const changes = changeCounter_;
-    *this = WordMap(other);
-    changeCounter_ = changes + 1;
+    if (this != &other) *this = WordMap(other);
     return *this;
 }
 
@@ -53,14 +74,16 @@ WordMap& WordMap::operator=(WordMap&& other) noexcept {
 }
 
 void WordMap::release() {
-    if (capacity_ > inlineWords) std::free(heap_);
+    if (isDirect())
+        giveBlock(heap_);
+    else if (capacity_ > inlineWords)
+        std::free(heap_);
 }
 
 // Leaves the other one empty.
 void WordMap::take(WordMap& other) noexcept {
-    std::copy(std::begin(other.present_), std::end(other.present_), present_);
-    std::copy(std::begin(other.inline_), std::end(other.inline_), inline_);  // or the pointer that stands there
-    count_ = other.count_;
+    stored_ = other.stored_;
+    std::memcpy(inline_, other.inline_, sizeof inline_);  // or the pointer that stands there
     capacity_ = other.capacity_;
     changeCounter_ = other.changeCounter_;
     other.capacity_ = inlineWords;
@@ -69,42 +92,63 @@ void WordMap::take(WordMap& other) noexcept {
 
 void WordMap::clear() {
     release();
-    std::fill(std::begin(present_), std::end(present_), 0);
-    count_ = 0;
+    stored_ = Presence();
     capacity_ = inlineWords;
     ++changeCounter_;
 }
 
+// Of a map that has none yet: for exactly so many packed words.
+void WordMap::makeRoom(unsigned count) {
+    if (count <= inlineWords) return;
+    heap_ = allocateWords(count);
+    capacity_ = static_cast<U16>(count);
+}
+
 void WordMap::reserve(unsigned capacity) {
     U64* const words = allocateWords(capacity);
-    std::copy_n(this->words(), count_, words);
+    std::copy_n(this->words(), size(), words);
     release();
     heap_ = words;
     capacity_ = static_cast<U16>(capacity);
 }
 
 void WordMap::makeDirect() {
-    U64* const words = allocateWords(buckets);
-    std::memset(words, 0, buckets * sizeof(U64));
+    U64* const words = takeBlock();
+    std::memset(words, 0, blockBytes);
     forEach([&](unsigned bucket, U64 word) { words[bucket] = word; });
     release();
     heap_ = words;
     capacity_ = buckets;
 }
 
+void WordMap::makePacked() {
+    WordMap packed;
+    packed.makeRoom(size());
+    forEach([to = packed.words()](unsigned, U64 word) mutable { *to++ = word; });
+    packed.stored_ = stored_;
+    packed.changeCounter_ = changeCounter_;
+    release();
+    take(packed);
+}
+
 void WordMap::insert(unsigned bucket, U64 word) {
-    if (count_ == maxPacked && !isDirect()) makeDirect();
+    if (!isDirect() && size() == capacity_) {
+        static constexpr unsigned steps[] = {6, 18, 32, maxPacked};  // few allocations, and little is left unused
+        unsigned const* const step = std::upper_bound(std::begin(steps), std::end(steps), size());
+        if (step == std::end(steps))
+            makeDirect();
+        else
+            reserve(*step);
+    }
     if (isDirect()) {
         heap_[bucket] = word;
     } else {
-        if (count_ == capacity_) reserve(std::min(maxPacked, count_ + std::max(2u, unsigned(count_) / 4)));
-        unsigned const place = rank(bucket);
-        U64* const words = this->words();
-        std::copy_backward(words + place, words + count_, words + count_ + 1);
-        words[place] = word;
+        U64* const place = words() + stored_.rank(bucket);
+        U64* const end = words() + size();
+        std::copy_backward(place, end, end + 1);
+        *place = word;
     }
-    present_[bucket / 64] |= U64(1) << (bucket % 64);
-    ++count_;
+    stored_.insert(bucket);
     ++changeCounter_;
 }
 
@@ -114,63 +158,147 @@ U64 WordMap::erase(unsigned bucket) {
     if (isDirect()) {
         word = std::exchange(heap_[bucket], 0);
     } else {
-        unsigned const place = rank(bucket);
-        U64* const words = this->words();
-        word = words[place];
-        std::copy(words + place + 1, words + count_, words + place);
+        U64* const place = words() + stored_.rank(bucket);
+        word = *place;
+        std::copy(place + 1, words() + size(), place);
     }
-    present_[bucket / 64] &= ~(U64(1) << (bucket % 64));
-    --count_;
+    stored_.erase(bucket);
     ++changeCounter_;
+    if (isDirect() && size() < repackBelow) {
+        makePacked();
+    } else if (size() == 0 && capacity_ > inlineWords) {
+        release();
+        capacity_ = inlineWords;
+    }
     return word;
 }
 
-void WordMap::copyTo(U64 (&to)[buckets]) const {
-    if (isDirect()) {
-        std::memcpy(to, heap_, sizeof to);
-        return;
-    }
-    std::memset(to, 0, sizeof to);
-    forEach([&](unsigned bucket, U64 word) { to[bucket] = word; });
+// --- algebra ---
+
+// The words by bucket: where they are, or in `room`.
+U64 const* WordMap::expanded(U64 (&room)[buckets]) const {
+    if (isDirect()) return heap_;
+    std::memset(room, 0, sizeof room);
+    forEach([&](unsigned bucket, U64 word) { room[bucket] = word; });
+    return room;
 }
 
-void WordMap::assign(U64 const (&from)[buckets], unsigned limit) {
+// From the words that lie one after the other there.
+WordMap WordMap::ofPacked(U64 const* words, Presence const& stored) {
     WordMap result;
-    unsigned count = 0;
-    for (unsigned bucket = 0; bucket < buckets; ++bucket) {
-        bool const stored = bucket < limit ? from[bucket] != 0 : contains(bucket);
-        result.present_[bucket / 64] |= U64(stored) << (bucket % 64);
-        count += stored;
-    }
-    if (count > maxPacked) {
-        result.heap_ = allocateWords(buckets);
-        result.capacity_ = buckets;
-        std::memcpy(result.heap_, from, sizeof from);
+    if (stored.count <= maxPacked) {
+        result.makeRoom(stored.count);
+        result.stored_ = stored;
+        std::copy_n(words, stored.count, result.words());
     } else {
-        if (count > inlineWords) {
-            result.heap_ = allocateWords(count);
-            result.capacity_ = static_cast<U16>(count);
-        }
-        U64* to = result.words();
-        for (unsigned bucket = result.next(0); bucket < buckets; bucket = result.next(bucket + 1)) *to++ = from[bucket];
+        U64* const block = takeBlock();
+        std::memset(block, 0, blockBytes);
+        result.heap_ = block;
+        result.capacity_ = buckets;
+        result.stored_ = stored;
+        result.forEachBucket([&](unsigned bucket) { block[bucket] = *words++; });
     }
-    for (unsigned bucket = limit; bucket < buckets; ++bucket)
-        if (contains(bucket))
-            result.words()[result.isDirect() ? bucket : result.rank(bucket)] = get(bucket);
-        else if (result.isDirect())
-            result.heap_[bucket] = 0;
-    result.count_ = static_cast<U16>(count);
-    *this = std::move(result);
+    return result;
 }
+
+// For results of few words: merges what is stored, without a look at the buckets between.
+template <SetOp op> WordMap WordMap::merged(WordMap const& a, WordMap const& b, unsigned limit) {
+    constexpr bool ofBoth = op == SetOp::unite || op == SetOp::exclude;
+    static constexpr U64 none = 0;
+    U64 words[2 * maxPacked];  // a or b is packed, and both are for a union
+    unsigned count = 0;
+    Presence stored;
+    U64 const* aAt = a.words();
+    U64 const* bAt = b.words();
+    for (unsigned group = 0; group < Presence::groups; ++group) {
+        stored.before |= count << (group * 8);
+        U64 const aBits = a.stored_.bits[group];
+        U64 const bBits = b.stored_.bits[group];
+        U64 const kept = bitsFrom(limit, group);
+        U64 bits = 0;
+        U64 rest = ofBoth ? aBits | bBits : op == SetOp::subtract ? aBits : aBits & (bBits | kept);
+        for (; rest; rest &= rest - 1) {
+            U64 const bit = rest & (~rest + 1);
+            unsigned const bucket = group * 64 + static_cast<unsigned>(std::countr_zero(rest));
+            U64 mine = 0;
+            U64 theirs = 0;
+            if constexpr (ofBoth) {
+                bool const inA = (aBits & bit) != 0;
+                bool const inB = (bBits & bit) != 0;
+                mine = *(inA ? aAt : &none);
+                theirs = *(inB ? bAt : &none);
+                aAt += inA;
+                bAt += inB;
+            } else {
+                mine = op == SetOp::subtract && !a.isDirect() ? *aAt++ : a.get(bucket);
+                theirs = b.get(bucket);
+            }
+            U64 const word = combinedWord<op>(mine, theirs);
+            bool const keep = kept & bit ? (aBits & bit) != 0 : word != 0;
+            words[count] = kept & bit ? mine : word;
+            bits |= keep ? bit : 0;
+            count += keep;
+        }
+        stored.bits[group] = bits;
+    }
+    stored.count = static_cast<U16>(count);
+    return ofPacked(words, stored);
+}
+
+WordMap WordMap::combinedBlocks(WordMap const& a, U64 const* with, SetOp op, unsigned limit) {
+    U64 room[buckets];
+    Block block(takeBlock());
+    Presence stored;
+    wordKernels().combine[static_cast<unsigned>(op)](a.expanded(room), with, block.get(), stored);
+    for (unsigned group = limit / 64; group < Presence::groups; ++group) {
+        U64 const kept = bitsFrom(limit, group);
+        U64 const present = a.stored_.bits[group] & kept;
+        U64 const computed = stored.bits[group] & kept;
+        stored.bits[group] ^= computed ^ present;
+        for (U64 rest = present | computed; rest; rest &= rest - 1) {
+            unsigned const bucket = group * 64 + static_cast<unsigned>(std::countr_zero(rest));
+            block[bucket] = a.get(bucket);
+        }
+        if (present | computed) stored.recount();
+    }
+    return WordMap(std::move(block), stored, Others::zero);
+}
+
+WordMap WordMap::combined(WordMap const& a, WordMap const& b, SetOp op, unsigned limit) {
+    if (limit == 0) return a;
+    bool const packed = !a.isDirect() && !b.isDirect();
+    if (op == SetOp::unite && packed) return merged<SetOp::unite>(a, b, limit);
+    if (op == SetOp::exclude && packed) return merged<SetOp::exclude>(a, b, limit);
+    if (op == SetOp::subtract && !a.isDirect()) return merged<SetOp::subtract>(a, b, limit);
+    // Above the limit all words of a remain: they must not be too many for the merge.
+    if (op == SetOp::intersect && (packed || (!a.isDirect() != !b.isDirect() && limit >= buckets - 1)))
+        return merged<SetOp::intersect>(a, b, limit);
+    U64 room[buckets];
+    return combinedBlocks(a, b.expanded(room), op, limit);
+}
+
+WordMap WordMap::complemented(unsigned limit) const {
+    if (limit == 0) return *this;
+    U64 ones[buckets];
+    std::fill(std::begin(ones), std::end(ones), ~U64(0));
+    return combinedBlocks(*this, ones, SetOp::exclude, limit);
+}
+
+// --- comparison ---
 
 bool operator==(WordMap const& a, WordMap const& b) {
-    if (a.count_ != b.count_ || !std::equal(std::begin(a.present_), std::end(a.present_), b.present_)) return false;
+    if (std::memcmp(a.stored_.bits, b.stored_.bits, sizeof a.stored_.bits) != 0) return false;
     if (a.isDirect() == b.isDirect()) {
-        std::size_t const size = (a.isDirect() ? WordMap::buckets : a.count_) * sizeof(U64);
+        std::size_t const size = a.isDirect() ? blockBytes : a.size() * sizeof(U64);
         return std::memcmp(a.words(), b.words(), size) == 0;
     }
-    for (unsigned bucket = a.next(0); bucket < WordMap::buckets; bucket = a.next(bucket + 1))
-        if (a.get(bucket) != b.get(bucket)) return false;
+    WordMap::Cursor mine(a);
+    WordMap::Cursor theirs(b);
+    unsigned bucket = 0;
+    U64 x = 0;
+    U64 y = 0;
+    while (mine.next(bucket, x) && theirs.next(bucket, y))
+        if (x != y) return false;
     return true;
 }
 

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "Vel/Types.h"
+
+#include <memory>
+
+// Blocks of 256 words, as an id set with many words keeps them. malloc is slow at this size, while unions and the like
+// need a block each, so every thread keeps a few freed ones for its next sets.
+namespace Mox::Detail {
+
+Vel::U64* takeBlock();                     // not initialised; aligned to a cache line; throws std::bad_alloc
+void giveBlock(Vel::U64* block) noexcept;  // on any thread
+
+struct GiveBlock {
+    void operator()(Vel::U64* block) const noexcept { giveBlock(block); }
+};
+using Block = std::unique_ptr<Vel::U64[], GiveBlock>;
+
+}  // namespace Mox::Detail

@@ -1,0 +1,136 @@
+#include "Mox/internal/WordKernels.h"
+
+#include <atomic>
+#include <cstring>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#define MOX_AVX2 __attribute__((target("avx2,popcnt")))
+#endif
+
+namespace Mox::Detail {
+
+namespace {
+
+// --- portable ---
+
+template <SetOp op> void combinePortably(U64 const* a, U64 const* b, U64* to, Presence& stored) {
+    for (unsigned group = 0; group < Presence::groups; ++group) {
+        U64 bits = 0;
+        for (unsigned i = 0; i < 64; ++i) {
+            U64 const word = combinedWord<op>(*a++, *b++);
+            *to++ = word;
+            bits |= U64(word != 0) << i;
+        }
+        stored.bits[group] = bits;
+    }
+    stored.recount();
+}
+
+U32 countPortably(U64 const* words, unsigned count) {
+    U32 sum = 0;
+    for (unsigned i = 0; i < count; ++i) sum += bitCount(words[i]);
+    return sum;
+}
+
+constexpr WordKernels portable = {"portable",
+    {combinePortably<SetOp::unite>, combinePortably<SetOp::intersect>, combinePortably<SetOp::subtract>,
+        combinePortably<SetOp::exclude>},
+    countPortably};
+
+// --- AVX2 ---
+
+#if defined(__x86_64__)
+
+template <SetOp op> MOX_AVX2 inline __m256i combinedVector(__m256i a, __m256i b) {
+    if constexpr (op == SetOp::unite) return _mm256_or_si256(a, b);
+    if constexpr (op == SetOp::intersect) return _mm256_and_si256(a, b);
+    if constexpr (op == SetOp::subtract) return _mm256_andnot_si256(b, a);
+    if constexpr (op == SetOp::exclude) return _mm256_xor_si256(a, b);
+}
+
+// Four words; one bit each for those that are 0.
+template <SetOp op> MOX_AVX2 inline U32 combineFour(U64 const* a, U64 const* b, U64* to) {
+    __m256i const word = combinedVector<op>(_mm256_loadu_si256(reinterpret_cast<__m256i const*>(a)),
+        _mm256_loadu_si256(reinterpret_cast<__m256i const*>(b)));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), word);
+    __m256i const zeros = _mm256_cmpeq_epi64(word, _mm256_setzero_si256());
+    return static_cast<U32>(_mm256_movemask_pd(_mm256_castsi256_pd(zeros)));
+}
+
+template <SetOp op> MOX_AVX2 void combineByAvx2(U64 const* a, U64 const* b, U64* to, Presence& stored) {
+    U32 sum = 0;
+    U32 before = 0;
+    for (unsigned group = 0; group < Presence::groups; ++group) {
+        U64 zeros = 0;
+        for (unsigned i = 0; i < 64; i += 16) {
+            U32 const some = combineFour<op>(a + i, b + i, to + i) |
+                             combineFour<op>(a + i + 4, b + i + 4, to + i + 4) << 4 |
+                             combineFour<op>(a + i + 8, b + i + 8, to + i + 8) << 8 |
+                             combineFour<op>(a + i + 12, b + i + 12, to + i + 12) << 12;
+            zeros |= U64(some) << i;
+        }
+        a += 64;
+        b += 64;
+        to += 64;
+        before |= sum << (group * 8);
+        sum += static_cast<U32>(_mm_popcnt_u64(~zeros));
+        stored.bits[group] = ~zeros;
+    }
+    stored.before = before;
+    stored.count = static_cast<U16>(sum);
+}
+
+MOX_AVX2 U32 countByPopcnt(U64 const* words, unsigned count) {
+    U64 sums[4] = {};
+    unsigned i = 0;
+    for (; i + 4 <= count; i += 4)
+        for (unsigned lane = 0; lane < 4; ++lane) sums[lane] += static_cast<U64>(_mm_popcnt_u64(words[i + lane]));
+    for (; i < count; ++i) sums[0] += static_cast<U64>(_mm_popcnt_u64(words[i]));
+    return static_cast<U32>(sums[0] + sums[1] + sums[2] + sums[3]);
+}
+
+constexpr WordKernels avx2 = {"avx2",
+    {combineByAvx2<SetOp::unite>, combineByAvx2<SetOp::intersect>, combineByAvx2<SetOp::subtract>,
+        combineByAvx2<SetOp::exclude>},
+    countByPopcnt};
+
+bool hasAvx2() { return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("popcnt"); }
+
+#endif
+
+// --- the choice ---
+
+std::atomic<WordKernels const*> chosen = nullptr;  // null: not chosen yet
+
+WordKernels const& best() {
+#if defined(__x86_64__)
+    __builtin_cpu_init();  // a set may be made before the constructor runs that does this
+    if (hasAvx2()) return avx2;
+#endif
+    return portable;
+}
+
+}  // namespace
+
+WordKernels const& wordKernels() {
+    WordKernels const* kernels = chosen.load(std::memory_order_relaxed);
+    if (!kernels) [[unlikely]] {
+        kernels = &best();
+        chosen.store(kernels, std::memory_order_relaxed);
+    }
+    return *kernels;
+}
+
+bool kernelsIs(char const* name) {
+    WordKernels const* kernels = nullptr;
+    if (!name || std::strcmp(name, best().name) == 0)
+        kernels = &best();
+    else if (std::strcmp(name, portable.name) == 0)
+        kernels = &portable;
+    if (!kernels) return false;
+    chosen.store(kernels, std::memory_order_relaxed);
+    return true;
+}
+
+}  // namespace Mox::Detail
