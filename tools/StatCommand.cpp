@@ -58,7 +58,7 @@ VelType typeOfShortName(std::string const& name) {
 }
 
 VelType statisticNamed(std::string const& name) {
-    std::string const all = alternatives(statisticNames());
+    std::string const all = joined(statisticNames(), ", ");
     if (name.empty()) throw Failure(badUsage, "say which statistic: " + all);
     if (VelType const type = typeOfShortName(name)) {
         if (updateOf(type)) return type;
@@ -68,8 +68,7 @@ VelType statisticNamed(std::string const& name) {
     }
     std::vector<std::string> const near = nearest(name, statisticNames());
     throw Failure(badUsage, "there is no statistic " + shortened(shown(name), 80) + "; " +
-                                (near.empty() ? "there are " + joined(statisticNames(), ", ")
-                                              : "did you mean " + alternatives(near) + "?"));
+                                (near.empty() ? "there are " + all : "did you mean " + alternatives(near) + "?"));
 }
 
 GenericValue startOf(VelType type, std::optional<std::string> const& text) {
@@ -131,10 +130,11 @@ std::string unprinted;
 
 extern "C" void explainAbortOfStat(int) {
     [[maybe_unused]] ssize_t written = ::write(STDOUT_FILENO, unprinted.data(), unprinted.size());
-    static constexpr char text[] = "this breaks a precondition of the type, as the assertion above says\n";
+    static constexpr char text[] = "this breaks a precondition of the type, as the assertion above says";
     char line[160];
-    int const size = readingLines ? std::snprintf(line, sizeof line, "mox: line %lu: %s", readingLines->number(), text)
-                                  : std::snprintf(line, sizeof line, "mox: --from: %s", text);
+    int const size = readingLines ? std::snprintf(line, sizeof line, "mox: line %lu: %s; nothing behind it is read\n",
+                                        readingLines->number(), text)
+                                  : std::snprintf(line, sizeof line, "mox: --from: %s\n", text);
     written = ::write(STDERR_FILENO, line, static_cast<std::size_t>(size));
     ::_exit(readingLines ? somethingWrong : badUsage);
 }
@@ -181,8 +181,8 @@ public:
         if (!options_.each) answer(options_.json ? jsonOfAll() : statistic_.strep().stdString());
         flush();
         if (rejected_ == 0) return fine;
-        complain(std::to_string(rejected_) + " of " + std::to_string(taken_ + rejected_) +
-                 (taken_ + rejected_ == 1 ? " observation is" : " observations are") + " bad and left out");
+        complain(std::to_string(rejected_) + " of " + std::to_string(taken_ + rejected_) + " observations " +
+                 (rejected_ == 1 ? "is" : "are") + " bad and left out");
         return somethingWrong;
     }
 

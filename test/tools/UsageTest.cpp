@@ -9,8 +9,8 @@ using namespace ToolTest;
 using testing::HasSubstr;
 
 TEST(MoxUsageTest, HelpTeachesByExamples) {
-    for (std::vector<std::string> const& arguments :
-        {std::vector<std::string>{"--help"}, {"cell", "--help"}, {"types", "-h"}, {"value", "--help"}}) {
+    for (std::vector<std::string> const& arguments : {std::vector<std::string>{"--help"}, {"cell", "--help"},
+             {"types", "-h"}, {"value", "--help"}, {"stat", "--help"}, {"idset", "--help"}}) {
         Outcome const outcome = mox(arguments);
         EXPECT_EQ(outcome.code, 0);
         EXPECT_EQ(outcome.err, "");
@@ -31,8 +31,9 @@ TEST(MoxUsageTest, BadCommandLinesNameTheMistakeAndTheHelp) {
         EXPECT_EQ(outcome.out, "");
         return outcome.err;
     };
-    EXPECT_EQ(error({}), "mox: say what to do: cell, types or value; see \"mox --help\"\n");
-    EXPECT_EQ(error({"cel"}), "mox: there is no command cel, only cell, types and value; see \"mox --help\"\n");
+    EXPECT_EQ(error({}), "mox: say what to do: cell, types, value, stat or idset; see \"mox --help\"\n");
+    EXPECT_EQ(
+        error({"cel"}), "mox: there is no command cel, only cell, types, value, stat and idset; see \"mox --help\"\n");
     EXPECT_EQ(
         error({"cell", "--nope"}), "mox: The following argument was not expected: --nope; see \"mox cell --help\"\n");
     EXPECT_EQ(
