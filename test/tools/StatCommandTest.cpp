@@ -77,8 +77,16 @@ TEST(MoxStatTest, FeedsEveryStatisticOfTheLibrary) {
     EXPECT_EQ(after("ConditionStat", event),
         "Value('Mox::ConditionStat', ** {'current': True, 'changes': 1, 'lastChange': 1.5})\n");
     EXPECT_EQ(after("EventStat", event), "Value('Mox::EventStat', ** {'current': True, 'count': 1, 'last': 1.5})\n");
-    EXPECT_EQ(after("EventOrCountStat", "Value('Mox::EventOrCount', ** {'value': True, 'count': 3, 'when': 1.5})"),
-        "Value('Mox::EventOrCountStat', ** {'count': 4, 'last': 1.5})\n");
+    std::string const counted = "Value('Mox::EventOrCount', ** {'value': True, 'count': 3, 'when': 1.5})";
+    EXPECT_EQ(after("EventOrCountStat", counted), "Value('Mox::EventOrCountStat', ** {'count': 3, 'last': 1.5})\n");
+    EXPECT_EQ(after("ConditionOrCountStat", counted),
+        "Value('Mox::ConditionOrCountStat', ** {'current': True, 'changes': 5, 'lastChange': 1.5})\n");
+    EXPECT_EQ(after("ConditionOrChangedStat",
+                  "Value('Mox::ConditionOrChanged', ** {'current': False, 'changed': True, 'when': 1.5})"),
+        "Value('Mox::ConditionOrChangedStat', ** {'current': False, 'changes': 2, 'lastChange': 1.5})\n");
+    EXPECT_EQ(after("CountStat", count("3", "1.5")), countStat("3", "1.5"));
+    EXPECT_EQ(after("CountOrChangedStat", count("3", "1.5")),
+        "Value('Mox::CountOrChangedStat', ** {'count': 3, 'changes': 1, 'lastChange': 1.5})\n");
 }
 
 TEST(MoxStatTest, JsonHoldsTheFields) {
