@@ -3,7 +3,7 @@
 #include "Vel/Assert.h"
 #include "Vel/Exception.h"
 #include "Vel/Strep.h"
-#include "Vel/internal/Scan.h"
+#include "Vel/Scan.h"
 
 #include <algorithm>
 #include <cstring>

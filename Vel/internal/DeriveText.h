@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Vel/Value.h"
-#include "Vel/internal/Scan.h"
+#include "Vel/Scan.h"
 
 #include <algorithm>
 #include <ostream>

@@ -1,5 +1,5 @@
 #include "Vel/internal/PowersOfTen.h"
-#include "Vel/internal/Scan.h"
+#include "Vel/Scan.h"
 
 #include <algorithm>
 #include <bit>

@@ -1,6 +1,6 @@
 #include "Vel/Strep.h"
 
-#include "Vel/internal/Scan.h"
+#include "Vel/Scan.h"
 
 #include <gtest/gtest.h>
 

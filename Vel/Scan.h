@@ -8,8 +8,8 @@
 #include <limits>
 #include <string_view>
 
-// Writing and reading single scalars at a char pointer: what the string form's public functions and the derived
-// record printers and parsers share. A writer returns the end of what it wrote, into room that the caller has made.
+// Writing and reading single scalars at a char pointer: what Strep.h and the derived record printers and parsers share,
+// for types with a text form of their own. A writer returns the end of what it wrote, into room that the caller has made.
 // A reader returns the end of what it read, or null, with nothing stored, when the text there is not in canonical form.
 namespace Vel::Scan {
 
