@@ -3,7 +3,7 @@
 #include "Vel/Assert.h"
 #include "Vel/Module.h"
 
-#include <algorithm>
+#include <array>
 
 namespace Mox {
 
@@ -53,20 +53,17 @@ IdSet::IdSet(LogIn* in, StreamBogon) { Vel::read(*this, *in); }
 
 // --- members ---
 
-bool IdSet::updateId(Id i, bool value) & {
-    check(i, "bool Mox::IdSet::updateId(Mox::Id, bool) &");
-    BucketId const key(static_cast<U8>(bucketOf(i)));
-    U64 const before = bucket(key);
-    U64 const bit = U64(1) << (i.value() % 64);
-    updateBucket(key, value ? before | bit : before & ~bit);
-    return (before & bit) != 0;
+U64 IdSet::removeBit(unsigned bucket, U64 bit) {
+    U64 const before = words_.get(bucket);
+    U64 const rest = before & ~bit;
+    if (rest == 0)
+        words_.erase(bucket);  // also a word that was stored as 0
+    else if (rest != before)
+        words_.set(bucket, rest);
+    return before;
 }
 
-U16 IdSet::ids() const {
-    unsigned sum = 0;
-    words_.forEach([&](unsigned, U64 word) { sum += static_cast<unsigned>(std::popcount(word)); });
-    return static_cast<U16>(sum);
-}
+U16 IdSet::ids() const { return static_cast<U16>(words_.bitsSet()); }
 
 void IdSet::idSetAll() & {
     unsigned const full = loopBuckets();
@@ -137,85 +134,66 @@ U64 IdSet::bucketDel(BucketIterator const& at) & { return bucketDel(at.key()); }
 
 // --- algebra ---
 
-template <class Op> void IdSet::combine(IdSet const& other, Op op) {
-    unsigned const limit = loopBuckets();
-    if (limit == 0) return;
-    U64 mine[Detail::WordMap::buckets];
-    U64 theirs[Detail::WordMap::buckets];
-    words_.copyTo(mine);
-    other.words_.copyTo(theirs);
-    for (unsigned b = 0; b < limit; ++b) mine[b] = op(mine[b], theirs[b]);
-    words_.assign(mine, limit);
+IdSet IdSet::combined(IdSet const& a, IdSet const& b, Detail::SetOp op, char const* function) {
+    a.checkSameSize(b, function);
+    return {a.size_, Detail::WordMap::combined(a.words_, b.words_, op, a.loopBuckets())};
 }
 
-IdSet& IdSet::operator|=(IdSet const& other) & {
-    checkSameSize(other, "Mox::IdSet& Mox::IdSet::operator|=(const Mox::IdSet&) &");
-    combine(other, [](U64 a, U64 b) { return a | b; });
-    return *this;
-}
-IdSet& IdSet::operator&=(IdSet const& other) & {
-    checkSameSize(other, "Mox::IdSet& Mox::IdSet::operator&=(const Mox::IdSet&) &");
-    combine(other, [](U64 a, U64 b) { return a & b; });
-    return *this;
-}
-IdSet& IdSet::operator-=(IdSet const& other) & {
-    checkSameSize(other, "Mox::IdSet& Mox::IdSet::operator-=(const Mox::IdSet&) &");
-    combine(other, [](U64 a, U64 b) { return a & ~b; });
-    return *this;
-}
-IdSet& IdSet::operator^=(IdSet const& other) & {
-    checkSameSize(other, "Mox::IdSet& Mox::IdSet::operator^=(const Mox::IdSet&) &");
-    combine(other, [](U64 a, U64 b) { return a ^ b; });
-    return *this;
+void IdSet::combine(IdSet const& other, Detail::SetOp op, char const* function) {
+    checkSameSize(other, function);
+    words_ = Detail::WordMap::combined(words_, other.words_, op, loopBuckets());
 }
 
 namespace {
 
-template <class Compound> IdSet combined(IdSet const& a, IdSet const& b, Compound compound) {
-    IdSet result = a;
-    compound(result, b);
-    return result;
-}
+// The operators of two operands are the compound ones on a copy, and their failures say so.
+constexpr char unite[] = "Mox::IdSet& Mox::IdSet::operator|=(const Mox::IdSet&) &";
+constexpr char intersect[] = "Mox::IdSet& Mox::IdSet::operator&=(const Mox::IdSet&) &";
+constexpr char subtract[] = "Mox::IdSet& Mox::IdSet::operator-=(const Mox::IdSet&) &";
+constexpr char exclude[] = "Mox::IdSet& Mox::IdSet::operator^=(const Mox::IdSet&) &";
 
 }  // namespace
 
-IdSet operator|(IdSet const& a, IdSet const& b) {
-    return combined(a, b, [](IdSet& r, IdSet const& o) { r |= o; });
+IdSet operator|(IdSet const& a, IdSet const& b) { return IdSet::combined(a, b, Detail::SetOp::unite, unite); }
+IdSet operator&(IdSet const& a, IdSet const& b) { return IdSet::combined(a, b, Detail::SetOp::intersect, intersect); }
+IdSet operator-(IdSet const& a, IdSet const& b) { return IdSet::combined(a, b, Detail::SetOp::subtract, subtract); }
+IdSet operator^(IdSet const& a, IdSet const& b) { return IdSet::combined(a, b, Detail::SetOp::exclude, exclude); }
+
+IdSet& IdSet::operator|=(IdSet const& other) & {
+    combine(other, Detail::SetOp::unite, unite);
+    return *this;
 }
-IdSet operator&(IdSet const& a, IdSet const& b) {
-    return combined(a, b, [](IdSet& r, IdSet const& o) { r &= o; });
+IdSet& IdSet::operator&=(IdSet const& other) & {
+    combine(other, Detail::SetOp::intersect, intersect);
+    return *this;
 }
-IdSet operator-(IdSet const& a, IdSet const& b) {
-    return combined(a, b, [](IdSet& r, IdSet const& o) { r -= o; });
+IdSet& IdSet::operator-=(IdSet const& other) & {
+    combine(other, Detail::SetOp::subtract, subtract);
+    return *this;
 }
-IdSet operator^(IdSet const& a, IdSet const& b) {
-    return combined(a, b, [](IdSet& r, IdSet const& o) { r ^= o; });
+IdSet& IdSet::operator^=(IdSet const& other) & {
+    combine(other, Detail::SetOp::exclude, exclude);
+    return *this;
 }
 
-IdSet IdSet::operator~() const {
-    IdSet result = *this;
-    result.combine(*this, [](U64 a, U64) { return ~a; });
-    return result;
-}
+IdSet IdSet::operator~() const { return {size_, words_.complemented(loopBuckets())}; }
 
 bool IdSet::isSubsetOf(IdSet const& other) const {
     checkSameSize(other, "bool Mox::IdSet::isSubsetOf(const Mox::IdSet&) const");
-    bool subset = true;
-    words_.forEach([&](unsigned b, U64 word) { subset = subset && (word & ~other.words_.get(b)) == 0; });
-    return subset;
+    return words_.allOf([&](unsigned b, U64 word) { return (word & ~other.words_.get(b)) == 0; });
 }
 
 bool IdSet::isDisjointFrom(IdSet const& other) const {
     checkSameSize(other, "bool Mox::IdSet::isDisjointFrom(const Mox::IdSet&) const");
-    bool disjoint = true;
-    words_.forEach([&](unsigned b, U64 word) { disjoint = disjoint && (word & other.words_.get(b)) == 0; });
-    return disjoint;
+    if (words_.size() > other.words_.size()) return other.isDisjointFrom(*this);  // walk the fewer words
+    return words_.allOf([&](unsigned b, U64 word) { return (word & other.words_.get(b)) == 0; });
 }
 
 U32 IdSet::idsInCommon(IdSet const& other) const {
     checkSameSize(other, "U32 Mox::IdSet::idsInCommon(const Mox::IdSet&) const");
+    if (words_.size() > other.words_.size()) return other.idsInCommon(*this);
     U32 sum = 0;
-    words_.forEach([&](unsigned b, U64 word) { sum += static_cast<U32>(std::popcount(word & other.words_.get(b))); });
+    words_.forEach([&](unsigned b, U64 word) { sum += Detail::bitCount(word & other.words_.get(b)); });
     return sum;
 }
 
@@ -226,26 +204,73 @@ bool operator==(IdSet const& a, IdSet const& b) { return a.size_ == b.size_ && a
 std::strong_ordering operator<=>(IdSet const& a, IdSet const& b) {
     if (a.size_ != b.size_) return a.size_ <=> b.size_;
     if (a.words_.size() != b.words_.size()) return a.words_.size() <=> b.words_.size();
-    unsigned x = a.words_.next(0);
-    unsigned y = b.words_.next(0);
-    while (x < Detail::WordMap::buckets) {  // as many on either side
-        if (x != y) return x <=> y;
-        U64 const mine = a.words_.get(x);
-        U64 const theirs = b.words_.get(y);
-        if (mine != theirs) return mine <=> theirs;
-        x = a.words_.next(x + 1);
-        y = b.words_.next(y + 1);
+    Detail::WordMap::Cursor x(a.words_);
+    Detail::WordMap::Cursor y(b.words_);
+    unsigned xBucket = 0;
+    unsigned yBucket = 0;
+    U64 xWord = 0;
+    U64 yWord = 0;
+    while (x.next(xBucket, xWord) && y.next(yBucket, yWord)) {  // as many on either side
+        if (xBucket != yBucket) return xBucket <=> yBucket;
+        if (xWord != yWord) return xWord <=> yWord;
     }
     return std::strong_ordering::equal;
 }
 
+namespace {
+
+// The pieces that the buckets' own hashes are mixed in as.
+constexpr auto bucketPieces = [] {
+    std::array<U64, Detail::WordMap::buckets> pieces = {};
+    for (unsigned b = 0; b < pieces.size(); ++b)
+        pieces[b] = Vel::Hash::piece<4>(Vel::hashSingleAttr(0, static_cast<U8>(b)));
+    return pieces;
+}();
+
+// Goes on with the hash state h over a group's buckets. Mixing in a bucket's hash and then its word comes to
+// h = (h + u) * m2, where u is the sum of the first's piece and the second's unscaled one and m2 is the multiplier
+// squared: a polynomial in m2, which four independent lanes evaluate faster than one, each of whose steps waits for
+// the multiplication before.
+template <class Word> U64 hashedGroup(U64 h, unsigned base, U64 rest, Word word) {
+    constexpr U64 m2 = Vel::Hash::multiplier * Vel::Hash::multiplier;
+    constexpr U64 m4 = m2 * m2;
+    constexpr U64 m8 = m4 * m4;
+    auto const next = [&] {
+        unsigned const bucket = base + static_cast<unsigned>(std::countr_zero(rest));
+        rest &= rest - 1;
+        return bucketPieces[bucket] + Vel::Hash::unscaledPiece(word(bucket));
+    };
+    unsigned const count = Detail::bitCount(rest);
+    for (unsigned i = 0; i < count % 4; ++i) h = (h + next()) * m2;
+    if (count < 4) return h;
+    U64 lane0 = h + next();
+    U64 lane1 = next();
+    U64 lane2 = next();
+    U64 lane3 = next();
+    for (unsigned i = 1; i < count / 4; ++i) {
+        lane0 = lane0 * m8 + next();
+        lane1 = lane1 * m8 + next();
+        lane2 = lane2 * m8 + next();
+        lane3 = lane3 * m8 + next();
+    }
+    return lane0 * m8 + lane1 * (m4 * m2) + lane2 * m4 + lane3 * m2;
+}
+
+}  // namespace
+
 U32 IdSet::hash(unsigned seed) const {
     Vel::Hash hash(seed);
     hash.hashMix<2>(size_);
-    words_.forEach([&](unsigned b, U64 word) {
-        hash.hashMix<4>(Vel::hashSingleAttr(0, static_cast<U8>(b)));
-        hash.hashMix<8>(word);
-    });
+    U64 h = hash.state();
+    U64 const* at = words_.words();
+    for (unsigned group = 0; group < Detail::Presence::groups; ++group) {
+        U64 const bits = words_.stored().bits[group];
+        if (words_.isDirect())
+            h = hashedGroup(h, group * 64, bits, [at](unsigned bucket) { return at[bucket]; });
+        else
+            h = hashedGroup(h, group * 64, bits, [&at](unsigned) { return *at++; });
+    }
+    hash.stateIs(h);
     return hash.result();
 }
 
