@@ -368,3 +368,6 @@ constexpr auto IdSet::description() {
 VEL_API IdSet sequenceToValue(StrepIterator& p, StrepIterator const& end, IdSet const* prototype);
 
 }  // namespace Mox
+
+// As a range, a set has as many elements as members, which its size() does not tell.
+template <> inline constexpr bool std::ranges::disable_sized_range<Mox::IdSet> = true;
