@@ -17,6 +17,7 @@ using Vel::U64;
 
 static_assert(std::ranges::forward_range<IdSet>);
 static_assert(std::ranges::forward_range<IdSet const>);
+static_assert(!std::ranges::sized_range<IdSet>);  // size() is no number of members
 
 IdSet allOf(U16 size) {
     IdSet set(size);
