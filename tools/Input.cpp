@@ -1,6 +1,5 @@
 #include "tools/Input.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 

@@ -1,5 +1,6 @@
 #include "tools/Commands.h"
 #include "tools/HexText.h"
+#include "tools/Input.h"
 #include "tools/Isolated.h"
 #include "tools/Names.h"
 #include "tools/Output.h"
@@ -9,9 +10,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include <cerrno>
 #include <csignal>
-#include <cstring>
 
 #include <unistd.h>
 
@@ -31,13 +30,11 @@ constexpr std::size_t longestInput = 16u << 20;  // bytes
 
 // Without its last newline, which is what the shell's tools add.
 std::string standardInput() {
+    Input input("-");
     std::string text;
     char buffer[65536];
-    ssize_t n = 0;
-    while ((n = ::read(STDIN_FILENO, buffer, sizeof buffer)) != 0) {
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) throw Failure(somethingWrong, std::string("cannot read standard input: ") + std::strerror(errno));
-        text.append(buffer, static_cast<std::size_t>(n));
+    while (std::size_t const n = input.read(buffer, sizeof buffer)) {
+        text.append(buffer, n);
         if (text.size() > longestInput)
             throw Failure(somethingWrong, "standard input holds more than 16 MiB, which no value needs");
     }

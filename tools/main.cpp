@@ -211,7 +211,8 @@ struct CommandLine {
         idSetCommand = app.add_subcommand("idset", "A calculator on sets of ids: (1-9) minus (3,5)")
                            ->footer(idSetHelp)
                            ->fallthrough();
-        idSetCommand->add_option("EXPRESSION", idSet.expression, "Operands and operators, in quotes")->type_name("");
+        idSetCommand->add_option("EXPRESSION", idSet.expression, "Operands and operators, best in one pair of quotes")
+            ->type_name("");
         idSetCommand->add_option("--size", idSet.size, "Ids are below this (default: 16320)")->type_name("N");
         idSetCommand->add_flag("--count", idSet.count, "Answer with the number of ids");
         idSetCommand->add_option("--contains", idSet.contains, "Answer whether it holds the id: exit code 0 or 1")
