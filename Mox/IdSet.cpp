@@ -136,9 +136,7 @@ U64 IdSet::bucketDel(BucketIterator const& at) & { return bucketDel(at.key()); }
 
 IdSet IdSet::combined(IdSet const& a, IdSet const& b, Detail::SetOp op, char const* function) {
     a.checkSameSize(b, function);
-    IdSet result(a.size_);
-    result.words_ = Detail::WordMap::combined(a.words_, b.words_, op, a.loopBuckets());
-    return result;
+    return {a.size_, Detail::WordMap::combined(a.words_, b.words_, op, a.loopBuckets())};
 }
 
 void IdSet::combine(IdSet const& other, Detail::SetOp op, char const* function) {
@@ -178,11 +176,7 @@ IdSet& IdSet::operator^=(IdSet const& other) & {
     return *this;
 }
 
-IdSet IdSet::operator~() const {
-    IdSet result(size_);
-    result.words_ = words_.complemented(loopBuckets());
-    return result;
-}
+IdSet IdSet::operator~() const { return {size_, words_.complemented(loopBuckets())}; }
 
 bool IdSet::isSubsetOf(IdSet const& other) const {
     checkSameSize(other, "bool Mox::IdSet::isSubsetOf(const Mox::IdSet&) const");
@@ -249,10 +243,17 @@ template <class Word> U64 hashedGroup(U64 h, unsigned base, U64 rest, Word word)
     unsigned const count = Detail::bitCount(rest);
     for (unsigned i = 0; i < count % 4; ++i) h = (h + next()) * m2;
     if (count < 4) return h;
-    U64 lanes[4] = {h + next(), next(), next(), next()};
-    for (unsigned i = 1; i < count / 4; ++i)
-        for (U64& lane : lanes) lane = lane * m8 + next();
-    return lanes[0] * m8 + lanes[1] * (m4 * m2) + lanes[2] * m4 + lanes[3] * m2;
+    U64 lane0 = h + next();
+    U64 lane1 = next();
+    U64 lane2 = next();
+    U64 lane3 = next();
+    for (unsigned i = 1; i < count / 4; ++i) {
+        lane0 = lane0 * m8 + next();
+        lane1 = lane1 * m8 + next();
+        lane2 = lane2 * m8 + next();
+        lane3 = lane3 * m8 + next();
+    }
+    return lane0 * m8 + lane1 * (m4 * m2) + lane2 * m4 + lane3 * m2;
 }
 
 }  // namespace

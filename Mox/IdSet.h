@@ -197,6 +197,7 @@ private:
     void checkSameSize(IdSet const& other, char const* function) const;
     void combine(IdSet const& other, Detail::SetOp op, char const* function);
     static IdSet combined(IdSet const& a, IdSet const& b, Detail::SetOp op, char const* function);
+    IdSet(U16 size, Detail::WordMap&& words) : words_(static_cast<Detail::WordMap&&>(words)), size_(size) {}
 
     class Builder;
     friend VEL_API IdSet sequenceToValue(StrepIterator& p, StrepIterator const& end, IdSet const* prototype);

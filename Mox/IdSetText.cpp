@@ -2,8 +2,8 @@
 
 #include "Vel/Assert.h"
 #include "Vel/Exception.h"
-#include "Vel/Strep.h"
 #include "Vel/Scan.h"
+#include "Vel/Strep.h"
 
 #include <algorithm>
 #include <cstring>
@@ -138,7 +138,6 @@ public:
     }
     explicit Builder(IdSet const& prototype)
         : size_(prototype.size_), stored_(prototype.words_.stored()), words_(Detail::takeBlock()) {
-        std::memset(words_.get(), 0, Detail::WordMap::buckets * sizeof(U64));
         prototype.words_.forEach([this](unsigned bucket, U64 word) { words_[bucket] = word; });
     }
 
@@ -162,9 +161,7 @@ public:
     }
     IdSet result() && {
         stored_.recount();
-        IdSet set(size_);
-        set.words_ = Detail::WordMap(std::move(words_), stored_, Detail::WordMap::Others::zero);
-        return set;
+        return {size_, Detail::WordMap(std::move(words_), stored_, Detail::WordMap::Others::any)};
     }
 
 private:
@@ -176,8 +173,10 @@ private:
         operation(set);
     }
     void addBits(unsigned bucket, U64 bits) {
-        words_[bucket] |= bits;
-        stored_.bits[bucket / 64] |= U64(1) << (bucket % 64);
+        // What stands in a bucket that is not stored yet may be anything: it is masked out.
+        U64& group = stored_.bits[bucket / 64];
+        words_[bucket] = (words_[bucket] & (~(group >> (bucket % 64) & 1) + 1)) | bits;
+        group |= U64(1) << (bucket % 64);
     }
 
     U16 size_;
@@ -360,38 +359,36 @@ void writeBucket(U8* to, unsigned bucket, U64 word) {
     Vel::NboAttrLog::store(to + 1, word);
 }
 
-// Reads buckets above `before` as long as they ascend, as every writer leaves them, and are whole. What is something
-// else stays unread.
-void readAscending(LogIn& in, U64* words, Detail::Presence& stored, unsigned before) {
+// Reads buckets as long as they ascend, as every writer leaves them, and are whole. What is something else stays
+// unread.
+void readAscending(LogIn& in, U64* words, Detail::Presence& stored) {
     U8 const* const from = in.take(0);
     U8 const* const end = from + in.left() / bucketBytes * bucketBytes;
     U8 const* at = from;
-    for (unsigned group = before / 64; group < Detail::Presence::groups; ++group) {
-        U64 bits = stored.bits[group];
+    unsigned next = 0;  // the lowest that may come
+    for (unsigned group = 0; group < Detail::Presence::groups; ++group) {
+        U64 bits = 0;
         unsigned const last = std::min(group * 64 + 63, endOfBuckets - 1u);
-        for (; at != end && *at > before && *at <= last; at += bucketBytes) {
-            before = *at;
-            words[before] = Vel::NboAttrLog::load<U64>(at + 1);
-            bits |= U64(1) << (before % 64);
+        while (at != end && *at - next < last + 1 - next) {  // modulo 2^32: what is below next is large
+            unsigned const bucket = *at;
+            words[bucket] = Vel::NboAttrLog::load<U64>(at + 1);
+            bits |= U64(1) << (bucket % 64);
+            next = bucket + 1;
+            at += bucketBytes;
         }
         stored.bits[group] = bits;
     }
     in.take(static_cast<std::size_t>(at - from));
 }
 
-// From behind the number of the first bucket.
-Detail::WordMap readBuckets(U8 bucket, LogIn& in) {
+Detail::WordMap readBuckets(LogIn& in) {
     Detail::Block words(Detail::takeBlock());
     Detail::Presence stored;
-    auto const readWord = [&] {
+    readAscending(in, words.get(), stored);
+    for (U8 bucket = in.nextU8(); bucket != endOfBuckets; bucket = in.nextU8()) {
+        if (stored.contains(bucket)) Vel::NboAttrLog::failWithAttrLogValueCollectionDuplicateKey();
         words[bucket] = in.nextU64();
         stored.bits[bucket / 64] |= U64(1) << (bucket % 64);
-    };
-    readWord();
-    readAscending(in, words.get(), stored, bucket);
-    while ((bucket = in.nextU8()) != endOfBuckets) {
-        if (stored.contains(bucket)) Vel::NboAttrLog::failWithAttrLogValueCollectionDuplicateKey();
-        readWord();
     }
     stored.recount();
     return {std::move(words), stored, Detail::WordMap::Others::any};
@@ -404,17 +401,24 @@ void IdSet::write(Vel::NboAttrLog::Out& out, IdSet const& set) {
     U8* to = out.append(set.attrLogSize());
     Vel::NboAttrLog::store(to, set.size_);
     to += 2;
-    set.words_.forEach([&](unsigned bucket, U64 word) {
+    auto const writeOne = [&](unsigned bucket, U64 word) {
         writeBucket(to, bucket, word);
         to += bucketBytes;
-    });
+    };
+    U64 const* const words = set.words_.words();
+    if (set.words_.size() == endOfBuckets)  // all that there may be: no search for them
+        for (unsigned b = 0; b < endOfBuckets; ++b) writeOne(b, words[b]);
+    else
+        set.words_.forEach(writeOne);
     *to = endOfBuckets;
 }
 
 void IdSet::readInto(IdSet& set, LogIn& in) {
     IdSet result(in.nextU16());
-    U8 bucket = in.nextU8();
-    if (bucket != endOfBuckets) result.words_ = readBuckets(bucket, in);
+    if (in.left() && *in.take(0) == endOfBuckets)
+        in.nextU8();  // nothing is allocated for no buckets
+    else
+        result.words_ = readBuckets(in);
     set = std::move(result);
 }
 

@@ -49,30 +49,40 @@ template <SetOp op> MOX_AVX2 inline __m256i combinedVector(__m256i a, __m256i b)
     if constexpr (op == SetOp::exclude) return _mm256_xor_si256(a, b);
 }
 
-// Four words; one bit each for those that are 0.
-template <SetOp op> MOX_AVX2 inline U32 combineFour(U64 const* a, U64 const* b, U64* to) {
+// Four words; all ones where the result is 0.
+template <SetOp op> MOX_AVX2 inline __m256i combineFour(U64 const* a, U64 const* b, U64* to) {
     __m256i const word = combinedVector<op>(_mm256_loadu_si256(reinterpret_cast<__m256i const*>(a)),
         _mm256_loadu_si256(reinterpret_cast<__m256i const*>(b)));
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), word);
-    __m256i const zeros = _mm256_cmpeq_epi64(word, _mm256_setzero_si256());
-    return static_cast<U32>(_mm256_movemask_pd(_mm256_castsi256_pd(zeros)));
+    return _mm256_cmpeq_epi64(word, _mm256_setzero_si256());
+}
+
+// Sixteen words; two bytes each, in the order of packing: that of the lower two of each four, then of the upper two.
+template <SetOp op> MOX_AVX2 inline __m256i combineSixteen(U64 const* a, U64 const* b, U64* to) {
+    __m256i const first = _mm256_packs_epi32(combineFour<op>(a, b, to), combineFour<op>(a + 4, b + 4, to + 4));
+    __m256i const second =
+        _mm256_packs_epi32(combineFour<op>(a + 8, b + 8, to + 8), combineFour<op>(a + 12, b + 12, to + 12));
+    return _mm256_packs_epi16(first, second);
+}
+
+// 32 words; one bit each for those that are 0.
+template <SetOp op> MOX_AVX2 inline U32 combineThirtyTwo(U64 const* a, U64 const* b, U64* to) {
+    __m256i const packed =
+        _mm256_packs_epi16(combineSixteen<op>(a, b, to), combineSixteen<op>(a + 16, b + 16, to + 16));
+    // Now a byte each: the lower two of every four in the lower half, the upper two in the upper one. Interleave them.
+    __m256i const quarters = _mm256_permute4x64_epi64(packed, 0xD8);
+    __m256i const order = _mm256_setr_epi8(0, 1, 8, 9, 2, 3, 10, 11, 4, 5, 12, 13, 6, 7, 14, 15,  //
+        0, 1, 8, 9, 2, 3, 10, 11, 4, 5, 12, 13, 6, 7, 14, 15);
+    return static_cast<U32>(_mm256_movemask_epi8(_mm256_shuffle_epi8(quarters, order)));
 }
 
 template <SetOp op> MOX_AVX2 void combineByAvx2(U64 const* a, U64 const* b, U64* to, Presence& stored) {
     U32 sum = 0;
     U32 before = 0;
     for (unsigned group = 0; group < Presence::groups; ++group) {
-        U64 zeros = 0;
-        for (unsigned i = 0; i < 64; i += 16) {
-            U32 const some = combineFour<op>(a + i, b + i, to + i) |
-                             combineFour<op>(a + i + 4, b + i + 4, to + i + 4) << 4 |
-                             combineFour<op>(a + i + 8, b + i + 8, to + i + 8) << 8 |
-                             combineFour<op>(a + i + 12, b + i + 12, to + i + 12) << 12;
-            zeros |= U64(some) << i;
-        }
-        a += 64;
-        b += 64;
-        to += 64;
+        unsigned const i = group * 64;
+        U64 const zeros = combineThirtyTwo<op>(a + i, b + i, to + i) |
+                          U64(combineThirtyTwo<op>(a + i + 32, b + i + 32, to + i + 32)) << 32;
         before |= sum << (group * 8);
         sum += static_cast<U32>(_mm_popcnt_u64(~zeros));
         stored.bits[group] = ~zeros;

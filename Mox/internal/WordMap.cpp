@@ -46,7 +46,7 @@ WordMap::WordMap(WordMap const& other) : stored_(other.stored_), changeCounter_(
 }
 
 WordMap::WordMap(Block block, Presence const& stored, Others others) : stored_(stored) {
-    if (size() <= maxPacked) {
+    if (size() < repackBelow) {
         makeRoom(size());
         forEachBucket([to = words(), &block](unsigned bucket) mutable { *to++ = block[bucket]; });
         return;
@@ -86,8 +86,9 @@ void WordMap::take(WordMap& other) noexcept {
     std::memcpy(inline_, other.inline_, sizeof inline_);  // or the pointer that stands there
     capacity_ = other.capacity_;
     changeCounter_ = other.changeCounter_;
+    other.stored_ = Presence();
     other.capacity_ = inlineWords;
-    other.clear();
+    ++other.changeCounter_;
 }
 
 void WordMap::clear() {
@@ -204,41 +205,43 @@ WordMap WordMap::ofPacked(U64 const* words, Presence const& stored) {
 // For results of few words: merges what is stored, without a look at the buckets between.
 template <SetOp op> WordMap WordMap::merged(WordMap const& a, WordMap const& b, unsigned limit) {
     constexpr bool ofBoth = op == SetOp::unite || op == SetOp::exclude;
-    static constexpr U64 none = 0;
     U64 words[2 * maxPacked];  // a or b is packed, and both are for a union
     unsigned count = 0;
     Presence stored;
     U64 const* aAt = a.words();
     U64 const* bAt = b.words();
+    [[maybe_unused]] U64 const* const aLast = aAt + std::max(a.size(), 1u) - 1;
+    [[maybe_unused]] U64 const* const bLast = bAt + std::max(b.size(), 1u) - 1;
     for (unsigned group = 0; group < Presence::groups; ++group) {
         stored.before |= count << (group * 8);
         U64 const aBits = a.stored_.bits[group];
         U64 const bBits = b.stored_.bits[group];
         U64 const kept = bitsFrom(limit, group);
-        U64 bits = 0;
-        U64 rest = ofBoth ? aBits | bBits : op == SetOp::subtract ? aBits : aBits & (bBits | kept);
+        U64 bits = aBits & kept;
+        U64 rest = (ofBoth ? aBits | bBits : op == SetOp::subtract ? aBits : aBits & bBits) & ~kept;
         for (; rest; rest &= rest - 1) {
             U64 const bit = rest & (~rest + 1);
             unsigned const bucket = group * 64 + static_cast<unsigned>(std::countr_zero(rest));
             U64 mine = 0;
             U64 theirs = 0;
-            if constexpr (ofBoth) {
+            if constexpr (ofBoth) {  // without branches on what is stored where, which is hard to foretell
                 bool const inA = (aBits & bit) != 0;
                 bool const inB = (bBits & bit) != 0;
-                mine = *(inA ? aAt : &none);
-                theirs = *(inB ? bAt : &none);
+                mine = *std::min(aAt, aLast) & (~U64(inA) + 1);
+                theirs = *std::min(bAt, bLast) & (~U64(inB) + 1);
                 aAt += inA;
                 bAt += inB;
             } else {
-                mine = op == SetOp::subtract && !a.isDirect() ? *aAt++ : a.get(bucket);
+                mine = op == SetOp::subtract ? *aAt++ : a.get(bucket);
                 theirs = b.get(bucket);
             }
             U64 const word = combinedWord<op>(mine, theirs);
-            bool const keep = kept & bit ? (aBits & bit) != 0 : word != 0;
-            words[count] = kept & bit ? mine : word;
-            bits |= keep ? bit : 0;
-            count += keep;
+            words[count] = word;
+            bits |= word ? bit : 0;
+            count += word != 0;
         }
+        for (rest = aBits & kept; rest; rest &= rest - 1)
+            words[count++] = a.get(group * 64 + static_cast<unsigned>(std::countr_zero(rest)));
         stored.bits[group] = bits;
     }
     stored.count = static_cast<U16>(count);

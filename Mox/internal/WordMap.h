@@ -25,7 +25,7 @@ public:
     WordMap(WordMap const& other);  // allocates once at most, exactly sized
     WordMap(WordMap&& other) noexcept { take(other); }
     enum class Others : bool { zero, any };                       // what stands in a block where nothing is stored
-    WordMap(Block block, Presence const& stored, Others others);  // packs few words, or keeps the block
+    WordMap(Block block, Presence const& stored, Others others);  // packs few words, else keeps the block
     WordMap& operator=(WordMap const& other);
     WordMap& operator=(WordMap&& other) noexcept;
     ~WordMap() { release(); }
