@@ -14,6 +14,23 @@ namespace {
 
 // --- portable ---
 
+// Without branches on what is stored where, which is hard to foretell.
+template <SetOp op, bool hasPopcnt>
+[[gnu::always_inline]] inline void placeAll(U64 const* words, Presence const& of, Presence const& in, U64* into) {
+    for (unsigned group = 0; group < Presence::groups; ++group) {
+        U64* const to = into + (in.before >> (group * 8) & 255);
+        for (U64 rest = of.bits[group]; rest; rest &= rest - 1) {
+            U64 const below = in.bits[group] & (rest - 1) & ~rest;
+            U64& word = to[hasPopcnt ? static_cast<unsigned>(__builtin_popcountll(below)) : bitCount(below)];
+            word = combinedWord<op>(word, *words++);
+        }
+    }
+}
+
+template <SetOp op> void placePortably(U64 const* words, Presence const& of, Presence const& in, U64* into) {
+    placeAll<op, false>(words, of, in, into);
+}
+
 template <SetOp op> void combinePortably(U64 const* a, U64 const* b, U64* to, Presence& stored) {
     for (unsigned group = 0; group < Presence::groups; ++group) {
         U64 bits = 0;
@@ -36,7 +53,7 @@ U32 countPortably(U64 const* words, unsigned count) {
 constexpr WordKernels portable = {"portable",
     {combinePortably<SetOp::unite>, combinePortably<SetOp::intersect>, combinePortably<SetOp::subtract>,
         combinePortably<SetOp::exclude>},
-    countPortably};
+    placePortably<SetOp::unite>, placePortably<SetOp::exclude>, countPortably};
 
 // --- AVX2 ---
 
@@ -91,6 +108,10 @@ template <SetOp op> MOX_AVX2 void combineByAvx2(U64 const* a, U64 const* b, U64*
     stored.count = static_cast<U16>(sum);
 }
 
+template <SetOp op> MOX_AVX2 void placeByPopcnt(U64 const* words, Presence const& of, Presence const& in, U64* into) {
+    placeAll<op, true>(words, of, in, into);
+}
+
 MOX_AVX2 U32 countByPopcnt(U64 const* words, unsigned count) {
     U64 sums[4] = {};
     unsigned i = 0;
@@ -103,7 +124,7 @@ MOX_AVX2 U32 countByPopcnt(U64 const* words, unsigned count) {
 constexpr WordKernels avx2 = {"avx2",
     {combineByAvx2<SetOp::unite>, combineByAvx2<SetOp::intersect>, combineByAvx2<SetOp::subtract>,
         combineByAvx2<SetOp::exclude>},
-    countByPopcnt};
+    placeByPopcnt<SetOp::unite>, placeByPopcnt<SetOp::exclude>, countByPopcnt};
 
 bool hasAvx2() { return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("popcnt"); }
 

@@ -87,8 +87,13 @@ struct WordKernels {
     // to[i] = a[i] op b[i] for 256 words; those that are not 0 become the stored ones. `to` may be a or b.
     using Combine = void(U64 const* a, U64 const* b, U64* to, Presence& stored);
 
+    // Of words that lie one after the other, as `of` says: into[i] |= word, or ^= word, where i is their rank in `in`.
+    using Place = void(U64 const* words, Presence const& of, Presence const& in, U64* into);
+
     char const* name;
     Combine* combine[4];  // by SetOp
+    Place* unite;
+    Place* exclude;
     U32 (*bitsSet)(U64 const* words, unsigned count);
 };
 

@@ -134,7 +134,7 @@ void WordMap::makePacked() {
 
 void WordMap::insert(unsigned bucket, U64 word) {
     if (!isDirect() && size() == capacity_) {
-        static constexpr unsigned steps[] = {6, 18, 32, maxPacked};  // few allocations, and little is left unused
+        static constexpr unsigned steps[] = {18, 32, maxPacked};  // few allocations, and little is left unused
         unsigned const* const step = std::upper_bound(std::begin(steps), std::end(steps), size());
         if (step == std::end(steps))
             makeDirect();
@@ -248,6 +248,26 @@ template <SetOp op> WordMap WordMap::merged(WordMap const& a, WordMap const& b, 
     return ofPacked(words, stored);
 }
 
+// The union, or what is in one of them only, of two packed maps: every word goes to its rank among all of them. What
+// comes to 0, or is not below the limit, is left to the merge.
+template <SetOp op> WordMap WordMap::placed(WordMap const& a, WordMap const& b, unsigned limit) {
+    Presence stored;
+    U64 kept = 0;
+    for (unsigned group = 0; group < Presence::groups; ++group) {
+        stored.bits[group] = a.stored_.bits[group] | b.stored_.bits[group];
+        kept |= stored.bits[group] & bitsFrom(limit, group);
+    }
+    if (kept) return merged<op>(a, b, limit);
+    stored.recount();
+    U64 words[2 * maxPacked];
+    std::memset(words, 0, stored.count * sizeof(U64));
+    auto* const place = op == SetOp::unite ? wordKernels().unite : wordKernels().exclude;
+    place(a.words(), a.stored_, stored, words);
+    place(b.words(), b.stored_, stored, words);
+    if (std::find(words, words + stored.count, U64(0)) != words + stored.count) return merged<op>(a, b, limit);
+    return ofPacked(words, stored);
+}
+
 WordMap WordMap::combinedBlocks(WordMap const& a, U64 const* with, SetOp op, unsigned limit) {
     U64 room[buckets];
     Block block(takeBlock());
@@ -270,8 +290,8 @@ WordMap WordMap::combinedBlocks(WordMap const& a, U64 const* with, SetOp op, uns
 WordMap WordMap::combined(WordMap const& a, WordMap const& b, SetOp op, unsigned limit) {
     if (limit == 0) return a;
     bool const packed = !a.isDirect() && !b.isDirect();
-    if (op == SetOp::unite && packed) return merged<SetOp::unite>(a, b, limit);
-    if (op == SetOp::exclude && packed) return merged<SetOp::exclude>(a, b, limit);
+    if (op == SetOp::unite && packed) return placed<SetOp::unite>(a, b, limit);
+    if (op == SetOp::exclude && packed) return placed<SetOp::exclude>(a, b, limit);
     if (op == SetOp::subtract && !a.isDirect()) return merged<SetOp::subtract>(a, b, limit);
     // Above the limit all words of a remain: they must not be too many for the merge.
     if (op == SetOp::intersect && (packed || (!a.isDirect() != !b.isDirect() && limit >= buckets - 1)))

@@ -92,6 +92,7 @@ private:
                 f(group * 64 + static_cast<unsigned>(std::countr_zero(rest)));
     }
     template <SetOp op> static WordMap merged(WordMap const& a, WordMap const& b, unsigned limit);
+    template <SetOp op> static WordMap placed(WordMap const& a, WordMap const& b, unsigned limit);
     static WordMap combinedBlocks(WordMap const& a, U64 const* with, SetOp op, unsigned limit);
     static WordMap ofPacked(U64 const* words, Presence const& stored);
     U64 const* expanded(U64 (&room)[buckets]) const;
