@@ -227,20 +227,15 @@ constexpr auto bucketPieces = [] {
     return pieces;
 }();
 
-// Goes on with the hash state h over a group's buckets. Mixing in a bucket's hash and then its word comes to
+constexpr U64 m2 = Vel::Hash::multiplier * Vel::Hash::multiplier;
+
+// Goes on with the hash state h over `count` buckets. Mixing in a bucket's hash and then its word comes to
 // h = (h + u) * m2, where u is the sum of the first's piece and the second's unscaled one and m2 is the multiplier
 // squared: a polynomial in m2, which four independent lanes evaluate faster than one, each of whose steps waits for
-// the multiplication before.
-template <class Word> U64 hashedGroup(U64 h, unsigned base, U64 rest, Word word) {
-    constexpr U64 m2 = Vel::Hash::multiplier * Vel::Hash::multiplier;
+// the multiplication before. next() yields u.
+template <class Next> U64 hashedLanes(U64 h, unsigned count, Next next) {
     constexpr U64 m4 = m2 * m2;
     constexpr U64 m8 = m4 * m4;
-    auto const next = [&] {
-        unsigned const bucket = base + static_cast<unsigned>(std::countr_zero(rest));
-        rest &= rest - 1;
-        return bucketPieces[bucket] + Vel::Hash::unscaledPiece(word(bucket));
-    };
-    unsigned const count = Detail::bitCount(rest);
     for (unsigned i = 0; i < count % 4; ++i) h = (h + next()) * m2;
     if (count < 4) return h;
     U64 lane0 = h + next();
@@ -254,6 +249,21 @@ template <class Word> U64 hashedGroup(U64 h, unsigned base, U64 rest, Word word)
         lane3 = lane3 * m8 + next();
     }
     return lane0 * m8 + lane1 * (m4 * m2) + lane2 * m4 + lane3 * m2;
+}
+
+template <class Word> U64 hashedGroup(U64 h, unsigned base, U64 bits, Word word) {
+    unsigned const count = Detail::bitCount(bits);
+    if ((bits & (bits + 1)) == 0)  // without gaps: no search for them
+        return hashedLanes(h, count, [&, bucket = base]() mutable {
+            U64 const u = bucketPieces[bucket] + Vel::Hash::unscaledPiece(word(bucket));
+            ++bucket;
+            return u;
+        });
+    return hashedLanes(h, count, [&] {
+        unsigned const bucket = base + static_cast<unsigned>(std::countr_zero(bits));
+        bits &= bits - 1;
+        return bucketPieces[bucket] + Vel::Hash::unscaledPiece(word(bucket));
+    });
 }
 
 }  // namespace

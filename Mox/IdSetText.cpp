@@ -157,7 +157,11 @@ public:
         if (first == last) return addBits(first, low & high);
         addBits(first, low);
         addBits(last, high);
-        for (unsigned b = first + 1; b < last; ++b) addBits(b, allOnes);
+        std::fill(words_.get() + first + 1, words_.get() + last, allOnes);
+        for (unsigned b = first + 1; b < last; b = (b | 63) + 1) {  // a group's part of (first, last) at a time
+            U64 const upTo = last > (b | 63) ? allOnes : ~(allOnes << (last % 64));
+            stored_.bits[b / 64] |= upTo & allOnes << (b % 64);
+        }
     }
     IdSet result() && {
         stored_.recount();
