@@ -418,12 +418,14 @@ void IdSet::write(Vel::NboAttrLog::Out& out, IdSet const& set) {
 }
 
 void IdSet::readInto(IdSet& set, LogIn& in) {
-    IdSet result(in.nextU16());
-    if (in.left() && *in.take(0) == endOfBuckets)
-        in.nextU8();  // nothing is allocated for no buckets
-    else
-        result.words_ = readBuckets(in);
-    set = std::move(result);
+    U16 const size = in.nextU16();
+    if (in.left() && *in.take(0) == endOfBuckets) {
+        in.nextU8();
+        set = IdSet(size);  // nothing is allocated for no buckets
+    } else {
+        set.words_ = readBuckets(in);
+        set.size_ = size;
+    }
 }
 
 }  // namespace Mox
