@@ -1,36 +1,5 @@
+#include "Allocations.h"
 #include "CellTest.h"
-
-#include <atomic>
-#include <cstdlib>
-
-// Under a sanitizer the allocator is the sanitizer's, and nothing is counted.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define ALLOCATIONS_ARE_COUNTED 0
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define ALLOCATIONS_ARE_COUNTED 0
-#endif
-#endif
-#if !defined(ALLOCATIONS_ARE_COUNTED) && defined(__GLIBC__)
-#define ALLOCATIONS_ARE_COUNTED 1
-#endif
-
-namespace {
-
-std::atomic<unsigned long> allocations;
-
-}
-
-#if ALLOCATIONS_ARE_COUNTED
-// Everything that allocates in this process, operator new included, comes here.
-extern "C" {
-void* __libc_malloc(std::size_t size);
-__attribute__((visibility("default"))) void* malloc(std::size_t size) {
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    return __libc_malloc(size);
-}
-}
-#endif
 
 namespace {
 
@@ -56,11 +25,6 @@ class CellAllocationTest : public CellTest {
 protected:
     void SetUp() override {
         if (!ALLOCATIONS_ARE_COUNTED) GTEST_SKIP() << "allocations are not counted in this build";
-    }
-    template <class F> static unsigned long allocationsOf(F f) {
-        auto const before = allocations.load();
-        f();
-        return allocations.load() - before;
     }
 
     QuietSystem quiet;

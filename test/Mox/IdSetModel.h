@@ -5,6 +5,7 @@
 #include "Vel/Exception.h"
 #include "Vel/Hash.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <map>
