@@ -312,13 +312,14 @@ TEST(IdSetOperationsTest, CompoundFormsYieldTheSetItself) {
 
 TEST(IdSetOperationsTest, SetCombinesWithItself) {
     IdSet set(200, {1, 150});
-    set |= set;
-    set &= set;
+    IdSet const& same = set;
+    set |= same;
+    set &= same;
     EXPECT_EQ(set, IdSet(200, {1, 150}));
-    set ^= set;
+    set ^= same;
     EXPECT_EQ(set, IdSet(200));
     set = IdSet(200, {1, 150});
-    set -= set;
+    set -= same;
     EXPECT_EQ(set, IdSet(200));
 }
 
