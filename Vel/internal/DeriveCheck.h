@@ -26,8 +26,8 @@ template <class T> constexpr bool hasDistinctNames() {
 }
 
 template <class T> constexpr bool isOrderedOrSaysNothing() {
-    if constexpr (hasOption<T, OptionId::ordered>) return requires(T const& a) {
-            { a < a } -> std::convertible_to<bool>;
+    if constexpr (hasOption<T, OptionId::ordered>) return requires(T const& a, T const& b) {
+            { a < b } -> std::convertible_to<bool>;
         };
     else
         return true;

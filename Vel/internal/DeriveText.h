@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Vel/Value.h"
 #include "Vel/Scan.h"
+#include "Vel/Value.h"
 
 #include <algorithm>
 #include <ostream>

@@ -1,5 +1,5 @@
-#include "Vel/internal/PowersOfTen.h"
 #include "Vel/Scan.h"
+#include "Vel/internal/PowersOfTen.h"
 
 #include <algorithm>
 #include <bit>
