@@ -82,3 +82,46 @@ inline std::vector<std::string> attributesOf(Vel::VelType type) {
     }
     return lines;
 }
+
+// An attribute as "4 bucket collection ops 0 1 2 3 4 5 type U64 key Mox::BucketId", "11 f method ops 10 (a U16, b U8)".
+inline std::string spelled(Vel::VelAttr attr) {
+    static constexpr char const* kinds[] = {
+        "field", "derived", "constant", "setter", "method", "collection", "ctorParam", "declared", "entityAttribute"};
+    std::string text =
+        std::to_string(attr.attributeId()) + " " + attr.name() + " " + kinds[static_cast<std::size_t>(attr.kind())];
+    std::string ops;
+    for (Vel::U32 op = 0; op < 22; ++op)
+        if (attr.answers(Vel::AttributeOp(op))) ops += " " + std::to_string(op);
+    if (!ops.empty()) text += " ops" + ops;
+    if (attr.valueType()) text += std::string(" type ") + attr.valueType().name();
+    if (attr.keyType()) text += std::string(" key ") + attr.keyType().name();
+    if (attr.resultType()) text += std::string(" result ") + attr.resultType().name();
+    for (Vel::U32 i = 0; i < attr.parameterCount(); ++i)
+        text += (i == 0 ? " (" : ", ") + std::string(attr.parameterName(i)) + " " +
+                std::string(attr.parameterType(i).name());
+    return attr.parameterCount() ? text + ")" : text;
+}
+template <class T> std::vector<std::string> spelledAttributes() {
+    auto const type = Vel::typeOf<T>();
+    std::vector<std::string> lines;
+    for (Vel::U32 i = 0; i < type.attributeCount(); ++i) lines.push_back(spelled(type.attribute(i)));
+    return lines;
+}
+template <class T> std::vector<Vel::U32> valueOps() {
+    std::vector<Vel::U32> ops;
+    for (Vel::U32 op = 0; op < 64; ++op)
+        if (Vel::typeOf<T>().answers(Vel::AttributeOp(op))) ops.push_back(op);
+    return ops;
+}
+
+template <class T>
+int keyedOp(
+    T& value, Vel::AttributeId id, Vel::AttributeOp op, void* result, void const* key, void const* arg = nullptr) {
+    auto const type = Vel::typeOf<T>();
+    return type.glue().genericIfAttributeOp(result, &value, type.attributeOfId(id).value(), op, key, arg);
+}
+// Calls a method with these arguments, each of which must be of the parameter's very type.
+template <class T, class... A> int call(T& value, Vel::AttributeId id, void* result, A const&... arguments) {
+    void const* const pointers[] = {&arguments..., nullptr};
+    return attributeOp(value, id, Vel::AttributeOp::call, result, pointers);
+}
