@@ -283,7 +283,7 @@ public:
     constexpr void updateIs(EventOrCount const& e) & { doUpdate(e.value(), e.count(), e.when()); }
     constexpr void doUpdate(U1 val, U32 count, Seconds timestamp) & {
         if (count != 0) {
-            // Each rise has a fall before it, except the first when it was down; and there is one more fall when it is down.
+            // A fall comes before each rise, except the first when it was down; one more comes last when it is down.
             changes_ += 2 * count - (current_ ? 0 : 1) + (val ? 0 : 1);
             lastChange_ = timestamp;
         } else if (val != current_) {
