@@ -9,6 +9,7 @@
 #include "Mox/Generation.h"
 #include "Mox/IdSet.h"
 #include "Mox/MaybeTypes.h"
+#include "Mox/PrefixTrie.h"
 #include "Mox/Seqno.h"
 #include "Mox/TristateTypes.h"
 #include "Mox/UniqueId.h"

@@ -47,19 +47,26 @@ enum class AttributeKind : U8 {
 };
 inline constexpr std::size_t maxParameters = 6;
 
+class String;
+
 namespace Detail {
+
+// What reflection takes an argument as: a function that takes a text by view is given a String.
+template <class A> struct ArgumentType { using Type = A; };
+template <> struct ArgumentType<std::string_view> { using Type = String; };
+template <class A> using Argument = typename ArgumentType<std::remove_cvref_t<A>>::Type;
 
 template <class F> struct Signature;
 template <class R, class... A> struct Signature<R (*)(A...)> {
     using Result = R;
-    using Arguments = std::tuple<std::remove_cvref_t<A>...>;
+    using Arguments = std::tuple<Argument<A>...>;
     static constexpr bool isStatic = true;
 };
 template <class R, class... A> struct Signature<R (*)(A...) noexcept> : Signature<R (*)(A...)> {};
 #define VEL_MEMBER_SIGNATURE(QUALIFIERS)                                                                               \
     template <class R, class C, class... A> struct Signature<R (C::*)(A...) QUALIFIERS> {                              \
         using Result = R;                                                                                              \
-        using Arguments = std::tuple<std::remove_cvref_t<A>...>;                                                       \
+        using Arguments = std::tuple<Argument<A>...>;                                                                  \
         static constexpr bool isStatic = false;                                                                        \
     };
 VEL_MEMBER_SIGNATURE()

@@ -53,6 +53,8 @@ public:
 protected:
     explicit Entity(String name) : name_(std::move(name)) {}
 
+    String const& velName() const { return name_; }  // what the constructor was given
+
     // Tells the observers, if notification is on.
     void velNotify(AttributeId attribute) const {
         if (hasNotificationActive()) notifieeList_.visit(attribute);

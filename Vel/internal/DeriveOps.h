@@ -60,8 +60,15 @@ AttributeResult collectionOp(void* result, T& object, AttributeOp op, void const
         break;
     case AttributeOp::set:
         if constexpr (given<A::set>) {
-            invokeInto<A::set>(
-                nullptr, object, *static_cast<Key const*>(other), *static_cast<typename A::Value const*>(arg));
+            // A collection that makes its members takes the key alone, one of members that know their keys the member.
+            using Set = decltype(A::set);
+            if constexpr (std::is_invocable_v<Set, T&, Key const&>)
+                invokeInto<A::set>(nullptr, object, *static_cast<Key const*>(other));
+            else if constexpr (std::is_invocable_v<Set, T&, typename A::Value const&>)
+                invokeInto<A::set>(nullptr, object, *static_cast<typename A::Value const*>(arg));
+            else
+                invokeInto<A::set>(
+                    nullptr, object, *static_cast<Key const*>(other), *static_cast<typename A::Value const*>(arg));
             return AttributeResult::done;
         }
         break;

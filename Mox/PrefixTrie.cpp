@@ -1,0 +1,388 @@
+#include "Mox/PrefixTrie.h"
+
+#include "Mox/internal/TriePath.h"
+
+#include "Vel/Assert.h"
+#include "Vel/Module.h"
+
+#include <vector>
+
+namespace Mox {
+
+using Detail::PathStep;
+using Vel::Ptr;
+
+namespace {
+
+using Collection = Detail::NamedMembers<PrefixTrie>::Collection;
+
+constexpr char source[] = "/src/Mox/PrefixTrie";
+constinit Vel::TraceHandle traceHandle("PrefixTrie");
+
+// Level 8 tells of every operation that is entered, level 9 of details.
+template <class... Parts>
+VEL_COLD void traceRecord(unsigned level, unsigned line, char const* function, Parts const&... parts) {
+    Vel::TraceHelper helper(traceHandle, level, source, line, function);
+    (helper.stream() << ... << parts);
+}
+
+String outputFormOf(Ptr<PrefixTrieState> const& state) { return state ? state->outputForm() : String("None"); }
+
+[[noreturn]] VEL_COLD void notImplemented(char const* condition, unsigned line, char const* function) {
+    Vel::assertionFailed(condition, source, line, function);
+}
+
+}  // namespace
+
+// --- states ---
+
+PrefixTrieState::PrefixTrieState() : EntityOf(String()) {}
+PrefixTrieState::~PrefixTrieState() = default;
+
+Ptr<PrefixTrieState> PrefixTrieState::PrefixTrieStateIs() { return prefixTrieStateFactory(); }
+Ptr<PrefixTrieState> prefixTrieStateFactory() { return PrefixTrieState::newEntity(); }
+
+bool PrefixTrieState::upgradeState(Ptr<PrefixTrieState> const&, bool) {
+    notImplemented("false && \"Need to implement upgradeState in a derived class\"", __LINE__,
+        "virtual bool Mox::PrefixTrieState::upgradeState(const Vel::Ptr<Mox::PrefixTrieState>&, bool)");
+}
+
+String PrefixTrieState::outputForm() {
+    notImplemented("false && \"Need to implement outputForm in a derived class\"", __LINE__,
+        "virtual Vel::String Mox::PrefixTrieState::outputForm()");
+}
+
+// --- nodes ---
+
+PrefixTrie::PrefixTrie(String const& name) : EntityOf(name) {}
+
+// Nodes that are released meanwhile wait until this one is done: a path of any length is torn down without recursion.
+PrefixTrie::~PrefixTrie() {
+    static thread_local std::vector<PrefixTrie*>* waiting = nullptr;
+    std::vector<PrefixTrie*> here;
+    bool const outermost = !waiting;
+    if (outermost) waiting = &here;
+
+    members_.releaseAll(
+        [](PrefixTrie& member, Collection which) {
+            if (which == Collection::prefixChild) member.parentIs(nullptr);
+        },
+        [](PrefixTrie* member) {
+            try {
+                waiting->push_back(member);
+            } catch (std::bad_alloc const&) {
+                member->deleteRef();
+            }
+        });
+    if (!outermost) return;
+    while (!here.empty()) {
+        PrefixTrie* const next = here.back();
+        here.pop_back();
+        next->deleteRef();
+    }
+    waiting = nullptr;
+}
+
+Ptr<PrefixTrie> PrefixTrie::PrefixTrieIs(String const& name) { return prefixTrieFactory(name); }
+Ptr<PrefixTrie> prefixTrieFactory(String const& name) { return PrefixTrie::newEntity(name); }
+
+Ptr<PrefixTrieState> PrefixTrie::newStateIs() {
+    notImplemented("false && \"Need to implement newStateIs in a derived class\"", __LINE__,
+        "virtual Vel::Ptr<Mox::PrefixTrieState> Mox::PrefixTrie::newStateIs()");
+}
+
+Ptr<PrefixTrie> PrefixTrie::newChildIs(String const& key) {
+    Ptr<PrefixTrie> c = prefixChildIs(key);
+    childIs(c);
+    return c;
+}
+
+bool PrefixTrie::emptyIs(bool value) {
+    if (traceHandle.enabled(8))
+        traceRecord(8, __LINE__, "emptyIs", "virtual bool Mox::PrefixTrie::emptyIs(bool)", ": value = ", value);
+    if (value) {
+        stateIs(nullptr);
+        mountPointIs(false);
+        presentIs(false);
+        childDelAll();
+        prefixChildDelAll();
+    }
+    return value;
+}
+
+void PrefixTrie::childInstanceDel(String const&) {}
+
+// --- collections ---
+
+Ptr<PrefixTrie> PrefixTrie::child(std::string_view key) const { return members_.find(key, Collection::child); }
+Ptr<PrefixTrie> PrefixTrie::prefixChild(std::string_view key) const {
+    return members_.find(key, Collection::prefixChild);
+}
+Ptr<Vel::Entity> PrefixTrie::velChild(std::string_view name) const { return prefixChild(name); }
+
+void PrefixTrie::childIs(Ptr<PrefixTrie> const& c) {
+    if (!c) Vel::throwMutatorArgNullPointerException(fwkType(), childAttribute);
+    putMember<Collection::child>(*c);
+}
+
+Ptr<PrefixTrie> PrefixTrie::prefixChildIs(String const& key) {
+    if (PrefixTrie* const found = members_.find(key, Collection::prefixChild)) return found;
+    Ptr<PrefixTrie> made = newEntity(key);
+    putMember<Collection::prefixChild>(*made);
+    return made;
+}
+
+void PrefixTrie::velPrefixChildIs(Ptr<PrefixTrie> const& c) {
+    if (!c) Vel::throwMutatorArgNullPointerException(fwkType(), prefixChildAttribute);
+    putMember<Collection::prefixChild>(*c);
+}
+
+template <Collection which> void PrefixTrie::putMember(PrefixTrie& member) {
+    auto const [taken, changed] = members_.put(member, which);
+    if (!changed) return;
+    Ptr<PrefixTrie> const before(taken);
+    if (taken) taken->deleteRef();  // the collection's
+    ++changes_;
+    if constexpr (which == Collection::prefixChild) {
+        if (before) before->parentIs(nullptr);
+        member.parentIs(this);
+    }
+    velNotify(which == Collection::child ? childAttribute : prefixChildAttribute, member.velName());
+}
+
+template <Collection which> Ptr<PrefixTrie> PrefixTrie::memberDel(std::string_view key) {
+    PrefixTrie* const taken = members_.take(key, which);
+    if (!taken) return nullptr;
+    Ptr<PrefixTrie> const member(taken);
+    taken->deleteRef();  // the collection's
+    ++changes_;
+    if constexpr (which == Collection::prefixChild) member->parentIs(nullptr);
+    velNotify(which == Collection::child ? childAttribute : prefixChildAttribute, member->velName());
+    return member;
+}
+Ptr<PrefixTrie> PrefixTrie::childDel(std::string_view key) { return memberDel<Collection::child>(key); }
+Ptr<PrefixTrie> PrefixTrie::prefixChildDel(std::string_view key) { return memberDel<Collection::prefixChild>(key); }
+
+void PrefixTrie::childDelAll() {
+    for (Ptr<PrefixTrie> const member : childMembers()) childDel(member->velKey());
+}
+void PrefixTrie::prefixChildDelAll() {
+    for (Ptr<PrefixTrie> const member : prefixChildMembers()) prefixChildDel(member->velKey());
+}
+
+// --- adding and deleting ---
+
+namespace {
+constexpr char prefixIsSignature[] =
+    "virtual void Mox::PrefixTrie::prefixIs(const Vel::String&, const Vel::Ptr<Mox::PrefixTrieState>&)";
+}
+
+// Calls itself once for each component of the path, so its frame is small: what it need not keep is in addStep.
+void PrefixTrie::prefixIs(String const& path, Ptr<State> const& newState) {
+    if (!newState) Vel::throwMutatorArgNullPointerException(fwkType(), prefixIsAttribute);
+    if (traceHandle.enabled(8))
+        traceRecord(8, __LINE__, "prefixIs", prefixIsSignature, " adding ", path, " to ", velName(),
+            ", state: ", newState->outputForm());
+    auto const [c, rest] = addStep(path.view());
+    if (rest.empty()) {
+        c->presentIs(true);
+        c->upgradeState(newState, false);
+    } else {
+        newState->upgradeState(c->state(), true);
+        c->prefixIs(String(rest), newState);
+    }
+}
+
+// The node of the path's first component, made if need be, and what is left of the path.
+std::pair<Ptr<PrefixTrie>, std::string_view> PrefixTrie::addStep(std::string_view path) {
+    PathStep const step(path);
+    if (step.last && path.find('*') != std::string_view::npos)
+        Vel::assertionFailed("starPos == Vel::String::npos", source, __LINE__, prefixIsSignature);
+    // A child that is there lends its name, which saves the copy.
+    PrefixTrie* const known = members_.find(step.head, Collection::prefixChild);
+    Ptr<PrefixTrie> const c = newChildIs(known ? known->velName() : String(step.head));
+    if (step.starred) c->mountPointIs(true);
+    if (!c->state_) {
+        c->stateIs(c->newStateIs());
+        if (traceHandle.enabled(9))
+            traceRecord(9, __LINE__, "prefixIs", " Uninitialized state. New: ", outputFormOf(c->state_));
+    }
+    return {c, step.rest};
+}
+
+void PrefixTrie::prefixDel(std::string_view path) {
+    struct Level {
+        PrefixTrie* parent;
+        Ptr<PrefixTrie> child;
+    };
+    std::vector<Level> way;  // to the node of the path
+
+    auto const remove = [](PrefixTrie& parent, PrefixTrie const& c) {
+        Ptr<PrefixTrie> const taken = parent.childDel(c.velKey());
+        parent.childInstanceDel(c.velName());
+    };
+
+    PrefixTrie* at = this;
+    for (std::string_view rest = path;;) {
+        if (traceHandle.enabled(8))
+            traceRecord(8, __LINE__, "prefixDel", "void Mox::PrefixTrie::prefixDel(const Vel::String&)", " deleting ",
+                String(rest), " from ", at->velName());
+        PathStep const step(rest);
+        Ptr<PrefixTrie> const c = at->child(step.head);
+        if (!c) {
+            if (traceHandle.enabled(9))
+                traceRecord(9, __LINE__, "prefixDel", String(rest), " already deleted from ", at->velName());
+            break;
+        }
+        if (!step.last) {
+            way.push_back({at, c});
+            at = c.get();
+            rest = step.rest;
+            continue;
+        }
+        if (c->empty()) {
+            remove(*at, *c);
+        } else {
+            c->presentIs(false);
+            c->stateIs(c->newStateIs());
+        }
+        break;
+    }
+    for (auto level = way.rbegin(); level != way.rend(); ++level)
+        if (level->child->empty() && !level->child->present()) remove(*level->parent, *level->child);
+}
+
+// --- queries ---
+
+// The node of the path, or null.
+PrefixTrie const* PrefixTrie::node(char const* signature, std::string_view path) const {
+    PrefixTrie const* at = this;
+    for (std::string_view rest = path;;) {
+        if (traceHandle.enabled(8)) traceRecord(8, __LINE__, "node", signature, String(rest), " in ", at->velName());
+        PathStep const step(rest);
+        at = at->members_.find(step.head, Collection::child);
+        if (!at || step.last) return at;
+        rest = step.rest;
+    }
+}
+
+bool PrefixTrie::isPrefix(std::string_view path) const {
+    auto const* const found = node("bool Mox::PrefixTrie::isPrefix(const Vel::String&)", path);
+    return found && found->present_;
+}
+
+bool PrefixTrie::isLeaf(std::string_view path) const {
+    auto const* const found = node("bool Mox::PrefixTrie::isLeaf(const Vel::String&) const", path);
+    return found && found->empty();
+}
+
+Ptr<PrefixTrieState> PrefixTrie::prefixState(std::string_view path) const {
+    auto const* const found =
+        node("Vel::Ptr<Mox::PrefixTrieState> Mox::PrefixTrie::prefixState(const Vel::String&) ", path);
+    return found && found->present_ ? found->state_ : nullptr;
+}
+
+bool PrefixTrie::hasPrefix(std::string_view path) const { return hasPrefixInternal(path, false); }
+bool PrefixTrie::hasProperPrefix(std::string_view path) const { return hasPrefixInternal(path, true); }
+
+bool PrefixTrie::hasPrefixInternal(std::string_view path, bool proper) const {
+    PrefixTrie const* at = this;
+    for (std::string_view rest = path;;) {
+        if (traceHandle.enabled(8))
+            traceRecord(8, __LINE__, "hasPrefixInternal",
+                "bool Mox::PrefixTrie::hasPrefixInternal(const Vel::String&, bool)", String(rest),
+                proper ? " (proper)" : "", " in ", at->velName());
+        PathStep const step(rest);
+        at = at->members_.find(step.head, Collection::child);
+        if (!at) return false;
+        if (step.last) return !proper && at->present_;
+        if (at->present_) return true;
+        rest = step.rest;
+    }
+}
+
+String PrefixTrie::enclosingPrefix(std::string_view path) const { return enclosingPrefixInternal(path, false); }
+String PrefixTrie::properEnclosingPrefix(std::string_view path) const { return enclosingPrefixInternal(path, true); }
+
+String PrefixTrie::enclosingPrefixInternal(std::string_view path, bool proper) const {
+    PrefixTrie const* at = this;
+    std::size_t used = 0;    // bytes of the path that the deepest present node stands for, with stars
+    std::size_t length = 0;  // and without: of the result
+    std::size_t walked = 0;
+    for (std::string_view rest = path;;) {
+        if (traceHandle.enabled(8))
+            traceRecord(8, __LINE__, "enclosingPrefixInternal",
+                "Vel::String Mox::PrefixTrie::enclosingPrefixInternal(const Vel::String&, bool)", String(rest), " in ",
+                at->velName());
+        PathStep const step(rest);
+        if (step.last && proper) break;
+        at = at->members_.find(step.head, Collection::child);
+        if (!at) break;
+        walked += step.head.size();
+        if (at->present_) {
+            used = path.size() - step.rest.size();
+            length = walked;
+        }
+        if (step.last) break;
+        rest = step.rest;
+    }
+    if (used == length) return String(path.substr(0, length));
+    return String::withLength(length, [&](char* to) {
+        std::string_view rest = path;
+        for (char* const end = to + length; to != end;) {
+            PathStep const step(rest);
+            to = std::copy(step.head.begin(), step.head.end(), to);
+            rest = step.rest;
+        }
+    });
+}
+
+// --- inheriting and merging ---
+
+void PrefixTrie::upgradeState(Ptr<State> const& inheritedState, bool inheritedOnly) {
+    constexpr char signature[] =
+        "virtual void Mox::PrefixTrie::upgradeState(const Vel::Ptr<Mox::PrefixTrieState>&, bool)";
+    if (traceHandle.enabled(8))
+        traceRecord(8, __LINE__, "upgradeState", signature, " for ", name(),
+            ", inherited state:", outputFormOf(inheritedState));
+    Ptr<State> passedOn = inheritedState;
+    if (present_) {
+        if (!state_) Vel::assertionFailed("state()", source, __LINE__, signature);
+        bool const changed = state()->upgradeState(inheritedState, inheritedOnly);
+        if (!changed) return;
+        passedOn = state_;
+    }
+    for (Ptr<PrefixTrie> const c : childMembers()) c->upgradeState(passedOn, true);
+}
+
+void PrefixTrie::append(Ptr<PrefixTrie const> const& target) {
+    if (!target) Vel::throwMutatorArgNullPointerException(fwkType(), appendAttribute);
+    appendInternal(target, newStateIs());
+}
+
+void PrefixTrie::appendInternal(Ptr<PrefixTrie const> const& other, Ptr<State> const& inheritedState) {
+    if (!other) Vel::throwMutatorArgNullPointerException(fwkType(), appendInternalAttribute);
+    if (traceHandle.enabled(8))
+        traceRecord(8, __LINE__, "appendInternal",
+            "void Mox::PrefixTrie::appendInternal(const Vel::Ptr<const Mox::PrefixTrie>&, const "
+            "Vel::Ptr<Mox::PrefixTrieState>&)",
+            " inherited State:", outputFormOf(inheritedState), ", while merging ", velName());
+    if (other->present()) presentIs(true);
+    if (other->mountPoint()) mountPointIs(true);
+    Ptr<State> passedOn = inheritedState;
+    bool changed = true;
+    if (present_) {
+        if (!state_) stateIs(newStateIs());
+        changed = state()->upgradeState(inheritedState, true);
+        if (Ptr<State> const given = other->state()) changed = state()->upgradeState(given, false) || changed;
+        passedOn = state_;
+    }
+    if (changed)
+        for (Ptr<PrefixTrie> const c : childMembers())
+            if (!other->childExists(c->velKey())) c->upgradeState(passedOn, true);
+    for (Ptr<PrefixTrie> const d : other->childMembers()) newChildIs(d->velName())->appendInternal(d, passedOn);
+}
+
+}  // namespace Mox
+
+VEL_MODULE(PrefixTrie, 2ca13fcfeae590b0, Mox::PrefixTrieState, Mox::PrefixTrie);

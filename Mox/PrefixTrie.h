@@ -1,0 +1,246 @@
+#pragma once
+
+#include "Mox/Types.h"
+#include "Mox/internal/NamedMembers.h"
+
+#include "Vel/Entity.h"
+
+#include <iterator>
+#include <string_view>
+#include <utility>
+
+// A set of path prefixes with a state for each, which everything below a prefix inherits.
+//
+// Both classes are made to be derived from: a state says what it holds, how it merges and how it prints; a trie says which
+// states and which children it makes. docs/trie.md derives a pair from scratch.
+namespace Mox {
+
+// What a prefix applies to everything that it encloses.
+// Threads: as the trie that it belongs to.
+class VEL_API PrefixTrieState : public Vel::EntityOf<PrefixTrieState> {
+public:
+    PrefixTrieState();
+    ~PrefixTrieState() override;
+    static Vel::Ptr<PrefixTrieState> PrefixTrieStateIs();  // as prefixTrieStateFactory
+
+    // These follow Vel::Entity's virtual operations in this order. A derived class implements both; here they abort.
+
+    // Merges `inheritedState` into this one. `inheritedOnly`: it comes from an enclosing prefix, and was not given for
+    // this very prefix. True when this state has changed; else nothing below it needs to hear of it.
+    virtual bool upgradeState(Vel::Ptr<PrefixTrieState> const& inheritedState, bool inheritedOnly);
+    virtual String outputForm();  // for traces, and only called while they are on
+
+    static constexpr auto description() {
+        return Vel::entity("Mox::PrefixTrieState",
+            Vel::method<&PrefixTrieState::upgradeState>("upgradeState", "inheritedState", "inheritedOnly"),  // 258
+            Vel::method<&PrefixTrieState::outputForm>("outputForm"));                                        // 259
+    }
+};
+
+VEL_API Vel::Ptr<PrefixTrieState> prefixTrieStateFactory();
+
+// A node of the trie, and the trie below it. A path such as "a/b.c" is cut before every "/" and "." but a leading one,
+// into the components "a", "/b" and ".c"; each is a node, a child of the one before it. A component that ends with a
+// star before the next separator ("a*/b") is a mount point, as is the last one of every path; the star is no part of
+// the key.
+//
+// Two collections hold the children. `prefixChild` makes and owns them; `child` has those that take part in what the trie
+// answers. A child whose prefix is deleted, and which encloses no other, leaves `child` only: it is found again when its
+// path is added again, unless childInstanceDel takes it out of `prefixChild` too.
+//
+// Queries never allocate, but for a result that is a string; they and prefixDel take any depth. Adding, appending and
+// pushing states down call themselves through the virtual operations once for each component: 10 000 components are
+// fine on a stack of 8 MB. REQUIRES, for all operations on paths: no node is below itself.
+// Threads: a trie and the states in it are used by one thread at a time.
+class VEL_API PrefixTrie : public Vel::EntityOf<PrefixTrie> {
+    using Members = Detail::NamedMembers<PrefixTrie>;
+    template <Members::Collection which, U32 hashConstant> class MemberRange;
+
+public:
+    using State = PrefixTrieState;
+    using VelChild = MemberRange<Members::Collection::child, 1914818491>;
+    using VelPrefixChild = MemberRange<Members::Collection::prefixChild, 2813198882>;
+
+    explicit PrefixTrie(String const& name);
+    ~PrefixTrie() override;
+    static Vel::Ptr<PrefixTrie> PrefixTrieIs(String const& name);  // as prefixTrieFactory
+
+    // --- hooks: these follow Vel::Entity's virtual operations in this order ---
+
+    virtual Vel::Ptr<State> newStateIs();  // a state as it is before anything merged into it; aborts here
+    virtual Vel::Ptr<PrefixTrie> newChildIs(String const& key);  // finds or makes the child, in both collections
+    virtual bool emptyIs(bool value);  // true: as constructed, but for the name. Returns `value`
+    // Adds the prefix, or merges its state with what is there. Changes `newState` too: it takes on what it inherits.
+    // REQUIRES: no star in the last component. Throws MutatorArgNullPointerException for a null state.
+    virtual void prefixIs(String const& path, Vel::Ptr<State> const& newState);
+    // Merges into the state of this node, when it is present, and pushes the outcome down.
+    // REQUIRES: a present node has a state; one that prefixIs or append made present has.
+    virtual void upgradeState(Vel::Ptr<State> const& inheritedState, bool inheritedOnly);
+    // Takes all of `target` into this trie: its prefixes, their flags, and their states as if given for the prefixes here.
+    virtual void append(Vel::Ptr<PrefixTrie const> const& target);
+    virtual void childInstanceDel(String const& key);  // called when prefixDel has taken `key` out of `child`
+
+    // --- paths ---
+
+    // Removes the prefix, and every inner node that is left without children and not present. What is below the prefix
+    // keeps the states that it has. A path that is not there is no error.
+    void prefixDel(std::string_view path);
+
+    bool isPrefix(std::string_view path) const;         // the path itself is in the set
+    bool isLeaf(std::string_view path) const;           // the path has a node, and that has no children
+    bool hasPrefix(std::string_view path) const;        // the path or one that encloses it is in the set
+    bool hasProperPrefix(std::string_view path) const;  // one that encloses it is in the set
+    bool hasPrefixInternal(std::string_view path, bool proper) const;
+    // The longest prefix of the path that is in the set, without stars that mark mount points; empty when there is none.
+    String enclosingPrefix(std::string_view path) const;
+    String properEnclosingPrefix(std::string_view path) const;  // shorter than the path
+    String enclosingPrefixInternal(std::string_view path, bool proper) const;
+    Vel::Ptr<State> prefixState(std::string_view path) const;  // null when the path itself is not in the set
+
+    // One step of append: merges the node `other`, which stands for the same path, and all below it.
+    void appendInternal(Vel::Ptr<PrefixTrie const> const& other, Vel::Ptr<State> const& inheritedState);
+
+    // --- attributes ---
+
+    String name() const final { return velName(); }  // this node's component; its key in the parent's collections
+    Vel::Ptr<State> state() const { return state_; }
+    bool mountPoint() const { return mountPoint_; }  // a path ended here, or marked this component with a star
+    bool present() const { return present_; }        // a prefix of the set ends here
+    void stateIs(Vel::Ptr<State> const& v) { velSet<&PrefixTrie::state_>(v); }
+    void mountPointIs(bool v) { velSet<&PrefixTrie::mountPoint_>(v); }
+    void presentIs(bool v) { velSet<&PrefixTrie::present_>(v); }
+    bool empty() const { return children() == 0; }
+
+    // --- collections ---
+
+    Vel::Ptr<PrefixTrie> child(std::string_view key) const;  // or null
+    // Adds it under its name, in the place of another that has it. Throws MutatorArgNullPointerException for null.
+    void childIs(Vel::Ptr<PrefixTrie> const& c);
+    Vel::Ptr<PrefixTrie> childDel(std::string_view key);  // removes and returns it; null when there was none
+    void childDelAll();
+    U32 children() const { return members_.size(Members::Collection::child); }
+    U32 childChangeCounter() const { return changes_; }
+    bool childExists(std::string_view key) const { return members_.find(key, Members::Collection::child); }
+    VelChild childMembers() const;  // for (Vel::Ptr<PrefixTrie> const& c : trie.childMembers())
+
+    Vel::Ptr<PrefixTrie> prefixChild(std::string_view key) const;  // or null
+    Vel::Ptr<PrefixTrie> prefixChildIs(String const& key);         // finds or makes it; its parent is this node
+    Vel::Ptr<PrefixTrie> prefixChildDel(std::string_view key);     // removes and returns it, without a parent
+    void prefixChildDelAll();
+    U32 prefixChildren() const { return members_.size(Members::Collection::prefixChild); }
+    U32 prefixChildChangeCounter() const { return changes_; }
+    bool prefixChildExists(std::string_view key) const { return members_.find(key, Members::Collection::prefixChild); }
+    VelPrefixChild prefixChildMembers() const;
+
+    Vel::Ptr<Vel::Entity> velChild(std::string_view name) const override;
+    std::size_t velCollectionMemory() const noexcept { return members_.memory(); }  // bytes allocated for both
+
+    static constexpr auto description() {
+        using Vel::collection;
+        using Vel::method;
+        using T = PrefixTrie;
+        using Node = Vel::Ptr<T>;
+        return Vel::entity("Mox::PrefixTrie",                             //
+            Vel::attribute<&T::state_, &T::state, &T::stateIs>("state"),  // 258
+            Vel::attribute<&T::mountPoint_, &T::mountPoint, &T::mountPointIs>("mountPoint"),
+            Vel::attribute<&T::present_, &T::present, &T::presentIs>("present"),
+            collection<String, Node, &T::child, &T::childIs, &T::childDel, &T::children, &T::childChangeCounter,
+                &T::childExists>("child"),  // 261
+            collection<String, Node, &T::prefixChild, &T::prefixChildIs, &T::prefixChildDel, &T::prefixChildren,
+                &T::prefixChildChangeCounter, &T::prefixChildExists>("prefixChild"),
+            method<&T::newStateIs>("newStateIs"),         // 263
+            method<&T::newChildIs>("newChildIs", "key"),  //
+            method<&T::childInstanceDel>("childInstanceDel", "key"),
+            Vel::derived<&T::empty>("empty"),         // 266
+            method<&T::emptyIs>("emptyIs", "value"),  //
+            method<&T::hasPrefixInternal>("hasPrefixInternal", "path", "proper"),
+            method<&T::enclosingPrefixInternal>("enclosingPrefixInternal", "path", "proper"),
+            method<&T::prefixIs>("prefixIs", "path", "newState"),  // 270
+            method<&T::prefixDel>("prefixDel", "path"),            //
+            method<&T::hasPrefix>("hasPrefix", "path"), method<&T::hasProperPrefix>("hasProperPrefix", "path"),
+            method<&T::enclosingPrefix>("enclosingPrefix", "path"),
+            method<&T::properEnclosingPrefix>("properEnclosingPrefix", "path"),  // 275
+            method<&T::isPrefix>("isPrefix", "path"),                            //
+            method<&T::isLeaf>("isLeaf", "path"),                                //
+            method<&T::prefixState>("prefixState", "path"),
+            method<&T::upgradeState>("upgradeState", "inheritedState", "inheritedOnly"),
+            method<&T::appendInternal>("appendInternal", "other", "inheritedState"),  // 280
+            method<&T::append>("append", "target"));
+    }
+    static constexpr Vel::AttributeId childAttribute = 261;
+    static constexpr Vel::AttributeId prefixChildAttribute = 262;
+    static constexpr Vel::AttributeId prefixIsAttribute = 270;
+    static constexpr Vel::AttributeId appendInternalAttribute = 280;
+    static constexpr Vel::AttributeId appendAttribute = 281;
+
+protected:
+    // For newChildIs of a derived trie: finds the child, or makes a T, in both collections.
+    template <class T> Vel::Ptr<PrefixTrie> newChildOf(String const& key) {
+        Vel::Ptr<PrefixTrie> c = prefixChild(key);
+        if (!c) velPrefixChildIs(c = T::newEntity(key));
+        childIs(c);
+        return c;
+    }
+    void velPrefixChildIs(Vel::Ptr<PrefixTrie> const& c);  // adds it under its name; its parent is this node
+
+private:
+    friend Members;
+    std::string_view velKey() const { return velName().view(); }
+    template <Members::Collection which> Vel::Ptr<PrefixTrie> memberDel(std::string_view key);
+    std::pair<Vel::Ptr<PrefixTrie>, std::string_view> addStep(std::string_view path);
+    template <Members::Collection which> void putMember(PrefixTrie& member);
+    PrefixTrie const* node(char const* signature, std::string_view path) const;
+
+    Members members_;
+    Vel::Ptr<State> state_;
+    U32 changes_ = 0;  // of both collections together
+    bool mountPoint_ = false;
+    bool present_ = false;
+};
+
+VEL_API Vel::Ptr<PrefixTrie> prefixTrieFactory(String const& name);
+
+// The members of one collection, for a range-based loop. It visits those that there were when it began and that are
+// still there when their turn comes; they and others may come and go meanwhile. The trie must outlive it.
+template <Detail::NamedMembers<PrefixTrie>::Collection which, U32 hashConstant> class PrefixTrie::MemberRange {
+public:
+    class Iterator {
+    public:
+        using value_type = Vel::Ptr<PrefixTrie>;
+        using difference_type = std::ptrdiff_t;
+
+        explicit Iterator(PrefixTrie const& trie)
+            : trie_(&trie), changes_(trie.changes_), members_(trie.members_, which) {}
+
+        Vel::Ptr<PrefixTrie> operator*() const { return &members_[at_]; }
+        Iterator& operator++() {
+            do ++at_;
+            while (
+                at_ < members_.size() && trie_->changes_ != changes_ && !trie_->members_.holds(members_[at_], which));
+            return *this;
+        }
+        void operator++(int) { ++*this; }
+        friend bool operator==(Iterator const& i, std::default_sentinel_t) { return i.at_ >= i.members_.size(); }
+
+    private:
+        PrefixTrie const* trie_;
+        U32 changes_;
+        Members::Snapshot members_;
+        U32 at_ = 0;
+    };
+
+    explicit MemberRange(PrefixTrie const& trie) : trie_(&trie) {}
+    Iterator begin() const { return Iterator(*trie_); }
+    std::default_sentinel_t end() const { return {}; }
+    U32 size() const { return trie_->members_.size(which); }
+    bool empty() const { return size() == 0; }
+    static constexpr U32 velHashConstant = hashConstant;  // sets the collection apart from every other one
+
+private:
+    PrefixTrie const* trie_;
+};
+
+inline PrefixTrie::VelChild PrefixTrie::childMembers() const { return VelChild(*this); }
+inline PrefixTrie::VelPrefixChild PrefixTrie::prefixChildMembers() const { return VelPrefixChild(*this); }
+
+}  // namespace Mox

@@ -1,0 +1,315 @@
+#pragma once
+
+#include "Vel/Assert.h"
+#include "Vel/HashMap.h"
+#include "Vel/Types.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <new>
+#include <string_view>
+#include <utility>
+
+namespace Mox::Detail {
+
+using Vel::U32;
+using Vel::U64;
+
+// Two collections of reference-counted nodes, keyed by the nodes' own names: one that owns them and a second index over
+// mostly the same ones. One word, and nothing else while there is at most one node; about 20 bytes a node beyond that,
+// for both collections together.
+//
+// Node has velKey(), a std::string_view that never changes, newRef() and deleteRef().
+//
+// Invariants:
+// 1. A slot is 0, or names a node: 16 bits of the hash of its key (so that strangers are passed over untouched), its
+//    address, and a bit for each collection that it is a member of, of which one is set. A slot holds one reference
+//    for each of these bits.
+// 2. No two slots name the same node, and each collection has at most one node with a key.
+// 3. The word is 0 (no slot), a slot, or the address of a table with two slots or more, marked by its own bit.
+// 4. Tables of up to 7 slots are filled from the front. Larger ones are powers of two, probed linearly from the low bits
+//    of the hash, at most three quarters full.
+template <class Node> class NamedMembers {
+public:
+    enum class Collection : U64 { child = 1, prefixChild = 2 };
+    class Snapshot;
+
+    constexpr NamedMembers() noexcept = default;
+    NamedMembers(NamedMembers const&) = delete;
+    NamedMembers& operator=(NamedMembers const&) = delete;
+    ~NamedMembers() {
+        releaseAll([](Node&, Collection) {}, [](Node* node) { node->deleteRef(); });
+    }
+
+    Node* find(std::string_view key, Collection which) const {
+        if (!word_) return nullptr;
+        U64 const* const slot = findSlot(key, hashOf(key), bit(which));
+        return slot ? nodeOf(*slot) : nullptr;
+    }
+    bool holds(Node const& node, Collection which) const { return find(node.velKey(), which) == &node; }
+
+    U32 size(Collection which) const noexcept {
+        if (Table const* const t = table()) return t->sizes[index(which)];
+        return word_ & bit(which) ? 1 : 0;
+    }
+
+    // Makes `node` the member with its key. The member that had the key, with its reference, or null; whether anything
+    // has changed. Strong guarantee.
+    std::pair<Node*, bool> put(Node& node, Collection which) {
+        std::string_view const key = node.velKey();
+        U32 const hash = hashOf(key);
+        if (!word_) {
+            word_ = slotOf(node, hash) | bit(which);
+        } else if (isSlot() && nodeOf(word_) == &node) {
+            if (word_ & bit(which)) return {nullptr, false};
+            word_ |= bit(which);
+        } else {
+            return putBeside(node, hash, which);
+        }
+        node.newRef();
+        return {nullptr, true};
+    }
+
+    // Removes the member with that key and returns it with its reference, or null.
+    Node* take(std::string_view key, Collection which) noexcept {
+        if (!word_) return nullptr;
+        U64* const slot = findSlot(key, hashOf(key), bit(which));
+        return slot ? takeFrom(slot, which) : nullptr;
+    }
+
+    // Empties both collections: gone(node, collection) for every member, then drop(node) for every reference.
+    template <class Gone, class Drop> void releaseAll(Gone gone, Drop drop) {
+        Table* const t = table();
+        U64 const single = isSlot() ? word_ : 0;
+        word_ = 0;
+        auto const release = [&](U64 slot) {
+            Node* const node = nodeOf(slot);
+            for (Collection const which : {Collection::child, Collection::prefixChild})
+                if (slot & bit(which)) gone(*node, which);
+            for (Collection const which : {Collection::child, Collection::prefixChild})
+                if (slot & bit(which)) drop(node);
+        };
+        if (single) release(single);
+        if (!t) return;
+        for (U64 const slot : *t)
+            if (slot) release(slot);
+        ::operator delete(t);
+    }
+
+    std::size_t memory() const noexcept { return table() ? bytesOf(table()->capacity) : 0; }  // bytes allocated
+
+private:
+    static constexpr U64 memberBits = 3;  // one for each collection
+    static constexpr U64 tableBit = 4;
+    static constexpr U64 tagBits = U64(0xFFFF) << 48;  // no user-space address of Linux reaches there unasked
+    static constexpr U64 addressBits = ~(tagBits | memberBits | tableBit);
+    static constexpr U32 smallCapacities[] = {3, 7};  // with these, tables fill the allocator's chunks
+    static constexpr U32 maxSmallCapacity = 7;
+    static constexpr U32 hashSeed = 1914818491;
+
+    struct Table {
+        U32 capacity;
+        U32 used;      // slots that are not 0
+        U32 sizes[2];  // of the two collections
+
+        U64* slots() { return reinterpret_cast<U64*>(this + 1); }
+        U64* begin() { return slots(); }
+        U64* end() { return slots() + (hashed() ? capacity : used); }
+        bool hashed() const { return capacity > maxSmallCapacity; }
+        U32 mask() const { return capacity - 1; }
+        bool full() const { return hashed() ? used >= capacity / 4 * 3 : used == capacity; }
+    };
+
+    static constexpr U64 bit(Collection which) { return static_cast<U64>(which); }
+    static constexpr unsigned index(Collection which) { return which == Collection::child ? 0 : 1; }
+    static U32 hashOf(std::string_view key) { return Vel::hashText(key, hashSeed); }
+    static constexpr U64 tagOf(U32 hash) { return U64(hash >> 16) << 48; }
+    static Node* nodeOf(U64 slot) { return reinterpret_cast<Node*>(slot & addressBits); }
+    static U64 slotOf(Node& node, U32 hash) {
+        auto const address = reinterpret_cast<U64>(&node);
+        if (address & ~addressBits) [[unlikely]]
+            Vel::assertionFailed("(address & ~addressBits) == 0", "/src/Mox/PrefixTrie", 0,
+                "Vel::U64 Mox::Detail::NamedMembers::slotOf(Node&, Vel::U32)");
+        return tagOf(hash) | address;
+    }
+    static std::size_t bytesOf(U32 capacity) { return sizeof(Table) + capacity * sizeof(U64); }
+
+    bool isSlot() const { return word_ && !(word_ & tableBit); }
+    Table* table() const { return word_ & tableBit ? reinterpret_cast<Table*>(word_ & ~tableBit) : nullptr; }
+    void tableIs(Table* t) { word_ = reinterpret_cast<U64>(t) | tableBit; }
+
+    static bool matches(U64 slot, std::string_view key, U32 hash, U64 which) {
+        return (slot & tagBits) == tagOf(hash) && (slot & which) && nodeOf(slot)->velKey() == key;
+    }
+
+    // The slot with that key in one of the collections `which`, or null. REQUIRES: word_.
+    U64* findSlot(std::string_view key, U32 hash, U64 which) { return const_cast<U64*>(find(key, hash, which)); }
+    U64 const* findSlot(std::string_view key, U32 hash, U64 which) const { return find(key, hash, which); }
+    U64 const* find(std::string_view key, U32 hash, U64 which) const {
+        Table* const t = table();
+        if (!t) return matches(word_, key, hash, which) ? &word_ : nullptr;
+        U64 const* const slots = t->slots();
+        if (!t->hashed()) {
+            for (U32 i = 0; i < t->used; ++i)
+                if (matches(slots[i], key, hash, which)) return slots + i;
+            return nullptr;
+        }
+        for (U32 i = hash & t->mask(); slots[i]; i = (i + 1) & t->mask())
+            if (matches(slots[i], key, hash, which)) return slots + i;
+        return nullptr;
+    }
+
+    std::pair<Node*, bool> putBeside(Node& node, U32 hash, Collection which) {
+        std::string_view const key = node.velKey();
+        U64* own = findSlot(key, hash, memberBits);
+        if (own && nodeOf(*own) != &node) {  // another has the key; this one may be in the other collection only
+            U64 const otherBits = memberBits & ~*own;
+            own = otherBits ? findSlot(key, hash, otherBits) : nullptr;
+            if (own && nodeOf(*own) != &node) own = nullptr;
+        }
+        if (own && (*own & bit(which))) return {nullptr, false};
+        if (!own) insertSlot(slotOf(node, hash), hash);  // in no collection yet, so that no look-up finds it
+        Node* const before = take(key, which);
+        own = slotOfNode(node, hash);
+        *own |= bit(which);
+        if (Table* const t = table()) ++t->sizes[index(which)];
+        node.newRef();
+        return {before, true};
+    }
+
+    U64* slotOfNode(Node const& node, U32 hash) {
+        Table* const t = table();
+        if (!t) return &word_;
+        if (!t->hashed()) return std::find_if(t->begin(), t->end(), [&](U64 slot) { return nodeOf(slot) == &node; });
+        U32 i = hash & t->mask();
+        while (nodeOf(t->slots()[i]) != &node) i = (i + 1) & t->mask();
+        return t->slots() + i;
+    }
+
+    static Table* newTable(U32 capacity, bool mayThrow) {
+        void* const memory =
+            mayThrow ? ::operator new(bytesOf(capacity)) : ::operator new(bytesOf(capacity), std::nothrow);
+        if (!memory) return nullptr;
+        auto* const t = new (memory) Table{capacity, 0, {0, 0}};
+        std::memset(t->slots(), 0, capacity * sizeof(U64));
+        return t;
+    }
+    static U32 capacityFor(U32 used) {
+        for (U32 const capacity : smallCapacities)
+            if (used <= capacity) return capacity;
+        return std::bit_ceil(used / 3 * 4 + 4);
+    }
+
+    // REQUIRES: not full.
+    static void addSlot(Table& t, U64 slot, U32 hash) {
+        U32 i = t.used++;
+        if (t.hashed())
+            for (i = hash & t.mask(); t.slots()[i]; i = (i + 1) & t.mask()) {}
+        t.slots()[i] = slot;
+    }
+
+    void insertSlot(U64 slot, U32 hash) {
+        Table* t = table();
+        if (!t) {
+            t = newTable(smallCapacities[0], true);
+            addSlot(*t, word_, 0);
+            t->sizes[0] = size(Collection::child);
+            t->sizes[1] = size(Collection::prefixChild);
+            tableIs(t);
+        } else if (t->full()) {
+            t = rebuild(capacityFor(t->used + 1), true);
+        }
+        addSlot(*t, slot, hash);
+    }
+
+    Table* rebuild(U32 capacity, bool mayThrow) {
+        Table* const from = table();
+        Table* const to = newTable(capacity, mayThrow);
+        if (!to) return from;
+        for (U64 const slot : *from)
+            if (slot) addSlot(*to, slot, to->hashed() ? hashOf(nodeOf(slot)->velKey()) : 0);
+        to->sizes[0] = from->sizes[0];
+        to->sizes[1] = from->sizes[1];
+        ::operator delete(from);
+        tableIs(to);
+        return to;
+    }
+
+    Node* takeFrom(U64* slot, Collection which) noexcept {
+        Node* const node = nodeOf(*slot);
+        *slot &= ~bit(which);
+        Table* const t = table();
+        if (t) --t->sizes[index(which)];
+        if (*slot & memberBits) return node;
+        if (!t)
+            word_ = 0;
+        else
+            removeSlot(*t, static_cast<U32>(slot - t->slots()));
+        return node;
+    }
+
+    void removeSlot(Table& t, U32 hole) noexcept {
+        U64* const slots = t.slots();
+        --t.used;
+        if (!t.hashed()) {
+            slots[hole] = std::exchange(slots[t.used], 0);
+        } else {
+            for (U32 i = (hole + 1) & t.mask(); slots[i]; i = (i + 1) & t.mask()) {
+                U32 const home = hashOf(nodeOf(slots[i])->velKey()) & t.mask();
+                if (((i - home) & t.mask()) < ((i - hole) & t.mask())) continue;
+                slots[hole] = slots[i];
+                hole = i;
+            }
+            slots[hole] = 0;
+        }
+        if (t.used == 1) {
+            U64 const last = *std::find_if(t.begin(), t.end(), [](U64 slot) { return slot != 0; });
+            ::operator delete(&t);
+            word_ = last;
+        } else if (t.hashed() && t.used < t.capacity / 4) {
+            rebuild(capacityFor(2 * t.used), false);  // without memory for less, it stays as it is
+        }
+    }
+
+    U64 word_ = 0;
+};
+
+// The members of one collection at one time, each held by a reference.
+template <class Node> class NamedMembers<Node>::Snapshot {
+public:
+    Snapshot(NamedMembers const& members, Collection which) : count_(members.size(which)) {
+        if (count_ > maxSmallCapacity) nodes_ = new Node*[count_];
+        Node** to = nodes_;
+        auto const add = [&](U64 slot) {
+            if (!(slot & bit(which))) return;
+            *to = nodeOf(slot);
+            (*to++)->newRef();
+        };
+        if (Table* const t = members.table())
+            for (U64 const slot : *t) add(slot);
+        else
+            add(members.word_);
+    }
+    Snapshot(Snapshot&& other) noexcept : count_(std::exchange(other.count_, 0)) {
+        if (other.nodes_ != other.inPlace_)
+            nodes_ = std::exchange(other.nodes_, other.inPlace_);
+        else
+            std::copy_n(other.inPlace_, count_, inPlace_);
+    }
+    Snapshot& operator=(Snapshot&&) = delete;
+    ~Snapshot() {
+        for (U32 i = 0; i < count_; ++i) nodes_[i]->deleteRef();
+        if (nodes_ != inPlace_) delete[] nodes_;
+    }
+
+    U32 size() const noexcept { return count_; }
+    Node& operator[](U32 i) const { return *nodes_[i]; }
+
+private:
+    U32 count_;
+    Node** nodes_ = inPlace_;
+    Node* inPlace_[maxSmallCapacity];
+};
+
+}  // namespace Mox::Detail
