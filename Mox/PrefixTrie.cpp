@@ -1,5 +1,6 @@
 #include "Mox/PrefixTrie.h"
 
+#include "Mox/internal/Override.h"
 #include "Mox/internal/TriePath.h"
 
 #include "Vel/Assert.h"
@@ -177,19 +178,25 @@ constexpr char prefixIsSignature[] =
     "virtual void Mox::PrefixTrie::prefixIs(const Vel::String&, const Vel::Ptr<Mox::PrefixTrieState>&)";
 }
 
-// Calls itself once for each component of the path, so its frame is small: what it need not keep is in addStep.
+// A loop as far as no derived class has an operation of its own here; a child that has one gets a path of its own too.
 void PrefixTrie::prefixIs(String const& path, Ptr<State> const& newState) {
+    static Ptr<PrefixTrie> const plain = prefixTrieFactory(String());
     if (!newState) Vel::throwMutatorArgNullPointerException(fwkType(), prefixIsAttribute);
-    if (traceHandle.enabled(8))
-        traceRecord(8, __LINE__, "prefixIs", prefixIsSignature, " adding ", path, " to ", velName(),
-            ", state: ", newState->outputForm());
-    auto const [c, rest] = addStep(path.view());
-    if (rest.empty()) {
-        c->presentIs(true);
-        c->upgradeState(newState, false);
-    } else {
+    Ptr<PrefixTrie> at(this);
+    for (std::string_view rest = path;;) {
+        if (traceHandle.enabled(8))
+            traceRecord(8, __LINE__, "prefixIs", prefixIsSignature, " adding ", String(rest), " to ", at->velName(),
+                ", state: ", newState->outputForm());
+        auto [c, left] = at->addStep(rest);
+        if (left.empty()) {
+            c->presentIs(true);
+            c->upgradeState(newState, false);
+            return;
+        }
         newState->upgradeState(c->state(), true);
-        c->prefixIs(String(rest), newState);
+        if (Detail::overrides(*c, *plain, &PrefixTrie::prefixIs)) return c->prefixIs(String(left), newState);
+        at = std::move(c);
+        rest = left;
     }
 }
 

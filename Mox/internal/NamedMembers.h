@@ -1,7 +1,8 @@
 #pragma once
 
+#include "Mox/internal/ShortText.h"
+
 #include "Vel/Assert.h"
-#include "Vel/HashMap.h"
 #include "Vel/Types.h"
 
 #include <algorithm>
@@ -27,7 +28,8 @@ using Vel::U64;
 //    address, and a bit for each collection that it is a member of, of which one is set. A slot holds one reference
 //    for each of these bits.
 // 2. No two slots name the same node, and each collection has at most one node with a key.
-// 3. The word is 0 (no slot), a slot, or the address of a table with two slots or more, marked by its own bit.
+// 3. The word is 0 (no slot), a slot, or the address of the slots of a table with two slots or more, marked by its own
+//    bit, and the table's size class where a slot has the hash: look-ups need not touch the table's header.
 // 4. Tables of up to 7 slots are filled from the front. Larger ones are powers of two, probed linearly from the low bits
 //    of the hash, at most three quarters full.
 template <class Node> class NamedMembers {
@@ -97,33 +99,34 @@ public:
         ::operator delete(t);
     }
 
-    std::size_t memory() const noexcept { return table() ? bytesOf(table()->capacity) : 0; }  // bytes allocated
+    std::size_t memory() const noexcept { return table() ? bytesOf(table()->sizeClass) : 0; }  // bytes allocated
 
 private:
     static constexpr U64 memberBits = 3;  // one for each collection
     static constexpr U64 tableBit = 4;
     static constexpr U64 tagBits = U64(0xFFFF) << 48;  // no user-space address of Linux reaches there unasked
     static constexpr U64 addressBits = ~(tagBits | memberBits | tableBit);
-    static constexpr U32 smallCapacities[] = {3, 7};  // with these, tables fill the allocator's chunks
+    static constexpr U32 smallClasses =
+        2;  // of 3 and 7 slots, which fill the allocator's chunks; others: log2 of the slots
     static constexpr U32 maxSmallCapacity = 7;
-    static constexpr U32 hashSeed = 1914818491;
 
+    // Stands before the slots.
     struct Table {
-        U32 capacity;
+        U32 sizeClass;
         U32 used;      // slots that are not 0
         U32 sizes[2];  // of the two collections
 
         U64* slots() { return reinterpret_cast<U64*>(this + 1); }
         U64* begin() { return slots(); }
-        U64* end() { return slots() + (hashed() ? capacity : used); }
-        bool hashed() const { return capacity > maxSmallCapacity; }
-        U32 mask() const { return capacity - 1; }
-        bool full() const { return hashed() ? used >= capacity / 4 * 3 : used == capacity; }
+        U64* end() { return slots() + (hashed() ? capacityOf(sizeClass) : used); }
+        bool hashed() const { return sizeClass >= smallClasses; }
+        U32 mask() const { return capacityOf(sizeClass) - 1; }
+        bool full() const { return used == (hashed() ? capacityOf(sizeClass) / 4 * 3 : capacityOf(sizeClass)); }
     };
 
     static constexpr U64 bit(Collection which) { return static_cast<U64>(which); }
     static constexpr unsigned index(Collection which) { return which == Collection::child ? 0 : 1; }
-    static U32 hashOf(std::string_view key) { return Vel::hashText(key, hashSeed); }
+    static U32 hashOf(std::string_view key) { return hashShortText(key); }
     static constexpr U64 tagOf(U32 hash) { return U64(hash >> 16) << 48; }
     static Node* nodeOf(U64 slot) { return reinterpret_cast<Node*>(slot & addressBits); }
     static U64 slotOf(Node& node, U32 hash) {
@@ -133,29 +136,35 @@ private:
                 "Vel::U64 Mox::Detail::NamedMembers::slotOf(Node&, Vel::U32)");
         return tagOf(hash) | address;
     }
-    static std::size_t bytesOf(U32 capacity) { return sizeof(Table) + capacity * sizeof(U64); }
+    static constexpr U32 capacityOf(U32 sizeClass) {
+        return sizeClass < smallClasses ? 3 + 4 * sizeClass : U32(1) << sizeClass;
+    }
+    static std::size_t bytesOf(U32 sizeClass) { return sizeof(Table) + capacityOf(sizeClass) * sizeof(U64); }
 
     bool isSlot() const { return word_ && !(word_ & tableBit); }
-    Table* table() const { return word_ & tableBit ? reinterpret_cast<Table*>(word_ & ~tableBit) : nullptr; }
-    void tableIs(Table* t) { word_ = reinterpret_cast<U64>(t) | tableBit; }
+    U64* slots() const { return reinterpret_cast<U64*>(word_ & addressBits); }  // REQUIRES: a table
+    Table* table() const { return word_ & tableBit ? reinterpret_cast<Table*>(slots()) - 1 : nullptr; }
+    void tableIs(Table* t) { word_ = U64(t->sizeClass) << 48 | reinterpret_cast<U64>(t->slots()) | tableBit; }
 
     static bool matches(U64 slot, std::string_view key, U32 hash, U64 which) {
-        return (slot & tagBits) == tagOf(hash) && (slot & which) && nodeOf(slot)->velKey() == key;
+        return (slot & tagBits) == tagOf(hash) && (slot & which) && sameShortText(nodeOf(slot)->velKey(), key);
     }
 
     // The slot with that key in one of the collections `which`, or null. REQUIRES: word_.
     U64* findSlot(std::string_view key, U32 hash, U64 which) { return const_cast<U64*>(find(key, hash, which)); }
     U64 const* findSlot(std::string_view key, U32 hash, U64 which) const { return find(key, hash, which); }
     U64 const* find(std::string_view key, U32 hash, U64 which) const {
-        Table* const t = table();
-        if (!t) return matches(word_, key, hash, which) ? &word_ : nullptr;
-        U64 const* const slots = t->slots();
-        if (!t->hashed()) {
-            for (U32 i = 0; i < t->used; ++i)
+        if (!(word_ & tableBit)) return matches(word_, key, hash, which) ? &word_ : nullptr;
+        U64 const* const slots = this->slots();
+        auto const sizeClass = static_cast<U32>(word_ >> 48);
+        if (sizeClass < smallClasses) {
+            U32 const capacity = capacityOf(sizeClass);
+            for (U32 i = 0; i < capacity; ++i)
                 if (matches(slots[i], key, hash, which)) return slots + i;
             return nullptr;
         }
-        for (U32 i = hash & t->mask(); slots[i]; i = (i + 1) & t->mask())
+        U32 const mask = capacityOf(sizeClass) - 1;
+        for (U32 i = hash & mask; slots[i]; i = (i + 1) & mask)
             if (matches(slots[i], key, hash, which)) return slots + i;
         return nullptr;
     }
@@ -187,18 +196,17 @@ private:
         return t->slots() + i;
     }
 
-    static Table* newTable(U32 capacity, bool mayThrow) {
-        void* const memory =
-            mayThrow ? ::operator new(bytesOf(capacity)) : ::operator new(bytesOf(capacity), std::nothrow);
+    static Table* newTable(U32 sizeClass, bool mayThrow) {
+        std::size_t const bytes = bytesOf(sizeClass);
+        void* const memory = mayThrow ? ::operator new(bytes) : ::operator new(bytes, std::nothrow);
         if (!memory) return nullptr;
-        auto* const t = new (memory) Table{capacity, 0, {0, 0}};
-        std::memset(t->slots(), 0, capacity * sizeof(U64));
+        auto* const t = new (memory) Table{sizeClass, 0, {0, 0}};
+        std::memset(t->slots(), 0, capacityOf(sizeClass) * sizeof(U64));
         return t;
     }
-    static U32 capacityFor(U32 used) {
-        for (U32 const capacity : smallCapacities)
-            if (used <= capacity) return capacity;
-        return std::bit_ceil(used / 3 * 4 + 4);
+    static U32 classFor(U32 used) {
+        if (used <= maxSmallCapacity) return used <= capacityOf(0) ? 0 : 1;
+        return static_cast<U32>(std::bit_width(used / 3 * 4 + 3));
     }
 
     // REQUIRES: not full.
@@ -212,20 +220,20 @@ private:
     void insertSlot(U64 slot, U32 hash) {
         Table* t = table();
         if (!t) {
-            t = newTable(smallCapacities[0], true);
+            t = newTable(0, true);
             addSlot(*t, word_, 0);
             t->sizes[0] = size(Collection::child);
             t->sizes[1] = size(Collection::prefixChild);
             tableIs(t);
         } else if (t->full()) {
-            t = rebuild(capacityFor(t->used + 1), true);
+            t = rebuild(classFor(t->used + 1), true);
         }
         addSlot(*t, slot, hash);
     }
 
-    Table* rebuild(U32 capacity, bool mayThrow) {
+    Table* rebuild(U32 sizeClass, bool mayThrow) {
         Table* const from = table();
-        Table* const to = newTable(capacity, mayThrow);
+        Table* const to = newTable(sizeClass, mayThrow);
         if (!to) return from;
         for (U64 const slot : *from)
             if (slot) addSlot(*to, slot, to->hashed() ? hashOf(nodeOf(slot)->velKey()) : 0);
@@ -267,8 +275,8 @@ private:
             U64 const last = *std::find_if(t.begin(), t.end(), [](U64 slot) { return slot != 0; });
             ::operator delete(&t);
             word_ = last;
-        } else if (t.hashed() && t.used < t.capacity / 4) {
-            rebuild(capacityFor(2 * t.used), false);  // without memory for less, it stays as it is
+        } else if (t.hashed() && t.used < capacityOf(t.sizeClass) / 4) {
+            rebuild(classFor(2 * t.used), false);  // without memory for less, it stays as it is
         }
     }
 

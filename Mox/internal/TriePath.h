@@ -1,5 +1,8 @@
 #pragma once
 
+#include "Mox/internal/ShortText.h"
+
+#include <bit>
 #include <cstddef>
 #include <string_view>
 
@@ -10,7 +13,16 @@ namespace Mox::Detail {
 // Where the next component of `path` begins; npos when its first is its last.
 inline std::size_t getSeparatorPos(std::string_view path) {
     static_assert('.' + 1 == '/' && '.' % 2 == 0);  // so that one comparison finds both
-    for (std::size_t i = 1; i < path.size(); ++i)
+    std::size_t i = 1;
+    // Eight bytes at a time: the lowest byte of `different` that is 0 is the first separator, and gets its high bit set.
+    constexpr Vel::U64 ones = 0x0101010101010101ul;
+    if constexpr (std::endian::native == std::endian::little)
+        for (; i + 8 <= path.size(); i += 8) {
+            Vel::U64 const different = (wordAt<Vel::U64>(path.data() + i) | ones) ^ (ones * '/');
+            if (Vel::U64 const found = (different - ones) & ~different & (ones * 0x80))
+                return i + static_cast<std::size_t>(std::countr_zero(found)) / 8;
+        }
+    for (; i < path.size(); ++i)
         if ((path[i] | 1) == '/') return i;
     return std::string_view::npos;
 }
@@ -28,7 +40,7 @@ struct PathStep {
         head = path.substr(0, separator);
         if (last) return;
         rest = path.substr(separator);
-        if (head.ends_with('*') && head.find('*') + 1 == head.size()) [[unlikely]] {
+        if (head.back() == '*' && head.find('*') + 1 == head.size()) [[unlikely]] {
             head.remove_suffix(1);
             starred = true;
         }
