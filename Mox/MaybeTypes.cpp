@@ -2,6 +2,7 @@
 
 #include "Vel/Exception.h"
 #include "Vel/Module.h"
+#include "Vel/Scan.h"
 
 #include <algorithm>
 #include <csignal>
@@ -16,6 +17,13 @@ MaybeU63::MaybeU63(std::optional<U64> const& number) : value_(number.value_or(nu
 }
 
 String MaybeU63::stringValue() const { return null() ? String("None") : Vel::unsignedToStrep(value_); }
+
+void MaybeU63::print(Vel::StrepOut& out, MaybeU63 const& value) {
+    if (value.null())
+        out << "None";
+    else
+        out.endIs(Vel::Scan::writeUnsigned(out.room(Vel::Scan::maxUnsigned), value.value_));
+}
 
 void MaybeU63::stringValueIs(String const& s) & {
     auto it = s.begin();

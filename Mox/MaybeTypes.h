@@ -54,6 +54,7 @@ private:
         return a.null() || b.null() ? MaybeU63(nullBit()) : MaybeU63(word & ~nullBit());
     }
     static MaybeU63 quotient(MaybeU63 a, MaybeU63 b);
+    static void print(Vel::StrepOut& out, MaybeU63 const& value);
     static MaybeU63 parse(StrepIterator& it, StrepIterator const& end, MaybeU63*);
     static constexpr MaybeU63 sum(MaybeU63 const& a, MaybeU63 const& b) { return a + b; }
     static constexpr MaybeU63 difference(MaybeU63 const& a, MaybeU63 const& b) { return a - b; }
@@ -69,7 +70,7 @@ constexpr auto MaybeU63::description() {
         Vel::derived<&MaybeU63::null, &MaybeU63::nullIs>("null"), Vel::constant<&MaybeU63::nullBit>("nullBit"),
         Vel::derived<&MaybeU63::stringValue, &MaybeU63::stringValueIs>("stringValue"),
         Vel::constant<&MaybeU63::defaultReprAttribute>("defaultReprAttribute"))
-        .with(Vel::textBy<&MaybeU63::stringValue, &MaybeU63::parse>, Vel::ordered,
+        .with(Vel::textBy<&MaybeU63::print, &MaybeU63::parse>, Vel::ordered,
             Vel::arithmetic<AttributeOp::sum, &MaybeU63::sum>,
             Vel::arithmetic<AttributeOp::difference, &MaybeU63::difference>,
             Vel::arithmetic<AttributeOp::product, &MaybeU63::product>,

@@ -62,7 +62,8 @@ template <auto F> inline constexpr Detail::FunctionOption<OptionId::hash, F> has
 template <class... A> inline constexpr Detail::ConstructorOption<A...> constructor{};
 // A value operation from sum to complement: T(T const&, T const&), the complement T(T const&).
 template <AttributeOp Op, auto F> inline constexpr Detail::ArithmeticOption<Op, F> arithmetic{};
-// A text form of its own: String(T const&) and T(String::IteratorConst&, String::IteratorConst const&, T*).
+// A text form of its own: a printer, String(T const&) or, without a String on the way, void(StrepOut&, T const&); and
+// a parser, T(String::IteratorConst&, String::IteratorConst const&, T*).
 template <auto Print, auto Parse> inline constexpr Detail::TextOption<Print, Parse> textBy{};
 // A stream form of its own: void(Out&, T const&), void(T&, In&), and its length in bytes, std::size_t(T const&).
 template <auto Write, auto Read, auto Size> inline constexpr Detail::StreamOption<Write, Read, Size> streamBy{};

@@ -10,9 +10,6 @@ namespace Vel {
 
 // --- types ---
 
-TypeRecord const& VelTypeBase::record() const { return at<TypeRecord>(*module_, module_->types)[index_]; }
-TypeGlue const& VelTypeBase::glue() const { return *at<TypeGlue const*>(*module_, module_->glue)[index_]; }
-
 namespace {
 
 char const* typeNameAt(ModuleHeader const& module, U32 offset) { return at<char>(module, module.typeNames + offset); }
@@ -23,7 +20,6 @@ char const* attributeNameAt(ModuleHeader const& module, U32 offset) {
 }  // namespace
 
 char const* VelTypeBase::name() const { return typeNameAt(*module_, record().name); }
-VelTypeBase VelTypeBase::base() const { return glue().base(); }
 bool VelTypeBase::isPolymorphic() const { return record().flags & TypeFlag::polymorphic; }
 bool VelTypeBase::isEntity() const { return record().flags & TypeFlag::entity; }
 
@@ -38,8 +34,6 @@ U64 VelType::moduleFingerprint() const { return module().fingerprint; }
 std::size_t VelType::encodedSize() const { return record().encodedSize; }
 bool VelType::hasFixedEncodedSize() const { return record().flags & TypeFlag::fixedSize; }
 bool VelType::isHashable() const { return record().flags & TypeFlag::hashable; }
-U32 VelType::attributeCount() const { return record().attributeCount; }
-VelAttr VelType::attribute(U32 index) const { return {*this, index}; }
 
 bool VelType::answers(AttributeOp op) const {
     auto const n = static_cast<U32>(op);
@@ -51,15 +45,6 @@ std::optional<VelAttr> VelType::attribute(std::string_view name) const {
     for (VelType type = *this; type; type = type.base())
         for (U32 i = 0; i < type.attributeCount(); ++i)
             if (name == type.attribute(i).name()) return type.attribute(i);
-    return std::nullopt;
-}
-
-std::optional<VelAttr> VelType::attributeOfId(AttributeId id) const {
-    for (VelType type = *this; type; type = type.base()) {
-        if (type.attributeCount() == 0) continue;
-        AttributeId const first = type.attribute(0u).attributeId();
-        if (id >= first && id - first < type.attributeCount()) return type.attribute(id - first);
-    }
     return std::nullopt;
 }
 
@@ -94,27 +79,20 @@ String VelType::strepTemplate() const {
 
 // --- attributes ---
 
-AttributeId VelAttr::attributeId() const { return index_ < type_.attributeCount() ? record().id : 0; }
-
-AttributeRecord const& VelAttr::record() const {
-    ModuleHeader const& module = type_.module();
-    return at<AttributeRecord>(module, module.attributes)[type_.record().firstAttribute + index_];
-}
-
-char const* VelAttr::name() const { return attributeNameAt(type_.module(), nameOffset(record())); }
+char const* VelAttr::name() const { return attributeNameAt(*module_, nameOffset(record())); }
 AttributeKind VelAttr::kind() const { return kindOf(record()); }
 bool VelAttr::answers(AttributeOp op) const { return static_cast<U32>(op) < 22 && (opsOf(record()) & opBit(op)); }
-VelType VelAttr::valueType() const { return type_.glue().attributes[index_].valueType(); }
-VelType VelAttr::keyType() const { return type_.glue().attributes[index_].keyType(); }
-VelType VelAttr::resultType() const { return type_.glue().attributes[index_].resultType(); }
+VelType VelAttr::valueType() const { return type().glue().attributes[index_].valueType(); }
+VelType VelAttr::keyType() const { return type().glue().attributes[index_].keyType(); }
+VelType VelAttr::resultType() const { return type().glue().attributes[index_].resultType(); }
 U32 VelAttr::parameterCount() const { return record().parameterCount; }
 
 char const* VelAttr::parameterName(U32 i) const {
-    ModuleHeader const& module = type_.module();
+    ModuleHeader const& module = *module_;
     return attributeNameAt(module, at<ParameterRecord>(module, module.parameters)[record().firstParameter + i].name);
 }
 
-VelType VelAttr::parameterType(U32 i) const { return type_.glue().attributes[index_].parameterTypes[i](); }
+VelType VelAttr::parameterType(U32 i) const { return type().glue().attributes[index_].parameterTypes[i](); }
 
 // --- the generic interface ---
 

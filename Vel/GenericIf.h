@@ -5,6 +5,7 @@
 #include "Vel/Ptr.h"
 #include "Vel/String.h"
 #include "Vel/Value.h"
+#include "Vel/internal/Records.h"
 
 #include <memory>
 #include <optional>
@@ -12,11 +13,6 @@
 // Reflection: every registered type reached through its record, without its header.
 namespace Vel {
 
-struct ModuleHeader;
-struct TypeRecord;
-struct AttributeRecord;
-struct ParameterRecord;
-struct TypeGlue;
 class VelAttr;
 
 // A type: a record in a module's table. Copies are cheap; valid while the module stays loaded. A default one is null.
@@ -40,6 +36,7 @@ public:
     bool isEntity() const;
 
 private:
+    friend class VelAttr;
     ModuleHeader const* module_ = nullptr;
     U32 index_ = 0;
 };
@@ -53,6 +50,10 @@ public:
     VelAttr attribute(U32 index) const;
     std::optional<VelAttr> attribute(std::string_view name) const;  // also a base's
     std::optional<VelAttr> attributeOfId(AttributeId id) const;     // also a base's
+    // An operation on the attribute of that number of an object of this type, as TypeGlue::genericIfAttributeOp; codes as
+    // AttributeResult.
+    int attributeOp(void* result, void* object, AttributeId id, AttributeOp op, void const* other = nullptr,
+        void const* arg = nullptr) const;
     std::string_view moduleName() const;
     U64 moduleFingerprint() const;
     std::size_t encodedSize() const;  // bytes in the attribute log; where a string is inside, without its characters
@@ -68,10 +69,10 @@ public:
 class VEL_API VelAttr {
 public:
     constexpr VelAttr() = default;
-    constexpr VelAttr(VelType type, U32 index) : type_(type), index_(index) {}
+    constexpr VelAttr(VelType type, U32 index) : module_(type.module_), typeIndex_(type.index_), index_(index) {}
 
-    explicit operator bool() const { return bool(type_); }
-    VelType type() const { return type_; }
+    explicit operator bool() const { return module_ != nullptr; }
+    VelType type() const { return {module_, typeIndex_}; }
     U32 index() const { return index_; }
     AttributeId attributeId() const;  // 0, which no type uses, when the type has no such index
 
@@ -88,7 +89,9 @@ public:
     VelType parameterType(U32 i) const;
 
 private:
-    VelType type_;
+    // Two words in all, so that an attribute is passed in registers; a VelType here would make it three.
+    ModuleHeader const* module_ = nullptr;
+    U32 typeIndex_ = 0;
     U32 index_ = 0;
 };
 
@@ -131,6 +134,41 @@ struct TypeGlue {
     Ptr<PtrInterface> (*newEntity)(String const& name, void const* const* arguments);
     AllocTrackTypeInfo* allocTrack;  // of an entity type; else null
 };
+
+// What reaches an attribute by its number is inline: that is the way of a program that does so all the time.
+
+inline TypeRecord const& VelTypeBase::record() const { return at<TypeRecord>(*module_, module_->types)[index_]; }
+inline TypeGlue const& VelTypeBase::glue() const { return *at<TypeGlue const*>(*module_, module_->glue)[index_]; }
+inline VelTypeBase VelTypeBase::base() const { return glue().base(); }
+
+inline U32 VelType::attributeCount() const { return record().attributeCount; }
+inline VelAttr VelType::attribute(U32 index) const { return {*this, index}; }
+
+inline AttributeRecord const& VelAttr::record() const {
+    return at<AttributeRecord>(*module_, module_->attributes)[type().record().firstAttribute + index_];
+}
+inline AttributeId VelAttr::attributeId() const { return index_ < type().attributeCount() ? record().id : 0; }
+
+inline std::optional<VelAttr> VelType::attributeOfId(AttributeId id) const {
+    // Attributes are numbered in order, an entity type's behind its base's.
+    for (VelType type = *this; type; type = type.base()) {
+        if (type.attributeCount() == 0) continue;
+        U32 const index = id - type.attribute(0u).record().id;
+        if (index < type.attributeCount()) return type.attribute(index);
+    }
+    return std::nullopt;
+}
+
+inline int VelType::attributeOp(
+    void* result, void* object, AttributeId id, AttributeOp op, void const* other, void const* arg) const {
+    for (VelType type = *this; type; type = type.base()) {
+        if (type.attributeCount() == 0) continue;
+        U32 const index = id - type.attribute(0u).record().id;
+        if (index < type.attributeCount())
+            return glue().genericIfAttributeOp(result, object, VelAttr(type, index), op, other, arg);
+    }
+    return static_cast<int>(AttributeResult::unknown);
+}
 
 class VEL_API GenericIfImpl {
 public:

@@ -134,6 +134,9 @@ public:
     EntityId peekEntityId();  // the id of the entity that comes next, which is not consumed
     Entity* nextEntity();     // null for the null entity; throws StreamException for an id that names none
 
+    // The next byte, which is not consumed; `left()` of them can be read.
+    U8 const* data() const { return at_; }
+    void dataIs(U8 const* at) { at_ = at; }  // goes there; REQUIRES: within the bytes
     // The next `size` bytes without a copy, or null, with nothing consumed, when fewer are left.
     U8 const* take(std::size_t size) {
         if (left() < size) [[unlikely]]

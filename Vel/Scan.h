@@ -80,17 +80,30 @@ constexpr U64 eightDigits(U64 digits) {
         ((digits & mask) * (100 + (U64(1000000) << 32)) + ((digits >> 16) & mask) * (1 + (U64(10000) << 32))) >> 32);
 }
 
-// Appends all digits that follow to `number`, modulo 2^64, and returns their end.
-inline char const* readDigits(char const* at, char const* end, U64& number) {
+// Appends all digits that follow at `at` to `number`, modulo 2^64, and returns their end. The text begins at `from` or
+// before. The number of digits is hard to foretell, so there is no branch on it below eight.
+inline char const* readDigits(char const* from, char const* at, char const* end, U64& number) {
     constexpr U64 zeros = 0x3030303030303030ul;
-    while (end - at >= 8) {
-        U64 const bytes = loadEight(at);
-        if (((bytes + 0x4646464646464646ul) | (bytes - zeros)) & 0x8080808080808080ul) break;
-        number = number * 100000000 + eightDigits(bytes - zeros);
+    static constexpr U32 powers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000};
+    if (end - from < 8) [[unlikely]] {
+        for (; at != end && isDigit(*at); ++at) number = number * 10 + static_cast<U64>(*at - '0');
+        return at;
+    }
+    for (;;) {
+        auto const left = end - at;
+        // Near the end of the text its last eight bytes, moved down; zero bytes follow, which are no digits.
+        U64 const bytes = left >= 8 ? loadEight(at) : loadEight(end - 8) >> (8 * (7 - left)) >> 8;
+        U64 const digits = bytes - zeros;
+        // The top bit of a byte; right up to the first that is no digit, whose carry spoils what follows.
+        U64 const others = ((bytes + 0x4646464646464646ul) | digits) & 0x8080808080808080ul;
+        if (others != 0) {
+            auto const count = static_cast<unsigned>(std::countr_zero(others)) / 8;
+            number = number * powers[count] + eightDigits(digits << (8 * (7 - count)) << 8);
+            return at + count;
+        }
+        number = number * 100000000 + eightDigits(digits);
         at += 8;
     }
-    for (; at != end && isDigit(*at); ++at) number = number * 10 + static_cast<U64>(*at - '0');
-    return at;
 }
 
 // Reads the digits of an unsigned number no larger than T's largest. "07" reads as 0 and leaves the 7.
@@ -101,7 +114,7 @@ template <class T> inline char const* readUnsigned(char const* from, char const*
         return from + 1;
     }
     U64 number = 0;
-    char const* const stop = readDigits(from, end, number);
+    char const* const stop = readDigits(from, from, end, number);
     if (stop - from > 19) {  // from 2^64 to 2*10^19 it wraps around to less than 10^19
         if (sizeof(T) < 8 || stop - from > 20) return nullptr;
         if (*from != '1' || number < 10000000000000000000ul) return nullptr;

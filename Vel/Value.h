@@ -33,14 +33,20 @@ template <class T> struct VEL_API Contract {
     static void print(StrepOut& out, T const& value);
     static void print(std::ostream& out, T const& value);
     static void parse(T& value, String::IteratorConst& it, String::IteratorConst const& end);
+    // The quick way of a parse: returns the end of the text form at `from`, or null, with `value` partly changed, when
+    // there is none, or no quick way for T.
+    static char const* read(T& value, char const* from, char const* end);
 };
 
 // --- text ---
 
 // Constructor's work: sets every field to its zero, then parses the text form at `it`, which moves behind it.
 // Throws ParseException.
-template <class T> void parse(T& value, String::IteratorConst& it, String::IteratorConst const& end) {
-    Contract<T>::parse(value, it, end);
+template <class T> inline void parse(T& value, String::IteratorConst& it, String::IteratorConst const& end) {
+    if (char const* const stop = Contract<T>::read(value, it.charPtr(), end.charPtr())) [[likely]]
+        it.charPtrIs(stop);
+    else
+        Contract<T>::parse(value, it, end);  // finds out what is wrong
 }
 
 template <DescribedValue T> T sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, T* type) {
@@ -70,7 +76,8 @@ template <DescribedValue T> std::ostream& operator<<(std::ostream& out, T const&
 template <class T> T strepToValue(String const& s, T* type = nullptr) {
     auto it = s.begin();
     T value = sequenceToValue(it, s.end(), type);
-    strepToValueEnd(s, it);
+    if (it != s.end()) [[unlikely]]
+        strepToValueEnd(s, it);
     return value;
 }
 
@@ -94,15 +101,14 @@ template <class T> inline void read(T& value, NboAttrLog::In& in) {
     if constexpr (hasOption<T, OptionId::stream>) {
         OptionOf<T, OptionId::stream>::read(value, in);
     } else if constexpr (width != 0) {
-        NboAttrLog::In const before = in;
-        bool good = true;
-        U8 const* const bytes = in.take(width);
-        if (bytes) [[likely]]
+        U8 const* const bytes = in.data();
+        bool good = in.left() >= width;
+        if (good) [[likely]]
             Detail::loadFixed(bytes, value, good);
-        if (!bytes || !good) [[unlikely]] {
-            in = before;
+        if (good) [[likely]]
+            in.dataIs(bytes + width);
+        else
             Detail::readByItemsCold(value, in);
-        }
     } else {
         Detail::readByItems(value, in);
     }

@@ -185,4 +185,11 @@ template <class T> void Contract<T>::parse(T& value, String::IteratorConst& it, 
         Detail::parseValue(value, it, end);
 }
 
+template <class T> char const* Contract<T>::read(T& value, char const* from, char const* end) {
+    if constexpr (!DescribedValue<T>)
+        return nullptr;
+    else
+        return Detail::readText(value, from, end);
+}
+
 }  // namespace Vel

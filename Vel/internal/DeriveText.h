@@ -106,7 +106,11 @@ template <class T> void printValue(StrepOut& out, T const& value) {
     } else if constexpr (std::is_same_v<T, String>) {
         out.endIs(Scan::writeString(out.room(2 + 4 * value.length()), value));
     } else if constexpr (hasOption<T, OptionId::text>) {
-        out << std::invoke(OptionOf<T, OptionId::text>::print, value).view();
+        constexpr auto print = OptionOf<T, OptionId::text>::print;
+        if constexpr (std::is_invocable_v<decltype(print), StrepOut&, T const&>)
+            print(out, value);
+        else
+            out << std::invoke(print, value).view();
     } else {
         eachFieldValue(value, [&](auto const& field, auto index) {
             static constexpr auto before = textBefore<T, decltype(index)::value>();
@@ -189,6 +193,18 @@ template <class T> char const* readRecord(char const* from, char const* end, T& 
     return good ? readLiteral(from, end, concatenated<textAfterFields.size()>(textAfterFields)) : nullptr;
 }
 
+// Of a value of form number or record; null also for a type with a text form of its own.
+template <class T> char const* readText(T& value, char const* from, char const* end) {
+    if constexpr (hasOption<T, OptionId::text> || !hasQuickFields<T>()) {
+        return nullptr;
+    } else if constexpr (DescriptionOf<T>::form == Form::number) {
+        eachFieldValue(value, [&](auto& field, auto) { from = readScalar(from, end, field); });
+        return from;
+    } else {
+        return readRecord(from, end, value);
+    }
+}
+
 // Piece by piece of the same template as the printer's; throws at the first piece that does not match.
 template <class T> VEL_COLD void parseRecord(T& value, String::IteratorConst& it, String::IteratorConst const& end) {
     using namespace std::string_view_literals;
@@ -217,13 +233,6 @@ template <class T> void parseValue(T& value, String::IteratorConst& it, String::
             field = deserializeAttr<std::remove_cvref_t<decltype(field)>>(it, end, name.data);
         });
     } else {
-        if constexpr (hasQuickFields<T>()) {
-            if (char const* const stop = readRecord(it.charPtr(), end.charPtr(), value)) [[likely]] {
-                it.charPtrIs(stop);
-                return;
-            }
-            eachFieldValue(value, [](auto& field, auto) { field = std::remove_cvref_t<decltype(field)>(); });
-        }
         parseRecord(value, it, end);
     }
 }

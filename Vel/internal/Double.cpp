@@ -236,15 +236,18 @@ char const* readDouble(char const* from, char const* end, double& value) {
     if (negative) ++at;
     char const* const whole = at;
     Decimal decimal{0, 0};
-    at = readDigits(at, end, decimal.digits);
+    at = readDigits(from, at, end, decimal.digits);
     std::ptrdiff_t const wholeDigits = at - whole;
     if (wholeDigits == 0 || wholeDigits > 16 || (*whole == '0' && wholeDigits > 1) || at == end || *at != '.')
         return readDoubleSlow(from, end, value);
     U64 const wholeNumber = decimal.digits;
     char const* const fraction = ++at;
-    at = readDigits(at, end, decimal.digits);
+    at = readDigits(from, at, end, decimal.digits);
     std::ptrdiff_t const places = at - fraction;
-    if (places == 0 || wholeDigits + places > 19) return readDoubleSlow(from, end, value);  // 19 digits fit the number
+    std::ptrdiff_t digits = wholeDigits + places;  // 19 fit the number; zeros in front do not count
+    if (wholeNumber == 0)
+        for (char const* zero = fraction; zero != at && *zero == '0'; ++zero) --digits;
+    if (places == 0 || digits > 19 || places > mostExactPower) return readDoubleSlow(from, end, value);
     decimal.exponent = static_cast<int>(-places);
     if (at[-1] == '0') {
         bool const isWhole = places == 1 && wholeNumber <= 2 * hiddenBit && (at == end || *at != 'e');
