@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -13,7 +14,8 @@
 // What every benchmark program shares. One program is one source file, so this header may define functions.
 //
 // A benchmark's name is "group/contestant". The repetitions of all contestants are interleaved, and after the run a
-// table shows the median of each and its ratio to the first contestant of its group: ratios come from one run.
+// table shows the least time of each, how far above it the median lies, and its ratio to the first contestant of its
+// group. The least, since whatever else the machine does only adds to a time; ratios come from one run.
 
 // --- allocations ---
 
@@ -24,9 +26,11 @@ inline std::size_t allocationCount = 0;
 }
 
 extern "C" void* __libc_malloc(std::size_t size);
+extern "C" void* __libc_calloc(std::size_t count, std::size_t size);
 extern "C" void* __libc_realloc(void* memory, std::size_t size);
+extern "C" void* __libc_memalign(std::size_t alignment, std::size_t size);
 
-// The framework allocates by malloc and by operator new, which calls it: this counts both.
+// What allocates in the C library. Operator new calls malloc, and for more than ordinary alignment aligned_alloc.
 extern "C" __attribute__((visibility("default"))) void* malloc(std::size_t size) noexcept {
     ++Bench::allocationCount;
     return __libc_malloc(size);
@@ -34,6 +38,22 @@ extern "C" __attribute__((visibility("default"))) void* malloc(std::size_t size)
 extern "C" __attribute__((visibility("default"))) void* realloc(void* memory, std::size_t size) noexcept {
     ++Bench::allocationCount;
     return __libc_realloc(memory, size);
+}
+extern "C" __attribute__((visibility("default"))) void* calloc(std::size_t count, std::size_t size) noexcept {
+    ++Bench::allocationCount;
+    return __libc_calloc(count, size);
+}
+extern "C" __attribute__((visibility("default"))) void* aligned_alloc(
+    std::size_t alignment, std::size_t size) noexcept {
+    ++Bench::allocationCount;
+    return __libc_memalign(alignment, size);
+}
+extern "C" __attribute__((visibility("default"))) int posix_memalign(
+    void** to, std::size_t alignment, std::size_t size) noexcept {
+    ++Bench::allocationCount;
+    void* const memory = __libc_memalign(alignment, size);
+    if (memory) *to = memory;
+    return memory ? 0 : ENOMEM;
 }
 
 namespace Bench {
@@ -53,6 +73,10 @@ private:
     benchmark::State& state_;
     std::size_t before_;
 };
+
+// The value has to be in memory now. (benchmark::DoNotOptimize may load a small one into a register at once, which
+// waits for its parts to be stored.)
+template <class T> void keep(T const& value) { asm volatile("" : : "r"(&value) : "memory"); }
 
 // --- contestants must agree ---
 
@@ -93,11 +117,12 @@ public:
             std::erase_if(group.contestants, [](Contestant const& contestant) { return contestant.times.empty(); });
             if (group.contestants.empty()) continue;  // left out by --benchmark_filter
             std::printf("\n%s\n", group.name.c_str());
-            double const base = group.contestants.front().median();
-            for (Contestant& contestant : group.contestants) {
-                double const median = contestant.median();
-                std::printf("    %-36s %9.2f ns  +-%4.1f%%  x %6.2f", contestant.name.c_str(), median,
-                    100 * contestant.spread(), median / base);
+            for (Contestant& contestant : group.contestants)
+                std::sort(contestant.times.begin(), contestant.times.end());
+            double const base = group.contestants.front().least();
+            for (Contestant const& contestant : group.contestants) {
+                std::printf("    %-36s %9.2f ns  +%4.1f%%  x %6.2f", contestant.name.c_str(), contestant.least(),
+                    100 * (contestant.median() / contestant.least() - 1), contestant.least() / base);
                 if (contestant.allocations >= 0) std::printf("  %.2f allocations", contestant.allocations);
                 std::printf("\n");
             }
@@ -111,13 +136,8 @@ private:
         std::vector<double> times;  // ns for one iteration, one a repetition
         double allocations = -1;    // for one iteration; below 0: not counted
 
-        double median() {
-            std::sort(times.begin(), times.end());
-            return times[times.size() / 2];
-        }
-        double spread() {  // half the distance between the quartiles, as a part of the median
-            return (times[times.size() * 3 / 4] - times[times.size() / 4]) / 2 / median();
-        }
+        double least() const { return times.front(); }  // these two REQUIRE sorted times
+        double median() const { return times[times.size() / 2]; }
     };
     struct Group {
         explicit Group(std::string given) : name(std::move(given)) {}

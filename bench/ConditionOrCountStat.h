@@ -1,7 +1,6 @@
 #pragma once
 
-#include "Vel/Module.h"
-#include "Vel/Value.h"
+#include "Mox/Events.h"
 
 #include <cmath>
 #include <cstdio>
@@ -9,41 +8,13 @@
 #include <string>
 #include <vector>
 
-// The record of most benchmarks, and sets of values of it. One program is one source file: the source that includes
-// this is the home of the module.
+// The record of most benchmarks, and sets of values of it.
 namespace Bench {
 
-// Whether something holds, how often that changed, and when last.
-class ConditionOrCountStat {
-public:
-    constexpr ConditionOrCountStat() = default;
-    constexpr ConditionOrCountStat(bool current, Vel::U32 changes, Vel::Seconds lastChange)
-        : current_(current), changes_(changes), lastChange_(lastChange) {}
-    ConditionOrCountStat(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) {
-        Vel::parse(*this, it, end);
-    }
-    ConditionOrCountStat(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
-
-    constexpr bool current() const { return current_; }
-    constexpr Vel::U32 changes() const { return changes_; }
-    constexpr Vel::Seconds lastChange() const { return lastChange_; }
-
-    friend bool operator==(ConditionOrCountStat const&, ConditionOrCountStat const&) = default;
-
-    static constexpr auto description() {
-        return Vel::record("Bench::ConditionOrCountStat", Vel::field<&ConditionOrCountStat::current_>("current"),
-            Vel::field<&ConditionOrCountStat::changes_>("changes"),
-            Vel::field<&ConditionOrCountStat::lastChange_>("lastChange"));
-    }
-
-private:
-    bool current_ = false;
-    Vel::U32 changes_ = 0;
-    Vel::Seconds lastChange_;
-};
+using Mox::ConditionOrCountStat;
 
 inline constexpr char format[] =
-    "Value('Bench::ConditionOrCountStat', ** {'current': %s, 'changes': %u, 'lastChange': %.17g})";
+    "Value('Mox::ConditionOrCountStat', ** {'current': %s, 'changes': %u, 'lastChange': %.17g})";
 
 // How printf writes the value, into at least 256 bytes; returns the length.
 inline int printed(char* to, ConditionOrCountStat const& v) {
@@ -60,8 +31,8 @@ inline bool printfAgrees(ConditionOrCountStat const& v) {
 
 struct ValueSet {
     std::string name;
-    std::vector<ConditionOrCountStat> values;  // `count` of them
-    static constexpr std::size_t count = 256;  // a power of two; more than the branch predictor learns by heart
+    std::vector<ConditionOrCountStat> values;   // `count` of them
+    static constexpr std::size_t count = 1024;  // a power of two; more than the branch predictor learns by heart
 };
 
 template <class Make> ValueSet valueSet(char const* name, Make make) {
@@ -79,22 +50,21 @@ inline std::vector<ValueSet> valueSets() {
     return {
         valueSet("small numbers",  // 7, 12.125
             [](Random& r) {
-                return ConditionOrCountStat(r() % 2, Vel::U32(r() % 100), double(r() % 100) + double(r() % 7 + 1) / 8);
+                return ConditionOrCountStat(
+                    r() % 2 != 0, Vel::U32(r() % 100), double(r() % 100) + double(r() % 7 + 1) / 8);
             }),
         valueSet("microsecond time stamps",  // 1834203, 1700000000.123457
             [](Random& r) {
                 return ConditionOrCountStat(
-                    r() % 2, Vel::U32(r() >> (32 + r() % 32)), (1.7e15 + double(r() % 100000000000000)) / 1e6);
+                    r() % 2 != 0, Vel::U32(r() >> (32 + r() % 32)), (1.7e15 + double(r() % 100000000000000)) / 1e6);
             }),
         valueSet("random doubles",  // 1834203, 6832.8457310295671; 17 digits, no exponent
             [](Random& r) {
                 double const unit = double(r() >> 11) / double(1ul << 53);
-                return ConditionOrCountStat(
-                    r() % 2, Vel::U32(r() >> (32 + r() % 32)), std::pow(10.0, double(r() % 18) - 3) * (1 + 8 * unit));
+                return ConditionOrCountStat(r() % 2 != 0, Vel::U32(r() >> (32 + r() % 32)),
+                    std::pow(10.0, double(r() % 18) - 3) * (1 + 8 * unit));
             }),
     };
 }
 
 }  // namespace Bench
-
-VEL_MODULE(Bench, 398e6b30a58e8883, Bench::ConditionOrCountStat);

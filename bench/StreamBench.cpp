@@ -1,0 +1,269 @@
+// The attribute log's form of a record of 13 bytes: writing it and reading it back.
+
+#include "Bench.h"
+#include "ConditionOrCountStat.h"
+#include "ConditionOrCountStat.pb.h"
+
+#include <array>
+#include <bit>
+#include <cstring>
+#include <tuple>
+
+namespace {
+
+using Bench::ConditionOrCountStat;
+using Vel::U32;
+using Vel::U64;
+using Vel::U8;
+using Bytes = std::array<U8, 13>;
+
+// --- a serializer as one writes it with templates for structs of numbers: network byte order, bounds checked ---
+
+struct Plain {
+    bool current;
+    U32 changes;
+    double lastChange;
+    auto members() { return std::tie(current, changes, lastChange); }
+};
+
+template <class Byte> class Archive {  // Byte: U8 to write, U8 const to read
+public:
+    explicit Archive(std::span<Byte> bytes) : bytes_(bytes) {}
+
+    template <class T> bool write(T& value) {
+        return std::apply([this](auto&... member) { return (writeOne(member) && ...); }, value.members());
+    }
+    template <class T> bool read(T& value) {
+        return std::apply([this](auto&... member) { return (readOne(member) && ...); }, value.members());
+    }
+
+private:
+    template <std::size_t Size> using Bits = std::conditional_t<Size == 1, U8, std::conditional_t<Size == 4, U32, U64>>;
+    template <class B> static B swapped(B bits) {
+        if constexpr (sizeof bits == 8) return __builtin_bswap64(bits);
+        if constexpr (sizeof bits == 4) return __builtin_bswap32(bits);
+        return bits;
+    }
+    template <class T> bool writeOne(T const& value) {
+        if (bytes_.size() - at_ < sizeof value) return false;
+        auto const bits = swapped(std::bit_cast<Bits<sizeof value>>(value));
+        std::memcpy(bytes_.data() + at_, &bits, sizeof bits);
+        at_ += sizeof bits;
+        return true;
+    }
+    template <class T> bool readOne(T& value) {
+        if (bytes_.size() - at_ < sizeof value) return false;
+        Bits<sizeof value> bits;
+        std::memcpy(&bits, bytes_.data() + at_, sizeof bits);
+        at_ += sizeof bits;
+        if constexpr (std::is_same_v<T, bool>)
+            value = bits != 0;
+        else
+            value = std::bit_cast<T>(swapped(bits));
+        return true;
+    }
+
+    std::span<Byte> bytes_;
+    std::size_t at_ = 0;
+};
+
+bench_proto::ConditionOrCountStat message(ConditionOrCountStat const& v) {
+    bench_proto::ConditionOrCountStat result;
+    result.set_current(v.current());
+    result.set_changes(v.changes());
+    result.set_last_change(v.lastChange().value());
+    return result;
+}
+
+struct Sets {
+    std::vector<ConditionOrCountStat> values;
+    std::vector<Plain> plain;
+    std::vector<Bytes> bytes;
+    std::vector<bench_proto::ConditionOrCountStat> messages;
+    std::vector<std::string> encodedMessages;
+};
+
+constexpr std::size_t count = Bench::ValueSet::count;
+constexpr std::size_t mask = count - 1;
+
+// --- the least that can be done: three stores and loads with their bytes swapped, nothing checked ---
+
+void storeSwapped(U8* to, Plain const& v) {
+    to[0] = v.current;
+    U32 const changes = __builtin_bswap32(v.changes);
+    U64 const lastChange = __builtin_bswap64(std::bit_cast<U64>(v.lastChange));
+    std::memcpy(to + 1, &changes, 4);
+    std::memcpy(to + 5, &lastChange, 8);
+}
+
+Plain loadSwapped(U8 const* from) {
+    U32 changes;
+    U64 lastChange;
+    std::memcpy(&changes, from + 1, 4);
+    std::memcpy(&lastChange, from + 5, 8);
+    return {from[0] != 0, __builtin_bswap32(changes), std::bit_cast<double>(__builtin_bswap64(lastChange))};
+}
+
+Sets sets() {
+    Sets result;
+    result.values = Bench::valueSets()[1].values;
+    for (auto const& v : result.values) {
+        result.plain.push_back({v.current(), v.changes(), v.lastChange().value()});
+        Vel::NboAttrLog::Out out;
+        out << v;
+        Bench::require(out.size() == 13 && Vel::attrLogSize(&v) == 13, "13 bytes");
+        std::memcpy(result.bytes.emplace_back().data(), out.data(), 13);
+        result.messages.push_back(message(v));
+        result.encodedMessages.push_back(result.messages.back().SerializeAsString());
+    }
+    return result;
+}
+
+void checkAgreement(Sets& s) {
+    for (std::size_t i = 0; i < count; ++i) {
+        Vel::NboAttrLog::Out items;
+        items << s.values[i].current() << s.values[i].changes() << s.values[i].lastChange();
+        Bench::require(std::memcmp(items.data(), s.bytes[i].data(), 13) == 0, "Out, item by item");
+        Bytes swapped;
+        storeSwapped(swapped.data(), s.plain[i]);
+        Plain const loaded = loadSwapped(swapped.data());
+        Bench::require(swapped == s.bytes[i] && loaded.current == s.plain[i].current &&
+                           loaded.changes == s.plain[i].changes && loaded.lastChange == s.plain[i].lastChange,
+            "swapped by hand");
+        Bytes archived;
+        Bench::require(Archive<U8>(archived).write(s.plain[i]) && archived == s.bytes[i], "the template serializer");
+        Plain plain{};
+        Bench::require(Archive<U8 const>(s.bytes[i]).read(plain), "the template serializer reads");
+        Bench::require(
+            ConditionOrCountStat(plain.current, plain.changes, plain.lastChange) == s.values[i], "its value");
+        Vel::NboAttrLog::In in(s.bytes[i]);
+        Bench::require(ConditionOrCountStat(&in, {}) == s.values[i] && in.left() == 0, "In");
+        bench_proto::ConditionOrCountStat parsed;
+        Bench::require(parsed.ParseFromString(s.encodedMessages[i]) && parsed.last_change() == plain.lastChange &&
+                           parsed.changes() == plain.changes && parsed.current() == plain.current,
+            "protobuf");
+    }
+}
+
+void addWriting(Sets const& s) {
+    Bench::add("write", "3 swapped stores, unchecked", [&s](benchmark::State& state) {
+        U8 to[64];
+        std::size_t i = 0;
+        for (auto _ : state) {
+            storeSwapped(to, s.plain[i++ & mask]);
+            Bench::keep(to);
+        }
+    });
+    Bench::add("write", "memcpy of 13 bytes", [&s](benchmark::State& state) {
+        U8 to[64];
+        std::size_t i = 0;
+        for (auto _ : state) {
+            std::memcpy(to, s.bytes[i++ & mask].data(), 13);
+            Bench::keep(to);
+        }
+    });
+    Bench::add("write", "Vel::NboAttrLog::Out, reused", [&s](benchmark::State& state) {
+        Vel::NboAttrLog::Out out;
+        std::size_t i = 0;
+        for (auto _ : state) {
+            out.clear();
+            out << s.values[i++ & mask];
+            benchmark::DoNotOptimize(out.data());
+            benchmark::ClobberMemory();
+        }
+    });
+    Bench::add("write", "the same, item by item", [&s](benchmark::State& state) {
+        Vel::NboAttrLog::Out out;
+        std::size_t i = 0;
+        for (auto _ : state) {
+            out.clear();
+            auto const& v = s.values[i++ & mask];
+            out << v.current() << v.changes() << v.lastChange();
+            benchmark::DoNotOptimize(out.data());
+            benchmark::ClobberMemory();
+        }
+    });
+    Bench::add("write", "template serializer", [&s](benchmark::State& state) {
+        U8 to[64];
+        std::size_t i = 0;
+        for (auto _ : state) {
+            Plain plain = s.plain[i++ & mask];
+            benchmark::DoNotOptimize(Archive<U8>(to).write(plain));
+            Bench::keep(to);
+        }
+    });
+    Bench::add("write", "protobuf SerializeToArray", [&s](benchmark::State& state) {
+        U8 to[64];
+        std::size_t i = 0;
+        for (auto _ : state) {
+            benchmark::DoNotOptimize(s.messages[i++ & mask].SerializeToArray(to, sizeof to));
+            benchmark::ClobberMemory();
+        }
+    });
+}
+
+void addReading(Sets const& s) {
+    Bench::add("read", "3 swapped loads, unchecked", [&s](benchmark::State& state) {
+        std::size_t i = 0;
+        for (auto _ : state) {
+            Plain value = loadSwapped(s.bytes[i++ & mask].data());
+            Bench::keep(value);
+        }
+    });
+    Bench::add("read", "memcpy of 13 bytes", [&s](benchmark::State& state) {
+        std::size_t i = 0;
+        for (auto _ : state) {
+            U8 to[16];
+            std::memcpy(to, s.bytes[i++ & mask].data(), 13);
+            Bench::keep(to);
+        }
+    });
+    Bench::add("read", "Vel::NboAttrLog::In", [&s](benchmark::State& state) {
+        std::size_t i = 0;
+        for (auto _ : state) {
+            Vel::NboAttrLog::In in(s.bytes[i++ & mask]);
+            ConditionOrCountStat value(&in, {});
+            Bench::keep(value);
+        }
+    });
+    Bench::add("read", "the same, item by item", [&s](benchmark::State& state) {
+        std::size_t i = 0;
+        for (auto _ : state) {
+            Vel::NboAttrLog::In in(s.bytes[i++ & mask]);
+            bool const current = in.nextbool();
+            U32 const changes = in.nextU32();
+            ConditionOrCountStat value(current, changes, in.nextSeconds());
+            Bench::keep(value);
+        }
+    });
+    Bench::add("read", "template serializer", [&s](benchmark::State& state) {
+        std::size_t i = 0;
+        for (auto _ : state) {
+            Plain plain;
+            benchmark::DoNotOptimize(Archive<U8 const>(s.bytes[i++ & mask]).read(plain));
+            Bench::keep(plain);
+        }
+    });
+    Bench::add("read", "protobuf ParseFromArray", [&s](benchmark::State& state) {
+        bench_proto::ConditionOrCountStat to;
+        std::size_t i = 0;
+        for (auto _ : state) {
+            std::string const& from = s.encodedMessages[i++ & mask];
+            benchmark::DoNotOptimize(to.ParseFromArray(from.data(), static_cast<int>(from.size())));
+            benchmark::ClobberMemory();
+        }
+    });
+}
+
+}  // namespace
+
+// For the disassembler: what the compiler makes of one write.
+void writeRecord(Vel::NboAttrLog::Out& out, ConditionOrCountStat const& value) { out << value; }
+
+int main(int argc, char** argv) {
+    Sets s = sets();
+    checkAgreement(s);
+    addWriting(s);
+    addReading(s);
+    return Bench::run(argc, argv);
+}
