@@ -93,6 +93,7 @@ Ptr<PrefixTrieState> PrefixTrie::newStateIs() {
 }
 
 Ptr<PrefixTrie> PrefixTrie::newChildIs(String const& key) {
+    if (PrefixTrie* const known = members_.findInBoth(key)) return known;
     Ptr<PrefixTrie> c = prefixChildIs(key);
     childIs(c);
     return c;

@@ -176,6 +176,7 @@ public:
 protected:
     // For newChildIs of a derived trie: finds the child, or makes a T, in both collections.
     template <class T> Vel::Ptr<PrefixTrie> newChildOf(String const& key) {
+        if (PrefixTrie* const known = members_.findInBoth(key)) return known;
         Vel::Ptr<PrefixTrie> c = prefixChild(key);
         if (!c) velPrefixChildIs(c = T::newEntity(key));
         childIs(c);

@@ -49,6 +49,12 @@ public:
         U64 const* const slot = findSlot(key, hashOf(key), bit(which));
         return slot ? nodeOf(*slot) : nullptr;
     }
+    // The node with that key when both collections have the same one, else null.
+    Node* findInBoth(std::string_view key) const {
+        if (!word_) return nullptr;
+        U64 const* const slot = findSlot(key, hashOf(key), memberBits);
+        return slot && (*slot & memberBits) == memberBits ? nodeOf(*slot) : nullptr;
+    }
     bool holds(Node const& node, Collection which) const { return find(node.velKey(), which) == &node; }
 
     U32 size(Collection which) const noexcept {
