@@ -1,10 +1,9 @@
 #pragma once
 
-#include "Mox/Types.h"
+#include "Mox/Id.h"
 #include "Mox/internal/WordMap.h"
 
 #include "Vel/Checked.h"
-#include "Vel/Ptr.h"
 
 #include <compare>
 #include <initializer_list>
@@ -12,58 +11,8 @@
 #include <ranges>
 #include <string_view>
 
-// Identifiers and sets of them.
+// Sets of identifiers.
 namespace Mox {
-
-// An identifier; 65535 is no identifier.
-class VEL_API Id {
-public:
-    constexpr Id() : value_(null()) {}
-    constexpr Id(U16 value) : value_(value) {}
-    Id(StrepIterator& it, StrepIterator const& end) { Vel::parse(*this, it, end); }
-    Id(LogIn* in, StreamBogon) { Vel::read(*this, *in); }
-
-    static constexpr U16 null() { return 65535; }
-    constexpr U16 value() const { return value_; }
-    constexpr void valueIs(U16 v) & { value_ = v; }
-    constexpr U32 hash(unsigned seed) const { return Vel::hashSingleAttr(seed, value_); }
-
-    friend constexpr bool operator==(Id, Id) = default;
-    friend constexpr auto operator<=>(Id, Id) = default;
-
-    static constexpr auto description() {
-        return Vel::number("Mox::Id", Vel::field<&Id::value_>("value"), Vel::constant<&Id::null>("null"))
-            .with(Vel::truth<&Id::isId>, Vel::hashBy<&Id::hash>);
-    }
-
-private:
-    constexpr bool isId() const { return value_ < null(); }
-
-    U16 value_;
-};
-
-// Index of a bucket of 64 ids: an id's value divided by 64, modulo 256.
-class VEL_API BucketId {
-public:
-    constexpr BucketId() = default;
-    constexpr BucketId(U8 value) : value_(value) {}
-    BucketId(StrepIterator& it, StrepIterator const& end) { Vel::parse(*this, it, end); }
-    BucketId(LogIn* in, StreamBogon) { Vel::read(*this, *in); }
-
-    constexpr U8 value() const { return value_; }
-    constexpr void valueIs(U8 v) & { value_ = v; }
-    constexpr U32 hash(unsigned seed) const { return Vel::hashSingleAttr(seed, value_); }
-
-    friend constexpr bool operator==(BucketId, BucketId) = default;
-    friend constexpr auto operator<=>(BucketId, BucketId) = default;
-
-    static constexpr auto description() {
-        return Vel::number("Mox::BucketId", Vel::field<&BucketId::value_>("value")).with(Vel::hashBy<&BucketId::hash>);
-    }
-
-private:
-    U8 value_ = 0;
-};
 
 // A set of ids below a fixed size, kept as 64-bit words in buckets: id i is bit i % 64 of bucket i / 64. Words without
 // members are normally not kept.
@@ -217,123 +166,6 @@ private:
     U16 size_ = 0;
 };
 
-// Walks the members; it does not own the set, which may change meanwhile: next() looks from where it stands.
-template <class Set> class IdSet::IdIteratorOf {
-public:
-    explicit IdIteratorOf(Set& set) : set_(&set), curId_(set.firstId()) {}
-    IdIteratorOf(Set& set, Id start) : set_(&set), curId_(start) {
-        if (start != Id() && !set.id(start)) next();
-    }
-
-    explicit operator bool() const { return curId_ != Id(); }
-    Id key() const {  // REQUIRES: true
-        check(true);
-        return curId_;
-    }
-    Id next() {  // REQUIRES: true
-        check(false);
-        return curId_ = set_->nextId(curId_);
-    }
-
-private:
-    void check(bool inKey) const {
-        if (curId_ == Id()) [[unlikely]]
-            failIterator(std::is_const_v<Set>, inKey);
-    }
-
-    Set* set_;
-    Id curId_;
-};
-
-// A bucket as a collection hands it out: what it was when the iterator came to it, whatever becomes of the set.
-class VEL_API IdSet::VelBucket : public Vel::PtrInterface {
-public:
-    VelBucket(BucketId key, U64 word) : key_(key), word_(word) {}
-    ~VelBucket() override;
-    Vel::VelType fwkType() const override;
-
-    BucketId key() const { return key_; }
-    U64 word() const { return word_; }
-
-private:
-    BucketId key_;
-    U64 word_;
-};
-
-// Walks the stored buckets in ascending order. The set may change meanwhile: ++ goes to the next bucket stored then.
-class VEL_API IdSet::BucketIterator {
-public:
-    explicit BucketIterator(IdSet const& set) : set_(&set) { goTo(0); }
-
-    explicit operator bool() const { return bool(element_); }
-    BucketId key() const { return element_->key(); }                   // REQUIRES: true
-    U64 word() const { return element_->word(); }                      // REQUIRES: true
-    Vel::Ptr<VelBucket> const& operator*() const { return element_; }  // null at the end
-    BucketIterator& operator++() {                                     // REQUIRES: true
-        goTo(key().value() + 1u);
-        return *this;
-    }
-
-private:
-    void goTo(unsigned from);
-
-    IdSet const* set_;
-    Vel::Ptr<VelBucket> element_;
-};
-
-// Walks the members below the size as they are: a bitmap's word at a time.
-class IdSet::Iterator {
-public:
-    using iterator_concept = std::forward_iterator_tag;
-    using iterator_category = std::input_iterator_tag;
-    using value_type = Id;
-    using difference_type = std::ptrdiff_t;
-
-    Iterator() = default;
-    explicit Iterator(IdSet const& set) : set_(&set), cursor_(set.words_) { goToNextWord(); }
-
-    Id operator*() const { return Id(static_cast<U16>(bucket_ * 64 + static_cast<unsigned>(std::countr_zero(rest_)))); }
-    Iterator& operator++() {
-        rest_ &= rest_ - 1;
-        if (rest_ == 0) goToNextWord();
-        return *this;
-    }
-    Iterator operator++(int) {
-        Iterator const before = *this;
-        ++*this;
-        return before;
-    }
-    friend bool operator==(Iterator const& a, Iterator const& b) {
-        return a.bucket_ == b.bucket_ && a.rest_ == b.rest_;
-    }
-    friend bool operator==(Iterator const& i, std::default_sentinel_t) { return i.rest_ == 0; }
-
-private:
-    void goToNextWord() {
-        do
-            if (!cursor_.next(bucket_, rest_)) {
-                bucket_ = Detail::WordMap::buckets;
-                rest_ = 0;
-                return;
-            }
-        while (rest_ == 0);
-        rest_ = set_->belowSize(bucket_, rest_);
-        if (rest_ == 0) [[unlikely]]
-            end();
-    }
-    void end() {
-        bucket_ = Detail::WordMap::buckets;
-        cursor_ = Detail::WordMap::Cursor();
-    }
-
-    IdSet const* set_ = nullptr;
-    Detail::WordMap::Cursor cursor_;
-    U64 rest_ = 0;  // of the bucket's word; 0 at the end
-    unsigned bucket_ = Detail::WordMap::buckets;
-};
-
-inline IdSet::Iterator IdSet::begin() const { return Iterator(*this); }
-
 template <class F> void IdSet::forEachId(F f) const {
     words_.forEach([&](unsigned bucket, U64 word) {
         for (word = belowSize(bucket, word); word; word &= word - 1)
@@ -372,3 +204,5 @@ VEL_API IdSet sequenceToValue(StrepIterator& p, StrepIterator const& end, IdSet 
 
 // As a range, a set has as many elements as members, which its size() does not tell.
 template <> inline constexpr bool std::ranges::disable_sized_range<Mox::IdSet> = true;
+
+#include "Mox/IdSetIter.h"

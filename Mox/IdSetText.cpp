@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-// The range list and the stream form of an id set.
+// The range list of an id set.
 namespace Mox {
 
 namespace {
@@ -349,83 +349,6 @@ template <class Members> Vel::Checked<IdSet> checkedList(U16 size, std::string_v
 Vel::Checked<IdSet> IdSet::checked(U16 size, std::string_view rangeList) {
     auto const read = Builder::isFor(IdSet(size)) ? checkedList<Builder> : checkedList<Adder>;
     return read(size, rangeList);
-}
-
-// --- stream ---
-
-namespace {
-
-constexpr U8 endOfBuckets = 255;
-constexpr std::size_t bucketBytes = 9;
-
-void writeBucket(U8* to, unsigned bucket, U64 word) {
-    *to = static_cast<U8>(bucket);
-    Vel::NboAttrLog::store(to + 1, word);
-}
-
-// Reads buckets as long as they ascend, as every writer leaves them, and are whole. What is something else stays
-// unread.
-void readAscending(LogIn& in, U64* words, Detail::Presence& stored) {
-    U8 const* const from = in.take(0);
-    U8 const* const end = from + in.left() / bucketBytes * bucketBytes;
-    U8 const* at = from;
-    unsigned next = 0;  // the lowest that may come
-    for (unsigned group = 0; group < Detail::Presence::groups; ++group) {
-        U64 bits = 0;
-        unsigned const last = std::min(group * 64 + 63, endOfBuckets - 1u);
-        while (at != end && *at - next < last + 1 - next) {  // modulo 2^32: what is below next is large
-            unsigned const bucket = *at;
-            words[bucket] = Vel::NboAttrLog::load<U64>(at + 1);
-            bits |= U64(1) << (bucket % 64);
-            next = bucket + 1;
-            at += bucketBytes;
-        }
-        stored.bits[group] = bits;
-    }
-    in.take(static_cast<std::size_t>(at - from));
-}
-
-Detail::WordMap readBuckets(LogIn& in) {
-    Detail::Block words(Detail::takeBlock());
-    Detail::Presence stored;
-    readAscending(in, words.get(), stored);
-    for (U8 bucket = in.nextU8(); bucket != endOfBuckets; bucket = in.nextU8()) {
-        if (stored.contains(bucket)) Vel::NboAttrLog::failWithAttrLogValueCollectionDuplicateKey();
-        words[bucket] = in.nextU64();
-        stored.bits[bucket / 64] |= U64(1) << (bucket % 64);
-    }
-    stored.recount();
-    return {std::move(words), stored, Detail::WordMap::Others::any};
-}
-
-}  // namespace
-
-void IdSet::write(Vel::NboAttrLog::Out& out, IdSet const& set) {
-    if (set.words_.contains(endOfBuckets)) Vel::NboAttrLog::failWithAttrLogValueCollectionDefaultKey();
-    U8* to = out.append(set.attrLogSize());
-    Vel::NboAttrLog::store(to, set.size_);
-    to += 2;
-    auto const writeOne = [&](unsigned bucket, U64 word) {
-        writeBucket(to, bucket, word);
-        to += bucketBytes;
-    };
-    U64 const* const words = set.words_.words();
-    if (set.words_.size() == endOfBuckets)  // all that there may be: no search for them
-        for (unsigned b = 0; b < endOfBuckets; ++b) writeOne(b, words[b]);
-    else
-        set.words_.forEach(writeOne);
-    *to = endOfBuckets;
-}
-
-void IdSet::readInto(IdSet& set, LogIn& in) {
-    U16 const size = in.nextU16();
-    if (in.left() && *in.take(0) == endOfBuckets) {
-        in.nextU8();
-        set = IdSet(size);  // nothing is allocated for no buckets
-    } else {
-        set.words_ = readBuckets(in);
-        set.size_ = size;
-    }
 }
 
 }  // namespace Mox

@@ -1,6 +1,7 @@
 #include "Mox/internal/WordBlock.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -74,5 +75,7 @@ void giveBlock(U64* block) noexcept {
     ASAN_POISON_MEMORY_REGION(block, blockSize);
     mine.blocks[mine.count++] = block;
 }
+
+void clearWords(U64* words, std::size_t count) noexcept { std::memset(words, 0, count * sizeof *words); }
 
 }  // namespace Mox::Detail

@@ -5,7 +5,7 @@
 
 #if defined(__x86_64__)
 #include <immintrin.h>
-#define MOX_AVX2 __attribute__((target("avx2,popcnt")))
+#define MOX_AVX2 __attribute__((target("avx2,bmi,popcnt")))
 #endif
 
 namespace Mox::Detail {
@@ -14,21 +14,52 @@ namespace {
 
 // --- portable ---
 
-// Without branches on what is stored where, which is hard to foretell.
-template <SetOp op, bool hasPopcnt>
-[[gnu::always_inline]] inline void placeAll(U64 const* words, Presence const& of, Presence const& in, U64* into) {
+using Merged = WordKernels::Merged;
+
+struct CountSlowly {
+    [[gnu::always_inline]] unsigned operator()(U64 word) const { return bitCount(word); }
+};
+struct CountByPopcnt {  // within a function that may use the instruction
+    [[gnu::always_inline]] unsigned operator()(U64 word) const {
+        return static_cast<unsigned>(__builtin_popcountll(word));
+    }
+};
+
+// Calls f(word, rank in `all`) for each of the packed words. Without branches on what is stored where, which is hard to
+// foretell.
+template <class Count, class F>
+[[gnu::always_inline]] inline void eachRanked(U64 const* words, Presence const& of, Presence const& all, F f) {
     for (unsigned group = 0; group < Presence::groups; ++group) {
-        U64* const to = into + (in.before >> (group * 8) & 255);
-        for (U64 rest = of.bits[group]; rest; rest &= rest - 1) {
-            U64 const below = in.bits[group] & (rest - 1) & ~rest;
-            U64& word = to[hasPopcnt ? static_cast<unsigned>(__builtin_popcountll(below)) : bitCount(below)];
-            word = combinedWord<op>(word, *words++);
-        }
+        U64 const bits = all.bits[group];  // not read again after every store
+        unsigned const before = all.before(group);
+        for (U64 rest = of.bits[group]; rest; rest &= rest - 1)
+            f(*words++, before + Count()(bits & (rest - 1) & ~rest));
     }
 }
 
-template <SetOp op> void placePortably(U64 const* words, Presence const& of, Presence const& in, U64* into) {
-    placeAll<op, false>(words, of, in, into);
+template <SetOp op, class Count>
+[[gnu::always_inline]] inline Merged merge(
+    U64 const* a, Presence const& aStored, U64 const* b, Presence const& bStored, U64* to, Presence& stored) {
+    for (unsigned group = 0; group < Presence::groups; ++group)
+        stored.bits[group] = aStored.bits[group] | bStored.bits[group];
+    stored.recount(Count());
+    if (stored.count() > WordKernels::maxMerged) return Merged::tooMany;
+    unsigned zeros = 0;  // in a, or what b's words came to
+    eachRanked<Count>(a, aStored, stored, [&zeros, to](U64 word, unsigned rank) {
+        to[rank] = word;
+        zeros += word == 0;
+    });
+    eachRanked<Count>(b, bStored, stored, [&zeros, to](U64 word, unsigned rank) {
+        to[rank] = word = combinedWord<op>(to[rank], word);
+        zeros += word == 0;
+    });
+    return zeros ? Merged::withZeros : Merged::whole;
+}
+
+template <SetOp op>
+Merged mergePortably(
+    U64 const* a, Presence const& aStored, U64 const* b, Presence const& bStored, U64* to, Presence& stored) {
+    return merge<op, CountSlowly>(a, aStored, b, bStored, to, stored);
 }
 
 template <SetOp op> void combinePortably(U64 const* a, U64 const* b, U64* to, Presence& stored) {
@@ -53,7 +84,7 @@ U32 countPortably(U64 const* words, unsigned count) {
 constexpr WordKernels portable = {"portable",
     {combinePortably<SetOp::unite>, combinePortably<SetOp::intersect>, combinePortably<SetOp::subtract>,
         combinePortably<SetOp::exclude>},
-    placePortably<SetOp::unite>, placePortably<SetOp::exclude>, countPortably};
+    mergePortably<SetOp::unite>, mergePortably<SetOp::exclude>, countPortably};
 
 // --- AVX2 ---
 
@@ -94,22 +125,19 @@ template <SetOp op> MOX_AVX2 inline U32 combineThirtyTwo(U64 const* a, U64 const
 }
 
 template <SetOp op> MOX_AVX2 void combineByAvx2(U64 const* a, U64 const* b, U64* to, Presence& stored) {
-    U32 sum = 0;
-    U32 before = 0;
     for (unsigned group = 0; group < Presence::groups; ++group) {
         unsigned const i = group * 64;
         U64 const zeros = combineThirtyTwo<op>(a + i, b + i, to + i) |
                           U64(combineThirtyTwo<op>(a + i + 32, b + i + 32, to + i + 32)) << 32;
-        before |= sum << (group * 8);
-        sum += static_cast<U32>(_mm_popcnt_u64(~zeros));
         stored.bits[group] = ~zeros;
     }
-    stored.before = before;
-    stored.count = static_cast<U16>(sum);
+    stored.recount(CountByPopcnt());
 }
 
-template <SetOp op> MOX_AVX2 void placeByPopcnt(U64 const* words, Presence const& of, Presence const& in, U64* into) {
-    placeAll<op, true>(words, of, in, into);
+template <SetOp op>
+MOX_AVX2 Merged mergeByPopcnt(
+    U64 const* a, Presence const& aStored, U64 const* b, Presence const& bStored, U64* to, Presence& stored) {
+    return merge<op, CountByPopcnt>(a, aStored, b, bStored, to, stored);
 }
 
 MOX_AVX2 U32 countByPopcnt(U64 const* words, unsigned count) {
@@ -124,9 +152,11 @@ MOX_AVX2 U32 countByPopcnt(U64 const* words, unsigned count) {
 constexpr WordKernels avx2 = {"avx2",
     {combineByAvx2<SetOp::unite>, combineByAvx2<SetOp::intersect>, combineByAvx2<SetOp::subtract>,
         combineByAvx2<SetOp::exclude>},
-    placeByPopcnt<SetOp::unite>, placeByPopcnt<SetOp::exclude>, countByPopcnt};
+    mergeByPopcnt<SetOp::unite>, mergeByPopcnt<SetOp::exclude>, countByPopcnt};
 
-bool hasAvx2() { return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("popcnt"); }
+bool hasAvx2() {
+    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi") && __builtin_cpu_supports("popcnt");
+}
 
 #endif
 

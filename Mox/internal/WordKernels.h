@@ -24,20 +24,19 @@ inline constexpr unsigned bitCount(U64 word) {
 #endif
 }
 
-// Which of the 256 buckets are stored. Byte g of `before` is the number of those in the groups of 64 before g, so that
-// one bit count yields a rank.
-struct Presence {
+// Which of the 256 buckets are stored.
+class Presence {
+public:
     static constexpr unsigned buckets = 256;
     static constexpr unsigned groups = 4;
 
-    U64 bits[groups] = {};
-    U32 before = 0;
-    U16 count = 0;
+    U64 bits[groups] = {};  // after a change made here, recount()
 
+    unsigned count() const { return static_cast<unsigned>(ranks_ >> 32); }
+    unsigned before(unsigned group) const { return ranks_ >> (group * 8) & 255; }  // stored in the groups before it
     bool contains(unsigned bucket) const { return bits[bucket / 64] >> (bucket % 64) & 1; }
     unsigned rank(unsigned bucket) const {  // stored buckets below this one
-        U64 const below = bits[bucket / 64] & ((U64(1) << (bucket % 64)) - 1);
-        return (before >> (bucket / 64 * 8) & 255) + bitCount(below);
+        return before(bucket / 64) + bitCount(bits[bucket / 64] & ((U64(1) << (bucket % 64)) - 1));
     }
     unsigned next(unsigned from) const {  // the first stored one at or above `from`; buckets when there is none
         for (unsigned group = from / 64; group < groups; ++group) {
@@ -48,29 +47,28 @@ struct Presence {
     }
     void insert(unsigned bucket) {  // REQUIRES: not stored
         bits[bucket / 64] |= U64(1) << (bucket % 64);
-        before += above(bucket);
-        ++count;
+        ranks_ += above(bucket);
     }
     void erase(unsigned bucket) {  // REQUIRES: stored
         bits[bucket / 64] &= ~(U64(1) << (bucket % 64));
-        before -= above(bucket);
-        --count;
+        ranks_ -= above(bucket);
     }
-    // Makes before and count anew from the bits.
-    inline constexpr void recount() {
-        U32 sum = 0;
-        before = 0;
-        for (unsigned group = 0; group < groups; ++group) {
-            before |= sum << (group * 8);
-            sum += bitCount(bits[group]);
-        }
-        count = static_cast<U16>(sum);
+    void recount() { recount(bitCount); }
+    template <class Count> [[gnu::always_inline]] void recount(Count bitsSet) {
+        U64 const first = bitsSet(bits[0]);
+        U64 const two = first + bitsSet(bits[1]);
+        U64 const three = two + bitsSet(bits[2]);
+        ranks_ = first << 8 | two << 16 | three << 24 | (three + bitsSet(bits[3])) << 32;
     }
 
 private:
-    static U32 above(unsigned bucket) {  // one in each byte of a later group
-        return static_cast<U32>(U64(0x01010101) << (bucket / 64 * 8 + 8));
+    static U64 above(unsigned bucket) {  // one in the byte of each later group, and in the count
+        return U64(0x01010101) << (bucket / 64 * 8 + 8) & 0x01FFFFFFFFul;
     }
+
+    // Byte g: stored buckets in the groups of 64 before g, so that one bit count yields a rank; from bit 32: in all.
+    // One word, so that a copy of what has just been counted need not wait for its parts to be put together.
+    U64 ranks_ = 0;
 };
 
 enum class SetOp : U8 { unite, intersect, subtract, exclude };
@@ -87,13 +85,18 @@ struct WordKernels {
     // to[i] = a[i] op b[i] for 256 words; those that are not 0 become the stored ones. `to` may be a or b.
     using Combine = void(U64 const* a, U64 const* b, U64* to, Presence& stored);
 
-    // Of words that lie one after the other, as `of` says: into[i] |= word, or ^= word, where i is their rank in `in`.
-    using Place = void(U64 const* words, Presence const& of, Presence const& in, U64* into);
+    // The union, or what is in one of them only, of words that lie one after the other: `to` gets them in the same way,
+    // as `stored` then says, unless there are too many, or a word is or comes to 0.
+    // REQUIRES: `to` has room for maxMerged words; as many as a and b have, if there is room, are 0.
+    enum class Merged : U8 { whole, tooMany, withZeros };
+    static constexpr unsigned maxMerged = 48;
+    using Merge = Merged(
+        U64 const* a, Presence const& aStored, U64 const* b, Presence const& bStored, U64* to, Presence& stored);
 
     char const* name;
     Combine* combine[4];  // by SetOp
-    Place* unite;
-    Place* exclude;
+    Merge* unite;
+    Merge* exclude;
     U32 (*bitsSet)(U64 const* words, unsigned count);
 };
 

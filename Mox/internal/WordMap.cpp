@@ -115,7 +115,7 @@ void WordMap::reserve(unsigned capacity) {
 
 void WordMap::makeDirect() {
     U64* const words = takeBlock();
-    std::memset(words, 0, blockBytes);
+    clearWords(words, buckets);
     forEach([&](unsigned bucket, U64 word) { words[bucket] = word; });
     release();
     heap_ = words;
@@ -179,26 +179,18 @@ U64 WordMap::erase(unsigned bucket) {
 // The words by bucket: where they are, or in `room`.
 U64 const* WordMap::expanded(U64 (&room)[buckets]) const {
     if (isDirect()) return heap_;
-    std::memset(room, 0, sizeof room);
+    clearWords(room, buckets);
     forEach([&](unsigned bucket, U64 word) { room[bucket] = word; });
     return room;
 }
 
-// From the words that lie one after the other there.
+// Of words that lie one after the other.
 WordMap WordMap::ofPacked(U64 const* words, Presence const& stored) {
+    if (stored.count() > maxPacked) return WordMap(stored, [words]() mutable { return *words++; });
     WordMap result;
-    if (stored.count <= maxPacked) {
-        result.makeRoom(stored.count);
-        result.stored_ = stored;
-        std::copy_n(words, stored.count, result.words());
-    } else {
-        U64* const block = takeBlock();
-        std::memset(block, 0, blockBytes);
-        result.heap_ = block;
-        result.capacity_ = buckets;
-        result.stored_ = stored;
-        result.forEachBucket([&](unsigned bucket) { block[bucket] = *words++; });
-    }
+    result.makeRoom(stored.count());
+    result.stored_ = stored;
+    std::copy_n(words, stored.count(), result.words());
     return result;
 }
 
@@ -213,7 +205,6 @@ template <SetOp op> WordMap WordMap::merged(WordMap const& a, WordMap const& b, 
     [[maybe_unused]] U64 const* const aLast = aAt + std::max(a.size(), 1u) - 1;
     [[maybe_unused]] U64 const* const bLast = bAt + std::max(b.size(), 1u) - 1;
     for (unsigned group = 0; group < Presence::groups; ++group) {
-        stored.before |= count << (group * 8);
         U64 const aBits = a.stored_.bits[group];
         U64 const bBits = b.stored_.bits[group];
         U64 const kept = bitsFrom(limit, group);
@@ -244,28 +235,28 @@ template <SetOp op> WordMap WordMap::merged(WordMap const& a, WordMap const& b, 
             words[count++] = a.get(group * 64 + static_cast<unsigned>(std::countr_zero(rest)));
         stored.bits[group] = bits;
     }
-    stored.count = static_cast<U16>(count);
+    stored.recount();
     return ofPacked(words, stored);
 }
 
-// The union, or what is in one of them only, of two packed maps: every word goes to its rank among all of them. What
-// comes to 0, or is not below the limit, is left to the merge.
-template <SetOp op> WordMap WordMap::placed(WordMap const& a, WordMap const& b, unsigned limit) {
+// The union, or what is in one of them only, of two packed maps. What comes to 0, or is not below the limit, is left to
+// the merge.
+template <SetOp op> WordMap WordMap::joined(WordMap const& a, WordMap const& b, unsigned limit) {
+    if (a.next(limit) != buckets || b.next(limit) != buckets) return merged<op>(a, b, limit);
+    auto* const merge = op == SetOp::unite ? wordKernels().unite : wordKernels().exclude;
+    U64 words[maxPacked];
+    clearWords(words, std::min(a.size() + b.size(), maxPacked));
     Presence stored;
-    U64 kept = 0;
-    for (unsigned group = 0; group < Presence::groups; ++group) {
-        stored.bits[group] = a.stored_.bits[group] | b.stored_.bits[group];
-        kept |= stored.bits[group] & bitsFrom(limit, group);
+    switch (merge(a.words(), a.stored_, b.words(), b.stored_, words, stored)) {
+    case WordKernels::Merged::whole:
+        return ofPacked(words, stored);
+    case WordKernels::Merged::withZeros:
+        return merged<op>(a, b, limit);
+    case WordKernels::Merged::tooMany:
+        break;
     }
-    if (kept) return merged<op>(a, b, limit);
-    stored.recount();
-    U64 words[2 * maxPacked];
-    std::memset(words, 0, stored.count * sizeof(U64));
-    auto* const place = op == SetOp::unite ? wordKernels().unite : wordKernels().exclude;
-    place(a.words(), a.stored_, stored, words);
-    place(b.words(), b.stored_, stored, words);
-    if (std::find(words, words + stored.count, U64(0)) != words + stored.count) return merged<op>(a, b, limit);
-    return ofPacked(words, stored);
+    U64 room[buckets];
+    return combinedBlocks(a, b.expanded(room), op, limit);
 }
 
 WordMap WordMap::combinedBlocks(WordMap const& a, U64 const* with, SetOp op, unsigned limit) {
@@ -290,8 +281,8 @@ WordMap WordMap::combinedBlocks(WordMap const& a, U64 const* with, SetOp op, uns
 WordMap WordMap::combined(WordMap const& a, WordMap const& b, SetOp op, unsigned limit) {
     if (limit == 0) return a;
     bool const packed = !a.isDirect() && !b.isDirect();
-    if (op == SetOp::unite && packed) return placed<SetOp::unite>(a, b, limit);
-    if (op == SetOp::exclude && packed) return placed<SetOp::exclude>(a, b, limit);
+    if (op == SetOp::unite && packed) return joined<SetOp::unite>(a, b, limit);
+    if (op == SetOp::exclude && packed) return joined<SetOp::exclude>(a, b, limit);
     if (op == SetOp::subtract && !a.isDirect()) return merged<SetOp::subtract>(a, b, limit);
     // Above the limit all words of a remain: they must not be too many for the merge.
     if (op == SetOp::intersect && (packed || (!a.isDirect() != !b.isDirect() && limit >= buckets - 1)))

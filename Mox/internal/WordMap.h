@@ -18,19 +18,22 @@ class VEL_API WordMap {
 public:
     static constexpr unsigned buckets = Presence::buckets;
     static constexpr unsigned inlineWords = 2;
-    static constexpr unsigned maxPacked = 48;  // more words than this are stored directly: a map of them costs 2 KiB
+    static constexpr unsigned maxPacked =
+        WordKernels::maxMerged;  // more words than this are stored directly: a map of them costs 2 KiB
     class Cursor;
 
-    WordMap() = default;
-    WordMap(WordMap const& other);  // allocates once at most, exactly sized
+    WordMap() noexcept : inline_{} {}  // not defaulted, so that a const map needs no braces
+    WordMap(WordMap const& other);     // allocates once at most, exactly sized
     WordMap(WordMap&& other) noexcept { take(other); }
     enum class Others : bool { zero, any };                       // what stands in a block where nothing is stored
     WordMap(Block block, Presence const& stored, Others others);  // packs few words, else keeps the block
+    // The words of those buckets: next() yields them in ascending order. Packed where possible, and exactly sized.
+    template <class Next> WordMap(Presence const& stored, Next next);
     WordMap& operator=(WordMap const& other);
     WordMap& operator=(WordMap&& other) noexcept;
     ~WordMap() { release(); }
 
-    unsigned size() const { return stored_.count; }       // words stored
+    unsigned size() const { return stored_.count(); }     // words stored
     U32 changeCounter() const { return changeCounter_; }  // moves whenever a bucket comes or goes
     std::size_t allocatedBytes() const { return capacity_ > inlineWords ? capacity_ * sizeof(U64) : 0; }
     bool isDirect() const { return capacity_ == buckets; }
@@ -72,7 +75,7 @@ public:
     }
     // Whether p(bucket, word) holds for every stored word; looks no further once it does not.
     template <class P> bool allOf(P p) const;
-    U32 bitsSet() const { return wordKernels().bitsSet(words(), isDirect() ? buckets : stored_.count); }
+    U32 bitsSet() const { return wordKernels().bitsSet(words(), isDirect() ? buckets : size()); }
 
     // a op b, word by word, in the buckets of [0, limit), where no word that is 0 is stored; what a stores in the
     // buckets from `limit` up.
@@ -92,7 +95,7 @@ private:
                 f(group * 64 + static_cast<unsigned>(std::countr_zero(rest)));
     }
     template <SetOp op> static WordMap merged(WordMap const& a, WordMap const& b, unsigned limit);
-    template <SetOp op> static WordMap placed(WordMap const& a, WordMap const& b, unsigned limit);
+    template <SetOp op> static WordMap joined(WordMap const& a, WordMap const& b, unsigned limit);
     static WordMap combinedBlocks(WordMap const& a, U64 const* with, SetOp op, unsigned limit);
     static WordMap ofPacked(U64 const* words, Presence const& stored);
     U64 const* expanded(U64 (&room)[buckets]) const;
@@ -106,7 +109,7 @@ private:
 
     Presence stored_;
     union {
-        U64 inline_[inlineWords] = {};
+        U64 inline_[inlineWords];
         U64* heap_;
     };
     U32 changeCounter_ = 0;
@@ -139,6 +142,36 @@ private:
     U8 group_ = Presence::groups;
     bool isDirect_ = false;
 };
+
+template <class Next> WordMap::WordMap(Presence const& stored, Next next) : stored_(stored) {
+    if (size() <= maxPacked) {
+        makeRoom(size());
+        U64* const to = words();
+        for (unsigned i = 0; i < stored.count(); ++i) to[i] = next();
+        return;
+    }
+    U64* to = takeBlock();
+    heap_ = to;
+    capacity_ = buckets;
+    for (unsigned group = 0; group < Presence::groups; ++group, to += 64) {
+        U64 rest = stored.bits[group];
+        if (rest & (rest + 1)) {
+            clearWords(to, 64);
+            for (; rest; rest &= rest - 1) to[static_cast<unsigned>(std::countr_zero(rest))] = next();
+        } else {  // without gaps: no search for them
+            unsigned const count = static_cast<unsigned>(std::countr_one(rest));
+            unsigned i = 0;
+            for (; i + 4 <= count; i += 4) {
+                to[i] = next();
+                to[i + 1] = next();
+                to[i + 2] = next();
+                to[i + 3] = next();
+            }
+            for (; i < count; ++i) to[i] = next();
+            clearWords(to + count, 64 - count);
+        }
+    }
+}
 
 template <class P> bool WordMap::allOf(P p) const {
     Cursor cursor(*this);

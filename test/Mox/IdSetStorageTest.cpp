@@ -117,7 +117,7 @@ TEST(IdTest, IsConstructedByItsGlue) {
 // --- construction ---
 
 TEST(IdSetStorageTest, DefaultHasSize0AndNoBuckets) {
-    IdSet const set = IdSet();
+    IdSet const set;
     EXPECT_EQ(set.size(), 0);
     EXPECT_EQ(set.buckets(), 0u);
     EXPECT_FALSE(set);

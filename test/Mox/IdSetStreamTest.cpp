@@ -7,7 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include <numeric>
 #include <set>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -92,6 +95,42 @@ TEST(IdSetStreamTest, ABucketThatComesTwiceIsRefused) {
         Vel::NboAttrLog::In in(bytes);
         EXPECT_THROW(IdSet(&in, Vel::StreamBogon()), Vel::StreamException) << hex;
     }
+}
+
+// The bytes of buckets 0 to 63, each with its number as the word; `change` changes the buckets' numbers.
+template <class F> std::vector<U8> groupOf(F change) {
+    std::vector<U8> keys(64);
+    std::iota(keys.begin(), keys.end(), U8(0));
+    change(keys);
+    Vel::NboAttrLog::Out out;
+    out << U16(16320);
+    for (unsigned i = 0; i < keys.size(); ++i) out << keys[i] << U64(i);
+    out << U8(255);
+    return {out.bytes().begin(), out.bytes().end()};
+}
+
+TEST(IdSetStreamTest, EveryWordOfAFullGroupIsReadWhereItsBucketIs) {
+    auto const ascending = Vel::checkedRead<IdSet>(groupOf([](auto&) {}));
+    ASSERT_TRUE(ascending);
+    auto const exchanged = Vel::checkedRead<IdSet>(groupOf([](auto& keys) { std::swap(keys[30], keys[31]); }));
+    ASSERT_TRUE(exchanged);
+    for (U8 b = 0; b < 64; ++b) {
+        EXPECT_EQ(ascending->bucket(b), b);
+        EXPECT_EQ(exchanged->bucket(b), b == 30 ? 31 : b == 31 ? 30 : b);
+    }
+}
+
+TEST(IdSetStreamTest, ABucketThatComesTwiceInAFullGroupIsRefused) {
+    EXPECT_FALSE(Vel::checkedRead<IdSet>(groupOf([](auto& keys) { keys[40] = 39; })));
+    EXPECT_FALSE(Vel::checkedRead<IdSet>(groupOf([](auto& keys) { keys[1] = 63; })));
+}
+
+TEST(IdSetStreamTest, AFullGroupMayEndTheBytes) {
+    auto bytes = groupOf([](auto&) {});
+    bytes.pop_back();
+    EXPECT_FALSE(Vel::checkedRead<IdSet>(bytes));
+    bytes.pop_back();
+    EXPECT_FALSE(Vel::checkedRead<IdSet>(bytes));
 }
 
 TEST(IdSetStreamTest, EveryShorterInputIsRefused) {

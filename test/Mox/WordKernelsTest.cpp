@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
+#include <iterator>
+#include <numeric>
 #include <random>
 #include <vector>
 
@@ -42,7 +45,7 @@ TEST_P(WordKernelsTest, CombinesWordByWordAndTellsWhichRemain) {
             ASSERT_EQ(stored.rank(i), count) << i;
             count += to[i] != 0;
         }
-        EXPECT_EQ(stored.count, count);
+        EXPECT_EQ(stored.count(), count);
     }
 }
 
@@ -55,22 +58,65 @@ TEST_P(WordKernelsTest, CountsTheBitsOfAnyNumberOfWords) {
     }
 }
 
-TEST_P(WordKernelsTest, PlacesPackedWordsAtTheirRanks) {
-    Presence of;
-    Presence in;
-    for (unsigned const bucket : {0u, 63u, 64u, 130u, 255u}) in.insert(bucket);
-    for (unsigned const bucket : {63u, 130u, 255u}) of.insert(bucket);
-    U64 const packed[] = {1, 2, 3};
-    U64 united[] = {8, 8, 8, 8, 8};
-    wordKernels().unite(packed, of, in, united);
-    EXPECT_EQ(std::vector<U64>(united, united + 5), (std::vector<U64>{8, 9, 8, 10, 11}));
-    U64 excluded[] = {1, 1, 1, 1, 1};
-    wordKernels().exclude(packed, of, in, excluded);
-    EXPECT_EQ(std::vector<U64>(excluded, excluded + 5), (std::vector<U64>{1, 0, 1, 3, 2}));
+class MergeTest : public WordKernelsTest {
+protected:
+    using Merged = WordKernels::Merged;
+
+    static Presence presence(std::vector<unsigned> const& buckets) {
+        Presence stored;
+        for (unsigned const bucket : buckets) stored.insert(bucket);
+        return stored;
+    }
+    Merged unite(std::vector<U64> const& a, std::vector<U64> const& b) {
+        return wordKernels().unite(a.data(), aStored_, b.data(), bStored_, to_, stored_);
+    }
+    Merged exclude(std::vector<U64> const& a, std::vector<U64> const& b) {
+        return wordKernels().exclude(a.data(), aStored_, b.data(), bStored_, to_, stored_);
+    }
+    std::vector<U64> merged() const { return std::vector<U64>(to_, to_ + stored_.count()); }
+
+    Presence aStored_ = presence({0, 63, 130, 255});
+    Presence bStored_ = presence({63, 64, 255});
+    Presence stored_;
+    U64 to_[WordKernels::maxMerged] = {};
+};
+
+TEST_P(MergeTest, UnitesPackedWordsInTheOrderOfTheirBuckets) {
+    ASSERT_EQ(unite({1, 2, 3, 4}, {8, 9, 10}), Merged::whole);
+    EXPECT_EQ(merged(), (std::vector<U64>{1, 10, 9, 3, 14}));
+    for (unsigned const bucket : {0u, 63u, 64u, 130u, 255u}) EXPECT_TRUE(stored_.contains(bucket)) << bucket;
+    EXPECT_EQ(stored_.rank(255), 4u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Kernels, WordKernelsTest, testing::Values("portable", "avx2"),
-    [](testing::TestParamInfo<char const*> const& info) { return std::string(info.param); });
+TEST_P(MergeTest, ExcludesWhatIsInBoth) {
+    ASSERT_EQ(exclude({1, 3, 3, 6}, {1, 9, 2}), Merged::whole);
+    EXPECT_EQ(merged(), (std::vector<U64>{1, 2, 9, 3, 4}));
+}
+
+TEST_P(MergeTest, TellsOfWordsThatAreOrComeTo0) {
+    EXPECT_EQ(unite({1, 2, 0, 4}, {8, 9, 10}), Merged::withZeros);
+    std::fill(std::begin(to_), std::end(to_), 0);
+    EXPECT_EQ(unite({1, 2, 3, 4}, {8, 0, 10}), Merged::withZeros);
+    std::fill(std::begin(to_), std::end(to_), 0);
+    EXPECT_EQ(exclude({1, 2, 3, 4}, {8, 9, 4}), Merged::withZeros);
+}
+
+TEST_P(MergeTest, RefusesMoreWordsThanItHasRoomFor) {
+    std::vector<unsigned> half(WordKernels::maxMerged / 2);
+    std::iota(half.begin(), half.end(), 10);
+    std::vector<U64> const ones(half.size() + 1, 1);
+    aStored_ = presence(half);
+    for (unsigned& bucket : half) bucket += 100;
+    bStored_ = presence(half);
+    EXPECT_EQ(unite(ones, ones), Merged::whole);
+    EXPECT_EQ(stored_.count(), WordKernels::maxMerged);
+    bStored_.insert(255);
+    EXPECT_EQ(unite(ones, ones), Merged::tooMany);
+}
+
+constexpr auto kernelName = [](testing::TestParamInfo<char const*> const& info) { return std::string(info.param); };
+INSTANTIATE_TEST_SUITE_P(Kernels, WordKernelsTest, testing::Values("portable", "avx2"), kernelName);
+INSTANTIATE_TEST_SUITE_P(Kernels, MergeTest, testing::Values("portable", "avx2"), kernelName);
 
 TEST(WordKernelsChoiceTest, UnknownKernelsAreRefused) { EXPECT_FALSE(kernelsIs("abacus")); }
 
