@@ -177,6 +177,33 @@ TEST(GenericIfTest, DerivedAttributesAreComputedAndSet) {
     EXPECT_EQ(get<U64>(stamp, "val"), 0x0000000100020003ul);
 }
 
+TEST(GenericIfTest, AttributesAreReachedByTheirNumber) {
+    Tally tally(true, 7, 12.5);
+    U32 changes = 0;
+    EXPECT_EQ(typeOf<Tally>().attributeOp(&changes, &tally, 3, AttributeOp::get), 0);
+    EXPECT_EQ(changes, 7u);
+    U32 const more = 8;
+    EXPECT_EQ(typeOf<Tally>().attributeOp(nullptr, &tally, 3, AttributeOp::set, nullptr, &more), 0);
+    EXPECT_EQ(tally, Tally(true, 8, 12.5));
+    EXPECT_EQ(typeOf<Tally>().attributeOp(&changes, &tally, 6, AttributeOp::get), 1);  // a method has no value
+    EXPECT_EQ(typeOf<Tally>().attributeOp(&changes, &tally, 7, AttributeOp::get), 2);
+    EXPECT_EQ(typeOf<Tally>().attributeOp(&changes, &tally, 0, AttributeOp::get), 2);
+}
+
+TEST(GenericIfTest, NumbersOfABasesAttributesReachThem) {
+    auto const twig = Twig::newEntity("twig");
+    twig->sizeIs(5);
+    twig->presentIs(true);
+    void* const object = static_cast<Vel::Entity*>(twig.get());
+    U32 size = 0;
+    EXPECT_EQ(typeOf<Twig>().attributeOp(&size, object, 258, AttributeOp::get), 0);
+    EXPECT_EQ(size, 5u);
+    bool present = false;
+    EXPECT_EQ(typeOf<Twig>().attributeOp(&present, object, 263, AttributeOp::get), 0);
+    EXPECT_TRUE(present);
+    EXPECT_EQ(typeOf<Twig>().attributeOp(&present, object, 264, AttributeOp::get), 2);
+}
+
 TEST(GenericIfTest, SetterTakesAnotherType) {
     Tally tally(false, 1, 0.0);
     EXPECT_EQ(set(tally, "update", Sample(true, 2, 9.0)), 0);
