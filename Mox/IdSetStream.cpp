@@ -32,25 +32,25 @@ bool areAll(U8 const* at, U8 const* end, unsigned first, unsigned last) {
     return difference == 0;
 }
 
-// Notes the buckets of [at, end) as long as they ascend; returns where something else stands. REQUIRES: from `at` to
-// `end`, buckets are whole.
-U8 const* noteAscending(U8 const* at, U8 const* end, Detail::Presence& stored) {
+// Notes the buckets of [from, end) as long as they ascend; returns where something else stands. REQUIRES: from `from`
+// to `end`, buckets are whole.
+U8 const* noteAscending(U8 const* from, U8 const* end, Detail::Presence& stored) {
+    U8 const* at = from;
     for (unsigned group = 0; group < Detail::Presence::groups; ++group) {
         unsigned const first = group * 64;
         unsigned const last = std::min(first + 63, endOfBuckets - 1u);
-        if (areAll(at, end, first, last)) {
-            stored.bits[group] = ~U64(0) >> (63 - (last - first));
-            at += (last - first + 1) * bucketBytes;
-            continue;
-        }
         U64 bits = 0;
-        for (unsigned next = first; at != end && *at >= next && *at <= last; at += bucketBytes) {
-            bits |= U64(1) << (*at - first);
-            next = *at + 1u;
+        if (areAll(at, end, first, last)) {
+            bits = ~U64(0) >> (63 - (last - first));
+            at += (last - first + 1) * bucketBytes;
+        } else {
+            for (unsigned next = first; at != end && *at >= next && *at <= last; at += bucketBytes) {
+                bits |= U64(1) << (*at - first);
+                next = *at + 1u;
+            }
         }
-        stored.bits[group] = bits;
+        stored.append(group, bits, static_cast<unsigned>(at - from) / unsigned(bucketBytes));
     }
-    stored.recount();
     return at;
 }
 
@@ -93,7 +93,11 @@ void IdSet::write(Vel::NboAttrLog::Out& out, IdSet const& set) {
     };
     U64 const* const words = set.words_.words();
     if (set.words_.size() == endOfBuckets)  // all that there may be: no search for them
-        for (unsigned b = 0; b < endOfBuckets; ++b) writeOne(b, words[b]);
+        for (unsigned b = 0; b < endOfBuckets; b += 3) {
+            writeOne(b, words[b]);
+            writeOne(b + 1, words[b + 1]);
+            writeOne(b + 2, words[b + 2]);
+        }
     else
         set.words_.forEach(writeOne);
     *to = endOfBuckets;

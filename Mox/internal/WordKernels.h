@@ -53,6 +53,11 @@ public:
         bits[bucket / 64] &= ~(U64(1) << (bucket % 64));
         ranks_ -= above(bucket);
     }
+    // The bits of a group, where they are given from the first group on: `sum` are stored up to its end.
+    void append(unsigned group, U64 groupBits, unsigned sum) {
+        bits[group] = groupBits;
+        ranks_ |= U64(sum) << (group * 8 + 8);
+    }
     void recount() { recount(bitCount); }
     template <class Count> [[gnu::always_inline]] void recount(Count bitsSet) {
         U64 const first = bitsSet(bits[0]);

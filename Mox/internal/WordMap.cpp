@@ -233,9 +233,8 @@ template <SetOp op> WordMap WordMap::merged(WordMap const& a, WordMap const& b, 
         }
         for (rest = aBits & kept; rest; rest &= rest - 1)
             words[count++] = a.get(group * 64 + static_cast<unsigned>(std::countr_zero(rest)));
-        stored.bits[group] = bits;
+        stored.append(group, bits, count);
     }
-    stored.recount();
     return ofPacked(words, stored);
 }
 

@@ -11,6 +11,7 @@
 #include <set>
 #include <sstream>
 #include <unordered_set>
+#include <utility>
 
 namespace {
 
@@ -322,6 +323,19 @@ TEST(IdSetStorageTest, AssignmentTakesTheSizeAlong) {
 }
 
 // --- comparison and hash ---
+
+TEST(IdSetStorageTest, AMovedSetLeavesAnEmptyOneOfItsSize) {
+    for (U16 const end : {U16(2), U16(1000), U16(10000)}) {
+        IdSet from(16320);
+        from.idSetRange(1, end);
+        IdSet const wanted = from;
+        IdSet const to = std::move(from);
+        EXPECT_EQ(to, wanted);
+        EXPECT_EQ(from, IdSet(16320));
+        from.updateId(7, true);
+        EXPECT_EQ(from.stringValue(), "(7)");
+    }
+}
 
 TEST(IdSetStorageTest, SmallerSizeOrdersFirst) {
     EXPECT_FALSE(IdSet(10, 3) == IdSet(11, 3));

@@ -125,6 +125,14 @@ TEST(IdSetStreamTest, ABucketThatComesTwiceInAFullGroupIsRefused) {
     EXPECT_FALSE(Vel::checkedRead<IdSet>(groupOf([](auto& keys) { keys[1] = 63; })));
 }
 
+TEST(IdSetStreamTest, ABucketThatComesAgainBehindAFullGroupIsRefused) {
+    auto bytes = groupOf([](auto&) {});
+    bytes.insert(bytes.end() - 1, {63, 0, 0, 0, 0, 0, 0, 0, 1});
+    EXPECT_FALSE(Vel::checkedRead<IdSet>(bytes));
+    bytes[bytes.size() - 10] = 64;
+    EXPECT_TRUE(Vel::checkedRead<IdSet>(bytes));
+}
+
 TEST(IdSetStreamTest, AFullGroupMayEndTheBytes) {
     auto bytes = groupOf([](auto&) {});
     bytes.pop_back();
