@@ -4,6 +4,7 @@
 #include "Vel/Types.h"
 
 #include <bit>
+#include <concepts>
 #include <cstring>
 #include <limits>
 #include <string_view>
@@ -41,18 +42,31 @@ inline unsigned decimalDigits(U64 value) {
     }
 }
 
-inline char* writeUnsigned(char* to, U64 value) {
+// Writes all eight digits of a number below 10^8. The pairs do not wait for each other.
+inline void writeEight(char* to, U32 value) {
+    U32 const high = value / 10000;
+    U32 const low = value % 10000;
+    std::memcpy(to, digitPairs + 2 * (high / 100), 2);
+    std::memcpy(to + 2, digitPairs + 2 * (high % 100), 2);
+    std::memcpy(to + 4, digitPairs + 2 * (low / 100), 2);
+    std::memcpy(to + 6, digitPairs + 2 * (low % 100), 2);
+}
+
+template <std::unsigned_integral T> inline char* writeUnsigned(char* to, T value) {
     char* const end = to + decimalDigits(value);
     char* at = end;
-    while (value >= 100) {
+    if constexpr (sizeof(T) == 8)
+        for (; value >= 100000000; value /= 100000000) writeEight(at -= 8, static_cast<U32>(value % 100000000));
+    auto rest = static_cast<U32>(value);
+    while (rest >= 100) {
         at -= 2;
-        std::memcpy(at, digitPairs + 2 * (value % 100), 2);
-        value /= 100;
+        std::memcpy(at, digitPairs + 2 * (rest % 100), 2);
+        rest /= 100;
     }
-    if (value >= 10)
-        std::memcpy(at - 2, digitPairs + 2 * value, 2);
+    if (rest >= 10)
+        std::memcpy(at - 2, digitPairs + 2 * rest, 2);
     else
-        at[-1] = static_cast<char>('0' + value);
+        at[-1] = static_cast<char>('0' + rest);
     return end;
 }
 

@@ -75,15 +75,6 @@ Decimal shortestDecimal(double value) {
     return {s + (up ? 1 : 0), k};
 }
 
-void writeEight(char* to, U32 value) {
-    U32 const high = value / 10000;
-    U32 const low = value % 10000;
-    std::memcpy(to, digitPairs + 2 * (high / 100), 2);
-    std::memcpy(to + 2, digitPairs + 2 * (high % 100), 2);
-    std::memcpy(to + 4, digitPairs + 2 * (low / 100), 2);
-    std::memcpy(to + 6, digitPairs + 2 * (low % 100), 2);
-}
-
 char* writeSixPlaces(char* to, U32 places) {
     if (places == 0) {
         *to = '0';
