@@ -60,6 +60,8 @@ public:
 
     // Field by field: two unset values with different scalars are unequal.
     friend bool operator==(Tristate const&, Tristate const&) = default;
+    // There is no order, and none by way of the string's conversion to bool.
+    friend void operator<=>(Tristate const&, Tristate const&) = delete;
 
     static constexpr auto description() {
         auto const described = [](auto... more) {
