@@ -145,111 +145,103 @@ void checkAgreement(Sets& s) {
     }
 }
 
+// Records are appended to a log of 64, which is then begun anew, and read from such logs.
+constexpr std::size_t logRecords = 64;
+constexpr bool isFirst(std::size_t i) { return i % logRecords == 0; }
+constexpr std::size_t place(std::size_t i) { return 13 * (i % logRecords); }
+
+template <class F> void addWriter(char const* name, F one) {
+    Bench::add("write", name, [one](benchmark::State& state) {
+        U8 to[16 * logRecords];
+        std::size_t i = 0;
+        auto write = one;
+        for (auto _ : state) {
+            write(i, to);
+            ++i;
+            Bench::keep(to);
+        }
+    });
+}
+
 void addWriting(Sets const& s) {
-    Bench::add("write", "3 swapped stores, unchecked", [&s](benchmark::State& state) {
-        U8 to[64];
-        std::size_t i = 0;
-        for (auto _ : state) {
-            storeSwapped(to, s.plain[i++ & mask]);
-            Bench::keep(to);
-        }
+    addWriter("3 swapped stores, unchecked",
+        [from = s.plain.data()](std::size_t i, U8* to) { storeSwapped(to + place(i), from[i & mask]); });
+    addWriter("memcpy of 13 bytes",
+        [from = s.bytes.data()](std::size_t i, U8* to) { std::memcpy(to + place(i), from[i & mask].data(), 13); });
+    auto const addOut = [](char const* name, auto write) {
+        Bench::add("write", name, [write](benchmark::State& state) {
+            Vel::NboAttrLog::Out out;
+            std::size_t i = 0;
+            for (auto _ : state) {
+                if (isFirst(i)) out.clear();
+                write(out, i);
+                ++i;
+                Bench::keep(out);
+            }
+        });
+    };
+    addOut("Vel::NboAttrLog::Out", [from = s.values.data()](auto& out, std::size_t i) { out << from[i & mask]; });
+    addOut("the same, item by item", [from = s.values.data()](auto& out, std::size_t i) {
+        auto const& v = from[i & mask];
+        out << v.current() << v.changes() << v.lastChange();
     });
-    Bench::add("write", "memcpy of 13 bytes", [&s](benchmark::State& state) {
-        U8 to[64];
-        std::size_t i = 0;
-        for (auto _ : state) {
-            std::memcpy(to, s.bytes[i++ & mask].data(), 13);
-            Bench::keep(to);
-        }
+    addWriter("template serializer", [from = s.plain.data(), archive = Archive<U8>({})](std::size_t i, U8* to) mutable {
+        if (isFirst(i)) archive = Archive<U8>({to, 16 * logRecords});
+        Plain plain = from[i & mask];
+        benchmark::DoNotOptimize(archive.write(plain));
     });
-    Bench::add("write", "Vel::NboAttrLog::Out, reused", [&s](benchmark::State& state) {
-        Vel::NboAttrLog::Out out;
-        std::size_t i = 0;
-        for (auto _ : state) {
-            out.clear();
-            out << s.values[i++ & mask];
-            benchmark::DoNotOptimize(out.data());
-            benchmark::ClobberMemory();
-        }
+    addWriter("protobuf SerializeToArray", [from = s.messages.data()](std::size_t i, U8* to) {
+        benchmark::DoNotOptimize(from[i & mask].SerializeToArray(to + place(i), 16));
     });
-    Bench::add("write", "the same, item by item", [&s](benchmark::State& state) {
-        Vel::NboAttrLog::Out out;
+}
+
+template <class F> void addReader(char const* name, F one) {
+    Bench::add("read", name, [one](benchmark::State& state) {
         std::size_t i = 0;
+        auto read = one;
         for (auto _ : state) {
-            out.clear();
-            auto const& v = s.values[i++ & mask];
-            out << v.current() << v.changes() << v.lastChange();
-            benchmark::DoNotOptimize(out.data());
-            benchmark::ClobberMemory();
-        }
-    });
-    Bench::add("write", "template serializer", [&s](benchmark::State& state) {
-        U8 to[64];
-        std::size_t i = 0;
-        for (auto _ : state) {
-            Plain plain = s.plain[i++ & mask];
-            benchmark::DoNotOptimize(Archive<U8>(to).write(plain));
-            Bench::keep(to);
-        }
-    });
-    Bench::add("write", "protobuf SerializeToArray", [&s](benchmark::State& state) {
-        U8 to[64];
-        std::size_t i = 0;
-        for (auto _ : state) {
-            benchmark::DoNotOptimize(s.messages[i++ & mask].SerializeToArray(to, sizeof to));
-            benchmark::ClobberMemory();
+            auto const value = read(i);
+            ++i;
+            Bench::keep(value);
         }
     });
 }
 
 void addReading(Sets const& s) {
-    Bench::add("read", "3 swapped loads, unchecked", [&s](benchmark::State& state) {
+    U8 const* const log = s.bytes.data()->data();  // arrays of 13 bytes, one behind the other
+    static_assert(sizeof(Bytes) == 13);
+    auto const logOf = [log](std::size_t i) { return std::span(log + 13 * (i & mask), 13 * logRecords); };
+    addReader("3 swapped loads, unchecked", [log](std::size_t i) { return loadSwapped(log + 13 * (i & mask)); });
+    Bench::add("read", "memcpy of 13 bytes", [log](benchmark::State& state) {
+        U8 to[16];
         std::size_t i = 0;
         for (auto _ : state) {
-            Plain value = loadSwapped(s.bytes[i++ & mask].data());
-            Bench::keep(value);
-        }
-    });
-    Bench::add("read", "memcpy of 13 bytes", [&s](benchmark::State& state) {
-        std::size_t i = 0;
-        for (auto _ : state) {
-            U8 to[16];
-            std::memcpy(to, s.bytes[i++ & mask].data(), 13);
+            std::memcpy(to, log + 13 * (i++ & mask), 13);
             Bench::keep(to);
         }
     });
-    Bench::add("read", "Vel::NboAttrLog::In", [&s](benchmark::State& state) {
-        std::size_t i = 0;
-        for (auto _ : state) {
-            Vel::NboAttrLog::In in(s.bytes[i++ & mask]);
-            ConditionOrCountStat value(&in, {});
-            Bench::keep(value);
-        }
+    addReader("Vel::NboAttrLog::In", [logOf, in = Vel::NboAttrLog::In({})](std::size_t i) mutable {
+        if (isFirst(i)) in = Vel::NboAttrLog::In(logOf(i));
+        return ConditionOrCountStat(&in, {});
     });
-    Bench::add("read", "the same, item by item", [&s](benchmark::State& state) {
-        std::size_t i = 0;
-        for (auto _ : state) {
-            Vel::NboAttrLog::In in(s.bytes[i++ & mask]);
-            bool const current = in.nextbool();
-            U32 const changes = in.nextU32();
-            ConditionOrCountStat value(current, changes, in.nextSeconds());
-            Bench::keep(value);
-        }
+    addReader("the same, item by item", [logOf, in = Vel::NboAttrLog::In({})](std::size_t i) mutable {
+        if (isFirst(i)) in = Vel::NboAttrLog::In(logOf(i));
+        bool const current = in.nextbool();
+        U32 const changes = in.nextU32();
+        return ConditionOrCountStat(current, changes, in.nextSeconds());
     });
-    Bench::add("read", "template serializer", [&s](benchmark::State& state) {
-        std::size_t i = 0;
-        for (auto _ : state) {
-            Plain plain;
-            benchmark::DoNotOptimize(Archive<U8 const>(s.bytes[i++ & mask]).read(plain));
-            Bench::keep(plain);
-        }
+    addReader("template serializer", [logOf, archive = Archive<U8 const>({})](std::size_t i) mutable {
+        if (isFirst(i)) archive = Archive<U8 const>(logOf(i));
+        Plain plain{};
+        benchmark::DoNotOptimize(archive.read(plain));
+        return plain;
     });
-    Bench::add("read", "protobuf ParseFromArray", [&s](benchmark::State& state) {
+    Bench::add("read", "protobuf ParseFromArray", [from = s.encodedMessages.data()](benchmark::State& state) {
         bench_proto::ConditionOrCountStat to;
         std::size_t i = 0;
         for (auto _ : state) {
-            std::string const& from = s.encodedMessages[i++ & mask];
-            benchmark::DoNotOptimize(to.ParseFromArray(from.data(), static_cast<int>(from.size())));
+            std::string const& text = from[i++ & mask];
+            benchmark::DoNotOptimize(to.ParseFromArray(text.data(), static_cast<int>(text.size())));
             benchmark::ClobberMemory();
         }
     });
