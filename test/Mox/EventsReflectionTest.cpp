@@ -186,10 +186,11 @@ TYPED_TEST(EventReflectionTest, ConstructionIgnoresArguments) {
 }
 
 TYPED_TEST(EventReflectionTest, DestructionDoesNothing) {
-    alignas(TypeParam) unsigned char memory[sizeof(TypeParam)];
-    auto const* const value = new (memory) TypeParam(Facts<TypeParam>::sample());
-    Vel::typeOf<TypeParam>().glue().genericIfDestruct(memory);
-    EXPECT_EQ(*value, Facts<TypeParam>::sample());
+    alignas(TypeParam) std::array<unsigned char, sizeof(TypeParam)> memory{};
+    new (memory.data()) TypeParam(Facts<TypeParam>::sample());
+    auto const before = memory;
+    Vel::typeOf<TypeParam>().glue().genericIfDestruct(memory.data());
+    EXPECT_EQ(memory, before);
 }
 
 TYPED_TEST(EventReflectionTest, GoesThroughTextAndBytes) {

@@ -206,6 +206,9 @@ TEST(StatisticTest, IncrementOfACountTouchesNothingElse) {
     EventStat a(true, most - 1, 5.0);
     a.countInc(3);
     EXPECT_EQ(a, EventStat(true, 1, 5.0));
+    a.currentIs(false);
+    a.countInc(1);
+    EXPECT_EQ(a, EventStat(false, 2, 5.0));
     CountStat b(most, 5.0);
     b.countInc(2);
     EXPECT_EQ(b, CountStat(1, 5.0));
@@ -220,6 +223,9 @@ TEST(StatisticTest, IncrementOfChangesTouchesNothingElse) {
     ConditionStat a(true, most - 1, 5.0);
     a.changesInc(3);
     EXPECT_EQ(a, ConditionStat(true, 1, 5.0));
+    a.currentIs(false);
+    a.changesInc(1);
+    EXPECT_EQ(a, ConditionStat(false, 2, 5.0));
     ConditionOrCountStat b(true, most, 5.0);
     b.changesInc(2);
     EXPECT_EQ(b, ConditionOrCountStat(true, 1, 5.0));
@@ -229,6 +235,16 @@ TEST(StatisticTest, IncrementOfChangesTouchesNothingElse) {
     CountOrChangedStat d(9, 7, 5.0);
     d.changesInc(half);
     EXPECT_EQ(d, CountOrChangedStat(9, half + 7, 5.0));
+}
+
+// --- calls ---
+
+TEST(StatisticTest, CallYieldsNothing) {
+    CountStat s;
+    U32 result = 77;
+    EXPECT_EQ(call(s, 5, &result, U32(3), Seconds(9.0)), 0);
+    EXPECT_EQ(s, CountStat(3, 9.0));
+    EXPECT_EQ(result, 77u);
 }
 
 // --- times ---
