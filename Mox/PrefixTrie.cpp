@@ -65,8 +65,8 @@ PrefixTrie::~PrefixTrie() {
     if (outermost) waiting = &here;
 
     members_.releaseAll(
-        [](PrefixTrie& member, Collection which) {
-            if (which == Collection::prefixChild) member.parentIs(nullptr);
+        [this](PrefixTrie& member, Collection which) {
+            if (which == Collection::prefixChild) disown(member);
         },
         [](PrefixTrie* member) {
             try {
@@ -146,7 +146,7 @@ template <Collection which> void PrefixTrie::putMember(PrefixTrie& member) {
     if (taken) taken->deleteRef();  // the collection's
     ++changes_;
     if constexpr (which == Collection::prefixChild) {
-        if (before) before->parentIs(nullptr);
+        if (before) disown(*before);
         member.parentIs(this);
     }
     velNotify(which == Collection::child ? childAttribute : prefixChildAttribute, member.velName());
@@ -158,10 +158,16 @@ template <Collection which> Ptr<PrefixTrie> PrefixTrie::memberDel(std::string_vi
     Ptr<PrefixTrie> const member(taken);
     taken->deleteRef();  // the collection's
     ++changes_;
-    if constexpr (which == Collection::prefixChild) member->parentIs(nullptr);
+    if constexpr (which == Collection::prefixChild) disown(*member);
     velNotify(which == Collection::child ? childAttribute : prefixChildAttribute, member->velName());
     return member;
 }
+
+// `member` has left prefixChild. Another trie may have taken it over before.
+void PrefixTrie::disown(PrefixTrie& member) const {
+    if (member.parent() == this) member.parentIs(nullptr);
+}
+
 Ptr<PrefixTrie> PrefixTrie::childDel(std::string_view key) { return memberDel<Collection::child>(key); }
 Ptr<PrefixTrie> PrefixTrie::prefixChildDel(std::string_view key) { return memberDel<Collection::prefixChild>(key); }
 

@@ -190,6 +190,7 @@ private:
     template <Members::Collection which> Vel::Ptr<PrefixTrie> memberDel(std::string_view key);
     std::pair<Vel::Ptr<PrefixTrie>, std::string_view> addStep(std::string_view path);
     template <Members::Collection which> void putMember(PrefixTrie& member);
+    void disown(PrefixTrie& member) const;
     PrefixTrie const* node(char const* signature, std::string_view path) const;
 
     Members members_;
