@@ -52,6 +52,16 @@ struct IdSetOptions {
 };
 int runIdSet(IdSetOptions const& options);  // somethingWrong only when the set does not hold the id asked for
 
+struct TrieOptions {
+    std::string file;                    // "-": standard input
+    std::string command;                 // empty: counts only
+    std::vector<std::string> arguments;  // paths, or the other file
+    bool ascii = false;
+    bool dot = false;
+    bool json = false;
+};
+int runTrie(TrieOptions const& options);  // somethingWrong also when an answer is no, and when tries differ
+
 // Loads libraries of further types. Returns the exit code: a library that brings no types is worth a warning.
 int loadModules(std::vector<std::string> const& paths);
 

@@ -76,6 +76,7 @@ std::string jsonText(Json const& answer) { return answer.dump(2, ' ', false, Jso
 
 std::string bold(std::string_view text) { return coloured("1", text); }
 std::string red(std::string_view text) { return coloured("31", text); }
+std::string green(std::string_view text) { return coloured("32", text); }
 
 std::string shown(std::string_view text) {
     bool const plain = !text.empty() && std::none_of(text.begin(), text.end(), isControl) && text.front() != ' ' &&

@@ -36,6 +36,7 @@ std::string jsonText(Json const& answer);  // with a newline; bytes that are no 
 // Only on a terminal, and not against the user's wish (NO_COLOR, TERM=dumb); else the text as it is.
 std::string bold(std::string_view text);
 std::string red(std::string_view text);
+std::string green(std::string_view text);
 
 // A text as people should see it: as it stands, or as a strep when that would hide something (control bytes, blanks at
 // the ends, nothing at all) or when it could be taken for a strep.

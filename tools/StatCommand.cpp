@@ -2,6 +2,7 @@
 #include "tools/Input.h"
 #include "tools/Names.h"
 #include "tools/Output.h"
+#include "tools/Progress.h"
 
 #include "Vel/Exception.h"
 #include "Vel/GenericIf.h"
@@ -9,12 +10,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Tool {
@@ -83,44 +81,6 @@ GenericValue startOf(VelType type, std::optional<std::string> const& text) {
         throw Failure(badUsage, what + error.what());
     }
 }
-
-// --- how far it has got, for whoever waits at a terminal ---
-
-class Progress {
-public:
-    Progress(Input const& input, bool mayMixWithAnswers)
-        : wanted_(::isatty(STDERR_FILENO) == 1 && ::isatty(input.descriptor()) == 0 &&
-                  !(mayMixWithAnswers && ::isatty(STDOUT_FILENO) == 1)),
-          next_(Clock::now() + std::chrono::seconds(1)) {
-        struct stat status {};
-        if (::fstat(input.descriptor(), &status) == 0 && S_ISREG(status.st_mode))
-            size_ = static_cast<std::uint64_t>(status.st_size);
-    }
-    Progress(Progress const&) = delete;
-    Progress& operator=(Progress const&) = delete;
-    ~Progress() { clear(); }
-
-    void tell(LineReader const& lines) {
-        if (!wanted_ || Clock::now() < next_) return;
-        next_ = Clock::now() + std::chrono::milliseconds(250);
-        std::string const part =
-            size_ ? ", " + std::to_string(100 * lines.bytesRead() / std::max(size_, lines.bytesRead())) + " %" : "";
-        std::fprintf(stderr, "\rmox: %lu lines%s", lines.number(), part.c_str());
-        shown_ = true;
-    }
-    void clear() {
-        if (shown_) std::fputs("\r\x1b[K", stderr);
-        shown_ = false;
-    }
-
-private:
-    using Clock = std::chrono::steady_clock;
-
-    bool wanted_;
-    bool shown_ = false;
-    std::uint64_t size_ = 0;  // 0: unknown
-    Clock::time_point next_;
-};
 
 // --- answers on the way ---
 

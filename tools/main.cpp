@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <charconv>
 #include <iostream>
 
@@ -12,7 +13,8 @@ using namespace Tool;
 
 constexpr char about[] = "Asks the Mox library: who this machine is, which types there are, what a value looks like as "
                          "text and as bytes, what a "
-                         "statistic makes of observations, what sets of ids come to.";
+                         "statistic makes of observations, what sets of ids come to, what a set of path prefixes "
+                         "says of a path.";
 
 constexpr char examples[] = R"~(Examples:
   mox cell                          which cell this is, which is active, and how we know
@@ -21,6 +23,7 @@ constexpr char examples[] = R"~(Examples:
   mox value --type Mox::Seqno16 7   a value: its attributes, its bytes, its hash
   mox stat CountStat counts.txt     a statistic of the observations in a file
   mox idset '(1-9) minus (3)'       a set of ids, computed
+  mox trie paths.txt has a/b.c      whether a path is below one of the prefixes in a file
   mox COMMAND --help                more about one command, with examples
 
 Exit codes: 0 fine; 1 there is an answer, but something is wrong; 2 the command line is wrong.)~";
@@ -116,6 +119,40 @@ Examples:
 Ids are below the size (--size, at most 16320: beyond, ids share bits). Exit code 2 for everything wrong with the expression
 or the files.)~";
 
+constexpr char trieHelp[] =
+    R"~(Answers from a set of path prefixes with tags, which everything below a prefix inherits. A file holds one path on each
+line, perhaps with tags behind it; blank lines and lines that begin with # are skipped:
+
+  site {north}                a prefix, with a tag
+  site/rack1.port7 {10g,lab}  one below it: its tags are {10g,lab,north}
+  tap*/rack2                  the star marks "tap" as a mount point, without making it a prefix
+
+A path is cut into components before each / and . but a leading one: site, /rack1, .port7. A star is no wildcard; the last
+component is a mount point without one. Paths have no blanks and at most 4096 components, tags no blanks and braces.
+
+Commands:
+  has PATH...        whether the path, or one that encloses it, is in the set
+  enclosing PATH...  the longest prefix in the set that encloses the path, or is it; - for none
+  proper PATH...     the longest one that is shorter than the path
+  leaf PATH...       whether the path has a node with nothing below it
+  state PATH...      the tags of that very prefix, - when it is not in the set
+  tree               drawn; --ascii without line characters, --dot for Graphviz
+  append OTHER       the trie merged with that of the file OTHER, as such a file
+  diff OTHER         lines with - for what is only in FILE, + only in OTHER, ~ different tags
+  (none)             how many prefixes, mount points, nodes and levels
+
+Examples:
+  mox trie paths.txt tree
+  mox trie paths.txt has site/rack9 && echo yes     exit code 0 when it is, 1 when not
+  mox trie paths.txt enclosing a/b a/c              PATH ANSWER on a line for each
+  cut -d' ' -f1 log | mox trie paths.txt has -      paths on standard input
+  mox trie paths.txt tree --dot | dot -Tsvg >paths.svg
+  mox trie old.txt append new.txt >all.txt
+  mox trie old.txt diff new.txt --json
+
+Exit code 1: an answer is False or -, the files differ, or lines were bad, which are shown on standard error and left out.
+Exit code 2: the command line is wrong, or a file cannot be read. Paths that begin with a dash go behind --.)~";
+
 // A number from 0 to 0xFFFFFFFF, or "none".
 std::uint32_t redundancyStatusFrom(std::string const& text) {
     std::uint32_t id = 0xFFFFFFFFu;
@@ -135,11 +172,13 @@ struct CommandLine {
     ValueOptions value;
     StatOptions stat;
     IdSetOptions idSet;
+    TrieOptions trie;
     CLI::App* cellCommand = nullptr;
     CLI::App* typesCommand = nullptr;
     CLI::App* valueCommand = nullptr;
     CLI::App* statCommand = nullptr;
     CLI::App* idSetCommand = nullptr;
+    CLI::App* trieCommand = nullptr;
 
     CommandLine() {
         app.footer(examples);
@@ -157,7 +196,9 @@ struct CommandLine {
         addValue();
         addStat();
         addIdSet();
-        for (CLI::App* const command : {&app, cellCommand, typesCommand, valueCommand, statCommand, idSetCommand})
+        addTrie();
+        for (CLI::App* const command :
+            {&app, cellCommand, typesCommand, valueCommand, statCommand, idSetCommand, trieCommand})
             command->set_help_flag("-h,--help", "Show this and leave");
     }
 
@@ -222,6 +263,18 @@ struct CommandLine {
         idSetCommand->add_flag("--json", idSet.json, "Answer in JSON");
     }
 
+    void addTrie() {
+        trieCommand =
+            app.add_subcommand("trie", "What a set of path prefixes says of a path")->footer(trieHelp)->fallthrough();
+        trieCommand->add_option("FILE", trie.file, "Paths, one a line; - for standard input")->type_name("");
+        trieCommand->add_option("COMMAND", trie.command, "What to do, as below")->type_name("");
+        trieCommand->add_option("ARGUMENTS", trie.arguments, "Paths, or - for those on standard input; another FILE")
+            ->type_name("");
+        trieCommand->add_flag("--ascii", trie.ascii, "tree: draw in ASCII, as where the locale is not UTF-8");
+        trieCommand->add_flag("--dot", trie.dot, "tree: for Graphviz");
+        trieCommand->add_flag("--json", trie.json, "Answer in JSON");
+    }
+
     int run() {
         int const code = loadModules(modules);
         return std::max(code, runCommand());
@@ -232,28 +285,53 @@ struct CommandLine {
         if (valueCommand->parsed()) return runValue(value);
         if (statCommand->parsed()) return runStat(stat);
         if (idSetCommand->parsed()) return runIdSet(idSet);
+        if (trieCommand->parsed()) return runTrie(trie);
         if (redundancyStatus) cell.redundancyStatus = redundancyStatusFrom(*redundancyStatus);
         return runCell(cell);
     }
 
     std::string missingCommand() const {
         auto const rest = app.remaining();
-        if (rest.empty()) return "say what to do: cell, types, value, stat or idset; " + helpHint();
-        return "there is no command " + shortened(shown(rest[0]), 80) + ", only cell, types, value, stat and idset; " +
-               helpHint();
+        if (rest.empty()) return "say what to do: cell, types, value, stat, idset or trie; " + helpHint();
+        return "there is no command " + shortened(shown(rest[0]), 80) +
+               ", only cell, types, value, stat, idset and trie; " + helpHint();
     }
 
     std::string helpHint() const {
-        for (CLI::App const* const command : {cellCommand, typesCommand, valueCommand, statCommand, idSetCommand})
+        for (CLI::App const* const command :
+            {cellCommand, typesCommand, valueCommand, statCommand, idSetCommand, trieCommand})
             if (command->parsed()) return "see \"mox " + command->get_name() + " --help\"";
         return "see \"mox --help\"";
     }
 };
 
+// CLI11 takes an argument such as "[a]" for a list of which the brackets are no part, but a path is a path: until it is
+// parsed, a byte behind it says so, which no argument has otherwise a use for.
+constexpr char isNoList = '\n';
+
+std::vector<std::string> argumentsFrom(int argc, char** argv) {
+    std::vector<std::string> arguments;
+    bool isTrie = false;
+    for (int i = 1; i < argc; ++i) {
+        std::string argument = argv[i];
+        if (isTrie && argument.starts_with('[') && argument.ends_with(']')) argument += isNoList;
+        isTrie = isTrie || argument == "trie";
+        arguments.push_back(std::move(argument));
+    }
+    std::reverse(arguments.begin(), arguments.end());  // as CLI11 wants them
+    return arguments;
+}
+
+void unmark(std::string& argument) {
+    if (argument.starts_with('[') && argument.ends_with(isNoList)) argument.pop_back();
+}
+
 int runMain(int argc, char** argv) {
     CommandLine line;
     try {
-        line.app.parse(argc, argv);
+        line.app.parse(argumentsFrom(argc, argv));
+        unmark(line.trie.file);
+        for (std::string& argument : line.trie.arguments) unmark(argument);
         return line.run();
     } catch (CLI::Success const& request) {  // --help, --version
         return line.app.exit(request);

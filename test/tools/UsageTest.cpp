@@ -10,7 +10,7 @@ using testing::HasSubstr;
 
 TEST(MoxUsageTest, HelpTeachesByExamples) {
     for (std::vector<std::string> const& arguments : {std::vector<std::string>{"--help"}, {"cell", "--help"},
-             {"types", "-h"}, {"value", "--help"}, {"stat", "--help"}, {"idset", "--help"}}) {
+             {"types", "-h"}, {"value", "--help"}, {"stat", "--help"}, {"idset", "--help"}, {"trie", "--help"}}) {
         Outcome const outcome = mox(arguments);
         EXPECT_EQ(outcome.code, 0);
         EXPECT_EQ(outcome.err, "");
@@ -31,9 +31,9 @@ TEST(MoxUsageTest, BadCommandLinesNameTheMistakeAndTheHelp) {
         EXPECT_EQ(outcome.out, "");
         return outcome.err;
     };
-    EXPECT_EQ(error({}), "mox: say what to do: cell, types, value, stat or idset; see \"mox --help\"\n");
-    EXPECT_EQ(
-        error({"cel"}), "mox: there is no command cel, only cell, types, value, stat and idset; see \"mox --help\"\n");
+    EXPECT_EQ(error({}), "mox: say what to do: cell, types, value, stat, idset or trie; see \"mox --help\"\n");
+    EXPECT_EQ(error({"cel"}),
+        "mox: there is no command cel, only cell, types, value, stat, idset and trie; see \"mox --help\"\n");
     EXPECT_EQ(
         error({"cell", "--nope"}), "mox: The following argument was not expected: --nope; see \"mox cell --help\"\n");
     EXPECT_EQ(

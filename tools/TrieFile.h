@@ -1,0 +1,37 @@
+#pragma once
+
+#include "examples/TagTrie.h"
+
+#include "tools/Input.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+// Files of path prefixes: one on each line, perhaps with tags behind it: "a*/b.c {lab,north}".
+namespace Tool {
+
+// Adding a path recurses once for each of its components, and walking through the trie for each level.
+inline constexpr std::size_t mostComponents = 4096;
+
+struct PathMistake {
+    std::string text;
+    std::size_t offset = 0;  // of the byte that is wrong
+};
+// Why a trie of this tool does not take the path, or nothing.
+std::optional<PathMistake> mistakeInPath(std::string_view path);
+
+// What is left without the blanks and tabs at both ends.
+std::string_view withoutMargins(std::string_view text);
+
+// A trie, and how many lines went into it.
+struct TrieFile {
+    Vel::Ptr<Tags::TagTrie> trie = Tags::TagTrie::newEntity("");
+    std::uint64_t taken = 0, rejected = 0;  // lines
+};
+
+// Bad lines are shown on standard error and left out. Throws Failure when the input cannot be read.
+TrieFile readTrie(Input& input);
+
+}  // namespace Tool
