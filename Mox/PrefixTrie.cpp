@@ -362,9 +362,9 @@ void PrefixTrie::upgradeState(Ptr<State> const& inheritedState, bool inheritedOn
     Ptr<State> passedOn = inheritedState;
     if (present_) {
         if (!state_) Vel::assertionFailed("state()", source, __LINE__, signature);
-        bool const changed = state()->upgradeState(inheritedState, inheritedOnly);
+        passedOn = state_;  // held: what it calls may take it away from this node
+        bool const changed = passedOn->upgradeState(inheritedState, inheritedOnly);
         if (!changed) return;
-        passedOn = state_;
     }
     for (Ptr<PrefixTrie> const c : childMembers()) c->upgradeState(passedOn, true);
 }
@@ -387,9 +387,9 @@ void PrefixTrie::appendInternal(Ptr<PrefixTrie const> const& other, Ptr<State> c
     bool changed = true;
     if (present_) {
         if (!state_) stateIs(newStateIs());
-        changed = state()->upgradeState(inheritedState, true);
-        if (Ptr<State> const given = other->state()) changed = state()->upgradeState(given, false) || changed;
-        passedOn = state_;
+        passedOn = state_;  // held, as above
+        changed = passedOn->upgradeState(inheritedState, true);
+        if (Ptr<State> const given = other->state()) changed = passedOn->upgradeState(given, false) || changed;
     }
     if (changed)
         for (Ptr<PrefixTrie> const c : childMembers())
