@@ -65,6 +65,8 @@ String unitedTags(String const& a, String const& b) {
     return String(set).dedup();
 }
 
+static_assert(sizeof(TagState) == 48);  // as the header says
+
 TagState::TagState() = default;
 TagState::~TagState() = default;
 
