@@ -269,10 +269,10 @@ void PrefixTrie::prefixDel(std::string_view path) {
 // --- queries ---
 
 // The node of the path, or null.
-PrefixTrie const* PrefixTrie::node(char const* signature, std::string_view path) const {
+PrefixTrie const* PrefixTrie::node(char const* function, char const* signature, std::string_view path) const {
     PrefixTrie const* at = this;
     for (std::string_view rest = path;;) {
-        if (traceHandle.enabled(8)) traceRecord(8, __LINE__, "node", signature, String(rest), " in ", at->velName());
+        if (traceHandle.enabled(8)) traceRecord(8, __LINE__, function, signature, String(rest), " in ", at->velName());
         PathStep const step(rest);
         at = at->members_.find(step.head, Collection::child);
         if (!at || step.last) return at;
@@ -281,18 +281,18 @@ PrefixTrie const* PrefixTrie::node(char const* signature, std::string_view path)
 }
 
 bool PrefixTrie::isPrefix(std::string_view path) const {
-    auto const* const found = node("bool Mox::PrefixTrie::isPrefix(const Vel::String&)", path);
+    auto const* const found = node("isPrefix", "bool Mox::PrefixTrie::isPrefix(const Vel::String&)", path);
     return found && found->present_;
 }
 
 bool PrefixTrie::isLeaf(std::string_view path) const {
-    auto const* const found = node("bool Mox::PrefixTrie::isLeaf(const Vel::String&) const", path);
+    auto const* const found = node("isLeaf", "bool Mox::PrefixTrie::isLeaf(const Vel::String&) const", path);
     return found && found->empty();
 }
 
 Ptr<PrefixTrieState> PrefixTrie::prefixState(std::string_view path) const {
     auto const* const found =
-        node("Vel::Ptr<Mox::PrefixTrieState> Mox::PrefixTrie::prefixState(const Vel::String&) ", path);
+        node("prefixState", "Vel::Ptr<Mox::PrefixTrieState> Mox::PrefixTrie::prefixState(const Vel::String&) ", path);
     return found && found->present_ ? found->state_ : nullptr;
 }
 

@@ -191,7 +191,7 @@ private:
     std::pair<Vel::Ptr<PrefixTrie>, std::string_view> addStep(std::string_view path);
     template <Members::Collection which> void putMember(PrefixTrie& member);
     void disown(PrefixTrie& member) const;
-    PrefixTrie const* node(char const* signature, std::string_view path) const;
+    PrefixTrie const* node(char const* function, char const* signature, std::string_view path) const;
 
     Members members_;
     Vel::Ptr<State> state_;
