@@ -60,7 +60,7 @@ TEST_P(PrefixTrieModelTest, EveryOperationDoesWhatTheModelDoes) {
     std::array<Pair, 3> pairs{pair(), pair(), pair()};
     hooks.newStates = 0;
     unsigned expectedStates = 0;
-    for (unsigned i = 0; i < 6000; ++i) {
+    for (unsigned i = 0; i < 4000; ++i) {
         Pair& one = pairs[below(pairs.size())];
         std::string const at = path();
         auto const before = one.model.newStates;
@@ -84,7 +84,9 @@ TEST_P(PrefixTrieModelTest, EveryOperationDoesWhatTheModelDoes) {
         expectedStates += one.model.newStates - before;
         for (unsigned n = 0; n < 3; ++n)
             ASSERT_EQ(differentAnswer(one, n ? path() : at), "") << "step " << i << ", seed " << GetParam().seed;
-        ASSERT_EQ(differentNode(*one.trie, one.model), "") << "step " << i << " at " << at;
+        if (i % 8 == 0) {
+            ASSERT_EQ(differentNode(*one.trie, one.model), "") << "step " << i << " at " << at;
+        }
         ASSERT_EQ(hooks.newStates, expectedStates) << "step " << i;
     }
 }

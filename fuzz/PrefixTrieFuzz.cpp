@@ -1,0 +1,114 @@
+#include "Vel/Module.h"
+#include "test/Mox/PrefixTrieModel.h"
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <span>
+#include <string>
+
+VEL_MODULE(TrieTest, 637926b7314de79f, TrieTest::State, TrieTest::Trie, TrieTest::Plain);
+
+// Two prefix tries in lock step with a plain model. The first byte chooses the kind of trie; each step is a byte of
+// operation and tags, and a path: its length and its characters, which are often separators and stars.
+
+namespace {
+
+using TrieTest::Hooks;
+using TrieTest::Model;
+using TrieTest::Pair;
+using TrieTest::Tags;
+
+[[noreturn]] void fail(std::string const& what) {
+    std::fprintf(stderr, "%s\n", what.c_str());
+    std::abort();
+}
+void require(std::string const& different) {
+    if (!different.empty()) fail(different);
+}
+
+class Bytes {
+public:
+    explicit Bytes(std::span<std::uint8_t const> bytes) : bytes_(bytes) {}
+
+    bool empty() const { return bytes_.empty(); }
+    unsigned next() {  // 0 at the end
+        if (bytes_.empty()) return 0;
+        unsigned const byte = bytes_[0];
+        bytes_ = bytes_.subspan(1);
+        return byte;
+    }
+    std::string nextPath() {
+        static constexpr char often[] = {'/', '.', '*', 'a', 'b'};
+        std::string path;
+        for (unsigned left = next() % 24; left > 0 && !empty(); --left) {
+            unsigned const byte = next();
+            path += byte < 160 ? often[byte % std::size(often)] : static_cast<char>(byte - 160);
+            if (byte >= 250) path.back() = static_cast<char>(byte);
+        }
+        return path;
+    }
+
+private:
+    std::span<std::uint8_t const> bytes_;
+};
+
+void step(Bytes& bytes, std::array<Pair, 2>& pairs) {
+    unsigned const choice = bytes.next();
+    Pair& one = pairs[choice % 2];
+    Pair const& other = pairs[1 - choice % 2];
+    std::string const path = bytes.nextPath();
+    Tags tags;
+    for (unsigned bit = 0; bit < 3; ++bit)
+        if (choice >> (5 + bit) & 1) tags.insert(std::string(1, static_cast<char>('x' + bit)));
+    switch (choice / 2 % 16) {
+    case 0:
+    case 1:
+    case 2:
+    case 3:
+    case 4:
+    case 5:
+    case 6:
+        if (!Model::mayBeAdded(path)) break;
+        one.trie->prefixIs(path, TrieTest::State::newEntity("s", tags));
+        one.model.add(path, tags);
+        break;
+    case 7:
+        one.trie->append(other.trie);
+        one.model.append(other.model);
+        break;
+    case 8:
+        one.trie->emptyIs(true);
+        one.model.empty({});
+        break;
+    default:
+        one.trie->prefixDel(path);
+        one.model.del(path);
+    }
+    require(differentAnswer(one, path));
+    require(differentAnswer(other, path));
+    require(differentAnswer(one, path.substr(0, path.size() / 2)));
+    require(differentAnswer(one, path + "/a"));
+    require(differentNode(*one.trie, one.model));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+    Bytes bytes({data, size});
+    unsigned const kind = bytes.next();
+    Hooks& hooks = Hooks::the();
+    hooks.recording = false;
+    hooks.prunedAreDestroyed = kind & 1;
+    hooks.freshTags = kind & 2 ? Tags{"fresh"} : Tags{};
+    {
+        std::array<Pair, 2> pairs;
+        for (Pair& pair : pairs)
+            pair.trie = kind & 4 ? TrieTest::Ptr<Mox::PrefixTrie>(TrieTest::Trie::newEntity("t"))
+                                 : TrieTest::Ptr<Mox::PrefixTrie>(TrieTest::Plain::newEntity("t"));
+        for (unsigned steps = 0; !bytes.empty() && steps < 200; ++steps) step(bytes, pairs);
+    }
+    if (TrieTest::liveNodes() || TrieTest::liveStates()) fail("a node or a state is still there");
+    return 0;
+}
