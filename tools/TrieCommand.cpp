@@ -90,22 +90,33 @@ std::vector<Ptr<PrefixTrie>> childrenInOrder(PrefixTrie const& node) {
     return children;
 }
 
-// Calls visit(node, path, level) for all that is below `node`, in order, each before what is below it.
-template <class Spell, class Visit>
-void walk(PrefixTrie const& node, std::string& path, std::size_t level, Spell spell, Visit const& visit) {
-    for (auto const& child : childrenInOrder(node)) {
-        std::size_t const size = path.size();
-        path += child->name().view();
-        path += spell(*child);
-        visit(*child, path, level);
-        walk(*child, path, level + 1, spell, visit);
-        path.resize(size);
+// Calls visit(node, path, level) for all that is below `trie`, in order, each before what is below it; a path has
+// spell(node) behind the key of each node. No recursion: visiting may need a good deal of the stack.
+template <class Spell, class Visit> void walk(PrefixTrie const& trie, Spell spell, Visit const& visit) {
+    struct Level {
+        std::vector<Ptr<PrefixTrie>> children;
+        std::size_t pathSize;  // of their parent
+        std::size_t next = 0;
+    };
+    std::vector<Level> way;
+    way.push_back({childrenInOrder(trie), 0});
+    for (std::string path; !way.empty();) {
+        Level& level = way.back();
+        path.resize(level.pathSize);
+        if (level.next == level.children.size()) {
+            way.pop_back();
+            continue;
+        }
+        PrefixTrie const& child = *level.children[level.next++];
+        path += child.name().view();
+        path += spell(child);
+        visit(child, path, way.size());
+        way.push_back({childrenInOrder(child), path.size()});
     }
 }
 template <class Visit> void walk(PrefixTrie const& trie, Visit const& visit) {
-    std::string path;
     walk(
-        trie, path, 1, [](PrefixTrie const&) { return ""; }, visit);
+        trie, [](PrefixTrie const&) { return ""; }, visit);
 }
 
 // --- the drawing ---
@@ -276,7 +287,7 @@ public:
     bool write(TagTrie const& here, TagTrie const& there, std::string const& hereName, std::string const& thereName,
         std::uint64_t bad) {
         names_ = red("--- " + hereName) + "\n" + green("+++ " + thereName) + "\n";
-        compareBelow(&here, &there);
+        compareAll(here, there);
         if (json_) {
             JsonList list(answers_, "\"onlyHere\": ");
             for (Json const& item : onlyHere_) list.add(item);
@@ -290,20 +301,37 @@ public:
     }
 
 private:
-    void compareBelow(PrefixTrie const* here, PrefixTrie const* there) {
-        auto const left = here ? childrenInOrder(*here) : std::vector<Ptr<PrefixTrie>>();
-        auto const right = there ? childrenInOrder(*there) : std::vector<Ptr<PrefixTrie>>();
+    // As walk, through both at once; one of them may end before the other.
+    struct Level {
+        std::vector<Ptr<PrefixTrie>> left, right;
+        std::size_t pathSize;
         std::size_t l = 0, r = 0;
-        while (l < left.size() || r < right.size()) {
+
+        Level(PrefixTrie const* here, PrefixTrie const* there, std::size_t size) : pathSize(size) {
+            if (here) left = childrenInOrder(*here);
+            if (there) right = childrenInOrder(*there);
+        }
+        bool isDone() const { return l == left.size() && r == right.size(); }
+        // The next two with the same key, or one and null.
+        std::pair<PrefixTrie const*, PrefixTrie const*> next() {
             bool const takeLeft = r == right.size() || (l < left.size() && left[l]->name() <= right[r]->name());
             bool const takeRight = l == left.size() || (r < right.size() && right[r]->name() <= left[l]->name());
-            PrefixTrie const* const a = takeLeft ? left[l++].get() : nullptr;
-            PrefixTrie const* const b = takeRight ? right[r++].get() : nullptr;
-            std::size_t const size = path_.size();
+            return {takeLeft ? left[l++].get() : nullptr, takeRight ? right[r++].get() : nullptr};
+        }
+    };
+    void compareAll(TagTrie const& here, TagTrie const& there) {
+        std::vector<Level> way;
+        way.emplace_back(&here, &there, 0);
+        while (!way.empty()) {
+            path_.resize(way.back().pathSize);
+            if (way.back().isDone()) {
+                way.pop_back();
+                continue;
+            }
+            auto const [a, b] = way.back().next();
             path_ += (a ? a : b)->name().view();
             compare(a && isListed(*a) ? a : nullptr, b && isListed(*b) ? b : nullptr);
-            compareBelow(a, b);
-            path_.resize(size);
+            way.emplace_back(a, b, path_.size());
         }
     }
 
@@ -472,8 +500,7 @@ private:
         std::optional<JsonList> list;
         if (options_.json) list.emplace(answers_, "\"prefixes\": ");
         auto const star = [](PrefixTrie const& node) { return isMountPointOnly(node) ? "*" : ""; };
-        std::string text;
-        walk(trie, text, 1, star, [&](PrefixTrie const& node, std::string const& path, std::size_t) {
+        walk(trie, star, [&](PrefixTrie const& node, std::string const& path, std::size_t) {
             if (!node.present()) return;
             if (list)
                 list->add({{"path", path}, {"tags", tagList(tagsOf(node))}});

@@ -12,7 +12,7 @@
 // Files of path prefixes: one on each line, perhaps with tags behind it: "a*/b.c {lab,north}".
 namespace Tool {
 
-// Adding a path recurses once for each of its components, and walking through the trie for each level.
+// Adding a path, appending and drawing may recurse once for each component.
 inline constexpr std::size_t mostComponents = 4096;
 
 struct PathMistake {
