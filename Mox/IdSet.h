@@ -159,7 +159,10 @@ private:
     static IdSet symmetricDifferenceOf(IdSet const& a, IdSet const& b) { return a ^ b; }
     static IdSet complementOf(IdSet const& a) { return ~a; }
     bool truth() const { return bool(*this); }
-    U64 deleteBucket(BucketId b) & { return bucketDel(b); }  // of the two forms, the one that reflection takes
+    // Of functions with several forms those that reflection takes.
+    U64 deleteBucket(BucketId b) & { return bucketDel(b); }
+    U64 deleteBucketAt(BucketIterator const& at) & { return bucketDel(at); }
+    IdIteratorConst walkIds() const;
     [[noreturn]] VEL_COLD static void failIterator(bool isConst, bool inKey);
 
     [[no_unique_address]] Detail::WordMap words_;  // whose padding has room for the size
@@ -176,11 +179,12 @@ template <class F> void IdSet::forEachId(F f) const {
 constexpr auto IdSet::description() {
     using Vel::AttributeOp;
     return Vel::record("Mox::IdSet", Vel::derived<&IdSet::size>("size"), Vel::ctorParam<Id>("initialId"),
-        Vel::collection<BucketId, U64, &IdSet::bucket, &IdSet::bucketIs, &IdSet::deleteBucket, &IdSet::buckets,
-            &IdSet::bucketChangeCounter, &IdSet::bucketExists>("bucket"),
+        Vel::iterated<&IdSet::bucketIterator, &IdSet::deleteBucketAt>(
+            Vel::collection<BucketId, U64, &IdSet::bucket, &IdSet::bucketIs, &IdSet::deleteBucket, &IdSet::buckets,
+                &IdSet::bucketChangeCounter, &IdSet::bucketExists>("bucket")),
         Vel::declared("maxBuckets"), Vel::declared("updateBucket"), Vel::declared("updateId"),
-        Vel::collection<Id, bool, &IdSet::id, &IdSet::updateId, &IdSet::idDel, Vel::none, Vel::none, &IdSet::idExists>(
-            "id"),
+        Vel::iterated<&IdSet::walkIds>(Vel::collection<Id, bool, &IdSet::id, &IdSet::updateId, &IdSet::idDel, Vel::none,
+            Vel::none, &IdSet::idExists>("id")),
         Vel::method<&IdSet::ids>("ids"), Vel::method<&IdSet::idSetAll>("idSetAll"),
         Vel::method<&IdSet::idSetRange>("idSetRange", "begin", "end"), Vel::method<&IdSet::firstId>("firstId"),
         Vel::method<&IdSet::nextId>("nextId", "bitPos"), Vel::method<&IdSet::stringValue>("stringValue"),

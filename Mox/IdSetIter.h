@@ -127,5 +127,6 @@ private:
 };
 
 inline IdSet::Iterator IdSet::begin() const { return Iterator(*this); }
+inline IdSet::IdIteratorConst IdSet::walkIds() const { return IdIteratorConst(*this); }
 
 }  // namespace Mox

@@ -248,4 +248,14 @@ template <auto Member, auto Getter, auto SetterFunction = Detail::None{}> conste
     return Detail::named<EntityAttribute<Member, Getter, SetterFunction>>(name);
 }
 
+// A collection that reflection can walk. Begin gives an iterator that is false at the end and has key() and next(), or
+// ++; Erase, if given, removes the member that an iterator stands on.
+template <class A, auto BeginFunction, auto EraseFunction> struct IteratedCollection : A {
+    static constexpr auto begin = BeginFunction;
+    static constexpr auto erase = EraseFunction;
+};
+template <auto Begin, auto Erase = none, class A> constexpr auto iterated(A collection) {
+    return IteratedCollection<A, Begin, Erase>{collection};
+}
+
 }  // namespace Vel

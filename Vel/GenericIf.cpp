@@ -85,6 +85,13 @@ bool VelAttr::answers(AttributeOp op) const { return static_cast<U32>(op) < 22 &
 VelType VelAttr::valueType() const { return type().glue().attributes[index_].valueType(); }
 VelType VelAttr::keyType() const { return type().glue().attributes[index_].keyType(); }
 VelType VelAttr::resultType() const { return type().glue().attributes[index_].resultType(); }
+CollectionIterator::~CollectionIterator() = default;
+
+std::unique_ptr<CollectionIterator> VelAttr::iterator(void* object) const {
+    auto* const iterate = type().glue().attributes[index_].iterate;
+    return iterate ? iterate(object) : nullptr;
+}
+
 U32 VelAttr::parameterCount() const { return record().parameterCount; }
 
 char const* VelAttr::parameterName(U32 i) const {

@@ -13,6 +13,7 @@
 // Reflection: every registered type reached through its record, without its header.
 namespace Vel {
 
+class CollectionIterator;
 class VelAttr;
 
 // A type: a record in a module's table. Copies are cheap; valid while the module stays loaded. A default one is null.
@@ -84,6 +85,8 @@ public:
     VelType valueType() const;   // null for a method, and for what is only declared
     VelType keyType() const;     // of a collection; else null
     VelType resultType() const;  // of a method that yields something; else null
+    // On the first member of this collection in `object`, given as for genericIfAttributeOp; null when it cannot be walked.
+    std::unique_ptr<CollectionIterator> iterator(void* object) const;
     U32 parameterCount() const;
     char const* parameterName(U32 i) const;
     VelType parameterType(U32 i) const;
@@ -95,6 +98,19 @@ private:
     U32 index_ = 0;
 };
 
+// Walks a collection that was reached by reflection. The object that holds the collection must outlive it; what may
+// change meanwhile is for the collection to say.
+class VEL_API CollectionIterator {
+public:
+    virtual ~CollectionIterator();
+    virtual bool exists() const = 0;  // false at the end
+    // These REQUIRE exists(). `result` is of the collection's key type, and of its value type.
+    virtual void key(void* result) const = 0;
+    virtual void object(void* result) const = 0;
+    virtual void next() = 0;
+    virtual bool del() = 0;  // removes the member that it stands on; false when the collection does not do that
+};
+
 // What an operation by attribute came to.
 enum class AttributeResult : int { done = 0, unsupported = 1, unknown = 2 };
 
@@ -103,6 +119,7 @@ struct AttributeGlue {
     VelType (*keyType)();
     VelType (*resultType)();
     VelType (*const* parameterTypes)();
+    std::unique_ptr<CollectionIterator> (*iterate)(void* object);  // from the first member on; null for none
 };
 
 // The operations of one type, as functions over untyped storage.

@@ -105,12 +105,45 @@ template <class T, std::size_t I> struct ParameterTypes {
     (std::make_index_sequence<std::tuple_size_v<Parameters>>{});
 };
 
+template <class T, class A> class CollectionIteratorOf final : public CollectionIterator {
+public:
+    explicit CollectionIteratorOf(T& object) : object_(object), at_(std::invoke(A::begin, object)) {}
+
+    bool exists() const override { return bool(at_); }
+    void key(void* result) const override { *static_cast<typename A::Key*>(result) = at_.key(); }
+    void object(void* result) const override { invokeInto<A::get>(result, object_, typename A::Key(at_.key())); }
+    void next() override {
+        if constexpr (requires { at_.next(); })
+            at_.next();
+        else
+            ++at_;
+    }
+    bool del() override {
+        if constexpr (given<A::erase>) std::invoke(A::erase, object_, at_);
+        return given<A::erase>;
+    }
+
+private:
+    T& object_;
+    std::invoke_result_t<decltype(A::begin), T&> at_;
+};
+
+template <class T, class A> constexpr auto iterateFunction() -> std::unique_ptr<CollectionIterator> (*)(void*) {
+    if constexpr (requires { A::begin; })
+        return [](void* object) -> std::unique_ptr<CollectionIterator> {
+            return std::make_unique<CollectionIteratorOf<T, A>>(objectAt<T>(object));
+        };
+    else
+        return nullptr;
+}
+
 template <class T> struct __attribute__((visibility("hidden"))) AttributeGluesOf {
     static constexpr auto value = []<std::size_t... I>(std::index_sequence<I...>) {
         return std::array<AttributeGlue, sizeof...(I) + 1>{
             AttributeGlue{TypeFunction<typename AttributeAt<T, I>::Value>::value,
                 TypeFunction<typename AttributeAt<T, I>::Key>::value,
-                TypeFunction<typename AttributeAt<T, I>::Result>::value, ParameterTypes<T, I>::value.data()}...,
+                TypeFunction<typename AttributeAt<T, I>::Result>::value, ParameterTypes<T, I>::value.data(),
+                iterateFunction<T, AttributeAt<T, I>>()}...,
             AttributeGlue{}};
     }
     (std::make_index_sequence<attributeCount<T>>{});
