@@ -48,9 +48,9 @@ VEL_API Vel::Ptr<PrefixTrieState> prefixTrieStateFactory();
 // answers. A child whose prefix is deleted, and which encloses no other, leaves `child` only: it is found again when its
 // path is added again, unless childInstanceDel takes it out of `prefixChild` too.
 //
-// Queries never allocate, but for a result that is a string; they and prefixDel take any depth. Adding, appending and
-// pushing states down call themselves through the virtual operations once for each component: 10 000 components are
-// fine on a stack of 8 MB. REQUIRES, for all operations on paths: no node is below itself.
+// Queries never allocate, but for a result that is a string; they, prefixDel and the release of a trie take any depth, as
+// does adding unless a derived class overrides prefixIs. Appending and pushing states down call themselves once for each
+// component: 10 000 components are fine on a stack of 8 MB. REQUIRES, for all operations on paths: no node is below itself.
 // Threads: a trie and the states in it are used by one thread at a time.
 class VEL_API PrefixTrie : public Vel::EntityOf<PrefixTrie> {
     using Members = Detail::NamedMembers<PrefixTrie>;

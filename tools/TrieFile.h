@@ -12,7 +12,7 @@
 // Files of path prefixes: one on each line, perhaps with tags behind it: "a*/b.c {lab,north}".
 namespace Tool {
 
-// Adding a path, appending and drawing may recurse once for each component.
+// Appending and pushing states down recurse once for each component.
 inline constexpr std::size_t mostComponents = 4096;
 
 struct PathMistake {
