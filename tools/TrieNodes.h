@@ -1,0 +1,127 @@
+#pragma once
+
+#include "tools/Output.h"
+
+#include "examples/TagTrie.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// What the parts of the command "trie" share: answers of any length, and walking through a trie.
+namespace Tool {
+
+using Mox::PrefixTrie;
+using Tags::TagTrie;
+using Vel::Ptr;
+
+// --- answers of any length ---
+
+class Answers {
+public:
+    void add(std::string_view text) {
+        text_ += text;
+        if (text_.size() >= 65536) flush();
+    }
+    void flush() {
+        print(text_);
+        text_.clear();
+    }
+
+private:
+    std::string text_;
+};
+
+// A JSON object with one long list, one item on a line.
+class JsonList {
+public:
+    JsonList(Answers& answers, std::string const& begin) : answers_(answers) { answers_.add("{" + begin + "["); }
+    void add(Json const& item) {
+        answers_.add(count_++ == 0 ? "\n  " : ",\n  ");
+        answers_.add(item.dump(-1, ' ', false, Json::error_handler_t::replace));
+    }
+    void next(std::string const& begin) {  // one more list
+        end();
+        answers_.add(", " + begin + "[");
+        count_ = 0;
+    }
+    void close(std::uint64_t bad) {
+        end();
+        answers_.add(", \"bad\": " + std::to_string(bad) + "}\n");
+    }
+
+private:
+    void end() { answers_.add(count_ == 0 ? "]" : "\n]"); }
+
+    Answers& answers_;
+    std::size_t count_ = 0;
+};
+
+// --- nodes ---
+
+inline Vel::String tagsOf(PrefixTrie const& node) {
+    return node.state() ? Vel::ptr_cast<Tags::TagState>(node.state())->tags() : Vel::String();
+}
+inline std::string tagText(PrefixTrie const& node) { return "{" + tagsOf(node).stdString() + "}"; }
+inline std::string tagsBehind(PrefixTrie const& node) { return tagsOf(node).empty() ? "" : " " + tagText(node); }
+
+inline Json tagList(std::string_view tags) {
+    Json list = Json::array();
+    while (!tags.empty()) {
+        auto const comma = std::min(tags.find(','), tags.size());
+        list.push_back(tags.substr(0, comma));
+        tags.remove_prefix(std::min(comma + 1, tags.size()));
+    }
+    return list;
+}
+
+inline bool isMountPointOnly(PrefixTrie const& node) { return node.mountPoint() && !node.present(); }
+inline bool isListed(PrefixTrie const& node) { return node.present() || node.mountPoint(); }
+
+inline std::vector<Ptr<PrefixTrie>> childrenInOrder(PrefixTrie const& node) {
+    std::vector<Ptr<PrefixTrie>> children;
+    children.reserve(node.children());
+    for (auto const& child : node.childMembers()) children.push_back(child);
+    std::sort(children.begin(), children.end(), [](auto const& a, auto const& b) { return a->name() < b->name(); });
+    return children;
+}
+
+// Calls visit(node, path, level) for all that is below `trie`, in order, each before what is below it; a path has
+// spell(node) behind the key of each node. No recursion: visiting may need a good deal of the stack.
+template <class Spell, class Visit> void walk(PrefixTrie const& trie, Spell spell, Visit const& visit) {
+    struct Level {
+        std::vector<Ptr<PrefixTrie>> children;
+        std::size_t pathSize;  // of their parent
+        std::size_t next = 0;
+    };
+    std::vector<Level> way;
+    way.push_back({childrenInOrder(trie), 0});
+    for (std::string path; !way.empty();) {
+        Level& level = way.back();
+        path.resize(level.pathSize);
+        if (level.next == level.children.size()) {
+            way.pop_back();
+            continue;
+        }
+        PrefixTrie const& child = *level.children[level.next++];
+        path += child.name().view();
+        path += spell(child);
+        visit(child, path, way.size());
+        way.push_back({childrenInOrder(child), path.size()});
+    }
+}
+template <class Visit> void walk(PrefixTrie const& trie, Visit const& visit) {
+    walk(
+        trie, [](PrefixTrie const&) { return ""; }, visit);
+}
+
+inline Json jsonOf(PrefixTrie const& node, std::string const& path) {
+    return {{"path", path}, {"present", node.present()}, {"mountPoint", node.mountPoint()},
+        {"tags", tagList(tagsOf(node))}};
+}
+
+}  // namespace Tool
