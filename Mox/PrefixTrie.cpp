@@ -399,4 +399,4 @@ void PrefixTrie::appendInternal(Ptr<PrefixTrie const> const& other, Ptr<State> c
 
 }  // namespace Mox
 
-VEL_MODULE(PrefixTrie, 2ca13fcfeae590b0, Mox::PrefixTrieState, Mox::PrefixTrie);
+VEL_MODULE(PrefixTrie, 9a69df417466d32c, Mox::PrefixTrieState, Mox::PrefixTrie);

@@ -9,6 +9,13 @@
 #include <string_view>
 #include <utility>
 
+namespace Vel {
+struct StreamTable;
+namespace NboAttrLog {
+class FlowOut;
+}
+}  // namespace Vel
+
 // A set of path prefixes with a state for each, which everything below a prefix inherits.
 //
 // Both classes are made to be derived from: a state says what it holds, how it merges and how it prints; a trie says which
@@ -133,6 +140,8 @@ public:
     VelPrefixChild prefixChildMembers() const;
 
     Vel::Ptr<Vel::Entity> velChild(std::string_view name) const override;
+    class FlowOut;  // what a reader still has to be sent of a node; see PrefixTrieFlowOut.h
+    static Vel::NboAttrLog::FlowOut* velNewFlowOut(Vel::StreamTable const& table, Vel::AttributeId from);
     std::size_t velCollectionMemory() const noexcept { return members_.memory(); }  // bytes allocated for both
 
     static constexpr auto description() {
@@ -144,10 +153,11 @@ public:
             Vel::attribute<&T::state_, &T::state, &T::stateIs>("state"),  // 258
             Vel::attribute<&T::mountPoint_, &T::mountPoint, &T::mountPointIs>("mountPoint"),
             Vel::attribute<&T::present_, &T::present, &T::presentIs>("present"),
-            collection<String, Node, &T::child, &T::childIs, &T::childDel, &T::children, &T::childChangeCounter,
-                &T::childExists>("child"),  // 261
-            collection<String, Node, &T::prefixChild, &T::prefixChildIs, &T::prefixChildDel, &T::prefixChildren,
-                &T::prefixChildChangeCounter, &T::prefixChildExists>("prefixChild"),
+            Vel::references<&T::childMembers>(collection<String, Node, &T::child, &T::childIs, &T::childDel,
+                &T::children, &T::childChangeCounter, &T::childExists>("child")),  // 261
+            Vel::instances<&T::prefixChildMembers, &T::velPrefixChildIs>(
+                collection<String, Node, &T::prefixChild, &T::prefixChildIs, &T::prefixChildDel, &T::prefixChildren,
+                    &T::prefixChildChangeCounter, &T::prefixChildExists>("prefixChild")),
             method<&T::newStateIs>("newStateIs"),         // 263
             method<&T::newChildIs>("newChildIs", "key"),  //
             method<&T::childInstanceDel>("childInstanceDel", "key"),

@@ -173,6 +173,21 @@ struct Collection<KeyType, ValueType, CollectionOps<Get, Set, Del, Count, Change
     static constexpr auto exists = Exists;
 };
 
+// How a collection of entities travels to replicas: who makes the members there, and how they are visited here.
+enum class Members : U8 {
+    none = 0,        // the collection does not travel
+    references = 1,  // key and member; the member is announced by itself
+    instances = 2    // the replica's collection makes the member from the key
+};
+
+// A collection that is streamed. Visit gives its members: a range of Ptr to members that are named by their keys, or a
+// function that calls its argument with each. Adopt, of instances, takes a member that was made elsewhere.
+template <class A, Members How, auto VisitFunction, auto AdoptFunction> struct StreamedCollection : A {
+    static constexpr Members members = How;
+    static constexpr auto visit = VisitFunction;
+    static constexpr auto adopt = AdoptFunction;
+};
+
 template <class ValueType, AttributeKind Kind> struct Declared : Detail::AttributeBase {
     using Value = ValueType;
     static constexpr auto kind = Kind;
@@ -236,6 +251,14 @@ template <class Key, class Value, auto Get = none, auto Set = none, auto Del = n
     auto ChangeCounter = none, auto Exists = none>
 constexpr auto collection(char const* name) {
     return Detail::named<Collection<Key, Value, CollectionOps<Get, Set, Del, Count, ChangeCounter, Exists>>>(name);
+}
+// A collection that travels to replicas, which put the members that they are sent into it. It needs Set and Del.
+template <auto Visit, class A> constexpr auto references(A collection) {
+    return StreamedCollection<A, Members::references, Visit, Detail::None{}>{collection};
+}
+// The same, but the replica's collection makes the members itself: Set takes the key alone.
+template <auto Visit, auto Adopt, class A> constexpr auto instances(A collection) {
+    return StreamedCollection<A, Members::instances, Visit, Adopt>{collection};
 }
 // A parameter of the constructor that is listed among the attributes.
 template <class Value> constexpr auto ctorParam(char const* name) {

@@ -92,4 +92,4 @@ Ptr<Dir> globalDir() {
 
 }  // namespace Vel
 
-VEL_MODULE(Dir, 77ce780858828e86, Vel::Entity, Vel::Dir);
+VEL_MODULE(Dir, a59ae0616679f906, Vel::Entity, Vel::Dir);

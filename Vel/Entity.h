@@ -29,6 +29,8 @@ private:
 // Threads: none of its own; one thread at a time, but for the references (see VFPtrInterface).
 class VEL_API Entity : public PtrInterface {
 public:
+    class VelNboAttrLogSa;  // see StreamAdapter.h
+
     // These follow PtrInterface's virtual operations in this order.
     NotifieeList* notifieeList() const override;
     ~Entity() override;

@@ -15,6 +15,7 @@ TypeException::~TypeException() = default;
 UnhashableException::~UnhashableException() = default;
 NewEntityArgsException::~NewEntityArgsException() = default;
 MutatorArgNullPointerException::~MutatorArgNullPointerException() = default;
+ReadOnlyException::~ReadOnlyException() = default;
 ModuleException::~ModuleException() = default;
 
 namespace {

@@ -99,6 +99,13 @@ public:
     ~MutatorArgNullPointerException() override;
 };
 
+// A change was sent to a copy, or a source, that takes none.
+class VEL_API ReadOnlyException : public Exception {
+public:
+    using Exception::Exception;
+    ~ReadOnlyException() override;
+};
+
 // A module descriptor was refused: malformed, or naming a type that another module has registered.
 class VEL_API ModuleException : public Exception {
 public:

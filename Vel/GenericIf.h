@@ -15,6 +15,7 @@ namespace Vel {
 
 class CollectionIterator;
 class VelAttr;
+struct StreamTable;
 
 // A type: a record in a module's table. Copies are cheap; valid while the module stays loaded. A default one is null.
 class VEL_API VelTypeBase {
@@ -150,6 +151,7 @@ struct TypeGlue {
     // Null for a type that cannot be created.
     Ptr<PtrInterface> (*newEntity)(String const& name, void const* const* arguments);
     AllocTrackTypeInfo* allocTrack;  // of an entity type; else null
+    StreamTable const& (*stream)();  // what of an entity type travels to replicas; else null
 };
 
 // What reaches an attribute by its number is inline: that is the way of a program that does so all the time.

@@ -52,6 +52,8 @@ Notifiee::~Notifiee() { notifierIs(nullptr); }
 
 void Notifiee::handleAttribute(AttributeId attribute, NotifieeKey const&) { handleAttribute(attribute); }
 
+void Notifiee::handleNotifierDel() noexcept {}
+
 void Notifiee::notifierIs(Entity const* notifier) {
     if (block_) {
         NotifieeBlock& block = *block_;
@@ -76,8 +78,15 @@ void NotifieeList::add(Notifiee& notifiee) {
 void NotifieeList::deleteAll() noexcept {
     if (!block_) return;
     NotifieeBlock* const block = std::exchange(block_, nullptr);
-    for (Notifiee* const notifiee : block->entries)
-        if (notifiee) notifiee->block_ = nullptr;
+    ++block->visits;  // observers may go while others are told, and places must not move
+    for (std::size_t i = 0; i < block->entries.size(); ++i) {
+        Notifiee* const notifiee = block->entries[i];
+        if (!notifiee) continue;
+        block->entries[i] = nullptr;
+        notifiee->block_ = nullptr;
+        notifiee->handleNotifierDel();
+    }
+    --block->visits;
     block->entries.clear();
     block->holes = 0;
     block->list = nullptr;

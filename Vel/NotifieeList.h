@@ -43,6 +43,8 @@ public:
 
     virtual void handleAttribute(AttributeId attribute) = 0;
     virtual void handleAttribute(AttributeId attribute, NotifieeKey const& key);  // a collection's member
+    // The entity is being destroyed and can't be asked any more; this observer is already withdrawn.
+    virtual void handleNotifierDel() noexcept;
 
     // Observes `notifier`, and nothing else any more; null: nothing. Holds no reference: when the entity goes, the
     // observer is withdrawn. REQUIRES: an entity that has an observer list.

@@ -2,6 +2,7 @@
 
 #include "Vel/internal/DeriveFingerprint.h"
 #include "Vel/internal/DeriveGlue.h"
+#include "Vel/internal/DeriveStream.h"
 #include "Vel/internal/DeriveTable.h"
 #include "Vel/internal/DeriveText.h"
 

@@ -43,7 +43,10 @@ template <class T> constexpr void spellType(Fnv& hash) {
         hash << "attribute " << firstAttributeId<T>() + static_cast<U32>(decltype(index)::value) << " " << a.name
              << " kind " << U32(A::kind) << " ops " << A::ops << " value "
              << orDash(TypeNameOf<typename A::Value>::value) << " key " << orDash(TypeNameOf<typename A::Key>::value)
-             << " result " << orDash(TypeNameOf<typename A::Result>::value) << "\n";
+             << " result " << orDash(TypeNameOf<typename A::Result>::value);
+        if constexpr (requires { A::members; })
+            hash << (A::members == Members::instances ? " instances" : " references");
+        hash << "\n";
         forEachParameter(a,
             [&](std::string_view name, std::string_view type) { hash << "parameter " << name << " " << type << "\n"; });
     });

@@ -156,6 +156,9 @@ template <class T> constexpr AttributeGlue const* attributeGlues() {
         return nullptr;
 }
 
+// Defined where entities are known: DeriveStream.h.
+template <class T> StreamTable const& streamTable();
+
 template <class T> struct __attribute__((visibility("hidden"))) GlueOf {
     static constexpr TypeGlue make() {
         TypeGlue glue{};
@@ -168,6 +171,7 @@ template <class T> struct __attribute__((visibility("hidden"))) GlueOf {
         if constexpr (DescribedEntity<T>) {
             if constexpr (requires { &T::velNewEntity; }) glue.newEntity = &T::velNewEntity;
             glue.allocTrack = &allocTrack<T>;
+            glue.stream = &streamTable<T>;
         } else {
             glue.genericIfConstruct = &genericIfConstruct<T>;
             glue.genericIfConstructFromCtorArgs = &genericIfConstructFromCtorArgs<T>;

@@ -239,9 +239,10 @@ TEST_F(DirTest, EntriesAreReachedByReflection) {
     Ptr<Entity> found;
     EXPECT_EQ(op(&found, AttributeOp::get, &name), 0);
     EXPECT_EQ(found, leaf);
-    EXPECT_EQ(op(nullptr, AttributeOp::set, &name), 1);
     EXPECT_EQ(op(nullptr, AttributeOp::del, &name), 0);
     EXPECT_EQ(dir->entries(), 0u);
+    EXPECT_EQ(dir->attributeOp(nullptr, entry, AttributeOp::set, &name, &leaf), 0);
+    EXPECT_EQ(dir->entry("leaf"), leaf);
 }
 
 // --- the root ---

@@ -1,0 +1,49 @@
+#include "Vel/AttrLog.h"
+
+#include <algorithm>
+
+namespace Vel::NboAttrLog {
+
+AttrLog::AttrLog(std::size_t chunkSize) : chunkSize_(chunkSize) {
+    chunks_.push_back(std::make_shared<Out>(chunkSize_));
+}
+AttrLog::~AttrLog() = default;
+
+Out& AttrLog::room(std::size_t size) {
+    Out& last = *chunks_.back();
+    if (last.size() == 0) {
+        last.reserve(size);
+        return last;
+    }
+    if (last.capacity() - last.size() >= size) return last;
+    if (size <= chunkSize_ && !free_.empty()) {
+        chunks_.push_back(std::move(free_.back()));
+        free_.pop_back();
+    } else {
+        chunks_.push_back(std::make_shared<Out>(std::max(size, chunkSize_)));
+    }
+    return *chunks_.back();
+}
+
+std::span<U8 const> AttrLog::read(Position& at, std::size_t limit) const {
+    for (;;) {
+        auto const bytes = chunks_[at.chunk - firstChunk_]->bytes().subspan(at.offset);
+        if (!bytes.empty()) return bytes.first(std::min(limit, bytes.size()));
+        if (at.chunk - firstChunk_ + 1 == chunks_.size()) return {};
+        at = {at.chunk + 1, 0};
+    }
+}
+
+void AttrLog::drop(Position before) {
+    while (chunks_.size() > 1 && firstChunk_ < before.chunk) {
+        std::shared_ptr<Out> chunk = std::move(chunks_.front());
+        chunks_.pop_front();
+        ++firstChunk_;
+        size_ -= chunk->size();
+        if (chunk.use_count() != 1 || chunk->capacity() > chunkSize_ || free_.size() >= 4) continue;
+        chunk->clear();
+        free_.push_back(std::move(chunk));
+    }
+}
+
+}  // namespace Vel::NboAttrLog

@@ -1,0 +1,278 @@
+#include "Vel/AttrLogReader.h"
+
+#include "Vel/Exception.h"
+
+#include <algorithm>
+
+namespace Vel {
+
+using NboAttrLog::FlowConnection;
+using NboAttrLog::In;
+using NboAttrLog::MessageKind;
+using NboAttrLog::OutSm;
+
+AttrLogReader::AttrLogReader(Finder finder, StreamLimits const& limits)
+    : StreamPeer(limits), FlowConnection(nullptr), finder_(std::move(finder)) {}
+
+AttrLogReader::~AttrLogReader() { leave(); }
+
+void AttrLogReader::leave() {
+    if (!source_) return;
+    source_->detach(*this);
+    source_ = nullptr;
+    isLive_ = false;
+    isAwaiting_ = false;
+    FlowConnection::clear();
+    gone_.clear();
+}
+
+void AttrLogReader::closed(String const& reason) {
+    leave();
+    StreamPeer::closed(reason);
+}
+
+void AttrLogReader::sourceIsGone() {
+    finishLogMessage();
+    leave();
+    refuse("what was served is gone");
+}
+
+// --- what comes in ---
+
+void AttrLogReader::handleMessage(MessageKind kind, In& body) {
+    if (kind == MessageKind::hello && !source_) return hello(body);
+    if (kind != MessageKind::write || !source_)
+        throw StreamException(format("a reader sends no message of kind %u now", static_cast<unsigned>(kind)), 0);
+    EntityId const id = body.nextU32();
+    AttributeId const attribute = body.nextU32();
+    Entity::VelNboAttrLogSa* const adapter = source_->adapter(id);
+    if (!adapter) return;  // gone, and the reader has not heard of it yet
+    AttrLogSource::Write const write(*source_, mayWrite_);
+    In items({body.data(), body.left()});
+    adapter->writeFromRemote(attribute, items);
+}
+
+void AttrLogReader::hello(In& body) {
+    if (body.nextU32() != streamMagic) throw StreamException("not an attribute log", 0);
+    U16 const version = body.nextU16();
+    bool const wantsToWrite = body.nextbool();
+    String const path = body.nextString();
+    U32 const count = body.nextU32();
+    if (count > limits().modules) throw StreamException(format("%u modules are too many", count), body.offset());
+    for (U32 i = 0; i < count; ++i) {
+        String const name = body.nextString();
+        modules_[name.stdString()] = body.nextU64();
+    }
+    if (body.left() != 0) throw StreamException("a hello with bytes behind its end", body.offset());
+    if (version != streamVersion)
+        return refuse(format("version %u of the protocol is wanted, and %u is spoken", version, streamVersion));
+    AttrLogSource* const source = finder_(path);
+    if (!source) return refuse("there is nothing at " + valueToStrep(path));
+    source_ = source;
+    demuxerIs(*source);
+    mayWrite_ = wantsToWrite && source->options().mayWrite;
+    bool const wanted = wantsOutput();
+    controlOut().begin(MessageKind::welcome, 3) << streamVersion << mayWrite_;
+    controlOut().commit();
+    source->attach(*this);
+    if (!wanted) wake();
+}
+
+// --- versions ---
+
+namespace {
+
+// Calls f(module) for the modules of all types that make up what is sent of this one.
+template <class F> bool eachModule(VelType type, std::vector<VelType>& seen, F const& f) {
+    for (; type; type = type.base()) {
+        if (std::find(seen.begin(), seen.end(), type) != seen.end()) return true;
+        seen.push_back(type);
+        if (!f(type)) return false;
+        for (U32 i = 0; i < type.attributeCount(); ++i) {
+            VelAttr const attribute = type.attribute(i);
+            AttributeKind const kind = attribute.kind();
+            if (kind != AttributeKind::field && kind != AttributeKind::entityAttribute &&
+                kind != AttributeKind::collection)
+                continue;
+            for (VelType const part : {attribute.valueType(), attribute.keyType()})
+                if (part && !part.isEntity() && !eachModule(part, seen, f)) return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+bool AttrLogReader::accepts(VelType type, String& reason) const {
+    std::vector<VelType> seen;
+    return eachModule(type, seen, [&](VelType part) {
+        String const module = part.moduleName();
+        auto const found = modules_.find(module.stdString());
+        if (found == modules_.end())
+            reason = format(
+                "module %s, fingerprint %016lx here, is missing there", module.charPtr(), part.moduleFingerprint());
+        else if (found->second != part.moduleFingerprint())
+            reason = format("module %s has fingerprint %016lx here and %016lx there", module.charPtr(),
+                part.moduleFingerprint(), found->second);
+        return reason.empty();
+    });
+}
+
+void AttrLogReader::typeIsNeeded(VelType type) {
+    String reason;
+    if (!accepts(type, reason)) throw Refusal{reason};
+}
+
+void AttrLogReader::refuseLater(String text) {
+    if (refusal_.empty()) refusal_ = std::move(text);
+}
+
+// --- what goes out ---
+
+bool AttrLogReader::wantsOutput() const {
+    if (StreamPeer::wantsOutput()) return true;
+    if (!source_ || isClosing()) return false;
+    return !isLive_ || !refusal_.empty() || position_ != source_->log().head();
+}
+
+std::span<U8 const> AttrLogReader::output(std::size_t limit) {
+    outstanding_ = 0;
+    kept_ = nullptr;
+    if (!refusal_.empty() && !isClosing()) {
+        finishLogMessage();
+        refuse(std::exchange(refusal_, String()));
+    }
+    if (isClosing()) leave();
+    if (source_) {
+        source_->sweepIfDue();
+        if (hasControl()) finishLogMessage();
+    }
+    if (source_ && !isLive_) {
+        room_ = limit;
+        try {
+            if (!hasControl()) catchUp();
+        } catch (Refusal const& refusal) {
+            refuse(refusal.text);
+        }
+    }
+    if (isLive_ && !StreamPeer::wantsOutput()) {
+        auto const bytes = source_->log().read(position_, limit);
+        outstanding_ = bytes.size();
+        if (outstanding_ != 0) {
+            kept_ = source_->log().chunk(position_);
+        } else if (!std::exchange(isAwaiting_, true)) {
+            source_->awaits(*this);
+        }
+        return bytes;
+    }
+    return StreamPeer::output(limit);
+}
+
+void AttrLogReader::outputTaken(std::size_t count) {
+    if (outstanding_ == 0) return StreamPeer::outputTaken(count);
+    outstanding_ -= count;
+    position_.offset += count;
+}
+
+// Sends of what is flagged as much as there is room for; when nothing is left, the reader goes on with the log.
+void AttrLogReader::catchUp() {
+    while (isOkToSerialize()) {
+        if (!isAnnounced(*source_->adapter(source_->root()))) announce(*source_->adapter(source_->root()), {});
+        continueFlowOut();
+        if (hasWaiting()) continue;
+        // What is in the view and can't be reached just now may be reached again.
+        U32 const slot = source_->slots().firstNotIn(announced());
+        if (slot != NboAttrLog::SlotSet::none) {
+            announce(*source_->adapterAt(slot), {});
+        } else if (!gone_.empty()) {
+            out_.begin(MessageKind::gone, 4) << gone_.back();
+            out_.commit();
+            gone_.pop_back();
+        } else {
+            tellTypes();
+            if (!std::exchange(hasSynced_, true)) {
+                out_.begin(MessageKind::synced, 0);
+                out_.commit();
+            }
+            position_ = source_->log().head();
+            isLive_ = true;
+            source_->goLive(*this);
+            return;
+        }
+    }
+}
+
+// What is on its way goes on from the reader's own output, which takes over.
+void AttrLogReader::ownOutstanding() {
+    if (outstanding_ == 0) return;
+    out_.add(source_->log().read(position_, outstanding_));
+    position_.offset += outstanding_;
+    outstanding_ = 0;
+}
+
+// So that something else can be said: what is left of the message that the reader is in goes to its own output.
+void AttrLogReader::finishLogMessage() {
+    if (!isLive_) return;
+    ownOutstanding();
+    std::size_t finished = 0;
+    source_->log().scan(
+        position_,
+        [&](std::span<U8 const> rest) {
+            out_.add(rest);
+            finished = rest.size();
+        },
+        [](std::span<U8 const>) {});
+    position_.offset += finished;
+}
+
+void AttrLogReader::toldToCatchUp() {
+    finishLogMessage();
+    knowledgeIs(*source_->live());
+    isLive_ = false;
+    std::unordered_set<EntityId> announced;
+    auto const eachUnread = [&](auto f) {
+        source_->log().scan(
+            position_, [](std::span<U8 const>) {}, f);
+    };
+    eachUnread([&](std::span<U8 const> message) {
+        if (static_cast<MessageKind>(message[4]) != MessageKind::announce) return;
+        EntityId const id = NboAttrLog::load<U32>(message.data() + NboAttrLog::messageHeaderSize);
+        announced.insert(id);
+        if (auto* const adapter = source_->adapter(id)) unannounce(*adapter);
+    });
+    eachUnread([&](std::span<U8 const> message) { flagMessage(message, announced); });
+    source_->leaveLive(*this, true);
+    if (std::exchange(isAwaiting_, false)) wake();
+}
+
+// Flags what a message says that the reader has not read.
+void AttrLogReader::flagMessage(std::span<U8 const> message, std::unordered_set<EntityId> const& announced) {
+    In in(message.subspan(NboAttrLog::messageHeaderSize));
+    auto const kind = static_cast<MessageKind>(message[4]);
+    U32 id = in.nextU32();
+    if (kind == MessageKind::type) return typeIsTold(id, false);
+    if (kind == MessageKind::gone) {
+        if (!announced.contains(id)) goneIs(id);
+        return;
+    }
+    if (kind == MessageKind::announce) {
+        in.nextU32();
+        id = in.nextU32();  // the one whose collection it came with
+        if (id == 0) return;
+    }
+    auto* const adapter = source_->adapter(id);
+    StreamAttribute const* const attribute = adapter ? adapter->table().find(in.nextU32()) : nullptr;
+    if (!attribute) return;
+    if (!attribute->isCollection()) {
+        if (kind != MessageKind::announce)
+            source_->changeCounted(!adapter->flowOutOnAttributeForConnection(*this, *attribute));
+        return;
+    }
+    U8 const* const key = in.data();
+    attribute->skipKey(in);
+    std::string_view const view(reinterpret_cast<char const*>(key), static_cast<std::size_t>(in.data() - key));
+    source_->changeCounted(
+        !adapter->flowOutOnAttributeForConnection(*this, *attribute, view, kind != MessageKind::keyDel, nullptr));
+}
+
+}  // namespace Vel

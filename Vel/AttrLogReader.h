@@ -1,0 +1,64 @@
+#pragma once
+
+#include "Vel/AttrLogSource.h"
+#include "Vel/StreamProtocol.h"
+
+#include <functional>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace Vel {
+
+// A source's side of one connection. It waits for a hello, then catches up, then reads the log.
+class VEL_API AttrLogReader final : public StreamPeer, public NboAttrLog::FlowConnection {
+public:
+    using Finder = std::function<AttrLogSource*(String const& path)>;
+
+    // `finder` gives the source for the path that the reader asks for, or null.
+    AttrLogReader(Finder finder, StreamLimits const& limits);
+    ~AttrLogReader() override;
+
+    std::span<U8 const> output(std::size_t limit) override;
+    void outputTaken(std::size_t count) override;
+    bool wantsOutput() const override;
+    void closed(String const& reason) override;
+
+    bool isLive() const { return isLive_; }
+    NboAttrLog::AttrLog::Position position() const { return position_; }
+    void toldToCatchUp();           // it has fallen too far behind, and is not live any more
+    void sourceIsGone();            //
+    void refuseLater(String text);  // at the next output
+    bool accepts(VelType type, String& reason) const;
+    void goneIs(EntityId id) { gone_.push_back(id); }
+    void wakeUp() { wake(); }
+
+private:
+    NboAttrLog::OutSm& nboAttrLogOut() override { return out_; }
+    bool isOkToSerialize() const override { return out_.size() < room_; }
+    void typeIsNeeded(VelType type) override;
+    void handleMessage(NboAttrLog::MessageKind kind, NboAttrLog::In& body) override;
+    void hello(NboAttrLog::In& body);
+    void catchUp();
+    void finishLogMessage();
+    void ownOutstanding();
+    void leave();
+    void flagMessage(std::span<U8 const> message, std::unordered_set<EntityId> const& announced);
+
+    Finder finder_;
+    AttrLogSource* source_ = nullptr;
+    std::unordered_map<std::string, U64> modules_;  // the reader's, with fingerprints
+    std::vector<EntityId> gone_;                    // to be told when all else is sent
+    std::shared_ptr<NboAttrLog::Out const> kept_;   // the chunk that the last output stands in
+    NboAttrLog::AttrLog::Position position_;
+    String refusal_;
+    std::size_t room_ = 0;
+    std::size_t outstanding_ = 0;  // bytes of the log that the last output() gave and that were not taken
+    bool isLive_ = false;
+    bool isAwaiting_ = false;
+    bool hasSynced_ = false;
+    bool mayWrite_ = false;
+    friend class AttrLogSource;
+};
+
+}  // namespace Vel

@@ -1,0 +1,100 @@
+#pragma once
+
+#include "Vel/Dir.h"
+#include "Vel/StreamPeer.h"
+#include "Vel/StreamTable.h"
+
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <unordered_map>
+
+namespace Vel {
+
+// A copy of what a source serves. What comes in is applied through the entities' own mutators, so their observers are
+// told as of any other change.
+//
+// The copy outlives the connection: it is stale then. On the next connection what is there already is kept, found by
+// where it stands, and observers see the differences only; what the source has no more is deleted when all is sent.
+// The copy is changed by its source alone. What else changes it stays until the source changes the same attribute.
+// Threads: one at a time, the one that uses the entities.
+class VEL_API AttrLogReplica final : public StreamPeer, private NboAttrLog::EntityResolver {
+public:
+    enum class State {
+        empty,    // nothing has come yet
+        syncing,  // connected; the copy becomes complete
+        synced,   // complete, and kept so
+        stale     // not connected; as it was last
+    };
+    struct Options {
+        String path;                // of what is wanted, at the source
+        bool wantsToWrite = false;  // see write()
+        StreamLimits limits{};
+    };
+
+    // The copy is `root` and what is below it. REQUIRES: the type is the one that the source serves.
+    AttrLogReplica(Ptr<Entity> root, Options options);
+    // The copy is made in the directory, in the place of what has the name and another type.
+    AttrLogReplica(Ptr<Dir> parent, String name, Options options);
+    ~AttrLogReplica() override;
+
+    void connected();  // a connection is there: says hello on it. After closed() it may be another one
+    void closed(String const& reason) override;
+
+    State state() const { return state_; }
+    void onStateIs(std::function<void(State)> told) { onState_ = std::move(told); }
+    Ptr<Entity> root() const { return root_; }   // null until something has come, unless it was given
+    bool mayWrite() const { return mayWrite_; }  // the source takes changes
+    std::size_t entities() const { return known_.size(); }
+
+    // Asks the source to change the attribute; the change comes back like any other. Throws ReadOnlyException when the
+    // source takes none, RangeException when the entity or the attribute is none that the source sends, TypeException
+    // for a value of another type.
+    void write(Entity const& entity, AttributeId attribute, GenericValue const& value);
+
+private:
+    struct Known {
+        Ptr<Entity> entity;
+        StreamTable const* table;
+    };
+    struct Place;  // an attribute of an entity that a message names, and the key
+
+    void handleMessage(NboAttrLog::MessageKind kind, NboAttrLog::In& body) override;
+    void type(NboAttrLog::In& body);
+    void announce(NboAttrLog::In& body);
+    void value(NboAttrLog::In& body);
+    void keySet(NboAttrLog::In& body);
+    void keyDel(NboAttrLog::In& body);
+    void gone(NboAttrLog::In& body);
+    void synced();
+
+    Entity* entity(EntityId id) override;
+    Known& known(EntityId id);
+    Place place(NboAttrLog::In& body);
+    Ptr<Entity> rootOf(VelType type, bool& isNew);
+    Ptr<Entity> announced(VelType type, Place const& place, String const& name, bool& isNew);
+    bool checkEphemeralEntityDeletion(Place const& place, Entity* there);
+    void put(Place const& place, Entity& member);
+    void bind(EntityId id, Ptr<Entity> entity, bool isNew);
+    void mentioned(Place const& place);
+    void stateIs(State state);
+
+    Options options_;
+    Ptr<Dir> parent_;
+    String name_;
+    Ptr<Entity> root_;
+    State state_ = State::empty;
+    std::function<void(State)> onState_;
+    bool welcomed_ = false;
+    bool mayWrite_ = false;
+
+    // Of this connection:
+    std::map<U32, VelType> types_;
+    std::unordered_map<EntityId, Known> known_;
+    std::unordered_map<Entity const*, EntityId> ids_;
+    // Keys that were there before and have not been mentioned yet.
+    std::map<std::pair<EntityId, AttributeId>, std::set<std::string, std::less<>>> unmentioned_;
+};
+
+}  // namespace Vel

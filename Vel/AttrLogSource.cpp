@@ -1,0 +1,148 @@
+#include "Vel/AttrLogSource.h"
+
+#include "Vel/AttrLogReader.h"
+
+#include <algorithm>
+
+namespace Vel {
+
+using NboAttrLog::AttrLog;
+using NboAttrLog::FlowConnection;
+using NboAttrLog::MessageKind;
+
+namespace {
+
+// Readers that are behind are looked for when a chunk is full.
+std::size_t chunkSizeOf(AttrLogSource::Options const& options) {
+    return std::clamp<std::size_t>(options.logSize / 16, 256, 64u << 10);
+}
+
+}  // namespace
+
+AttrLogSource::AttrLogSource(Ptr<Entity> root, Options const& options)
+    : StreamDemuxer(std::move(root)), options_(options), log_(chunkSizeOf(options)), live_(*this) {}
+
+AttrLogSource::~AttrLogSource() {
+    for (AttrLogReader* const reader : std::vector(readers_)) reader->sourceIsGone();
+}
+
+std::unique_ptr<StreamPeer> AttrLogSource::newReader() {
+    return std::make_unique<AttrLogReader>([this](String const&) { return this; }, options_.limits);
+}
+
+void AttrLogSource::multicastIs(std::function<bool(Entity& entity, AttributeId id)> deliver) {
+    multicast_ = std::move(deliver);
+    newAdapterFlags_ = multicast_ ? Adapter::multicastBit : 0;
+}
+
+bool AttrLogSource::multicast(Adapter& adapter, AttributeId id) {
+    return multicast_ && multicast_(adapter.entity(), id);
+}
+
+// --- readers ---
+
+void AttrLogSource::attach(AttrLogReader& reader) {
+    adapterIs(root());
+    readers_.push_back(&reader);
+    catchingUpIs(reader, true);
+}
+
+void AttrLogSource::detach(AttrLogReader& reader) {
+    if (reader.isLive()) leaveLive(reader, false);
+    catchingUpIs(reader, false);
+    std::erase(readers_, &reader);
+    std::erase(awaiting_, &reader);
+}
+
+// The reader has been told of everything. Whoever reads the log has, too: the first one brings what is known of them.
+void AttrLogSource::goLive(AttrLogReader& reader) {
+    if (liveReaders_++ == 0) {
+        live_.knowledgeIs(reader);
+        liveIs(&live_);
+        lastChunk_ = log_.head().chunk;
+    }
+    catchingUpIs(reader, false);
+    static_cast<FlowConnection&>(reader).clear();
+}
+
+void AttrLogSource::leaveLive(AttrLogReader& reader, bool catchesUp) {
+    std::erase(awaiting_, &reader);
+    if (catchesUp) catchingUpIs(reader, true);
+    if (--liveReaders_ != 0) return;
+    liveIs(nullptr);
+    live_.clear();
+    log_.drop(log_.head());
+}
+
+void AttrLogSource::awaits(AttrLogReader& reader) { awaiting_.push_back(&reader); }
+
+void AttrLogSource::Live::typeIsNeeded(VelType type) {
+    for (AttrLogReader* const reader : source_.readers_) {
+        String reason;
+        if (reader->isLive() && !reader->accepts(type, reason)) reader->refuseLater(reason);
+    }
+}
+
+void AttrLogSource::liveIsWritten() {
+    while (live() && live_.hasWaiting()) {
+        live_.continueFlowOut();
+        trimLog();
+    }
+    if (log_.head().chunk != lastChunk_) trimLog();
+    if (awaiting_.empty()) return;
+    for (AttrLogReader* const reader : std::exchange(awaiting_, {})) {
+        reader->isAwaiting_ = false;
+        reader->wakeUp();
+    }
+}
+
+void AttrLogSource::entityHasGone(EntityId id, FlowConnection& connection) {
+    if (&connection == &live_) {
+        log_.begin(MessageKind::gone, 4) << id;
+        log_.commit();
+    } else {
+        static_cast<AttrLogReader&>(connection).goneIs(id);
+    }
+}
+
+// Drops what every reader has read. A reader that holds more back than may be has to catch up instead.
+void AttrLogSource::trimLog() {
+    if (!live()) return;
+    lastChunk_ = log_.head().chunk;
+    auto const slowest = [&] {
+        AttrLogReader* found = nullptr;
+        for (AttrLogReader* const reader : readers_)
+            if (reader->isLive() && (!found || reader->position() < found->position())) found = reader;
+        return found;
+    };
+    for (;;) {
+        AttrLogReader* const reader = slowest();
+        if (!reader) return;
+        log_.drop(reader->position());
+        if (log_.size() <= options_.logSize || reader->position().chunk == log_.head().chunk) return;
+        reader->toldToCatchUp();
+    }
+}
+
+// --- several sources ---
+
+AttrLogServer::AttrLogServer(Ptr<Entity> root, AttrLogSource::Options const& options)
+    : root_(std::move(root)), options_(options) {}
+AttrLogServer::~AttrLogServer() = default;
+
+AttrLogSource* AttrLogServer::source(String const& path) {
+    std::string_view relative = path.view();
+    while (relative.starts_with('/')) relative.remove_prefix(1);
+    Ptr<Entity> const entity = root_->entity(String(relative));
+    std::erase_if(sources_, [&](auto const& s) { return s.first != entity.get() && s.second->readers() == 0; });
+    if (!entity) return nullptr;
+    std::unique_ptr<AttrLogSource>& source = sources_[entity.get()];
+    if (!source) source = std::make_unique<AttrLogSource>(entity, options_);
+    return source.get();
+}
+
+std::unique_ptr<StreamPeer> AttrLogServer::newReader() {
+    return std::make_unique<AttrLogReader>([this](String const& path) { return source(path); }, options_.limits);
+}
+
+}  // namespace Vel

@@ -1,0 +1,108 @@
+#pragma once
+
+#include "Vel/AttrLog.h"
+#include "Vel/StreamDemuxer.h"
+#include "Vel/StreamPeer.h"
+
+#include <functional>
+#include <map>
+#include <memory>
+
+namespace Vel {
+
+class AttrLogReader;
+
+// Serves an entity, and all that it leads to, to any number of readers.
+//
+// A change is encoded once, as one message of a log that all readers share which have caught up. A reader that has not,
+// or falls behind by more than the log holds, costs a flag for each attribute or key that has changed since, however
+// often: what is sent then is the value at that time.
+// Threads: one at a time, the one that uses the entities.
+class VEL_API AttrLogSource : public StreamDemuxer {
+public:
+    struct Options {
+        std::size_t logSize = 1u << 20;  // bytes that a reader may fall behind
+        bool mayWrite = false;           // readers that want to may change values
+        StreamLimits limits{};
+    };
+
+    explicit AttrLogSource(Ptr<Entity> root) : AttrLogSource(std::move(root), Options()) {}
+    AttrLogSource(Ptr<Entity> root, Options const& options);
+    ~AttrLogSource() override;  // readers that are left are closing then
+
+    // Another reader's side of a connection. It serves the root, whatever path the reader asks for.
+    std::unique_ptr<StreamPeer> newReader();
+    std::size_t readers() const { return readers_.size(); }  // that have said hello
+    std::size_t liveReaders() const { return liveReaders_; }
+    Options const& options() const { return options_; }
+
+    NboAttrLog::AttrLog const& log() const { return log_; }
+    // Somebody who delivers changes of values to many readers at once, and says whether that was all of them.
+    // REQUIRES: no reader has been there yet.
+    void multicastIs(std::function<bool(Entity& entity, AttributeId id)> deliver);
+
+    // --- for readers ---
+
+    void attach(AttrLogReader& reader);
+    void detach(AttrLogReader& reader);
+    void goLive(AttrLogReader& reader);
+    void leaveLive(AttrLogReader& reader, bool catchesUp);
+    void awaits(AttrLogReader& reader);  // wants to be woken at the next change
+    class Write;
+
+private:
+    class Live final : public NboAttrLog::FlowConnection {
+    public:
+        explicit Live(AttrLogSource& source) : FlowConnection(&source), source_(source) {}
+        NboAttrLog::OutSm& nboAttrLogOut() override { return source_.log_; }
+        bool isOkToSerialize() const override { return true; }
+        void typeIsNeeded(VelType type) override;
+
+    private:
+        AttrLogSource& source_;
+    };
+
+    void liveIsWritten() override;
+    void entityHasGone(EntityId id, NboAttrLog::FlowConnection& connection) override;
+    bool multicast(Adapter& adapter, AttributeId id) override;
+    void trimLog();
+
+    Options options_;
+    NboAttrLog::AttrLog log_;
+    Live live_;
+    std::vector<AttrLogReader*> readers_;
+    std::vector<AttrLogReader*> awaiting_;
+    std::size_t liveReaders_ = 0;
+    U64 lastChunk_ = 0;
+    bool isTrimming_ = false;
+    std::function<bool(Entity&, AttributeId)> multicast_;
+};
+
+// Lets a reader's change through, or not, while it is applied.
+class AttrLogSource::Write {
+public:
+    Write(AttrLogSource& source, bool allowed) : source_(source) { source_.remoteMayWriteIs(allowed); }
+    Write(Write const&) = delete;
+    Write& operator=(Write const&) = delete;
+    ~Write() { source_.remoteMayWriteIs(false); }
+
+private:
+    AttrLogSource& source_;
+};
+
+// Serves what is below an entity: each reader gets what is at the path that it asks for.
+class VEL_API AttrLogServer {
+public:
+    explicit AttrLogServer(Ptr<Entity> root, AttrLogSource::Options const& options = AttrLogSource::Options());
+    ~AttrLogServer();
+
+    std::unique_ptr<StreamPeer> newReader();    // must not outlive the server
+    AttrLogSource* source(String const& path);  // null: there is no entity. Readers of one entity share a source
+
+private:
+    Ptr<Entity> root_;
+    AttrLogSource::Options options_;
+    std::map<Entity const*, std::unique_ptr<AttrLogSource>> sources_;
+};
+
+}  // namespace Vel

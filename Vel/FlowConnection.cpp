@@ -1,0 +1,213 @@
+#include "Vel/FlowConnection.h"
+
+#include "Vel/StreamDemuxer.h"
+
+#include <algorithm>
+#include <bit>
+
+namespace Vel::NboAttrLog {
+
+namespace {
+
+std::string_view viewOf(Out const& out) { return {reinterpret_cast<char const*>(out.data()), out.size()}; }
+std::span<U8 const> bytesOf(std::string_view view) { return {reinterpret_cast<U8 const*>(view.data()), view.size()}; }
+
+void put(Out& out, std::string_view bytes) {
+    if (!bytes.empty()) std::memcpy(out.append(bytes.size()), bytes.data(), bytes.size());
+}
+
+}  // namespace
+
+U32 SlotSet::firstNotIn(SlotSet const& other) const {
+    for (std::size_t i = 0; i < words_.size(); ++i) {
+        U64 const left = words_[i] & ~(i < other.words_.size() ? other.words_[i] : 0);
+        if (left) return static_cast<U32>(i * 64 + static_cast<unsigned>(std::countr_zero(left)));
+    }
+    return none;
+}
+
+FlowConnection::~FlowConnection() = default;
+
+// --- flows ---
+
+FlowOut* FlowConnection::flow(Adapter const& adapter) const {
+    auto const found = flows_.find(adapter.slot());
+    return found == flows_.end() ? nullptr : found->second.get();
+}
+
+FlowOut& FlowConnection::flowIs(Adapter const& adapter, AttributeId from) {
+    std::unique_ptr<FlowOut>& flow = flows_[adapter.slot()];
+    StreamTable const& table = adapter.table();
+    flow.reset(table.newFlowOut ? table.newFlowOut(table, from) : new FlowOut(table, from));
+    if (!notBegun_.has(adapter.slot())) waiting_.push_back(adapter.id());
+    notBegun_.del(adapter.slot());
+    return *flow;
+}
+
+void FlowConnection::continueFlowOut() {
+    while (!waiting_.empty() && isOkToSerialize()) {
+        Adapter* const adapter = demuxer_->adapter(waiting_.front());
+        FlowOut* flow = adapter ? this->flow(*adapter) : nullptr;
+        if (!flow && adapter && isNotBegun(*adapter)) flow = &flowIs(*adapter, FlowOut::fromStart);
+        if (!flow) {  // gone meanwhile
+            waiting_.pop_front();
+            continue;
+        }
+        AttributeId const stopped = adapter->continueFlowOut(*this, *flow, flow->resumeId());
+        if (stopped != 0) {
+            flow->resumeIdIs(stopped);
+            return;
+        }
+        flow->velResyncStateDel();
+        if (!flow->isClean()) continue;  // something changed that the flow was past already
+        flows_.erase(adapter->slot());
+        waiting_.pop_front();
+    }
+}
+
+// --- entities ---
+
+EntityId FlowConnection::idOf(Entity* entity, Via const& via) {
+    if (!entity) return 0;
+    Adapter* const adapter = demuxer_->adapterIs(*entity);
+    if (!adapter) return 0;
+    if (!isAnnounced(*adapter)) announce(*adapter, ownerOf(*entity, via));
+    return adapter->id();
+}
+
+// The collection that makes the entity, if its owner has been announced; else where it is referred to.
+FlowConnection::Via FlowConnection::ownerOf(Entity& entity, Via const& via) {
+    Entity* const parent = entity.parent();
+    Adapter* const owner = parent ? demuxer_->adapter(*parent) : nullptr;
+    if (!owner || !isAnnounced(*owner)) return via;
+    for (StreamAttribute const& attribute : owner->table().attributes) {
+        if (attribute.kind != StreamKind::instances || !attribute.keyIsName) continue;
+        key_.clear();
+        key_ << entity.name();
+        In key(key_.bytes());
+        if (attribute.member(*parent, key) == &entity) return {owner, &attribute, viewOf(key_)};
+    }
+    return via;
+}
+
+void FlowConnection::announce(Adapter& adapter, Via const& via) {
+    VelType const type = adapter.entity().fwkType();
+    U32 const index = demuxer_->typeIndex(type);
+    tellType(index);
+    bool const instantiated = via.attribute && via.attribute->kind == StreamKind::instances;
+    bool const tellsName = adapter.table().takesName && !(instantiated && type == via.attribute->type());
+    String const name = tellsName ? adapter.entity().name() : String();
+    std::size_t const size = 12 + (via.parent ? 4 + via.key.size() : 0) + (tellsName ? 4 + name.length() : 0);
+    Out& out = nboAttrLogOut().begin(MessageKind::announce, size);
+    out << adapter.id() << index << (via.parent ? via.parent->id() : 0u);
+    if (via.parent) {
+        out << via.attribute->id;
+        put(out, via.key);
+    }
+    if (tellsName) out << name;
+    Impl::outSmCommitMessage(nboAttrLogOut());
+
+    announced_.add(adapter.slot());
+    notBegun_.add(adapter.slot());
+    waiting_.push_back(adapter.id());
+    if (instantiated) instantiatedIs(adapter, *via.parent);
+}
+
+bool FlowConnection::isInstantiatedBy(Adapter const& member, Adapter const& owner) const {
+    return instantiated_.has(member.slot()) && member.owner() == owner.id();
+}
+
+// What another connection was told of an earlier owner says nothing of this one.
+void FlowConnection::instantiatedIs(Adapter& member, Adapter const& owner) {
+    if (member.owner() != owner.id()) {
+        for (FlowConnection* const other : demuxer_->catchingUp()) other->notInstantiated(member);
+        if (FlowConnection* const live = demuxer_->live()) live->notInstantiated(member);
+        member.ownerIs(owner.id());
+    }
+    instantiated_.add(member.slot());
+}
+
+void FlowConnection::sendKey(Adapter& adapter, StreamAttribute const& attribute, std::string_view key, bool isNew) {
+    In in(bytesOf(key));
+    Entity* const entity = attribute.member(adapter.entity(), in);
+    Adapter* const member = entity ? demuxer_->adapterIs(*entity) : nullptr;
+    if (!member) {
+        if (!isNew) sendKeyDel(adapter, attribute, key);
+        return;
+    }
+    bool const instances = attribute.kind == StreamKind::instances;
+    if (!isAnnounced(*member)) {
+        Via const here{&adapter, &attribute, key};
+        announce(*member, instances ? here : ownerOf(*entity, here));
+        if (instances) return;
+    } else if (instances && isNew && isInstantiatedBy(*member, adapter)) {
+        return;
+    }
+    Out& out = nboAttrLogOut().begin(MessageKind::keySet, 8 + key.size() + 4);
+    out << adapter.id() << attribute.id;
+    put(out, key);
+    out << member->id();
+    Impl::outSmCommitMessage(nboAttrLogOut());
+    if (instances) instantiatedIs(*member, adapter);
+}
+
+void FlowConnection::sendKeyDel(Adapter& adapter, StreamAttribute const& attribute, std::string_view key) {
+    Out& out = nboAttrLogOut().begin(MessageKind::keyDel, 8 + key.size());
+    out << adapter.id() << attribute.id;
+    put(out, key);
+    Impl::outSmCommitMessage(nboAttrLogOut());
+}
+
+void FlowConnection::forget(Adapter const& adapter) {
+    unannounce(adapter);
+    flows_.erase(adapter.slot());
+}
+
+void FlowConnection::unannounce(Adapter const& adapter) {
+    announced_.del(adapter.slot());
+    notBegun_.del(adapter.slot());
+    instantiated_.del(adapter.slot());
+}
+
+// --- types, and knowledge as a whole ---
+
+void FlowConnection::typeIsTold(U32 index, bool told) {
+    if (index >= typesTold_.size()) typesTold_.resize(index + 1);
+    typesTold_[index] = told;
+}
+
+void FlowConnection::tellType(U32 index) {
+    if (index < typesTold_.size() && typesTold_[index]) return;
+    VelType const type = demuxer_->types()[index];
+    typeIsNeeded(type);
+    String const name = type.name();
+    String const module = type.moduleName();
+    Out& out = nboAttrLogOut().begin(MessageKind::type, 20 + name.length() + module.length());
+    out << index << name << module << type.moduleFingerprint();
+    Impl::outSmCommitMessage(nboAttrLogOut());
+    typeIsTold(index, true);
+}
+
+void FlowConnection::tellTypes() {
+    for (U32 index = 0; index < demuxer_->types().size(); ++index) tellType(index);
+}
+
+void FlowConnection::knowledgeIs(FlowConnection const& other) {
+    announced_ = other.announced_;
+    notBegun_ = other.notBegun_;
+    instantiated_ = other.instantiated_;
+    typesTold_ = other.typesTold_;
+    waiting_ = other.waiting_;
+    flows_.clear();
+}
+
+void FlowConnection::clear() {
+    announced_.clear();
+    notBegun_.clear();
+    instantiated_.clear();
+    typesTold_.clear();
+    waiting_.clear();
+    flows_.clear();
+}
+
+}  // namespace Vel::NboAttrLog

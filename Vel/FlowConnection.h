@@ -1,0 +1,105 @@
+#pragma once
+
+#include "Vel/FlowOut.h"
+#include "Vel/StreamAdapter.h"
+
+#include <deque>
+#include <memory>
+#include <span>
+#include <unordered_map>
+#include <vector>
+
+namespace Vel::NboAttrLog {
+
+// One flag for each slot of a view.
+class SlotSet {
+public:
+    bool has(U32 slot) const { return slot / 64 < words_.size() && (words_[slot / 64] >> slot % 64 & 1); }
+    void add(U32 slot) {
+        if (slot / 64 >= words_.size()) words_.resize(slot / 64 + 1);
+        words_[slot / 64] |= U64(1) << slot % 64;
+    }
+    void del(U32 slot) {
+        if (slot / 64 < words_.size()) words_[slot / 64] &= ~(U64(1) << slot % 64);
+    }
+    // The first slot that this set has and `other` has not; `none` if there is none.
+    static constexpr U32 none = ~U32(0);
+    U32 firstNotIn(SlotSet const& other) const;
+    void clear() { words_.clear(); }
+
+private:
+    std::vector<U64> words_;
+};
+
+// What is known of those who read one output: which entities and types they have been told of, and what they still have
+// to be sent. Of a reader that catches up this is its own; all that read the log share one.
+class VEL_API FlowConnection {
+public:
+    explicit FlowConnection(StreamDemuxer* demuxer) : demuxer_(demuxer) {}
+    FlowConnection(FlowConnection const&) = delete;
+    FlowConnection& operator=(FlowConnection const&) = delete;
+    virtual ~FlowConnection();
+
+    virtual OutSm& nboAttrLogOut() = 0;
+    virtual bool isOkToSerialize() const = 0;  // the output can take another message
+    virtual void typeIsNeeded(VelType) {}      // about to be told of this type; may throw Refusal
+    struct Refusal {
+        String text;
+    };
+
+    // Where an entity is referred to, so that a replica can find the one it may have there already.
+    struct Via {
+        Adapter* parent = nullptr;  // null: it is the root
+        StreamAttribute const* attribute = nullptr;
+        std::string_view key{};  // of a collection
+    };
+    // The id of the entity, announced before if it was not; 0 for null and for what cannot be streamed.
+    EntityId idOf(Entity* entity, Via const& via);
+    void announce(Adapter& adapter, Via const& via);
+
+    // Sends what the collection holds at the key. `isNew`: the key comes from a bookmark, its member may have brought
+    // it along when it was announced.
+    void sendKey(Adapter& adapter, StreamAttribute const& attribute, std::string_view key, bool isNew);
+    void sendKeyDel(Adapter& adapter, StreamAttribute const& attribute, std::string_view key);
+
+    // Sends of what is waiting as much as the output takes.
+    void continueFlowOut();
+    bool hasWaiting() const { return !waiting_.empty(); }
+
+    bool isAnnounced(Adapter const& adapter) const { return announced_.has(adapter.slot()); }
+    bool isNotBegun(Adapter const& adapter) const { return notBegun_.has(adapter.slot()); }
+    FlowOut* flow(Adapter const& adapter) const;  // null: nothing to send, or not begun
+    FlowOut& flowIs(Adapter const& adapter, AttributeId from);
+    std::size_t flows() const { return flows_.size(); }
+    void forget(Adapter const& adapter);  // the entity has left the view
+    void notInstantiated(Adapter const& adapter) { instantiated_.del(adapter.slot()); }
+
+    // Whoever reads along has been told of everything that `other` was told of.
+    void knowledgeIs(FlowConnection const& other);
+    void typeIsTold(U32 index, bool told);
+    void tellType(U32 index);
+    void tellTypes();  // all that the view uses
+    SlotSet const& announced() const { return announced_; }
+    void unannounce(Adapter const& adapter);
+    void clear();
+
+protected:
+    StreamDemuxer& demuxer() const { return *demuxer_; }
+    void demuxerIs(StreamDemuxer& demuxer) { demuxer_ = &demuxer; }
+
+private:
+    Via ownerOf(Entity& entity, Via const& via);
+    bool isInstantiatedBy(Adapter const& member, Adapter const& owner) const;
+    void instantiatedIs(Adapter& member, Adapter const& owner);
+
+    StreamDemuxer* demuxer_;  // null until it is known
+    SlotSet announced_;
+    SlotSet notBegun_;      // announced, and to be sent as a whole
+    SlotSet instantiated_;  // announced through the collection of its owner (Adapter::owner)
+    std::vector<bool> typesTold_;
+    std::deque<EntityId> waiting_;                             // each at most once: not begun, or with a flow
+    std::unordered_map<U32, std::unique_ptr<FlowOut>> flows_;  // by slot
+    Out key_;                                                  // of an owner's collection
+};
+
+}  // namespace Vel::NboAttrLog

@@ -1,0 +1,63 @@
+#include "Vel/FlowOut.h"
+
+namespace Vel::NboAttrLog {
+
+FlowOut::FlowOut(StreamTable const& table, AttributeId from) : table_(table), flags_(table.attributes.size()) {
+    for (std::size_t i = 0; i < flags_.size(); ++i) {
+        flags_[i] = table.attributes[i].id >= from;
+        flagged_ += flags_[i];
+    }
+}
+
+FlowOut::~FlowOut() = default;
+
+bool FlowOut::isCollection(AttributeId id) const {
+    StreamAttribute const* const attribute = table_.find(id);
+    return attribute && attribute->isCollection();
+}
+
+bool FlowOut::flag(AttributeId id) const {
+    StreamAttribute const* const attribute = table_.find(id);
+    return attribute && flags_[table_.index(*attribute)];
+}
+
+bool FlowOut::flagIs(AttributeId id, bool on) {
+    StreamAttribute const* const attribute = table_.find(id);
+    if (!attribute) return false;
+    auto flag = flags_[table_.index(*attribute)];
+    if (flag == on) return false;
+    flag = on;
+    if (on)
+        ++flagged_;
+    else
+        --flagged_;
+    return true;
+}
+
+void FlowOut::velResyncStateDel() {
+    if (isCollection(resumeId_)) bookmark_ = nullptr;
+    resumeId_ = fromStart;
+}
+
+bool FlowOut::velHasDirtyKeys() const { return !keys_.empty(); }
+bool FlowOut::velHasDirtyKeys(AttributeId id) const { return keys_.contains(id); }
+
+bool FlowOut::velKeyIsDirty(AttributeId id, std::string_view key) const {
+    auto const keys = keys_.find(id);
+    return keys != keys_.end() && keys->second.contains(key);
+}
+
+bool FlowOut::velKeyIsDirtyIs(AttributeId id, std::string_view key, bool ephemeral) {
+    auto const [place, isNew] = keys_[id].try_emplace(std::string(key), ephemeral);
+    place->second = place->second || ephemeral;
+    return isNew;
+}
+
+FlowOut::DirtyKey FlowOut::velDirtyKeyTake(AttributeId id) {
+    auto const keys = keys_.find(id);
+    auto node = keys->second.extract(keys->second.begin());
+    if (keys->second.empty()) keys_.erase(keys);
+    return {std::move(node.key()), node.mapped()};
+}
+
+}  // namespace Vel::NboAttrLog

@@ -1,0 +1,234 @@
+#include "Vel/StreamAdapter.h"
+
+#include "Vel/Assert.h"
+#include "Vel/Exception.h"
+#include "Vel/StreamDemuxer.h"
+
+namespace Vel {
+
+using NboAttrLog::FlowConnection;
+using NboAttrLog::FlowOut;
+using NboAttrLog::In;
+using NboAttrLog::MessageKind;
+using NboAttrLog::Out;
+using NboAttrLog::OutSm;
+
+StreamAdapter::StreamAdapter(StreamDemuxer& demuxer, Entity& entity, EntityId id, U32 slot)
+    : demuxer_(demuxer), entity_(entity), table_(entity.fwkType().glue().stream()), id_(id), slot_(slot) {}
+StreamAdapter::~StreamAdapter() = default;
+
+FlowOut* StreamAdapter::velRawFlowOut(FlowConnection const& connection) const {
+    return connection.flow(static_cast<Entity::VelNboAttrLogSa const&>(*this));
+}
+
+FlowOut& StreamAdapter::flowOut(FlowConnection& connection) {
+    if (FlowOut* const flow = velRawFlowOut(connection)) return *flow;
+    return connection.flowIs(static_cast<Entity::VelNboAttrLogSa&>(*this), FlowOut::fromEnd);
+}
+
+void StreamAdapter::onAttributeForConnection(AttributeId id, In& in) {
+    if (_isActive)
+        assertionFailed("!_isActive", "/src/Vel/StreamAdapter", __LINE__,
+            "void Vel::StreamAdapter::onAttributeForConnection(Vel::AttributeId, Vel::NboAttrLog::In&)");
+    StreamAttribute const* const attribute = table_.find(id);
+    if (!attribute || attribute->kind != StreamKind::value)
+        throw StreamException(format("%s has no value attribute %u", entity_.fwkType().name(), id), in.offset());
+    attribute->apply(entity_, in);
+}
+
+using Sa = Entity::VelNboAttrLogSa;
+
+Sa::VelNboAttrLogSa(StreamDemuxer& demuxer, Entity& entity, EntityId id, U32 slot)
+    : StreamAdapter(demuxer, entity, id, slot) {
+    notifierIs(&entity);
+}
+Sa::~VelNboAttrLogSa() = default;
+
+// --- changes ---
+
+void Sa::handleAttribute(AttributeId id) {
+    StreamAttribute const* const attribute = table().find(id);
+    if (!attribute || attribute->isCollection()) return;
+    StreamDemuxer& demuxer = streamDemuxer();
+    if (attribute->kind == StreamKind::pointer) {
+        if (Entity* const target = attribute->target(entity())) demuxer.adapterIs(*target);
+        demuxer.referenceDropped();
+    }
+    for (FlowConnection* const connection : demuxer.catchingUp())
+        demuxer.changeCounted(!flowOutOnAttributeForConnection(*connection, *attribute));
+    if (demuxer.live() || (attrLogFlags() & multicastBit)) {
+        handleAttributeSerialization(*attribute, false);
+        demuxer.liveIsWritten();
+    }
+}
+
+void Sa::handleAttribute(AttributeId id, NotifieeKey const& key) {
+    StreamAttribute const* const attribute = table().find(id);
+    if (!attribute || !attribute->isCollection()) return;
+    StreamDemuxer& demuxer = streamDemuxer();
+    Out& bytes = demuxer.keyOut();
+    bytes.clear();
+    attribute->writeKey(bytes, key.data());
+    In in(bytes.bytes());
+    Entity* const entity = attribute->member(this->entity(), in);
+    Sa* const member = entity ? demuxer.adapterIs(*entity) : nullptr;
+    if (!member) demuxer.referenceDropped();
+
+    std::string_view const view(reinterpret_cast<char const*>(bytes.data()), bytes.size());
+    for (FlowConnection* const connection : demuxer.catchingUp()) {
+        if (member && attribute->kind == StreamKind::instances) connection->notInstantiated(*member);
+        demuxer.changeCounted(
+            !flowOutOnAttributeForConnection(*connection, *attribute, view, member != nullptr, member));
+    }
+    if (demuxer.live()) {
+        handleCollectionKeySerialization(*attribute, view, false);
+        demuxer.liveIsWritten();
+    }
+}
+
+void Sa::handleNotifierDel() noexcept { streamDemuxer().notifierDeleted(*this); }
+
+bool Sa::flowOutOnAttributeForConnection(FlowConnection& connection, StreamAttribute const& attribute) {
+    if (!connection.isAnnounced(*this) || connection.isNotBegun(*this)) return true;
+    return flowOut(connection).velIsDirtyIs(attribute.id, true);
+}
+
+bool Sa::flowOutOnAttributeForConnection(FlowConnection& connection, StreamAttribute const& attribute,
+    std::string_view key, bool isThere, Sa const* member) {
+    if (!connection.isAnnounced(*this) || connection.isNotBegun(*this)) return true;
+    FlowOut& flow = flowOut(connection);
+    bool const isBegun = flow.bookmark() && flow.resumeId() == attribute.id;
+    // A collection that is not begun will be sent as a whole; but a member may have been made already, in the place of
+    // being referred to by another collection, and its deletion has to be told.
+    if (!flow.velHasSynced(attribute.id) && !isBegun && isThere) return true;
+    bool const ephemeral =
+        isThere && streamDemuxer().checkEphemeralEntityDeletion(connection, flow, attribute, key, member);
+    return flow.velKeyIsDirtyIs(attribute.id, key, ephemeral);
+}
+
+// --- writing ---
+
+bool Sa::doMessageMulticast(AttributeId id) { return streamDemuxer().multicast(*this, id); }
+
+OutSm* Sa::singletonSerializeCheck(AttributeId id, bool flowingOut, bool, std::size_t encodedSize, bool) {
+    FlowConnection* const connection = flowingOut ? streamDemuxer().flowing() : streamDemuxer().live();
+    if (!connection) return nullptr;
+    OutSm& sm = connection->nboAttrLogOut();
+    sm.begin(MessageKind::value, 8 + encodedSize) << this->id() << id;
+    return &sm;
+}
+
+void Sa::handlePtrSerialization(StreamAttribute const& attribute, Entity* target, bool flowingOut) {
+    FlowConnection* const connection = flowingOut ? streamDemuxer().flowing() : streamDemuxer().live();
+    if (!connection) return;
+    EntityId const targetId = connection->idOf(target, {this, &attribute, {}});
+    if (OutSm* const sm = singletonSerializeCheck(attribute.id, flowingOut, true, 4, false)) {
+        sm->out() << targetId;
+        NboAttrLog::Impl::outSmCommitMessage(*sm);
+    }
+}
+
+void Sa::handleCollectionKeySerialization(StreamAttribute const& attribute, std::string_view key, bool flowingOut) {
+    Active const active(*this);
+    FlowConnection* const connection = flowingOut ? streamDemuxer().flowing() : streamDemuxer().live();
+    if (connection) connection->sendKey(*this, attribute, key, false);
+}
+
+void Sa::handleAttributeSerialization(StreamAttribute const& attribute, bool flowingOut) {
+    Active const active(*this);
+    if (attribute.kind == StreamKind::value)
+        attribute.serialize(*this, attribute.id, entity(), flowingOut);
+    else
+        handlePtrSerialization(attribute, attribute.target(entity()), flowingOut);
+}
+
+OutSm& Sa::nboAttrLogOut() const { return streamDemuxer().flowing()->nboAttrLogOut(); }
+bool Sa::isOkToSerialize() const { return streamDemuxer().flowing()->isOkToSerialize(); }
+
+// --- flowing out ---
+
+namespace {
+
+class Flowing {
+public:
+    Flowing(Sa& adapter, FlowConnection& connection) : adapter_(adapter), before_(adapter.streamDemuxer().flowing()) {
+        adapter_.streamDemuxer().flowingIs(&connection);
+        adapter_.attrLogFlagsIs(Sa::flowingOutBit, true);
+    }
+    Flowing(Flowing const&) = delete;
+    Flowing& operator=(Flowing const&) = delete;
+    ~Flowing() {
+        adapter_.attrLogFlagsIs(Sa::flowingOutBit, false);
+        adapter_.streamDemuxer().flowingIs(before_);
+    }
+
+private:
+    Sa& adapter_;
+    FlowConnection* before_;
+};
+
+}  // namespace
+
+AttributeId Sa::continueFlowOut(FlowConnection& connection, FlowOut& flow, AttributeId from) {
+    if (from != 0 && !table().find(from)) return ~AttributeId(0);
+    Flowing const flowing(*this, connection);
+    for (StreamAttribute const& attribute : table().attributes) {
+        if (attribute.id < from) continue;
+        if (attribute.isCollection()) {
+            if (AttributeId const stopped = flowOutCollection(connection, flow, attribute)) return stopped;
+        } else if (flow.velIsDirty(attribute.id)) {
+            if (!isOkToSerialize()) return attribute.id;
+            handleAttributeSerialization(attribute, true);
+            flow.velIsDirtyIs(attribute.id, false);
+        }
+    }
+    return 0;
+}
+
+AttributeId Sa::flowOutCollection(FlowConnection& connection, FlowOut& flow, StreamAttribute const& attribute) {
+    Active const active(*this);
+    if (!flow.velHasSynced(attribute.id)) {
+        if (!flow.bookmark()) flow.bookmarkIs(std::unique_ptr<NboAttrLog::Bookmark>(attribute.bookmark(entity())));
+        Out key;
+        while (flow.bookmark()->left() != 0) {
+            if (!isOkToSerialize()) return attribute.id;
+            key.clear();
+            flow.bookmark()->next(key);
+            connection.sendKey(*this, attribute, {reinterpret_cast<char const*>(key.data()), key.size()}, true);
+        }
+        flow.bookmarkIs(nullptr);
+        flow.velHasSyncedIs(attribute.id, true);
+    }
+    while (flow.velHasDirtyKeys(attribute.id)) {
+        if (!isOkToSerialize()) return attribute.id;
+        FlowOut::DirtyKey const dirty = flow.velDirtyKeyTake(attribute.id);
+        if (dirty.ephemeral) connection.sendKeyDel(*this, attribute, dirty.key);
+        connection.sendKey(*this, attribute, dirty.key, false);
+    }
+    return 0;
+}
+
+// --- changes of readers ---
+
+bool Sa::allowWriteFromReadOnlyRemote() const { return streamDemuxer().remoteMayWrite(); }
+
+void Sa::throwWriteUpdateFromReadOnlyProxyException() const {
+    throw ReadOnlyException(format("%s is mounted read-only and takes no changes", entity().path().charPtr()));
+}
+
+void Sa::writeFromRemote(AttributeId id, In& in) {
+    if (!allowWriteFromReadOnlyRemote()) throwWriteUpdateFromReadOnlyProxyException();
+    Ptr<Entity> const keep(&entity());  // an observer may release it, and this adapter with it
+    attrLogFlagsIs(fromRemoteBit, true);
+    StreamDemuxer& demuxer = streamDemuxer();
+    EntityId const self = this->id();
+    try {
+        onAttributeForConnection(id, in);
+    } catch (...) {
+        if (Sa* const still = demuxer.adapter(self)) still->attrLogFlagsIs(fromRemoteBit, false);
+        throw;
+    }
+    if (Sa* const still = demuxer.adapter(self)) still->attrLogFlagsIs(fromRemoteBit, false);
+}
+
+}  // namespace Vel

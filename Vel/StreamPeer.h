@@ -1,0 +1,83 @@
+#pragma once
+
+#include "Vel/OutSm.h"
+
+#include <functional>
+#include <span>
+#include <vector>
+
+namespace Vel {
+
+// Bounds on what a peer may ask for.
+struct StreamLimits {
+    std::size_t frame = 16u << 20;     // bytes of one message behind its length; bounds every string in it too
+    std::size_t entities = 16u << 20;  // known at one time
+    std::size_t types = 4096;
+    std::size_t modules = 4096;  // of a hello
+};
+
+// One side of a connection: bytes in, bytes out. Whatever carries the bytes calls this and nothing else:
+//
+//     while (peer.wantsOutput()) { auto bytes = peer.output(limit); sent = send(bytes); peer.outputTaken(sent); }
+//     peer.input(received);
+//     if (peer.isClosing() && !peer.wantsOutput()) { close(); peer.closed(peer.error()); }
+//
+// Any bytes may come in. What no peer would send makes the connection closing, with an error, and changes nothing.
+// Threads: one at a time, the one that uses the entities.
+class VEL_API StreamPeer {
+public:
+    explicit StreamPeer(StreamLimits const& limits) : limits_(limits) {}
+    StreamPeer(StreamPeer const&) = delete;
+    StreamPeer& operator=(StreamPeer const&) = delete;
+    virtual ~StreamPeer();
+
+    // What is to be sent next, at most `limit` bytes; empty when there is nothing. It stays in place until output() is
+    // called again or the peer destroyed, whatever else happens, so it can be sent while input comes and entities change. REQUIRES: limit != 0.
+    virtual std::span<U8 const> output(std::size_t limit);
+    virtual void outputTaken(std::size_t count);  // bytes from the front of output(). REQUIRES: count <= its size
+    virtual bool wantsOutput() const { return out_.size() != 0 || control_.size() != 0; }
+    // Takes all the bytes, of any number of messages and parts. What an observer throws counts as an error too.
+    void input(std::span<U8 const> bytes);
+    // The connection is gone. Empty: in good order.
+    virtual void closed(String const& reason);
+
+    bool isClosing() const { return closing_; }  // to be closed when all output is sent; no input is looked at
+    String const& error() const { return error_; }
+    // Called once when there is output again after wantsOutput() was false: out of a mutator of some entity, so it may
+    // note that for later, and no more.
+    void wakeIs(std::function<void()> wake) { wake_ = std::move(wake); }
+
+    void ping(U32 token);                                      // the other side answers by itself
+    U32 pongs() const { return pongs_; }                       // answers that came
+    U64 messagesIn() const { return messagesIn_; }             // applied
+    std::size_t inputHeld() const { return pending_.size(); }  // bytes of a message that has not come wholly
+    StreamLimits const& limits() const { return limits_; }
+
+protected:
+    // One message. Throws StreamException, or what the entity throws.
+    virtual void handleMessage(NboAttrLog::MessageKind kind, NboAttrLog::In& body) = 0;
+    void fail(String const& reason);    // closing, with this error
+    void refuse(String const& reason);  // the same, and the other side is told
+    void reset();                       // as constructed, for another connection
+    void wake();
+
+    NboAttrLog::OutSm& controlOut() { return control_; }  // for messages that are sent at the next opportunity
+    bool hasControl() const { return control_.size() != 0; }
+
+    NboAttrLog::BufferSm out_;  // written to by output() only
+
+private:
+    NboAttrLog::BufferSm control_;
+    std::size_t inputFrames(std::span<U8 const> bytes);
+    void inputMessage(std::span<U8 const> message);
+
+    StreamLimits limits_;
+    std::vector<U8> pending_;
+    std::function<void()> wake_;
+    String error_;
+    U64 messagesIn_ = 0;
+    U32 pongs_ = 0;
+    bool closing_ = false;
+};
+
+}  // namespace Vel

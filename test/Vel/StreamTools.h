@@ -1,0 +1,223 @@
+#pragma once
+
+#include "Vel/AttrLogReader.h"
+#include "Vel/AttrLogReplica.h"
+#include "Vel/AttrLogSource.h"
+#include "Vel/Dir.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+// What the tests of streaming share.
+namespace StreamTest {
+
+using Bytes = std::vector<Vel::U8>;
+using Strings = std::vector<std::string>;
+
+// Takes all that a peer has to send, at most `limit` bytes at a time.
+inline Bytes takeOutput(Vel::StreamPeer& peer, std::size_t limit = 1u << 16) {
+    Bytes all;
+    for (;;) {
+        auto const bytes = peer.output(limit);
+        if (bytes.empty()) {
+            if (!peer.wantsOutput()) return all;
+            continue;
+        }
+        all.insert(all.end(), bytes.begin(), bytes.end());
+        peer.outputTaken(bytes.size());
+    }
+}
+
+// One message a line: its bytes in hexadecimal, the length left out.
+inline Strings messages(std::span<Vel::U8 const> bytes) {
+    Strings result;
+    for (std::size_t at = 0; at + 4 <= bytes.size();) {
+        std::size_t const size = Vel::NboAttrLog::load<Vel::U32>(bytes.data() + at);
+        std::string text;
+        for (std::size_t i = at + 4; i < at + 4 + size && i < bytes.size(); ++i) {
+            char digits[3];
+            std::snprintf(digits, sizeof digits, "%02x", bytes[i]);
+            text += digits;
+        }
+        result.push_back(text);
+        at += 4 + size;
+    }
+    return result;
+}
+
+using Vel::Entity;
+using Vel::StreamAttribute;
+using Vel::StreamKind;
+using Vel::U32;
+using Vel::NboAttrLog::In;
+using Vel::NboAttrLog::MessageKind;
+using Vel::NboAttrLog::Out;
+
+namespace Detail {
+
+inline std::string hex(std::span<Vel::U8 const> bytes) {
+    std::string text;
+    for (Vel::U8 const byte : bytes) {
+        text += "0123456789abcdef"[byte >> 4];
+        text += "0123456789abcdef"[byte & 15];
+    }
+    return text;
+}
+
+inline std::string textOf(In& in) { return in.nextString().stdString(); }
+inline std::string number(In& in) { return std::to_string(in.nextU32()); }
+
+inline std::string toldOf(MessageKind kind, In in) {
+    switch (kind) {
+    case MessageKind::hello:
+        return "hello";
+    case MessageKind::welcome:
+        return "welcome";
+    case MessageKind::type: {
+        std::string const index = number(in);
+        return "type " + index + " " + textOf(in);
+    }
+    case MessageKind::announce: {
+        std::string text = "announce " + number(in);
+        text += " type " + number(in);
+        U32 const parent = in.nextU32();
+        if (parent != 0) text += " at " + std::to_string(parent) + "." + number(in);
+        while (in.left() >= 4) text += " " + textOf(in);
+        return text;
+    }
+    case MessageKind::value: {
+        std::string text = "value " + number(in);
+        text += "." + number(in);
+        return text + " " + hex({in.data(), in.left()});
+    }
+    case MessageKind::keySet: {
+        std::string text = "keySet " + number(in);
+        text += "." + number(in);
+        text += " " + textOf(in);
+        return text + " " + number(in);
+    }
+    case MessageKind::keyDel: {
+        std::string text = "keyDel " + number(in);
+        text += "." + number(in);
+        return text + " " + textOf(in);
+    }
+    case MessageKind::gone:
+        return "gone " + number(in);
+    case MessageKind::synced:
+        return "synced";
+    case MessageKind::refused:
+        return "refused " + textOf(in);
+    case MessageKind::write:
+        return "write " + number(in);
+    case MessageKind::ping:
+        return "ping " + number(in);
+    case MessageKind::pong:
+        return "pong " + number(in);
+    }
+    return "?";
+}
+
+class Hex final : public Vel::NboAttrLog::SerializeSink, public Vel::NboAttrLog::OutSm {
+public:
+    bool doMessageMulticast(Vel::AttributeId) override { return false; }
+    OutSm* singletonSerializeCheck(Vel::AttributeId, bool, bool, std::size_t size, bool) override {
+        begin(MessageKind::value, size);
+        return this;
+    }
+    Out bytes;
+
+private:
+    Out& room(std::size_t) override { return bytes; }
+};
+
+class TreeText {
+public:
+    std::string of(Entity const& entity, std::string const& path) {
+        auto const [place, isNew] = seen_.try_emplace(&entity, path);
+        if (!isNew) return "@" + place->second;
+        std::string text = std::string(entity.fwkType().name()) + " '" + entity.name().stdString() + "'";
+        for (StreamAttribute const& attribute : entity.fwkType().glue().stream().attributes) {
+            text += "\n" + std::string(path.size(), ' ') + std::to_string(attribute.id) + " ";
+            std::string const below = path + "." + std::to_string(attribute.id);
+            if (attribute.kind == StreamKind::value) {
+                Hex sink;
+                attribute.serialize(sink, attribute.id, entity, true);
+                text += hex(sink.bytes.bytes().subspan(5));
+            } else if (attribute.kind == StreamKind::pointer) {
+                Entity const* const target = attribute.target(entity);
+                text += target ? of(*target, below) : "null";
+            } else {
+                std::map<std::string, Entity const*> members;
+                std::unique_ptr<Vel::NboAttrLog::Bookmark> const keys(attribute.bookmark(entity));
+                while (keys->left() != 0) {
+                    Out key;
+                    keys->next(key);
+                    In in(key.bytes());
+                    In name(key.bytes());
+                    members[name.nextString().stdString()] = attribute.member(entity, in);
+                }
+                for (auto const& [key, member] : members)
+                    text +=
+                        "\n" + std::string(path.size() + 1, ' ') + key + ": " + of(*member, below + "[" + key + "]");
+            }
+        }
+        return text;
+    }
+
+private:
+    std::map<Entity const*, std::string> seen_;
+};
+
+}  // namespace Detail
+
+inline Strings told(std::span<Vel::U8 const> bytes) {
+    Strings result;
+    for (std::size_t at = 0; at + 4 < bytes.size();) {
+        std::size_t const size = Vel::NboAttrLog::load<U32>(bytes.data() + at);
+        result.push_back(Detail::toldOf(static_cast<MessageKind>(bytes[at + 4]), In(bytes.subspan(at + 5, size - 1))));
+        at += 4 + size;
+    }
+    return result;
+}
+
+inline std::string treeOf(Entity const& root) { return Detail::TreeText().of(root, "/"); }
+
+// A source and a replica, and nothing between them.
+class Pair {
+public:
+    explicit Pair(Vel::Ptr<Vel::Entity> root, Vel::AttrLogSource::Options options = {})
+        : source(std::move(root), options) {}
+
+    void connect() {
+        reader = source.newReader();
+        replica.connected();
+    }
+    // Carries everything both ways until nothing is left.
+    void run() {
+        while (replica.wantsOutput() || reader->wantsOutput()) {
+            reader->input(takeOutput(replica));
+            replica.input(takeOutput(*reader));
+        }
+    }
+    void disconnect(std::string const& reason = {}) {
+        reader->closed(reason);
+        reader = nullptr;
+        replica.closed(reason);
+    }
+    void expectEqual() {
+        ASSERT_TRUE(replica.root());
+        EXPECT_EQ(treeOf(*replica.root()), treeOf(source.root()));
+    }
+
+    Vel::AttrLogSource source;
+    std::unique_ptr<Vel::StreamPeer> reader;
+    Vel::Ptr<Vel::Dir> place = Vel::Dir::newEntity("");
+    Vel::AttrLogReplica replica{place, source.root().name(), {}};
+};
+
+}  // namespace StreamTest
