@@ -243,4 +243,15 @@ TEST(NamedMembersSizeTest, KeysOfAllLengthsAreToldApart) {
     for (auto const& node : nodes) ASSERT_TRUE(pair.take(node->key, Collection::child));
 }
 
+// Fails at the end of the program, and only where a leak detector looks.
+TEST(NamedMembersSizeTest, WhatMembersHoldForTheWholeProgramIsNoLeak) {
+    static auto* const one = new Members;
+    static auto* const few = new Members;
+    static auto* const many = new Members;
+    one->put(*new Node("only"), Collection::child);
+    for (int i = 0; i < 5; ++i) few->put(*new Node(std::to_string(i)), Collection::child);
+    for (int i = 0; i < 50; ++i) many->put(*new Node(std::to_string(i)), Collection::prefixChild);
+    EXPECT_EQ(one->size(Collection::child) + few->size(Collection::child) + many->size(Collection::prefixChild), 56u);
+}
+
 }  // namespace
