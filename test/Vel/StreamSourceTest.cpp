@@ -1,42 +1,500 @@
 #include "Fixtures.h"
 #include "StreamTools.h"
-
 #include "Vel/Exception.h"
+#include "Vel/Module.h"
 
 namespace {
 
 using namespace StreamTest;
 using Fixture::Leaf;
 using Fixture::Twig;
+using Vel::AttributeId;
+using Vel::AttrLogReplica;
 using Vel::Dir;
 using Vel::Ptr;
+using Vel::String;
+using Vel::U32;
 
-// A directory "root" with a leaf "a".
+// A directory "root" with a leaf "a", and a replica that has synchronised.
 class StreamSourceTest : public testing::Test {
 protected:
-    StreamSourceTest() { root->entryIs(a); }
+    explicit StreamSourceTest(Vel::AttrLogSource::Options options = {}) : pair(root, options) {
+        root->entryIs(a);
+        pair.connect();
+        pair.run();
+    }
     ~StreamSourceTest() override { root->entryDelAll(); }
+
+    Ptr<Dir> copy() const { return Vel::ptr_cast<Dir>(pair.replica.root()); }
+    Ptr<Leaf> leafOf(char const* name) const { return Vel::ptr_cast<Leaf>(copy()->entry(name)); }
+    // Collects from now on what observers of the replica's entity are told.
+    void observe(Vel::Entity const& entity) {
+        std::string const name = entity.name().stdString();
+        observers_.push_back(Vel::notifieeOf(entity, [this, name](AttributeId id, Vel::NotifieeKey const* key) {
+            notified.push_back(name + " " + std::to_string(id));
+            if (key) notified.back() += " " + key->as<String>().stdString();
+        }));
+    }
 
     Ptr<Dir> root = Dir::newEntity("root");
     Ptr<Leaf> a = Leaf::newEntity("a");
+    Pair pair;
+    Strings notified;
+
+private:
+    std::vector<std::unique_ptr<Vel::Notifiee>> observers_;
 };
 
-TEST_F(StreamSourceTest, SynchronisesFromNothing) {
-    a->sizeIs(7);
-    Pair pair(root);
-    pair.connect();
-    pair.run();
-    EXPECT_EQ(pair.replica.error(), "");
-    EXPECT_EQ(pair.reader->error(), "");
-    EXPECT_EQ(pair.replica.state(), Vel::AttrLogReplica::State::synced);
+TEST_F(StreamSourceTest, CopyEqualsTheSource) {
+    EXPECT_EQ(pair.replica.state(), AttrLogReplica::State::synced);
     pair.expectEqual();
-    a->sizeIs(8);
+    EXPECT_EQ(copy()->parent(), pair.place.get());
+}
+
+TEST_F(StreamSourceTest, ObserversOfTheCopyAreToldOfEveryChange) {
+    observe(*leafOf("a"));
+    observe(*copy());
+    a->sizeIs(1);
+    a->sizeIs(2);
     root->entryIs(Twig::newEntity("b"));
-    pair.run();
-    pair.expectEqual();
     root->entryDel("a");
     pair.run();
+    EXPECT_EQ(notified, (Strings{"a 258", "a 258", "root 258 b", "root 258 a"}));
     pair.expectEqual();
+}
+
+TEST_F(StreamSourceTest, EntityKnownToSeveralIsOneInTheCopy) {
+    auto const b = Leaf::newEntity("b");
+    b->peerIs(a);
+    a->peerIs(b);
+    root->entryIs(b);
+    pair.run();
+    EXPECT_EQ(leafOf("a")->peer(), leafOf("b"));
+    EXPECT_EQ(leafOf("b")->peer(), leafOf("a"));
+    leafOf("a")->peerIs(nullptr);
+    a->peerIs(nullptr);
+}
+
+TEST_F(StreamSourceTest, EntityThatMovesStaysTheSame) {
+    root->entryIs(Dir::newEntity("d"));
+    pair.run();
+    auto const moved = leafOf("a");
+    root->entryDel("a");
+    Vel::ptr_cast<Dir>(root->entry("d"))->entryIs(a);
+    pair.run();
+    pair.expectEqual();
+    EXPECT_EQ(copy()->entity("d/a"), moved);
+}
+
+TEST_F(StreamSourceTest, WhatCannotBeCreatedIsLeftOut) {
+    root->entryIs(Fixture::Demanding::newEntity("demanding", 4u));
+    root->entryIs(Leaf::newEntity("z"));
+    pair.run();
+    EXPECT_EQ(pair.replica.error(), "");
+    EXPECT_FALSE(copy()->entryExists("demanding"));
+    EXPECT_TRUE(copy()->entryExists("z"));
+}
+
+// --- one log for many ---
+
+TEST_F(StreamSourceTest, ChangeIsEncodedOnceForAllThatReadAlong) {
+    std::vector<std::unique_ptr<Vel::StreamPeer>> readers;
+    std::vector<std::unique_ptr<AttrLogReplica>> replicas;
+    for (int i = 0; i < 15; ++i) {
+        readers.push_back(pair.source.newReader());
+        replicas.push_back(std::make_unique<AttrLogReplica>(Dir::newEntity("root"), AttrLogReplica::Options{}));
+        replicas.back()->connected();
+        readers.back()->input(takeOutput(*replicas.back()));
+        replicas.back()->input(takeOutput(*readers.back()));
+    }
+    EXPECT_EQ(pair.source.liveReaders(), 16u);
+    Vel::U64 const before = pair.source.log().messages();
+    for (U32 i = 1; i <= 10; ++i) a->sizeIs(i);
+    EXPECT_EQ(pair.source.log().messages() - before, 10u);
+    auto const* const first = readers[0]->output(1000).data();
+    for (auto const& reader : readers) EXPECT_EQ(reader->output(1000).data(), first);
+    for (std::size_t i = 0; i < readers.size(); ++i) {
+        replicas[i]->input(takeOutput(*readers[i]));
+        EXPECT_EQ(treeOf(*replicas[i]->root()), treeOf(*root));
+    }
+}
+
+TEST_F(StreamSourceTest, WakesOnceWhoeverHasTakenAll) {
+    int woken = 0;
+    pair.reader->wakeIs([&] { ++woken; });
+    a->sizeIs(1);
+    a->sizeIs(2);
+    EXPECT_EQ(woken, 1);
+    pair.run();
+    a->sizeIs(3);
+    EXPECT_EQ(woken, 2);
+}
+
+class SmallLogTest : public StreamSourceTest {
+protected:
+    SmallLogTest() : StreamSourceTest(Vel::AttrLogSource::Options{.logSize = 1000}) {}
+};
+
+TEST_F(SmallLogTest, StalledReaderCostsAFlagAndNoQueue) {
+    observe(*leafOf("a"));
+    for (U32 i = 1; i <= 100000; ++i) a->sizeIs(i);
+    EXPECT_EQ(pair.source.liveReaders(), 0u);
+    EXPECT_LE(pair.source.log().size(), 1000u + 256u);
+    EXPECT_GT(pair.source.coalesced(), 99000u);
+    pair.run();
+    EXPECT_EQ(notified, Strings{"a 258"});
+    EXPECT_EQ(leafOf("a")->size(), 100000u);
+    EXPECT_EQ(pair.source.liveReaders(), 1u);
+}
+
+TEST_F(SmallLogTest, MessageThatWasCutByTheStallGoesOn) {
+    a->sizeIs(1);
+    a->sizeIs(2);
+    auto const bytes = pair.reader->output(30);
+    ASSERT_EQ(bytes.size(), 30u);
+    pair.replica.input(bytes);
+    for (U32 i = 3; i <= 1000; ++i) a->sizeIs(i);
+    EXPECT_EQ(pair.source.liveReaders(), 0u);
+    pair.reader->outputTaken(30);
+    pair.run();
+    EXPECT_EQ(pair.replica.error(), "");
+    EXPECT_EQ(leafOf("a")->size(), 1000u);
+}
+
+TEST_F(SmallLogTest, OtherReadersDoNotNoticeTheStalledOne) {
+    auto const reader = pair.source.newReader();
+    AttrLogReplica other(Dir::newEntity("root"), {});
+    other.connected();
+    reader->input(takeOutput(other));
+    other.input(takeOutput(*reader));
+    std::vector<U32> seen;
+    auto const leaf = Vel::ptr_cast<Leaf>(Vel::ptr_cast<Dir>(other.root())->entry("a"));
+    auto const observer = Vel::notifieeOf(*leaf, [&](AttributeId) { seen.push_back(leaf->size()); });
+    std::vector<U32> all;
+    for (U32 i = 1; i <= 1000; ++i) {
+        a->sizeIs(i);
+        all.push_back(i);
+        other.input(takeOutput(*reader));
+    }
+    EXPECT_EQ(seen, all);
+}
+
+// --- from one connection to the next ---
+
+TEST_F(StreamSourceTest, LostConnectionLeavesTheCopyStale) {
+    pair.disconnect("no route");
+    EXPECT_EQ(pair.replica.state(), AttrLogReplica::State::stale);
+    EXPECT_EQ(pair.replica.error(), "no route");
+    EXPECT_TRUE(copy()->entryExists("a"));
+}
+
+TEST_F(StreamSourceTest, ReconnectionTellsTheDifferencesOnly) {
+    root->entryIs(Leaf::newEntity("b"));
+    root->entryIs(Leaf::newEntity("c"));
+    pair.run();
+    auto const copyOfA = leafOf("a");
+    observe(*copy());
+    for (char const* const name : {"a", "b", "c"}) observe(*leafOf(name));
+    pair.disconnect();
+    a->sizeIs(5);
+    root->entryDel("b");
+    root->entryIs(Leaf::newEntity("d"));
+    pair.connect();
+    pair.run();
+    EXPECT_EQ(notified, (Strings{"root 258 d", "a 258", "root 258 b"}));
+    EXPECT_EQ(leafOf("a"), copyOfA);
+    pair.expectEqual();
+}
+
+TEST_F(StreamSourceTest, ReconnectionWithoutDifferencesTellsNothing) {
+    observe(*copy());
+    observe(*leafOf("a"));
+    for (int i = 0; i < 3; ++i) {
+        pair.disconnect();
+        pair.connect();
+        pair.run();
+    }
+    EXPECT_EQ(notified, Strings{});
+}
+
+TEST_F(StreamSourceTest, WhatHasGoneGoesAtTheSyncMarkAndNotBefore) {
+    pair.disconnect();
+    root->entryDel("a");
+    pair.connect();
+    pair.reader->input(takeOutput(pair.replica));
+    Bytes const bytes = takeOutput(*pair.reader);
+    pair.replica.input(std::span(bytes).first(bytes.size() - 1));
+    EXPECT_EQ(pair.replica.state(), AttrLogReplica::State::syncing);
+    EXPECT_TRUE(copy()->entryExists("a"));
+    pair.replica.input(std::span(bytes).subspan(bytes.size() - 1));
+    EXPECT_EQ(pair.replica.state(), AttrLogReplica::State::synced);
+    EXPECT_FALSE(copy()->entryExists("a"));
+}
+
+TEST_F(StreamSourceTest, SynchronisationCutAtEveryByteEndsWellTheNextTime) {
+    root->entryIs(Twig::newEntity("b"));
+    pair.disconnect();
+    for (std::size_t cut = 0;; ++cut) {
+        pair.connect();
+        pair.reader->input(takeOutput(pair.replica));
+        Bytes const bytes = takeOutput(*pair.reader);
+        if (cut > bytes.size()) break;
+        pair.replica.input(std::span(bytes).first(cut));
+        ASSERT_EQ(pair.replica.error(), "");
+        pair.disconnect();
+    }
+    pair.disconnect();
+    pair.connect();
+    pair.run();
+    pair.expectEqual();
+}
+
+TEST_F(StreamSourceTest, EntityOfAnotherTypeTakesThePlaceOfTheOld) {
+    pair.disconnect();
+    root->entryDel("a");
+    root->entryIs(Twig::newEntity("a"));
+    pair.connect();
+    pair.run();
+    pair.expectEqual();
+    EXPECT_TRUE(Vel::ptr_cast<Twig>(copy()->entry("a")));
+}
+
+// --- what is refused ---
+
+// A hello whose modules are changed.
+Bytes hello(bool wantsToWrite, std::map<std::string, Vel::U64> const& instead) {
+    Vel::NboAttrLog::BufferSm sm;
+    auto& out = sm.begin(Vel::NboAttrLog::MessageKind::hello, 0);
+    std::map<std::string, Vel::U64> modules;
+    for (auto const* const module : Vel::Registry::modules()) {
+        Vel::VelType const any(module, 0);
+        modules[std::string(any.moduleName())] = any.moduleFingerprint();
+    }
+    for (auto const& [name, fingerprint] : instead) modules[name] = fingerprint;
+    std::erase_if(modules, [](auto const& m) { return m.second == 0; });
+    out << U32(0x56454c41) << Vel::U16(1) << wantsToWrite << String() << static_cast<U32>(modules.size());
+    for (auto const& [name, fingerprint] : modules) out << String(name) << fingerprint;
+    sm.commit();
+    return {sm.bytes().begin(), sm.bytes().end()};
+}
+
+TEST_F(StreamSourceTest, ReaderWithAnotherFingerprintIsRefusedByName) {
+    auto const reader = pair.source.newReader();
+    reader->input(hello(false, {{"Fixtures", 0x1234}}));
+    Strings const sent = told(takeOutput(*reader));
+    EXPECT_TRUE(reader->isClosing());
+    std::string const here = Vel::format("%016lx", Vel::typeOf<Leaf>().moduleFingerprint()).stdString();
+    std::string const reason = "module Fixtures has fingerprint " + here + " here and 0000000000001234 there";
+    EXPECT_EQ(sent.back(), "refused " + reason);
+    EXPECT_EQ(reader->error(), reason.c_str());
+    for (std::string const& message : sent) EXPECT_EQ(message.find("Fixture::"), std::string::npos) << message;
+}
+
+TEST_F(StreamSourceTest, ReaderWithoutAModuleIsRefusedWhenTheTypeComes) {
+    root->entryDel("a");
+    auto const reader = pair.source.newReader();
+    reader->input(hello(false, {{"Fixtures", 0}}));
+    EXPECT_EQ(told(takeOutput(*reader)).back(),
+        "refused module Fixtures, fingerprint " +
+            Vel::format("%016lx", Vel::typeOf<Leaf>().moduleFingerprint()).stdString() + " here, is missing there");
+}
+
+TEST_F(StreamSourceTest, AnotherVersionIsRefused) {
+    Bytes bytes = hello(false, {});
+    bytes[4 + 1 + 4 + 1] = 9;
+    auto const reader = pair.source.newReader();
+    reader->input(bytes);
+    EXPECT_EQ(told(takeOutput(*reader)), Strings{"refused version 9 of the protocol is wanted, and 1 is spoken"});
+}
+
+TEST_F(StreamSourceTest, BytesThatAreNoHelloCloseTheConnection) {
+    auto const reader = pair.source.newReader();
+    reader->input(Bytes{'G', 'E', 'T', ' ', '/'});
+    EXPECT_TRUE(reader->isClosing());
+    EXPECT_EQ(pair.source.readers(), 1u);
+}
+
+TEST_F(StreamSourceTest, WriteToAReadOnlySourceIsRefused) {
+    Vel::GenericValue const value(Vel::typeOf<U32>(), "5");
+    EXPECT_THROW(pair.replica.write(*leafOf("a"), 258, value), Vel::ReadOnlyException);
+    auto const reader = pair.source.newReader();
+    reader->input(hello(true, {}));
+    takeOutput(*reader);
+    Vel::NboAttrLog::BufferSm sm;
+    sm.begin(Vel::NboAttrLog::MessageKind::write, 12) << pair.source.adapter(*a)->id() << U32(258) << U32(5);
+    sm.commit();
+    reader->input(sm.bytes());
+    EXPECT_EQ(told(takeOutput(*reader)), Strings{"refused /a is mounted read-only and takes no changes"});
+    EXPECT_EQ(a->size(), 0u);
+}
+
+TEST(StreamWriteTest, WriteChangesTheSourceAndComesBack) {
+    auto const a = Leaf::newEntity("a");
+    Vel::AttrLogSource source(a, {.mayWrite = true});
+    auto const reader = source.newReader();
+    AttrLogReplica replica(Leaf::newEntity("a"), {.path = {}, .wantsToWrite = true});
+    replica.connected();
+    auto const run = [&] {
+        for (int i = 0; i < 3; ++i) {
+            reader->input(takeOutput(replica));
+            replica.input(takeOutput(*reader));
+        }
+    };
+    run();
+    ASSERT_TRUE(replica.mayWrite());
+    replica.write(*replica.root(), 258, Vel::GenericValue(Vel::typeOf<U32>(), "5"));
+    EXPECT_EQ(Vel::ptr_cast<Leaf>(replica.root())->size(), 0u);
+    run();
+    EXPECT_EQ(a->size(), 5u);
+    EXPECT_EQ(Vel::ptr_cast<Leaf>(replica.root())->size(), 5u);
+    EXPECT_THROW(
+        replica.write(*replica.root(), 258, Vel::GenericValue(Vel::typeOf<String>(), "'x'")), Vel::TypeException);
+    EXPECT_THROW(replica.write(*replica.root(), 260, Vel::GenericValue(Vel::typeOf<U32>(), "5")), Vel::RangeException);
+}
+
+// --- several sources behind one server ---
+
+TEST(StreamServerTest, ReaderGetsWhatIsAtItsPath) {
+    auto const root = Dir::newEntity("");
+    auto const d = Dir::newEntity("d");
+    root->entryIs(d);
+    d->entryIs(Leaf::newEntity("a"));
+    Vel::AttrLogServer server(root);
+    EXPECT_EQ(server.source("/d"), server.source("d/"));
+    EXPECT_EQ(server.source("/x"), nullptr);
+    auto const reader = server.newReader();
+    AttrLogReplica replica(Dir::newEntity("d"), {.path = "/d"});
+    replica.connected();
+    reader->input(takeOutput(replica));
+    replica.input(takeOutput(*reader));
+    EXPECT_EQ(treeOf(*replica.root()), treeOf(*d));
+}
+
+TEST(StreamServerTest, PathWithoutAnEntityIsRefused) {
+    Vel::AttrLogServer server(Dir::newEntity(""));
+    auto const reader = server.newReader();
+    AttrLogReplica replica(Dir::newEntity("d"), {.path = "/d"});
+    replica.connected();
+    reader->input(takeOutput(replica));
+    replica.input(takeOutput(*reader));
+    EXPECT_EQ(replica.error(), "refused: there is nothing at '/d'");
+}
+
+TEST(StreamServerTest, SourceThatGoesTellsItsReaders) {
+    auto source = std::make_unique<Vel::AttrLogSource>(Dir::newEntity("d"));
+    auto const reader = source->newReader();
+    reader->input(hello(false, {}));
+    takeOutput(*reader);
+    source = nullptr;
+    EXPECT_TRUE(reader->isClosing());
+    EXPECT_EQ(told(takeOutput(*reader)), Strings{"refused what was served is gone"});
+}
+
+// --- leaving the view ---
+
+TEST_F(StreamSourceTest, WhatCannotBeReachedAnyMoreIsSweptOut) {
+    std::vector<Ptr<Vel::Entity>> kept;
+    for (int i = 0; i < 200; ++i) {
+        auto const leaf = Leaf::newEntity(Vel::format("n%d", i));
+        root->entryIs(leaf);
+        kept.push_back(leaf);
+    }
+    pair.run();
+    for (auto const& leaf : kept) root->entryDel(leaf->name());
+    EXPECT_EQ(pair.source.entities(), 202u);
+    pair.run();
+    EXPECT_EQ(pair.source.entities(), 2u);
+    EXPECT_EQ(pair.replica.entities(), 2u);
+    pair.expectEqual();
+}
+
+TEST_F(StreamSourceTest, IdIsNeverUsedAgain) {
+    Vel::EntityId const id = pair.source.adapter(*a)->id();
+    root->entryDel("a");
+    a = nullptr;
+    auto const b = Leaf::newEntity("a");
+    root->entryIs(b);
+    EXPECT_GT(pair.source.adapter(*b)->id(), id);
+}
+
+// --- adapters ---
+
+class Recorder : public Vel::Entity::VelNboAttrLogSa {
+public:
+    using VelNboAttrLogSa::VelNboAttrLogSa;
+    bool doMessageMulticast(AttributeId id) override {
+        calls.push_back("multicast " + std::to_string(id));
+        return delivers;
+    }
+    Vel::NboAttrLog::OutSm* singletonSerializeCheck(
+        AttributeId id, bool flag, bool whole, std::size_t size, bool isKey) override {
+        calls.push_back(Vel::format("check %u %d %d %zu %d", id, flag, whole, size, isKey).stdString());
+        if (!takes) return nullptr;
+        sm.begin(Vel::NboAttrLog::MessageKind::value, size);
+        return &sm;
+    }
+    Strings calls;
+    bool delivers = false;
+    bool takes = true;
+    Vel::NboAttrLog::BufferSm sm;
+};
+
+class HandleValueSerializationTest : public testing::Test {
+protected:
+    Ptr<Leaf> leaf = Leaf::newEntity("a");
+    Vel::StreamDemuxer demuxer{leaf};
+    Recorder recorder{demuxer, *leaf, 1, 0};
+};
+
+TEST_F(HandleValueSerializationTest, ChecksThenWritesThenCommits) {
+    recorder.handleValueSerialization(259, Fixture::Version(7, true), true);
+    EXPECT_EQ(recorder.calls, Strings{"check 259 1 1 5 0"});
+    EXPECT_EQ(messages(recorder.sm.bytes()), Strings{"050000000701"});
+    recorder.handleValueSerialization(260, String("abc"), false);
+    EXPECT_EQ(recorder.calls.back(), "check 260 0 1 7 0");
+}
+
+TEST_F(HandleValueSerializationTest, StopsWhereThereIsNoOutput) {
+    recorder.takes = false;
+    recorder.handleValueSerialization(259, U32(1), false);
+    EXPECT_EQ(recorder.sm.size(), 0u);
+}
+
+TEST_F(HandleValueSerializationTest, MulticastThatDeliversIsAll) {
+    recorder.attrLogFlagsIs(0x4000, true);
+    recorder.delivers = true;
+    recorder.handleValueSerialization(259, U32(1), false);
+    EXPECT_EQ(recorder.calls, Strings{"multicast 259"});
+    recorder.delivers = false;
+    recorder.handleValueSerialization(259, U32(1), false);
+    EXPECT_EQ(recorder.calls.back(), "check 259 0 1 4 0");
+}
+
+TEST_F(HandleValueSerializationTest, NoMulticastToOneReaderOrOfAReadersChange) {
+    for (U32 const bit : {0x80000u, 0x100000u}) {
+        recorder.calls.clear();
+        recorder.attrLogFlagsIs(0x4000 | bit, true);
+        recorder.handleValueSerialization(259, U32(1), false);
+        EXPECT_EQ(recorder.calls, Strings{"check 259 0 1 4 0"});
+        recorder.attrLogFlagsIs(bit, false);
+    }
+}
+
+TEST(StreamAdapterDeathTest, NothingIsAppliedWhileItIsWritten) {
+    class Reentrant : public Recorder {
+    public:
+        using Recorder::Recorder;
+        Vel::NboAttrLog::OutSm* singletonSerializeCheck(AttributeId id, bool, bool, std::size_t, bool) override {
+            Bytes const bytes(4);
+            Vel::NboAttrLog::In in(bytes);
+            onAttributeForConnection(id, in);
+            return nullptr;
+        }
+    };
+    auto const leaf = Leaf::newEntity("a");
+    Vel::StreamDemuxer demuxer(leaf);
+    Reentrant adapter(demuxer, *leaf, 1, 0);
+    EXPECT_DEATH(adapter.handleAttributeSerialization(*adapter.table().find(258), false), "!_isActive");
 }
 
 }  // namespace

@@ -187,6 +187,41 @@ inline Strings told(std::span<Vel::U8 const> bytes) {
 
 inline std::string treeOf(Entity const& root) { return Detail::TreeText().of(root, "/"); }
 
+// A connection by itself, which takes as many messages as it is told to.
+class Line final : public Vel::NboAttrLog::FlowConnection {
+public:
+    explicit Line(Vel::StreamDemuxer& demuxer) : FlowConnection(&demuxer) {}
+
+    std::size_t room = 1000;  // messages
+    Vel::NboAttrLog::OutSm& nboAttrLogOut() override { return out_; }
+    bool isOkToSerialize() const override { return count() < room; }
+    std::size_t count() const { return messages(out_.bytes()).size(); }
+    Strings take() {
+        Strings const result = told(out_.bytes());
+        out_.clear();
+        return result;
+    }
+    // What is flowed out of the root from the attribute on, each time as many messages as there is room for, and the id
+    // that each stop gave.
+    std::vector<Vel::AttributeId> flow(Vel::Entity::VelNboAttrLogSa& adapter, Vel::AttributeId from) {
+        if (!isAnnounced(adapter)) announce(adapter, {});
+        out_.clear();
+        Vel::NboAttrLog::FlowOut& flow = flowIs(adapter, from);
+        std::vector<Vel::AttributeId> stops;
+        do {
+            from = adapter.continueFlowOut(*this, flow, from);
+            flow.resumeIdIs(from);
+            stops.push_back(from);
+            for (std::string const& message : take()) sent.push_back(message);
+        } while (from != 0 && from != ~Vel::AttributeId(0));
+        return stops;
+    }
+    Strings sent;
+
+private:
+    Vel::NboAttrLog::BufferSm out_;
+};
+
 // A source and a replica, and nothing between them.
 class Pair {
 public:
