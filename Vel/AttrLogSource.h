@@ -74,7 +74,6 @@ private:
     std::vector<AttrLogReader*> awaiting_;
     std::size_t liveReaders_ = 0;
     U64 lastChunk_ = 0;
-    bool isTrimming_ = false;
     std::function<bool(Entity&, AttributeId)> multicast_;
 };
 

@@ -2,6 +2,8 @@
 
 #include <mutex>
 #include <new>
+#include <utility>
+#include <vector>
 
 namespace Vel {
 
@@ -62,10 +64,42 @@ void PtrInterface::hasNotificationActiveIs(bool on) { flagIs(notificationActiveB
 void PtrInterface::zeroReferencesIs(bool) {}
 PtrInterface::~PtrInterface() = default;
 
+namespace {
+
+// An object that was the last to hold another destroys that one too, and so on: beyond this depth they wait until the
+// outermost is done, so that a chain of any length takes no stack.
+constexpr unsigned maxNestedDestruction = 64;
+thread_local unsigned nestedDestruction = 0;
+thread_local std::vector<PtrInterface*>* waitingForDestruction = nullptr;
+
+bool waits(PtrInterface* object) {
+    try {
+        if (!waitingForDestruction) waitingForDestruction = new std::vector<PtrInterface*>;
+        waitingForDestruction->push_back(object);
+        return true;
+    } catch (std::bad_alloc const&) {
+        return false;
+    }
+}
+
+}  // namespace
+
 void PtrInterface::handleZeroRef() {
     newRef();  // references that come and go while the object is being destroyed must not destroy it again
     zeroReferencesIs(true);
+    if (nestedDestruction >= maxNestedDestruction && waits(this)) return;
+    ++nestedDestruction;
     delete this;
+    --nestedDestruction;
+    if (nestedDestruction != 0 || !waitingForDestruction) return;
+    nestedDestruction = 1;
+    while (!waitingForDestruction->empty()) {
+        PtrInterface* const next = waitingForDestruction->back();
+        waitingForDestruction->pop_back();
+        delete next;
+    }
+    nestedDestruction = 0;
+    delete std::exchange(waitingForDestruction, nullptr);
 }
 
 void PtrInterface::flagIs(U32 bit, bool on) noexcept {

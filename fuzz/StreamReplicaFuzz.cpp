@@ -1,0 +1,71 @@
+#include "Mox/Generation.h"
+#include "Mox/PrefixTrie.h"
+
+#include "Vel/AttrLogReplica.h"
+#include "Vel/Exception.h"
+#include "Vel/Module.h"
+#include "Vel/StreamProtocol.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+
+// What a source sends, to a replica: any bytes. The first byte says whether a welcome, the types and a root come before
+// them, and into pieces of what size they are cut. Nothing but an error may come of it, and no more may be held than a
+// message that has not come wholly.
+
+// A peer may tie entities to a circle, as a program may, and nobody frees those.
+extern "C" char const* __asan_default_options() { return "detect_leaks=0"; }
+
+namespace {
+
+using Vel::U32;
+using Vel::NboAttrLog::MessageKind;
+
+void addTypes(Vel::NboAttrLog::BufferSm& sm) {
+    sm.begin(MessageKind::welcome, 3) << Vel::streamVersion << false;
+    sm.commit();
+    U32 index = 0;
+    for (char const* const name :
+        {"Vel::Dir", "Mox::PrefixTrie", "Mox::PrefixTrieState", "Mox::GenerationEntity", "Cell::Status"}) {
+        Vel::VelType const type = Vel::Registry::type(name);
+        sm.begin(MessageKind::type, 0) << index++ << Vel::String(name) << Vel::String(type.moduleName())
+                                       << type.moduleFingerprint();
+        sm.commit();
+    }
+    sm.begin(MessageKind::announce, 0) << U32(1) << U32(0) << U32(0) << Vel::String("d");
+    sm.commit();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+    if (size == 0) return 0;
+    auto const place = Vel::Dir::newEntity("");
+    place->entryIs(Mox::prefixTrieFactory("other"));
+    Vel::StreamLimits limits;
+    limits.frame = 4096;
+    limits.entities = 64;
+    limits.types = 16;
+    Vel::AttrLogReplica replica(place, "copy", {.path = {}, .wantsToWrite = false, .limits = limits});
+    std::size_t const piece = 1 + (data[0] >> 1);
+    bool const isPrepared = data[0] & 1;
+    std::span<Vel::U8 const> left(data + 1, size - 1);
+    // Twice: the second connection finds what the first one left.
+    for (int connection = 0; connection < 2; ++connection) {
+        replica.connected();
+        if (isPrepared) {
+            Vel::NboAttrLog::BufferSm sm;
+            addTypes(sm);
+            replica.input(sm.bytes());
+            if (!replica.error().empty()) std::abort();
+        }
+        for (auto rest = left; !rest.empty(); rest = rest.subspan(std::min(piece, rest.size()))) {
+            replica.input(rest.first(std::min(piece, rest.size())));
+            if (replica.inputHeld() > limits.frame + 4 || replica.entities() > limits.entities) std::abort();
+            replica.outputTaken(replica.output(100).size());
+        }
+        replica.closed("end");
+    }
+    return 0;
+}
