@@ -28,6 +28,7 @@ class VEL_API IdSet {
 public:
     class VelBucket;
     class BucketIterator;
+    class BucketRange;
     template <class Set> class IdIteratorOf;
     using IdIterator = IdIteratorOf<IdSet>;
     using IdIteratorConst = IdIteratorOf<IdSet const>;
@@ -70,6 +71,7 @@ public:
     bool bucketExists(BucketId b) const { return words_.contains(b.value()); }
     U32 bucketChangeCounter() const { return words_.changeCounter(); }  // moves whenever a bucket comes or goes
     BucketIterator bucketIterator() const;
+    BucketRange bucketRange() const;  // for (auto [key, word] : set.bucketRange()); changing the set ends its meaning
 
     // --- members ---
 

@@ -126,6 +126,57 @@ private:
     unsigned bucket_ = Detail::WordMap::buckets;
 };
 
+// The stored buckets as they are, in ascending order.
+class IdSet::BucketRange {
+public:
+    struct Entry {
+        BucketId key;
+        U64 word;
+
+        friend bool operator==(Entry const&, Entry const&) = default;
+    };
+
+    class Iterator {
+    public:
+        using iterator_concept = std::forward_iterator_tag;
+        using iterator_category = std::input_iterator_tag;
+        using value_type = Entry;
+        using difference_type = std::ptrdiff_t;
+
+        Iterator() = default;
+        explicit Iterator(IdSet const& set) : cursor_(set.words_) { ++*this; }
+
+        Entry operator*() const { return {BucketId(static_cast<U8>(bucket_)), word_}; }
+        Iterator& operator++() {
+            if (!cursor_.next(bucket_, word_)) *this = Iterator();
+            return *this;
+        }
+        Iterator operator++(int) {
+            Iterator const before = *this;
+            ++*this;
+            return before;
+        }
+        friend bool operator==(Iterator const& a, Iterator const& b) { return a.bucket_ == b.bucket_; }
+        friend bool operator==(Iterator const& i, std::default_sentinel_t) {
+            return i.bucket_ == Detail::WordMap::buckets;
+        }
+
+    private:
+        Detail::WordMap::Cursor cursor_;
+        U64 word_ = 0;
+        unsigned bucket_ = Detail::WordMap::buckets;
+    };
+
+    explicit BucketRange(IdSet const& set) : set_(&set) {}
+    Iterator begin() const { return Iterator(*set_); }
+    std::default_sentinel_t end() const { return {}; }
+    U32 size() const { return set_->buckets(); }
+
+private:
+    IdSet const* set_;
+};
+
+inline IdSet::BucketRange IdSet::bucketRange() const { return BucketRange(*this); }
 inline IdSet::Iterator IdSet::begin() const { return Iterator(*this); }
 inline IdSet::IdIteratorConst IdSet::walkIds() const { return IdIteratorConst(*this); }
 

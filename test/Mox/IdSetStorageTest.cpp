@@ -8,10 +8,12 @@
 #include <gtest/gtest.h>
 
 #include <iomanip>
+#include <ranges>
 #include <set>
 #include <sstream>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -383,6 +385,30 @@ TEST(IdSetStorageTest, HashOfManyBucketsMixesThemInTurn) {
         }
         EXPECT_EQ(set.hash(5), expected.result()) << buckets;
     }
+}
+
+static_assert(std::ranges::forward_range<IdSet::BucketRange>);
+
+TEST(IdSetStorageTest, BucketsAreARangeInAscendingOrder) {
+    IdSet set(16320);
+    for (unsigned const bucket : {254u, 3u, 0u, 77u}) set.bucketIs(BucketId(static_cast<Mox::U8>(bucket)), bucket);
+    std::vector<IdSet::BucketRange::Entry> seen;
+    for (auto const entry : set.bucketRange()) seen.push_back(entry);
+    EXPECT_EQ(seen, (std::vector<IdSet::BucketRange::Entry>{{0, 0}, {3, 3}, {77, 77}, {254, 254}}));
+    EXPECT_EQ(set.bucketRange().size(), 4u);
+}
+
+TEST(IdSetStorageTest, AllBucketsAreInTheRange) {
+    IdSet set(16384);
+    EXPECT_EQ(set.bucketRange().begin(), set.bucketRange().end());
+    for (unsigned bucket = 0; bucket < 256; ++bucket) set.bucketIs(BucketId(static_cast<Mox::U8>(bucket)), ~bucket);
+    unsigned next = 0;
+    for (auto const [key, word] : set.bucketRange()) {
+        EXPECT_EQ(key, BucketId(static_cast<Mox::U8>(next)));
+        EXPECT_EQ(word, ~next);
+        ++next;
+    }
+    EXPECT_EQ(next, 256u);
 }
 
 }  // namespace
