@@ -202,6 +202,25 @@ TEST_F(PrefixTrieCatchUpTest, KeyThatCameAndWentIsDeleted) {
     EXPECT_EQ(flow(), Strings{"keyDel 1.262 c"});
 }
 
+TEST_F(PrefixTrieCatchUpTest, MemberThatWasMadeBeforeItsCollectionBeganIsDeleted) {
+    trie->newChildIs("z");
+    Line late(view);
+    view.add(late);
+    late.announce(node, {});
+    late.take();
+    late.room = 6;  // state, flags, and one of the two children, which brings along that it is in prefixChild
+    late.continueFlowOut();
+    Strings const begun = late.take();
+    ASSERT_EQ(begun.size(), 7u);
+    EXPECT_EQ(late.flow(node)->resumeId(), 261u);
+    std::string const child = begun.back().substr(std::string("keySet 1.261 ").size(), 1);
+    auto const kept = trie->prefixChildDel(child);
+    late.room = 1000;
+    late.continueFlowOut();
+    Strings const rest = late.take();
+    EXPECT_EQ(std::count(rest.begin(), rest.end(), "keyDel 1.262 " + child), 1) << testing::PrintToString(rest);
+}
+
 TEST_F(PrefixTrieCatchUpTest, KeyIsSentOnceHoweverOftenItChanged) {
     auto const a = trie->prefixChild("a");
     for (int i = 0; i < 4; ++i) {

@@ -203,6 +203,7 @@ public:
     }
     // What is flowed out of the root from the attribute on, each time as many messages as there is room for, and the id
     // that each stop gave.
+    using FlowConnection::flow;
     std::vector<Vel::AttributeId> flow(Vel::Entity::VelNboAttrLogSa& adapter, Vel::AttributeId from) {
         if (!isAnnounced(adapter)) announce(adapter, {});
         out_.clear();
