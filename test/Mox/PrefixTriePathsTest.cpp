@@ -219,11 +219,14 @@ TEST_F(PrefixTriePathsTest, QueriesChangeNothing) {
 
 // --- long paths ---
 
+// Recursion through overridden operations needs room on the stack, of which a sanitizer takes several times as much.
+constexpr unsigned longPath = ALLOCATIONS_ARE_COUNTED ? 10000 : 2000;
+
 TEST_F(PrefixTriePathsTest, PathOfTenThousandComponentsIsAddedAskedAndDeleted) {
     hooks.recording = false;
-    std::string const path = pathOf(10000);
+    std::string const path = pathOf(longPath);
     add(path, {"deep"});
-    EXPECT_EQ(TrieTest::liveNodes(), 10001u);
+    EXPECT_EQ(TrieTest::liveNodes(), longPath + 1);
     EXPECT_EQ(answers(path), "plh " + path + "  s");
     add("/a", {"top"});  // pushed down through all of them
     EXPECT_EQ(static_cast<State&>(*trie->prefixState(path)).tags, (TrieTest::Tags{"deep", "top"}));
@@ -232,7 +235,7 @@ TEST_F(PrefixTriePathsTest, PathOfTenThousandComponentsIsAddedAskedAndDeleted) {
     EXPECT_EQ(shape(), "/a*+");
     trie->prefixDel("/a");
     EXPECT_EQ(shape(), "");
-    EXPECT_EQ(TrieTest::liveNodes(), 10001u);  // in prefixChild
+    EXPECT_EQ(TrieTest::liveNodes(), longPath + 1);  // in prefixChild
 }
 
 TEST_F(PrefixTriePathsTest, PathOfTenThousandComponentsIsAddedToATrieThatLeavesPathsToTheBase) {
@@ -247,13 +250,13 @@ TEST_F(PrefixTriePathsTest, PathOfTenThousandComponentsIsAddedToATrieThatLeavesP
 
 TEST_F(PrefixTriePathsTest, TrieOfTenThousandLevelsIsAppendedAndDestroyed) {
     hooks.recording = false;
-    std::string const path = pathOf(10000);
+    std::string const path = pathOf(longPath);
     auto const other = trieOf({path});
     trie->append(other);
     EXPECT_TRUE(trie->isPrefix(path));
-    EXPECT_EQ(TrieTest::liveNodes(), 20002u);
+    EXPECT_EQ(TrieTest::liveNodes(), 2 * longPath + 2);
     trie->emptyIs(true);
-    EXPECT_EQ(TrieTest::liveNodes(), 10002u);
+    EXPECT_EQ(TrieTest::liveNodes(), longPath + 2);
 }
 
 TEST_F(PrefixTriePathsTest, PathOfAMillionComponentsIsAskedAndDeletedInAShortTrie) {
