@@ -57,31 +57,12 @@ String PrefixTrieState::outputForm() {
 
 PrefixTrie::PrefixTrie(String const& name) : EntityOf(name) {}
 
-// Nodes that are released meanwhile wait until this one is done: a path of any length is torn down without recursion.
 PrefixTrie::~PrefixTrie() {
-    static thread_local std::vector<PrefixTrie*>* waiting = nullptr;
-    std::vector<PrefixTrie*> here;
-    bool const outermost = !waiting;
-    if (outermost) waiting = &here;
-
     members_.releaseAll(
         [this](PrefixTrie& member, Collection which) {
             if (which == Collection::prefixChild) disown(member);
         },
-        [](PrefixTrie* member) {
-            try {
-                waiting->push_back(member);
-            } catch (std::bad_alloc const&) {
-                member->deleteRef();
-            }
-        });
-    if (!outermost) return;
-    while (!here.empty()) {
-        PrefixTrie* const next = here.back();
-        here.pop_back();
-        next->deleteRef();
-    }
-    waiting = nullptr;
+        [](PrefixTrie* member) { member->deleteRef(); });
 }
 
 Ptr<PrefixTrie> PrefixTrie::PrefixTrieIs(String const& name) { return prefixTrieFactory(name); }
