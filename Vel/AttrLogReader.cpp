@@ -6,10 +6,8 @@
 
 namespace Vel {
 
-using NboAttrLog::FlowConnection;
 using NboAttrLog::In;
 using NboAttrLog::MessageKind;
-using NboAttrLog::OutSm;
 
 AttrLogReader::AttrLogReader(Finder finder, StreamLimits const& limits)
     : StreamPeer(limits), FlowConnection(nullptr), finder_(std::move(finder)) {}

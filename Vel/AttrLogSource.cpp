@@ -6,7 +6,6 @@
 
 namespace Vel {
 
-using NboAttrLog::AttrLog;
 using NboAttrLog::FlowConnection;
 using NboAttrLog::MessageKind;
 
