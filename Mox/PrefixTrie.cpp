@@ -168,9 +168,11 @@ constexpr char prefixIsSignature[] =
 
 // A loop as far as no derived class has an operation of its own here; a child that has one gets a path of its own too.
 void PrefixTrie::prefixIs(String const& path, Ptr<State> const& newState) {
-    static Ptr<PrefixTrie> const plain = prefixTrieFactory(String());
+    static auto* const plain =
+        new Ptr<PrefixTrie>(prefixTrieFactory(String()));  // for good: tries may be used during exit
     if (!newState) Vel::throwMutatorArgNullPointerException(fwkType(), prefixIsAttribute);
-    Ptr<PrefixTrie> at(this);
+    PrefixTrie* at = this;
+    Ptr<PrefixTrie> held;  // what `at` is, below this node
     for (std::string_view rest = path;;) {
         if (traceHandle.enabled(8))
             traceRecord(8, __LINE__, "prefixIs", prefixIsSignature, " adding ", String(rest), " to ", at->velName(),
@@ -182,8 +184,9 @@ void PrefixTrie::prefixIs(String const& path, Ptr<State> const& newState) {
             return;
         }
         newState->upgradeState(c->state(), true);
-        if (Detail::overrides(*c, *plain, &PrefixTrie::prefixIs)) return c->prefixIs(String(left), newState);
-        at = std::move(c);
+        if (Detail::overrides(*c, **plain, &PrefixTrie::prefixIs)) return c->prefixIs(String(left), newState);
+        held = std::move(c);
+        at = held.get();
         rest = left;
     }
 }
@@ -338,7 +341,7 @@ void PrefixTrie::upgradeState(Ptr<State> const& inheritedState, bool inheritedOn
     constexpr char signature[] =
         "virtual void Mox::PrefixTrie::upgradeState(const Vel::Ptr<Mox::PrefixTrieState>&, bool)";
     if (traceHandle.enabled(8))
-        traceRecord(8, __LINE__, "upgradeState", signature, " for ", name(),
+        traceRecord(8, __LINE__, "upgradeState", signature, " for ", velName(),
             ", inherited state:", outputFormOf(inheritedState));
     Ptr<State> passedOn = inheritedState;
     if (present_) {

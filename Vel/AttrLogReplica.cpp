@@ -374,12 +374,10 @@ void AttrLogReplica::write(Entity const& entity, AttributeId id, GenericValue co
     if (!attribute || attribute->kind != StreamKind::value)
         throwRangeException(format("%s has no value %u that its source sends", entity.path().charPtr(), id));
     if (value.type() != attribute->type()) GenericIfImpl::throwTypeException(value.type());
-    bool const wanted = wantsOutput();
-    Out& out = controlOut().begin(MessageKind::write, 8 + value.attrLogSize());
-    out << found->second << id;
-    value.type().glue().write(out, value.data());
-    controlOut().commit();
-    if (!wanted) wake();
+    sendControl(MessageKind::write, 8 + value.attrLogSize(), [&](Out& out) {
+        out << found->second << id;
+        value.type().glue().write(out, value.data());
+    });
 }
 
 }  // namespace Vel

@@ -8,6 +8,7 @@ namespace Vel {
 
 using NboAttrLog::In;
 using NboAttrLog::MessageKind;
+using NboAttrLog::Out;
 
 StreamPeer::~StreamPeer() = default;
 
@@ -68,10 +69,7 @@ void StreamPeer::inputMessage(std::span<U8 const> message) {
     if (kind == MessageKind::ping) {
         U32 const token = body.nextU32();
         if (control_.size() > limits_.frame) throw StreamException("pings come faster than their answers are taken", 0);
-        bool const wanted = wantsOutput();
-        control_.begin(MessageKind::pong, 4) << token;
-        control_.commit();
-        if (!wanted) wake();
+        sendControl(MessageKind::pong, 4, [&](Out& out) { out << token; });
     } else if (kind == MessageKind::pong) {
         body.nextU32();
         ++pongs_;
@@ -84,10 +82,7 @@ void StreamPeer::inputMessage(std::span<U8 const> message) {
 }
 
 void StreamPeer::ping(U32 token) {
-    bool const wanted = wantsOutput();
-    control_.begin(MessageKind::ping, 4) << token;
-    control_.commit();
-    if (!wanted) wake();
+    sendControl(MessageKind::ping, 4, [&](Out& out) { out << token; });
 }
 
 void StreamPeer::fail(String const& reason) {

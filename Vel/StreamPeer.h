@@ -62,6 +62,13 @@ protected:
     void wake();
 
     NboAttrLog::OutSm& controlOut() { return control_; }  // for messages that are sent at the next opportunity
+    // The same for a message that comes up by itself, and so may have to wake the transport: write(Out&) its body.
+    template <class F> void sendControl(NboAttrLog::MessageKind kind, std::size_t size, F write) {
+        bool const wanted = wantsOutput();
+        write(control_.begin(kind, size));
+        control_.commit();
+        if (!wanted) wake();
+    }
     bool hasControl() const { return control_.size() != 0; }
 
     NboAttrLog::BufferSm out_;  // written to by output() only

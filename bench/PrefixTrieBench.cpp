@@ -28,7 +28,11 @@ class PlainState : public Mox::PrefixTrieState {
 class PlainTrie : public Mox::PrefixTrie {
 public:
     explicit PlainTrie(Vel::String const& name) : PrefixTrie(name) {}
-    static Vel::Ptr<PlainTrie> newEntity(Vel::String const& name) { return Vel::Ptr<PlainTrie>(new PlainTrie(name)); }
+    static Vel::Ptr<PlainTrie> newEntity(Vel::String const& name) {
+        Vel::Ptr<PlainTrie> const made(new PlainTrie(name));
+        made->hasNotificationActiveIs(true);  // as every factory does
+        return made;
+    }
     Vel::Ptr<Mox::PrefixTrieState> newStateIs() override { return state(); }
     Vel::Ptr<PrefixTrie> newChildIs(Vel::String const& key) override { return newChildOf<PlainTrie>(key); }
     static Vel::Ptr<Mox::PrefixTrieState> const& state() {
