@@ -9,8 +9,8 @@ namespace Vel {
 using NboAttrLog::In;
 using NboAttrLog::MessageKind;
 
-AttrLogReader::AttrLogReader(Finder finder, StreamLimits const& limits)
-    : StreamPeer(limits), FlowConnection(nullptr), finder_(std::move(finder)) {}
+AttrLogReader::AttrLogReader(Finder finder, StreamLimits const& limits, bool mayWrite)
+    : StreamPeer(limits), FlowConnection(nullptr), finder_(std::move(finder)), mayWrite_(mayWrite) {}
 
 AttrLogReader::~AttrLogReader() { leave(); }
 
@@ -68,7 +68,7 @@ void AttrLogReader::hello(In& body) {
     if (!source) return refuse("there is nothing at " + valueToStrep(path));
     source_ = source;
     demuxerIs(*source);
-    mayWrite_ = wantsToWrite && source->options().mayWrite;
+    mayWrite_ = mayWrite_ && wantsToWrite && source->options().mayWrite;
     bool const wanted = wantsOutput();
     controlOut().begin(MessageKind::welcome, 3) << streamVersion << mayWrite_;
     controlOut().commit();

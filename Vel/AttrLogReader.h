@@ -15,8 +15,8 @@ class VEL_API AttrLogReader final : public StreamPeer, public NboAttrLog::FlowCo
 public:
     using Finder = std::function<AttrLogSource*(String const& path)>;
 
-    // `finder` gives the source for the path that the reader asks for, or null.
-    AttrLogReader(Finder finder, StreamLimits const& limits);
+    // `finder` gives the source for the path that the reader asks for, or null. `mayWrite`: if the source lets anybody.
+    AttrLogReader(Finder finder, StreamLimits const& limits, bool mayWrite);
     ~AttrLogReader() override;
 
     std::span<U8 const> output(std::size_t limit) override;
@@ -57,7 +57,7 @@ private:
     bool isLive_ = false;
     bool isAwaiting_ = false;
     bool hasSynced_ = false;
-    bool mayWrite_ = false;
+    bool mayWrite_;
     friend class AttrLogSource;
 };
 

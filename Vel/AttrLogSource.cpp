@@ -25,8 +25,8 @@ AttrLogSource::~AttrLogSource() {
     for (AttrLogReader* const reader : std::vector(readers_)) reader->sourceIsGone();
 }
 
-std::unique_ptr<StreamPeer> AttrLogSource::newReader() {
-    return std::make_unique<AttrLogReader>([this](String const&) { return this; }, options_.limits);
+std::unique_ptr<StreamPeer> AttrLogSource::newReader(bool mayWrite) {
+    return std::make_unique<AttrLogReader>([this](String const&) { return this; }, options_.limits, mayWrite);
 }
 
 void AttrLogSource::multicastIs(std::function<bool(Entity& entity, AttributeId id)> deliver) {
@@ -140,8 +140,9 @@ AttrLogSource* AttrLogServer::source(String const& path) {
     return source.get();
 }
 
-std::unique_ptr<StreamPeer> AttrLogServer::newReader() {
-    return std::make_unique<AttrLogReader>([this](String const& path) { return source(path); }, options_.limits);
+std::unique_ptr<StreamPeer> AttrLogServer::newReader(bool mayWrite) {
+    return std::make_unique<AttrLogReader>(
+        [this](String const& path) { return source(path); }, options_.limits, mayWrite);
 }
 
 }  // namespace Vel

@@ -30,8 +30,9 @@ public:
     AttrLogSource(Ptr<Entity> root, Options const& options);
     ~AttrLogSource() override;  // readers that are left are closing then
 
-    // Another reader's side of a connection. It serves the root, whatever path the reader asks for.
-    std::unique_ptr<StreamPeer> newReader();
+    // Another reader's side of a connection. It serves the root, whatever path the reader asks for, and lets it change
+    // values if the options do and `mayWrite` does.
+    std::unique_ptr<StreamPeer> newReader(bool mayWrite = true);
     std::size_t readers() const { return readers_.size(); }  // that have said hello
     std::size_t liveReaders() const { return liveReaders_; }
     Options const& options() const { return options_; }
@@ -95,7 +96,7 @@ public:
     explicit AttrLogServer(Ptr<Entity> root, AttrLogSource::Options const& options = AttrLogSource::Options());
     ~AttrLogServer();
 
-    std::unique_ptr<StreamPeer> newReader();    // must not outlive the server
+    std::unique_ptr<StreamPeer> newReader(bool mayWrite = true);  // as a source's; must not outlive the server
     AttrLogSource* source(String const& path);  // null: there is no entity. Readers of one entity share a source
 
 private:

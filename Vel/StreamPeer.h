@@ -47,6 +47,7 @@ public:
     // note that for later, and no more.
     void wakeIs(std::function<void()> wake) { wake_ = std::move(wake); }
 
+    void refuse(String const& reason);                         // closing, with this error, and the other side is told
     void ping(U32 token);                                      // the other side answers by itself
     U32 pongs() const { return pongs_; }                       // answers that came
     U64 messagesIn() const { return messagesIn_; }             // applied
@@ -56,9 +57,8 @@ public:
 protected:
     // One message. Throws StreamException, or what the entity throws.
     virtual void handleMessage(NboAttrLog::MessageKind kind, NboAttrLog::In& body) = 0;
-    void fail(String const& reason);    // closing, with this error
-    void refuse(String const& reason);  // the same, and the other side is told
-    void reset();                       // as constructed, for another connection
+    void fail(String const& reason);  // closing, with this error
+    void reset();                     // as constructed, for another connection
     void wake();
 
     NboAttrLog::OutSm& controlOut() { return control_; }  // for messages that are sent at the next opportunity
