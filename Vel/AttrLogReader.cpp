@@ -29,10 +29,10 @@ void AttrLogReader::closed(String const& reason) {
     StreamPeer::closed(reason);
 }
 
-void AttrLogReader::sourceIsGone() {
+void AttrLogReader::leaveSource(String const& reason) {
     finishLogMessage();
+    refuse(reason);  // before it leaves, to wake the transport only if it has not been
     leave();
-    refuse("what was served is gone");
 }
 
 // --- what comes in ---
@@ -151,6 +151,7 @@ std::span<U8 const> AttrLogReader::output(std::size_t limit) {
             if (!hasControl()) catchUp();
         } catch (Refusal const& refusal) {
             refuse(refusal.text);
+            if (source_->idsAreOut()) source_->startOver();
         }
     }
     if (isLive_ && !StreamPeer::wantsOutput()) {

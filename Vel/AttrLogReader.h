@@ -26,9 +26,9 @@ public:
 
     bool isLive() const { return isLive_; }
     NboAttrLog::AttrLog::Position position() const { return position_; }
-    void toldToCatchUp();           // it has fallen too far behind, and is not live any more
-    void sourceIsGone();            //
-    void refuseLater(String text);  // at the next output
+    void toldToCatchUp();                    // it has fallen too far behind, and is not live any more
+    void leaveSource(String const& reason);  // closing, with this error
+    void refuseLater(String text);           // at the next output
     bool accepts(VelType type, String& reason) const;
     void goneIs(EntityId id) { gone_.push_back(id); }
     void wakeUp() { wake(); }

@@ -22,7 +22,7 @@ AttrLogSource::AttrLogSource(Ptr<Entity> root, Options const& options)
     : StreamDemuxer(std::move(root)), options_(options), log_(chunkSizeOf(options)), live_(*this) {}
 
 AttrLogSource::~AttrLogSource() {
-    for (AttrLogReader* const reader : std::vector(readers_)) reader->sourceIsGone();
+    for (AttrLogReader* const reader : std::vector(readers_)) reader->leaveSource("what was served is gone");
 }
 
 std::unique_ptr<StreamPeer> AttrLogSource::newReader(bool mayWrite) {
@@ -44,6 +44,7 @@ void AttrLogSource::attach(AttrLogReader& reader) {
     adapterIs(root());
     readers_.push_back(&reader);
     catchingUpIs(reader, true);
+    if (idsAreOut()) startOver();
 }
 
 void AttrLogSource::detach(AttrLogReader& reader) {
@@ -51,6 +52,11 @@ void AttrLogSource::detach(AttrLogReader& reader) {
     catchingUpIs(reader, false);
     std::erase(readers_, &reader);
     std::erase(awaiting_, &reader);
+}
+
+void AttrLogSource::startOver() {
+    for (AttrLogReader* const reader : std::vector(readers_)) reader->leaveSource(FlowConnection::idsAreOut);
+    StreamDemuxer::startOver();
 }
 
 // The reader has been told of everything. Whoever reads the log has, too: the first one brings what is known of them.
@@ -83,10 +89,13 @@ void AttrLogSource::Live::typeIsNeeded(VelType type) {
 }
 
 void AttrLogSource::liveIsWritten() {
-    while (live() && live_.hasWaiting()) {
-        live_.continueFlowOut();
-        trimLog();
-    }
+    try {
+        while (live() && live_.hasWaiting()) {
+            live_.continueFlowOut();
+            trimLog();
+        }
+    } catch (FlowConnection::Refusal const&) {}  // no ids are left; of readers each is refused by itself
+    if (idsAreOut()) return startOver();
     if (log_.head().chunk != lastChunk_) trimLog();
     if (awaiting_.empty()) return;
     for (AttrLogReader* const reader : std::exchange(awaiting_, {})) {
@@ -129,15 +138,47 @@ AttrLogServer::AttrLogServer(Ptr<Entity> root, AttrLogSource::Options const& opt
     : root_(std::move(root)), options_(options) {}
 AttrLogServer::~AttrLogServer() = default;
 
+namespace {
+
+// The names on the way, with one separator between each two: all spellings of a path are one.
+std::string plainPath(std::string_view path) {
+    std::string plain;
+    while (!path.empty()) {
+        std::string_view const name = path.substr(0, path.find('/'));
+        path.remove_prefix(std::min(path.size(), name.size() + 1));
+        if (name.empty()) continue;
+        if (!plain.empty()) plain += '/';
+        plain += name;
+    }
+    return plain;
+}
+
+}  // namespace
+
+Ptr<Entity> AttrLogServer::entityAt(std::string const& path) const { return root_->entity(String(path)); }
+
+// A source that somebody is about to ask for stays without readers.
+void AttrLogServer::checkPathsBut(std::optional<std::string_view> wanted) {
+    std::vector<std::unique_ptr<AttrLogSource>> gone;  // destroyed when the map is in order again
+    for (auto at = sources_.begin(); at != sources_.end();) {
+        auto& [path, source] = *at;
+        bool const isWanted = source->readers() != 0 || path == wanted;
+        if (isWanted && entityAt(path).get() == &source->root()) {
+            ++at;
+        } else {
+            gone.push_back(std::move(source));
+            at = sources_.erase(at);
+        }
+    }
+}
+
 AttrLogSource* AttrLogServer::source(String const& path) {
-    std::string_view relative = path.view();
-    while (relative.starts_with('/')) relative.remove_prefix(1);
-    Ptr<Entity> const entity = root_->entity(String(relative));
-    std::erase_if(sources_, [&](auto const& s) { return s.first != entity.get() && s.second->readers() == 0; });
+    std::string const plain = plainPath(path.view());
+    checkPathsBut(plain);
+    if (auto const found = sources_.find(plain); found != sources_.end()) return found->second.get();
+    Ptr<Entity> const entity = entityAt(plain);
     if (!entity) return nullptr;
-    std::unique_ptr<AttrLogSource>& source = sources_[entity.get()];
-    if (!source) source = std::make_unique<AttrLogSource>(entity, options_);
-    return source.get();
+    return sources_.emplace(plain, std::make_unique<AttrLogSource>(entity, options_)).first->second.get();
 }
 
 std::unique_ptr<StreamPeer> AttrLogServer::newReader(bool mayWrite) {

@@ -7,6 +7,9 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
 
 namespace Vel {
 
@@ -49,6 +52,7 @@ public:
     void goLive(AttrLogReader& reader);
     void leaveLive(AttrLogReader& reader, bool catchesUp);
     void awaits(AttrLogReader& reader);  // wants to be woken at the next change
+    void startOver() override;           // ids have run out: all readers are closing, and come back to new ones
     class Write;
 
 private:
@@ -90,19 +94,32 @@ private:
     AttrLogSource& source_;
 };
 
-// Serves what is below an entity: each reader gets what is at the path that it asks for.
+// Serves what is below an entity: each reader gets what is at the path that it asks for, when it says hello.
+//
+// Nothing tells when the entity at a path is replaced or taken out; its readers would go on with it for ever. So whoever
+// runs the transport calls checkPaths() now and then, once a second for instance: readers of what is not at its path any
+// more are refused, and find what is there now when they connect again.
 class VEL_API AttrLogServer {
 public:
     explicit AttrLogServer(Ptr<Entity> root, AttrLogSource::Options const& options = AttrLogSource::Options());
     ~AttrLogServer();
 
     std::unique_ptr<StreamPeer> newReader(bool mayWrite = true);  // as a source's; must not outlive the server
-    AttrLogSource* source(String const& path);  // null: there is no entity. Readers of one entity share a source
+    // What readers of the path share; null: there is no entity. Checks all paths first, as every reader's hello does.
+    // Lasts until a check finds another entity, or none, at the path, or nobody who reads it.
+    AttrLogSource* source(String const& path);
+    // Destroys the sources that are not at their paths any more, so that their readers are closing, and those without
+    // readers. Looks up one path for each source. Not to be called from within a mutator, an observer or a peer.
+    void checkPaths() { checkPathsBut(std::nullopt); }
+    std::size_t sources() const { return sources_.size(); }
 
 private:
+    Ptr<Entity> entityAt(std::string const& path) const;
+    void checkPathsBut(std::optional<std::string_view> wanted);
+
     Ptr<Entity> root_;
     AttrLogSource::Options options_;
-    std::map<Entity const*, std::unique_ptr<AttrLogSource>> sources_;
+    std::map<std::string, std::unique_ptr<AttrLogSource>> sources_;  // by path, without needless separators
 };
 
 }  // namespace Vel

@@ -67,9 +67,15 @@ void FlowConnection::continueFlowOut() {
 
 // --- entities ---
 
+Adapter* FlowConnection::adapterOf(Entity& entity) {
+    Adapter* const adapter = demuxer_->adapterIs(entity);
+    if (demuxer_->idsAreOut()) throw Refusal{idsAreOut};
+    return adapter;
+}
+
 EntityId FlowConnection::idOf(Entity* entity, Via const& via) {
     if (!entity) return 0;
-    Adapter* const adapter = demuxer_->adapterIs(*entity);
+    Adapter* const adapter = adapterOf(*entity);
     if (!adapter) return 0;
     if (!isAnnounced(*adapter)) announce(*adapter, ownerOf(*entity, via));
     return adapter->id();
@@ -130,7 +136,7 @@ void FlowConnection::instantiatedIs(Adapter& member, Adapter const& owner) {
 void FlowConnection::sendKey(Adapter& adapter, StreamAttribute const& attribute, std::string_view key, bool isNew) {
     In in(bytesOf(key));
     Entity* const entity = attribute.member(adapter.entity(), in);
-    Adapter* const member = entity ? demuxer_->adapterIs(*entity) : nullptr;
+    Adapter* const member = entity ? adapterOf(*entity) : nullptr;
     if (!member) {
         if (!isNew) sendKeyDel(adapter, attribute, key);
         return;

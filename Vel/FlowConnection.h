@@ -46,6 +46,7 @@ public:
     struct Refusal {
         String text;
     };
+    static constexpr char const* idsAreOut = "entity ids have run out, and begin anew with the next connection";
 
     // Where an entity is referred to, so that a replica can find the one it may have there already.
     struct Via {
@@ -88,6 +89,7 @@ protected:
     void demuxerIs(StreamDemuxer& demuxer) { demuxer_ = &demuxer; }
 
 private:
+    Adapter* adapterOf(Entity& entity);  // or null; throws Refusal when there is no id left for it
     Via ownerOf(Entity& entity, Via const& via);
     bool isInstantiatedBy(Adapter const& member, Adapter const& owner) const;
     void instantiatedIs(Adapter& member, Adapter const& owner);

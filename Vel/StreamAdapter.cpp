@@ -53,6 +53,7 @@ void Sa::handleAttribute(AttributeId id) {
     if (attribute->kind == StreamKind::pointer) {
         if (Entity* const target = attribute->target(entity())) demuxer.adapterIs(*target);
         demuxer.referenceDropped();
+        if (demuxer.idsAreOut()) return demuxer.startOver();  // destroys this adapter
     }
     for (FlowConnection* const connection : demuxer.catchingUp())
         demuxer.changeCounted(!flowOutOnAttributeForConnection(*connection, *attribute));
@@ -72,6 +73,7 @@ void Sa::handleAttribute(AttributeId id, NotifieeKey const& key) {
     In in(bytes.bytes());
     Entity* const entity = attribute->member(this->entity(), in);
     Sa* const member = entity ? demuxer.adapterIs(*entity) : nullptr;
+    if (demuxer.idsAreOut()) return demuxer.startOver();  // destroys this adapter
     if (!member) demuxer.referenceDropped();
 
     std::string_view const view(reinterpret_cast<char const*>(bytes.data()), bytes.size());

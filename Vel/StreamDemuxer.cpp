@@ -40,7 +40,11 @@ StreamDemuxer::Adapter* StreamDemuxer::adapter(Entity const& entity) const {
 }
 
 StreamDemuxer::Adapter* StreamDemuxer::newAdapter(Entity& entity) {
-    U32 slot;
+    if (lastId_ == ~EntityId(0)) {
+        idsAreOut_ = true;
+        return nullptr;
+    }
+    U32 slot;  // there are never more than ids, so that the last number, SlotSet::none, is none
     if (freeSlots_.empty()) {
         slot = static_cast<U32>(bySlot_.size());
         bySlot_.push_back(nullptr);
@@ -63,11 +67,12 @@ StreamDemuxer::Adapter* StreamDemuxer::adapterIs(Entity& entity) {
     if (&entity != root_.get() && !isStreamable(entity.fwkType())) return nullptr;
     Adapter* const first = newAdapter(entity);
     std::vector<Adapter*> left{first};
-    while (!left.empty()) {
+    while (!left.empty() && !idsAreOut_) {
         Adapter const& next = *left.back();
         left.pop_back();
         visitReferences(next, [&](Entity& referred) {
-            if (!adapter(referred) && isStreamable(referred.fwkType())) left.push_back(newAdapter(referred));
+            if (idsAreOut_ || adapter(referred) || !isStreamable(referred.fwkType())) return;
+            left.push_back(newAdapter(referred));
         });
     }
     return first;
@@ -78,6 +83,17 @@ U32 StreamDemuxer::typeIndex(VelType type) {
     auto const index = static_cast<U32>(found - types_.begin());
     if (found == types_.end()) types_.push_back(type);
     return index;
+}
+
+void StreamDemuxer::startOver() {
+    byEntity_.clear();
+    bySlot_.clear();
+    freeSlots_.clear();
+    usedSlots_.clear();
+    lastId_ = 0;
+    dropped_ = 0;
+    idsAreOut_ = false;
+    adapters_.clear();
 }
 
 // --- leaving the view ---

@@ -11,7 +11,7 @@ namespace Vel {
 // The entities of one view by number, and the connections that they are streamed to.
 //
 // An entity is in the view while it can be reached from the root, through pointers and collections, and has an adapter
-// then. Its id is its own for the life of the view; the root's is 1.
+// then. Its id is its own until all ids, 2^32 - 1 of them, have been given; the view starts over then. The root's is 1.
 class VEL_API StreamDemuxer {
 public:
     using Adapter = Entity::VelNboAttrLogSa;
@@ -24,8 +24,14 @@ public:
     Entity& root() const { return *root_; }
     Adapter* adapter(EntityId id) const;           // or null
     Adapter* adapter(Entity const& entity) const;  // or null
-    // Takes the entity, and all that it leads to, into the view; null when its type can't be streamed.
+    // Takes the entity, and all that it leads to, into the view; null when its type can't be streamed. When there are
+    // no ids left for all of them, idsAreOut().
     Adapter* adapterIs(Entity& entity);
+    bool idsAreOut() const { return idsAreOut_; }
+    // Empties the view; ids begin at 1 again. No connection may know of an id then. Destroys all adapters.
+    virtual void startOver();
+    // As though the ids up to this one had been given. REQUIRES: none above it has.
+    void lastIdIs(EntityId id) { lastId_ = id; }
     std::size_t entities() const { return adapters_.size(); }
     NboAttrLog::SlotSet const& slots() const { return usedSlots_; }
     Adapter* adapterAt(U32 slot) const { return bySlot_[slot]; }
@@ -72,7 +78,7 @@ protected:
     U32 newAdapterFlags_ = 0;  // SerializeSink's, of every adapter made from now on
 
 private:
-    Adapter* newAdapter(Entity& entity);
+    Adapter* newAdapter(Entity& entity);  // null: there is no id left
     void remove(Adapter& adapter);
 
     Ptr<Entity> root_;
@@ -86,9 +92,10 @@ private:
     NboAttrLog::FlowConnection* live_ = nullptr;
     NboAttrLog::FlowConnection* flowing_ = nullptr;
     NboAttrLog::Out keyOut_;
-    EntityId lastId_ = 0;
+    EntityId lastId_ = 0;  // given
     std::size_t dropped_ = 0;
     bool remoteMayWrite_ = false;
+    bool idsAreOut_ = false;
     U64 changes_ = 0;
     U64 coalesced_ = 0;
 };

@@ -390,6 +390,102 @@ TEST(StreamServerTest, SourceThatGoesTellsItsReaders) {
     EXPECT_EQ(told(takeOutput(*reader)), Strings{"refused what was served is gone"});
 }
 
+// A server of a directory with another one, "d", in it, and a replica of what is at "/d".
+class ServedPathTest : public testing::Test {
+protected:
+    ServedPathTest() {
+        root->entryIs(Dir::newEntity("d"));
+        put("old");
+        connect();
+        run();
+    }
+    void put(char const* leaf) { Vel::ptr_cast<Dir>(root->entry("d"))->entryIs(Leaf::newEntity(leaf)); }
+    void replace() {
+        root->entryDel("d");
+        root->entryIs(Dir::newEntity("d"));
+        put("new");
+    }
+    void connect() {
+        reader = server.newReader();
+        reader->wakeIs([this] { ++woken; });
+        replica.connected();
+    }
+    void run() {
+        while (replica.wantsOutput() || reader->wantsOutput()) {
+            reader->input(takeOutput(replica));
+            replica.input(takeOutput(*reader));
+        }
+    }
+    void reconnect() {
+        reader->closed("");
+        replica.closed("");
+        connect();
+        run();
+    }
+
+    Ptr<Dir> root = Dir::newEntity("");
+    Vel::AttrLogServer server{root};
+    std::unique_ptr<Vel::StreamPeer> reader;
+    AttrLogReplica replica{Dir::newEntity(""), "d", {.path = "/d"}};
+    int woken = 0;
+};
+
+TEST_F(ServedPathTest, ReaderOfWhatWasReplacedIsRefusedAndFindsWhatIsThereNow) {
+    replace();
+    EXPECT_FALSE(reader->isClosing());
+    server.checkPaths();
+    EXPECT_TRUE(reader->isClosing());
+    EXPECT_EQ(woken, 1);
+    run();
+    EXPECT_EQ(replica.error(), "refused: what was served is gone");
+    reconnect();
+    EXPECT_EQ(replica.error(), "");
+    EXPECT_EQ(treeOf(*replica.root()), treeOf(*root->entry("d")));
+}
+
+TEST_F(ServedPathTest, ReaderOfWhatWasTakenOutIsRefusedAndFindsNothing) {
+    root->entryDel("d");
+    server.checkPaths();
+    EXPECT_TRUE(reader->isClosing());
+    EXPECT_EQ(server.sources(), 0u);
+    reconnect();
+    EXPECT_EQ(replica.error(), "refused: there is nothing at '/d'");
+}
+
+TEST_F(ServedPathTest, WhatIsServedWherePathsAgreeGoesOn) {
+    replace();
+    root->entryIs(Dir::newEntity("e"));
+    auto const other = server.newReader();
+    AttrLogReplica otherReplica(Dir::newEntity("e"), {.path = "e/"});
+    otherReplica.connected();
+    other->input(takeOutput(otherReplica));
+    server.checkPaths();
+    server.checkPaths();
+    EXPECT_FALSE(other->isClosing());
+    EXPECT_EQ(server.sources(), 1u);
+}
+
+TEST_F(ServedPathTest, HelloIsAnsweredWithWhatIsThereNow) {
+    replace();
+    AttrLogReplica other(Dir::newEntity(""), "d", {.path = "//d"});
+    auto const second = server.newReader();
+    other.connected();
+    second->input(takeOutput(other));
+    other.input(takeOutput(*second));
+    ASSERT_EQ(other.error(), "");
+    EXPECT_EQ(treeOf(*other.root()), treeOf(*root->entry("d")));
+    EXPECT_TRUE(reader->isClosing()) << "and who reads what was there is told";
+}
+
+TEST_F(ServedPathTest, SourceWithoutReadersIsGivenUp) {
+    EXPECT_EQ(server.sources(), 1u);
+    reader->closed("");
+    server.checkPaths();
+    EXPECT_EQ(server.sources(), 0u);
+    EXPECT_EQ(server.source("d"), server.source("/d/"));
+    EXPECT_EQ(server.sources(), 1u);
+}
+
 // --- leaving the view ---
 
 TEST_F(StreamSourceTest, WhatCannotBeReachedAnyMoreIsSweptOut) {
@@ -415,6 +511,102 @@ TEST_F(StreamSourceTest, IdIsNeverUsedAgain) {
     auto const b = Leaf::newEntity("a");
     root->entryIs(b);
     EXPECT_GT(pair.source.adapter(*b)->id(), id);
+}
+
+// --- ids run out ---
+
+// Three ids are left.
+class LastIdsTest : public StreamSourceTest {
+protected:
+    LastIdsTest() { pair.source.lastIdIs(~Vel::EntityId(0) - 3); }
+    void addLeaves(int count) {
+        for (int i = 0; i < count; ++i) root->entryIs(Leaf::newEntity(Vel::format("n%d", i)));
+    }
+    static constexpr char const* reason = "entity ids have run out, and begin anew with the next connection";
+};
+
+TEST_F(LastIdsTest, LastIdIsAnIdAsAnyOther) {
+    addLeaves(3);
+    EXPECT_EQ(pair.source.adapter(*root->entry("n2"))->id(), ~Vel::EntityId(0));
+    pair.run();
+    pair.expectEqual();
+    EXPECT_EQ(pair.replica.error(), "");
+}
+
+TEST_F(LastIdsTest, ReadersAreRefusedAndNextTimeIdsBeginAnew) {
+    int woken = 0;
+    pair.reader->wakeIs([&] { ++woken; });
+    addLeaves(4);
+    EXPECT_TRUE(pair.reader->isClosing());
+    EXPECT_EQ(woken, 1);
+    EXPECT_EQ(pair.source.entities(), 0u);
+    pair.run();
+    EXPECT_EQ(pair.replica.error(), (std::string("refused: ") + reason).c_str());
+
+    auto const copyOfA = leafOf("a");
+    observe(*copy());
+    pair.disconnect();
+    pair.connect();
+    pair.run();
+    pair.expectEqual();
+    EXPECT_EQ(leafOf("a"), copyOfA);
+    EXPECT_EQ(notified.size(), 4u);
+    EXPECT_EQ(pair.source.adapter(*root)->id(), 1u);
+    EXPECT_LE(pair.source.adapter(*root->entry("n3"))->id(), 6u);
+    EXPECT_EQ(pair.source.entities(), 6u);
+}
+
+TEST_F(LastIdsTest, ReaderThatCatchesUpIsRefusedToo) {
+    root->entryIs(Leaf::newEntity("y"));
+    pair.disconnect();
+    // Whom nobody was told of is met when it is sent.
+    a->hasNotificationActiveIs(false);
+    auto const chain = Leaf::newEntity("0");
+    auto last = chain;
+    for (int i = 0; i < 5; ++i) {
+        auto const next = Leaf::newEntity("1");
+        last->peerIs(next);
+        last = next;
+    }
+    a->peerIs(chain);
+    pair.connect();
+    pair.run();
+    EXPECT_EQ(pair.replica.error(), (std::string("refused: ") + reason).c_str());
+    EXPECT_EQ(pair.source.readers(), 0u);
+    pair.disconnect();
+    pair.connect();
+    pair.run();
+    pair.expectEqual();
+    EXPECT_EQ(pair.source.entities(), 9u);
+}
+
+TEST_F(LastIdsTest, WithoutReadersItStartsOverUnnoticed) {
+    pair.disconnect();
+    addLeaves(10);
+    pair.connect();
+    pair.run();
+    pair.expectEqual();
+    EXPECT_EQ(pair.source.adapter(*root)->id(), 1u);
+}
+
+TEST_F(LastIdsTest, PointerThatTakesTheLastIdsStartsOver) {
+    auto const chain = Leaf::newEntity("0");
+    auto last = chain;
+    for (int i = 0; i < 5; ++i) {
+        auto const next = Leaf::newEntity("1");
+        last->peerIs(next);
+        last = next;
+    }
+    a->peerIs(chain);
+    EXPECT_TRUE(pair.reader->isClosing());
+    a->sizeIs(1);
+    pair.run();
+    EXPECT_EQ(leafOf("a")->size(), 0u);
+    EXPECT_EQ(leafOf("a")->peer(), nullptr);
+    pair.disconnect();
+    pair.connect();
+    pair.run();
+    pair.expectEqual();
 }
 
 // --- adapters ---
