@@ -34,6 +34,12 @@ std::span<U8 const> AttrLog::read(Position& at, std::size_t limit) const {
     }
 }
 
+std::size_t AttrLog::sizeFrom(Position at) const {
+    std::size_t before = at.offset;
+    for (std::size_t c = 0; c < at.chunk - firstChunk_; ++c) before += chunks_[c]->size();
+    return size_ - before;
+}
+
 void AttrLog::drop(Position before) {
     while (chunks_.size() > 1 && firstChunk_ < before.chunk) {
         std::shared_ptr<Out> chunk = std::move(chunks_.front());

@@ -26,6 +26,7 @@ public:
     Position head() const { return {firstChunk_ + chunks_.size() - 1, chunks_.back()->size()}; }
     Position tail() const { return {firstChunk_, 0}; }
     std::size_t size() const { return size_; }  // bytes held
+    std::size_t sizeFrom(Position at) const;    // bytes behind it. REQUIRES: tail() <= at <= head()
     // Bytes that lie in one piece from there on, at most `limit`; empty at the head. Moves `at` over a chunk's end.
     // REQUIRES: tail() <= at <= head()
     std::span<U8 const> read(Position& at, std::size_t limit) const;

@@ -66,10 +66,10 @@ void AttrLogReader::hello(In& body) {
         return refuse(format("version %u of the protocol is wanted, and %u is spoken", version, streamVersion));
     AttrLogSource* const source = finder_(path);
     if (!source) return refuse("there is nothing at " + valueToStrep(path));
+    bool const wanted = wantsOutput();
     source_ = source;
     demuxerIs(*source);
     mayWrite_ = mayWrite_ && wantsToWrite && source->options().mayWrite;
-    bool const wanted = wantsOutput();
     controlOut().begin(MessageKind::welcome, 3) << streamVersion << mayWrite_;
     controlOut().commit();
     source->attach(*this);

@@ -113,6 +113,13 @@ void AttrLogSource::entityHasGone(EntityId id, FlowConnection& connection) {
     }
 }
 
+std::size_t AttrLogSource::backlog() const {
+    std::size_t most = 0;
+    for (AttrLogReader const* const reader : readers_)
+        if (reader->isLive()) most = std::max(most, log_.sizeFrom(reader->position()));
+    return most;
+}
+
 // Drops what every reader has read. A reader that holds more back than may be has to catch up instead.
 void AttrLogSource::trimLog() {
     if (!live()) return;
@@ -166,6 +173,7 @@ void AttrLogServer::checkPathsBut(std::optional<std::string_view> wanted) {
         if (isWanted && entityAt(path).get() == &source->root()) {
             ++at;
         } else {
+            coalescedBefore_ += source->coalesced();
             gone.push_back(std::move(source));
             at = sources_.erase(at);
         }
@@ -179,6 +187,18 @@ AttrLogSource* AttrLogServer::source(String const& path) {
     Ptr<Entity> const entity = entityAt(plain);
     if (!entity) return nullptr;
     return sources_.emplace(plain, std::make_unique<AttrLogSource>(entity, options_)).first->second.get();
+}
+
+std::size_t AttrLogServer::backlog() const {
+    std::size_t most = 0;
+    for (auto const& [path, source] : sources_) most = std::max(most, source->backlog());
+    return most;
+}
+
+U64 AttrLogServer::coalesced() const {
+    U64 sum = coalescedBefore_;
+    for (auto const& [path, source] : sources_) sum += source->coalesced();
+    return sum;
 }
 
 std::unique_ptr<StreamPeer> AttrLogServer::newReader(bool mayWrite) {

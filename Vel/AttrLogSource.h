@@ -38,6 +38,7 @@ public:
     std::unique_ptr<StreamPeer> newReader(bool mayWrite = true);
     std::size_t readers() const { return readers_.size(); }  // that have said hello
     std::size_t liveReaders() const { return liveReaders_; }
+    std::size_t backlog() const;  // bytes of the log that the slowest live reader has still to be sent
     Options const& options() const { return options_; }
 
     NboAttrLog::AttrLog const& log() const { return log_; }
@@ -112,6 +113,8 @@ public:
     // readers. Looks up one path for each source. Not to be called from within a mutator, an observer or a peer.
     void checkPaths() { checkPathsBut(std::nullopt); }
     std::size_t sources() const { return sources_.size(); }
+    std::size_t backlog() const;  // the largest of its sources'
+    U64 coalesced() const;        // by all sources that it has had
 
 private:
     Ptr<Entity> entityAt(std::string const& path) const;
@@ -120,6 +123,7 @@ private:
     Ptr<Entity> root_;
     AttrLogSource::Options options_;
     std::map<std::string, std::unique_ptr<AttrLogSource>> sources_;  // by path, without needless separators
+    U64 coalescedBefore_ = 0;                                        // by sources that are gone
 };
 
 }  // namespace Vel

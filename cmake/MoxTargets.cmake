@@ -12,10 +12,13 @@ function(mox_compile target)
     endif()
 endfunction()
 
-# mox_library(target Namespace [OUTPUT name] [LINK targets...]): the library of the current folder, with the alias
-# Namespace::target, its install rules and its export set.
+# mox_library(target Namespace [OUTPUT name] [EXPORT name] [LINK targets...]): the library of the current folder, with the
+# alias Namespace::target, its install rules and its export set, which is named after the namespace unless told.
 function(mox_library target namespace)
-    cmake_parse_arguments(PARSE_ARGV 2 arg "" "OUTPUT" "LINK")
+    cmake_parse_arguments(PARSE_ARGV 2 arg "" "OUTPUT;EXPORT" "LINK")
+    if(NOT arg_EXPORT)
+        set(arg_EXPORT ${namespace}Targets)
+    endif()
     file(GLOB sources CONFIGURE_DEPENDS *.cpp internal/*.cpp)
 
     if(NOT sources)  # nothing to compile here yet
@@ -23,8 +26,8 @@ function(mox_library target namespace)
         add_library(${namespace}::${target} ALIAS ${target})
         target_link_libraries(${target} INTERFACE ${arg_LINK})
         if(MOX_INSTALL)
-            install(TARGETS ${target} EXPORT ${namespace}Targets)
-            install(EXPORT ${namespace}Targets NAMESPACE ${namespace}::
+            install(TARGETS ${target} EXPORT ${arg_EXPORT})
+            install(EXPORT ${arg_EXPORT} NAMESPACE ${namespace}::
                 DESTINATION "${CMAKE_INSTALL_LIBDIR}/cmake/Mox")
         endif()
         return()
@@ -57,14 +60,14 @@ function(mox_library target namespace)
     endif()
 
     if(MOX_INSTALL)
-        install(TARGETS ${target} EXPORT ${namespace}Targets
+        install(TARGETS ${target} EXPORT ${arg_EXPORT}
             RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}"
             LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
             ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
         get_filename_component(folder "${CMAKE_CURRENT_SOURCE_DIR}" NAME)
         install(DIRECTORY "${CMAKE_CURRENT_SOURCE_DIR}/" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/${folder}"
             FILES_MATCHING PATTERN "*.h")
-        install(EXPORT ${namespace}Targets NAMESPACE ${namespace}::
+        install(EXPORT ${arg_EXPORT} NAMESPACE ${namespace}::
             DESTINATION "${CMAKE_INSTALL_LIBDIR}/cmake/Mox")
     endif()
 endfunction()

@@ -433,6 +433,7 @@ protected:
 TEST_F(ServedPathTest, ReaderOfWhatWasReplacedIsRefusedAndFindsWhatIsThereNow) {
     replace();
     EXPECT_FALSE(reader->isClosing());
+    woken = 0;
     server.checkPaths();
     EXPECT_TRUE(reader->isClosing());
     EXPECT_EQ(woken, 1);
@@ -441,6 +442,16 @@ TEST_F(ServedPathTest, ReaderOfWhatWasReplacedIsRefusedAndFindsWhatIsThereNow) {
     reconnect();
     EXPECT_EQ(replica.error(), "");
     EXPECT_EQ(treeOf(*replica.root()), treeOf(*root->entry("d")));
+}
+
+TEST_F(ServedPathTest, HelloWakesTheTransportSinceThereIsSomethingToSend) {
+    auto const other = server.newReader();
+    int calls = 0;
+    other->wakeIs([&] { ++calls; });
+    AttrLogReplica otherReplica(Dir::newEntity(""), "d", {.path = "d"});
+    otherReplica.connected();
+    other->input(takeOutput(otherReplica));
+    EXPECT_EQ(calls, 1);
 }
 
 TEST_F(ServedPathTest, ReaderOfWhatWasTakenOutIsRefusedAndFindsNothing) {

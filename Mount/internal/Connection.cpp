@@ -1,0 +1,255 @@
+#include "Mount/internal/Connection.h"
+
+#include "Vel/Strep.h"
+
+#include <asio/post.hpp>
+
+namespace Mount {
+
+namespace {
+
+constexpr std::size_t bufferSize = 256u << 10;
+constexpr std::size_t turn = 1u << 20;  // bytes either way before others have theirs
+constexpr std::chrono::seconds finishTime{1};
+
+// Room for what comes in. One for all connections of the thread, as long as none of them runs the loop from within.
+class Buffer {
+public:
+    Buffer() : bytes_(kept() ? std::move(kept()) : std::make_unique_for_overwrite<U8[]>(bufferSize)) {}
+    Buffer(Buffer const&) = delete;
+    Buffer& operator=(Buffer const&) = delete;
+    ~Buffer() { kept() = std::move(bytes_); }
+    std::span<U8> bytes() const { return {bytes_.get(), bufferSize}; }
+
+private:
+    static std::unique_ptr<U8[]>& kept() {
+        thread_local std::unique_ptr<U8[]> buffer;
+        return buffer;
+    }
+    std::unique_ptr<U8[]> bytes_;
+};
+
+}  // namespace
+
+Connection::Connection(Socket socket, std::unique_ptr<Channel> channel, PeerOptions const& options)
+    : socket_(std::move(socket)), channel_(std::move(channel)), timer_(socket_.get_executor()), options_(options) {}
+Connection::~Connection() = default;
+
+// Does some work for which the peer may be called, and ends afterwards if it has come to that.
+template <class Work> void Connection::run(Work work) {
+    if (phase_ == Phase::ended) return;
+    auto const self = shared_from_this();
+    bool const wasBusy = std::exchange(isBusy_, true);
+    if (!isToEnd_) work();
+    isBusy_ = wasBusy;
+    if (isBusy_) return;
+    if (isToEnd_)
+        end();
+    else
+        arm();
+}
+
+void Connection::start(Ready ready, Ended ended) {
+    ready_ = std::move(ready);
+    ended_ = std::move(ended);
+    startedAt_ = heardAt_ = Clock::now();
+    scheduleTick(std::min<Clock::duration>(options_.helloTimeout, options_.idleTimeout / 3));
+    run([this] { handshake(); });
+}
+
+void Connection::close(String const& reason) {
+    run([&] { endLater(reason); });
+}
+
+// --- work ---
+
+void Connection::handshake() {
+    switch (auto const outcome = channel_->handshake(); outcome.result) {
+    case Channel::Result::wantsRead:
+        receiveAwaits_ = Awaits::toRead;
+        return;
+    case Channel::Result::wantsWrite:
+        receiveAwaits_ = Awaits::toWrite;
+        return;
+    case Channel::Result::end:
+        return endLater("the other side has left before anything was said");
+    case Channel::Result::failed:
+        return endLater(channel_->error());
+    case Channel::Result::done:
+        break;
+    }
+    phase_ = Phase::carrying;
+    peer_ = &ready_(*this);
+    messagesBefore_ = peer_->messagesIn();
+    peer_->wakeIs([this] { wake(); });
+    send();
+    receive();
+}
+
+void Connection::receive() {
+    receiveAwaits_ = Awaits::nothing;
+    Buffer const buffer;
+    for (std::size_t received = 0; !isOver();) {
+        if (received >= turn) {
+            receivesMore_ = true;
+            return wake();
+        }
+        auto const outcome = channel_->receive(buffer.bytes());
+        switch (outcome.result) {
+        case Channel::Result::wantsRead:
+            receiveAwaits_ = Awaits::toRead;
+            return;
+        case Channel::Result::wantsWrite:
+            receiveAwaits_ = Awaits::toWrite;
+            return;
+        case Channel::Result::end:
+            if (phase_ == Phase::carrying && peer_->inputHeld() != 0)
+                return endLater("the connection was cut in the middle of a message");
+            return endLater(peer_->error());
+        case Channel::Result::failed:
+            return endLater(channel_->error());
+        case Channel::Result::done:
+            break;
+        }
+        received += outcome.bytes;
+        bytesIn_ += outcome.bytes;
+        if (phase_ != Phase::carrying) continue;  // nobody listens any more
+        peer_->input(buffer.bytes().first(outcome.bytes));
+        checkClosing();
+    }
+}
+
+void Connection::send() {
+    sendAwaits_ = Awaits::nothing;
+    for (std::size_t sent = 0; !isOver();) {
+        if (sent >= turn) return wake();
+        if (outgoing_.empty()) {
+            outgoing_ = peer_->output(bufferSize);
+            checkClosing();
+            if (outgoing_.empty()) {
+                if (phase_ == Phase::finishing) channel_->finish();
+                return;
+            }
+        }
+        auto const outcome = channel_->send(outgoing_);
+        switch (outcome.result) {
+        case Channel::Result::wantsRead:
+            sendAwaits_ = Awaits::toRead;
+            return;
+        case Channel::Result::wantsWrite:
+            sendAwaits_ = Awaits::toWrite;
+            return;
+        case Channel::Result::end:
+        case Channel::Result::failed: {
+            // What the other side has said last tells why better than that it does not listen.
+            if (phase_ == Phase::carrying) receive();
+            return endLater(channel_->error());
+        }
+        case Channel::Result::done:
+            break;
+        }
+        sent += outcome.bytes;
+        bytesOut_ += outcome.bytes;
+        peer_->outputTaken(outcome.bytes);
+        outgoing_ = outgoing_.subspan(outcome.bytes);
+    }
+}
+
+// When the peer wants to end it is given a moment to say so.
+void Connection::checkClosing() {
+    if (phase_ != Phase::carrying || !peer_->isClosing()) return;
+    phase_ = Phase::finishing;
+    scheduleTick(finishTime);
+    wake();
+}
+
+// --- waiting ---
+
+// Called out of a mutator, perhaps for each of many changes: only notes that there is something to do.
+void Connection::wake() {
+    if (std::exchange(isWoken_, true) || phase_ == Phase::ended) return;
+    asio::post(socket_.get_executor(), KeptHandler(wakeMemory_, [self = shared_from_this()] { self->goOn(); }));
+}
+
+void Connection::goOn() {
+    isWoken_ = false;
+    run([this] {
+        if (sendAwaits_ == Awaits::nothing) send();
+        if (std::exchange(receivesMore_, false)) receive();
+    });
+}
+
+void Connection::arm() {
+    if (receiveAwaits_ == Awaits::toRead || sendAwaits_ == Awaits::toRead)
+        waitFor(Awaits::toRead, isReadWaiting_, readMemory_);
+    if (receiveAwaits_ == Awaits::toWrite || sendAwaits_ == Awaits::toWrite)
+        waitFor(Awaits::toWrite, isWriteWaiting_, writeMemory_);
+}
+
+void Connection::waitFor(Awaits what, bool& isWaiting, HandlerMemory& memory) {
+    if (std::exchange(isWaiting, true)) return;
+    auto const kind = what == Awaits::toRead ? Socket::wait_read : Socket::wait_write;
+    socket_.async_wait(
+        kind, KeptHandler(memory, [self = shared_from_this(), what, &isWaiting](std::error_code const& error) {
+            isWaiting = false;
+            if (error) return;  // closed meanwhile
+            self->run([&] {
+                if (self->phase_ == Phase::handshake) return self->handshake();
+                if (self->sendAwaits_ == what) self->send();
+                if (self->receiveAwaits_ == what) self->receive();
+            });
+        }));
+}
+
+void Connection::scheduleTick(Clock::duration time) {
+    timer_.expires_after(time);
+    timer_.async_wait([self = shared_from_this()](std::error_code const& error) {
+        if (!error) self->run([&] { self->tick(); });
+    });
+}
+
+void Connection::tick() {
+    if (phase_ == Phase::finishing) return endLater(peer_->error());
+    // What has come while the process was busy counts, although its turn would be only after this.
+    if (phase_ == Phase::carrying && receiveAwaits_ == Awaits::toRead) receive();
+    if (isOver() || phase_ == Phase::finishing) return;
+    auto const now = Clock::now();
+    auto const seconds = [](Milliseconds time) { return Vel::valueToStrep(static_cast<double>(time.count()) / 1000); };
+    bool const knows = phase_ == Phase::carrying && peer_->messagesIn() != messagesBefore_;
+    if (!knows && now - startedAt_ >= options_.helloTimeout)
+        return endLater("not a word came within " + seconds(options_.helloTimeout) + " s");
+    if (bytesIn_ != bytesInHeard_) {
+        bytesInHeard_ = bytesIn_;
+        heardAt_ = now;
+    } else if (now - heardAt_ >= options_.idleTimeout) {
+        return endLater("nothing came for " + seconds(options_.idleTimeout) + " s");
+    }
+    if (knows && now - heardAt_ >= options_.idleTimeout / 3) peer_->ping(0);
+    auto next = heardAt_ + options_.idleTimeout;
+    if (!knows) next = std::min(next, startedAt_ + options_.helloTimeout);
+    next = std::min<Clock::time_point>(next, now + options_.idleTimeout / 3);
+    scheduleTick(std::max<Clock::duration>(next - now, std::chrono::milliseconds(1)));
+}
+
+// --- the end ---
+
+void Connection::endLater(String const& reason) {
+    if (!std::exchange(isToEnd_, true)) reason_ = reason;
+}
+
+void Connection::end() {
+    phase_ = Phase::ended;
+    timer_.cancel();
+    std::error_code ignored;
+    socket_.close(ignored);
+    if (peer_) {
+        peer_->wakeIs(nullptr);
+        bool const hasError = peer_->isClosing() && !peer_->error().empty();
+        if (hasError) reason_ = peer_->error();
+        peer_->closed(reason_);
+    }
+    ready_ = nullptr;
+    if (auto const ended = std::exchange(ended_, nullptr)) ended(*this, reason_);
+}
+
+}  // namespace Mount

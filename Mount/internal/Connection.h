@@ -1,0 +1,92 @@
+#pragma once
+
+#include "Mount/internal/Channel.h"
+#include "Mount/internal/HandlerMemory.h"
+
+#include "Vel/StreamPeer.h"
+
+#include <asio/generic/stream_protocol.hpp>
+#include <asio/steady_timer.hpp>
+
+#include <functional>
+#include <memory>
+
+namespace Mount {
+
+using Vel::U64;
+
+// Carries one side of a stream over a socket: sends what the side has to say, gives it what comes in, asks the other side
+// for a sign of life when it has long been silent, and ends when either side is done.
+//
+// It lives while something is awaited for it. An observer may close a connection, or destroy what owns it, out of the very
+// message that it is told by: what follows from that waits until the message is done with.
+class Connection : public std::enable_shared_from_this<Connection> {
+public:
+    using Socket = asio::generic::stream_protocol::socket;
+    // Called after the handshake: gives the side to be carried, which must stay until `ended` was called.
+    using Ready = std::function<Vel::StreamPeer&(Connection&)>;
+    // Called once: the error, empty when it was closed in good order.
+    using Ended = std::function<void(Connection&, String const& error)>;
+
+    // `options` must stay until `ended` was called.
+    Connection(Socket socket, std::unique_ptr<Channel> channel, PeerOptions const& options);
+    ~Connection();
+
+    void start(Ready ready, Ended ended);
+    void close(String const& reason);  // at once; what was not sent is lost
+
+    String const& peerName() const { return channel_->peerName(); }
+    U64 bytesIn() const { return bytesIn_; }
+    U64 bytesOut() const { return bytesOut_; }
+
+private:
+    enum class Phase : U8 { handshake, carrying, finishing, ended };
+    enum class Awaits : U8 { nothing, toRead, toWrite };
+    using Clock = std::chrono::steady_clock;
+
+    template <class Work> void run(Work work);
+    void handshake();
+    void receive();
+    void send();
+    void checkClosing();
+    void wake();
+    void goOn();
+    void arm();
+    void waitFor(Awaits what, bool& isWaiting, HandlerMemory& memory);
+    void tick();
+    void scheduleTick(Clock::duration time);
+    bool isOver() const { return isToEnd_ || phase_ == Phase::ended; }
+    void endLater(String const& reason);
+    void end();
+
+    Socket socket_;
+    std::unique_ptr<Channel> channel_;
+    asio::steady_timer timer_;
+    PeerOptions const& options_;
+    Ready ready_;
+    Ended ended_;
+    Vel::StreamPeer* peer_ = nullptr;
+    std::span<U8 const> outgoing_;  // of the peer's output: given to the channel, and not yet taken
+
+    HandlerMemory readMemory_;
+    HandlerMemory writeMemory_;
+    HandlerMemory wakeMemory_;
+    U64 bytesIn_ = 0;
+    U64 bytesOut_ = 0;
+    U64 messagesBefore_ = 0;  // that the peer had taken before this connection
+    U64 bytesInHeard_ = 0;    // at heardAt_
+    Clock::time_point startedAt_;
+    Clock::time_point heardAt_;
+    Phase phase_ = Phase::handshake;
+    Awaits receiveAwaits_ = Awaits::nothing;  // what has to come before the work can go on
+    Awaits sendAwaits_ = Awaits::nothing;
+    bool isReadWaiting_ = false;  // the loop has been asked
+    bool isWriteWaiting_ = false;
+    bool isWoken_ = false;       // goOn() will be called
+    bool receivesMore_ = false;  // there was more to receive when others had their turn
+    bool isBusy_ = false;        // the peer is at work
+    bool isToEnd_ = false;       // as soon as it is not
+    String reason_;
+};
+
+}  // namespace Mount

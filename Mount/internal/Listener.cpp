@@ -1,0 +1,87 @@
+#include "Mount/internal/Listener.h"
+
+#include <asio/io_context.hpp>
+
+#include <cerrno>
+#include <chrono>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <optional>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Mount {
+
+namespace {
+
+constexpr int atOnce = 64;  // connections, before others have their turn
+
+std::pair<dev_t, ino_t> fileAt(String const& path) {
+    struct stat found {};
+    if (::stat(path.charPtr(), &found) != 0) return {};
+    return {found.st_dev, found.st_ino};
+}
+
+}  // namespace
+
+Listener::Listener(asio::io_context& context, Address const& address, SocketAddress const& where, U32 mode)
+    : address_(address),
+      family_(where.family()),
+      socket_(context, listenAt(address, where, mode).release()),
+      timer_(context) {
+    if (family_ == AF_UNIX) {
+        file_ = fileAt(address.path());
+        return;
+    }
+    SocketAddress bound;
+    bound.length = sizeof bound.storage;
+    ::getsockname(socket_.native_handle(), reinterpret_cast<sockaddr*>(&bound.storage), &bound.length);
+    bool const isTls = address.kind() == Address::Kind::tls;
+    address_ = isTls ? Address::tls(address.host(), bound.port()) : Address::tcp(address.host(), bound.port());
+}
+
+Listener::~Listener() = default;
+
+void Listener::start(Accepted accepted) {
+    accepted_ = std::move(accepted);
+    wait();
+}
+
+void Listener::stop() {
+    if (!socket_.is_open()) return;
+    if (family_ == AF_UNIX && fileAt(address_.path()) == file_) ::unlink(address_.path().charPtr());
+    std::error_code ignored;
+    socket_.close(ignored);
+    timer_.cancel();
+    accepted_ = nullptr;
+}
+
+void Listener::wait() {
+    socket_.async_wait(
+        asio::posix::stream_descriptor::wait_read, [self = shared_from_this()](std::error_code const& error) {
+            if (!error) self->accept();
+        });
+}
+
+void Listener::accept() {
+    for (int i = 0; i < atOnce && accepted_; ++i) {
+        Descriptor socket(::accept4(socket_.native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (socket.get() >= 0) {
+            int const yes = 1;
+            if (family_ != AF_UNIX) ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+            accepted_(std::move(socket), family_);
+            continue;
+        }
+        if (errno == EINTR || errno == ECONNABORTED) continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) break;
+        // No descriptors or memory are left. The connection waits; asking at once again would only burn time.
+        timer_.expires_after(std::chrono::milliseconds(100));
+        timer_.async_wait([self = shared_from_this()](std::error_code const& error) {
+            if (!error && self->accepted_) self->wait();
+        });
+        return;
+    }
+    if (accepted_) wait();
+}
+
+}  // namespace Mount

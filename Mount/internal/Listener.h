@@ -1,0 +1,37 @@
+#pragma once
+
+#include "Mount/internal/Socket.h"
+
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/steady_timer.hpp>
+
+#include <functional>
+#include <memory>
+
+namespace Mount {
+
+// Takes connections at one place.
+class Listener : public std::enable_shared_from_this<Listener> {
+public:
+    using Accepted = std::function<void(Descriptor socket, int family)>;
+
+    Listener(asio::io_context& context, Address const& address, SocketAddress const& where, U32 mode);
+    ~Listener();
+
+    void start(Accepted accepted);
+    void stop();  // also takes the file of a Unix socket away, unless somebody else has made one there since
+    Address const& address() const { return address_; }  // with the port
+
+private:
+    void wait();
+    void accept();
+
+    Address address_;
+    int family_;
+    asio::posix::stream_descriptor socket_;
+    asio::steady_timer timer_;
+    Accepted accepted_;
+    std::pair<dev_t, ino_t> file_{};  // of a Unix socket
+};
+
+}  // namespace Mount

@@ -1,0 +1,169 @@
+#include "Mount/internal/Socket.h"
+
+#include "Vel/Exception.h"
+#include "Vel/Strep.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <memory>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace Mount {
+
+Descriptor::~Descriptor() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+// --- addresses ---
+
+namespace {
+
+template <class T> T const& as(sockaddr_storage const& storage) { return reinterpret_cast<T const&>(storage); }
+
+[[noreturn]] void throwErrno(Address const& address) { throw Vel::ErrnoException(errno, address.text()); }
+
+}  // namespace
+
+bool SocketAddress::isLoopback() const {
+    if (family() == AF_INET) return ntohl(as<sockaddr_in>(storage).sin_addr.s_addr) >> 24 == 127;
+    return family() == AF_INET6 && IN6_IS_ADDR_LOOPBACK(&as<sockaddr_in6>(storage).sin6_addr);
+}
+
+U16 SocketAddress::port() const {
+    if (family() == AF_INET) return ntohs(as<sockaddr_in>(storage).sin_port);
+    return family() == AF_INET6 ? ntohs(as<sockaddr_in6>(storage).sin6_port) : U16(0);
+}
+
+SocketAddress unixAddress(String const& path) {
+    SocketAddress address;
+    auto& un = reinterpret_cast<sockaddr_un&>(address.storage);
+    un.sun_family = AF_UNIX;
+    std::memcpy(un.sun_path, path.data(), std::min(path.size(), sizeof un.sun_path - 1));
+    address.length = sizeof un;
+    return address;
+}
+
+std::vector<SocketAddress> resolve(Address const& address, bool forServer) {
+    if (address.kind() == Address::Kind::unixSocket) return {unixAddress(address.path())};
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV | (forServer ? AI_PASSIVE : 0);
+    addrinfo* found = nullptr;
+    std::string const port = std::to_string(address.port());
+    int const error =
+        ::getaddrinfo(address.host().empty() ? nullptr : address.host().charPtr(), port.c_str(), &hints, &found);
+    if (error != 0) {
+        String const why = error == EAI_SYSTEM ? Vel::ErrnoException(errno).text() : String(::gai_strerror(error));
+        throw Vel::RangeException(address.text() + ": no address of the host: " + why);
+    }
+    std::unique_ptr<addrinfo, void (*)(addrinfo*)> const owner(found, ::freeaddrinfo);
+    std::vector<SocketAddress> all;
+    for (addrinfo const* a = found; a; a = a->ai_next) {
+        SocketAddress one;
+        std::memcpy(&one.storage, a->ai_addr, a->ai_addrlen);
+        one.length = a->ai_addrlen;
+        all.push_back(one);
+    }
+    return all;
+}
+
+void checkAddress(Address const& address, PeerOptions const& options, std::span<SocketAddress const> found) {
+    if (address.kind() == Address::Kind::tcp)
+        for (SocketAddress const& one : found)
+            if (!one.isLoopback())
+                throw Vel::RangeException(address.text() +
+                                          ": plain TCP is for this machine alone (127.0.0.1, [::1]); with other "
+                                          "machines use tls:");
+    if (address.kind() == Address::Kind::tls)
+        for (String const& file : {options.tls.certificate, options.tls.key, options.tls.authority})
+            if (file.empty())
+                throw Vel::RangeException(
+                    address.text() +
+                    ": tls needs three files: a certificate, its key, and the authority's certificate");
+}
+
+// --- listening ---
+
+namespace {
+
+// Nobody listens at a socket's file that refuses connections: its owner is gone without having removed it.
+bool isLeftBehind(SocketAddress const& where) {
+    Descriptor const probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    return probe.get() >= 0 && ::connect(probe.get(), where.get(), where.length) != 0 && errno == ECONNREFUSED;
+}
+
+void bindUnix(Address const& address, int socket, SocketAddress const& where, U32 mode) {
+    int bound = ::bind(socket, where.get(), where.length);
+    if (bound != 0 && errno == EADDRINUSE) {
+        if (!isLeftBehind(where)) throw Vel::ErrnoException(EADDRINUSE, address.text());
+        ::unlink(address.path().charPtr());
+        bound = ::bind(socket, where.get(), where.length);
+    }
+    // Nobody can connect before it listens, so there is no moment with another mode.
+    if (bound != 0 || ::chmod(address.path().charPtr(), mode) != 0) throwErrno(address);
+}
+
+}  // namespace
+
+Descriptor listenAt(Address const& address, SocketAddress const& where, U32 mode) {
+    Descriptor socket(::socket(where.family(), SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (socket.get() < 0) throwErrno(address);
+    if (where.family() == AF_UNIX) {
+        bindUnix(address, socket.get(), where, mode);
+    } else {
+        int const yes = 1;
+        ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+        if (where.family() == AF_INET6) ::setsockopt(socket.get(), IPPROTO_IPV6, IPV6_V6ONLY, &yes, sizeof yes);
+        if (::bind(socket.get(), where.get(), where.length) != 0) throwErrno(address);
+    }
+    if (::listen(socket.get(), SOMAXCONN) != 0) throwErrno(address);
+    return socket;
+}
+
+// --- who is there ---
+
+uid_t userOf(int unixSocket) {
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    if (::getsockopt(unixSocket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return static_cast<uid_t>(-1);
+    return credentials.uid;
+}
+
+String userName(uid_t user) {
+    std::vector<char> room(1024);
+    passwd entry{};
+    passwd* found = nullptr;
+    while (::getpwuid_r(user, &entry, room.data(), room.size(), &found) == ERANGE && room.size() < (1u << 20))
+        room.resize(room.size() * 2);
+    return found ? String(found->pw_name) : String(std::to_string(user));
+}
+
+std::vector<uid_t> usersOf(std::vector<String> const& names) {
+    std::vector<uid_t> users;
+    for (String const& name : names) {
+        uid_t user = 0;
+        auto const end = name.data() + name.size();
+        if (auto const [at, error] = std::from_chars(name.data(), end, user); error == std::errc() && at == end) {
+            users.push_back(user);
+            continue;
+        }
+        std::vector<char> room(1024);
+        passwd entry{};
+        passwd* found = nullptr;
+        while (::getpwnam_r(name.charPtr(), &entry, room.data(), room.size(), &found) == ERANGE &&
+               room.size() < (1u << 20))
+            room.resize(room.size() * 2);
+        if (!found) throw Vel::RangeException("there is no user " + Vel::valueToStrep(name) + " on this machine");
+        users.push_back(found->pw_uid);
+    }
+    return users;
+}
+
+}  // namespace Mount
