@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <limits>
 #include <string_view>
 
 #include <openssl/err.h>
@@ -19,8 +18,8 @@ using Vel::RangeException;
 
 namespace {
 
-// What a call reads at most: the largest record. There are messages that carry no data and may come without end: the others
-// of the loop must have their turn. What is left makes the socket readable again at once.
+// What a call reads at most: the largest record. There are messages that carry no data and may come without end, but
+// the others of the loop must have their turn. What is left makes the socket readable again at once.
 constexpr std::size_t maxRead = 18 * 1024;
 static_assert(maxRead >= SSL3_RT_MAX_PACKET_SIZE);
 constexpr std::size_t maxWrite = SSL3_RT_MAX_PLAIN_LENGTH;  // what makes one record
@@ -295,8 +294,8 @@ Channel::Outcome TlsChannel::fail(String const& why) {
     return {Result::failed};
 }
 
-// A connection that ends without the other side's farewell was cut, perhaps by somebody on the way. It is no end in good
-// order, though whoever relies on one being complete looks at what was received.
+// A connection that ends without the other side's farewell was cut, perhaps by somebody on the way, and is not told as
+// an end in good order. No data depend on that: a message that was cut shows by its length.
 String TlsChannel::failure(int sslError) {
     if (!refusal_.empty()) return refusal_;
     bool const isHandshake = stage_ == Stage::handshake;
@@ -353,6 +352,7 @@ TlsContext::TlsContext(Side side, PeerOptions const& options) : impl_(std::make_
     ::SSL_CTX_set_options(context, SSL_OP_NO_TICKET);
     ::SSL_CTX_set_num_tickets(context, 0);
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
+    // The other side may ask for short records: one of them is told as soon as it is sent.
     // What the certificate's file holds is sent, and nothing that happens to be in the authority's.
     SSL_CTX_set_mode(
         context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER | SSL_MODE_NO_AUTO_CHAIN);

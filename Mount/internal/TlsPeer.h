@@ -8,8 +8,8 @@ namespace Mount {
 
 using Vel::String;
 
-// Who is on the other side of a TLS connection, and texts about it for whoever reads a log. The other side wrote what is
-// in its certificate: whatever could do harm in a log or a terminal is escaped, and what is long is cut.
+// Who is on the other side of a TLS connection, and texts about it for whoever reads a log. The other side wrote what
+// is in its certificate: whatever could do harm in a log or a terminal is escaped, and what is long is cut.
 
 // The one common name; empty when there is none, several, or one with control characters.
 String commonName(X509 const& certificate);

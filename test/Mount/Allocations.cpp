@@ -1,0 +1,1 @@
+#include "../Mox/Allocations.cpp"  // one way of counting for both programs
