@@ -1,10 +1,35 @@
 #include "Mount/Loop.h"
 
+#include "Vel/Exception.h"
+
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
+#include <asio/signal_set.hpp>
 
 namespace Mount {
+
+class Loop::Signal {
+public:
+    Signal(asio::io_context& context, int signal, std::function<void()> call) : set_(context), call_(std::move(call)) {
+        std::error_code error;
+        set_.add(signal, error);
+        if (error) throw Vel::ErrnoException(error.value(), "signal " + Vel::String(std::to_string(signal)));
+        wait();
+    }
+
+private:
+    void wait() {
+        set_.async_wait([this](std::error_code const& error, int) {
+            if (error) return;  // the loop is gone
+            wait();
+            call_();
+        });
+    }
+
+    asio::signal_set set_;
+    std::function<void()> call_;
+};
 
 Loop::Loop() : own_(std::make_unique<asio::io_context>(1)), context_(own_.get()) {}
 Loop::Loop(asio::io_context& context) : context_(&context) {}
@@ -39,5 +64,9 @@ bool Loop::runUntil(std::function<bool()> const& done, Duration time) {
 void Loop::stop() { context_->stop(); }
 
 void Loop::post(std::function<void()> call) { asio::post(*context_, std::move(call)); }
+
+void Loop::onSignal(int signal, std::function<void()> call) {
+    signals_.push_back(std::make_unique<Signal>(*context_, signal, std::move(call)));
+}
 
 }  // namespace Mount

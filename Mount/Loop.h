@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <vector>
 
 namespace asio {
 class io_context;
@@ -30,14 +31,20 @@ public:
     bool runFor(Duration time);        // whatever comes up in that time; false when stopped before
     void stop();                       // the next run goes on
     void post(std::function<void()>);  // calls it out of the loop
+    // Calls it out of the loop whenever the process gets the signal: onSignal(SIGTERM, [&] { loop.stop(); }). Throws
+    // ErrnoException for a signal that can't be caught. REQUIRES: nobody else handles it.
+    void onSignal(int signal, std::function<void()> call);
     // Runs until done() is true, which is asked after everything that happens; false when the time was over before.
     bool runUntil(std::function<bool()> const& done, Duration time);
 
     asio::io_context& context() { return *context_; }
 
 private:
+    class Signal;
+
     std::unique_ptr<asio::io_context> own_;
     asio::io_context* context_;
+    std::vector<std::unique_ptr<Signal>> signals_;
 };
 
 }  // namespace Mount

@@ -13,35 +13,35 @@ using Milliseconds = std::chrono::milliseconds;
 
 // The files that an address of kind tls needs, in PEM form.
 struct TlsFiles {
-    String certificate;  // this side's, perhaps with those that lead to the authority's
-    String key;
-    String authority;  // certificates of who may sign the other side's
+    String certificate{};  // this side's, perhaps with those that lead to the authority's
+    String key{};
+    String authority{};  // certificates of who may sign the other side's
 };
 
 // Who may be on the other side, and how long it may be silent. Who is at a Unix socket the system tells: a user's name,
 // or number when it has no name. At a TLS connection it is the common name of the certificate.
 struct PeerOptions {
-    std::vector<String> users;  // of a Unix socket, by name or number; none: this process's user, and root
-    std::vector<String> names;  // of certificates; none: all that the authority has signed
-    TlsFiles tls;
+    std::vector<String> users{};  // of a Unix socket, by name or number; none: this process's user, and root
+    std::vector<String> names{};  // of certificates; none: all that the authority has signed
+    TlsFiles tls{};
     Milliseconds helloTimeout{10'000};  // until the first message
     Milliseconds idleTimeout{30'000};   // without a byte; after a third of it the other side is asked for one
 };
 
 struct ServerOptions {
-    Vel::AttrLogSource::Options source;  // the log, what readers may write, bounds on what they may send
-    PeerOptions peer;
-    std::vector<String> writers;     // who may write if source.mayWrite, as in PeerOptions; none: all who may connect
+    Vel::AttrLogSource::Options source{};  // the log, what readers may write, bounds on what they may send
+    PeerOptions peer{};
+    std::vector<String> writers{};   // who may write if source.mayWrite, as in PeerOptions; none: all who may connect
     std::size_t connections = 1024;  // more are refused
     U32 socketMode = 0;              // of a Unix socket's file; 0: 0600, or 0666 when `users` says who may connect
     Milliseconds statusInterval{1000};  // how often what has changed of the status is published
 };
 
 struct ClientOptions {
-    String path;                // of what is wanted, at the server
+    String path{};              // of what is wanted, at the server
     bool wantsToWrite = false;  // see AttrLogReplica::write()
-    Vel::StreamLimits limits;
-    PeerOptions peer;
+    Vel::StreamLimits limits{};
+    PeerOptions peer{};
     Milliseconds connectTimeout{5'000};
     Milliseconds firstDelay{100};   // before the second attempt; doubled each time, and up to a quarter more or less,
     Milliseconds lastDelay{5'000};  // up to this

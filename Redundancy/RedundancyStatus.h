@@ -21,6 +21,7 @@ public:
             Vel::attribute<&RedundancyStatus::activeCellId_, &RedundancyStatus::activeCellId,
                 &RedundancyStatus::activeCellIdIs>("activeCellId"));
     }
+    static constexpr Vel::AttributeId activeCellIdAttribute = Vel::firstEntityAttributeId;
 
 private:
     Vel::U32 activeCellId_ = unknownCell;

@@ -366,17 +366,17 @@ void AttrLogReplica::synced() {
 
 // --- changes for the source ---
 
-void AttrLogReplica::write(Entity const& entity, AttributeId id, GenericValue const& value) {
+void AttrLogReplica::write(Entity const& entity, AttributeId id, VelType type, void const* value) {
     if (!mayWrite_) throw ReadOnlyException(entity.path() + " is mounted read-only and takes no changes");
     auto const found = ids_.find(&entity);
     StreamAttribute const* const attribute =
         found == ids_.end() ? nullptr : known_.find(found->second)->second.table->find(id);
     if (!attribute || attribute->kind != StreamKind::value)
         throwRangeException(format("%s has no value %u that its source sends", entity.path().charPtr(), id));
-    if (value.type() != attribute->type()) GenericIfImpl::throwTypeException(value.type());
-    sendControl(MessageKind::write, 8 + value.attrLogSize(), [&](Out& out) {
+    if (type != attribute->type()) GenericIfImpl::throwTypeException(type);
+    sendControl(MessageKind::write, 8 + type.glue().attrLogSize(value), [&](Out& out) {
         out << found->second << id;
-        value.type().glue().write(out, value.data());
+        type.glue().write(out, value);
     });
 }
 

@@ -51,13 +51,20 @@ public:
     // Asks the source to change the attribute; the change comes back like any other. Throws ReadOnlyException when the
     // source takes none, RangeException when the entity or the attribute is none that the source sends, TypeException
     // for a value of another type.
-    void write(Entity const& entity, AttributeId attribute, GenericValue const& value);
+    void write(Entity const& entity, AttributeId attribute, GenericValue const& value) {
+        write(entity, attribute, value.type(), value.data());
+    }
+    template <class V>
+    requires(!std::same_as<V, GenericValue>) void write(Entity const& entity, AttributeId attribute, V const& value) {
+        write(entity, attribute, typeOf<V>(), &value);
+    }
 
 private:
     struct Known {
         Ptr<Entity> entity;
         StreamTable const* table;
     };
+    void write(Entity const& entity, AttributeId attribute, VelType type, void const* value);
     struct Place;  // an attribute of an entity that a message names, and the key
 
     void handleMessage(NboAttrLog::MessageKind kind, NboAttrLog::In& body) override;
