@@ -1,9 +1,10 @@
 #pragma once
 
+#include "Allocations.h"
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -18,43 +19,6 @@
 // group. The least, since whatever else the machine does only adds to a time; ratios come from one run.
 
 // --- allocations ---
-
-namespace Bench {
-
-inline std::size_t allocationCount = 0;
-
-}
-
-extern "C" void* __libc_malloc(std::size_t size);
-extern "C" void* __libc_calloc(std::size_t count, std::size_t size);
-extern "C" void* __libc_realloc(void* memory, std::size_t size);
-extern "C" void* __libc_memalign(std::size_t alignment, std::size_t size);
-
-// What allocates in the C library. Operator new calls malloc, and for more than ordinary alignment aligned_alloc.
-extern "C" __attribute__((visibility("default"))) void* malloc(std::size_t size) noexcept {
-    ++Bench::allocationCount;
-    return __libc_malloc(size);
-}
-extern "C" __attribute__((visibility("default"))) void* realloc(void* memory, std::size_t size) noexcept {
-    ++Bench::allocationCount;
-    return __libc_realloc(memory, size);
-}
-extern "C" __attribute__((visibility("default"))) void* calloc(std::size_t count, std::size_t size) noexcept {
-    ++Bench::allocationCount;
-    return __libc_calloc(count, size);
-}
-extern "C" __attribute__((visibility("default"))) void* aligned_alloc(
-    std::size_t alignment, std::size_t size) noexcept {
-    ++Bench::allocationCount;
-    return __libc_memalign(alignment, size);
-}
-extern "C" __attribute__((visibility("default"))) int posix_memalign(
-    void** to, std::size_t alignment, std::size_t size) noexcept {
-    ++Bench::allocationCount;
-    void* const memory = __libc_memalign(alignment, size);
-    if (memory) *to = memory;
-    return memory ? 0 : ENOMEM;
-}
 
 namespace Bench {
 
