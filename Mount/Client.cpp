@@ -193,8 +193,13 @@ void Client::Impl::connected(SocketAddress const& place) {
     } else {
         socket_.set_option(tcp::no_delay(true), ignored);
     }
-    auto channel = tls_ ? tls_->channel(socket_.native_handle(), address_.host())
-                        : plainChannel(socket_.native_handle(), String());
+    std::unique_ptr<Channel> channel;
+    try {
+        channel = tls_ ? tls_->channel(socket_.native_handle(), address_.host())
+                       : plainChannel(socket_.native_handle(), String());
+    } catch (Vel::RangeException const& error) {  // no certificate can be for such a host
+        return failed(error.text());
+    }
     connection_ = std::make_shared<Connection>(std::move(socket_), std::move(channel), options_.peer);
     auto const self = shared_from_this();
     connection_->start(

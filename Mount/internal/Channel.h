@@ -14,7 +14,7 @@ class VEL_API Channel {
 public:
     enum class Result : U8 {
         done,        // the bytes that are told, at least one
-        wantsRead,   // nothing until the socket can be read
+        wantsRead,   // nothing until the socket can be read; without it the channel itself may hold more
         wantsWrite,  // nothing until it can be written to
         end,         // the other side sends no more
         failed       // for good; error() says why
