@@ -192,7 +192,7 @@ void measureUpdates(Settings const& settings, Contestants const& all, Report& re
         if (result.leftOut != 0) throw Failure("changes were left out");
         rate.add(contestant.name(), what.changes / result.seconds / 1e6, barOf(contestant, {3, true}));
         if (result.sourceAllocations < 0) return;
-        double const counted = what.changes * 0.9;
+        double const counted = what.changes * 0.5;
         source.add(contestant.name(), result.sourceAllocations / counted, barOf(contestant, {0, false}));
         reader.add(contestant.name(), result.readerAllocations / counted, barOf(contestant, {0, false}));
     });
@@ -214,7 +214,7 @@ void measureLatency(Settings const& settings, Contestants const& all, Report& re
             contestant.name(), static_cast<double>(times[times.size() / 2]) / 1e3, barOf(contestant, {40, false}));
         late.add(contestant.name(), static_cast<double>(times[times.size() * 99 / 100]) / 1e3);
         if (result.sourceAllocations < 0) return;
-        double const counted = changes * 0.9;
+        double const counted = changes * 0.5;
         source.add(contestant.name(), result.sourceAllocations / counted, barOf(contestant, {0, false}));
         reader.add(contestant.name(), result.readerAllocations / counted, barOf(contestant, {0, false}));
     });

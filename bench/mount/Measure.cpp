@@ -18,7 +18,7 @@ public:
             isDone = true;
             return;
         }
-        if (++next_ == changes_ / 10) before_ = allocationCount;
+        if (++next_ == changes_ / 2) before_ = allocationCount;
         if (next_ != changes_) return;
         reader_.allocations = allocationCount - before_;
         reader_.done = now();
@@ -119,7 +119,7 @@ StreamResult stream(Contestant& contestant, Stream const& what) {
         std::size_t before = allocationCount;
         Nanoseconds due = now();
         for (std::uint32_t i = 0; i < what.changes; ++i) {
-            if (i == what.changes / 10) before = allocationCount;
+            if (i == what.changes / 2) before = allocationCount;
             source.change(i);
             if (what.interval == 0 || (i + 1) % batch != 0) continue;
             source.flush();
@@ -156,7 +156,7 @@ LatencyResult latency(Contestant& contestant, std::uint32_t changes, Nanoseconds
         std::size_t before = allocationCount;
         Nanoseconds due = now();
         for (std::uint32_t i = 0; i < changes; ++i) {
-            if (i == changes / 10) before = allocationCount;
+            if (i == changes / 2) before = allocationCount;
             sleepUntil(due += interval);
             times[i] = now();
             source.change(i);

@@ -18,7 +18,7 @@ struct StreamResult {
     double sourceCpu = 0;           // seconds of CPU, user and system, from the first change until all were told
     double brokerCpu = 0;           // of what stands between
     std::uint64_t leftOut = 0;      // changes that some reader was not told of
-    double sourceAllocations = -1;  // in all, after the first tenth of the changes; below 0: not counted
+    double sourceAllocations = -1;  // in all, in the second half of the changes; below 0: not counted
     double readerAllocations = -1;  // of the reader that makes most
 };
 StreamResult stream(Contestant& contestant, Stream const& what);

@@ -14,6 +14,8 @@ namespace {
 
 using Redundancy::RedundancyStatus;
 
+// Changes between two looks at the loop, when they come fast: what a socket takes at once.
+constexpr std::size_t changesAtOnce = 4000;
 // Bytes that the slowest reader may be behind before the source waits; a quarter of what the log holds.
 constexpr std::size_t backlogLimit = 256 << 10;
 constexpr auto statusInterval = std::chrono::milliseconds(50);
@@ -27,7 +29,7 @@ public:
     bool hasReaders(std::size_t count) override { return server_.connections() >= count; }
     void change(std::uint32_t value) override {
         number_->activeCellIdIs(value);
-        if (++held_ == batch) flush();
+        if (++held_ == changesAtOnce) flush();
     }
     void flush() override {
         held_ = 0;
