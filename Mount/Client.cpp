@@ -103,6 +103,8 @@ private:
 
 void Client::Impl::start() {
     replica_.onStateIs([this](State state) { stateChanged(state); });
+    status_->addressIs(address_.text());
+    status_->pathIs(options_.path);
     scheduleStatus();
     attempt();
 }
@@ -257,9 +259,7 @@ void Client::Impl::scheduleStatus() {
 
 void Client::Impl::updateStatus() {
     auto const status = status_;  // whatever its observers do
-    status->addressIs(address_.text());
-    status->pathIs(options_.path);
-    status->stateIs(stateName(replica_.state()));
+    if (auto const* const state = stateName(replica_.state()); status->state() != state) status->stateIs(state);
     status->attemptsIs(attempts_);
     status->connectsIs(connects_);
     status->bytesInIs(bytesInBefore_ + (connection_ ? connection_->bytesIn() : 0));

@@ -68,6 +68,7 @@ private:
     std::unique_ptr<TlsContext> tls_;
     Vel::AttrLogServer server_;
     std::vector<std::shared_ptr<Listener>> listeners_;
+    String addresses_;  // of all of them
     std::map<Connection*, Served> connections_;
     asio::steady_timer timer_;
     Vel::Ptr<ServerStatus> status_;
@@ -115,6 +116,7 @@ Address Server::Impl::listen(Address const& address) {
         listener->start([self = shared_from_this(), kind = address.kind()](
                             Descriptor socket, int family) { self->accepted(std::move(socket), family, kind); });
         listeners_.push_back(listener);
+        addresses_ = addresses_ + (addresses_.empty() ? "" : " ") + listener->address().text();
     }
     updateStatus();
     return made.front()->address();
@@ -210,11 +212,8 @@ void Server::Impl::updateStatus() {
         in += connection->bytesIn();
         out += connection->bytesOut();
     }
-    String addresses;
-    for (auto const& listener : listeners_)
-        if (!isClosed_) addresses = addresses + (addresses.empty() ? "" : " ") + listener->address().text();
     auto const status = status_;  // whatever its observers do
-    status->addressIs(addresses);
+    status->addressIs(isClosed_ ? String() : addresses_);
     status->connectionsIs(static_cast<U32>(connections_.size()));
     status->acceptedIs(accepted_);
     status->refusedIs(refused_);

@@ -4,6 +4,13 @@
 
 namespace Vel::NboAttrLog {
 
+namespace {
+
+// Chunks kept for use again: as many as are held when readers fall behind as far as they may, and catch up at once.
+constexpr std::size_t mostFree = 16;
+
+}  // namespace
+
 AttrLog::AttrLog(std::size_t chunkSize) : chunkSize_(chunkSize) {
     chunks_.push_back(std::make_shared<Out>(chunkSize_));
 }
@@ -43,10 +50,10 @@ std::size_t AttrLog::sizeFrom(Position at) const {
 void AttrLog::drop(Position before) {
     while (chunks_.size() > 1 && firstChunk_ < before.chunk) {
         std::shared_ptr<Out> chunk = std::move(chunks_.front());
-        chunks_.pop_front();
+        chunks_.erase(chunks_.begin());
         ++firstChunk_;
         size_ -= chunk->size();
-        if (chunk.use_count() != 1 || chunk->capacity() > chunkSize_ || free_.size() >= 4) continue;
+        if (chunk.use_count() != 1 || chunk->capacity() > chunkSize_ || free_.size() >= mostFree) continue;
         chunk->clear();
         free_.push_back(std::move(chunk));
     }

@@ -2,7 +2,6 @@
 
 #include "Vel/OutSm.h"
 
-#include <deque>
 #include <memory>
 #include <vector>
 
@@ -61,7 +60,7 @@ private:
 
     // Never empty: the head is in the last one. Messages do not cross chunks.
     std::size_t chunkSize_;
-    std::deque<std::shared_ptr<Out>> chunks_;
+    std::vector<std::shared_ptr<Out>> chunks_;  // not many, and a deque would allocate as it moves on
     std::vector<std::shared_ptr<Out>> free_;
     U64 firstChunk_ = 0;
     std::size_t size_ = 0;

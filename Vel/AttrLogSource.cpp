@@ -98,7 +98,9 @@ void AttrLogSource::liveIsWritten() {
     if (idsAreOut()) return startOver();
     if (log_.head().chunk != lastChunk_) trimLog();
     if (awaiting_.empty()) return;
-    for (AttrLogReader* const reader : std::exchange(awaiting_, {})) {
+    waking_.clear();
+    waking_.swap(awaiting_);  // both keep their room
+    for (AttrLogReader* const reader : waking_) {
         reader->isAwaiting_ = false;
         reader->wakeUp();
     }

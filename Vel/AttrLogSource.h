@@ -78,6 +78,7 @@ private:
     Live live_;
     std::vector<AttrLogReader*> readers_;
     std::vector<AttrLogReader*> awaiting_;
+    std::vector<AttrLogReader*> waking_;  // those of them that are being woken
     std::size_t liveReaders_ = 0;
     U64 lastChunk_ = 0;
     std::function<bool(Entity&, AttributeId)> multicast_;

@@ -2,6 +2,7 @@
 
 #include "Vel/Strep.h"
 
+#include <asio/io_context.hpp>
 #include <asio/post.hpp>
 
 namespace Mount {
@@ -168,7 +169,9 @@ void Connection::checkClosing() {
 // Called out of a mutator, perhaps for each of many changes: only notes that there is something to do.
 void Connection::wake() {
     if (std::exchange(isWoken_, true) || phase_ == Phase::ended) return;
-    asio::post(socket_.get_executor(), KeptHandler(wakeMemory_, [self = shared_from_this()] { self->goOn(); }));
+    // To the context itself: the socket's executor, which may be of any type, has no use for the memory given.
+    auto& context = static_cast<asio::io_context&>(asio::query(socket_.get_executor(), asio::execution::context));
+    asio::post(context.get_executor(), KeptHandler(wakeMemory_, [self = shared_from_this()] { self->goOn(); }));
 }
 
 void Connection::goOn() {
