@@ -27,6 +27,10 @@ struct AttrLogReplica::Place {
         In in(key);
         attribute->memberDel(*entity, in);
     }
+    bool holdsValue() const {
+        In in(key);
+        return attribute->holds(*entity, in);
+    }
 };
 
 AttrLogReplica::AttrLogReplica(Ptr<Entity> root, Options options)
@@ -44,6 +48,7 @@ void AttrLogReplica::connected() {
     ids_.clear();
     unmentioned_.clear();
     known_.clear();
+    keys_ = 0;
     Out& out = controlOut().begin(MessageKind::hello, 0);
     auto const modules = Registry::modules();
     out << streamMagic << streamVersion << options_.wantsToWrite << options_.path << static_cast<U32>(modules.size());
@@ -189,7 +194,10 @@ void AttrLogReplica::announce(In& body) {
     bool const tellsName = table.takesName && !(instantiated && type == place.attribute->type());
     String const name = tellsName ? body.nextString() : String();
     needEnd(body);
-    if (place.attribute) ensureCorrectType(type, place.attribute->type());
+    if (place.attribute) {
+        if (place.attribute->kind == StreamKind::values) throw StreamException("an entity where values belong", 0);
+        ensureCorrectType(type, place.attribute->type());
+    }
     bool isNew = false;
     if (id == rootId) {
         if (place.attribute) throw StreamException("the root is below another entity", 0);
@@ -246,12 +254,14 @@ bool AttrLogReplica::checkEphemeralEntityDeletion(Place const&, Entity* there) {
 
 void AttrLogReplica::bind(EntityId id, Ptr<Entity> entity, bool isNew) {
     StreamTable const& table = entity->fwkType().glue().stream();
+    std::size_t valueKeys = 0;
     if (!isNew) {
         Out key;
         for (StreamAttribute const& attribute : table.attributes) {
             if (!attribute.isCollection()) continue;
             std::unique_ptr<NboAttrLog::Bookmark> const keys(attribute.bookmark(*entity));
             if (keys->left() == 0) continue;
+            if (attribute.kind == StreamKind::values) valueKeys += keys->left();
             auto& unmentioned = unmentioned_[{id, attribute.id}];
             while (keys->left() != 0) {
                 key.clear();
@@ -261,7 +271,8 @@ void AttrLogReplica::bind(EntityId id, Ptr<Entity> entity, bool isNew) {
         }
     }
     ids_.emplace(entity.get(), id);
-    known_.emplace(id, Known{std::move(entity), &table});
+    known_.emplace(id, Known{std::move(entity), &table, valueKeys});
+    keys_ += valueKeys;
 }
 
 // --- collections ---
@@ -278,6 +289,7 @@ void AttrLogReplica::mentioned(Place const& place) {
 void AttrLogReplica::keySet(In& body) {
     Place const place = this->place(body);
     if (!place.attribute->isCollection()) throw StreamException("a key of what is no collection", 0);
+    if (place.attribute->kind == StreamKind::values) return keyValue(place, body);
     Ptr<Entity> const member = known(body.nextU32()).entity;
     needEnd(body);
     ensureCorrectType(member->fwkType(), place.attribute->type());
@@ -337,7 +349,32 @@ void AttrLogReplica::keyDel(In& body) {
     needEnd(body);
     if (!place.attribute->isCollection()) throw StreamException("a key of what is no collection", 0);
     mentioned(place);
+    if (place.attribute->kind == StreamKind::values) return valueDel(place);
     place.del();
+}
+
+void AttrLogReplica::keyValue(Place const& place, In& body) {
+    bool const isNew = !place.holdsValue();
+    if (isNew && keys_ >= limits().keys) throw StreamException("the source has too many keys", 0);
+    In key = place.keyIn();
+    In items({body.data(), body.left()});
+    place.attribute->applyKey(*place.entity, key, items);
+    mentioned(place);
+    if (!isNew) return;
+    auto const owner = known_.find(place.id);  // looked up again: observers were told
+    if (owner == known_.end()) return;
+    ++owner->second.keys;
+    ++keys_;
+}
+
+// Keys that something else has put into the copy, or taken out, were not counted.
+void AttrLogReplica::valueDel(Place const& place) {
+    if (!place.holdsValue()) return;
+    place.del();
+    auto const owner = known_.find(place.id);
+    if (owner == known_.end() || owner->second.keys == 0) return;
+    --owner->second.keys;
+    --keys_;
 }
 
 void AttrLogReplica::gone(In& body) {
@@ -345,6 +382,7 @@ void AttrLogReplica::gone(In& body) {
     needEnd(body);
     if (id == rootId) throw StreamException("the root can't go", 0);
     Ptr<Entity> const entity = known(id).entity;
+    keys_ -= known(id).keys;
     ids_.erase(entity.get());
     known_.erase(id);
 }
@@ -354,11 +392,13 @@ void AttrLogReplica::synced() {
     for (auto const& [at, keys] : std::exchange(unmentioned_, {})) {
         auto const owner = known_.find(at.first);
         if (owner == known_.end()) continue;
-        Ptr<Entity> const entity = owner->second.entity;
-        StreamAttribute const* const attribute = owner->second.table->find(at.second);
+        Place place{at.first, owner->second.entity, owner->second.table->find(at.second)};
         for (std::string const& key : keys) {
-            In in({reinterpret_cast<U8 const*>(key.data()), key.size()});
-            attribute->memberDel(*entity, in);
+            place.key = {reinterpret_cast<U8 const*>(key.data()), key.size()};
+            if (place.attribute->kind == StreamKind::values)
+                valueDel(place);
+            else
+                place.del();
         }
     }
     stateIs(State::synced);

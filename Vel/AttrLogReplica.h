@@ -63,6 +63,7 @@ private:
     struct Known {
         Ptr<Entity> entity;
         StreamTable const* table;
+        std::size_t keys = 0;  // of its collections of values
     };
     void write(Entity const& entity, AttributeId attribute, VelType type, void const* value);
     struct Place;  // an attribute of an entity that a message names, and the key
@@ -72,6 +73,7 @@ private:
     void announce(NboAttrLog::In& body);
     void value(NboAttrLog::In& body);
     void keySet(NboAttrLog::In& body);
+    void keyValue(Place const& place, NboAttrLog::In& body);
     void keyDel(NboAttrLog::In& body);
     void gone(NboAttrLog::In& body);
     void synced();
@@ -83,6 +85,7 @@ private:
     Ptr<Entity> announced(VelType type, Place const& place, String const& name, bool& isNew);
     bool checkEphemeralEntityDeletion(Place const& place, Entity* there);
     void put(Place const& place, Entity& member);
+    void valueDel(Place const& place);
     void bind(EntityId id, Ptr<Entity> entity, bool isNew);
     void mentioned(Place const& place);
     void stateIs(State state);
@@ -100,6 +103,7 @@ private:
     std::map<U32, VelType> types_;
     std::unordered_map<EntityId, Known> known_;
     std::unordered_map<Entity const*, EntityId> ids_;
+    std::size_t keys_ = 0;  // of all known entities
     // Keys that were there before and have not been mentioned yet.
     std::map<std::pair<EntityId, AttributeId>, std::set<std::string, std::less<>>> unmentioned_;
 };

@@ -173,15 +173,17 @@ struct Collection<KeyType, ValueType, CollectionOps<Get, Set, Del, Count, Change
     static constexpr auto exists = Exists;
 };
 
-// How a collection of entities travels to replicas: who makes the members there, and how they are visited here.
+// How a collection travels to replicas: what is at a key, who makes it there, and how it is visited here.
 enum class Members : U8 {
     none = 0,        // the collection does not travel
     references = 1,  // key and member; the member is announced by itself
-    instances = 2    // the replica's collection makes the member from the key
+    instances = 2,   // the replica's collection makes the member from the key
+    values = 3       // key and value, which is no entity
 };
 
 // A collection that is streamed. Visit gives its members: a range of Ptr to members that are named by their keys, or a
-// function that calls its argument with each. Adopt, of instances, takes a member that was made elsewhere.
+// function that calls its argument with each; of values, a range of keys, or of what holds them as `first` or `key`, or
+// such a function. Adopt, of instances, takes a member that was made elsewhere.
 template <class A, Members How, auto VisitFunction, auto AdoptFunction> struct StreamedCollection : A {
     static constexpr Members members = How;
     static constexpr auto visit = VisitFunction;
@@ -259,6 +261,13 @@ template <auto Visit, class A> constexpr auto references(A collection) {
 // The same, but the replica's collection makes the members itself: Set takes the key alone.
 template <auto Visit, auto Adopt, class A> constexpr auto instances(A collection) {
     return StreamedCollection<A, Members::instances, Visit, Adopt>{collection};
+}
+// A collection of values that travels to replicas. It needs Get, Set, Del and Exists, and tells of each key that it sets
+// to another value or deletes: velNotify(attribute, key).
+template <auto Visit, class A> constexpr auto values(A collection) {
+    static_assert(Detail::given<A::get> && Detail::given<A::set> && Detail::given<A::del> && Detail::given<A::exists>,
+        "a collection of values that travels needs Get, Set, Del and Exists");
+    return StreamedCollection<A, Members::values, Visit, Detail::None{}>{collection};
 }
 // A parameter of the constructor that is listed among the attributes.
 template <class Value> constexpr auto ctorParam(char const* name) {

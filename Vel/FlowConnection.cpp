@@ -135,6 +135,13 @@ void FlowConnection::instantiatedIs(Adapter& member, Adapter const& owner) {
 
 void FlowConnection::sendKey(Adapter& adapter, StreamAttribute const& attribute, std::string_view key, bool isNew) {
     In in(bytesOf(key));
+    if (attribute.kind == StreamKind::values) {
+        if (attribute.holds(adapter.entity(), in))
+            attribute.serializeKey(adapter, attribute.id, adapter.entity(), bytesOf(key), demuxer_->flowing() == this);
+        else if (!isNew)
+            sendKeyDel(adapter, attribute, key);
+        return;
+    }
     Entity* const entity = attribute.member(adapter.entity(), in);
     Adapter* const member = entity ? adapterOf(*entity) : nullptr;
     if (!member) {

@@ -71,16 +71,22 @@ void Sa::handleAttribute(AttributeId id, NotifieeKey const& key) {
     bytes.clear();
     attribute->writeKey(bytes, key.data());
     In in(bytes.bytes());
-    Entity* const entity = attribute->member(this->entity(), in);
-    Sa* const member = entity ? demuxer.adapterIs(*entity) : nullptr;
-    if (demuxer.idsAreOut()) return demuxer.startOver();  // destroys this adapter
-    if (!member) demuxer.referenceDropped();
+    Sa* member = nullptr;
+    bool isThere = false;
+    if (attribute->kind == StreamKind::values) {
+        isThere = attribute->holds(this->entity(), in);
+    } else {
+        Entity* const entity = attribute->member(this->entity(), in);
+        member = entity ? demuxer.adapterIs(*entity) : nullptr;
+        isThere = member != nullptr;
+        if (demuxer.idsAreOut()) return demuxer.startOver();  // destroys this adapter
+        if (!isThere) demuxer.referenceDropped();
+    }
 
     std::string_view const view(reinterpret_cast<char const*>(bytes.data()), bytes.size());
     for (FlowConnection* const connection : demuxer.catchingUp()) {
         if (member && attribute->kind == StreamKind::instances) connection->notInstantiated(*member);
-        demuxer.changeCounted(
-            !flowOutOnAttributeForConnection(*connection, *attribute, view, member != nullptr, member));
+        demuxer.changeCounted(!flowOutOnAttributeForConnection(*connection, *attribute, view, isThere, member));
     }
     if (demuxer.live()) {
         handleCollectionKeySerialization(*attribute, view, false);
@@ -112,11 +118,11 @@ bool Sa::flowOutOnAttributeForConnection(FlowConnection& connection, StreamAttri
 
 bool Sa::doMessageMulticast(AttributeId id) { return streamDemuxer().multicast(*this, id); }
 
-OutSm* Sa::singletonSerializeCheck(AttributeId id, bool flowingOut, bool, std::size_t encodedSize, bool) {
+OutSm* Sa::singletonSerializeCheck(AttributeId id, bool flowingOut, bool, std::size_t encodedSize, bool isKey) {
     FlowConnection* const connection = flowingOut ? streamDemuxer().flowing() : streamDemuxer().live();
     if (!connection) return nullptr;
     OutSm& sm = connection->nboAttrLogOut();
-    sm.begin(MessageKind::value, 8 + encodedSize) << this->id() << id;
+    sm.begin(isKey ? MessageKind::keySet : MessageKind::value, 8 + encodedSize) << this->id() << id;
     return &sm;
 }
 

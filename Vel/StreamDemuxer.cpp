@@ -15,7 +15,7 @@ template <class F> void visitReferences(StreamDemuxer::Adapter const& adapter, F
     for (StreamAttribute const& attribute : adapter.table().attributes) {
         if (attribute.kind == StreamKind::pointer) {
             if (Entity* const target = attribute.target(adapter.entity())) f(*target);
-        } else if (attribute.isCollection()) {
+        } else if (attribute.holdsEntities()) {
             attribute.visit(
                 adapter.entity(), [](void* context, Entity& member) { (*static_cast<F*>(context))(member); }, &f);
         }

@@ -13,7 +13,8 @@ struct StreamLimits {
     std::size_t frame = 16u << 20;     // bytes of one message behind its length; bounds every string in it too
     std::size_t entities = 16u << 20;  // known at one time
     std::size_t types = 4096;
-    std::size_t modules = 4096;  // of a hello
+    std::size_t modules = 4096;    // of a hello
+    std::size_t keys = 64u << 20;  // in collections of values, known at one time
 };
 
 // One side of a connection: bytes in, bytes out. Whatever carries the bytes calls this and nothing else:

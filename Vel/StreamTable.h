@@ -62,6 +62,16 @@ public:
         Impl::outSmCommitMessage(*sm);
     }
 
+    // The same for what a collection of values holds at a key, of which `key` is the encoding.
+    template <class T>
+    void handleKeySerialization(AttributeId id, std::span<U8 const> key, T const& value, bool flowingOut) {
+        OutSm* const sm = singletonSerializeCheck(id, flowingOut, false, key.size() + attrLogSize(&value), true);
+        if (!sm) return;
+        std::memcpy(sm->out().append(key.size()), key.data(), key.size());
+        sm->out() << value;
+        Impl::outSmCommitMessage(*sm);
+    }
+
     // Whether the attribute's change has been delivered, so that nothing is left to do.
     virtual bool doMessageMulticast(AttributeId id) = 0;
     // The output for a value of `encodedSize` bytes, a message begun in it; null when nobody wants it. `whole`: the
@@ -78,14 +88,14 @@ VEL_API void ensureCorrectType(VelType type, VelType declared);
 
 }  // namespace NboAttrLog
 
-enum class StreamKind : U8 { value, pointer, references, instances };
+enum class StreamKind : U8 { value, pointer, references, instances, values };
 
 // One streamed attribute. Keys are passed as their encoding. What reads takes the whole of its input or throws
 // StreamException before anything has changed.
 struct StreamAttribute {
     AttributeId id;
     StreamKind kind;
-    VelType (*type)();  // of the value, or what the target or the members are declared as
+    VelType (*type)();  // of the value or values, or what the target or the members are declared as
 
     // Of a value:
     void (*serialize)(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, bool flowingOut);
@@ -95,16 +105,23 @@ struct StreamAttribute {
     void (*targetIs)(Entity& entity, Entity* target);  // null for none
     // Of a collection:
     NboAttrLog::Bookmark* (*bookmark)(Entity const& entity);  // of all keys that there are
-    void (*visit)(Entity const& entity, void (*visit)(void* context, Entity& member), void* context);
     void (*writeKey)(NboAttrLog::Out& out, void const* key);
     void (*skipKey)(NboAttrLog::In& in);
+    void (*memberDel)(Entity& entity, NboAttrLog::In& key);
+    // Of entities:
+    void (*visit)(Entity const& entity, void (*visit)(void* context, Entity& member), void* context);
     Entity* (*member)(Entity const& entity, NboAttrLog::In& key);  // or null
     void (*memberIs)(Entity& entity, NboAttrLog::In& key, Entity& member);
     Entity* (*memberNew)(Entity& entity, NboAttrLog::In& key);  // of instances
-    void (*memberDel)(Entity& entity, NboAttrLog::In& key);
-    bool keyIsName;  // members have their keys as names
+    bool keyIsName;                                             // members have their keys as names
+    // Of values:
+    bool (*holds)(Entity const& entity, NboAttrLog::In& key);
+    void (*serializeKey)(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, std::span<U8 const> key,
+        bool flowingOut);
+    void (*applyKey)(Entity& entity, NboAttrLog::In& key, NboAttrLog::In& value);
 
-    bool isCollection() const { return kind == StreamKind::references || kind == StreamKind::instances; }
+    bool holdsEntities() const { return kind == StreamKind::references || kind == StreamKind::instances; }
+    bool isCollection() const { return holdsEntities() || kind == StreamKind::values; }
 };
 
 struct StreamTable {

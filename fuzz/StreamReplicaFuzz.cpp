@@ -1,3 +1,4 @@
+#include "../test/Vel/ValueTable.h"
 #include "Mox/Generation.h"
 #include "Mox/PrefixTrie.h"
 
@@ -26,8 +27,8 @@ void addTypes(Vel::NboAttrLog::BufferSm& sm) {
     sm.begin(MessageKind::welcome, 3) << Vel::streamVersion << false;
     sm.commit();
     U32 index = 0;
-    for (char const* const name :
-        {"Vel::Dir", "Mox::PrefixTrie", "Mox::PrefixTrieState", "Mox::GenerationEntity", "Cell::Status"}) {
+    for (char const* const name : {"Vel::Dir", "Mox::PrefixTrie", "Mox::PrefixTrieState", "Mox::GenerationEntity",
+             "Cell::Status", "StreamTest::ValueTable"}) {
         Vel::VelType const type = Vel::Registry::type(name);
         sm.begin(MessageKind::type, 0) << index++ << Vel::String(name) << Vel::String(type.moduleName())
                                        << type.moduleFingerprint();
@@ -47,6 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     limits.frame = 4096;
     limits.entities = 64;
     limits.types = 16;
+    limits.keys = 64;
     Vel::AttrLogReplica replica(place, "copy", {.path = {}, .wantsToWrite = false, .limits = limits});
     std::size_t const piece = 1 + (data[0] >> 1);
     bool const isPrepared = data[0] & 1;
@@ -69,3 +71,5 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     }
     return 0;
 }
+
+VEL_MODULE(FuzzTables, 464e1b5656e83ac7, StreamTest::Entry, StreamTest::ValueTable);

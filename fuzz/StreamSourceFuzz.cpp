@@ -1,9 +1,12 @@
+#include "../test/Vel/ValueTable.h"
 #include "Mox/Generation.h"
 #include "Mox/PrefixTrie.h"
 
 #include "Vel/AttrLogReplica.h"
 #include "Vel/AttrLogSource.h"
+#include "Vel/Module.h"
 
+#include "Vel/Module.h"
 #include <cstdint>
 #include <cstdlib>
 
@@ -48,6 +51,8 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     auto const trie = Mox::prefixTrieFactory("t");
     root->entryIs(trie);
     root->entryIs(Mox::generationEntityFactory("g"));
+    auto const table = StreamTest::ValueTable::newEntity("v");
+    root->entryIs(table);
     Vel::AttrLogSource source(root, {.logSize = 0, .mayWrite = true});
     auto const good = source.newReader();
     Vel::AttrLogReplica replica(Vel::Dir::newEntity("d"), {});
@@ -69,9 +74,11 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
             break;
         case 2:
             trie->newChildIs(key);
+            table->entryIs(key, StreamTest::Entry(table->entry(key).number() + step));
             break;
         case 3:
             trie->prefixChildDel(key);
+            if (step & 8) table->entryDel(key);
             break;
         case 4:
             trie->presentIs(step & 1);
@@ -92,5 +99,15 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     if (!replica.error().empty() || replica.state() != Vel::AttrLogReplica::State::synced) std::abort();
     auto const copy = Vel::ptr_cast<Mox::PrefixTrie>(Vel::ptr_cast<Vel::Dir>(replica.root())->entry("t"));
     if (!copy || copy->prefixChildren() != trie->prefixChildren() || copy->present() != trie->present()) std::abort();
+    auto const tableCopy = Vel::ptr_cast<StreamTest::ValueTable>(Vel::ptr_cast<Vel::Dir>(replica.root())->entry("v"));
+    if (!tableCopy) std::abort();
+    table->visitKeys([&](Vel::String const& key) {
+        if (!tableCopy->entryExists(key) || !(tableCopy->entry(key) == table->entry(key))) std::abort();
+    });
+    tableCopy->visitKeys([&](Vel::String const& key) {
+        if (!table->entryExists(key)) std::abort();
+    });
     return 0;
 }
+
+VEL_MODULE(FuzzTables, 464e1b5656e83ac7, StreamTest::Entry, StreamTest::ValueTable);

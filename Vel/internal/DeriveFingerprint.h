@@ -45,7 +45,9 @@ template <class T> constexpr void spellType(Fnv& hash) {
              << orDash(TypeNameOf<typename A::Value>::value) << " key " << orDash(TypeNameOf<typename A::Key>::value)
              << " result " << orDash(TypeNameOf<typename A::Result>::value);
         if constexpr (requires { A::members; })
-            hash << (A::members == Members::instances ? " instances" : " references");
+            hash << (A::members == Members::values      ? " values"
+                     : A::members == Members::instances ? " instances"
+                                                        : " references");
         hash << "\n";
         forEachParameter(a,
             [&](std::string_view name, std::string_view type) { hash << "parameter " << name << " " << type << "\n"; });

@@ -48,11 +48,11 @@ template <class T, class A> struct StreamedPointer {
     }
 };
 
-template <class T, class A> struct StreamedMembers {
+// What collections of every kind have.
+template <class T, class A> struct StreamedKeys {
     using Key = typename A::Key;
-    using E = typename Pointee<typename A::Value>::Type;
     using In = NboAttrLog::In;
-    static constexpr bool keyIsName = std::is_same_v<Key, String>;
+    static constexpr bool keyIsText = std::is_same_v<Key, String>;
 
     template <class F> static void each(Entity const& entity, F f) {
         T const& object = static_cast<T const&>(entity);
@@ -61,24 +61,19 @@ template <class T, class A> struct StreamedMembers {
         else
             for (auto const& member : std::invoke(A::visit, object)) f(member);
     }
-    template <class M> static E& memberOf(M const& m) {
-        if constexpr (requires { m.second; })
-            return *const_cast<E*>(static_cast<E const*>(m.second.get()));
-        else
-            return *const_cast<E*>(static_cast<E const*>(m.get()));
-    }
     static NboAttrLog::Bookmark* bookmark(Entity const& entity) {
         auto made = std::make_unique<NboAttrLog::velFlowOutBookmarkDeq<Key>>();
         each(entity, [&](auto const& m) {
-            if constexpr (requires { m.second; })
+            if constexpr (requires { m.first; })
                 made->add(m.first);
+            else if constexpr (requires { m.key; })
+                made->add(m.key);
+            else if constexpr (A::members == Members::values)
+                made->add(m);
             else
                 made->add(m->name());
         });
         return made.release();
-    }
-    static void visit(Entity const& entity, void (*f)(void*, Entity&), void* context) {
-        each(entity, [&](auto const& m) { f(context, memberOf(m)); });
     }
     static void writeKey(NboAttrLog::Out& out, void const* key) { out << *static_cast<Key const*>(key); }
     static void skipKey(In& in) { nextItem<Key>(in); }
@@ -87,12 +82,12 @@ template <class T, class A> struct StreamedMembers {
         needEnd(in);
         return key;
     }
-    template <auto F, class... A2>
-    static constexpr bool byView = keyIsName&& std::is_invocable_v<decltype(F), T&, std::string_view>;
+    template <auto F, class Object>
+    static constexpr bool byView = keyIsText&& std::is_invocable_v<decltype(F), Object&, std::string_view>;
 
     // Looks texts up where they lie, without a String.
     template <auto F, class Object> static decltype(auto) withKey(Object& object, In& in) {
-        if constexpr (byView<F>) {
+        if constexpr (byView<F, Object>) {
             U32 const length = in.nextU32();
             U8 const* const text = in.take(length);
             if (!text) throw StreamException("a key ends too early", in.offset());
@@ -102,17 +97,35 @@ template <class T, class A> struct StreamedMembers {
             return std::invoke(F, object, keyOf(in));
         }
     }
+    static void memberDel(Entity& entity, In& in) { withKey<A::del>(static_cast<T&>(entity), in); }
+};
+
+template <class T, class A> struct StreamedMembers : StreamedKeys<T, A> {
+    using Keys = StreamedKeys<T, A>;
+    using typename Keys::Key;
+    using typename Keys::In;
+    using E = typename Pointee<typename A::Value>::Type;
+
+    template <class M> static E& memberOf(M const& m) {
+        if constexpr (requires { m.second; })
+            return *const_cast<E*>(static_cast<E const*>(m.second.get()));
+        else
+            return *const_cast<E*>(static_cast<E const*>(m.get()));
+    }
+    static void visit(Entity const& entity, void (*f)(void*, Entity&), void* context) {
+        Keys::each(entity, [&](auto const& m) { f(context, memberOf(m)); });
+    }
     static Entity* member(Entity const& entity, In& in) {
-        auto const found = withKey<A::get>(static_cast<T const&>(entity), in);
+        auto const found = Keys::template withKey<A::get>(static_cast<T const&>(entity), in);
         return const_cast<E*>(static_cast<E const*>(found.get()));
     }
     static void memberIs(Entity& entity, In& in, Entity& newMember) {
         T& object = static_cast<T&>(entity);
-        Key const key = keyOf(in);
+        Key const key = Keys::keyOf(in);
         E& typed = static_cast<E&>(newMember);
         typename A::Value const value(&typed);
         auto const needName = [&] {
-            if constexpr (keyIsName)
+            if constexpr (Keys::keyIsText)
                 if (!(typed.name() == key)) throw StreamException("a member's name is not its key", 0);
         };
         if constexpr (A::members == Members::instances) {
@@ -130,31 +143,73 @@ template <class T, class A> struct StreamedMembers {
     }
     static Entity* memberNew(Entity& entity, In& in) {
         if constexpr (A::members == Members::instances) {
-            auto const made = std::invoke(A::set, static_cast<T&>(entity), keyOf(in));
+            auto const made = std::invoke(A::set, static_cast<T&>(entity), Keys::keyOf(in));
             return made.get();
         } else {
             return nullptr;
         }
     }
-    static void memberDel(Entity& entity, In& in) { withKey<A::del>(static_cast<T&>(entity), in); }
 };
+
+template <class T, class A> struct StreamedValues : StreamedKeys<T, A> {
+    using Keys = StreamedKeys<T, A>;
+    using typename Keys::In;
+    using Value = typename A::Value;
+
+    static bool holds(Entity const& entity, In& in) {
+        return Keys::template withKey<A::exists>(static_cast<T const&>(entity), in);
+    }
+    static void serializeKey(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity,
+        std::span<U8 const> key, bool flowingOut) {
+        In in(key);
+        Value const& value = Keys::template withKey<A::get>(static_cast<T const&>(entity), in);
+        sink.handleKeySerialization(id, key, value, flowingOut);
+    }
+    // What is there already is not set again, so that observers are told of differences only.
+    static void applyKey(Entity& entity, In& in, In& items) {
+        T& object = static_cast<T&>(entity);
+        auto const key = Keys::keyOf(in);
+        Value const value = nextItem<Value>(items);
+        needEnd(items);
+        if constexpr (offersEquality<Value>())
+            if (std::invoke(A::exists, std::as_const(object), key) &&
+                equalValues<Value>(std::invoke(A::get, std::as_const(object), key), value))
+                return;
+        std::invoke(A::set, object, key, value);
+    }
+};
+
+template <class T, class A> constexpr void fillCollection(StreamAttribute& row) {
+    using K = StreamedKeys<T, A>;
+    row.bookmark = &K::bookmark;
+    row.writeKey = &K::writeKey;
+    row.skipKey = &K::skipKey;
+    row.memberDel = &K::memberDel;
+    if constexpr (A::members == Members::values) {
+        static_assert(std::is_void_v<typename Pointee<typename A::Value>::Type>,
+            "entities travel by Vel::references or Vel::instances");
+        using F = StreamedValues<T, A>;
+        row.kind = StreamKind::values;
+        row.holds = &F::holds;
+        row.serializeKey = &F::serializeKey;
+        row.applyKey = &F::applyKey;
+    } else {
+        using F = StreamedMembers<T, A>;
+        row.kind = A::members == Members::instances ? StreamKind::instances : StreamKind::references;
+        row.visit = &F::visit;
+        row.member = &F::member;
+        row.memberIs = &F::memberIs;
+        row.memberNew = &F::memberNew;
+        row.keyIsName = K::keyIsText;
+    }
+}
 
 template <class T, class A> constexpr StreamAttribute streamAttribute(AttributeId id) {
     StreamAttribute row{};
     row.id = id;
     row.type = TypeFunction<typename A::Value>::value;
     if constexpr (A::kind == AttributeKind::collection) {
-        using F = StreamedMembers<T, A>;
-        row.kind = A::members == Members::instances ? StreamKind::instances : StreamKind::references;
-        row.bookmark = &F::bookmark;
-        row.visit = &F::visit;
-        row.writeKey = &F::writeKey;
-        row.skipKey = &F::skipKey;
-        row.member = &F::member;
-        row.memberIs = &F::memberIs;
-        row.memberNew = &F::memberNew;
-        row.memberDel = &F::memberDel;
-        row.keyIsName = F::keyIsName;
+        fillCollection<T, A>(row);
     } else if constexpr (!std::is_void_v<typename Pointee<typename A::Value>::Type>) {
         row.kind = StreamKind::pointer;
         row.target = &StreamedPointer<T, A>::target;

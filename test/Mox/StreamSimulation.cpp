@@ -26,7 +26,7 @@ template <class F> void walk(Vel::Entity& root, F f) {
         for (Vel::StreamAttribute const& attribute : entity.fwkType().glue().stream().attributes) {
             if (attribute.kind == Vel::StreamKind::pointer) {
                 if (Vel::Entity* const target = attribute.target(entity)) add(*target);
-            } else if (attribute.isCollection()) {
+            } else if (attribute.holdsEntities()) {
                 attribute.visit(
                     entity, [](void* context, Vel::Entity& member) { (*static_cast<Add*>(context))(member); }, &add);
             }
@@ -60,7 +60,7 @@ Ptr<Vel::Entity> World::anything() {
 }
 
 Ptr<Vel::Entity> World::made(String const& name) {
-    switch (random_.below(8)) {
+    switch (random_.below(9)) {
     case 0:
         return Vel::Dir::newEntity(name);
     case 1:
@@ -73,6 +73,11 @@ Ptr<Vel::Entity> World::made(String const& name) {
         return Cell::statusFactory(name);
     case 5:
         return Redundancy::redundancyStatusFactory(name);
+    case 6: {
+        auto const table = ValueTable::newEntity(name);
+        table->uidIs(++uids_);
+        return table;
+    }
     default:
         break;
     }
@@ -96,6 +101,30 @@ void World::changeThing(Thing& thing) {
     default:
         history_[++serial_] = thing.uid();
         return thing.numberIs(serial_);
+    }
+}
+
+void World::changeTable(ValueTable& table) {
+    String const key = Vel::format("k%zu", random_.below(5));
+    U8 const mark = static_cast<U8>(random_.below(200));
+    switch (random_.below(8)) {
+    case 0:
+        table.entryDel(key);
+        return;
+    case 1: {
+        std::vector<String> keys;
+        table.visitKeys([&](String const& there) { keys.push_back(there); });
+        for (String const& there : keys) table.entryDel(there);
+        return;
+    }
+    case 2:
+        return table.markDel(mark);
+    case 3:
+        for (U8 i = mark; i < 200; ++i) table.markIs(i, mark);
+        return;
+    default:
+        entryHistory_[++serial_] = {table.uid(), key.stdString()};
+        return table.entryIs(key, Entry(serial_));
     }
 }
 
@@ -175,6 +204,8 @@ void World::changeDir() {
         Ptr<Vel::Entity> const entity = made(name);
         if (random_.oneIn(2))  // with something in it
             if (auto const thing = Vel::ptr_cast<Thing>(entity)) changeThing(*thing);
+        if (random_.oneIn(2))
+            if (auto const table = Vel::ptr_cast<ValueTable>(entity)) changeTable(*table);
         d->entryIs(entity);
         return;
     }
@@ -185,6 +216,7 @@ void World::change() {
     if (random_.oneIn(3)) return changeDir();
     Ptr<Vel::Entity> const entity = anything();
     if (auto const thing = Vel::ptr_cast<Thing>(entity)) return changeThing(*thing);
+    if (auto const table = Vel::ptr_cast<ValueTable>(entity)) return changeTable(*table);
     if (auto const trie = Vel::ptr_cast<Mox::PrefixTrie>(entity)) return changeTrie(*trie);
     if (auto const generation = Vel::ptr_cast<Mox::GenerationEntity>(entity))
         return generation->generationIs({static_cast<U32>(random_.below(100)), random_.oneIn(2)});
@@ -301,9 +333,13 @@ void Mounted::observeAll() {
 }
 
 void Mounted::observe(Vel::Entity& entity) {
-    auto* const thing = dynamic_cast<Thing*>(&entity);
-    if (!thing || observers_.contains(thing)) return;
-    observers_[thing] = Vel::notifieeOf(*thing, [this, thing](Vel::AttributeId id) { seen(*thing, id); });
+    if (observers_.contains(&entity)) return;
+    if (auto* const thing = dynamic_cast<Thing*>(&entity))
+        observers_[thing] = Vel::notifieeOf(*thing, [this, thing](Vel::AttributeId id) { seen(*thing, id); });
+    if (auto* const table = dynamic_cast<ValueTable*>(&entity))
+        observers_[table] = Vel::notifieeOf(*table, [this, table](Vel::AttributeId id, Vel::NotifieeKey const* key) {
+            if (id == ValueTable::entryAttribute) seen(*table, key->as<String>());
+        });
 }
 
 // Each attribute goes through values that it had at the source, in their order, and no part of one alone.
@@ -328,6 +364,19 @@ void Mounted::seen(Thing& thing, Vel::AttributeId attribute) {
         EXPECT_GE(id, lastPair_[thing.uid()]);
         lastPair_[thing.uid()] = id;
     }
+}
+
+// So does what is at each key.
+void Mounted::seen(ValueTable& table, String const& key) {
+    if (!table.entryExists(key)) return;
+    Entry const entry = table.entry(key);
+    EXPECT_TRUE(entry.isWhole()) << "half of a value";
+    World::Place const place{table.uid(), key.stdString()};
+    auto const held = world_.entryHistory().find(entry.number());
+    ASSERT_NE(held, world_.entryHistory().end());
+    EXPECT_EQ(held->second, place) << "an entry of another table, or at another key";
+    EXPECT_GE(entry.number(), lastEntry_[place]) << "an entry older than one that was seen";
+    lastEntry_[place] = entry.number();
 }
 
 // Whatever was there when the connection began, and is there still, is there now, and no older.
@@ -386,4 +435,5 @@ void run(U64 seed) {
 
 }  // namespace Simulation
 
-VEL_MODULE(Simulation, 02850d4c849c22e0, Simulation::Thing, Simulation::Trie);
+VEL_MODULE(
+    Simulation, bbdf5879f6f57c68, Simulation::Thing, Simulation::Trie, StreamTest::Entry, StreamTest::ValueTable);

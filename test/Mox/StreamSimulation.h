@@ -1,6 +1,7 @@
 #pragma once
 
 #include "../Vel/StreamTools.h"
+#include "../Vel/ValueTable.h"
 #include "Mox/Generation.h"
 #include "Mox/PrefixTrie.h"
 
@@ -13,6 +14,8 @@
 // A source, replicas and a network between them, all driven by one seed.
 namespace Simulation {
 
+using StreamTest::Entry;
+using StreamTest::ValueTable;
 using Vel::Ptr;
 using Vel::String;
 using Vel::U32;
@@ -99,6 +102,9 @@ public:
     // Which thing held the number, which its uid says; every number is given once.
     std::map<U32, U32> const& history() const { return history_; }
     std::map<U32, U32> const& pairHistory() const { return pairHistory_; }
+    // The same of tables' entries, and at which key.
+    using Place = std::pair<U32, std::string>;
+    std::map<U32, Place> const& entryHistory() const { return entryHistory_; }
     U64 changes() const { return changes_; }
     U64 moves() const { return moves_; }  // after which a thing may be in another place, or in none
 
@@ -108,6 +114,7 @@ private:
     Ptr<Vel::Entity> anything();
     Ptr<Vel::Entity> made(String const& name);
     void changeThing(Thing& thing);
+    void changeTable(ValueTable& table);
     void changeTrie(Mox::PrefixTrie& trie);
     void changeDir();
 
@@ -116,6 +123,7 @@ private:
     std::vector<Ptr<Vel::Entity>> held_;  // taken out, perhaps to be put in again
     std::map<U32, U32> history_;
     std::map<U32, U32> pairHistory_;
+    std::map<U32, Place> entryHistory_;
     U32 serial_ = 0;
     U32 uids_ = 0;
     U64 changes_ = 0;
@@ -142,6 +150,7 @@ private:
     void observe(Vel::Entity& entity);
     void observeAll();
     void seen(Thing& thing, Vel::AttributeId attribute);
+    void seen(ValueTable& table, String const& key);
     void atSyncMark();
 
     Random& random_;
@@ -157,6 +166,7 @@ private:
     std::map<Vel::Entity const*, std::unique_ptr<Vel::Notifiee>> observers_;
     std::map<U32, U32> last_;  // number by uid
     std::map<U32, U32> lastPair_;
+    std::map<World::Place, U32> lastEntry_;
     std::map<U32, U32> atConnect_;
     U64 connections_ = 0;
     U64 cuts_ = 0;

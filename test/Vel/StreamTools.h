@@ -151,6 +151,18 @@ public:
             } else if (attribute.kind == StreamKind::pointer) {
                 Entity const* const target = attribute.target(entity);
                 text += target ? of(*target, below) : "null";
+            } else if (attribute.kind == StreamKind::values) {
+                std::map<std::string, std::string> values;
+                std::unique_ptr<Vel::NboAttrLog::Bookmark> const keys(attribute.bookmark(entity));
+                while (keys->left() != 0) {
+                    Out key;
+                    keys->next(key);
+                    Hex sink;
+                    attribute.serializeKey(sink, attribute.id, entity, key.bytes(), true);
+                    values[hex(key.bytes())] = hex(sink.bytes.bytes().subspan(5 + key.size()));
+                }
+                for (auto const& [key, value] : values)
+                    text += "\n" + std::string(path.size() + 1, ' ') + key + ": " + value;
             } else {
                 std::map<std::string, Entity const*> members;
                 std::unique_ptr<Vel::NboAttrLog::Bookmark> const keys(attribute.bookmark(entity));
