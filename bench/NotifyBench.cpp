@@ -1,36 +1,15 @@
 // Changing an entity's attribute and telling its observers.
 
 #include "Bench.h"
+#include "Level.h"
 
-#include "Vel/Entity.h"
 #include "Vel/Module.h"
 
 #include <functional>
 
 namespace Bench {
 
-class Gauge : public Vel::EntityOf<Gauge> {
-public:
-    explicit Gauge(Vel::String const& name) : EntityOf(name) {}
-
-    Vel::U32 level() const { return level_; }
-    void levelIs(Vel::U32 v) const { velSet<&Gauge::level_>(v); }
-
-    static constexpr auto description() {
-        return Vel::entity("Bench::Gauge", Vel::attribute<&Gauge::level_, &Gauge::level, &Gauge::levelIs>("level"));
-    }
-
-private:
-    Vel::U32 level_ = 0;
-};
-
 namespace {
-
-class Counter final : public Vel::Notifiee {
-public:
-    void handleAttribute(Vel::AttributeId) override { ++count; }
-    std::size_t count = 0;
-};
 
 // What one would write without a framework.
 class PlainGauge {
@@ -49,11 +28,11 @@ private:
 void addNotifying(std::size_t observers) {
     std::string const group = "notify/" + std::to_string(observers) + (observers == 1 ? " observer" : " observers");
     Bench::add(group, "velSet of an entity", [observers](benchmark::State& state) {
-        auto const gauge = Gauge::newEntity("gauge");
+        auto const entity = Level::newEntity("level");
         std::vector<Counter> counters(observers);
-        for (Counter& counter : counters) counter.notifierIs(gauge.get());
+        for (Counter& counter : counters) counter.notifierIs(entity.get());
         Vel::U32 level = 0;
-        for (auto _ : state) gauge->levelIs(++level);
+        for (auto _ : state) entity->levelIs(++level);
         for (Counter const& counter : counters) Bench::require(counter.count == level, "an observer of an entity");
     });
     Bench::add(group, "vector of std::function", [observers](benchmark::State& state) {
@@ -72,7 +51,7 @@ void addNotifying(std::size_t observers) {
 }  // namespace
 }  // namespace Bench
 
-VEL_MODULE(NotifyBench, 208b2207b36160e8, Bench::Gauge);
+VEL_MODULE(NotifyBench, 28509d1c5b6af9fb, Bench::Level);
 
 int main(int argc, char** argv) {
     for (std::size_t const observers : {0, 1, 10}) Bench::addNotifying(observers);

@@ -2,6 +2,7 @@
 // through memory, applied and told to an observer.
 
 #include "Bench.h"
+#include "Level.h"
 
 #include "Mox/PrefixTrie.h"
 
@@ -14,28 +15,7 @@
 
 namespace Bench {
 
-class Level : public Vel::EntityOf<Level> {
-public:
-    explicit Level(Vel::String const& name) : EntityOf(name) {}
-
-    Vel::U32 level() const { return level_; }
-    void levelIs(Vel::U32 v) { velSet<&Level::level_>(v); }
-
-    static constexpr auto description() {
-        return Vel::entity("Bench::Level", Vel::attribute<&Level::level_, &Level::level, &Level::levelIs>("level"));
-    }
-
-private:
-    Vel::U32 level_ = 0;
-};
-
 namespace {
-
-class Counter final : public Vel::Notifiee {
-public:
-    void handleAttribute(Vel::AttributeId) override { ++count; }
-    std::size_t count = 0;
-};
 
 // A replica and its line to the source, through memory.
 class Follower {
