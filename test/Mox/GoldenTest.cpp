@@ -109,7 +109,7 @@ TEST_F(GoldenTest, EveryValueTypeIsListed) {
     std::set<std::string> listed;
     for (Row const& row : readRows()) listed.insert(row.type);
     for (Vel::VelType const type : Vel::Registry::types())
-        if (!type.isEntity()) {
+        if (!type.isEntity() && type.moduleName() != "Simulation") {  // the tests' own types
             EXPECT_TRUE(listed.contains(type.name())) << "add to golden.tsv: " << type.name();
         }
 }
