@@ -270,6 +270,9 @@ void AttrLogReader::flagMessage(std::span<U8 const> message, std::unordered_set<
     U8 const* const key = in.data();
     attribute->skipKey(in);
     std::string_view const view(reinterpret_cast<char const*>(key), static_cast<std::size_t>(in.data() - key));
+    // What moved into the collection is not there yet, also where the collection is new and will be sent as a whole.
+    if (kind == MessageKind::keySet && attribute->kind == StreamKind::instances)
+        if (auto* const member = source_->adapter(in.nextU32())) notInstantiated(*member);
     source_->changeCounted(
         !adapter->flowOutOnAttributeForConnection(*this, *attribute, view, kind != MessageKind::keyDel, nullptr));
 }

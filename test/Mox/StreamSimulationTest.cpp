@@ -20,4 +20,24 @@ TEST(StreamSimulationTest, ReplicasConvergeInOrderWhateverTheNetworkDoes) {
     for (U64 seed = first; seed < first + runs && !HasFailure(); ++seed) Simulation::run(seed);
 }
 
+// Found by a seed: the reader did not read that the member had come, nor of what it had come into.
+TEST(StreamStallTest, MemberThatMovesIntoANewTrieArrives) {
+    auto const root = Vel::Dir::newEntity("root");
+    auto const from = Simulation::Trie::newEntity("from");
+    root->entryIs(from);
+    auto const member = from->prefixChildIs("k");
+    StreamTest::Pair pair(root, {.logSize = 0});
+    pair.connect();
+    pair.run();
+
+    auto const to = Simulation::Trie::newEntity("to");
+    root->entryIs(to);
+    from->prefixChildDel("k");
+    to->adopt(member);
+    for (int i = 0; i < 1000; ++i) member->presentIs(i % 2 == 0);
+    ASSERT_EQ(pair.source.liveReaders(), 0u) << "which is what is tested";
+    pair.run();
+    pair.expectEqual();
+}
+
 }  // namespace
