@@ -62,6 +62,51 @@ struct TrieOptions {
 };
 int runTrie(TrieOptions const& options);  // somethingWrong also when an answer is no, and when tries differ
 
+// What all commands on a server's live state are asked.
+struct LiveOptions {
+    std::string address;  // as Mount::Address takes it
+    std::string path = "/";
+    double timeout = 5;                       // seconds in which something has to come
+    std::string certificate, key, authority;  // files, for tls: addresses
+    bool json = false;
+};
+
+struct ServeOptions : LiveOptions {
+    std::string state;               // file; "-": standard input; empty: none
+    std::vector<std::string> tries;  // "PATH=FILE"
+    bool writable = false;
+    std::vector<std::string> users, writers;
+};
+int runServe(ServeOptions const& options);  // ends at SIGINT or SIGTERM
+
+struct WatchOptions : LiveOptions {
+    std::optional<std::uint64_t> count;  // of changes
+    bool untilSynced = false;
+    std::optional<double> duration;  // seconds
+};
+int runWatch(WatchOptions const& options);
+
+struct GetOptions : LiveOptions {
+    std::string attribute;  // empty: all
+};
+int runGet(GetOptions const& options);
+
+struct SetOptions : LiveOptions {
+    std::string attribute;
+    std::string value;  // text
+};
+int runSet(SetOptions const& options);
+
+struct ListOptions : LiveOptions {};
+int runList(ListOptions const& options);
+
+struct TreeOptions : LiveOptions {
+    bool ascii = false;
+    bool state = false;                // as a state file
+    std::optional<std::size_t> depth;  // levels to draw below the first
+};
+int runTree(TreeOptions const& options);
+
 // Loads libraries of further types. Returns the exit code: a library that brings no types is worth a warning.
 int loadModules(std::vector<std::string> const& paths);
 

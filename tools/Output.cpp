@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -73,6 +74,17 @@ void print(std::string_view text) {
 }
 
 std::string jsonText(Json const& answer) { return answer.dump(2, ' ', false, Json::error_handler_t::replace) + "\n"; }
+
+bool isUtf8() {
+    for (char const* const variable : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+        char const* const value = std::getenv(variable);
+        if (!value || !*value) continue;
+        std::string name(value);
+        for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        return name.find("utf-8") != std::string::npos || name.find("utf8") != std::string::npos;
+    }
+    return false;
+}
 
 std::string bold(std::string_view text) { return coloured("1", text); }
 std::string red(std::string_view text) { return coloured("31", text); }

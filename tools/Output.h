@@ -33,6 +33,8 @@ void complain(std::string_view text);      // "mox: TEXT" to standard error; con
 void print(std::string_view text);         // to standard output. Throws Failure when it cannot be written
 std::string jsonText(Json const& answer);  // with a newline; bytes that are no UTF-8 become U+FFFD
 
+bool isUtf8();  // the locale's characters, by its variables
+
 // Only on a terminal, and not against the user's wish (NO_COLOR, TERM=dumb); else the text as it is.
 std::string bold(std::string_view text);
 std::string red(std::string_view text);

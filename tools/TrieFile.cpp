@@ -22,8 +22,10 @@ std::size_t offsetIn(std::string_view line, std::string_view part) {
 
 class Reader {
 public:
-    explicit Reader(Input& input)
-        : name_(input.name()), progress_(input, false), lines_(input, [this] { progress_.tell(lines_); }) {}
+    Reader(Input& input, std::string const& name)
+        : name_(input.name()), progress_(input, false), lines_(input, [this] { progress_.tell(lines_); }) {
+        if (!name.empty()) file_.trie = Tags::TagTrie::newEntity(Vel::String(name));
+    }
 
     TrieFile result() {
         while (lines_.next())
@@ -91,10 +93,10 @@ std::string_view withoutMargins(std::string_view text) {
     return text.substr(0, text.find_last_not_of(blanks) + 1);
 }
 
-TrieFile readTrie(Input& input) {
+TrieFile readTrie(Input& input, std::string const& name) {
     if (::isatty(input.descriptor()) == 1 && ::isatty(STDERR_FILENO) == 1)
         complain("type paths, one on a line, with tags such as {a,b} behind those that have any; Ctrl-D ends");
-    return Reader(input).result();
+    return Reader(input, name).result();
 }
 
 }  // namespace Tool

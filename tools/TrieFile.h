@@ -31,7 +31,7 @@ struct TrieFile {
     std::uint64_t taken = 0, rejected = 0;  // lines
 };
 
-// Bad lines are shown on standard error and left out. Throws Failure when the input cannot be read.
-TrieFile readTrie(Input& input);
+// Bad lines are shown on standard error and left out. Throws Failure when the input cannot be read. `name`: the trie's.
+TrieFile readTrie(Input& input, std::string const& name = {});
 
 }  // namespace Tool

@@ -1,65 +1,20 @@
 #pragma once
 
-#include "tools/Output.h"
+#include "tools/Answers.h"
 
 #include "examples/TagTrie.h"
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
-#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
 
-// What the parts of the command "trie" share: answers of any length, and walking through a trie.
+// What the parts of the command "trie" share: walking through a trie.
 namespace Tool {
 
 using Mox::PrefixTrie;
 using Tags::TagTrie;
 using Vel::Ptr;
-
-// --- answers of any length ---
-
-class Answers {
-public:
-    void add(std::string_view text) {
-        text_ += text;
-        if (text_.size() >= 65536) flush();
-    }
-    void flush() {
-        print(text_);
-        text_.clear();
-    }
-
-private:
-    std::string text_;
-};
-
-// A JSON object with one long list, one item on a line.
-class JsonList {
-public:
-    JsonList(Answers& answers, std::string const& begin) : answers_(answers) { answers_.add("{" + begin + "["); }
-    void add(Json const& item) {
-        answers_.add(count_++ == 0 ? "\n  " : ",\n  ");
-        answers_.add(item.dump(-1, ' ', false, Json::error_handler_t::replace));
-    }
-    void next(std::string const& begin) {  // one more list
-        end();
-        answers_.add(", " + begin + "[");
-        count_ = 0;
-    }
-    void close(std::uint64_t bad) {
-        end();
-        answers_.add(", \"bad\": " + std::to_string(bad) + "}\n");
-    }
-
-private:
-    void end() { answers_.add(count_ == 0 ? "]" : "\n]"); }
-
-    Answers& answers_;
-    std::size_t count_ = 0;
-};
 
 // --- nodes ---
 

@@ -1,22 +1,8 @@
 #include "tools/TrieTree.h"
 
-#include <cctype>
-#include <cstdlib>
-
 namespace Tool {
 
 namespace {
-
-bool isUtf8() {
-    for (char const* const variable : {"LC_ALL", "LC_CTYPE", "LANG"}) {
-        char const* const value = std::getenv(variable);
-        if (!value || !*value) continue;
-        std::string name(value);
-        for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        return name.find("utf-8") != std::string::npos || name.find("utf8") != std::string::npos;
-    }
-    return false;
-}
 
 struct Signs {
     char const *branch, *lastBranch, *beside, *below;

@@ -1,4 +1,6 @@
 #include "tools/Commands.h"
+#include "tools/LiveOptions.h"
+#include "tools/Names.h"
 #include "tools/Output.h"
 
 #include <CLI/CLI.hpp>
@@ -14,7 +16,7 @@ using namespace Tool;
 constexpr char about[] = "Asks the Mox library: who this machine is, which types there are, what a value looks like as "
                          "text and as bytes, what a "
                          "statistic makes of observations, what sets of ids come to, what a set of path prefixes "
-                         "says of a path.";
+                         "says of a path, what a running server has and how it changes.";
 
 constexpr char examples[] = R"~(Examples:
   mox cell                          which cell this is, which is active, and how we know
@@ -24,6 +26,9 @@ constexpr char examples[] = R"~(Examples:
   mox stat CountStat counts.txt     a statistic of the observations in a file
   mox idset '(1-9) minus (3)'       a set of ids, computed
   mox trie paths.txt has a/b.c      whether a path is below one of the prefixes in a file
+  mox serve /tmp/s.sock state.txt   what a file says, to other processes
+  mox watch /tmp/s.sock             what a server has, and its changes
+  mox get /tmp/s.sock /ql/cell      attributes of an entity at a server; set, ls and tree, too
   mox COMMAND --help                more about one command, with examples
 
 Exit codes: 0 fine; 1 there is an answer, but something is wrong; 2 the command line is wrong.)~";
@@ -173,12 +178,14 @@ struct CommandLine {
     StatOptions stat;
     IdSetOptions idSet;
     TrieOptions trie;
+    LiveOptionsLine live;
     CLI::App* cellCommand = nullptr;
     CLI::App* typesCommand = nullptr;
     CLI::App* valueCommand = nullptr;
     CLI::App* statCommand = nullptr;
     CLI::App* idSetCommand = nullptr;
     CLI::App* trieCommand = nullptr;
+    std::vector<CLI::App*> commands;
 
     CommandLine() {
         app.footer(examples);
@@ -197,9 +204,11 @@ struct CommandLine {
         addStat();
         addIdSet();
         addTrie();
-        for (CLI::App* const command :
-            {&app, cellCommand, typesCommand, valueCommand, statCommand, idSetCommand, trieCommand})
-            command->set_help_flag("-h,--help", "Show this and leave");
+        live.addTo(app);
+        commands = {cellCommand, typesCommand, valueCommand, statCommand, idSetCommand, trieCommand};
+        commands.insert(commands.end(), live.commands().begin(), live.commands().end());
+        app.set_help_flag("-h,--help", "Show this and leave");
+        for (CLI::App* const command : commands) command->set_help_flag("-h,--help", "Show this and leave");
     }
 
     void addCell() {
@@ -286,22 +295,29 @@ struct CommandLine {
         if (statCommand->parsed()) return runStat(stat);
         if (idSetCommand->parsed()) return runIdSet(idSet);
         if (trieCommand->parsed()) return runTrie(trie);
+        if (int code = fine; live.run(code)) return code;
         if (redundancyStatus) cell.redundancyStatus = redundancyStatusFrom(*redundancyStatus);
         return runCell(cell);
     }
 
     std::string missingCommand() const {
+        std::vector<std::string> names;
+        for (CLI::App const* const command : commands) names.push_back(command->get_name());
         auto const rest = app.remaining();
-        if (rest.empty()) return "say what to do: cell, types, value, stat, idset or trie; " + helpHint();
+        if (rest.empty()) return "say what to do: " + joined(names, ", ") + "; " + helpHint();
+        auto const near = nearest(rest[0], names);
         return "there is no command " + shortened(shown(rest[0]), 80) +
-               ", only cell, types, value, stat, idset and trie; " + helpHint();
+               (near.empty() ? ", only " + joined(names, ", ") : "; did you mean " + alternatives(near) + "?") + "; " +
+               helpHint();
     }
 
+    CLI::App const* given() const {
+        for (CLI::App const* const command : commands)
+            if (command->parsed()) return command;
+        return nullptr;
+    }
     std::string helpHint() const {
-        for (CLI::App const* const command :
-            {cellCommand, typesCommand, valueCommand, statCommand, idSetCommand, trieCommand})
-            if (command->parsed()) return "see \"mox " + command->get_name() + " --help\"";
-        return "see \"mox --help\"";
+        return given() ? "see \"mox " + given()->get_name() + " --help\"" : "see \"mox --help\"";
     }
 };
 
@@ -311,11 +327,13 @@ constexpr char isNoList = '\n';
 
 std::vector<std::string> argumentsFrom(int argc, char** argv) {
     std::vector<std::string> arguments;
-    bool isTrie = false;
+    static constexpr std::string_view takePaths[] = {"trie", "serve", "watch", "mount", "get", "set", "ls", "tree"};
+    bool takesPaths = false;
     for (int i = 1; i < argc; ++i) {
         std::string argument = argv[i];
-        if (isTrie && argument.starts_with('[') && argument.ends_with(']')) argument += isNoList;
-        isTrie = isTrie || argument == "trie";
+        if (takesPaths && argument.starts_with('[') && argument.ends_with(']')) argument += isNoList;
+        takesPaths =
+            takesPaths || std::find(std::begin(takePaths), std::end(takePaths), argument) != std::end(takePaths);
         arguments.push_back(std::move(argument));
     }
     std::reverse(arguments.begin(), arguments.end());  // as CLI11 wants them
@@ -332,11 +350,12 @@ int runMain(int argc, char** argv) {
         line.app.parse(argumentsFrom(argc, argv));
         unmark(line.trie.file);
         for (std::string& argument : line.trie.arguments) unmark(argument);
+        for (std::string* const argument : line.live.texts()) unmark(*argument);
         return line.run();
     } catch (CLI::Success const& request) {  // --help, --version
         return line.app.exit(request);
-    } catch (CLI::RequiredError const&) {
-        complain(line.missingCommand());
+    } catch (CLI::RequiredError const& error) {
+        complain(line.given() ? std::string(error.what()) + "; " + line.helpHint() : line.missingCommand());
         return badUsage;
     } catch (CLI::ParseError const& error) {
         complain(std::string(error.what()) + "; " + line.helpHint());

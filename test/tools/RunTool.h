@@ -1,9 +1,12 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <sys/types.h>
 
 // Runs programs as a shell would, in an environment of exactly the given variables.
 namespace ToolTest {
@@ -19,6 +22,34 @@ using Environment = std::map<std::string, std::string>;
 // argv[0] is looked up in the usual places.
 Outcome run(std::vector<std::string> const& argv, Environment const& environment = {}, std::string_view input = {});
 Outcome mox(std::vector<std::string> arguments, Environment const& environment = {}, std::string_view input = {});
+
+// A program that runs beside the test, in an environment of exactly the given variables. Killed when it is left alone.
+class Beside {
+public:
+    explicit Beside(std::vector<std::string> const& argv, Environment const& environment = {});
+    Beside(Beside const&) = delete;
+    Beside& operator=(Beside const&) = delete;
+    ~Beside();
+
+    // All that it has written to standard output so far, once that holds `text`. Fails the test, and returns what there
+    // is, when that does not come: it has ended, or half a minute has passed.
+    std::string const& until(std::string_view text);
+    Outcome end();       // by SIGTERM
+    Outcome wait();      // until it ends by itself; as until()
+    void closeOutput();  // nobody reads on
+    pid_t id() const { return child_; }
+
+private:
+    bool read();  // more of its output; false at the end, or when it takes too long
+    Outcome outcome();
+
+    std::string name_;
+    pid_t child_ = 0;
+    int output_ = -1;
+    std::string out_;
+    std::unique_ptr<class TemporaryFile> err_;
+};
+std::unique_ptr<Beside> moxBeside(std::vector<std::string> arguments, Environment const& environment = {});
 
 // The columns (two blanks or more between them) of the first line of `text` that begins with `first`.
 std::vector<std::string> row(std::string_view text, std::string_view first);

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "tools/Answers.h"
+#include "tools/EntityTree.h"
+
+#include <string_view>
+
+namespace Tool {
+
+// What is in a tree, and what happens to it, one line each: as lines of a state file (see StateFile.h), with "+ " before
+// what has appeared and "- " before what has gone, or as JSON objects with a member "event".
+class TreeLines {
+public:
+    using Node = EntityTree::Node;
+
+    TreeLines(Answers& answers, bool json) : answers_(answers), json_(json) {}
+
+    // The entity and all that it holds, but not what is below it.
+    void whole(EntityTree const& tree, Node const& node, bool isNew);
+    // REQUIRES: a value or a pointer.
+    void attribute(EntityTree const& tree, Node const& node, Vel::StreamAttribute const& attribute);
+    // What a collection has at the key, unless it is in the tree at that very place.
+    void member(
+        EntityTree const& tree, Node const& node, Vel::StreamAttribute const& collection, std::string const& key);
+    void gone(Node const& node);
+    // Something about the copy as a whole: "# EVENT: TEXT", or an object with that member besides `more`.
+    void note(std::string_view event, std::string const& text, Json const& more);
+
+    std::uint64_t count() const { return count_; }  // lines, without notes
+
+private:
+    void entity(Node const& node, bool isNew);
+    void add(Json const& json);
+    void add(std::string_view mark, std::string const& text);
+
+    Answers& answers_;
+    bool json_;
+    std::uint64_t count_ = 0;
+};
+
+// What a pointer or a key refers to: a path, or "None".
+std::string referenceText(EntityTree const& tree, Vel::Entity const* target);
+Json referenceJson(EntityTree const& tree, Vel::Entity const* target);
+
+// Calls f(collection, key, member) for the members of the node's collections that have their place elsewhere.
+void eachReference(EntityTree::Node const& node,
+    std::function<void(Vel::StreamAttribute const&, std::string const&, Vel::Entity&)> const& f);
+
+}  // namespace Tool

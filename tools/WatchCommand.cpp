@@ -1,0 +1,202 @@
+#include "tools/Commands.h"
+#include "tools/Connection.h"
+#include "tools/TreeLines.h"
+
+#include "Vel/Exception.h"
+
+#include <algorithm>
+#include <limits>
+#include <unordered_set>
+
+#include <poll.h>
+#include <unistd.h>
+
+namespace Tool {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Node = EntityTree::Node;
+using State = Mount::Client::State;
+using Vel::StreamAttribute;
+
+// Nobody reads on: better to end now than at the next change, which may be far off.
+bool isOutputClosed() {
+    pollfd output{STDOUT_FILENO, 0, 0};
+    return ::poll(&output, 1, 0) == 1 && (output.revents & POLLERR);
+}
+
+class Watching final : public EntityTree::Observer {
+public:
+    explicit Watching(WatchOptions const& options)
+        : options_(options), path_(normalPath(options.path)), lines_(answers_, options.json) {
+        Mount::ClientOptions client;
+        client.path = Vel::String(askedPath());
+        client.peer.tls = tlsFilesFrom(options);
+        Mount::Address const address = addressFrom(options.address);
+        try {
+            client_.emplace(loop_, address, place_, "copy", client);
+        } catch (Vel::Exception const& error) {
+            throw Failure(badUsage, error.what());
+        }
+        client_->onErrorIs([this](Vel::String const& error) { failed(error.stdString()); });
+    }
+
+    int run() {
+        std::optional<Clock::time_point> end;
+        if (options_.duration) end = Clock::now() + secondsFrom(*options_.duration);
+        for (;;) {
+            Mount::Loop::Duration wait = std::chrono::seconds(1);
+            if (end) wait = std::clamp<Mount::Loop::Duration>(*end - Clock::now(), Mount::Loop::Duration(0), wait);
+            if (loop_.runUntil([this] { return followed(); }, wait)) break;
+            if (isOutputClosed()) return somethingWrong;
+            if (end && Clock::now() >= *end) return timeIsOver();
+        }
+        answers_.flush();
+        return warned();
+    }
+
+private:
+    // A server knows names only.
+    std::string askedPath() const {
+        std::string asked;
+        for (Step const& step : stepsOf(path_)) {
+            if (!step.attribute.empty() || step.key.find('/') != std::string::npos)
+                throw Failure(badUsage, "a server cannot be asked for " + shown(path_) +
+                                            ", which is no entity that it knows by name: watch what is above it");
+            asked += "/" + step.key;
+        }
+        return asked.empty() ? "/" : asked;
+    }
+
+    int warned() const {
+        if (!tree_ || tree_->isWhole()) return fine;
+        complain("what has a path of more than 64 KiB is left out");
+        return somethingWrong;
+    }
+
+    int timeIsOver() {
+        bool const isMissed = options_.count || options_.untilSynced;
+        if (!isMissed && hasSynced_) return warned();
+        complain(options_.address + ": " +
+                 (hasSynced_ ? "fewer changes came in that time"
+                             : "not synced in that time" + (error_.empty() ? "" : ": " + error_)));
+        return somethingWrong;
+    }
+
+    // --- what happens ---
+
+    // Called after everything that has come in. Whether that was all that is wanted.
+    bool followed() {
+        auto const& root = client_->replica().root();
+        if (tree_ && (!root || tree_->find(*root) != &tree_->root())) {
+            reportFresh();
+            tree_.reset();
+            lines_.note("replaced", path_, {{"path", path_}});
+        }
+        if (tree_) follow();
+        State const state = client_->state();
+        if (state == State::synced && !tree_) begin();
+        if (state != state_) tellState(state);
+        state_ = state;
+        answers_.flush();
+        return isDone_;
+    }
+
+    void follow() {
+        reportFresh();
+        tree_->settle();
+        reportFresh();
+    }
+
+    void begin() {
+        fresh_.clear();
+        tree_.emplace(*client_->replica().root(), path_, this);
+        for (Node* node = &tree_->root(); node; node = EntityTree::next(*node, tree_->root())) {
+            lines_.whole(*tree_, *node, false);
+            if (answers_.kept().size() > 65536) answers_.flush();
+        }
+    }
+
+    void tellState(State state) {
+        if (state == State::synced) {
+            std::size_t const size = tree_->size();
+            lines_.note("synced", std::to_string(size) + (size == 1 ? " entity" : " entities"),
+                {{"path", path_}, {"entities", size}});
+            hasSynced_ = true;
+            error_.clear();
+            isDone_ = isDone_ || options_.untilSynced || (options_.count && *options_.count == changes_);
+        }
+        if (state == State::stale) {
+            if (tree_ && hasSynced_) lines_.note("stale", error_, {{"path", path_}, {"error", error_}});
+        }
+    }
+
+    void failed(std::string const& error) {
+        std::string const text = (error.empty() ? "the connection was closed" : error) + adviceFor(error);
+        if (text == error_) return;  // once is enough, however often it is tried
+        error_ = text;
+        // What a connection was lost by is told with that.
+        if (state_ == State::synced) return;
+        lines_.note("error", text, {{"error", text}});
+    }
+
+    // Each change counts once; when there were enough, nothing more is told.
+    bool counts() {
+        if (isDone_) return false;
+        ++changes_;
+        isDone_ = options_.count && changes_ == *options_.count;
+        return true;
+    }
+
+    void reportFresh() {
+        if (fresh_.empty()) return;
+        // In the order of the tree: those first that are below what has been there before.
+        std::vector<Node*> tops;
+        for (Node* const node : appeared_)
+            if (fresh_.contains(node) && !fresh_.contains(node->above())) tops.push_back(node);
+        appeared_.clear();
+        for (Node* const top : tops)
+            for (Node* node = top; node; node = EntityTree::next(*node, *top))
+                if (fresh_.erase(node) != 0 && counts()) lines_.whole(*tree_, *node, true);
+        fresh_.clear();
+    }
+
+    void appeared(Node& node) override {
+        if (fresh_.insert(&node).second) appeared_.push_back(&node);
+    }
+    void gone(Node& node) override {
+        bool const isFresh = fresh_.contains(&node);
+        if (!fresh_.empty())
+            for (Node* below = &node; below; below = EntityTree::next(*below, node)) fresh_.erase(below);
+        if (!isFresh && counts()) lines_.gone(node);
+    }
+    void changed(Node& node, StreamAttribute const& attribute) override {
+        if (!fresh_.contains(&node) && counts()) lines_.attribute(*tree_, node, attribute);
+    }
+    void memberChanged(Node& node, StreamAttribute const& collection, std::string const& key) override {
+        if (!fresh_.contains(&node) && counts()) lines_.member(*tree_, node, collection, key);
+    }
+
+    WatchOptions const& options_;
+    std::string path_;
+    Answers answers_{std::numeric_limits<std::size_t>::max()};  // never flushed in the middle of a change
+    TreeLines lines_;
+    Mount::Loop loop_;
+    Vel::Ptr<Vel::Dir> place_ = Vel::Dir::newEntity("");
+    std::optional<EntityTree> tree_;
+    std::optional<Mount::Client> client_;
+    // Entities that have come since the last batch; they are told of with the values that they have at its end.
+    std::unordered_set<Node*> fresh_;
+    std::vector<Node*> appeared_;
+    State state_ = State::empty;
+    std::string error_;
+    std::uint64_t changes_ = 0;
+    bool hasSynced_ = false, isDone_ = false;
+};
+
+}  // namespace
+
+int runWatch(WatchOptions const& options) { return Watching(options).run(); }
+
+}  // namespace Tool
