@@ -42,6 +42,22 @@ std::size_t askable(std::vector<Step> const& steps) {
     return count;
 }
 
+// What a path of prefixes leads to, such as "/rack1.port7": its keys begin with their separators, and stand in one
+// another without more of them. Null: nothing.
+Entity* entityAlong(Entity& from, std::string const& path) {
+    std::string const text = decodedStep(path);
+    Entity* at = &from;
+    for (std::size_t begin = 0; at && begin < text.size();) {
+        std::size_t const end = std::min(text.find_first_of("/.", begin + 1), text.size());
+        std::string const key = text.substr(begin, end - begin);
+        Step const name{"", key, true, 0}, bare{"", key.substr(1), true, 0};
+        Entity* const next = entityAt(*at, placeOf(*at, name));
+        at = next || !key.starts_with('/') ? next : entityAt(*at, placeOf(*at, bare));
+        begin = end;
+    }
+    return at;
+}
+
 }  // namespace
 
 Mount::Address addressFrom(std::string const& text) {
@@ -87,6 +103,11 @@ std::string normalPath(std::string const& path) {
     return normal.empty() ? "/" : normal;
 }
 
+std::string withAddress(LiveOptions const& options, std::string const& error) {
+    std::string const address = addressFrom(options.address).text().stdString();
+    return error.starts_with(address) ? error : address + ": " + error;
+}
+
 // --- connections ---
 
 Connection::Connection(LiveOptions const& options, std::string const& path, bool wantsToWrite) : options_(options) {
@@ -119,7 +140,7 @@ bool Connection::sync() {
     }
     if (error_.empty()) return true;
     if (error_.find(nothingThere) != std::string::npos) return false;
-    throw Failure(somethingWrong, options_.address + ": " + error_ + adviceFor(error_));
+    throw Failure(somethingWrong, withAddress(options_, error_) + adviceFor(error_));
 }
 
 Entity& Connection::root() { return *client_->replica().root(); }
@@ -136,12 +157,14 @@ Found::Found(LiveOptions const& options, std::string const& path, bool wantsToWr
         connect(steps, --count, wantsToWrite);
         isThere = connection_->sync();
     }
-    if (!isThere) throw Failure(somethingWrong, options.address + ": " + connection_->error());
+    if (!isThere) throw Failure(somethingWrong, withAddress(options, connection_->error()));
     rootPath_ = normalPath(path.substr(0, count == 0 ? 0 : steps[count - 1].end));
     entity_ = &connection_->root();
     for (std::size_t i = count; i < steps.size(); ++i) {
-        Entity* const next = entityAt(*entity_, placeOf(*entity_, steps[i]));
-        if (!next) failMissing(*entity_, normalPath(path.substr(0, i == 0 ? 0 : steps[i - 1].end)), steps[i]);
+        Entity* next = entityAt(*entity_, placeOf(*entity_, steps[i]));
+        std::size_t const begin = i == 0 ? 0 : steps[i - 1].end;
+        if (!next && steps[i].attribute.empty() && (next = entityAlong(*entity_, path.substr(begin)))) i = steps.size();
+        if (!next) failMissing(*entity_, normalPath(path.substr(0, begin)), steps[i]);
         entity_ = next;
     }
 }
@@ -157,7 +180,10 @@ void Found::failMissing(Entity const& above, std::string const& path, Step const
     std::string const wanted = step.attribute.empty() ? step.key : "@" + step.attribute;
     auto const near = nearest(wanted, names);
     std::string text = path + " has no " + shortened(shown(wanted), 80);
-    if (names.empty())
+    if (attributeNamed(above.fwkType(), wanted))
+        text = path + " has no entity " + wanted + ", but an attribute: \"mox get " + options_.address + " " + path +
+               " " + wanted + "\"";
+    else if (names.empty())
         text += "; there is nothing below this " + std::string(above.fwkType().name());
     else if (!near.empty())
         text += "; did you mean " + alternatives(near) + "?";

@@ -21,6 +21,9 @@ std::chrono::nanoseconds secondsFrom(double seconds);
 // What may be done about an error of a connection, behind "; ", or nothing.
 std::string adviceFor(std::string_view error);
 
+// The error, behind the address unless that is its beginning anyway.
+std::string withAddress(LiveOptions const& options, std::string const& error);
+
 // A copy of what is at a path of a server, made for a command that asks once.
 class Connection {
 public:

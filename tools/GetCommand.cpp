@@ -102,7 +102,7 @@ GenericValue valueFrom(SetOptions const& options, StreamAttribute const& attribu
 Failure notTaken(SetOptions const& options, Connection& connection, std::string const& now) {
     std::string const& error = connection.error();
     if (!error.empty())
-        return {somethingWrong, options.address + ": the server does not take it: " + error + adviceFor(error)};
+        return {somethingWrong, "the server does not take it: " + withAddress(options, error) + adviceFor(error)};
     return {somethingWrong, options.address + ": sent, but " + options.attribute + " is still " + shortened(now, 200) +
                                 " after " + Vel::format("%g", options.timeout).stdString() + " s"};
 }

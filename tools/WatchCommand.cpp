@@ -78,9 +78,10 @@ private:
     int timeIsOver() {
         bool const isMissed = options_.count || options_.untilSynced;
         if (!isMissed && hasSynced_) return warned();
-        complain(options_.address + ": " +
-                 (hasSynced_ ? "fewer changes came in that time"
-                             : "not synced in that time" + (error_.empty() ? "" : ": " + error_)));
+        std::string const seconds = Vel::format("%g", *options_.duration).stdString() + " s";
+        complain(hasSynced_ ? "fewer changes came in " + seconds
+                            : "not synced in " + seconds +
+                                  (error_.empty() ? "" : ", since: " + withAddress(options_, error_)));
         return somethingWrong;
     }
 
