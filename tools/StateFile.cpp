@@ -265,11 +265,12 @@ private:
         lastEntity_ = last_ = nullptr;  // it may have moved
     }
 
-    // A collection that makes its members has those only that are nowhere else, and nothing is within itself.
+    // A collection that makes its members has those only that are nowhere else, and what is named in an entity is not around it.
     void checkPlace(Reference const& reference, Entity const* target, Word const& path) const {
         if (!target || !reference.attribute->isCollection()) return;
         if (reference.attribute->kind == StreamKind::instances && target->parent())
             fail("this entity is in another place already", path.offset);
+        if (!reference.attribute->keyIsName) return;
         for (Entity const* above = reference.entity.get(); above; above = above->parent())
             if (above == target) fail("an entity cannot be within itself", path.offset);
     }

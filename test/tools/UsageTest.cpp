@@ -9,8 +9,10 @@ using namespace ToolTest;
 using testing::HasSubstr;
 
 TEST(MoxUsageTest, HelpTeachesByExamples) {
-    for (std::vector<std::string> const& arguments : {std::vector<std::string>{"--help"}, {"cell", "--help"},
-             {"types", "-h"}, {"value", "--help"}, {"stat", "--help"}, {"idset", "--help"}, {"trie", "--help"}}) {
+    for (std::vector<std::string> const& arguments :
+        {std::vector<std::string>{"--help"}, {"cell", "--help"}, {"types", "-h"}, {"value", "--help"},
+            {"stat", "--help"}, {"idset", "--help"}, {"trie", "--help"}, {"serve", "--help"}, {"watch", "--help"},
+            {"mount", "--help"}, {"get", "--help"}, {"set", "--help"}, {"ls", "--help"}, {"tree", "--help"}}) {
         Outcome const outcome = mox(arguments);
         EXPECT_EQ(outcome.code, 0);
         EXPECT_EQ(outcome.err, "");
@@ -31,9 +33,10 @@ TEST(MoxUsageTest, BadCommandLinesNameTheMistakeAndTheHelp) {
         EXPECT_EQ(outcome.out, "");
         return outcome.err;
     };
-    EXPECT_EQ(error({}), "mox: say what to do: cell, types, value, stat, idset or trie; see \"mox --help\"\n");
-    EXPECT_EQ(error({"cel"}),
-        "mox: there is no command cel, only cell, types, value, stat, idset and trie; see \"mox --help\"\n");
+    EXPECT_EQ(error({}),
+        "mox: say what to do: cell, types, value, stat, idset, trie, serve, watch, get, set, ls, tree; see \"mox "
+        "--help\"\n");
+    EXPECT_EQ(error({"cel"}), "mox: there is no command cel; did you mean cell?; see \"mox --help\"\n");
     EXPECT_EQ(
         error({"cell", "--nope"}), "mox: The following argument was not expected: --nope; see \"mox cell --help\"\n");
     EXPECT_EQ(

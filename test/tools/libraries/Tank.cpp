@@ -1,0 +1,80 @@
+#include "Vel/Entity.h"
+#include "Vel/Module.h"
+#include "Vel/Value.h"
+
+#include <map>
+
+// Entities that the tool has never heard of: they refer to each other, are numbered, and answer for what nobody stored.
+namespace Test {
+
+using Vel::sequenceToValue;
+using Vel::valueToStrep;
+using Vel::operator<<;
+
+class Level {
+public:
+    constexpr Level() = default;
+    Level(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) { Vel::parse(*this, it, end); }
+    Level(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
+    friend bool operator==(Level const&, Level const&) = default;
+
+    static constexpr auto description() {
+        return Vel::record(
+            "Test::Level", Vel::field<&Level::litres_>("litres"), Vel::field<&Level::measured_>("measured"));
+    }
+
+private:
+    double litres_ = 0;
+    bool measured_ = false;
+};
+
+class Tank : public Vel::EntityOf<Tank> {
+public:
+    explicit Tank(Vel::String const& name) : EntityOf(name) {}
+
+    Level level() const { return Level(); }
+    void levelIs(Level const& v) { velSet<&Tank::level_>(v); }
+    Vel::U32 most() const { return most_; }
+    void mostIs(Vel::U32 v) { velSet<&Tank::most_>(v < 100 ? v : 100); }
+    Vel::Ptr<Tank> overflow() const { return overflow_; }
+    void overflowIs(Vel::Ptr<Tank> const& v) { velSet<&Tank::overflow_>(v); }
+
+    Vel::Ptr<Tank> inlet(Vel::U32 number) const {
+        auto const found = inlets_.find(number);
+        return found == inlets_.end() ? nullptr : found->second;
+    }
+    void inletIs(Vel::U32 number, Vel::Ptr<Tank> const& v) {
+        inlets_[number] = v;
+        velNotify(inletAttribute, number);
+    }
+    Vel::Ptr<Tank> inletDel(Vel::U32 number) {
+        Vel::Ptr<Tank> const gone = inlet(number);
+        inlets_.erase(number);
+        velNotify(inletAttribute, number);
+        return gone;
+    }
+    Vel::U32 inlets() const { return static_cast<Vel::U32>(inlets_.size()); }
+    Vel::U32 inletChangeCounter() const { return 0; }
+    bool inletExists(Vel::U32 number) const { return inlets_.contains(number); }
+    std::map<Vel::U32, Vel::Ptr<Tank>> inletMembers() const { return inlets_; }
+
+    static constexpr auto description() {
+        using T = Tank;
+        return Vel::entity("Test::Tank", Vel::attribute<&T::level_, &T::level, &T::levelIs>("level"),
+            Vel::attribute<&T::most_, &T::most, &T::mostIs>("most"),
+            Vel::attribute<&T::overflow_, &T::overflow, &T::overflowIs>("overflow"),
+            Vel::references<&T::inletMembers>(Vel::collection<Vel::U32, Vel::Ptr<Tank>, &T::inlet, &T::inletIs,
+                &T::inletDel, &T::inlets, &T::inletChangeCounter, &T::inletExists>("inlet")));
+    }
+    static constexpr Vel::AttributeId inletAttribute = 261;
+
+private:
+    Level level_;
+    Vel::U32 most_ = 0;
+    Vel::Ptr<Tank> overflow_;
+    std::map<Vel::U32, Vel::Ptr<Tank>> inlets_;
+};
+
+}  // namespace Test
+
+VEL_MODULE(Tank, 2e7fccbcdf405f4a, Test::Level, Test::Tank);
