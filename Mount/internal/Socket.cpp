@@ -56,9 +56,11 @@ std::vector<SocketAddress> resolve(Address const& address, bool forServer) {
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICSERV | (forServer ? AI_PASSIVE : 0);
     addrinfo* found = nullptr;
+    // Clients take this one for the name, too.
+    bool const isHere = address.kind() == Address::Kind::tcp && address.host() == String("localhost");
+    String const host = isHere ? String("127.0.0.1") : address.host();
     std::string const port = std::to_string(address.port());
-    int const error =
-        ::getaddrinfo(address.host().empty() ? nullptr : address.host().charPtr(), port.c_str(), &hints, &found);
+    int const error = ::getaddrinfo(host.empty() ? nullptr : host.charPtr(), port.c_str(), &hints, &found);
     if (error != 0) {
         String const why = error == EAI_SYSTEM ? Vel::ErrnoException(errno).text() : String(::gai_strerror(error));
         throw Vel::RangeException(address.text() + ": no address of the host: " + why);
@@ -93,8 +95,11 @@ void checkAddress(Address const& address, PeerOptions const& options, std::span<
 
 namespace {
 
-// Nobody listens at a socket's file that refuses connections: its owner is gone without having removed it.
-bool isLeftBehind(SocketAddress const& where) {
+// Nobody listens at a socket's file that refuses connections: its owner is gone without having removed it. So does any
+// other file, which is somebody's.
+bool isLeftBehind(String const& path, SocketAddress const& where) {
+    struct stat found {};
+    if (::lstat(path.charPtr(), &found) != 0 || !S_ISSOCK(found.st_mode)) return false;
     Descriptor const probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     return probe.get() >= 0 && ::connect(probe.get(), where.get(), where.length) != 0 && errno == ECONNREFUSED;
 }
@@ -102,7 +107,7 @@ bool isLeftBehind(SocketAddress const& where) {
 void bindUnix(Address const& address, int socket, SocketAddress const& where, U32 mode) {
     int bound = ::bind(socket, where.get(), where.length);
     if (bound != 0 && errno == EADDRINUSE) {
-        if (!isLeftBehind(where)) throw Vel::ErrnoException(EADDRINUSE, address.text());
+        if (!isLeftBehind(address.path(), where)) throw Vel::ErrnoException(EADDRINUSE, address.text());
         ::unlink(address.path().charPtr());
         bound = ::bind(socket, where.get(), where.length);
     }
