@@ -56,14 +56,15 @@ Address::Address(String const& text) : kind_(Kind::unixSocket) {
         host = host.substr(1, host.size() - 2);
     else if (host.find(':') != host.npos)
         throwNoAddress(all, "an IPv6 address stands in brackets");
+    if (host.find_first_of("[]") != host.npos) throwNoAddress(all, "brackets stand around an IPv6 address only");
     if (host.empty() && kind_ == Kind::tcp)
         throwNoAddress(all, "the host is missing; plain TCP is for 127.0.0.1 or [::1]");
     where_ = String(host);
 }
 
 Address Address::unixSocket(String const& path) { return Address("unix:" + path); }
-Address Address::tcp(String const& host, U16 port) { return Address(Kind::tcp, host, port); }
-Address Address::tls(String const& host, U16 port) { return Address(Kind::tls, host, port); }
+Address Address::tcp(String const& host, U16 port) { return Address(Address(Kind::tcp, host, port).text()); }
+Address Address::tls(String const& host, U16 port) { return Address(Address(Kind::tls, host, port).text()); }
 
 String Address::text() const {
     if (kind_ == Kind::unixSocket) return "unix:" + where_;

@@ -22,6 +22,7 @@ public:
     Address(String const& text);
     Address(char const* text) : Address(String(text)) {}
 
+    // These throw the same.
     static Address unixSocket(String const& path);
     static Address tcp(String const& host, U16 port);
     static Address tls(String const& host, U16 port);
