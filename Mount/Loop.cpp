@@ -31,7 +31,9 @@ private:
     std::function<void()> call_;
 };
 
-Loop::Loop() : own_(std::make_unique<asio::io_context>(1)), context_(own_.get()) {}
+// Not told that one thread runs it: what a handler posts would then be kept back, uncounted, until the handler ends, and
+// a run from within it would wait for that in vain, or find nothing left to do and stop all.
+Loop::Loop() : own_(std::make_unique<asio::io_context>()), context_(own_.get()) {}
 Loop::Loop(asio::io_context& context) : context_(&context) {}
 Loop::~Loop() = default;
 

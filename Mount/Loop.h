@@ -21,7 +21,8 @@ public:
     using Duration = std::chrono::nanoseconds;
 
     Loop();
-    explicit Loop(asio::io_context& context);  // which must outlive this, and be run by one thread only
+    explicit Loop(asio::io_context& context);  // which must outlive this, and be run by one thread only; to be run from
+                                               // within its handlers it is made without a concurrency hint
     Loop(Loop const&) = delete;
     Loop& operator=(Loop const&) = delete;
     ~Loop();
