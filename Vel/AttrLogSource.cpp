@@ -172,7 +172,7 @@ void AttrLogServer::checkPathsBut(std::optional<std::string_view> wanted) {
     for (auto at = sources_.begin(); at != sources_.end();) {
         auto& [path, source] = *at;
         bool const isWanted = source->readers() != 0 || path == wanted;
-        if (isWanted && entityAt(path).get() == &source->root()) {
+        if (source->isBeingWritten() || (isWanted && entityAt(path).get() == &source->root())) {
             ++at;
         } else {
             coalescedBefore_ += source->coalesced();

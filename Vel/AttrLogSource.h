@@ -38,6 +38,7 @@ public:
     std::unique_ptr<StreamPeer> newReader(bool mayWrite = true);
     std::size_t readers() const { return readers_.size(); }  // that have said hello
     std::size_t liveReaders() const { return liveReaders_; }
+    bool isBeingWritten() const { return writes_ != 0; }  // a reader's change is being applied: it must stay
     std::size_t backlog() const;  // bytes of the log that the slowest live reader has still to be sent
     Options const& options() const { return options_; }
 
@@ -80,6 +81,7 @@ private:
     std::vector<AttrLogReader*> awaiting_;
     std::vector<AttrLogReader*> waking_;  // those of them that are being woken
     std::size_t liveReaders_ = 0;
+    unsigned writes_ = 0;  // under way: an observer may run the transport, which looks after other readers
     U64 lastChunk_ = 0;
     std::function<bool(Entity&, AttributeId)> multicast_;
 };
@@ -87,13 +89,20 @@ private:
 // Lets a reader's change through, or not, while it is applied.
 class AttrLogSource::Write {
 public:
-    Write(AttrLogSource& source, bool allowed) : source_(source) { source_.remoteMayWriteIs(allowed); }
+    Write(AttrLogSource& source, bool allowed) : source_(source), allowedBefore_(source.remoteMayWrite()) {
+        ++source_.writes_;
+        source_.remoteMayWriteIs(allowed);
+    }
     Write(Write const&) = delete;
     Write& operator=(Write const&) = delete;
-    ~Write() { source_.remoteMayWriteIs(false); }
+    ~Write() {
+        source_.remoteMayWriteIs(allowedBefore_);
+        --source_.writes_;
+    }
 
 private:
     AttrLogSource& source_;
+    bool const allowedBefore_;
 };
 
 // Serves what is below an entity: each reader gets what is at the path that it asks for, when it says hello.
@@ -111,7 +120,7 @@ public:
     // Lasts until a check finds another entity, or none, at the path, or nobody who reads it.
     AttrLogSource* source(String const& path);
     // Destroys the sources that are not at their paths any more, so that their readers are closing, and those without
-    // readers. Looks up one path for each source. Not to be called from within a mutator, an observer or a peer.
+    // readers; one that a reader is writing to only at a later check. Looks up one path for each source.
     void checkPaths() { checkPathsBut(std::nullopt); }
     std::size_t sources() const { return sources_.size(); }
     std::size_t backlog() const;  // the largest of its sources'
