@@ -59,7 +59,10 @@ void Connection::start(Ready ready, Ended ended) {
 }
 
 void Connection::close(String const& reason) {
-    run([&] { endLater(reason); });
+    run([&] {
+        endLater(reason);
+        if (peer_) peer_->refuse(reason);  // so that no message is applied after this one
+    });
 }
 
 // --- work ---
@@ -90,6 +93,9 @@ void Connection::handshake() {
 void Connection::receive() {
     receiveAwaits_ = Awaits::nothing;
     Buffer const buffer;
+    isReceiving_ = true;
+    auto const atEnd = [this](void*) { isReceiving_ = false; };
+    std::unique_ptr<void, decltype(atEnd)> const receiving(this, atEnd);
     for (std::size_t received = 0; !isOver();) {
         if (received >= turn) {
             receivesMore_ = true;
@@ -143,7 +149,7 @@ void Connection::send() {
         case Channel::Result::end:
         case Channel::Result::failed: {
             // What the other side has said last tells why better than that it does not listen.
-            if (phase_ == Phase::carrying) receive();
+            if (phase_ == Phase::carrying && !isReceiving_) receive();
             return endLater(channel_->error());
         }
         case Channel::Result::done:

@@ -84,6 +84,7 @@ private:
     bool isWriteWaiting_ = false;
     bool isWoken_ = false;       // goOn() will be called
     bool receivesMore_ = false;  // there was more to receive when others had their turn
+    bool isReceiving_ = false;   // receive() is at work, perhaps in an observer that runs the loop
     bool isBusy_ = false;        // the peer is at work
     bool isToEnd_ = false;       // as soon as it is not
     String reason_;
