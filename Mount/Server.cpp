@@ -49,6 +49,7 @@ private:
     struct Served {
         std::shared_ptr<Connection> connection;
         std::unique_ptr<Vel::StreamPeer> reader;
+        bool isRefused = false;
     };
 
     static std::vector<uid_t> usersThere(std::vector<String> const& names);
@@ -70,6 +71,7 @@ private:
     std::vector<std::shared_ptr<Listener>> listeners_;
     String addresses_;  // of all of them
     std::map<Connection*, Served> connections_;
+    std::size_t refusing_ = 0;  // of them, those that are being told so
     asio::steady_timer timer_;
     Vel::Ptr<ServerStatus> status_;
     U64 accepted_ = 0;
@@ -155,14 +157,19 @@ void Server::Impl::accepted(Descriptor socket, int family, Address::Kind kind) {
 
 Vel::StreamPeer& Server::Impl::ready(Connection& connection, std::optional<uid_t> user) {
     String const& name = connection.peerName();
-    auto& reader = connections_[&connection].reader;
+    auto& served = connections_[&connection];
+    auto& reader = served.reader;
     reader = server_.newReader(mayWrite(name, user));
     if (user && std::find(users_.begin(), users_.end(), *user) == users_.end()) {
-        ++refused_;
+        served.isRefused = true;
         reader->refuse("user " + name + " may not connect");
-    } else if (connections_.size() > options_.connections) {
-        ++refused_;
+    } else if (connections_.size() - refusing_ > options_.connections) {
+        served.isRefused = true;
         reader->refuse(format("there are %zu connections already", options_.connections));
+    }
+    if (served.isRefused) {
+        ++refused_;
+        ++refusing_;
     }
     return *reader;
 }
@@ -175,6 +182,7 @@ void Server::Impl::ended(Connection& connection, String const& error) {
         lastError_ = error;
         if (!connection.peerName().empty()) lastError_ = connection.peerName() + ": " + error;
     }
+    if (connections_[&connection].isRefused) --refusing_;
     connections_.erase(&connection);
 }
 
@@ -232,7 +240,10 @@ Server::Server(Loop& loop, Vel::Ptr<Vel::Entity> root, Options options)
 }
 Server::~Server() { impl_->close(); }
 
-Address Server::listen(Address const& address) { return impl_->listen(address); }
+Address Server::listen(Address const& address) {
+    auto const impl = impl_;  // whatever observers of the status do
+    return impl->listen(address);
+}
 std::size_t Server::connections() const { return impl_->connections(); }
 std::size_t Server::backlog() const { return impl_->backlog(); }
 Vel::Ptr<ServerStatus> Server::status() const { return impl_->status(); }

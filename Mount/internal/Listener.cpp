@@ -64,12 +64,13 @@ void Listener::wait() {
 }
 
 void Listener::accept() {
+    auto const accepted = accepted_;  // which may stop this
     for (int i = 0; i < atOnce && accepted_; ++i) {
         Descriptor socket(::accept4(socket_.native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (socket.get() >= 0) {
             int const yes = 1;
             if (family_ != AF_UNIX) ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
-            accepted_(std::move(socket), family_);
+            accepted(std::move(socket), family_);
             continue;
         }
         if (errno == EINTR || errno == ECONNABORTED) continue;
