@@ -176,6 +176,8 @@ void Client::Impl::connect(std::size_t place) {
                 return self->failed("there is no such socket; nobody serves there");
             case ECONNREFUSED:
                 return self->failed("nobody listens there");
+            case ENOBUFS:  // Asio's word for a Unix socket's EAGAIN
+                return self->failed("too many are waiting to be let in there");
             default:
                 return self->failed(Vel::ErrnoException(error.value()).text());
             }
