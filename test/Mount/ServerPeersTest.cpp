@@ -1,0 +1,230 @@
+#include "MountFixture.h"
+
+#include <deque>
+
+namespace {
+
+using namespace MountTest;
+
+class ServerPeersTest : public SharedTest {
+protected:
+    std::unique_ptr<RawPeer> peer(std::string_view path = "", int bufferSize = 0) {
+        auto made = std::make_unique<RawPeer>(address(), bufferSize);
+        EXPECT_TRUE(made->isConnected());
+        Message const hello = helloFor(String(path));
+        EXPECT_EQ(made->send(hello), hello.size());
+        return made;
+    }
+    // What a process of another user is told; empty when it got a copy.
+    std::string toldToNobody() {
+        Child child([&](int socket) {
+            if (::setgid(65534) != 0 || ::setuid(65534) != 0) return say(socket, "can't be another user");
+            Loop own;
+            auto const place = Dir::newEntity("");
+            Client client(own, address(), place, "copy", quick());
+            if (!own.runUntil(
+                    [&] { return client.state() == Client::State::synced || !client.error().empty(); }, enough))
+                say(socket, "nothing happened");
+            say(socket, client.error().view());
+        });
+        ::fcntl(child.socket(), F_SETFL, O_NONBLOCK);
+        std::string told;
+        bool isOver = false;
+        EXPECT_TRUE(untilSeen([&] {
+            char room[1024];
+            ssize_t const got = ::read(child.socket(), room, sizeof room);
+            if (got > 0) told.append(room, static_cast<std::size_t>(got));
+            return isOver = got == 0 || (got < 0 && errno != EAGAIN);
+        }));
+        return told;
+    }
+    void everybodyReachesTheFolder() { ASSERT_EQ(::chmod(folder.path(".").charPtr(), 0711), 0); }
+};
+
+TEST_F(ServerPeersTest, AUserWhoIsNotAmongThoseNamedIsRefused) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can be another user";
+    everybodyReachesTheFolder();
+    generation(served, "g", 1);
+    Server::Options options = quickServer();
+    options.peer.users = {"0", "54321"};
+    Server server(loop, served, options);
+    server.listen(address());
+    std::string const told = toldToNobody();
+    EXPECT_EQ(told, address().text() + ": refused: user nobody may not connect");
+    EXPECT_TRUE(until([&] { return server.status()->refused() == 1 && server.connections() == 0; }));
+    EXPECT_EQ(server.status()->error(), "nobody: user nobody may not connect");
+}
+
+TEST_F(ServerPeersTest, AUserWhoIsNamedIsServed) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can be another user";
+    everybodyReachesTheFolder();
+    Server::Options options;
+    options.peer.users = {"nobody"};
+    Server server(loop, served, options);
+    server.listen(address());
+    EXPECT_EQ(toldToNobody(), "");
+    Client client(loop, address(), here, "copy", quick());
+    EXPECT_TRUE(until([&] { return !client.error().empty(); })) << "root is refused when others are named";
+    EXPECT_EQ(client.error(), address().text() + ": refused: user root may not connect");
+}
+
+// The file's mode keeps others out; without it the server does.
+TEST_F(ServerPeersTest, NobodyButTheOwnUserIsServedUnlessNamed) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can be another user";
+    everybodyReachesTheFolder();
+    Server::Options options;
+    options.socketMode = 0666;
+    Server server(loop, served, options);
+    server.listen(address());
+    EXPECT_EQ(toldToNobody(), address().text() + ": refused: user nobody may not connect");
+    ASSERT_EQ(::chmod(folder.path("socket").charPtr(), 0600), 0);
+    EXPECT_EQ(toldToNobody(), address().text() + ": Permission denied (EACCES)");
+}
+
+TEST_F(ServerPeersTest, AClientLeavesAServerOfAnUnexpectedUser) {
+    Server server(loop, served);
+    server.listen(address());
+    Client::Options options = quick();
+    options.peer.users = {"54321"};
+    Client client(loop, address(), here, "copy", options);
+    ASSERT_TRUE(until([&] { return !client.error().empty(); }));
+    EXPECT_EQ(client.error(), address().text() + ": user " + (::geteuid() == 0 ? "root" : client.error()) +
+                                  " serves there, who is not among those expected");
+    EXPECT_FALSE(here->entry("copy"));
+}
+
+TEST_F(ServerPeersTest, AUserWhoDoesNotExistIsAnError) {
+    Server::Options options;
+    options.peer.users = {"no such user"};
+    try {
+        Server server(loop, served, options);
+        ADD_FAILURE();
+    } catch (Vel::RangeException const& error) {
+        EXPECT_EQ(error.text(), "there is no user 'no such user' on this machine");
+    }
+}
+
+TEST_F(ServerPeersTest, ConnectionsBeyondTheLimitAreTold) {
+    Server::Options options = quickServer();
+    options.connections = 2;
+    Server server(loop, served, options);
+    server.listen(address());
+    std::deque<Client> clients;
+    for (int i = 0; i < 2; ++i) {
+        clients.emplace_back(loop, address(), here, Vel::format("copy%d", i), quick());
+        ASSERT_TRUE(clients[static_cast<std::size_t>(i)].sync(enough));
+    }
+    Client third(loop, address(), here, "third", quick());
+    ASSERT_TRUE(until([&] { return !third.error().empty(); }));
+    EXPECT_EQ(third.error(), address().text() + ": refused: there are 2 connections already");
+    clients.pop_front();
+    EXPECT_TRUE(third.sync(enough)) << "a place that has become free is given";
+    EXPECT_EQ(clients.front().state(), Client::State::synced);
+}
+
+// Those that are being refused take nobody's place.
+TEST_F(ServerPeersTest, RefusedConnectionsDoNotCount) {
+    Server::Options options = quickServer();
+    options.connections = 2;
+    Server server(loop, served, options);
+    server.listen(address());
+    auto first = peer();
+    auto const second = peer();
+    ASSERT_TRUE(untilSeen([&] { return !first->received().empty() && !second->received().empty(); }));
+    std::deque<RawPeer> refused;  // none of which closes
+    for (int i = 0; i < 10; ++i) refused.emplace_back(address());
+    for (auto& one : refused) ASSERT_TRUE(untilSeen([&] { return !one.received().empty(); }));
+    EXPECT_EQ(server.connections(), 12u);
+    first->close();
+    ASSERT_TRUE(until([&] { return server.connections() == 11; }));
+    auto const third = peer();
+    ASSERT_TRUE(untilSeen([&] { return !third->received().empty(); }));
+    EXPECT_EQ(third->received().substr(0, 7), std::string("\0\0\0\4\2\0\1", 7));
+}
+
+TEST_F(ServerPeersTest, AFloodOfConnectionsIsBounded) {
+    Server::Options options = quickServer();
+    options.connections = 2;
+    Server server(loop, served, options);
+    server.listen(address());
+    std::deque<RawPeer> peers;
+    for (int i = 0; i < 60; ++i) peers.emplace_back(address());
+    ASSERT_TRUE(until([&] { return server.status()->accepted() == 60; }));
+    EXPECT_LE(server.connections(), 2u + 16u);
+    EXPECT_TRUE(until([&] { return server.status()->refused() == 58; }));
+    EXPECT_FALSE(peers[0].isClosed());
+    EXPECT_FALSE(peers[1].isClosed());
+    for (std::size_t i = 2; i < 60; ++i) EXPECT_TRUE(untilSeen([&] { return peers[i].isClosed(); })) << i;
+}
+
+// --- silence ---
+
+TEST_F(ServerPeersTest, APeerThatDoesNotSayHelloIsLeft) {
+    Server::Options options = quickServer();
+    options.peer.helloTimeout = 20ms;
+    Server server(loop, served, options);
+    server.listen(address());
+    RawPeer silent(address());
+    Message const hello = helloFor("");
+    RawPeer half(address());
+    half.send({hello.data(), hello.size() - 1});
+    EXPECT_TRUE(untilSeen([&] { return silent.isClosed() && half.isClosed(); }));
+    EXPECT_TRUE(until([&] { return server.status()->failed() == 2; }));
+    EXPECT_TRUE(server.status()->error().view().ends_with("not a word came within 0.02 s")) << server.status()->error();
+}
+
+TEST_F(ServerPeersTest, APeerThatFallsSilentIsAskedAndThenLeft) {
+    Server::Options options = quickServer();
+    options.peer.idleTimeout = 60ms;
+    Server server(loop, served, options);
+    server.listen(address());
+    auto const silent = peer();
+    ASSERT_TRUE(untilSeen([&] { return silent->isClosed(); }));
+    EXPECT_NE(silent->received().find(std::string("\0\0\0\5\14\0\0\0\0", 9)), std::string::npos) << "a ping";
+    EXPECT_TRUE(until([&] { return server.status()->failed() == 1; }));
+    EXPECT_TRUE(server.status()->error().view().ends_with("nothing came for 0.06 s")) << server.status()->error();
+}
+
+// Pings are answered by both sides; so a connection at which nothing happens stays, however long.
+TEST_F(ServerPeersTest, ConnectionsWithoutChangesStay) {
+    Server::Options options = quickServer();
+    options.peer.idleTimeout = 300ms;
+    Server server(loop, served, options);
+    server.listen(address());
+    Client::Options mine = quick();
+    mine.peer.idleTimeout = 300ms;
+    Client client(loop, address(), here, "copy", mine);
+    ASSERT_TRUE(client.sync(enough));
+    ASSERT_TRUE(until([&] { return client.replica().pongs() >= 4; }));
+    EXPECT_EQ(client.status()->connects(), 1u);
+    EXPECT_EQ(client.state(), Client::State::synced);
+}
+
+TEST_F(ServerPeersTest, AClientLeavesAServerThatIsStopped) {
+    generation(served, "g", 1);
+    Child child([&](int socket) {
+        Loop own;
+        Server server(own, served);
+        server.listen(address());
+        say(socket, "serving\n");
+        own.run();
+    });
+    char room[8];
+    ASSERT_EQ(::read(child.socket(), room, sizeof room), 8);
+    Client::Options options = quick();
+    options.peer.idleTimeout = 500ms;
+    options.peer.helloTimeout = 500ms;
+    Client client(loop, address(), here, "copy", options);
+    std::vector<String> errors;
+    client.onErrorIs([&](String const& error) { errors.push_back(error); });
+    ASSERT_TRUE(client.sync(enough));
+    child.signal(SIGSTOP);
+    ASSERT_TRUE(until([&] { return errors.size() >= 2; }));
+    EXPECT_EQ(errors[0], address().text() + ": nothing came for 0.5 s");
+    EXPECT_EQ(errors[1], address().text() + ": not a word came within 0.5 s");
+    EXPECT_EQ(idAt("copy/g"), 1u);
+    child.signal(SIGCONT);
+    EXPECT_TRUE(until([&] { return client.state() == Client::State::synced; })) << client.error();
+}
+
+}  // namespace

@@ -1,0 +1,230 @@
+#include "MountFixture.h"
+
+#include "Vel/Exception.h"
+
+#include <fstream>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+namespace {
+
+using namespace MountTest;
+
+class ServerSocketTest : public SharedTest {
+protected:
+    static U32 modeOf(Address const& address) {
+        struct stat found {};
+        return ::stat(address.path().charPtr(), &found) == 0 ? found.st_mode & 07777 : 0xffffffff;
+    }
+    static bool exists(Address const& address) {
+        struct stat found {};
+        return ::lstat(address.path().charPtr(), &found) == 0;
+    }
+    std::string refusal(Address const& place, Server::Options const& options = {}) {
+        Server server(loop, served, options);
+        try {
+            return "listens at " + server.listen(place).text().stdString();
+        } catch (Vel::Exception const& error) {
+            return error.what();
+        }
+    }
+    bool isServed(Address const& place) {
+        Client client(loop, place, Dir::newEntity(""), "copy", quick());
+        return client.sync(enough);
+    }
+    static void leaveSocketAt(Address const& address) {
+        int const socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un where{};
+        where.sun_family = AF_UNIX;
+        address.path().view().copy(where.sun_path, sizeof where.sun_path - 1);
+        ASSERT_EQ(::bind(socket, reinterpret_cast<sockaddr*>(&where), sizeof where), 0);
+        ASSERT_EQ(::listen(socket, 5), 0);
+        ::close(socket);
+    }
+};
+
+TEST_F(ServerSocketTest, ASocketThatNobodyListensAtAnyMoreIsTakenOver) {
+    leaveSocketAt(address());
+    Server server(loop, served);
+    EXPECT_EQ(server.listen(address()), address());
+    EXPECT_TRUE(isServed(address()));
+}
+
+TEST_F(ServerSocketTest, ASocketThatIsServedIsNotTakenOver) {
+    Server server(loop, served);
+    server.listen(address());
+    EXPECT_EQ(refusal(address()), address().text() + ": Address already in use (EADDRINUSE)");
+    EXPECT_TRUE(exists(address()));
+    EXPECT_TRUE(isServed(address()));
+}
+
+TEST_F(ServerSocketTest, AServerDoesNotListenAtItsOwnSocketTwice) {
+    Server server(loop, served);
+    server.listen(address());
+    EXPECT_THROW(server.listen(address()), Vel::ErrnoException);
+    EXPECT_EQ(server.listen(address("second")), address("second"));
+    EXPECT_TRUE(isServed(address()));
+    EXPECT_TRUE(isServed(address("second")));
+    EXPECT_EQ(server.status()->address(), address().text() + " " + address("second").text());
+}
+
+// Whatever else stands there refuses connections just as a socket does that was left behind.
+TEST_F(ServerSocketTest, AFileThatIsNoSocketStays) {
+    std::ofstream(folder.path("socket").charPtr()) << "precious";
+    EXPECT_EQ(refusal(address()), address().text() + ": Address already in use (EADDRINUSE)");
+    std::ifstream file(folder.path("socket").charPtr());
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "precious");
+}
+
+TEST_F(ServerSocketTest, ALinkToASocketThatWasLeftBehindStays) {
+    leaveSocketAt(address("left"));
+    ASSERT_EQ(::symlink(folder.path("left").charPtr(), folder.path("socket").charPtr()), 0);
+    EXPECT_EQ(refusal(address()), address().text() + ": Address already in use (EADDRINUSE)");
+    EXPECT_TRUE(exists(address()));
+}
+
+TEST_F(ServerSocketTest, AFolderThatIsNotThereIsAnError) {
+    Address const place("unix:" + folder.path("none") + "/socket");
+    EXPECT_EQ(refusal(place), place.text() + ": No such file or directory (ENOENT)");
+}
+
+TEST_F(ServerSocketTest, TheModeIsForThoseWhoMayConnect) {
+    mode_t const before = ::umask(0777);
+    {
+        Server own(loop, served);
+        own.listen(address("own"));
+        Server::Options options;
+        options.peer.users = {"0"};
+        Server users(loop, served, options);
+        users.listen(address("users"));
+        options.socketMode = 0640;
+        Server given(loop, served, options);
+        given.listen(address("given"));
+        EXPECT_EQ(modeOf(address("own")), 0600u);
+        EXPECT_EQ(modeOf(address("users")), 0666u);
+        EXPECT_EQ(modeOf(address("given")), 0640u);
+    }
+    ::umask(before);
+}
+
+TEST_F(ServerSocketTest, TheFileGoesWithTheServer) {
+    {
+        Server server(loop, served);
+        server.listen(address());
+        server.listen(address("second"));
+        EXPECT_TRUE(exists(address()));
+    }
+    EXPECT_FALSE(exists(address()));
+    EXPECT_FALSE(exists(address("second")));
+}
+
+TEST_F(ServerSocketTest, AFileThatSomebodyElseHasMadeSinceStays) {
+    std::optional<Server> server(std::in_place, loop, served);
+    server->listen(address());
+    ASSERT_EQ(::rename(folder.path("socket").charPtr(), folder.path("moved").charPtr()), 0);
+    Server other(loop, served);
+    other.listen(address());
+    server.reset();
+    EXPECT_TRUE(exists(address()));
+    EXPECT_TRUE(isServed(address()));
+}
+
+TEST_F(ServerSocketTest, APathThatDoesNotFitIsRefused) {
+    String const path(std::string("/tmp/") + std::string(103, 'p'));
+    EXPECT_THROW(Address::unixSocket(path), Vel::RangeException);
+}
+
+TEST_F(ServerSocketTest, TcpIsServedOnThisMachineOnly) {
+    std::string const rule = ": plain TCP is for this machine alone (127.0.0.1, [::1]); with other machines use tls:";
+    for (std::string const place :
+        {"tcp:0.0.0.0:0", "tcp:192.0.2.1:7400", "tcp:[::]:0", "tcp:[2001:db8::1]:1", "tcp:0:0"})
+        EXPECT_EQ(refusal(String(place)), place + rule);
+    EXPECT_EQ(refusal("tcp:127.0.0.2:0").substr(0, 25), "listens at tcp:127.0.0.2:");
+}
+
+TEST_F(ServerSocketTest, TcpIsMountedFromThisMachineOnly) {
+    Client client(loop, "tcp:192.0.2.1:7400", here, "copy", quick());
+    ASSERT_TRUE(until([&] { return !client.error().empty(); }));
+    EXPECT_EQ(client.error(),
+        "tcp:192.0.2.1:7400: tcp:192.0.2.1:7400: plain TCP is for this machine alone (127.0.0.1, [::1]); with other "
+        "machines use tls:");
+    EXPECT_EQ(client.status()->connects(), 0u);
+}
+
+TEST_F(ServerSocketTest, AHostThatIsNoneIsAnError) {
+    EXPECT_EQ(refusal("tcp:[1.2.3.4.5:x]:1").find("tcp:[1.2.3.4.5:x]:1: no address of the host: "), 0u);
+}
+
+TEST_F(ServerSocketTest, TlsWithoutFilesIsRefused) {
+    EXPECT_EQ(refusal("tls:127.0.0.1:0"),
+        "tls:127.0.0.1:0: tls needs three files: a certificate, its key, and the authority's certificate");
+    EXPECT_THROW(Client(loop, "tls:127.0.0.1:1", here, "copy"), Vel::RangeException);
+}
+
+TEST_F(ServerSocketTest, ThePortThatWasChosenIsTold) {
+    Server server(loop, served);
+    Address const first = server.listen("tcp:127.0.0.1:0");
+    Address const second = server.listen("tcp:127.0.0.1:0");
+    EXPECT_NE(first.port(), 0u);
+    EXPECT_NE(first.port(), second.port());
+    EXPECT_EQ(server.status()->address(), first.text() + " " + second.text());
+    EXPECT_TRUE(isServed(first));
+    EXPECT_TRUE(isServed(second));
+}
+
+TEST_F(ServerSocketTest, APortThatIsTakenIsAnError) {
+    Server server(loop, served);
+    Address const place = server.listen("tcp:127.0.0.1:0");
+    EXPECT_EQ(refusal(place), place.text() + ": Address already in use (EADDRINUSE)");
+}
+
+// A port whose last connections are not forgotten yet by the system.
+TEST_F(ServerSocketTest, APortIsServedAgainAtOnce) {
+    Address place("tcp:127.0.0.1:0");
+    for (int round = 0; round < 3; ++round) {
+        Server server(loop, served);
+        place = server.listen(place);
+        EXPECT_TRUE(isServed(place));
+    }
+}
+
+TEST_F(ServerSocketTest, AServerOutOfDescriptorsGoesOnWhenThereAreSomeAgain) {
+    generation(served, "g", 3);
+    Child child([&](int socket) {
+        Loop own;
+        Server server(own, served);
+        server.listen(address());
+        rlimit limit{};
+        ::getrlimit(RLIMIT_NOFILE, &limit);
+        int const next = ::dup(0);
+        ::close(next);
+        limit.rlim_cur = static_cast<rlim_t>(next) + 2;  // two connections
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        say(socket, "serving\n");
+        own.run();
+    });
+    char room[8];
+    ASSERT_EQ(::read(child.socket(), room, sizeof room), 8);
+    std::vector<std::unique_ptr<RawPeer>> peers;
+    Message const hello = helloFor("g");
+    auto const served = [&] {
+        std::size_t count = 0;
+        for (auto const& peer : peers) count += !peer->received().empty() && !peer->isClosed();
+        return count;
+    };
+    for (int i = 0; i < 6; ++i) {
+        peers.push_back(std::make_unique<RawPeer>(address()));
+        ASSERT_EQ(peers.back()->send(hello), hello.size());
+    }
+    ASSERT_TRUE(untilSeen([&] { return served() >= 1; }));
+    Client client(loop, address(), here, "copy", quick());
+    loop.runFor(50ms);
+    EXPECT_LE(served(), 2u);
+    EXPECT_NE(client.state(), Client::State::synced);
+    peers.clear();
+    EXPECT_TRUE(client.sync(enough)) << client.error();
+    EXPECT_EQ(idAt("copy/g"), 3u);
+}
+
+}  // namespace
