@@ -224,6 +224,7 @@ TEST_F(HostilePeerTest, APeerThatNeverReadsCostsNoQueue) {
 TEST_F(HostilePeerTest, APeerThatPingsAndNeverReadsIsLeft) {
     RawPeer peer(address(), 4096);
     sendAll(peer, helloFor(""));
+    ASSERT_TRUE(until([&] { return server->connections() == 1; }));
     Message pings;
     for (int i = 0; i < 1000; ++i) {
         Message const ping = message({12, 0, 0, 0, 1});
