@@ -117,6 +117,16 @@ void storedValueIs(Entity& entity, StreamAttribute const& attribute, GenericValu
     attribute.apply(entity, in);
 }
 
+std::optional<GenericValue> storedItem(Entity const& entity, StreamAttribute const& collection, std::string_view key) {
+    std::string const encoding = encodedKey(collection, key);
+    In look(bytesOf(encoding));
+    if (!collection.holds(entity, look)) return std::nullopt;
+    ValueSink sink;
+    collection.serializeKey(sink, collection.id, entity, bytesOf(encoding), false);
+    In in(sink.bytes().subspan(encoding.size()));
+    return GenericValue(collection.type(), in);
+}
+
 Json jsonValue(GenericValue const& value) {
     if (auto scalar = jsonScalar(value)) return *std::move(scalar);
     VelType const type = value.type();
@@ -265,7 +275,8 @@ StepPlace placeOf(Entity const& entity, Step const& step) {
     }
     VelType const type = entity.fwkType();
     StreamAttribute const* const attribute = attributeNamed(type, step.attribute);
-    if (!attribute || attribute->kind == StreamKind::value || attribute->isCollection() != step.hasKey) return {};
+    bool const leadsOn = attribute && (attribute->kind == StreamKind::pointer || attribute->holdsEntities());
+    if (!leadsOn || attribute->isCollection() != step.hasKey) return {};
     if (!step.hasKey) return {attribute, ""};
     try {
         Out out;

@@ -30,6 +30,9 @@ Vel::VelType keyTypeOf(Vel::VelType type, Vel::StreamAttribute const& collection
 
 // REQUIRES: an attribute of kind value.
 Vel::GenericValue storedValue(Vel::Entity const& entity, Vel::StreamAttribute const& attribute);
+// What a collection of values has at a key; nothing when it has not.
+std::optional<Vel::GenericValue> storedItem(
+    Vel::Entity const& entity, Vel::StreamAttribute const& collection, std::string_view key);
 // Through the mutator, which may throw what it likes.
 void storedValueIs(Vel::Entity& entity, Vel::StreamAttribute const& attribute, Vel::GenericValue const& value);
 // Numbers, booleans and strings as such, records as objects of their fields, others as their text; a number that JSON does

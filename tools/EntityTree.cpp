@@ -64,7 +64,8 @@ void Node::handleAttribute(AttributeId id, Vel::NotifieeKey const& key) {
     collection->writeKey(out, key.data());
     Place const place{
         collection, keyFromEncoding(*collection, {reinterpret_cast<char const*>(out.data()), out.size()})};
-    if (!tree_.check(*this, place)) tree_.observer_->memberChanged(*this, *collection, place.key);
+    if (!collection->holdsEntities() || !tree_.check(*this, place))
+        tree_.observer_->memberChanged(*this, *collection, place.key);
 }
 
 void Node::handleNotifierDel() noexcept {
@@ -152,7 +153,7 @@ void EntityTree::exploreOthers(Node& node, std::vector<Node*>& found) {
     };
     for (StreamAttribute const& attribute : node.table_.attributes) {
         if (attribute.kind == StreamKind::pointer) take(attribute.target(*node.entity_), {&attribute, ""});
-        if (attribute.isCollection())
+        if (attribute.holdsEntities())
             eachKey(*node.entity_, attribute, [&](std::string key) {
                 Entity* const member = memberOf(*node.entity_, attribute, key);
                 take(member, {&attribute, std::move(key)});

@@ -40,7 +40,7 @@ public:
         virtual void appeared(Node& node) = 0;  // and what is below it: each is told of
         virtual void gone(Node& node) = 0;  // with all below it, of which nothing is told; the node has its path still
         virtual void changed(Node& node, Vel::StreamAttribute const& attribute) = 0;  // value or pointer
-        // At a key where an entity is, or was, that has its place elsewhere.
+        // At a key where a value is or was, or an entity that has its place elsewhere.
         virtual void memberChanged(Node& node, Vel::StreamAttribute const& collection, std::string const& key) = 0;
     };
 

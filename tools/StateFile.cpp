@@ -25,7 +25,9 @@ using Vel::VelType;
 
 constexpr char blanks[] = " \t";
 
-bool isEntityAttribute(StreamAttribute const& attribute) { return attribute.kind != StreamKind::value; }
+bool isEntityAttribute(StreamAttribute const& attribute) {
+    return attribute.kind == StreamKind::pointer || attribute.holdsEntities();
+}
 
 bool isCreatable(VelType type) {
     return type.isEntity() && type.glue().newEntity && type.glue().stream && type.glue().stream().isCreatable;
@@ -208,9 +210,9 @@ private:
         if (!attribute) fail(noSuchAttribute(entity->fwkType(), name.text), name.offset);
         std::string key;
         if (attribute->isCollection()) {
-            std::size_t const equals = line_.rfind(" = ");  // a path has no blanks
             skipBlanks();
-            if (equals == std::string_view::npos || equals < at_) fail("a key expected, and \" = PATH\"", at_);
+            std::size_t const equals = line_.find(" = ", keyEnd());
+            if (equals == std::string_view::npos) fail("a key expected, and \" = \" behind it", at_);
             key = keyIn(*entity, *attribute, {line_.substr(at_, equals - at_), at_});
             at_ = equals + 1;
         }
@@ -219,9 +221,32 @@ private:
         Word const value = rest();
         if (isEntityAttribute(*attribute))
             references_.push_back({entity, attribute, std::move(key), value, number_, line_});
+        else if (attribute->isCollection())
+            guarded(value.offset, [&] { takeItem(*entity, *attribute, key, value.text); });
         else
             guarded(value.offset,
                 [&] { storedValueIs(*entity, *attribute, GenericValue(attribute->type(), Vel::String(value.text))); });
+    }
+
+    // Where the string ends that begins here; here when none does.
+    std::size_t keyEnd() const {
+        if (at_ == line_.size() || line_[at_] != '\'') return at_;
+        for (std::size_t i = at_ + 1; i < line_.size(); ++i) {
+            if (line_[i] == '\'') return i;
+            if (line_[i] == '\\') ++i;
+        }
+        return at_;
+    }
+
+    static void takeItem(
+        Entity& entity, StreamAttribute const& collection, std::string const& key, std::string_view text) {
+        GenericValue const value(collection.type(), Vel::String(text));
+        std::string const encoding = encodedKey(collection, key);
+        Vel::NboAttrLog::In in({reinterpret_cast<Vel::U8 const*>(encoding.data()), encoding.size()});
+        Vel::NboAttrLog::Out out;
+        value.type().glue().write(out, value.data());
+        Vel::NboAttrLog::In item(out.bytes());
+        collection.applyKey(entity, in, item);
     }
 
     static std::string noSuchAttribute(VelType type, std::string_view name) {

@@ -13,7 +13,7 @@
 //     PATH TYPE 'name'        one whose name is not the last step of its path, since that begins with "@"
 //     PATH ATTRIBUTE = VALUE  a value, as the text of its type
 //     PATH ATTRIBUTE = PATH   a reference to an entity anywhere in the file, or None
-//     PATH COLLECTION KEY = PATH
+//     PATH COLLECTION KEY = PATH, or VALUE
 //
 // Paths are those of EntityText.h. An entity comes before its attributes and what is below it.
 namespace Tool {

@@ -63,6 +63,10 @@ std::vector<std::pair<std::string, std::string>> referencesOf(EntityTree const& 
 void list(Place const& place) {
     Table table;
     for (auto const& [at, node] : place.top().children()) table.add({bold(node->step()), node->type().name()});
+    eachItem(
+        place.top(), [&](StreamAttribute const& collection, std::string const& key, Vel::GenericValue const& item) {
+            table.add({stepText(place.top().type(), collection, key), "= " + item.strep().stdString()});
+        });
     for (auto const& [name, target] : referencesOf(place.tree(), place.top()))
         if (target != "None") table.add({name, "-> " + target});
     print(table.text());
@@ -75,6 +79,10 @@ void listJson(Place const& place) {
         list.add({{"name", node->step()}, {"type", node->type().name()}});
     for (auto const& [name, target] : referencesOf(place.tree(), place.top()))
         if (target != "None") list.add({{"name", name}, {"target", target}});
+    eachItem(
+        place.top(), [&](StreamAttribute const& collection, std::string const& key, Vel::GenericValue const& item) {
+            list.add({{"name", stepText(place.top().type(), collection, key)}, {"value", jsonValue(item)}});
+        });
     list.closeWith("");
     answers.flush();
 }
@@ -129,6 +137,10 @@ private:
             if (attribute.kind == StreamKind::value)
                 texts.push_back(attributeName(node.type(), attribute.id) + " = " +
                                 shortened(storedValue(node.entity(), attribute).strep().stdString(), mostOfValue));
+        eachItem(node, [&](StreamAttribute const& collection, std::string const& key, Vel::GenericValue const& item) {
+            texts.push_back(
+                stepText(node.type(), collection, key) + " = " + shortened(item.strep().stdString(), mostOfValue));
+        });
         for (auto const& [name, target] : referencesOf(place_.tree(), node))
             texts.push_back(name + (target == "None" ? " = None" : " -> " + target));
         for (std::size_t i = 0; i < texts.size(); ++i) {
@@ -156,6 +168,10 @@ Json jsonOf(EntityTree const& tree, Node const& node) {
     eachReference(node, [&](StreamAttribute const& collection, std::string const& key, Entity const& member) {
         members.push_back({{"collection", attributeName(node.type(), collection.id)},
             {"key", jsonValue(keyValue(node.type(), collection, key))}, {"target", referenceJson(tree, &member)}});
+    });
+    eachItem(node, [&](StreamAttribute const& collection, std::string const& key, Vel::GenericValue const& item) {
+        members.push_back({{"collection", attributeName(node.type(), collection.id)},
+            {"key", jsonValue(keyValue(node.type(), collection, key))}, {"value", jsonValue(item)}});
     });
     return {{"path", node.path()}, {"type", node.type().name()}, {"attributes", std::move(attributes)},
         {"members", std::move(members)}};

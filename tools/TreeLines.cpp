@@ -18,20 +18,38 @@ Json referenceJson(EntityTree const& tree, Entity const* target) {
     return node ? Json(node->path()) : Json();
 }
 
+namespace {
+
+template <class F> void eachKey(EntityTree::Node const& node, StreamAttribute const& collection, F const& f) {
+    std::unique_ptr<Vel::NboAttrLog::Bookmark> const keys(collection.bookmark(node.entity()));
+    Vel::NboAttrLog::Out out;
+    while (keys->left() != 0) {
+        out.clear();
+        keys->next(out);
+        f(keyFromEncoding(collection, {reinterpret_cast<char const*>(out.data()), out.size()}));
+    }
+}
+
+}  // namespace
+
 void eachReference(
     EntityTree::Node const& node, std::function<void(StreamAttribute const&, std::string const&, Entity&)> const& f) {
     for (StreamAttribute const& collection : node.table().attributes) {
-        if (!collection.isCollection()) continue;
-        std::unique_ptr<Vel::NboAttrLog::Bookmark> const keys(collection.bookmark(node.entity()));
-        Vel::NboAttrLog::Out out;
-        while (keys->left() != 0) {
-            out.clear();
-            keys->next(out);
-            std::string const key =
-                keyFromEncoding(collection, {reinterpret_cast<char const*>(out.data()), out.size()});
-            if (node.children().contains({&collection, key})) continue;
+        if (!collection.holdsEntities()) continue;
+        eachKey(node, collection, [&](std::string const& key) {
+            if (node.children().contains({&collection, key})) return;
             if (Entity* const member = memberOf(node.entity(), collection, key)) f(collection, key, *member);
-        }
+        });
+    }
+}
+
+void eachItem(EntityTree::Node const& node,
+    std::function<void(StreamAttribute const&, std::string const&, Vel::GenericValue const&)> const& f) {
+    for (StreamAttribute const& collection : node.table().attributes) {
+        if (collection.kind != StreamKind::values) continue;
+        eachKey(node, collection, [&](std::string const& key) {
+            if (auto const item = storedItem(node.entity(), collection, key)) f(collection, key, *item);
+        });
     }
 }
 
@@ -62,6 +80,9 @@ void TreeLines::whole(EntityTree const& tree, Node const& node, bool isNew) {
     eachReference(node, [&](StreamAttribute const& collection, std::string const& key, Entity&) {
         member(tree, node, collection, key);
     });
+    eachItem(node, [&](StreamAttribute const& collection, std::string const& key, Vel::GenericValue const&) {
+        member(tree, node, collection, key);
+    });
 }
 
 void TreeLines::attribute(EntityTree const& tree, Node const& node, StreamAttribute const& attribute) {
@@ -84,13 +105,19 @@ void TreeLines::member(
     EntityTree const& tree, Node const& node, StreamAttribute const& collection, std::string const& key) {
     if (node.children().contains({&collection, key})) return;
     std::string const name = attributeName(node.type(), collection.id);
-    Entity const* const member = memberOf(node.entity(), collection, key);
     Vel::GenericValue const value = keyValue(node.type(), collection, key);
+    bool const holdsValues = collection.kind == StreamKind::values;
+    Entity const* const member = holdsValues ? nullptr : memberOf(node.entity(), collection, key);
+    auto const item = holdsValues ? storedItem(node.entity(), collection, key) : std::nullopt;
     if (json_)
         return add({{"event", "member"}, {"path", node.path()}, {"collection", name}, {"key", jsonValue(value)},
-            {"target", referenceJson(tree, member)}});
+            {holdsValues ? "value" : "target", item          ? jsonValue(*item)
+                                               : holdsValues ? Json()
+                                                             : referenceJson(tree, member)}});
     std::string const at = node.path() + " " + name + " " + value.strep().stdString();
-    if (member)
+    if (item)
+        add("", at + " = " + item->strep().stdString());
+    else if (member)
         add("", at + " = " + referenceText(tree, member));
     else
         add("- ", at);

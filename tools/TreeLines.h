@@ -19,7 +19,7 @@ public:
     void whole(EntityTree const& tree, Node const& node, bool isNew);
     // REQUIRES: a value or a pointer.
     void attribute(EntityTree const& tree, Node const& node, Vel::StreamAttribute const& attribute);
-    // What a collection has at the key, unless it is in the tree at that very place.
+    // What a collection has at the key, unless that is an entity in the tree at that very place.
     void member(
         EntityTree const& tree, Node const& node, Vel::StreamAttribute const& collection, std::string const& key);
     void gone(Node const& node);
@@ -45,5 +45,9 @@ Json referenceJson(EntityTree const& tree, Vel::Entity const* target);
 // Calls f(collection, key, member) for the members of the node's collections that have their place elsewhere.
 void eachReference(EntityTree::Node const& node,
     std::function<void(Vel::StreamAttribute const&, std::string const&, Vel::Entity&)> const& f);
+
+// The same for the values in the node's collections of values.
+void eachItem(EntityTree::Node const& node,
+    std::function<void(Vel::StreamAttribute const&, std::string const&, Vel::GenericValue const&)> const& f);
 
 }  // namespace Tool

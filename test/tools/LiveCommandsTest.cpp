@@ -305,6 +305,7 @@ std::string const tanks = "/ Vel::Dir\n"
                           "/a most = 7\n"
                           "/a overflow = /b\n"
                           "/a inlet 5 = /b\n"
+                          "/a note 'x \\' = y' = 8\n"
                           "/a/@inlet[1] Test::Tank 'inner'\n"
                           "/a/@inlet[1] level = Value('Test::Level', ** {'litres': 0.0, 'measured': False})\n"
                           "/a/@inlet[1] most = 0\n"
@@ -317,7 +318,9 @@ std::string const tanks = "/ Vel::Dir\n"
 TEST_F(MoxLiveTest, KnowsTheTypesOfALibrary) {
     serve(tanks, {"--module", TANK_LIBRARY, "--writable"});
     EXPECT_EQ(answer("tree", {"--state", "--module", TANK_LIBRARY}), tanks);
-    EXPECT_EQ(answer("ls", {"/a", "--module", TANK_LIBRARY}), "@overflow  Test::Tank\n@inlet[1]  Test::Tank\n");
+    EXPECT_EQ(answer("ls", {"/a", "--module", TANK_LIBRARY}), "@overflow                Test::Tank\n"
+                                                              "@inlet[1]                Test::Tank\n"
+                                                              "@note['x%20\\'%20=%20y']  = 8\n");
     EXPECT_EQ(answer("get", {"/a/@inlet[1]", "overflow", "--module", TANK_LIBRARY}), "/a\n");
     EXPECT_EQ(json::parse(answer("get", {"/a", "level", "--json", "--module", TANK_LIBRARY}))["value"],
         json::parse(R"({"litres": 1.5, "measured": true})"));

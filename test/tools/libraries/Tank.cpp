@@ -64,17 +64,33 @@ public:
             Vel::attribute<&T::most_, &T::most, &T::mostIs>("most"),
             Vel::attribute<&T::overflow_, &T::overflow, &T::overflowIs>("overflow"),
             Vel::references<&T::inletMembers>(Vel::collection<Vel::U32, Vel::Ptr<Tank>, &T::inlet, &T::inletIs,
-                &T::inletDel, &T::inlets, &T::inletChangeCounter, &T::inletExists>("inlet")));
+                &T::inletDel, &T::inlets, &T::inletChangeCounter, &T::inletExists>("inlet")),
+            Vel::values<&T::notes_>(Vel::collection<Vel::String, Vel::U32, &T::note, &T::noteIs, &T::noteDel, Vel::none,
+                Vel::none, &T::noteExists>("note")));
     }
-    static constexpr Vel::AttributeId inletAttribute = 261;
+    static constexpr Vel::AttributeId inletAttribute = 261, noteAttribute = 262;
+
+    Vel::U32 note(Vel::String const& key) const {
+        auto const found = notes_.find(key);
+        return found == notes_.end() ? 0 : found->second;
+    }
+    void noteIs(Vel::String const& key, Vel::U32 v) {
+        notes_[key] = v;
+        velNotify(noteAttribute, key);
+    }
+    void noteDel(Vel::String const& key) {
+        if (notes_.erase(key) != 0) velNotify(noteAttribute, key);
+    }
+    bool noteExists(Vel::String const& key) const { return notes_.contains(key); }
 
 private:
     Level level_;
     Vel::U32 most_ = 0;
     Vel::Ptr<Tank> overflow_;
     std::map<Vel::U32, Vel::Ptr<Tank>> inlets_;
+    std::map<Vel::String, Vel::U32> notes_;
 };
 
 }  // namespace Test
 
-VEL_MODULE(Tank, 2e7fccbcdf405f4a, Test::Level, Test::Tank);
+VEL_MODULE(Tank, 7584f8257efc745d, Test::Level, Test::Tank);
