@@ -125,6 +125,7 @@ public:
     explicit Child(std::function<void(int socket)> const& work) {
         int both[2] = {-1, -1};
         EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, both), 0);
+        std::fflush(nullptr);  // once, not by the child too
         id_ = ::fork();
         if (id_ == 0) {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);

@@ -55,6 +55,17 @@ TEST_F(ServerPeersTest, AUserWhoIsNotAmongThoseNamedIsRefused) {
     EXPECT_EQ(server.status()->error(), "nobody: user nobody may not connect");
 }
 
+TEST_F(ServerPeersTest, TheOwnUserIsRefusedWhenOthersAreNamed) {
+    Server::Options options;
+    options.peer.users = {"54321"};
+    Server server(loop, served, options);
+    server.listen(address());
+    Client client(loop, address(), here, "copy", quick());
+    ASSERT_TRUE(until([&] { return !client.error().empty() || client.state() == Client::State::synced; }));
+    EXPECT_NE(client.error().view().find(": refused: user "), std::string_view::npos) << client.error();
+    EXPECT_FALSE(here->entry("copy"));
+}
+
 TEST_F(ServerPeersTest, AUserWhoIsNamedIsServed) {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can be another user";
     everybodyReachesTheFolder();
