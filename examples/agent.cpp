@@ -35,10 +35,13 @@ int main(int argc, char** argv) {
             if (state == Mount::Client::State::stale) tell("the database is away");
             if (state != Mount::Client::State::synced) return;
             tell("mounted");
-            auto const status = Vel::globalDir()->entity(Cell::path("redundancy/status", 0));
+            auto const status = database.replica().root()->entity(Cell::path("redundancy/status", 0));
             observer = status ? Vel::notifieeOf(*status, [&](Vel::AttributeId) { tell("a change"); }) : nullptr;
         });
-        database.onErrorIs([](Vel::String const& error) { std::cerr << "agent: " << error << '\n'; });
+        database.onErrorIs([last = Vel::String()](Vel::String const& error) mutable {
+            if (error != last) std::cerr << "agent: " << error << '\n';
+            last = error;
+        });
         loop.run();
     } catch (Vel::Exception const& error) {
         std::cerr << "agent: " << error.what() << '\n';

@@ -41,7 +41,11 @@ template <class Work> void Connection::run(Work work) {
     if (phase_ == Phase::ended) return;
     auto const self = shared_from_this();
     bool const wasBusy = std::exchange(isBusy_, true);
-    if (!isToEnd_) work();
+    try {
+        if (!isToEnd_) work();
+    } catch (std::exception const& error) {  // of an observer, or no memory: nothing can be told to whoever waits
+        endLater(error.what());
+    }
     isBusy_ = wasBusy;
     if (isBusy_) return;
     if (isToEnd_)
@@ -255,7 +259,11 @@ void Connection::end() {
         peer_->wakeIs(nullptr);
         bool const hasError = peer_->isClosing() && !peer_->error().empty();
         if (hasError) reason_ = peer_->error();
-        peer_->closed(reason_);
+        try {
+            peer_->closed(reason_);
+        } catch (std::exception const& error) {  // of somebody who was told; what follows has to happen all the same
+            reason_ = error.what();
+        }
     }
     ready_ = nullptr;
     if (auto const ended = std::exchange(ended_, nullptr)) ended(*this, reason_);

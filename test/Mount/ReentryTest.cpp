@@ -285,6 +285,26 @@ TEST_F(ReentryTest, AnObserverThatThrowsEndsTheConnectionOnly) {
     EXPECT_TRUE(client->sync(enough)) << "and it is made again";
 }
 
+TEST_F(ReentryTest, AStateThatIsToldMayThrowAndTheClientGoesOn) {
+    for (State const when : {State::syncing, State::synced, State::stale}) {
+        server.emplace(loop, served);
+        server->listen(address());
+        Client one(loop, address(), Dir::newEntity("there"), "copy", quick());
+        int thrown = 0;
+        one.onStateIs([&](State state) {
+            if (state == when && ++thrown == 1) throw Vel::Exception("no such state");
+        });
+        if (when == State::stale) {
+            ASSERT_TRUE(one.sync(enough)) << one.error();
+            server.reset();
+            server.emplace(loop, served);
+            server->listen(address());
+        }
+        ASSERT_TRUE(until([&] { return thrown >= 1 && one.state() == State::synced; })) << one.error();
+        server.reset();
+    }
+}
+
 TEST_F(ReentryTest, ALoopMayEndBeforeTheConnectionsAreDoneWith) {
     for (int round = 0; round < 5; ++round) {
         auto own = std::make_unique<Loop>();
