@@ -13,7 +13,8 @@ namespace Mount {
 // out by themselves while the loop runs.
 //
 // A reader that does not keep up gets less often told, with the values at that time; nothing grows meanwhile. Who must not
-// wait for that, and changes values faster than they can be sent, asks backlog() and runs the loop while it is high.
+// wait for that, and changes values faster than they can be sent, asks backlog() and runs the loop while it is high, but
+// not for ever: a reader that takes nothing keeps it high until that has fallen behind by the whole log.
 // Threads: the one that runs the loop.
 class VEL_API Server {
 public:

@@ -71,21 +71,19 @@ void Connection::close(String const& reason) {
 
 // --- work ---
 
+// Whether the channel can't go on before something comes, and what.
+bool Connection::hasToWait(Channel::Outcome outcome, Awaits& awaits) {
+    awaits = outcome.result == Channel::Result::wantsRead    ? Awaits::toRead
+             : outcome.result == Channel::Result::wantsWrite ? Awaits::toWrite
+                                                             : Awaits::nothing;
+    return awaits != Awaits::nothing;
+}
+
 void Connection::handshake() {
-    switch (auto const outcome = channel_->handshake(); outcome.result) {
-    case Channel::Result::wantsRead:
-        receiveAwaits_ = Awaits::toRead;
-        return;
-    case Channel::Result::wantsWrite:
-        receiveAwaits_ = Awaits::toWrite;
-        return;
-    case Channel::Result::end:
-        return endLater("the other side has left before anything was said");
-    case Channel::Result::failed:
-        return endLater(channel_->error());
-    case Channel::Result::done:
-        break;
-    }
+    auto const outcome = channel_->handshake();
+    if (hasToWait(outcome, receiveAwaits_)) return;
+    if (outcome.result == Channel::Result::end) return endLater("the other side has left before anything was said");
+    if (outcome.result == Channel::Result::failed) return endLater(channel_->error());
     phase_ = Phase::carrying;
     peer_ = &ready_(*this);
     messagesBefore_ = peer_->messagesIn();
@@ -106,21 +104,11 @@ void Connection::receive() {
             return wake();
         }
         auto const outcome = channel_->receive(buffer.bytes());
-        switch (outcome.result) {
-        case Channel::Result::wantsRead:
-            receiveAwaits_ = Awaits::toRead;
-            return;
-        case Channel::Result::wantsWrite:
-            receiveAwaits_ = Awaits::toWrite;
-            return;
-        case Channel::Result::end:
-            if (phase_ == Phase::carrying && peer_->inputHeld() != 0)
-                return endLater("the connection was cut in the middle of a message");
-            return endLater(peer_->error());
-        case Channel::Result::failed:
-            return endLater(channel_->error());
-        case Channel::Result::done:
-            break;
+        if (hasToWait(outcome, receiveAwaits_)) return;
+        if (outcome.result == Channel::Result::failed) return endLater(channel_->error());
+        if (outcome.result == Channel::Result::end) {
+            bool const isCut = phase_ == Phase::carrying && peer_->inputHeld() != 0;
+            return endLater(isCut ? String("the connection was cut in the middle of a message") : peer_->error());
         }
         received += outcome.bytes;
         bytesIn_ += outcome.bytes;
@@ -143,21 +131,11 @@ void Connection::send() {
             }
         }
         auto const outcome = channel_->send(outgoing_);
-        switch (outcome.result) {
-        case Channel::Result::wantsRead:
-            sendAwaits_ = Awaits::toRead;
-            return;
-        case Channel::Result::wantsWrite:
-            sendAwaits_ = Awaits::toWrite;
-            return;
-        case Channel::Result::end:
-        case Channel::Result::failed: {
+        if (hasToWait(outcome, sendAwaits_)) return;
+        if (outcome.result != Channel::Result::done) {
             // What the other side has said last tells why better than that it does not listen.
             if (phase_ == Phase::carrying && !isReceiving_) receive();
             return endLater(channel_->error());
-        }
-        case Channel::Result::done:
-            break;
         }
         sent += outcome.bytes;
         bytesOut_ += outcome.bytes;

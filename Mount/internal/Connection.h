@@ -45,6 +45,7 @@ private:
     using Clock = std::chrono::steady_clock;
 
     template <class Work> void run(Work work);
+    static bool hasToWait(Channel::Outcome outcome, Awaits& awaits);
     void handshake();
     void receive();
     void send();
