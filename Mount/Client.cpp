@@ -254,8 +254,8 @@ void Client::Impl::scheduleStatus() {
     statusTimer_.async_wait([weak = weak_from_this()](std::error_code const& error) {
         auto const self = weak.lock();
         if (error || !self || self->isClosed_) return;
+        self->scheduleStatus();  // first, since observers may throw
         self->updateStatus();
-        self->scheduleStatus();
     });
 }
 

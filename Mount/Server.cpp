@@ -207,9 +207,9 @@ void Server::Impl::scheduleStatus() {
     timer_.async_wait([weak = weak_from_this()](std::error_code const& error) {
         auto const self = weak.lock();
         if (error || !self || self->isClosed_) return;
+        self->scheduleStatus();  // first, since observers may throw
         self->server_.checkPaths();
         self->updateStatus();
-        self->scheduleStatus();
     });
 }
 
