@@ -1,6 +1,7 @@
 #include "Mount/Client.h"
 
 #include "Mount/internal/Connection.h"
+#include "Mount/internal/Destroy.h"
 #include "Mount/internal/Socket.h"
 
 #include "Vel/Exception.h"
@@ -281,7 +282,9 @@ Client::Client(Loop& loop, Address const& address, Vel::Ptr<Vel::Entity> root, O
     : impl_(std::make_shared<Impl>(loop, address, std::move(options), std::move(root))) {
     impl_->start();
 }
-Client::~Client() { impl_->close(); }
+Client::~Client() {
+    destroy(impl_->loop(), [&] { impl_->close(); });
+}
 
 bool Client::sync(Loop::Duration time) {
     auto const impl = impl_;

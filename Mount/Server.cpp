@@ -1,6 +1,7 @@
 #include "Mount/Server.h"
 
 #include "Mount/internal/Connection.h"
+#include "Mount/internal/Destroy.h"
 #include "Mount/internal/Listener.h"
 
 #include "Vel/Exception.h"
@@ -41,6 +42,7 @@ public:
     void start() { scheduleStatus(); }
     void close();
 
+    Loop& loop() { return loop_; }
     std::size_t connections() const { return connections_.size(); }
     std::size_t backlog() const { return server_.backlog(); }
     Vel::Ptr<ServerStatus> const& status() const { return status_; }
@@ -238,7 +240,9 @@ Server::Server(Loop& loop, Vel::Ptr<Vel::Entity> root, Options options)
     : impl_(std::make_shared<Impl>(loop, std::move(root), std::move(options))) {
     impl_->start();
 }
-Server::~Server() { impl_->close(); }
+Server::~Server() {
+    destroy(impl_->loop(), [&] { impl_->close(); });
+}
 
 Address Server::listen(Address const& address) {
     auto const impl = impl_;  // whatever observers of the status do

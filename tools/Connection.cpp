@@ -110,6 +110,11 @@ std::string withAddress(LiveOptions const& options, std::string const& error) {
 
 // --- connections ---
 
+Vel::Ptr<Vel::Dir> placeForCopy() {
+    static auto& places = *new std::vector<Vel::Ptr<Vel::Dir>>;
+    return places.emplace_back(Vel::Dir::newEntity(""));
+}
+
 Connection::Connection(LiveOptions const& options, std::string const& path, bool wantsToWrite) : options_(options) {
     Mount::ClientOptions client;
     client.path = Vel::String(path);

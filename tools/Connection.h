@@ -24,6 +24,10 @@ std::string adviceFor(std::string_view error);
 // The error, behind the address unless that is its beginning anyway.
 std::string withAddress(LiveOptions const& options, std::string const& error);
 
+// A directory for a copy, which is left to the end of the process: taking a large copy apart takes as long as it took to
+// make it, and entities that refer to each other in a circle would stay anyway.
+Vel::Ptr<Vel::Dir> placeForCopy();
+
 // A copy of what is at a path of a server, made for a command that asks once.
 class Connection {
 public:
@@ -40,7 +44,7 @@ public:
 private:
     LiveOptions const& options_;
     Mount::Loop loop_;
-    Vel::Ptr<Vel::Dir> place_ = Vel::Dir::newEntity("");
+    Vel::Ptr<Vel::Dir> place_ = placeForCopy();
     std::string error_;
     std::optional<Mount::Client> client_;
 };

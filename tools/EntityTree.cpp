@@ -8,7 +8,6 @@ using Vel::AttributeId;
 using Vel::Entity;
 using Vel::StreamAttribute;
 using Vel::StreamKind;
-using Vel::StreamTable;
 
 using Node = EntityTree::Node;
 

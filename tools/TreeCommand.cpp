@@ -142,7 +142,7 @@ private:
                 stepText(node.type(), collection, key) + " = " + shortened(item.strep().stdString(), mostOfValue));
         });
         for (auto const& [name, target] : referencesOf(place_.tree(), node))
-            texts.push_back(name + (target == "None" ? " = None" : " -> " + target));
+            texts.emplace_back(name).append(target == "None" ? " = " : " -> ").append(target);
         for (std::size_t i = 0; i < texts.size(); ++i) {
             bool const isLast = endsHere && i + 1 == texts.size();
             answers_.add(indent_ + (isLast ? signs_.lastBranch : signs_.branch) + texts[i] + "\n");

@@ -184,7 +184,7 @@ private:
     Answers answers_{std::numeric_limits<std::size_t>::max()};  // never flushed in the middle of a change
     TreeLines lines_;
     Mount::Loop loop_;
-    Vel::Ptr<Vel::Dir> place_ = Vel::Dir::newEntity("");
+    Vel::Ptr<Vel::Dir> place_ = placeForCopy();
     std::optional<EntityTree> tree_;
     std::optional<Mount::Client> client_;
     // Entities that have come since the last batch; they are told of with the values that they have at its end.

@@ -10,8 +10,6 @@
 
 namespace Mount {
 
-using Vel::format;
-
 namespace {
 
 constexpr std::size_t maxText = 200;  // bytes of the other side's in one text

@@ -305,6 +305,18 @@ TEST_F(ReentryTest, AStateThatIsToldMayThrowAndTheClientGoesOn) {
     }
 }
 
+TEST_F(ReentryTest, WhatAnObserverThrowsWhileAServerGoesComesOutOfTheLoop) {
+    mount();
+    bool throws = true;
+    observe(*server->status(), [&] {
+        if (std::exchange(throws, false)) throw Vel::RangeException("not now");
+    });
+    server.reset();
+    EXPECT_FALSE(throws);
+    EXPECT_THROW(loop.poll(), Vel::RangeException);
+    EXPECT_TRUE(until([&] { return client->state() == State::stale; })) << "and the client is told";
+}
+
 TEST_F(ReentryTest, ALoopMayEndBeforeTheConnectionsAreDoneWith) {
     for (int round = 0; round < 5; ++round) {
         auto own = std::make_unique<Loop>();
