@@ -34,14 +34,15 @@ public:
     void drop(Position before);
 
     // Calls rest(bytes) for what is left of the message that `from` stands in, if it stands in one, then
-    // message(bytes) for each whole message up to the head, with its length.
+    // message(bytes) for each whole message up to the head: its kind and body.
     template <class Rest, class Message> void scan(Position from, Rest rest, Message message) const {
         for (U64 c = from.chunk; c < firstChunk_ + chunks_.size(); ++c) {
             auto const bytes = chunks_[c - firstChunk_]->bytes();
             for (std::size_t at = 0; at < bytes.size();) {
-                std::size_t const size = 4 + load<U32>(bytes.data() + at);
+                MessageLength const head = messageLength(bytes.subspan(at));
+                std::size_t const size = head.size + head.length;
                 if (c > from.chunk || at >= from.offset)
-                    message(bytes.subspan(at, size));
+                    message(bytes.subspan(at + head.size, head.length));
                 else if (at + size > from.offset)
                     rest(bytes.subspan(from.offset, at + size - from.offset));
                 at += size;

@@ -6,8 +6,11 @@
 
 namespace Vel {
 
+using NboAttrLog::Compact;
+using NboAttrLog::compactSize;
 using NboAttrLog::In;
 using NboAttrLog::MessageKind;
+using NboAttrLog::nextCompact;
 
 AttrLogReader::AttrLogReader(Finder finder, StreamLimits const& limits, bool mayWrite)
     : StreamPeer(limits), FlowConnection(nullptr), finder_(std::move(finder)), mayWrite_(mayWrite) {}
@@ -41,8 +44,8 @@ void AttrLogReader::handleMessage(MessageKind kind, In& body) {
     if (kind == MessageKind::hello && !source_) return hello(body);
     if (kind != MessageKind::write || !source_)
         throw StreamException(format("a reader sends no message of kind %u now", static_cast<unsigned>(kind)), 0);
-    EntityId const id = body.nextU32();
-    AttributeId const attribute = body.nextU32();
+    EntityId const id = nextCompact(body);
+    AttributeId const attribute = nextCompact(body);
     Entity::VelNboAttrLogSa* const adapter = source_->adapter(id);
     if (!adapter) return;  // gone, and the reader has not heard of it yet
     AttrLogSource::Write const write(*source_, mayWrite_);
@@ -184,7 +187,7 @@ void AttrLogReader::catchUp() {
         if (slot != NboAttrLog::SlotSet::none) {
             announce(*source_->adapterAt(slot), {});
         } else if (!gone_.empty()) {
-            out_.begin(MessageKind::gone, 4) << gone_.back();
+            out_.begin(MessageKind::gone, compactSize(gone_.back())) << Compact{gone_.back()};
             out_.commit();
             gone_.pop_back();
         } else {
@@ -234,8 +237,9 @@ void AttrLogReader::toldToCatchUp() {
             position_, [](std::span<U8 const>) {}, f);
     };
     eachUnread([&](std::span<U8 const> message) {
-        if (static_cast<MessageKind>(message[4]) != MessageKind::announce) return;
-        EntityId const id = NboAttrLog::load<U32>(message.data() + NboAttrLog::messageHeaderSize);
+        if (static_cast<MessageKind>(message[0]) != MessageKind::announce) return;
+        In in(message.subspan(1));
+        EntityId const id = nextCompact(in);
         announced.insert(id);
         if (auto* const adapter = source_->adapter(id)) unannounce(*adapter);
     });
@@ -246,21 +250,21 @@ void AttrLogReader::toldToCatchUp() {
 
 // Flags what a message says that the reader has not read.
 void AttrLogReader::flagMessage(std::span<U8 const> message, std::unordered_set<EntityId> const& announced) {
-    In in(message.subspan(NboAttrLog::messageHeaderSize));
-    auto const kind = static_cast<MessageKind>(message[4]);
-    U32 id = in.nextU32();
+    In in(message.subspan(1));
+    auto const kind = static_cast<MessageKind>(message[0]);
+    U32 id = nextCompact(in);
     if (kind == MessageKind::type) return typeIsTold(id, false);
     if (kind == MessageKind::gone) {
         if (!announced.contains(id)) goneIs(id);
         return;
     }
     if (kind == MessageKind::announce) {
-        in.nextU32();
-        id = in.nextU32();  // the one whose collection it came with
+        nextCompact(in);
+        id = nextCompact(in);  // the one whose collection it came with
         if (id == 0) return;
     }
     auto* const adapter = source_->adapter(id);
-    StreamAttribute const* const attribute = adapter ? adapter->table().find(in.nextU32()) : nullptr;
+    StreamAttribute const* const attribute = adapter ? adapter->table().find(nextCompact(in)) : nullptr;
     if (!attribute) return;
     if (!attribute->isCollection()) {
         if (kind != MessageKind::announce)
@@ -272,7 +276,7 @@ void AttrLogReader::flagMessage(std::span<U8 const> message, std::unordered_set<
     std::string_view const view(reinterpret_cast<char const*>(key), static_cast<std::size_t>(in.data() - key));
     // What moved into the collection is not there yet, also where the collection is new and will be sent as a whole.
     if (kind == MessageKind::keySet && attribute->kind == StreamKind::instances)
-        if (auto* const member = source_->adapter(in.nextU32())) notInstantiated(*member);
+        if (auto* const member = source_->adapter(nextCompact(in))) notInstantiated(*member);
     source_->changeCounted(
         !adapter->flowOutOnAttributeForConnection(*this, *attribute, view, kind != MessageKind::keyDel, nullptr));
 }

@@ -6,9 +6,12 @@
 
 namespace Vel {
 
+using NboAttrLog::Compact;
+using NboAttrLog::compactSize;
 using NboAttrLog::ensureCorrectType;
 using NboAttrLog::In;
 using NboAttrLog::MessageKind;
+using NboAttrLog::nextCompact;
 using NboAttrLog::Out;
 
 struct AttrLogReplica::Place {
@@ -117,7 +120,7 @@ void AttrLogReplica::handleMessage(MessageKind kind, In& body) {
 }
 
 void AttrLogReplica::type(In& body) {
-    U32 const index = body.nextU32();
+    U32 const index = nextCompact(body);
     String const name = body.nextString();
     String const module = body.nextString();
     U64 const fingerprint = body.nextU64();
@@ -146,8 +149,8 @@ AttrLogReplica::Known& AttrLogReplica::known(EntityId id) {
 }
 
 void AttrLogReplica::value(In& body) {
-    Known const& target = known(body.nextU32());
-    AttributeId const id = body.nextU32();
+    Known const& target = known(nextCompact(body));
+    AttributeId const id = nextCompact(body);
     StreamAttribute const* const attribute = target.table->find(id);
     if (!attribute || attribute->isCollection())
         throw StreamException(format("%s has no value or pointer %u", target.entity->fwkType().name(), id), 0);
@@ -163,10 +166,10 @@ void AttrLogReplica::value(In& body) {
 // An entity's collection, and the key, which the message goes on behind.
 AttrLogReplica::Place AttrLogReplica::place(In& body) {
     Place place;
-    place.id = body.nextU32();
+    place.id = nextCompact(body);
     Known const& owner = known(place.id);
     place.entity = owner.entity;
-    AttributeId const id = body.nextU32();
+    AttributeId const id = nextCompact(body);
     place.attribute = owner.table->find(id);
     if (!place.attribute || place.attribute->kind == StreamKind::value)
         throw StreamException(format("%s has no references at %u", place.entity->fwkType().name(), id), 0);
@@ -178,16 +181,16 @@ AttrLogReplica::Place AttrLogReplica::place(In& body) {
 }
 
 void AttrLogReplica::announce(In& body) {
-    EntityId const id = body.nextU32();
-    auto const found = types_.find(body.nextU32());
+    EntityId const id = nextCompact(body);
+    auto const found = types_.find(nextCompact(body));
     if (id == 0 || known_.contains(id)) throw StreamException(format("entity %u can't be announced", id), 0);
     if (found == types_.end()) throw StreamException("an entity of a type that was not told of", 0);
     if (known_.size() >= limits().entities) throw StreamException("the source has too many entities", 0);
     VelType const type = found->second;
     StreamTable const& table = type.glue().stream();
     Place place;
-    if (In ahead = body; ahead.nextU32() == 0)
-        body.nextU32();
+    if (In ahead = body; nextCompact(ahead) == 0)
+        nextCompact(body);
     else
         place = this->place(body);
     bool const instantiated = place.attribute && place.attribute->kind == StreamKind::instances;
@@ -290,7 +293,7 @@ void AttrLogReplica::keySet(In& body) {
     Place const place = this->place(body);
     if (!place.attribute->isCollection()) throw StreamException("a key of what is no collection", 0);
     if (place.attribute->kind == StreamKind::values) return keyValue(place, body);
-    Ptr<Entity> const member = known(body.nextU32()).entity;
+    Ptr<Entity> const member = known(nextCompact(body)).entity;
     needEnd(body);
     ensureCorrectType(member->fwkType(), place.attribute->type());
     Entity* const there = place.there();
@@ -378,7 +381,7 @@ void AttrLogReplica::valueDel(Place const& place) {
 }
 
 void AttrLogReplica::gone(In& body) {
-    EntityId const id = body.nextU32();
+    EntityId const id = nextCompact(body);
     needEnd(body);
     if (id == rootId) throw StreamException("the root can't go", 0);
     Ptr<Entity> const entity = known(id).entity;
@@ -414,8 +417,10 @@ void AttrLogReplica::write(Entity const& entity, AttributeId id, VelType type, v
     if (!attribute || attribute->kind != StreamKind::value)
         throwRangeException(format("%s has no value %u that its source sends", entity.path().charPtr(), id));
     if (type != attribute->type()) GenericIfImpl::throwTypeException(type);
-    sendControl(MessageKind::write, 8 + type.glue().attrLogSize(value), [&](Out& out) {
-        out << found->second << id;
+    EntityId const target = found->second;
+    std::size_t const size = compactSize(target) + compactSize(id) + type.glue().attrLogSize(value);
+    sendControl(MessageKind::write, size, [&](Out& out) {
+        out << Compact{target} << Compact{id};
         type.glue().write(out, value);
     });
 }

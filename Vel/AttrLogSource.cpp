@@ -108,7 +108,7 @@ void AttrLogSource::liveIsWritten() {
 
 void AttrLogSource::entityHasGone(EntityId id, FlowConnection& connection) {
     if (&connection == &live_) {
-        log_.begin(MessageKind::gone, 4) << id;
+        log_.begin(MessageKind::gone, NboAttrLog::compactSize(id)) << NboAttrLog::Compact{id};
         log_.commit();
     } else {
         static_cast<AttrLogReader&>(connection).goneIs(id);

@@ -16,6 +16,14 @@ void put(Out& out, std::string_view bytes) {
     if (!bytes.empty()) std::memcpy(out.append(bytes.size()), bytes.data(), bytes.size());
 }
 
+std::size_t placeSize(Adapter const& adapter, StreamAttribute const& attribute) {  // without the key
+    return compactSize(adapter.id()) + compactSize(attribute.id);
+}
+void putPlace(Out& out, Adapter const& adapter, StreamAttribute const& attribute, std::string_view key) {
+    out << Compact{adapter.id()} << Compact{attribute.id};
+    put(out, key);
+}
+
 }  // namespace
 
 U32 SlotSet::firstNotIn(SlotSet const& other) const {
@@ -103,11 +111,14 @@ void FlowConnection::announce(Adapter& adapter, Via const& via) {
     bool const instantiated = via.attribute && via.attribute->kind == StreamKind::instances;
     bool const tellsName = adapter.table().takesName && !(instantiated && type == via.attribute->type());
     String const name = tellsName ? adapter.entity().name() : String();
-    std::size_t const size = 12 + (via.parent ? 4 + via.key.size() : 0) + (tellsName ? 4 + name.length() : 0);
+    EntityId const parent = via.parent ? via.parent->id() : 0;
+    std::size_t const size = compactSize(adapter.id()) + compactSize(index) + compactSize(parent) +
+                             (via.parent ? compactSize(via.attribute->id) + via.key.size() : 0) +
+                             (tellsName ? 4 + name.length() : 0);
     Out& out = nboAttrLogOut().begin(MessageKind::announce, size);
-    out << adapter.id() << index << (via.parent ? via.parent->id() : 0u);
+    out << Compact{adapter.id()} << Compact{index} << Compact{parent};
     if (via.parent) {
-        out << via.attribute->id;
+        out << Compact{via.attribute->id};
         put(out, via.key);
     }
     if (tellsName) out << name;
@@ -156,18 +167,17 @@ void FlowConnection::sendKey(Adapter& adapter, StreamAttribute const& attribute,
     } else if (instances && isNew && isInstantiatedBy(*member, adapter)) {
         return;
     }
-    Out& out = nboAttrLogOut().begin(MessageKind::keySet, 8 + key.size() + 4);
-    out << adapter.id() << attribute.id;
-    put(out, key);
-    out << member->id();
+    std::size_t const size = placeSize(adapter, attribute) + key.size() + compactSize(member->id());
+    Out& out = nboAttrLogOut().begin(MessageKind::keySet, size);
+    putPlace(out, adapter, attribute, key);
+    out << Compact{member->id()};
     Impl::outSmCommitMessage(nboAttrLogOut());
     if (instances) instantiatedIs(*member, adapter);
 }
 
 void FlowConnection::sendKeyDel(Adapter& adapter, StreamAttribute const& attribute, std::string_view key) {
-    Out& out = nboAttrLogOut().begin(MessageKind::keyDel, 8 + key.size());
-    out << adapter.id() << attribute.id;
-    put(out, key);
+    Out& out = nboAttrLogOut().begin(MessageKind::keyDel, placeSize(adapter, attribute) + key.size());
+    putPlace(out, adapter, attribute, key);
     Impl::outSmCommitMessage(nboAttrLogOut());
 }
 
@@ -195,8 +205,8 @@ void FlowConnection::tellType(U32 index) {
     typeIsNeeded(type);
     String const name = type.name();
     String const module = type.moduleName();
-    Out& out = nboAttrLogOut().begin(MessageKind::type, 20 + name.length() + module.length());
-    out << index << name << module << type.moduleFingerprint();
+    Out& out = nboAttrLogOut().begin(MessageKind::type, compactSize(index) + 16 + name.length() + module.length());
+    out << Compact{index} << name << module << type.moduleFingerprint();
     Impl::outSmCommitMessage(nboAttrLogOut());
     typeIsTold(index, true);
 }

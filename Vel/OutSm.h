@@ -2,8 +2,66 @@
 
 #include "Vel/NboAttrLog.h"
 
-// Messages of an attribute log: a 4-byte length of what follows, a kind, a body of items. See docs/streaming.md.
+// Messages of an attribute log: a length of what follows, a kind, a body of compact numbers and items. See
+// docs/streaming.md.
 namespace Vel::NboAttrLog {
+
+// A number in 1, 2, 4 or 8 bytes, which it says in the first two bits; the rest is in network byte order. Small numbers
+// are the common ones, and what a change costs each reader goes with its bytes. The variable-length integers of RFC 9000,
+// section 16.
+struct Compact {
+    U32 number;
+    friend Out& operator<<(Out& out, Compact value) { return value.append(out); }
+
+private:
+    Out& append(Out& out) const;
+};
+
+inline constexpr std::size_t compactSize(U32 number) {  // bytes
+    return number < 1u << 6 ? 1 : number < 1u << 14 ? 2 : number < 1u << 30 ? 4 : 8;
+}
+inline void storeCompact(U8* to, U32 number, std::size_t size) {  // REQUIRES: size is one of the four, and large enough
+    if (size == 1)
+        *to = static_cast<U8>(number);
+    else if (size == 2)
+        store(to, static_cast<U16>(0x4000 | number));
+    else if (size == 4)
+        store(to, 0x80000000 | number);
+    else
+        store(to, U64(0xC000000000000000) | number);
+}
+inline Out& Compact::append(Out& out) const {
+    std::size_t const size = compactSize(number);
+    storeCompact(out.append(size), number, size);
+    return out;
+}
+VEL_API U32 nextCompact(In& in);  // throws StreamException where none is
+
+// What a message begins with.
+struct MessageLength {
+    std::size_t size = 0;  // bytes that it takes itself; 0: not all of them are there
+    U64 length = 0;        // bytes that follow, kind and body
+};
+inline MessageLength messageLength(std::span<U8 const> bytes) {
+    if (bytes.empty()) return {};
+    std::size_t const size = std::size_t(1) << (bytes[0] >> 6);
+    if (bytes.size() < size) return {};
+    switch (size) {
+    case 1:
+        return {1, bytes[0]};
+    case 2:
+        return {2, load<U16>(bytes.data()) & 0x3FFFu};
+    case 4:
+        return {4, load<U32>(bytes.data()) & 0x3FFFFFFFu};
+    default:
+        return {8, load<U64>(bytes.data()) & 0x3FFFFFFFFFFFFFFFu};
+    }
+}
+
+// The body of a whole message.
+inline std::span<U8 const> messageBody(std::span<U8 const> message) {
+    return message.subspan(messageLength(message).size + 1);
+}
 
 enum class MessageKind : U8 {
     hello = 1,
@@ -20,7 +78,6 @@ enum class MessageKind : U8 {
     ping = 12,
     pong = 13
 };
-inline constexpr std::size_t messageHeaderSize = 5;  // bytes: length and kind
 
 // Where messages are written: each is begun, filled and committed. One that is not committed, since what filled it
 // threw, is dropped when the next one begins.
@@ -31,7 +88,7 @@ public:
     OutSm& operator=(OutSm const&) = delete;
     virtual ~OutSm();
 
-    Out& begin(MessageKind kind, std::size_t bodySize);  // bytes, exactly, so that the body need not be moved
+    Out& begin(MessageKind kind, std::size_t bodySize);  // bytes, at least as many, so that the body need not be moved
     Out& out() { return *out_; }                         // of the message begun
     void commit();
 
@@ -42,6 +99,7 @@ protected:
 private:
     Out* out_ = nullptr;  // of a message begun and not committed, else null
     std::size_t start_ = 0;
+    std::size_t lengthSize_ = 0;  // bytes
 };
 
 struct VEL_API Impl {

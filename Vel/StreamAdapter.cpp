@@ -122,7 +122,10 @@ OutSm* Sa::singletonSerializeCheck(AttributeId id, bool flowingOut, bool, std::s
     FlowConnection* const connection = flowingOut ? streamDemuxer().flowing() : streamDemuxer().live();
     if (!connection) return nullptr;
     OutSm& sm = connection->nboAttrLogOut();
-    sm.begin(isKey ? MessageKind::keySet : MessageKind::value, 8 + encodedSize) << this->id() << id;
+    EntityId const self = this->id();
+    std::size_t const size = NboAttrLog::compactSize(self) + NboAttrLog::compactSize(id) + encodedSize;
+    sm.begin(isKey ? MessageKind::keySet : MessageKind::value, size)
+        << NboAttrLog::Compact{self} << NboAttrLog::Compact{id};
     return &sm;
 }
 

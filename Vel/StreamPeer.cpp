@@ -10,6 +10,12 @@ using NboAttrLog::In;
 using NboAttrLog::MessageKind;
 using NboAttrLog::Out;
 
+namespace {
+
+constexpr auto lastKind = static_cast<U8>(MessageKind::pong);
+
+}  // namespace
+
 StreamPeer::~StreamPeer() = default;
 
 std::span<U8 const> StreamPeer::output(std::size_t limit) {
@@ -29,8 +35,8 @@ void StreamPeer::input(std::span<U8 const> bytes) {
         if (!pending_.empty()) {
             // Completes the one message first, so that what follows need not be copied.
             while (!bytes.empty() && !closing_ && !pending_.empty()) {
-                std::size_t need = 4;
-                if (pending_.size() >= 4) need += NboAttrLog::load<U32>(pending_.data());
+                auto const head = NboAttrLog::messageLength(pending_);
+                std::size_t const need = head.size == 0 ? pending_.size() + 1 : head.size + head.length;
                 std::size_t const more = std::min(bytes.size(), need - pending_.size());
                 pending_.insert(pending_.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(more));
                 bytes = bytes.subspan(more);
@@ -50,15 +56,21 @@ void StreamPeer::input(std::span<U8 const> bytes) {
 // The bytes of the whole messages at the front, which have been taken in.
 std::size_t StreamPeer::inputFrames(std::span<U8 const> bytes) {
     std::size_t used = 0;
-    while (!closing_ && bytes.size() - used >= 4) {
-        std::size_t const length = NboAttrLog::load<U32>(bytes.data() + used);
+    while (!closing_) {
+        auto const [size, length] = NboAttrLog::messageLength(bytes.subspan(used));
+        if (size == 0) break;
         if (length == 0) throw StreamException("a message without a kind", used);
         if (length > limits_.frame)
             throw StreamException(
-                format("a message of %zu bytes, where at most %zu are taken", length, limits_.frame), used);
-        if (bytes.size() - used - 4 < length) break;
-        inputMessage(bytes.subspan(used + 4, length));
-        used += 4 + length;
+                format("a message of %lu bytes, where at most %zu are taken", length, limits_.frame), used);
+        if (bytes.size() - used - size < length) {
+            // Who speaks something else is not listened to until so much of it has come.
+            if (bytes.size() - used > size && (bytes[used + size] == 0 || bytes[used + size] > lastKind))
+                throw StreamException(format("no message is of kind %u", bytes[used + size]), used);
+            break;
+        }
+        inputMessage(bytes.subspan(used + size, length));
+        used += size + length;
     }
     return used;
 }

@@ -21,6 +21,7 @@ extern "C" char const* __asan_default_options() { return "detect_leaks=0"; }
 namespace {
 
 using Vel::U32;
+using Vel::NboAttrLog::Compact;
 using Vel::NboAttrLog::MessageKind;
 
 void addTypes(Vel::NboAttrLog::BufferSm& sm) {
@@ -30,11 +31,11 @@ void addTypes(Vel::NboAttrLog::BufferSm& sm) {
     for (char const* const name : {"Vel::Dir", "Mox::PrefixTrie", "Mox::PrefixTrieState", "Mox::GenerationEntity",
              "Cell::Status", "StreamTest::ValueTable"}) {
         Vel::VelType const type = Vel::Registry::type(name);
-        sm.begin(MessageKind::type, 0) << index++ << Vel::String(name) << Vel::String(type.moduleName())
+        sm.begin(MessageKind::type, 0) << Compact{index++} << Vel::String(name) << Vel::String(type.moduleName())
                                        << type.moduleFingerprint();
         sm.commit();
     }
-    sm.begin(MessageKind::announce, 0) << U32(1) << U32(0) << U32(0) << Vel::String("d");
+    sm.begin(MessageKind::announce, 0) << Compact{1} << Compact{0} << Compact{0} << Vel::String("d");
     sm.commit();
 }
 

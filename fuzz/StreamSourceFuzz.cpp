@@ -6,7 +6,6 @@
 #include "Vel/AttrLogSource.h"
 #include "Vel/Module.h"
 
-#include "Vel/Module.h"
 #include <cstdint>
 #include <cstdlib>
 

@@ -77,7 +77,7 @@ public:
         out_.begin(Vel::NboAttrLog::MessageKind::value, size);
         return &out_;
     }
-    std::span<U8 const> bytes() const { return out_.bytes().subspan(Vel::NboAttrLog::messageHeaderSize); }
+    std::span<U8 const> bytes() const { return Vel::NboAttrLog::messageBody(out_.bytes()); }
 
 private:
     Vel::NboAttrLog::BufferSm out_;

@@ -13,6 +13,8 @@ using Vel::Ptr;
 using Vel::String;
 using Vel::U32;
 using Vel::U8;
+using Vel::NboAttrLog::Compact;
+using Vel::NboAttrLog::In;
 using Vel::NboAttrLog::MessageKind;
 using Vel::NboAttrLog::Out;
 
@@ -22,6 +24,65 @@ Bytes message(
     body(sm.begin(kind, 0));
     sm.commit();
     return {sm.bytes().begin(), sm.bytes().end()};
+}
+
+// --- lengths and other compact numbers ---
+
+TEST(StreamNumberTest, SmallNumbersTakeFewBytes) {
+    std::vector<std::pair<U32, char const*>> const cases{{0, "00"}, {63, "3f"}, {64, "4040"}, {258, "4102"},
+        {16383, "7fff"}, {16384, "80004000"}, {(1u << 30) - 1, "bfffffff"}, {1u << 30, "c000000040000000"},
+        {0xFFFFFFFF, "c0000000ffffffff"}};
+    for (auto const& [number, bytes] : cases) {
+        Out out;
+        out << Compact{number};
+        EXPECT_EQ(hex(out.bytes()), bytes);
+        EXPECT_EQ(Vel::NboAttrLog::compactSize(number), out.size());
+        In in(out.bytes());
+        EXPECT_EQ(nextCompact(in), number);
+        EXPECT_EQ(in.left(), 0u);
+        for (std::size_t cut = 0; cut < out.size(); ++cut) {
+            In less(out.bytes().first(cut));
+            EXPECT_THROW(nextCompact(less), Vel::StreamException);
+            EXPECT_EQ(less.offset(), 0u);
+            EXPECT_EQ(Vel::NboAttrLog::messageLength(out.bytes().first(cut)).size, 0u);
+        }
+        EXPECT_EQ(Vel::NboAttrLog::messageLength(out.bytes()).length, number);
+    }
+}
+
+TEST(StreamNumberTest, NumberInMoreBytesThanItNeedsIsTheSame) {
+    for (std::size_t const size : {1, 2, 4, 8}) {
+        U8 bytes[8];
+        Vel::NboAttrLog::storeCompact(bytes, 5, size);
+        In in(std::span<U8 const>(bytes).first(size));
+        EXPECT_EQ(nextCompact(in), 5u);
+        EXPECT_EQ(in.left(), 0u);
+    }
+}
+
+TEST(StreamNumberTest, NumberOfMoreThan32BitsIsRefused) {
+    U8 const bytes[]{0xC0, 0, 0, 1, 0, 0, 0, 0};
+    In in(bytes);
+    EXPECT_THROW(nextCompact(in), Vel::StreamException);
+}
+
+TEST(StreamNumberTest, MessageMayBeLongerThanWasSaidWhenItWasBegun) {
+    for (std::size_t const said : {0, 10, 62, 63, 100, 20000})
+        for (std::size_t const size : {0, 62, 63, 64, 1000, 16382, 16383, 20000}) {
+            Vel::NboAttrLog::BufferSm sm;
+            sm.begin(MessageKind::ping, 0);
+            sm.commit();
+            std::size_t const before = sm.size();
+            Out& out = sm.begin(MessageKind::value, said);
+            for (std::size_t i = 0; i < size; ++i) out << static_cast<U8>(i);
+            sm.commit();
+            auto const bytes = sm.bytes().subspan(before);
+            auto const body = Vel::NboAttrLog::messageBody(bytes);
+            ASSERT_EQ(body.size(), size) << said;
+            EXPECT_EQ(Vel::NboAttrLog::messageLength(bytes).length, 1 + size);
+            EXPECT_EQ(body.data()[-1], static_cast<U8>(MessageKind::value));
+            for (std::size_t i = 0; i < size; ++i) ASSERT_EQ(body[i], static_cast<U8>(i));
+        }
 }
 
 // --- exact bytes ---
@@ -48,37 +109,37 @@ protected:
 std::string typeBytes(std::string const& index, std::string const& name, std::string const& module, Vel::VelType type) {
     Out out;
     out << String(name) << String(module) << type.moduleFingerprint();
-    return "03" + index + Detail::hex(out.bytes());
+    return "03" + index + hex(out.bytes());
 }
 
 TEST_F(StreamBytesTest, SynchronisationIsTheseMessages) {
-    EXPECT_EQ(sent(), (Strings{"02000100",                                               // welcome, read-only
-                          typeBytes("00000000", "Vel::Dir", "Dir", Vel::typeOf<Dir>()),  //
-                          "04000000010000000000000000"                                   // announce 1, the root
-                          "0000000164",                                                  // "d"
-                          typeBytes("00000001", "Fixture::Leaf", "Fixtures", Vel::typeOf<Leaf>()),
-                          "0400000002000000010000000100000102"  // announce 2 in 1.258
-                          "0000000178"                          // at "x"
-                          "0000000178",                         // name "x"
-                          "0600000001000001020000000178"
-                          "00000002",                      // keySet 1.258 "x" 2
-                          "05000000020000010200000007",    // value 2.258
-                          "0500000002000001030000000000",  // value 2.259
-                          "05000000020000010400000002",    // pointer 2.260
-                          "09"}));                         // synced
+    EXPECT_EQ(sent(), (Strings{"02000100",                                         // welcome, read-only
+                          typeBytes("00", "Vel::Dir", "Dir", Vel::typeOf<Dir>()),  //
+                          "04010000"                                               // announce 1, the root
+                          "0000000164",                                            // "d"
+                          typeBytes("01", "Fixture::Leaf", "Fixtures", Vel::typeOf<Leaf>()),
+                          "040201014102"  // announce 2 in 1.258
+                          "0000000178"    // at "x"
+                          "0000000178",   // name "x"
+                          "060141020000000178"
+                          "02",                  // keySet 1.258 "x" 2
+                          "0502410200000007",    // value 2.258
+                          "050241030000000000",  // value 2.259
+                          "0502410400000002",    // pointer 2.260
+                          "09"}));               // synced
 }
 
 TEST_F(StreamBytesTest, ChangesAreTheseMessages) {
     sent();
     leaf->sizeIs(8);
-    EXPECT_EQ(sent(), Strings{"05000000020000010200000008"});
+    EXPECT_EQ(sent(), Strings{"0502410200000008"});
     leaf->peerIs(nullptr);
-    EXPECT_EQ(sent(), Strings{"05000000020000010400000000"});
+    EXPECT_EQ(sent(), Strings{"0502410400000000"});
     Ptr<Leaf> const kept = leaf;
     root->entryDel("x");
-    EXPECT_EQ(sent(), Strings{"0700000001000001020000000178"});
+    EXPECT_EQ(sent(), Strings{"070141020000000178"});
     root->entryIs(kept);
-    EXPECT_EQ(sent(), Strings{"060000000100000102000000017800000002"});
+    EXPECT_EQ(sent(), Strings{"06014102000000017802"});
 }
 
 TEST_F(StreamBytesTest, DestroyedEntityIsGone) {
@@ -90,7 +151,7 @@ TEST_F(StreamBytesTest, DestroyedEntityIsGone) {
     root->entryDel("x");
     leaf->peerIs(nullptr);
     leaf = nullptr;
-    EXPECT_EQ(sent(), (Strings{"0700000001000001020000000178", "05000000020000010400000000", "0800000002"}));
+    EXPECT_EQ(sent(), (Strings{"070141020000000178", "0502410400000000", "0802"}));
     leaf = Leaf::newEntity("");
 }
 
@@ -105,7 +166,7 @@ TEST(StreamHelloTest, SaysWhoItIsAndWhatItWants) {
                                                   "0001"
                                                   "01"
                                                   "000000022f61");
-    Vel::NboAttrLog::In in(std::span<U8 const>(bytes).subspan(4 + 14));
+    Vel::NboAttrLog::In in(Vel::NboAttrLog::messageBody(bytes).subspan(13));
     U32 const modules = in.nextU32();
     EXPECT_EQ(modules, Vel::Registry::modules().size());
     for (U32 i = 0; i < modules; ++i) {
@@ -129,15 +190,18 @@ protected:
         send(message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; }));
         sendType(0, Vel::typeOf<Dir>());
         sendType(1, Vel::typeOf<Leaf>());
-        send(message(MessageKind::announce, [](Out& out) { out << 1u << 0u << 0u << String("d"); }));
         send(message(
-            MessageKind::announce, [](Out& out) { out << 2u << 1u << 1u << 258u << String("x") << String("x"); }));
-        send(message(MessageKind::keySet, [](Out& out) { out << 1u << 258u << String("x") << 2u; }));
+            MessageKind::announce, [](Out& out) { out << Compact{1} << Compact{0} << Compact{0} << String("d"); }));
+        send(message(MessageKind::announce, [](Out& out) {
+            out << Compact{2} << Compact{1} << Compact{1} << Compact{258} << String("x") << String("x");
+        }));
+        send(message(
+            MessageKind::keySet, [](Out& out) { out << Compact{1} << Compact{258} << String("x") << Compact{2}; }));
         ASSERT_EQ(replica.error(), "");
     }
     void sendType(U32 index, Vel::VelType type) {
         send(message(MessageKind::type, [&](Out& out) {
-            out << index << String(type.name()) << String(type.moduleName()) << type.moduleFingerprint();
+            out << Compact{index} << String(type.name()) << String(type.moduleName()) << type.moduleFingerprint();
         }));
     }
     // The message makes the connection closing, and changes nothing.
@@ -158,8 +222,19 @@ TEST_F(HostileSourceTest, NothingComesBeforeTheWelcome) {
 }
 
 TEST_F(HostileSourceTest, LengthBeyondTheLimitIsRefusedBeforeAnythingIsKept) {
-    expectRefused({0xff, 0xff, 0xff, 0xff}, "a message of 4294967295 bytes, where at most 16777216 are taken");
+    expectRefused({0xbf, 0xff, 0xff, 0xff}, "a message of 1073741823 bytes, where at most 16777216 are taken");
     EXPECT_EQ(replica.inputHeld(), 0u);
+}
+
+TEST_F(HostileSourceTest, LengthIsOf62BitsAtMost) {
+    send({0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff});
+    EXPECT_FALSE(replica.isClosing());
+    expectRefused({0xff}, "a message of 4611686018427387903 bytes, where at most 16777216 are taken");
+    EXPECT_EQ(replica.inputHeld(), 0u);
+}
+
+TEST_F(HostileSourceTest, KindThatNobodyKnowsIsRefusedBeforeItsMessageIsThere) {
+    expectRefused({0x47, 0x45, 0x54}, "no message is of kind 84");
 }
 
 TEST_F(HostileSourceTest, MessageWithoutAKindIsRefused) { expectRefused({0, 0, 0, 0}, "a message without a kind"); }
@@ -171,43 +246,46 @@ TEST_F(HostileSourceTest, UnknownKindIsRefused) {
 
 TEST_F(HostileSourceTest, EntityThatWasNotAnnouncedIsRefused) {
     sendTypes();
-    expectRefused(message(MessageKind::value, [](Out& out) { out << 9u << 258u << 1u; }), "entity 9 was not announced");
+    expectRefused(message(MessageKind::value, [](Out& out) { out << Compact{9} << Compact{258} << 1u; }),
+        "entity 9 was not announced");
 }
 
 TEST_F(HostileSourceTest, EntityIsAnnouncedOnce) {
     sendTypes();
-    expectRefused(message(MessageKind::announce, [](Out& out) { out << 2u << 1u << 0u << String("y"); }),
+    expectRefused(
+        message(MessageKind::announce, [](Out& out) { out << Compact{2} << Compact{1} << Compact{0} << String("y"); }),
         "entity 2 can't be announced");
 }
 
 TEST_F(HostileSourceTest, AttributeThatTheTypeHasNotIsRefused) {
     sendTypes();
-    expectRefused(message(MessageKind::value, [](Out& out) { out << 2u << 261u << 1u; }),
+    expectRefused(message(MessageKind::value, [](Out& out) { out << Compact{2} << Compact{261} << 1u; }),
         "Fixture::Leaf has no value or pointer 261");
 }
 
 TEST_F(HostileSourceTest, ValueThatIsTooLongChangesNothing) {
     sendTypes();
-    expectRefused(message(MessageKind::value, [](Out& out) { out << 2u << 258u << 1u << U8(0); }),
+    expectRefused(message(MessageKind::value, [](Out& out) { out << Compact{2} << Compact{258} << 1u << U8(0); }),
         "a value is followed by bytes that are not its own");
 }
 
 TEST_F(HostileSourceTest, ValueThatIsTooShortChangesNothing) {
     sendTypes();
-    send(message(MessageKind::value, [](Out& out) { out << 2u << 259u << 1u; }));
+    send(message(MessageKind::value, [](Out& out) { out << Compact{2} << Compact{259} << 1u; }));
     EXPECT_TRUE(replica.isClosing());
     EXPECT_EQ(Vel::ptr_cast<Leaf>(root->entry("x"))->version(), Fixture::Version());
 }
 
 TEST_F(HostileSourceTest, PointerToAnEntityOfAnotherTypeIsRefused) {
     sendTypes();
-    expectRefused(message(MessageKind::value, [](Out& out) { out << 2u << 260u << 1u; }),
+    expectRefused(message(MessageKind::value, [](Out& out) { out << Compact{2} << Compact{260} << 1u; }),
         "an entity of type Vel::Dir came where Fixture::Leaf belongs");
 }
 
 TEST_F(HostileSourceTest, MemberIsKeptUnderItsOwnNameOnly) {
     sendTypes();
-    expectRefused(message(MessageKind::keySet, [](Out& out) { out << 1u << 258u << String("y") << 2u; }),
+    expectRefused(
+        message(MessageKind::keySet, [](Out& out) { out << Compact{1} << Compact{258} << String("y") << Compact{2}; }),
         "a member's name is not its key");
 }
 
@@ -215,15 +293,15 @@ TEST_F(HostileSourceTest, TypeWithAnotherFingerprintIsRefusedByName) {
     send(message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; }));
     String const here = Vel::format("%016lx", Vel::typeOf<Dir>().moduleFingerprint());
     expectRefused(message(MessageKind::type,
-                      [](Out& out) { out << 0u << String("Vel::Dir") << String("Dir") << Vel::U64(0x12); }),
+                      [](Out& out) { out << Compact{0} << String("Vel::Dir") << String("Dir") << Vel::U64(0x12); }),
         "Vel::Dir comes from module Dir, fingerprint 0000000000000012, there and from Dir, " + here.stdString() +
             ", here");
 }
 
 TEST_F(HostileSourceTest, TypeOfNoModuleIsRefused) {
     send(message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; }));
-    expectRefused(
-        message(MessageKind::type, [](Out& out) { out << 0u << String("No::Such") << String("No") << Vel::U64(0x12); }),
+    expectRefused(message(MessageKind::type,
+                      [](Out& out) { out << Compact{0} << String("No::Such") << String("No") << Vel::U64(0x12); }),
         "no module here has the entity type 'No::Such'");
 }
 
@@ -235,10 +313,11 @@ TEST_F(HostileSourceTest, EntitiesAreLimited) {
     small.input(message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; }));
     small.input(message(MessageKind::type, [&](Out& out) {
         Vel::VelType const type = Vel::typeOf<Dir>();
-        out << 0u << String(type.name()) << String(type.moduleName()) << type.moduleFingerprint();
+        out << Compact{0} << String(type.name()) << String(type.moduleName()) << type.moduleFingerprint();
     }));
     for (U32 id = 1; id <= 3; ++id)
-        small.input(message(MessageKind::announce, [&](Out& out) { out << id << 0u << 0u << String("d"); }));
+        small.input(message(
+            MessageKind::announce, [&](Out& out) { out << Compact{id} << Compact{0} << Compact{0} << String("d"); }));
     EXPECT_EQ(small.error(), "the source has too many entities");
     EXPECT_EQ(small.entities(), 2u);
 }
@@ -246,13 +325,13 @@ TEST_F(HostileSourceTest, EntitiesAreLimited) {
 TEST_F(HostileSourceTest, NothingIsTakenAfterAnError) {
     sendTypes();
     send(message(static_cast<MessageKind>(99)));
-    send(message(MessageKind::value, [](Out& out) { out << 2u << 258u << 77u; }));
+    send(message(MessageKind::value, [](Out& out) { out << Compact{2} << Compact{258} << 77u; }));
     EXPECT_EQ(Vel::ptr_cast<Leaf>(root->entry("x"))->size(), 0u);
 }
 
 TEST_F(HostileSourceTest, EveryCutOfAMessageWaitsForTheRest) {
     sendTypes();
-    Bytes const bytes = message(MessageKind::value, [](Out& out) { out << 2u << 258u << 5u; });
+    Bytes const bytes = message(MessageKind::value, [](Out& out) { out << Compact{2} << Compact{258} << 5u; });
     for (std::size_t cut = 0; cut <= bytes.size(); ++cut) {
         Vel::ptr_cast<Leaf>(root->entry("x"))->sizeIs(0);
         replica.input(std::span(bytes).first(cut));

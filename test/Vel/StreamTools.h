@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <map>
 #include <memory>
 #include <string>
@@ -33,20 +32,30 @@ inline Bytes takeOutput(Vel::StreamPeer& peer, std::size_t limit = 1u << 16) {
     }
 }
 
+// Calls f(message) for each whole message: its kind and body.
+template <class F> void eachMessage(std::span<Vel::U8 const> bytes, F f) {
+    while (!bytes.empty()) {
+        auto const [size, length] = Vel::NboAttrLog::messageLength(bytes);
+        ASSERT_NE(size, 0u);
+        ASSERT_LE(size + length, bytes.size());
+        f(bytes.subspan(size, length));
+        bytes = bytes.subspan(size + length);
+    }
+}
+
+inline std::string hex(std::span<Vel::U8 const> bytes) {
+    std::string text;
+    for (Vel::U8 const byte : bytes) {
+        text += "0123456789abcdef"[byte >> 4];
+        text += "0123456789abcdef"[byte & 15];
+    }
+    return text;
+}
+
 // One message a line: its bytes in hexadecimal, the length left out.
 inline Strings messages(std::span<Vel::U8 const> bytes) {
     Strings result;
-    for (std::size_t at = 0; at + 4 <= bytes.size();) {
-        std::size_t const size = Vel::NboAttrLog::load<Vel::U32>(bytes.data() + at);
-        std::string text;
-        for (std::size_t i = at + 4; i < at + 4 + size && i < bytes.size(); ++i) {
-            char digits[3];
-            std::snprintf(digits, sizeof digits, "%02x", bytes[i]);
-            text += digits;
-        }
-        result.push_back(text);
-        at += 4 + size;
-    }
+    eachMessage(bytes, [&](std::span<Vel::U8 const> message) { result.push_back(hex(message)); });
     return result;
 }
 
@@ -60,17 +69,8 @@ using Vel::NboAttrLog::Out;
 
 namespace Detail {
 
-inline std::string hex(std::span<Vel::U8 const> bytes) {
-    std::string text;
-    for (Vel::U8 const byte : bytes) {
-        text += "0123456789abcdef"[byte >> 4];
-        text += "0123456789abcdef"[byte & 15];
-    }
-    return text;
-}
-
 inline std::string textOf(In& in) { return in.nextString().stdString(); }
-inline std::string number(In& in) { return std::to_string(in.nextU32()); }
+inline std::string number(In& in) { return std::to_string(nextCompact(in)); }
 
 inline std::string toldOf(MessageKind kind, In in) {
     switch (kind) {
@@ -85,7 +85,7 @@ inline std::string toldOf(MessageKind kind, In in) {
     case MessageKind::announce: {
         std::string text = "announce " + number(in);
         text += " type " + number(in);
-        U32 const parent = in.nextU32();
+        U32 const parent = nextCompact(in);
         if (parent != 0) text += " at " + std::to_string(parent) + "." + number(in);
         while (in.left() >= 4) text += " " + textOf(in);
         return text;
@@ -115,9 +115,9 @@ inline std::string toldOf(MessageKind kind, In in) {
     case MessageKind::write:
         return "write " + number(in);
     case MessageKind::ping:
-        return "ping " + number(in);
+        return "ping " + std::to_string(in.nextU32());
     case MessageKind::pong:
-        return "pong " + number(in);
+        return "pong " + std::to_string(in.nextU32());
     }
     return "?";
 }
@@ -147,7 +147,7 @@ public:
             if (attribute.kind == StreamKind::value) {
                 Hex sink;
                 attribute.serialize(sink, attribute.id, entity, true);
-                text += hex(sink.bytes.bytes().subspan(5));
+                text += hex(Vel::NboAttrLog::messageBody(sink.bytes.bytes()));
             } else if (attribute.kind == StreamKind::pointer) {
                 Entity const* const target = attribute.target(entity);
                 text += target ? of(*target, below) : "null";
@@ -159,7 +159,8 @@ public:
                     keys->next(key);
                     Hex sink;
                     attribute.serializeKey(sink, attribute.id, entity, key.bytes(), true);
-                    values[hex(key.bytes())] = hex(sink.bytes.bytes().subspan(5 + key.size()));
+                    values[hex(key.bytes())] =
+                        hex(Vel::NboAttrLog::messageBody(sink.bytes.bytes()).subspan(key.size()));
                 }
                 for (auto const& [key, value] : values)
                     text += "\n" + std::string(path.size() + 1, ' ') + key + ": " + value;
@@ -189,11 +190,9 @@ private:
 
 inline Strings told(std::span<Vel::U8 const> bytes) {
     Strings result;
-    for (std::size_t at = 0; at + 4 < bytes.size();) {
-        std::size_t const size = Vel::NboAttrLog::load<U32>(bytes.data() + at);
-        result.push_back(Detail::toldOf(static_cast<MessageKind>(bytes[at + 4]), In(bytes.subspan(at + 5, size - 1))));
-        at += 4 + size;
-    }
+    eachMessage(bytes, [&](std::span<Vel::U8 const> message) {
+        result.push_back(Detail::toldOf(static_cast<MessageKind>(message[0]), In(message.subspan(1))));
+    });
     return result;
 }
 

@@ -13,6 +13,7 @@ using Vel::String;
 using Vel::U32;
 using Vel::U8;
 using Vel::operator<<;
+using Vel::NboAttrLog::Compact;
 
 // A table "t" with an entry at "k" and a mark at 7, and a replica that has synchronised.
 class StreamValuesTest : public testing::Test {
@@ -49,13 +50,13 @@ TEST_F(StreamValuesTest, SynchronisationIsTheseMessages) {
     pair.reader->input(takeOutput(pair.replica));
     Strings const all = sent();
     ASSERT_EQ(all.size(), 7u);
-    EXPECT_EQ(Strings(all.begin() + 3, all.end()), (Strings{"05000000010000010200000000",  // value 1.258
-                                                       "0600000001000001030000"
-                                                       "00016b"  // keySet 1.259 "k"
+    EXPECT_EQ(Strings(all.begin() + 3, all.end()), (Strings{"0501410200000000",  // value 1.258
+                                                       "06014103000000"
+                                                       "016b"  // keySet 1.259 "k"
                                                        "00000001"
                                                        "000000056e6f2e2031"
                                                        "01",  // 1, "no. 1", odd
-                                                       "060000000100000104"
+                                                       "06014104"
                                                        "07"
                                                        "00000008",  // keySet 1.260 7: 8
                                                        "09"}));
@@ -63,14 +64,14 @@ TEST_F(StreamValuesTest, SynchronisationIsTheseMessages) {
 
 TEST_F(StreamValuesTest, ChangesAreTheseMessages) {
     table->entryIs("k", Entry(6));
-    EXPECT_EQ(sent(), Strings{"060000000100000103000000016b00000006000000"
+    EXPECT_EQ(sent(), Strings{"06014103000000016b00000006000000"
                               "0000"});
     table->markIs(7, 9);
-    EXPECT_EQ(sent(), Strings{"0600000001000001040700000009"});
+    EXPECT_EQ(sent(), Strings{"060141040700000009"});
     table->markDel(7);
-    EXPECT_EQ(sent(), Strings{"07000000010000010407"});
+    EXPECT_EQ(sent(), Strings{"0701410407"});
     table->entryDel("k");
-    EXPECT_EQ(sent(), Strings{"070000000100000103000000016b"});
+    EXPECT_EQ(sent(), Strings{"07014103000000016b"});
 }
 
 TEST_F(StreamValuesTest, ObserversOfTheCopyAreToldOfEveryKey) {
@@ -176,9 +177,9 @@ protected:
         send(MessageKind::welcome, [](Out& out) { out << Vel::U16(1) << false; });
         Vel::VelType const type = Vel::typeOf<ValueTable>();
         send(MessageKind::type, [&](Out& out) {
-            out << 0u << String(type.name()) << String(type.moduleName()) << type.moduleFingerprint();
+            out << Compact{0} << String(type.name()) << String(type.moduleName()) << type.moduleFingerprint();
         });
-        send(MessageKind::announce, [](Out& out) { out << 1u << 0u << 0u << String("t"); });
+        send(MessageKind::announce, [](Out& out) { out << Compact{1} << Compact{0} << Compact{0} << String("t"); });
     }
     void send(MessageKind kind, std::function<void(Out&)> const& body) {
         Vel::NboAttrLog::BufferSm sm;
@@ -187,7 +188,7 @@ protected:
         replica->input(sm.bytes());
     }
     void sendMark(U8 key) {
-        send(MessageKind::keySet, [&](Out& out) { out << 1u << 260u << key << 5u; });
+        send(MessageKind::keySet, [&](Out& out) { out << Compact{1} << Compact{260} << key << 5u; });
     }
     void expectRefused(MessageKind kind, std::function<void(Out&)> const& body, std::string const& error) {
         std::string const before = treeOf(*table);
@@ -203,41 +204,42 @@ protected:
 
 TEST_F(HostileValuesTest, ValueThatIsTooLongChangesNothing) {
     expectRefused(
-        MessageKind::keySet, [](Out& out) { out << 1u << 260u << U8(1) << 5u << U8(0); },
+        MessageKind::keySet, [](Out& out) { out << Compact{1} << Compact{260} << U8(1) << 5u << U8(0); },
         "a value is followed by bytes that are not its own");
 }
 
 TEST_F(HostileValuesTest, ValueThatIsTooShortChangesNothing) {
     std::string const before = treeOf(*table);
-    send(MessageKind::keySet, [](Out& out) { out << 1u << 259u << String("k") << 5u << String("x"); });
+    send(MessageKind::keySet, [](Out& out) { out << Compact{1} << Compact{259} << String("k") << 5u << String("x"); });
     EXPECT_TRUE(replica->isClosing());
     EXPECT_EQ(treeOf(*table), before);
 }
 
 TEST_F(HostileValuesTest, EntityIsNotAnnouncedWhereValuesBelong) {
     expectRefused(
-        MessageKind::announce, [](Out& out) { out << 2u << 0u << 1u << 260u << U8(1) << String("t"); },
+        MessageKind::announce,
+        [](Out& out) { out << Compact{2} << Compact{0} << Compact{1} << Compact{260} << U8(1) << String("t"); },
         "an entity where values belong");
 }
 
 TEST_F(HostileValuesTest, CollectionHasNoValueAsAWhole) {
     expectRefused(
-        MessageKind::value, [](Out& out) { out << 1u << 260u << 5u; },
+        MessageKind::value, [](Out& out) { out << Compact{1} << Compact{260} << 5u; },
         "StreamTest::ValueTable has no value or pointer 260");
 }
 
 TEST_F(HostileValuesTest, KeysAreLimited) {
     for (U8 const key : std::initializer_list<U8>{1, 2, 3, 3, 2}) sendMark(key);  // 1 was there before
     expectRefused(
-        MessageKind::keySet, [](Out& out) { out << 1u << 259u << String("k") << Entry(1); },
+        MessageKind::keySet, [](Out& out) { out << Compact{1} << Compact{259} << String("k") << Entry(1); },
         "the source has too many keys");
 }
 
 TEST_F(HostileValuesTest, DeletedKeysMakeRoom) {
     for (U8 key = 1; key < 100; ++key) {
         sendMark(key);
-        send(MessageKind::keyDel, [&](Out& out) { out << 1u << 260u << key; });
-        send(MessageKind::keyDel, [&](Out& out) { out << 1u << 260u << key; });
+        send(MessageKind::keyDel, [&](Out& out) { out << Compact{1} << Compact{260} << key; });
+        send(MessageKind::keyDel, [&](Out& out) { out << Compact{1} << Compact{260} << key; });
     }
     for (U8 const key : std::initializer_list<U8>{1, 2, 3}) sendMark(key);
     EXPECT_EQ(replica->error(), "");
