@@ -214,9 +214,8 @@ void measureLatency(Settings const& settings, Contestants const& all, Report& re
             contestant.name(), static_cast<double>(times[times.size() / 2]) / 1e3, barOf(contestant, {40, false}));
         late.add(contestant.name(), static_cast<double>(times[times.size() * 99 / 100]) / 1e3);
         if (result.sourceAllocations < 0) return;
-        double const counted = changes * 0.5;
-        source.add(contestant.name(), result.sourceAllocations / counted, barOf(contestant, {0, false}));
-        reader.add(contestant.name(), result.readerAllocations / counted, barOf(contestant, {0, false}));
+        source.add(contestant.name(), result.sourceAllocations / changes, barOf(contestant, {0, false}));
+        reader.add(contestant.name(), result.readerAllocations / changes, barOf(contestant, {0, false}));
     });
     report.add(median);
     report.add(late);

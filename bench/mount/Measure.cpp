@@ -150,24 +150,28 @@ StreamResult stream(Contestant& contestant, Stream const& what) {
 }
 
 LatencyResult latency(Contestant& contestant, std::uint32_t changes, Nanoseconds interval) {
+    std::uint32_t const all = 2 * changes;
     Shared<Board> board;
-    Times times(changes);
+    Times times(all);
     auto const change = [&](Source& source) {
         std::size_t before = allocationCount;
         Nanoseconds due = now();
-        for (std::uint32_t i = 0; i < changes; ++i) {
-            if (i == changes / 2) before = allocationCount;
-            sleepUntil(due += interval);
+        for (std::uint32_t i = 0; i < all; ++i) {
+            if (i == changes) {
+                before = allocationCount;
+                due = now();
+            }
+            if (i >= changes) sleepUntil(due += interval);
             times[i] = now();
             source.change(i);
             source.flush();
         }
         board->allocations = allocationCount - before;
     };
-    run(contestant, 1, board, change, [&](Board::Reader& reader) { return Timed(changes, reader, times); });
+    run(contestant, 1, board, change, [&](Board::Reader& reader) { return Timed(all, reader, times); });
 
     LatencyResult result;
-    for (std::uint32_t i = changes / 10; i < changes; ++i) result.times.push_back(times[i]);
+    for (std::uint32_t i = changes; i < all; ++i) result.times.push_back(times[i]);
     std::sort(result.times.begin(), result.times.end());
     if (contestant.countsAllocations()) {
         result.sourceAllocations = static_cast<double>(board->allocations);

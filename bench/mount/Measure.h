@@ -28,7 +28,7 @@ struct LatencyResult {
     double sourceAllocations = -1;   // as above
     double readerAllocations = -1;
 };
-// Changes one by one, with so much time between. The first tenth is not in the result.
+// Changes one by one, with so much time between. As many before them, without any, warm everything up.
 LatencyResult latency(Contestant& contestant, std::uint32_t changes, Nanoseconds interval);
 
 struct SyncResult {
