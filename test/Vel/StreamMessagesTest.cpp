@@ -51,7 +51,7 @@ TEST(StreamNumberTest, SmallNumbersTakeFewBytes) {
 }
 
 TEST(StreamNumberTest, NumberInMoreBytesThanItNeedsIsTheSame) {
-    for (std::size_t const size : {1, 2, 4, 8}) {
+    for (std::size_t const size : {1u, 2u, 4u, 8u}) {
         U8 bytes[8];
         Vel::NboAttrLog::storeCompact(bytes, 5, size);
         In in(std::span<U8 const>(bytes).first(size));
@@ -67,8 +67,8 @@ TEST(StreamNumberTest, NumberOfMoreThan32BitsIsRefused) {
 }
 
 TEST(StreamNumberTest, MessageMayBeLongerThanWasSaidWhenItWasBegun) {
-    for (std::size_t const said : {0, 10, 62, 63, 100, 20000})
-        for (std::size_t const size : {0, 62, 63, 64, 1000, 16382, 16383, 20000}) {
+    for (std::size_t const said : {0u, 10u, 62u, 63u, 100u, 20000u})
+        for (std::size_t const size : {0u, 62u, 63u, 64u, 1000u, 16382u, 16383u, 20000u}) {
             Vel::NboAttrLog::BufferSm sm;
             sm.begin(MessageKind::ping, 0);
             sm.commit();
