@@ -190,7 +190,7 @@ void AttrLogReplica::announce(In& body) {
     StreamTable const& table = type.glue().stream();
     Place place;
     if (In ahead = body; nextCompact(ahead) == 0)
-        nextCompact(body);
+        body = ahead;
     else
         place = this->place(body);
     bool const instantiated = place.attribute && place.attribute->kind == StreamKind::instances;

@@ -78,6 +78,7 @@ enum class MessageKind : U8 {
     ping = 12,
     pong = 13
 };
+inline constexpr MessageKind lastMessageKind = MessageKind::pong;
 
 // Where messages are written: each is begun, filled and committed. One that is not committed, since what filled it
 // threw, is dropped when the next one begins.

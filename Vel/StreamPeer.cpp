@@ -10,12 +10,6 @@ using NboAttrLog::In;
 using NboAttrLog::MessageKind;
 using NboAttrLog::Out;
 
-namespace {
-
-constexpr auto lastKind = static_cast<U8>(MessageKind::pong);
-
-}  // namespace
-
 StreamPeer::~StreamPeer() = default;
 
 std::span<U8 const> StreamPeer::output(std::size_t limit) {
@@ -65,8 +59,10 @@ std::size_t StreamPeer::inputFrames(std::span<U8 const> bytes) {
                 format("a message of %lu bytes, where at most %zu are taken", length, limits_.frame), used);
         if (bytes.size() - used - size < length) {
             // Who speaks something else is not listened to until so much of it has come.
-            if (bytes.size() - used > size && (bytes[used + size] == 0 || bytes[used + size] > lastKind))
-                throw StreamException(format("no message is of kind %u", bytes[used + size]), used);
+            if (bytes.size() - used == size) break;
+            U8 const kind = bytes[used + size];
+            if (kind == 0 || kind > static_cast<U8>(NboAttrLog::lastMessageKind))
+                throw StreamException(format("no message is of kind %u", kind), used);
             break;
         }
         inputMessage(bytes.subspan(used + size, length));

@@ -116,7 +116,7 @@ TEST_F(HostilePeerTest, AHelloByteByByteIsAHello) {
         ASSERT_EQ(peer.send({&byte, 1}), 1u);
         loop.poll();
     }
-    EXPECT_TRUE(untilSeen([&] { return peer.received().find("\1\11") != std::string::npos; })) << "synchronised";
+    EXPECT_TRUE(untilSeen([&] { return peer.received().ends_with("\1\11"); })) << "synchronised";
 }
 
 TEST_F(HostilePeerTest, WhatIsWrongIsToldAndCounted) {
