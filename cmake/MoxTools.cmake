@@ -4,10 +4,11 @@ if(MOX_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
     find_program(MOX_CCACHE_PROGRAM ccache)
     mark_as_advanced(MOX_CCACHE_PROGRAM)
     if(MOX_CCACHE_PROGRAM)
-        # Without this sloppiness ccache refuses everything that uses a precompiled header.
+        # Without this sloppiness ccache refuses everything that uses a precompiled header. A compiler is known by its
+        # content and not by the time of its file, so that machines with the same one can share a cache.
         set(CMAKE_CXX_COMPILER_LAUNCHER
             env "CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime"
-            "${MOX_CCACHE_PROGRAM}")
+            "CCACHE_COMPILERCHECK=content" "${MOX_CCACHE_PROGRAM}")
     endif()
 endif()
 
