@@ -2,6 +2,7 @@
 
 #include "Vel/Exception.h"
 #include "Vel/Module.h"
+#include "Vel/StreamAdapter.h"
 #include "Vel/StreamProtocol.h"
 
 namespace Vel {
@@ -26,9 +27,26 @@ struct AttrLogReplica::Place {
         In in(key);
         return attribute->member(*entity, in);
     }
+    std::string_view keyText() const { return {reinterpret_cast<char const*>(key.data()), key.size()}; }
+    void keyTextIs(std::string_view text) { key = {reinterpret_cast<U8 const*>(text.data()), text.size()}; }
     void del() const {
         In in(key);
         attribute->memberDel(*entity, in);
+    }
+    void is(Entity& member) const {
+        In in(key);
+        attribute->memberIs(*entity, in, member);
+    }
+    // In the place of what is there, of which observers are told once unless the collection takes no other member under a
+    // key that is in use.
+    void replacementIs(Entity& member) const {
+        Ptr<Entity> const before = there();
+        try {
+            is(member);
+            if (!before || there() != before.get()) return;
+        } catch (NameInUseException const&) {}
+        del();
+        is(member);
     }
     bool holdsValue() const {
         In in(key);
@@ -50,6 +68,7 @@ void AttrLogReplica::connected() {
     types_.clear();
     ids_.clear();
     unmentioned_.clear();
+    blocked_.clear();
     known_.clear();
     keys_ = 0;
     Out& out = controlOut().begin(MessageKind::hello, 0);
@@ -66,6 +85,7 @@ void AttrLogReplica::connected() {
 void AttrLogReplica::closed(String const& reason) {
     StreamPeer::closed(reason);
     unmentioned_.clear();
+    blocked_.clear();
     ids_.clear();
     known_.clear();
     mayWrite_ = false;
@@ -155,6 +175,7 @@ void AttrLogReplica::value(In& body) {
     if (!attribute || attribute->isCollection())
         throw StreamException(format("%s has no value or pointer %u", target.entity->fwkType().name(), id), 0);
     Ptr<Entity> const keep = target.entity;
+    StreamAdapter::needInactive(*keep);
     In items({body.data(), body.left()}, this);
     if (attribute->kind == StreamKind::value) return attribute->apply(*keep, items);
     Entity* const pointee = items.nextEntity();
@@ -169,6 +190,7 @@ AttrLogReplica::Place AttrLogReplica::place(In& body) {
     place.id = nextCompact(body);
     Known const& owner = known(place.id);
     place.entity = owner.entity;
+    StreamAdapter::needInactive(*place.entity);
     AttributeId const id = nextCompact(body);
     place.attribute = owner.table->find(id);
     if (!place.attribute || place.attribute->kind == StreamKind::value)
@@ -209,6 +231,7 @@ void AttrLogReplica::announce(In& body) {
         if (!table.isCreatable) throw StreamException(format("%s can't be created", type.name()), 0);
         bind(id, announced(type, place, name, isNew), isNew);
     }
+    putBlocked();
 }
 
 Ptr<Entity> AttrLogReplica::rootOf(VelType type, bool& isNew) {
@@ -234,21 +257,30 @@ Ptr<Entity> AttrLogReplica::announced(VelType type, Place const& place, String c
     bool const namesDiffer = !name.empty() && there && !(there->name() == name);
     bool const mayBeIt = state_ == State::syncing && !namesDiffer;
     if (there && mayBeIt && there->fwkType() == type && !checkEphemeralEntityDeletion(place, there.get())) {
-        if (instantiated) mentioned(place);
+        if (instantiated) told(place);
         return there;
     }
     isNew = true;
     if (!instantiated) return ptr_cast<Entity>(type.glue().newEntity(name, nullptr));
-    if (there) place.del();
-    mentioned(place);
+    told(place);
+    return instantiate(type, place, name, there.get());
+}
+
+// A new member of a collection that makes its members. One that takes the place of another is put there as a whole, so
+// that observers are told once.
+Ptr<Entity> AttrLogReplica::instantiate(VelType type, Place const& place, String const& name, Entity* there) {
+    StreamAttribute const& attribute = *place.attribute;
+    bool const isOwnType = type == attribute.type();
+    bool const replaces = there && attribute.adopts && attribute.keyIsName && type.glue().stream().takesName;
+    if (there && !replaces) place.del();
     In key = place.keyIn();
-    if (type == place.attribute->type()) {
-        Ptr<Entity> const made = place.attribute->memberNew(*place.entity, key);
+    if (isOwnType && !replaces) {
+        Ptr<Entity> const made = attribute.memberNew(*place.entity, key);
         if (!made || made->fwkType() != type) throw StreamException("a collection made another type than its own", 0);
         return made;
     }
-    Ptr<Entity> const made = ptr_cast<Entity>(type.glue().newEntity(name, nullptr));
-    place.attribute->memberIs(*place.entity, key, *made);
+    Ptr<Entity> const made = ptr_cast<Entity>(type.glue().newEntity(isOwnType ? key.nextString() : name, nullptr));
+    place.replacementIs(*made);
     return made;
 }
 
@@ -284,23 +316,31 @@ void AttrLogReplica::mentioned(Place const& place) {
     if (unmentioned_.empty()) return;
     auto const keys = unmentioned_.find({place.id, place.attribute->id});
     if (keys == unmentioned_.end()) return;
-    auto const key =
-        keys->second.find(std::string_view(reinterpret_cast<char const*>(place.key.data()), place.key.size()));
+    auto const key = keys->second.find(place.keyText());
     if (key != keys->second.end()) keys->second.erase(key);
+}
+
+// The source has said what is there now.
+void AttrLogReplica::told(Place const& place) {
+    mentioned(place);
+    std::erase_if(blocked_, [&](auto const& blocked) {
+        Blocked const& at = blocked.second;
+        return at.owner == place.id && at.attribute == place.attribute->id && at.key == place.keyText();
+    });
 }
 
 void AttrLogReplica::keySet(In& body) {
     Place const place = this->place(body);
     if (!place.attribute->isCollection()) throw StreamException("a key of what is no collection", 0);
     if (place.attribute->kind == StreamKind::values) return keyValue(place, body);
-    Ptr<Entity> const member = known(nextCompact(body)).entity;
+    EntityId const id = nextCompact(body);
+    Ptr<Entity> const member = known(id).entity;
     needEnd(body);
     ensureCorrectType(member->fwkType(), place.attribute->type());
-    Entity* const there = place.there();
-    mentioned(place);
-    if (there == member.get()) return;
-    if (there) place.del();
-    put(place, *member);
+    told(place);
+    if (place.there() != member.get()) put(place, id, *member);
+    if (member->parent() == place.entity) blocked_.erase(id);
+    putBlocked();
 }
 
 namespace {
@@ -316,6 +356,7 @@ void detach(Entity& entity) {
             if (attribute.kind != kind || !attribute.keyIsName) continue;
             In look(key.bytes());
             if (attribute.member(*parent, look) != &entity) continue;
+            StreamAdapter::needInactive(*parent);
             In del(key.bytes());
             attribute.memberDel(*parent, del);
             if (entity.parent() != parent) return;
@@ -323,27 +364,61 @@ void detach(Entity& entity) {
     }
 }
 
+constexpr char circular[] = "an entity within itself";
+
+bool isWithin(Entity const& entity, Entity const& outer) {
+    for (Entity const* at = &entity; at; at = at->parent())
+        if (at == &outer) return true;
+    return false;
+}
+
 }  // namespace
 
 // Where an entity has moved, what made room for it may be told later than where it went.
-void AttrLogReplica::put(Place const& place, Entity& member) {
-    In key = place.keyIn();
-    auto const makeRoom = [&] {
-        for (Ptr<Entity> above = place.entity; above; above = above->parent())
-            if (above == &member) throw StreamException("an entity within itself", 0);
-        if (member.parent() && place.entity != member.parent()) detach(member);
-    };
-    if (place.attribute->kind == StreamKind::instances) makeRoom();
+void AttrLogReplica::put(Place const& place, EntityId id, Entity& member) {
+    bool const makes = place.attribute->kind == StreamKind::instances;
+    if (makes && !makeRoom(place, id, member)) return;
     try {
-        place.attribute->memberIs(*place.entity, key, member);
+        place.replacementIs(member);
     } catch (StreamException const&) {
         throw;
     } catch (RangeException const&) {
-        for (Ptr<Entity> above = place.entity; above; above = above->parent())
-            if (above->parent() == &member) detach(*above);
-        makeRoom();
-        In again = place.keyIn();
-        place.attribute->memberIs(*place.entity, again, member);
+        if (makes) throw;
+        if (!makeRoom(place, id, member)) return;
+        place.replacementIs(member);
+    }
+}
+
+// Takes the member out of where it was. When its new owner is still within it, one of the owners between them has left
+// the next, and which one is not known before it is told: the member waits for that.
+bool AttrLogReplica::makeRoom(Place const& place, EntityId id, Entity& member) {
+    if (place.entity == &member) throw StreamException(circular, 0);
+    if (isWithin(*place.entity, member)) {
+        blocked_.insert_or_assign(id, Blocked{place.id, place.attribute->id, std::string(place.keyText())});
+        return false;
+    }
+    if (member.parent() && place.entity != member.parent()) detach(member);
+    return true;
+}
+
+// Puts members where they could not go before, as far as they can now.
+void AttrLogReplica::putBlocked() {
+    for (auto at = blocked_.begin(); at != blocked_.end();) {
+        auto const owner = known_.find(at->second.owner);
+        Entity* const member = entity(at->first);
+        if (owner != known_.end() && member && isWithin(*owner->second.entity, *member)) {
+            ++at;
+            continue;
+        }
+        auto const taken = blocked_.extract(at);
+        if (owner != known_.end() && member) {
+            Blocked const& to = taken.mapped();
+            Place place{to.owner, owner->second.entity, owner->second.table->find(to.attribute)};
+            place.keyTextIs(to.key);
+            Ptr<Entity> const keep(member);
+            put(place, taken.key(), *member);
+        }
+        at = blocked_.begin();  // which may have made room for others
     }
 }
 
@@ -351,9 +426,10 @@ void AttrLogReplica::keyDel(In& body) {
     Place const place = this->place(body);
     needEnd(body);
     if (!place.attribute->isCollection()) throw StreamException("a key of what is no collection", 0);
-    mentioned(place);
+    told(place);
     if (place.attribute->kind == StreamKind::values) return valueDel(place);
-    place.del();
+    if (place.there()) place.del();
+    putBlocked();
 }
 
 void AttrLogReplica::keyValue(Place const& place, In& body) {
@@ -388,6 +464,7 @@ void AttrLogReplica::gone(In& body) {
     keys_ -= known(id).keys;
     ids_.erase(entity.get());
     known_.erase(id);
+    blocked_.erase(id);
 }
 
 void AttrLogReplica::synced() {
@@ -396,14 +473,17 @@ void AttrLogReplica::synced() {
         auto const owner = known_.find(at.first);
         if (owner == known_.end()) continue;
         Place place{at.first, owner->second.entity, owner->second.table->find(at.second)};
+        StreamAdapter::needInactive(*place.entity);
         for (std::string const& key : keys) {
-            place.key = {reinterpret_cast<U8 const*>(key.data()), key.size()};
+            place.keyTextIs(key);
             if (place.attribute->kind == StreamKind::values)
                 valueDel(place);
-            else
+            else if (place.there())
                 place.del();
         }
     }
+    putBlocked();
+    if (!blocked_.empty()) throw StreamException(circular, 0);
     stateIs(State::synced);
 }
 

@@ -83,8 +83,12 @@ private:
     Place place(NboAttrLog::In& body);
     Ptr<Entity> rootOf(VelType type, bool& isNew);
     Ptr<Entity> announced(VelType type, Place const& place, String const& name, bool& isNew);
+    Ptr<Entity> instantiate(VelType type, Place const& place, String const& name, Entity* there);
     bool checkEphemeralEntityDeletion(Place const& place, Entity* there);
-    void put(Place const& place, Entity& member);
+    void put(Place const& place, EntityId id, Entity& member);
+    bool makeRoom(Place const& place, EntityId id, Entity& member);
+    void told(Place const& place);
+    void putBlocked();
     void valueDel(Place const& place);
     void bind(EntityId id, Ptr<Entity> entity, bool isNew);
     void mentioned(Place const& place);
@@ -106,6 +110,13 @@ private:
     std::size_t keys_ = 0;  // of all known entities
     // Keys that were there before and have not been mentioned yet.
     std::map<std::pair<EntityId, AttributeId>, std::set<std::string, std::less<>>> unmentioned_;
+    // Members that can't go yet where the source has them, for here their new owner is still within them.
+    struct Blocked {
+        EntityId owner;
+        AttributeId attribute;
+        std::string key;
+    };
+    std::map<EntityId, Blocked> blocked_;  // by the member; each has one owner
 };
 
 }  // namespace Vel

@@ -127,7 +127,10 @@ void FlowConnection::announce(Adapter& adapter, Via const& via) {
     announced_.add(adapter.slot());
     notBegun_.add(adapter.slot());
     waiting_.push_back(adapter.id());
-    if (instantiated) instantiatedIs(adapter, *via.parent);
+    if (!instantiated) return;
+    instantiatedIs(adapter, *via.parent);
+    // The owner's collection has been told of in part: the owner's flow begins, for whoever deletes the member to flag.
+    if (isNotBegun(*via.parent)) flowIs(*via.parent, FlowOut::fromStart);
 }
 
 bool FlowConnection::isInstantiatedBy(Adapter const& member, Adapter const& owner) const {

@@ -96,7 +96,7 @@ private:
 
     StreamDemuxer* demuxer_;  // null until it is known
     SlotSet announced_;
-    SlotSet notBegun_;      // announced, and to be sent as a whole
+    SlotSet notBegun_;      // announced, to be sent as a whole, and no member of its collections has been told of
     SlotSet instantiated_;  // announced through the collection of its owner (Adapter::owner)
     std::vector<bool> typesTold_;
     std::deque<EntityId> waiting_;                             // each at most once: not begun, or with a flow

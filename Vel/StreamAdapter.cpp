@@ -26,10 +26,37 @@ FlowOut& StreamAdapter::flowOut(FlowConnection& connection) {
     return connection.flowIs(static_cast<Entity::VelNboAttrLogSa&>(*this), FlowOut::fromEnd);
 }
 
-void StreamAdapter::onAttributeForConnection(AttributeId id, In& in) {
+// Of the entity, and not of one adapter: what a source writes may be a replica, and have several sources. Whoever writes
+// stands in a list, which is empty but while a message is written.
+class StreamAdapter::Active {
+public:
+    explicit Active(Entity const& entity) : entity_(entity), before_(innermost_) { innermost_ = this; }
+    Active(Active const&) = delete;
+    Active& operator=(Active const&) = delete;
+    ~Active() { innermost_ = before_; }
+
+    static bool is(Entity const& entity) {
+        for (Active const* at = innermost_; at; at = at->before_)
+            if (&at->entity_ == &entity) return true;
+        return false;
+    }
+
+private:
+    Entity const& entity_;
+    Active const* before_;
+    static constinit thread_local Active const* innermost_;
+};
+constinit thread_local StreamAdapter::Active const* StreamAdapter::Active::innermost_ = nullptr;
+
+void StreamAdapter::needInactive(Entity const& entity) {
+    bool const _isActive = Active::is(entity);
     if (_isActive)
         assertionFailed("!_isActive", "/src/Vel/StreamAdapter", __LINE__,
-            "void Vel::StreamAdapter::onAttributeForConnection(Vel::AttributeId, Vel::NboAttrLog::In&)");
+            "static void Vel::StreamAdapter::needInactive(const Vel::Entity&)");
+}
+
+void StreamAdapter::onAttributeForConnection(AttributeId id, In& in) {
+    needInactive(entity_);
     StreamAttribute const* const attribute = table_.find(id);
     if (!attribute || attribute->kind != StreamKind::value)
         throw StreamException(format("%s has no value attribute %u", entity_.fwkType().name(), id), in.offset());
@@ -140,13 +167,13 @@ void Sa::handlePtrSerialization(StreamAttribute const& attribute, Entity* target
 }
 
 void Sa::handleCollectionKeySerialization(StreamAttribute const& attribute, std::string_view key, bool flowingOut) {
-    Active const active(*this);
+    Active const active(entity());
     FlowConnection* const connection = flowingOut ? streamDemuxer().flowing() : streamDemuxer().live();
     if (connection) connection->sendKey(*this, attribute, key, false);
 }
 
 void Sa::handleAttributeSerialization(StreamAttribute const& attribute, bool flowingOut) {
-    Active const active(*this);
+    Active const active(entity());
     if (attribute.kind == StreamKind::value)
         attribute.serialize(*this, attribute.id, entity(), flowingOut);
     else
@@ -197,7 +224,7 @@ AttributeId Sa::continueFlowOut(FlowConnection& connection, FlowOut& flow, Attri
 }
 
 AttributeId Sa::flowOutCollection(FlowConnection& connection, FlowOut& flow, StreamAttribute const& attribute) {
-    Active const active(*this);
+    Active const active(entity());
     if (!flow.velHasSynced(attribute.id)) {
         if (!flow.bookmark()) flow.bookmarkIs(std::unique_ptr<NboAttrLog::Bookmark>(attribute.bookmark(entity())));
         Out key;

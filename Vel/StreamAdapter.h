@@ -32,21 +32,15 @@ public:
     EntityId owner() const { return owner_; }
     void ownerIs(EntityId id) { owner_ = id; }
 
-    // Applies an attribute that came in. REQUIRES: it is not being written out at the same time ("!_isActive").
+    // Applies an attribute that came in. REQUIRES: as needInactive().
     void onAttributeForConnection(AttributeId id, NboAttrLog::In& in);
 
-protected:
-    // While an attribute is written, nothing may be applied.
-    class Active {
-    public:
-        explicit Active(StreamAdapter& adapter) : adapter_(adapter) { ++adapter_._isActive; }
-        Active(Active const&) = delete;
-        Active& operator=(Active const&) = delete;
-        ~Active() { --adapter_._isActive; }
+    // Called before whatever came in is applied to the entity, by a source and by a replica. REQUIRES: the entity is not
+    // being written out at the same time ("!_isActive"), by whatever source.
+    static void needInactive(Entity const& entity);
 
-    private:
-        StreamAdapter& adapter_;
-    };
+protected:
+    class Active;  // an entity is being written out
 
 private:
     StreamDemuxer& demuxer_;
@@ -55,7 +49,6 @@ private:
     EntityId id_;
     U32 slot_;
     EntityId owner_ = 0;
-    U32 _isActive = 0;
 };
 
 // Writes the attributes of one entity of a source: one that has changed to the log that readers share, or those that are

@@ -113,6 +113,7 @@ struct StreamAttribute {
     Entity* (*member)(Entity const& entity, NboAttrLog::In& key);  // or null
     void (*memberIs)(Entity& entity, NboAttrLog::In& key, Entity& member);
     Entity* (*memberNew)(Entity& entity, NboAttrLog::In& key);  // of instances
+    bool adopts;                                                // of instances: memberIs takes what was made elsewhere
     bool keyIsName;                                             // members have their keys as names
     // Of values:
     bool (*holds)(Entity const& entity, NboAttrLog::In& key);

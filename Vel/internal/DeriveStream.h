@@ -109,6 +109,8 @@ template <class T, class A> struct StreamedMembers : StreamedKeys<T, A> {
     template <class M> static E& memberOf(M const& m) {
         if constexpr (requires { m.second; })
             return *const_cast<E*>(static_cast<E const*>(m.second.get()));
+        else if constexpr (requires { m.value; })
+            return *const_cast<E*>(static_cast<E const*>(m.value.get()));
         else
             return *const_cast<E*>(static_cast<E const*>(m.get()));
     }
@@ -200,6 +202,7 @@ template <class T, class A> constexpr void fillCollection(StreamAttribute& row) 
         row.member = &F::member;
         row.memberIs = &F::memberIs;
         row.memberNew = &F::memberNew;
+        if constexpr (A::members == Members::instances) row.adopts = given<A::adopt>;
         row.keyIsName = K::keyIsText;
     }
 }

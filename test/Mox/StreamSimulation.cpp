@@ -436,4 +436,4 @@ void run(U64 seed) {
 }  // namespace Simulation
 
 VEL_MODULE(
-    Simulation, bbdf5879f6f57c68, Simulation::Thing, Simulation::Trie, StreamTest::Entry, StreamTest::ValueTable);
+    Simulation, 7f996407f927a998, Simulation::Thing, Simulation::Trie, Shelf, StreamTest::Entry, StreamTest::ValueTable);

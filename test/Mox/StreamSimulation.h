@@ -2,6 +2,7 @@
 
 #include "../Vel/StreamTools.h"
 #include "../Vel/ValueTable.h"
+#include "Shelf.h"
 #include "Mox/Generation.h"
 #include "Mox/PrefixTrie.h"
 

@@ -172,7 +172,8 @@ public:
                     keys->next(key);
                     In in(key.bytes());
                     In name(key.bytes());
-                    members[name.nextString().stdString()] = attribute.member(entity, in);
+                    members[attribute.keyIsName ? name.nextString().stdString() : hex(key.bytes())] =
+                        attribute.member(entity, in);
                 }
                 for (auto const& [key, member] : members)
                     text +=

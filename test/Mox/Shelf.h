@@ -1,0 +1,59 @@
+#pragma once
+
+#include "Vel/Entity.h"
+#include "Vel/HashMap.h"
+#include "Vel/OrderedMap.h"
+
+// An entity with two collections of entities that others own: under keys of their own choice, and under numbers. Putting
+// a member where another is replaces it, and tells observers once.
+class Shelf : public Vel::EntityOf<Shelf> {
+    using Member = Vel::Ptr<Vel::Entity>;
+
+public:
+    explicit Shelf(Vel::String const& name) : EntityOf(name) {}
+
+    Member item(std::string_view key) const {
+        Member const* const found = items_.find(key);
+        return found ? *found : nullptr;
+    }
+    void itemIs(Vel::String const& key, Member const& member) {
+        if (item(key) == member) return;
+        items_.set(key, member);
+        velNotify(itemAttribute, key);
+    }
+    void itemDel(std::string_view key) {
+        Vel::String const kept(key);
+        if (items_.erase(key)) velNotify(itemAttribute, kept);
+    }
+    Vel::U32 items() const { return static_cast<Vel::U32>(items_.size()); }
+
+    Member rank(Vel::U8 key) const {
+        Member const* const found = ranks_.find(key);
+        return found ? *found : nullptr;
+    }
+    void rankIs(Vel::U8 key, Member const& member) {
+        if (rank(key) == member) return;
+        ranks_.set(key, member);
+        velNotify(rankAttribute, key);
+    }
+    void rankDel(Vel::U8 key) {
+        if (ranks_.erase(key)) velNotify(rankAttribute, key);
+    }
+    void cut() {  // of what may lead in circles
+        items_.clear();
+        ranks_.clear();
+    }
+
+    static constexpr auto description() {
+        return Vel::entity("Simulation::Shelf",
+            Vel::references<&Shelf::items_>(
+                Vel::collection<Vel::String, Member, &Shelf::item, &Shelf::itemIs, &Shelf::itemDel>("item")),
+            Vel::references<&Shelf::ranks_>(
+                Vel::collection<Vel::U8, Member, &Shelf::rank, &Shelf::rankIs, &Shelf::rankDel>("rank")));
+    }
+    static constexpr Vel::AttributeId itemAttribute = 258, rankAttribute = 259;
+
+private:
+    Vel::HashMap<Vel::String, Member> items_;
+    Vel::OrderedMap<Vel::U8, Member> ranks_;
+};
