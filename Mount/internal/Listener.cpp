@@ -7,7 +7,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <optional>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Mount {
@@ -16,21 +15,16 @@ namespace {
 
 constexpr int atOnce = 64;  // connections, before others have their turn
 
-std::pair<dev_t, ino_t> fileAt(String const& path) {
-    struct stat found {};
-    if (::stat(path.charPtr(), &found) != 0) return {};
-    return {found.st_dev, found.st_ino};
-}
-
 }  // namespace
 
 Listener::Listener(asio::io_context& context, Address const& address, SocketAddress const& where, U32 mode)
     : address_(address),
       family_(where.family()),
-      socket_(context, listenAt(address, where, mode).release()),
+      file_(family_ == AF_UNIX ? std::make_unique<SocketFile>(address) : nullptr),
+      socket_(context, listenAt(address, where).release()),
       timer_(context) {
-    if (family_ == AF_UNIX) {
-        file_ = fileAt(address.path());
+    if (file_) {
+        file_->listen(socket_.native_handle(), mode);
         return;
     }
     SocketAddress bound;
@@ -49,7 +43,7 @@ void Listener::start(Accepted accepted) {
 
 void Listener::stop() {
     if (!socket_.is_open()) return;
-    if (family_ == AF_UNIX && fileAt(address_.path()) == file_) ::unlink(address_.path().charPtr());
+    file_ = nullptr;
     std::error_code ignored;
     socket_.close(ignored);
     timer_.cancel();

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Mount/internal/Socket.h"
+#include "Mount/internal/SocketFile.h"
 
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/steady_timer.hpp>
@@ -19,7 +19,7 @@ public:
     ~Listener();
 
     void start(Accepted accepted);
-    void stop();  // also takes the file of a Unix socket away, unless somebody else has made one there since
+    void stop();                                         // also takes the file of a Unix socket away
     Address const& address() const { return address_; }  // with the port
 
 private:
@@ -28,10 +28,10 @@ private:
 
     Address address_;
     int family_;
+    std::unique_ptr<SocketFile> file_;  // of a Unix socket
     asio::posix::stream_descriptor socket_;
     asio::steady_timer timer_;
     Accepted accepted_;
-    std::pair<dev_t, ino_t> file_{};  // of a Unix socket
 };
 
 }  // namespace Mount

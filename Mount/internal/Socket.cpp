@@ -11,7 +11,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <pwd.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -93,41 +92,14 @@ void checkAddress(Address const& address, PeerOptions const& options, std::span<
 
 // --- listening ---
 
-namespace {
-
-// Nobody listens at a socket's file that refuses connections: its owner is gone without having removed it. So does any
-// other file, which is somebody's.
-bool isLeftBehind(String const& path, SocketAddress const& where) {
-    struct stat found {};
-    if (::lstat(path.charPtr(), &found) != 0 || !S_ISSOCK(found.st_mode)) return false;
-    Descriptor const probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    return probe.get() >= 0 && ::connect(probe.get(), where.get(), where.length) != 0 && errno == ECONNREFUSED;
-}
-
-void bindUnix(Address const& address, int socket, SocketAddress const& where, U32 mode) {
-    int bound = ::bind(socket, where.get(), where.length);
-    if (bound != 0 && errno == EADDRINUSE) {
-        if (!isLeftBehind(address.path(), where)) throw Vel::ErrnoException(EADDRINUSE, address.text());
-        ::unlink(address.path().charPtr());
-        bound = ::bind(socket, where.get(), where.length);
-    }
-    // Nobody can connect before it listens, so there is no moment with another mode.
-    if (bound != 0 || ::chmod(address.path().charPtr(), mode) != 0) throwErrno(address);
-}
-
-}  // namespace
-
-Descriptor listenAt(Address const& address, SocketAddress const& where, U32 mode) {
+Descriptor listenAt(Address const& address, SocketAddress const& where) {
     Descriptor socket(::socket(where.family(), SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (socket.get() < 0) throwErrno(address);
-    if (where.family() == AF_UNIX) {
-        bindUnix(address, socket.get(), where, mode);
-    } else {
-        int const yes = 1;
-        ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-        if (where.family() == AF_INET6) ::setsockopt(socket.get(), IPPROTO_IPV6, IPV6_V6ONLY, &yes, sizeof yes);
-        if (::bind(socket.get(), where.get(), where.length) != 0) throwErrno(address);
-    }
+    if (where.family() == AF_UNIX) return socket;
+    int const yes = 1;
+    ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    if (where.family() == AF_INET6) ::setsockopt(socket.get(), IPPROTO_IPV6, IPV6_V6ONLY, &yes, sizeof yes);
+    if (::bind(socket.get(), where.get(), where.length) != 0) throwErrno(address);
     if (::listen(socket.get(), SOMAXCONN) != 0) throwErrno(address);
     return socket;
 }
@@ -139,6 +111,16 @@ uid_t userOf(int unixSocket) {
     socklen_t size = sizeof credentials;
     if (::getsockopt(unixSocket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return static_cast<uid_t>(-1);
     return credentials.uid;
+}
+
+std::string peerOf(int socket) {
+    SocketAddress peer;
+    peer.length = sizeof peer.storage;
+    ::getpeername(socket, reinterpret_cast<sockaddr*>(&peer.storage), &peer.length);
+    auto const bytes = [](void const* at, std::size_t size) { return std::string(static_cast<char const*>(at), size); };
+    if (peer.family() == AF_INET) return bytes(&as<sockaddr_in>(peer.storage).sin_addr, 4);
+    if (peer.family() == AF_INET6) return bytes(&as<sockaddr_in6>(peer.storage).sin6_addr, 8);
+    return "user " + std::to_string(userOf(socket));
 }
 
 String userName(uid_t user) {

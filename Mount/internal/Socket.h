@@ -5,6 +5,7 @@
 
 #include <optional>
 #include <span>
+#include <string>
 #include <sys/socket.h>
 #include <sys/types.h>
 #include <vector>
@@ -53,13 +54,15 @@ std::vector<SocketAddress> resolve(Address const& address, bool forServer);
 // Checks that plain TCP stays on this machine, and that there are files for TLS.
 void checkAddress(Address const& address, PeerOptions const& options, std::span<SocketAddress const> found);
 
-// A socket that listens, does not block, and is not inherited. Throws ErrnoException that names the address.
-Descriptor listenAt(Address const& address, SocketAddress const& where, U32 mode);
+// A socket that does not block, and is not inherited. It listens, unless it is a Unix socket, which its SocketFile makes
+// listen. Throws ErrnoException that names the address.
+Descriptor listenAt(Address const& address, SocketAddress const& where);
 
 // --- who is there ---
 
-uid_t userOf(int unixSocket);  // who connected to it, or listens
-String userName(uid_t user);   // its number when it has no name
+uid_t userOf(int unixSocket);    // who connected to it, or listens
+std::string peerOf(int socket);  // whose connection it is: the user, or the address, of IPv6 the network's
+String userName(uid_t user);     // its number when it has no name
 // Users by name or number. Throws RangeException for a name that nobody has.
 std::vector<uid_t> usersOf(std::vector<String> const& names);
 

@@ -1,6 +1,7 @@
 #include "MountFixture.h"
 
 #include "../Mox/StreamSimulation.h"
+#include "Vel/Exception.h"
 
 #include <deque>
 
@@ -154,6 +155,58 @@ TEST_F(KilledProcessesTest, CopiesAreEqualToTheSourceInTheEnd) {
         }
         if (round % 8 != 0 && round != rounds) continue;
         ASSERT_NO_FATAL_FAILURE(expectSameTrees(processes));
+    }
+}
+
+// --- many servers at one place ---
+
+// Waits for a byte, tries to serve, and says how that went; serves until it is killed.
+void beRival(int socket, Address const& address) {
+    char go = 0;
+    if (::read(socket, &go, 1) != 1) return;
+    Loop loop;
+    Server server(loop, Dir::newEntity("served"));
+    try {
+        server.listen(address);
+    } catch (Vel::ErrnoException const& error) {
+        return say(socket, error.error() == EADDRINUSE ? "n" : "?");
+    }
+    say(socket, "y");
+    loop.run();
+}
+
+class RivalsTest : public SharedTest {
+protected:
+    // The process that listens at the address; -1: none.
+    pid_t listener() {
+        RawPeer peer(address());
+        ucred credentials{};
+        socklen_t size = sizeof credentials;
+        bool const knows = ::getsockopt(peer.socket(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0;
+        return peer.isConnected() && knows ? credentials.pid : -1;
+    }
+};
+
+TEST_F(RivalsTest, OfManyServersThatStartAtOnceOneServesAndTheOthersSaySo) {
+    unsigned long const rounds = setting("MOX_RIVAL_ROUNDS", 60);
+    for (unsigned long round = 0; round < rounds; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        std::vector<std::unique_ptr<Child>> rivals;
+        for (int i = 0; i < 6; ++i)
+            rivals.push_back(std::make_unique<Child>([this](int socket) { beRival(socket, address()); }));
+        for (auto const& rival : rivals) say(rival->socket(), "g");
+        pid_t serving = -1;
+        for (auto const& rival : rivals) {
+            char answer = 0;
+            ASSERT_EQ(::read(rival->socket(), &answer, 1), 1);
+            if (answer == 'n') continue;
+            ASSERT_EQ(answer, 'y');
+            ASSERT_EQ(serving, -1) << "two say that they serve";
+            serving = rival->id();
+        }
+        ASSERT_NE(serving, -1) << "nobody serves";
+        ASSERT_EQ(listener(), serving);
+        // All are killed, and what they leave behind is in the way of the next ones, or not.
     }
 }
 

@@ -87,6 +87,7 @@ public:
     ~RawPeer() { close(); }
 
     bool isConnected() const { return isConnected_; }
+    int socket() const { return fd_; }
     // How many went: fewer when the other side does not read, or is gone.
     std::size_t send(std::span<U8 const> bytes) {
         ssize_t const sent = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -149,6 +150,7 @@ public:
     ~Child() { kill(); }
 
     int socket() const { return socket_; }
+    pid_t id() const { return id_; }
     void signal(int number) const { ::kill(id_, number); }
     void kill() {
         if (id_ <= 0) return;

@@ -4,6 +4,7 @@
 
 #include <fstream>
 
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -122,12 +123,93 @@ TEST_F(ServerSocketTest, TheFileGoesWithTheServer) {
 TEST_F(ServerSocketTest, AFileThatSomebodyElseHasMadeSinceStays) {
     std::optional<Server> server(std::in_place, loop, served);
     server->listen(address());
-    ASSERT_EQ(::rename(folder.path("socket").charPtr(), folder.path("moved").charPtr()), 0);
+    for (std::string const file : {"socket", "socket.lock"})
+        ASSERT_EQ(::rename(folder.path(file).charPtr(), folder.path("moved-" + file).charPtr()), 0);
     Server other(loop, served);
     other.listen(address());
     server.reset();
     EXPECT_TRUE(exists(address()));
+    EXPECT_TRUE(exists(address("socket.lock")));
     EXPECT_TRUE(isServed(address()));
+}
+
+// A server that is about to listen has no socket yet, and its lock only.
+TEST_F(ServerSocketTest, ASocketWhoseLockIsHeldIsNotTakenOver) {
+    leaveSocketAt(address());
+    int const lock = ::open(folder.path("socket.lock").charPtr(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_EQ(::flock(lock, LOCK_EX), 0);
+    EXPECT_EQ(refusal(address()), address().text() + ": Address already in use (EADDRINUSE)");
+    EXPECT_TRUE(exists(address()));
+    ::close(lock);
+    EXPECT_EQ(refusal(address()), "listens at " + address().text().stdString());
+}
+
+TEST_F(ServerSocketTest, ALockThatWasLeftBehindMeansNothing) {
+    std::ofstream(folder.path("socket.lock").charPtr()) << "";
+    ASSERT_EQ(::chmod(folder.path("socket.lock").charPtr(), 0600), 0);
+    {
+        Server server(loop, served);
+        server.listen(address());
+        EXPECT_TRUE(isServed(address()));
+        EXPECT_TRUE(exists(address("socket.lock")));
+    }
+    EXPECT_FALSE(exists(address("socket.lock"))) << "it goes with the server";
+}
+
+// A process that was forked while a server listened has the lock, too, for as long as it lives.
+TEST_F(ServerSocketTest, AChildThatLivesOnKeepsNoSocketFromTheNextServer) {
+    std::optional<Server> server(std::in_place, loop, served);
+    server->listen(address());
+    Child child([](int socket) {
+        char c = 0;
+        EXPECT_EQ(::read(socket, &c, 1), 0) << "until the test is over";
+    });
+    server.reset();
+    EXPECT_EQ(refusal(address()), "listens at " + address().text().stdString());
+}
+
+TEST_F(ServerSocketTest, ALockThatCannotBeTakenIsNamed) {
+    ASSERT_EQ(::symlink("elsewhere", folder.path("socket.lock").charPtr()), 0);
+    EXPECT_EQ(refusal(address()), address().text() + ".lock: " + Vel::ErrnoException(ELOOP).text());
+    EXPECT_FALSE(exists(address("elsewhere")));
+}
+
+TEST_F(ServerSocketTest, AFolderThatCannotBeWrittenToIsAnError) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can be another user";
+    ASSERT_EQ(::chmod(folder.path(".").charPtr(), 0755), 0);
+    Child child([&](int socket) {
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0) return say(socket, "can't be another user");
+        say(socket, refusal(address()));
+    });
+    EXPECT_EQ(child.said(), address().text() + ": Permission denied (EACCES)");
+}
+
+// The name that a socket has before it listens.
+TEST_F(ServerSocketTest, ASocketThatNeverGotItsNameIsInNobodysWay) {
+    leaveSocketAt(address("socket~"));
+    Server server(loop, served);
+    server.listen(address());
+    EXPECT_FALSE(exists(address("socket~")));
+    EXPECT_TRUE(isServed(address()));
+}
+
+TEST_F(ServerSocketTest, AFileThatHasTheFirstNameStays) {
+    std::ofstream(folder.path("socket~").charPtr()) << "precious";
+    EXPECT_EQ(refusal(address()), address().text() + "~: Address already in use (EADDRINUSE)");
+    std::ifstream file(folder.path("socket~").charPtr());
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "precious");
+    EXPECT_FALSE(exists(address()));
+    EXPECT_FALSE(exists(address("socket.lock")));
+}
+
+TEST_F(ServerSocketTest, TheLongestPathIsServedAndTakenOver) {
+    std::string const folderPath = folder.path("").stdString();
+    Address const longest = address(std::string(107 - folderPath.size(), 'p'));
+    leaveSocketAt(longest);
+    Server server(loop, served);
+    server.listen(longest);
+    EXPECT_TRUE(isServed(longest));
+    EXPECT_EQ(refusal(longest), longest.text() + ": Address already in use (EADDRINUSE)");
 }
 
 TEST_F(ServerSocketTest, APathThatDoesNotFitIsRefused) {
