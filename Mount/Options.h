@@ -24,16 +24,19 @@ struct PeerOptions {
     std::vector<String> users{};  // of a Unix socket, by name or number; none: this process's user, and root
     std::vector<String> names{};  // of certificates; none: all that the authority has signed
     TlsFiles tls{};
-    Milliseconds helloTimeout{10'000};  // until the first message
-    Milliseconds idleTimeout{30'000};   // without a byte; after a third of it the other side is asked for one
+    Milliseconds helloTimeout{10'000};  // until the first message has come wholly, handshakes included
+    Milliseconds idleTimeout{30'000};   // without a byte that comes, after a third of which the other side is asked for
+                                        // one; or without a byte that is taken, where some wait to be
 };
 
 struct ServerOptions {
     Vel::AttrLogSource::Options source{};  // the log, what readers may write, bounds on what they may send
     PeerOptions peer{};
     std::vector<String> writers{};   // who may write if source.mayWrite, as in PeerOptions; none: all who may connect
-    std::size_t connections = 1024;  // more are refused
-    U32 socketMode = 0;              // of a Unix socket's file; 0: 0600, or 0666 when `users` says who may connect
+    std::size_t connections = 1024;  // that have said hello; more are refused
+    std::size_t newcomers =
+        64;              // that have not; when there is another, the peer that has most of them loses its oldest
+    U32 socketMode = 0;  // of a Unix socket's file; 0: 0600, or 0666 when `users` says who may connect
     Milliseconds statusInterval{1000};  // how often what has changed of the status is published
 };
 

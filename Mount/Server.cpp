@@ -19,7 +19,6 @@ using Vel::format;
 
 namespace {
 
-constexpr std::size_t refusalsAtOnce = 16;
 constexpr std::size_t usersRemembered = 1000;
 
 }  // namespace
@@ -33,6 +32,8 @@ public:
           server_(std::move(root), options_.source),
           timer_(loop.context()),
           status_(ServerStatus::newEntity(String("server"))) {
+        memory_.limit = options_.source.limits.memory;
+        memory_.exceeded = [this] { freeMemory(); };
         if (users_.empty()) users_ = {::geteuid(), 0};
         if (!options_.writers.empty()) writerUsers_ = usersThere(options_.writers);
         if (options_.socketMode == 0) options_.socketMode = options_.peer.users.empty() ? 0600 : 0666;
@@ -51,13 +52,18 @@ private:
     struct Served {
         std::shared_ptr<Connection> connection;
         std::unique_ptr<Vel::StreamPeer> reader;
+        std::string peer;  // whose it is, as far as that is known
         bool isRefused = false;
     };
 
     static std::vector<uid_t> usersThere(std::vector<String> const& names);
     void accepted(Descriptor socket, int family, Address::Kind kind);
     Vel::StreamPeer& ready(Connection& connection, std::optional<uid_t> user);
+    String admission(Connection& connection);
     void ended(Connection& connection, String const& error);
+    void refuse(Connection& connection, String const& reason);
+    Connection* newcomerToGo() const;
+    void freeMemory();
     bool mayWrite(String const& name, std::optional<uid_t> user) const;
     String const& nameOf(uid_t user);
     void scheduleStatus();
@@ -73,7 +79,8 @@ private:
     std::vector<std::shared_ptr<Listener>> listeners_;
     String addresses_;  // of all of them
     std::map<Connection*, Served> connections_;
-    std::size_t refusing_ = 0;  // of them, those that are being told so
+    std::vector<Connection*> newcomers_;  // of them, those that have not said hello, or not with success; oldest first
+    SharedMemory memory_;
     asio::steady_timer timer_;
     Vel::Ptr<ServerStatus> status_;
     U64 accepted_ = 0;
@@ -140,52 +147,84 @@ void Server::Impl::close() {
 
 void Server::Impl::accepted(Descriptor socket, int family, Address::Kind kind) {
     ++accepted_;
-    // Each of those that are refused is told so, but not any number of them at a time.
-    if (connections_.size() >= options_.connections + refusalsAtOnce) {
-        ++refused_;
-        return;
-    }
+    std::string const peer = peerOf(socket.get());
     std::optional<uid_t> user;
     if (family == AF_UNIX) user = userOf(socket.get());
     auto channel = kind == Address::Kind::tls ? tls_->channel(socket.get(), String())
                                               : plainChannel(socket.get(), user ? nameOf(*user) : String());
     Connection::Socket connected(loop_.context(), asio::generic::stream_protocol(family, 0), socket.release());
-    auto const connection = std::make_shared<Connection>(std::move(connected), std::move(channel), options_.peer);
-    connections_[connection.get()].connection = connection;
+    auto const connection =
+        std::make_shared<Connection>(std::move(connected), std::move(channel), options_.peer, &memory_);
+    connections_[connection.get()] = {connection, nullptr, peer};
+    newcomers_.push_back(connection.get());
     auto const self = shared_from_this();
     connection->start([self, user](Connection& c) -> Vel::StreamPeer& { return self->ready(c, user); },
         [self](Connection& c, String const& error) { self->ended(c, error); });
+    // After the start, since most have said hello by the time that they are accepted.
+    if (newcomers_.size() > std::max<std::size_t>(options_.newcomers, 1))
+        refuse(*newcomerToGo(), format("too many connections say no hello: more than %zu", options_.newcomers));
 }
 
 Vel::StreamPeer& Server::Impl::ready(Connection& connection, std::optional<uid_t> user) {
     String const& name = connection.peerName();
     auto& served = connections_[&connection];
-    auto& reader = served.reader;
-    reader = server_.newReader(mayWrite(name, user));
-    if (user && std::find(users_.begin(), users_.end(), *user) == users_.end()) {
-        served.isRefused = true;
-        reader->refuse("user " + name + " may not connect");
-    } else if (connections_.size() - refusing_ > options_.connections) {
-        served.isRefused = true;
-        reader->refuse(format("there are %zu connections already", options_.connections));
-    }
-    if (served.isRefused) {
-        ++refused_;
-        ++refusing_;
-    }
-    return *reader;
+    if (!user && !name.empty()) served.peer = "certificate of " + name.stdString();
+    served.reader = server_.newReader(mayWrite(name, user), [this, &connection] { return admission(connection); });
+    if (user && std::find(users_.begin(), users_.end(), *user) == users_.end())
+        served.reader->refuse("user " + name + " may not connect");
+    return *served.reader;
+}
+
+// Those who are refused stay newcomers while they are told.
+String Server::Impl::admission(Connection& connection) {
+    if (connections_.size() - newcomers_.size() >= options_.connections)
+        return format("the server has %zu connections already", options_.connections);
+    std::erase(newcomers_, &connection);
+    return {};
 }
 
 void Server::Impl::ended(Connection& connection, String const& error) {
     bytesInBefore_ += connection.bytesIn();
     bytesOutBefore_ += connection.bytesOut();
+    Served const& served = connections_[&connection];
     if (!error.empty()) {
-        ++failed_;
+        bool const isRefused = served.isRefused || (served.reader && served.reader->hasRefused());
+        ++(isRefused ? refused_ : failed_);
         lastError_ = error;
         if (!connection.peerName().empty()) lastError_ = connection.peerName() + ": " + error;
     }
-    if (connections_[&connection].isRefused) --refusing_;
+    std::erase(newcomers_, &connection);
     connections_.erase(&connection);
+}
+
+// --- too much ---
+
+// Ends it for the sake of others.
+void Server::Impl::refuse(Connection& connection, String const& reason) {
+    std::erase(newcomers_, &connection);
+    Served& served = connections_[&connection];
+    served.isRefused = true;
+    auto const kept = served.connection;  // while it ends
+    kept->refuse(reason);
+}
+
+// The oldest of the peer that has most: whoever else comes finds room.
+Connection* Server::Impl::newcomerToGo() const {
+    std::map<std::string_view, std::size_t> counts;
+    auto const peerAt = [&](Connection* c) { return std::string_view(connections_.find(c)->second.peer); };
+    for (Connection* const c : newcomers_) ++counts[peerAt(c)];
+    return *std::max_element(newcomers_.begin(), newcomers_.end(),
+        [&](Connection* a, Connection* b) { return counts[peerAt(a)] < counts[peerAt(b)]; });
+}
+
+void Server::Impl::freeMemory() {
+    while (memory_.held > memory_.limit) {
+        auto const most = std::max_element(connections_.begin(), connections_.end(),
+            [](auto const& a, auto const& b) { return a.first->held() < b.first->held(); });
+        if (most == connections_.end() || most->first->held() == 0) return;
+        refuse(*most->first,
+            format("the connections of the server hold more than %zu bytes, and this one most of them", memory_.limit));
+    }
 }
 
 // Where users are kept elsewhere, asking for a name takes its time.

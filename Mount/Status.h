@@ -18,11 +18,12 @@ public:
     void addressIs(String const& v) { velSet<&ServerStatus::address_>(v); }
     U32 connections() const { return connections_; }  // now
     void connectionsIs(U32 v) { velSet<&ServerStatus::connections_>(v); }
-    U64 accepted() const { return accepted_; }  // connections, those refused included
+    U64 accepted() const { return accepted_; }  // connections, whatever became of them
     void acceptedIs(U64 v) { velSet<&ServerStatus::accepted_>(v); }
-    U64 refused() const { return refused_; }  // by who they were, or since there were too many
+    // That the server turned away: for who they were, for what they asked, or for the sake of others. They have ended.
+    U64 refused() const { return refused_; }
     void refusedIs(U64 v) { velSet<&ServerStatus::refused_>(v); }
-    U64 failed() const { return failed_; }  // that ended by an error
+    U64 failed() const { return failed_; }  // that ended by any other error
     void failedIs(U64 v) { velSet<&ServerStatus::failed_>(v); }
     U64 bytesIn() const { return bytesIn_; }
     void bytesInIs(U64 v) { velSet<&ServerStatus::bytesIn_>(v); }

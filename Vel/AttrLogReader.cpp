@@ -1,6 +1,7 @@
 #include "Vel/AttrLogReader.h"
 
 #include "Vel/Exception.h"
+#include "Vel/PeerText.h"
 
 #include <algorithm>
 
@@ -12,8 +13,12 @@ using NboAttrLog::In;
 using NboAttrLog::MessageKind;
 using NboAttrLog::nextCompact;
 
-AttrLogReader::AttrLogReader(Finder finder, StreamLimits const& limits, bool mayWrite)
-    : StreamPeer(limits), FlowConnection(nullptr), finder_(std::move(finder)), mayWrite_(mayWrite) {}
+AttrLogReader::AttrLogReader(Finder finder, StreamLimits const& limits, bool mayWrite, Admission admission)
+    : StreamPeer(limits),
+      FlowConnection(nullptr),
+      finder_(std::move(finder)),
+      admission_(std::move(admission)),
+      mayWrite_(mayWrite) {}
 
 AttrLogReader::~AttrLogReader() { leave(); }
 
@@ -62,13 +67,17 @@ void AttrLogReader::hello(In& body) {
     if (count > limits().modules) throw StreamException(format("%u modules are too many", count), body.offset());
     for (U32 i = 0; i < count; ++i) {
         String const name = body.nextString();
-        modules_[name.stdString()] = body.nextU64();
+        auto const [at, isNew] = modules_.try_emplace(name.stdString());
+        at->second = body.nextU64();
+        if (isNew) modulesHeld_ += sizeof *at + 4 * sizeof(void*) + name.size();
     }
     if (body.left() != 0) throw StreamException("a hello with bytes behind its end", body.offset());
     if (version != streamVersion)
-        return refuse(format("version %u of the protocol is wanted, and %u is spoken", version, streamVersion));
+        return refuse(
+            format("the client speaks version %u of the protocol, and the server version %u", version, streamVersion));
     AttrLogSource* const source = finder_(path);
-    if (!source) return refuse("there is nothing at " + valueToStrep(path));
+    if (!source) return refuse("there is nothing at '" + peerText(path.view()) + "'");
+    if (String const why = admission_ ? admission_() : String(); !why.empty()) return refuse(why);
     bool const wanted = wantsOutput();
     source_ = source;
     demuxerIs(*source);
@@ -110,10 +119,10 @@ bool AttrLogReader::accepts(VelType type, String& reason) const {
         String const module = part.moduleName();
         auto const found = modules_.find(module.stdString());
         if (found == modules_.end())
-            reason = format(
-                "module %s, fingerprint %016lx here, is missing there", module.charPtr(), part.moduleFingerprint());
+            reason = format("the server has module %s, fingerprint %016lx, and the client has no such module",
+                module.charPtr(), part.moduleFingerprint());
         else if (found->second != part.moduleFingerprint())
-            reason = format("module %s has fingerprint %016lx here and %016lx there", module.charPtr(),
+            reason = format("module %s has fingerprint %016lx at the server and %016lx at the client", module.charPtr(),
                 part.moduleFingerprint(), found->second);
         return reason.empty();
     });

@@ -15,13 +15,17 @@ class VEL_API AttrLogReader final : public StreamPeer, public NboAttrLog::FlowCo
 public:
     using Finder = std::function<AttrLogSource*(String const& path)>;
 
+    using Admission = std::function<String()>;
+
     // `finder` gives the source for the path that the reader asks for, or null. `mayWrite`: if the source lets anybody.
-    AttrLogReader(Finder finder, StreamLimits const& limits, bool mayWrite);
+    // `admission` is asked before a hello is answered: a text refuses the reader.
+    AttrLogReader(Finder finder, StreamLimits const& limits, bool mayWrite, Admission admission = nullptr);
     ~AttrLogReader() override;
 
     std::span<U8 const> output(std::size_t limit) override;
     void outputTaken(std::size_t count) override;
     bool wantsOutput() const override;
+    std::size_t held() const override { return StreamPeer::held() + modulesHeld_; }
     void closed(String const& reason) override;
 
     bool isLive() const { return isLive_; }
@@ -46,12 +50,14 @@ private:
     void flagMessage(std::span<U8 const> message, std::unordered_set<EntityId> const& announced);
 
     Finder finder_;
+    Admission admission_;
     AttrLogSource* source_ = nullptr;
     std::unordered_map<std::string, U64> modules_;  // the reader's, with fingerprints
     std::vector<EntityId> gone_;                    // to be told when all else is sent
     std::shared_ptr<NboAttrLog::Out const> kept_;   // the chunk that the last output stands in
     NboAttrLog::AttrLog::Position position_;
     String refusal_;
+    std::size_t modulesHeld_ = 0;  // bytes of modules_
     std::size_t room_ = 0;
     std::size_t outstanding_ = 0;  // bytes of the log that the last output() gave and that were not taken
     bool isLive_ = false;

@@ -2,6 +2,7 @@
 
 #include "Vel/Exception.h"
 #include "Vel/Module.h"
+#include "Vel/PeerText.h"
 #include "Vel/StreamAdapter.h"
 #include "Vel/StreamProtocol.h"
 
@@ -148,11 +149,12 @@ void AttrLogReplica::type(In& body) {
     if (types_.size() >= limits().types) throw StreamException("the source has too many types", 0);
     VelType const type = Registry::type(name);
     if (!type || !type.isEntity() || !type.glue().stream)
-        throw StreamException(format("no module here has the entity type %s", valueToStrep(name).charPtr()), 0);
+        throw StreamException("no module of the client has the entity type '" + peerText(name.view()) + "'", 0);
     if (!(module == type.moduleName()) || fingerprint != type.moduleFingerprint())
         throw StreamException(
-            format("%s comes from module %s, fingerprint %016lx, there and from %s, %016lx, here", name.charPtr(),
-                module.charPtr(), fingerprint, String(type.moduleName()).charPtr(), type.moduleFingerprint()),
+            format("%s comes from module %s, fingerprint %016lx, at the server and from %s, %016lx, at the client",
+                type.name(), peerText(module.view()).charPtr(), fingerprint, String(type.moduleName()).charPtr(),
+                type.moduleFingerprint()),
             0);
     if (!types_.try_emplace(index, type).second) throw StreamException(format("type %u is there already", index), 0);
 }

@@ -203,9 +203,9 @@ U64 AttrLogServer::coalesced() const {
     return sum;
 }
 
-std::unique_ptr<StreamPeer> AttrLogServer::newReader(bool mayWrite) {
+std::unique_ptr<StreamPeer> AttrLogServer::newReader(bool mayWrite, std::function<String()> admission) {
     return std::make_unique<AttrLogReader>(
-        [this](String const& path) { return source(path); }, options_.limits, mayWrite);
+        [this](String const& path) { return source(path); }, options_.limits, mayWrite, std::move(admission));
 }
 
 }  // namespace Vel

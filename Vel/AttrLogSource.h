@@ -115,7 +115,9 @@ public:
     explicit AttrLogServer(Ptr<Entity> root, AttrLogSource::Options const& options = AttrLogSource::Options());
     ~AttrLogServer();
 
-    std::unique_ptr<StreamPeer> newReader(bool mayWrite = true);  // as a source's; must not outlive the server
+    // As a source's; must not outlive the server. `admission` is asked when a hello is about to be answered: a text
+    // refuses the reader, who is told.
+    std::unique_ptr<StreamPeer> newReader(bool mayWrite = true, std::function<String()> admission = nullptr);
     // What readers of the path share; null: there is no entity. Checks all paths first, as every reader's hello does.
     // Lasts until a check finds another entity, or none, at the path, or nobody who reads it.
     AttrLogSource* source(String const& path);

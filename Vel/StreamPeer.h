@@ -9,12 +9,18 @@
 namespace Vel {
 
 // Bounds on what a peer may ask for.
+//
+// The first message of either side is a hello or a welcome, and has a bound of its own, since nothing is known of who sends
+// it. 1024 modules take 12 bytes each and their names, so that names of 50 bytes fit, and a path.
 struct StreamLimits {
     std::size_t frame = 16u << 20;     // bytes of one message behind its length; bounds every string in it too
     std::size_t entities = 16u << 20;  // known at one time
     std::size_t types = 4096;
-    std::size_t modules = 4096;    // of a hello
-    std::size_t keys = 64u << 20;  // in collections of values, known at one time
+    std::size_t hello = 64u << 10;    // bytes of the first message behind its length
+    std::size_t modules = 1024;       // of a hello
+    std::size_t answers = 4096;       // bytes of answers to pings that the other side has not taken
+    std::size_t memory = 256u << 20;  // bytes held for all peers of a server, which whoever carries them looks after
+    std::size_t keys = 64u << 20;     // in collections of values, known at one time
 };
 
 // One side of a connection: bytes in, bytes out. Whatever carries the bytes calls this and nothing else:
@@ -42,17 +48,21 @@ public:
     // The connection is gone. Empty: in good order.
     virtual void closed(String const& reason);
 
-    bool isClosing() const { return closing_; }  // to be closed when all output is sent; no input is looked at
+    bool isGreeted() const { return isGreeted_; }  // the other side's first message, a hello or a welcome, was taken in
+    bool isClosing() const { return closing_; }    // to be closed when all output is sent; no input is looked at
     String const& error() const { return error_; }
     // Called once when there is output again after wantsOutput() was false: out of a mutator of some entity, so it may
     // note that for later, and no more.
     void wakeIs(std::function<void()> wake) { wake_ = std::move(wake); }
 
     void refuse(String const& reason);                         // closing, with this error, and the other side is told
-    void ping(U32 token);                                      // the other side answers by itself
+    bool hasRefused() const { return hasRefused_; }            // the other side was told why not
+    void ping(U32 token);                                      // the other side answers by itself, once it is greeted
     U32 pongs() const { return pongs_; }                       // answers that came
     U64 messagesIn() const { return messagesIn_; }             // applied
     std::size_t inputHeld() const { return pending_.size(); }  // bytes of a message that has not come wholly
+    // Bytes of memory that the connection takes: of a message that has not come wholly, and of what waits to be sent.
+    virtual std::size_t held() const { return pending_.capacity() + control_.size() + out_.size(); }
     StreamLimits const& limits() const { return limits_; }
 
 protected:
@@ -78,14 +88,22 @@ private:
     NboAttrLog::BufferSm control_;
     std::size_t inputFrames(std::span<U8 const> bytes);
     void inputMessage(std::span<U8 const> message);
+    void completeMessage(std::span<U8 const>& bytes);
+    void answerPing(U32 token);
+    void pendingIs(std::span<U8 const> bytes);
 
     StreamLimits limits_;
     std::vector<U8> pending_;
     std::function<void()> wake_;
     String error_;
     U64 messagesIn_ = 0;
+    U64 outTaken_ = 0;         // bytes of out_, since the beginning
+    U64 answersEnd_ = 0;       // where in it the last answer to a ping ends
+    std::size_t answers_ = 0;  // bytes of answers to pings, until all are taken
     U32 pongs_ = 0;
     bool closing_ = false;
+    bool isGreeted_ = false;
+    bool hasRefused_ = false;
 };
 
 }  // namespace Vel

@@ -85,10 +85,9 @@ std::chrono::nanoseconds secondsFrom(double seconds) {
 
 std::string adviceFor(std::string_view error) {
     auto const has = [&](std::string_view part) { return error.find(part) != std::string_view::npos; };
-    if (has("no module here has the entity type") || has("is missing there"))
+    if (has("no module of the client has the entity type") || has("the client has no such module"))
         return "; --module LIB.so loads a library of further types";
-    if (has(" and from ") || (has("fingerprint") && has(" there")))
-        return "; this tool and the server are of different versions";
+    if (has("fingerprint") && has(" at the client")) return "; this tool and the server are of different versions";
     return "";
 }
 

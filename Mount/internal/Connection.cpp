@@ -10,7 +10,8 @@ namespace Mount {
 namespace {
 
 constexpr std::size_t bufferSize = 256u << 10;
-constexpr std::size_t turn = 1u << 20;  // bytes either way before others have theirs
+constexpr std::size_t scarceSize = 16u << 10;  // of output, when others need the memory
+constexpr std::size_t turn = 1u << 20;         // bytes either way before others have theirs
 constexpr std::chrono::seconds finishTime{1};
 
 // Room for what comes in. One for all connections of the thread, as long as none of them runs the loop from within.
@@ -32,8 +33,13 @@ private:
 
 }  // namespace
 
-Connection::Connection(Socket socket, std::unique_ptr<Channel> channel, PeerOptions const& options)
-    : socket_(std::move(socket)), channel_(std::move(channel)), timer_(socket_.get_executor()), options_(options) {}
+Connection::Connection(
+    Socket socket, std::unique_ptr<Channel> channel, PeerOptions const& options, SharedMemory* memory)
+    : socket_(std::move(socket)),
+      channel_(std::move(channel)),
+      timer_(socket_.get_executor()),
+      options_(options),
+      memory_(memory) {}
 Connection::~Connection() = default;
 
 // Does some work for which the peer may be called, and ends afterwards if it has come to that.
@@ -43,6 +49,7 @@ template <class Work> void Connection::run(Work work) {
     bool const wasBusy = std::exchange(isBusy_, true);
     try {
         if (!isToEnd_) work();
+        if (!wasBusy && !isToEnd_ && peer_) heldIs(peer_->held());
     } catch (std::exception const& error) {  // of an observer, or no memory: nothing can be told to whoever waits
         endLater(error.what());
     }
@@ -57,7 +64,7 @@ template <class Work> void Connection::run(Work work) {
 void Connection::start(Ready ready, Ended ended) {
     ready_ = std::move(ready);
     ended_ = std::move(ended);
-    startedAt_ = heardAt_ = Clock::now();
+    startedAt_ = heardAt_ = takenAt_ = Clock::now();
     scheduleTick(std::min<Clock::duration>(options_.helloTimeout, options_.idleTimeout / 3));
     run([this] { handshake(); });
 }
@@ -66,6 +73,15 @@ void Connection::close(String const& reason) {
     run([&] {
         endLater(reason);
         if (peer_) peer_->refuse(reason);  // so that no message is applied after this one
+    });
+}
+
+void Connection::refuse(String const& reason) {
+    run([&] {
+        if (peer_) peer_->refuse(reason);
+        if (peer_ && sendAwaits_ == Awaits::nothing) send();
+        endLater(reason);
+        heldIs(0);
     });
 }
 
@@ -86,7 +102,6 @@ void Connection::handshake() {
     if (outcome.result == Channel::Result::failed) return endLater(channel_->error());
     phase_ = Phase::carrying;
     peer_ = &ready_(*this);
-    messagesBefore_ = peer_->messagesIn();
     peer_->wakeIs([this] { wake(); });
     send();
     receive();
@@ -123,7 +138,8 @@ void Connection::send() {
     for (std::size_t sent = 0; !isOver();) {
         if (sent >= turn) return wake();
         if (outgoing_.empty()) {
-            outgoing_ = peer_->output(bufferSize);
+            bool const isScarce = memory_ && memory_->held > memory_->limit / 2;
+            outgoing_ = peer_->output(isScarce ? scarceSize : bufferSize);
             checkClosing();
             if (outgoing_.empty()) {
                 if (phase_ == Phase::finishing) channel_->finish();
@@ -201,25 +217,41 @@ void Connection::scheduleTick(Clock::duration time) {
 
 void Connection::tick() {
     if (phase_ == Phase::finishing) return endLater(peer_->error());
-    // What has come while the process was busy counts, although its turn would be only after this.
+    // What has come or could go while the process was busy counts, although its turn would be only after this.
     if (phase_ == Phase::carrying && receiveAwaits_ == Awaits::toRead) receive();
+    if (phase_ == Phase::carrying && sendAwaits_ == Awaits::toWrite && !isOver()) send();
     if (isOver() || phase_ == Phase::finishing) return;
     auto const now = Clock::now();
-    auto const seconds = [](Milliseconds time) { return Vel::valueToStrep(static_cast<double>(time.count()) / 1000); };
-    bool const knows = phase_ == Phase::carrying && peer_->messagesIn() != messagesBefore_;
-    if (!knows && now - startedAt_ >= options_.helloTimeout)
-        return endLater("not a word came within " + seconds(options_.helloTimeout) + " s");
-    if (bytesIn_ != bytesInHeard_) {
-        bytesInHeard_ = bytesIn_;
-        heardAt_ = now;
-    } else if (now - heardAt_ >= options_.idleTimeout) {
-        return endLater("nothing came for " + seconds(options_.idleTimeout) + " s");
-    }
-    if (knows && now - heardAt_ >= options_.idleTimeout / 3) peer_->ping(0);
-    auto next = heardAt_ + options_.idleTimeout;
-    if (!knows) next = std::min(next, startedAt_ + options_.helloTimeout);
+    if (String const late = lateness(now); !late.empty()) return endLater(late);
+    if (knows() && now - heardAt_ >= options_.idleTimeout / 3) peer_->ping(0);
+    auto next = std::min(heardAt_, takenAt_) + options_.idleTimeout;
+    if (!knows()) next = std::min(next, startedAt_ + options_.helloTimeout);
     next = std::min<Clock::time_point>(next, now + options_.idleTimeout / 3);
     scheduleTick(std::max<Clock::duration>(next - now, std::chrono::milliseconds(1)));
+}
+
+// What the other side has waited too long with. That it sends is no sign that it takes what is sent to it.
+String Connection::lateness(Clock::time_point now) {
+    auto const in = [](Milliseconds time) {
+        return Vel::valueToStrep(static_cast<double>(time.count()) / 1000) + " s";
+    };
+    if (!knows() && now - startedAt_ >= options_.helloTimeout)
+        return "not a word came within " + in(options_.helloTimeout);
+    if (std::exchange(bytesInHeard_, bytesIn_) != bytesIn_) heardAt_ = now;
+    if (std::exchange(bytesOutTaken_, bytesOut_) != bytesOut_ || outgoing_.empty()) takenAt_ = now;
+    if (now - heardAt_ >= options_.idleTimeout) return "nothing came for " + in(options_.idleTimeout);
+    if (now - takenAt_ >= options_.idleTimeout) return "nothing was taken for " + in(options_.idleTimeout);
+    return {};
+}
+
+// --- memory ---
+
+void Connection::heldIs(std::size_t held) {
+    if (!memory_) return;
+    bool const isMore = held > held_;
+    memory_->held += held - held_;
+    held_ = held;
+    if (isMore && memory_->held > memory_->limit) memory_->exceeded();
 }
 
 // --- the end ---
@@ -231,6 +263,7 @@ void Connection::endLater(String const& reason) {
 void Connection::end() {
     phase_ = Phase::ended;
     timer_.cancel();
+    heldIs(0);
     std::error_code ignored;
     socket_.close(ignored);
     if (peer_) {

@@ -124,13 +124,18 @@ TEST_F(HostilePeerTest, WhatIsWrongIsToldAndCounted) {
         Message bytes;
         char const* error;
     };
-    Message huge{0x80, 1, 0x86, 0xa1};
+    Message const huge{0x80, 1, 0x86, 0xa1};
     Message const hello = helloFor("");
+    Message hugeLater = hello;
+    hugeLater.insert(hugeLater.end(), huge.begin(), huge.end());
     Message twice = hello;
     twice.insert(twice.end(), hello.begin(), hello.end());
     Case const cases[] = {
         {{0}, "a message without a kind"},
-        {huge, "a message of 100001 bytes, where at most 100000 are taken"},
+        {huge, "a message of 100001 bytes, where at most 65536 are taken"},
+        {hugeLater, "a message of 100001 bytes, where at most 100000 are taken"},
+        {message({12, 0, 0, 0, 1}), "no message of kind 12 comes first"},
+        {message({13, 0, 0, 0, 1}), "no message of kind 13 comes first"},
         {message({3}), "a reader sends no message of kind 3 now"},
         {message({200}), "a reader sends no message of kind 200 now"},
         {message({1, 0, 0, 0, 0}), "not an attribute log"},
@@ -219,11 +224,12 @@ TEST_F(HostilePeerTest, APeerThatNeverReadsCostsNoQueue) {
     here->entryDel("reading");
 }
 
-// Pings are answered; the answers that nobody takes are bounded by the size of a message.
+// Pings are answered; of answers that nobody takes there are a few thousand bytes, wherever they wait.
 TEST_F(HostilePeerTest, APeerThatPingsAndNeverReadsIsLeft) {
     RawPeer peer(address(), 4096);
     sendAll(peer, helloFor(""));
     ASSERT_TRUE(until([&] { return server->connections() == 1; }));
+    std::size_t const before = allocated();
     Message pings;
     for (int i = 0; i < 1000; ++i) {
         Message const ping = message({12, 0, 0, 0, 1});
@@ -237,9 +243,91 @@ TEST_F(HostilePeerTest, APeerThatPingsAndNeverReadsIsLeft) {
             isLeft = server->connections() == 0;
             return rest.empty() || isLeft;
         }));
+        EXPECT_LT(allocated(), before + 200'000);
     }
     EXPECT_TRUE(until([&] { return server->connections() == 0; }));
     EXPECT_NE(lastError().find("pings come faster than their answers are taken"), std::string::npos) << lastError();
+}
+
+// What 16 peers announce is 64 times what the server has for all of them.
+TEST_F(HostilePeerTest, PartsOfMessagesAreBoundedForAllPeersTogether) {
+    auto const several = Dir::newEntity("several");
+    Server::Options options = quickServer();
+    options.source.limits.memory = 1u << 20;
+    options.source.limits.frame = 4u << 20;
+    Server small(loop, several, options);
+    small.listen(address("small"));
+    std::size_t const before = allocated();
+    std::deque<RawPeer> peers;
+    Message const hello = helloFor("");
+    Message part{0x80, 0x40, 0, 0, 11};  // a write of 4 MiB
+    part.resize(300'000);
+    for (int i = 0; i < 16; ++i) {
+        peers.emplace_back(address("small"));
+        sendAll(peers.back(), hello);
+        sendAll(peers.back(), part);
+        EXPECT_LT(allocated(), before + (3u << 20));
+    }
+    ASSERT_TRUE(until([&] { return small.status()->refused() >= 13; }));
+    EXPECT_GE(small.connections(), 1u);
+    EXPECT_TRUE(small.status()->error().view().ends_with(
+        "the connections of the server hold more than 1048576 bytes, and this one most of them"))
+        << small.status()->error();
+    EXPECT_EQ(small.status()->failed(), 0u);
+}
+
+// The one that holds most goes, not the one whose byte was too much.
+TEST_F(HostilePeerTest, WhoeverHoldsMostGoesFirst) {
+    Server::Options options = quickServer();
+    options.source.limits.memory = 1u << 20;
+    Server small(loop, served, options);
+    small.listen(address("small"));
+    Message part{0x80, 0x40, 0, 0, 11};
+    RawPeer greedy(address("small"));
+    RawPeer modest(address("small"));
+    for (RawPeer* const peer : {&greedy, &modest}) sendAll(*peer, helloFor(""));
+    part.resize(900'000);
+    sendAll(greedy, part);
+    part.resize(200'000);
+    sendAll(modest, part);
+    ASSERT_TRUE(untilSeen([&] { return greedy.isClosed(); }));
+    EXPECT_NE(greedy.received().find("and this one most of them"), std::string::npos) << "it is told";
+    EXPECT_FALSE(modest.isClosed());
+    EXPECT_EQ(small.connections(), 1u);
+}
+
+// What has been given back counts no more.
+TEST_F(HostilePeerTest, MemoryIsThereForTheNext) {
+    Server::Options options = quickServer();
+    options.source.limits.memory = 1u << 20;
+    Server small(loop, served, options);
+    small.listen(address("small"));
+    Message part{0x80, 0x40, 0, 0, 11};
+    part.resize(900'000);
+    for (int i = 0; i < 5; ++i) {
+        RawPeer peer(address("small"));
+        sendAll(peer, helloFor(""));
+        sendAll(peer, part);
+        peer.close();
+        ASSERT_TRUE(until([&] { return small.connections() == 0; }));
+    }
+    EXPECT_TRUE(until([&] { return small.status()->failed() == 5; }));
+    EXPECT_EQ(small.status()->refused(), 0u);
+}
+
+// A status is what is served, too; so are those who mount it.
+TEST_F(HostilePeerTest, TextsOfAPeerAreCutBeforeTheyAreServed) {
+    served->entryIs(server->status());
+    Client client(loop, address(), here, "status", quick("server"));
+    ASSERT_TRUE(client.sync(enough)) << client.error();
+    auto const copy = Vel::ptr_cast<Mount::ServerStatus>(here->entry("status"));
+    RawPeer peer(address());
+    sendAll(peer, helloFor(String("\x1b" + std::string(60'000, 'x'))));
+    ASSERT_TRUE(until([&] { return !copy->error().empty(); }));
+    std::string_view const error = copy->error();
+    EXPECT_EQ(error.substr(error.find(": ") + 2), "there is nothing at '\\x1b" + std::string(249, 'x') + "...'");
+    served->entryDel("server");
+    here->entryDel("status");
 }
 
 // --- servers ---

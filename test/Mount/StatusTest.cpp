@@ -40,6 +40,27 @@ TEST_F(StatusTest, AServerTellsWhatItHasDone) {
     EXPECT_EQ(status->accepted(), 1u);
 }
 
+// A connection that has ended was refused, or failed, or neither, and never both.
+TEST_F(StatusTest, EndsAreCountedOnce) {
+    Server server(loop, served, quickServer());
+    auto const status = server.status();
+    server.listen(address());
+    auto const ended = [&](Message const& bytes) {
+        RawPeer peer(address());
+        EXPECT_EQ(peer.send(bytes), bytes.size());
+        peer.finish();
+        U64 const before = status->accepted();
+        EXPECT_TRUE(untilSeen([&] { return peer.isClosed(); }));
+        EXPECT_TRUE(until([&] { return status->accepted() > before && status->connections() == 0; }));
+        return std::vector<U64>{status->accepted(), status->refused(), status->failed()};
+    };
+    EXPECT_EQ(ended(helloFor("g")), (std::vector<U64>{1, 0, 0}));
+    EXPECT_EQ(status->error(), "");
+    EXPECT_EQ(ended(helloFor("none")), (std::vector<U64>{2, 1, 0}));
+    EXPECT_EQ(ended({1, 3}), (std::vector<U64>{3, 1, 1}));
+    EXPECT_EQ(ended({3, 1}), (std::vector<U64>{4, 1, 2})) << "cut within a message";
+}
+
 TEST_F(StatusTest, BothSidesCountTheSameBytes) {
     Server server(loop, served, quickServer());
     server.listen(address());
@@ -56,6 +77,24 @@ TEST_F(StatusTest, BothSidesCountTheSameBytes) {
     EXPECT_GT(c->bytesIn(), c->bytesOut());
     EXPECT_EQ(c->messages(), client.replica().messagesIn());
     EXPECT_EQ(c->entities(), 2u);
+}
+
+TEST_F(StatusTest, BytesOfAllConnectionsOfAClientCount) {
+    std::optional<Server> server(std::in_place, loop, served);
+    server->listen(address());
+    Client client(loop, address(), here, "copy", quick());
+    ASSERT_TRUE(client.sync(enough));
+    auto const status = client.status();
+    ASSERT_TRUE(until([&] { return status->bytesIn() != 0 && status->bytesOut() != 0; }));
+    U64 const in = status->bytesIn();
+    U64 const out = status->bytesOut();
+    server.reset();
+    ASSERT_TRUE(until([&] { return status->state() == "stale"; }));
+    EXPECT_GE(status->bytesIn(), in) << "also while there is no connection";
+    server.emplace(loop, served);
+    server->listen(address());
+    ASSERT_TRUE(client.sync(enough));
+    ASSERT_TRUE(until([&] { return status->bytesIn() >= 2 * in && status->bytesOut() >= 2 * out; }));
 }
 
 TEST_F(StatusTest, AClientTellsItsStory) {

@@ -222,11 +222,20 @@ TEST_F(HostileSourceTest, NothingComesBeforeTheWelcome) {
 }
 
 TEST_F(HostileSourceTest, LengthBeyondTheLimitIsRefusedBeforeAnythingIsKept) {
+    sendTypes();
     expectRefused({0xbf, 0xff, 0xff, 0xff}, "a message of 1073741823 bytes, where at most 16777216 are taken");
     EXPECT_EQ(replica.inputHeld(), 0u);
 }
 
+TEST_F(HostileSourceTest, FirstMessageIsNoLongerThanAHello) {
+    send({0x80, 0x01, 0x00, 0x00, 0x02});
+    EXPECT_FALSE(replica.isClosing());
+    replica.connected();
+    expectRefused({0x80, 0x01, 0x00, 0x01}, "a message of 65537 bytes, where at most 65536 are taken");
+}
+
 TEST_F(HostileSourceTest, LengthIsOf62BitsAtMost) {
+    sendTypes();
     send({0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff});
     EXPECT_FALSE(replica.isClosing());
     expectRefused({0xff}, "a message of 4611686018427387903 bytes, where at most 16777216 are taken");
@@ -294,15 +303,40 @@ TEST_F(HostileSourceTest, TypeWithAnotherFingerprintIsRefusedByName) {
     String const here = Vel::format("%016lx", Vel::typeOf<Dir>().moduleFingerprint());
     expectRefused(message(MessageKind::type,
                       [](Out& out) { out << Compact{0} << String("Vel::Dir") << String("Dir") << Vel::U64(0x12); }),
-        "Vel::Dir comes from module Dir, fingerprint 0000000000000012, there and from Dir, " + here.stdString() +
-            ", here");
+        "Vel::Dir comes from module Dir, fingerprint 0000000000000012, at the server and from Dir, " +
+            here.stdString() + ", at the client");
 }
 
 TEST_F(HostileSourceTest, TypeOfNoModuleIsRefused) {
     send(message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; }));
     expectRefused(message(MessageKind::type,
                       [](Out& out) { out << Compact{0} << String("No::Such") << String("No") << Vel::U64(0x12); }),
-        "no module here has the entity type 'No::Such'");
+        "no module of the client has the entity type 'No::Such'");
+}
+
+TEST_F(HostileSourceTest, NamesAreCutAndCleanedInErrors) {
+    send(message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; }));
+    std::string const name = "\x1b[2J" + std::string(5'000'000, 'x');
+    expectRefused(message(MessageKind::type,
+                      [&](Out& out) { out << Compact{0} << String(name) << String("No") << Vel::U64(0x12); }),
+        "no module of the client has the entity type '\\x1b[2J" + std::string(246, 'x') + "...'");
+}
+
+TEST_F(HostileSourceTest, NameOfAModuleIsCutAndCleanedInErrors) {
+    send(message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; }));
+    String const here = Vel::format("%016lx", Vel::typeOf<Dir>().moduleFingerprint());
+    String const module(std::string(5'000'000, 'x'));
+    expectRefused(message(MessageKind::type,
+                      [&](Out& out) { out << Compact{0} << String("Vel::Dir") << module << Vel::U64(0x12); }),
+        "Vel::Dir comes from module " + std::string(253, 'x') +
+            "..., fingerprint 0000000000000012, at the server and from Dir, " + here.stdString() + ", at the client");
+}
+
+TEST_F(HostileSourceTest, RefusalIsCutAndCleaned) {
+    std::string const reason = "\x1b[2J" + std::string(5'000'000, 'x');
+    send(message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; }));
+    expectRefused(message(MessageKind::refused, [&](Out& out) { out << String(reason); }),
+        "refused: \\x1b[2J" + std::string(246, 'x') + "...");
 }
 
 TEST_F(HostileSourceTest, EntitiesAreLimited) {
@@ -344,15 +378,87 @@ TEST_F(HostileSourceTest, EveryCutOfAMessageWaitsForTheRest) {
 
 // --- pings ---
 
-TEST(StreamPeerTest, AnswersPingsAtAnyTime) {
+TEST(StreamPeerTest, AnswersPingsAtAnyTimeOnceItIsGreeted) {
     Pair pair(Dir::newEntity("d"));
     pair.connect();
+    pair.reader->input(takeOutput(pair.replica));
+    EXPECT_TRUE(pair.reader->isGreeted());
+    EXPECT_FALSE(pair.replica.isGreeted());
     pair.reader->ping(5);
     pair.replica.ping(6);
     pair.run();
     EXPECT_EQ(pair.reader->pongs(), 1u);
     EXPECT_EQ(pair.replica.pongs(), 1u);
     EXPECT_EQ(pair.replica.state(), Vel::AttrLogReplica::State::synced);
+}
+
+TEST(StreamPeerTest, HelloComesBeforePingsAndTheirAnswers) {
+    for (MessageKind const kind : {MessageKind::ping, MessageKind::pong}) {
+        Pair pair(Dir::newEntity("d"));
+        pair.connect();
+        pair.reader->input(message(kind, [](Out& out) { out << U32(1); }));
+        EXPECT_EQ(pair.reader->error(), Vel::format("no message of kind %u comes first", static_cast<U32>(kind)));
+        EXPECT_FALSE(pair.reader->wantsOutput());
+        EXPECT_FALSE(pair.reader->isGreeted());
+    }
+}
+
+TEST(StreamPeerTest, PingWithBytesBehindItsEndIsRefused) {
+    Pair pair(Dir::newEntity("d"));
+    pair.connect();
+    pair.run();
+    pair.reader->input(message(MessageKind::ping, [](Out& out) { out << U32(1) << false; }));
+    EXPECT_EQ(pair.reader->error(), "a message with bytes behind its end");
+}
+
+// 4096 bytes of them, of 6 each, wherever they wait.
+TEST(StreamPeerTest, AnswersThatNobodyTakesAreFew) {
+    Pair pair(Dir::newEntity("d"));
+    pair.connect();
+    pair.run();
+    Bytes const ping = message(MessageKind::ping, [](Out& out) { out << U32(1); });
+    int answered = 0;
+    while (!pair.reader->isClosing() && answered < 10'000) {
+        pair.reader->input(ping);
+        pair.reader->output(1);
+        ++answered;
+    }
+    EXPECT_EQ(answered, 4096 / 6 + 1);
+    EXPECT_EQ(pair.reader->error(), "pings come faster than their answers are taken");
+    EXPECT_LT(pair.reader->held(), 10'000u);
+}
+
+TEST(StreamPeerTest, AnswersThatAreTakenMayBeMany) {
+    Pair pair(Dir::newEntity("d"));
+    pair.connect();
+    pair.run();
+    for (U32 token = 0; token < 5000; ++token) {
+        pair.replica.ping(token);
+        pair.run();
+    }
+    EXPECT_EQ(pair.replica.pongs(), 5000u);
+    EXPECT_EQ(pair.reader->error(), "");
+}
+
+// What is held is what has come, not what is announced; and nothing is kept when the message is complete.
+TEST(StreamPeerTest, MessageHoldsWhatHasComeOfIt) {
+    Pair pair(Dir::newEntity("d"));
+    pair.connect();
+    pair.run();
+    std::size_t const before = pair.reader->held();
+    Bytes const large = message(MessageKind::write, [](Out& out) {
+        out << Compact{1000} << Compact{258};
+        out.append(1'000'000);
+    });
+    std::span<Vel::U8 const> const bytes = large;
+    pair.reader->input(bytes.first(10));
+    EXPECT_LE(pair.reader->held(), before + 10);
+    pair.reader->input(bytes.subspan(10, 600'000));
+    EXPECT_LE(pair.reader->held(), before + large.size());
+    EXPECT_GE(pair.reader->held(), before + 600'010);
+    pair.reader->input(bytes.subspan(600'010));
+    EXPECT_EQ(pair.reader->error(), "");
+    EXPECT_EQ(pair.reader->held(), before);
 }
 
 TEST(StreamPeerTest, PingDoesNotCutAMessageInTwo) {

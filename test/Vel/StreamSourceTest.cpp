@@ -2,6 +2,7 @@
 #include "StreamTools.h"
 #include "Vel/Exception.h"
 #include "Vel/Module.h"
+#include "Vel/StreamProtocol.h"
 
 namespace {
 
@@ -284,7 +285,8 @@ TEST_F(StreamSourceTest, ReaderWithAnotherFingerprintIsRefusedByName) {
     Strings const sent = told(takeOutput(*reader));
     EXPECT_TRUE(reader->isClosing());
     std::string const here = Vel::format("%016lx", Vel::typeOf<Leaf>().moduleFingerprint()).stdString();
-    std::string const reason = "module Fixtures has fingerprint " + here + " here and 0000000000001234 there";
+    std::string const reason =
+        "module Fixtures has fingerprint " + here + " at the server and 0000000000001234 at the client";
     EXPECT_EQ(sent.back(), "refused " + reason);
     EXPECT_EQ(reader->error(), reason.c_str());
     for (std::string const& message : sent) EXPECT_EQ(message.find("Fixture::"), std::string::npos) << message;
@@ -295,8 +297,9 @@ TEST_F(StreamSourceTest, ReaderWithoutAModuleIsRefusedWhenTheTypeComes) {
     auto const reader = pair.source.newReader();
     reader->input(hello(false, {{"Fixtures", 0}}));
     EXPECT_EQ(told(takeOutput(*reader)).back(),
-        "refused module Fixtures, fingerprint " +
-            Vel::format("%016lx", Vel::typeOf<Leaf>().moduleFingerprint()).stdString() + " here, is missing there");
+        "refused the server has module Fixtures, fingerprint " +
+            Vel::format("%016lx", Vel::typeOf<Leaf>().moduleFingerprint()).stdString() +
+            ", and the client has no such module");
 }
 
 TEST_F(StreamSourceTest, AnotherVersionIsRefused) {
@@ -304,7 +307,8 @@ TEST_F(StreamSourceTest, AnotherVersionIsRefused) {
     bytes[bytes.size() - Vel::NboAttrLog::messageBody(bytes).size() + 4 + 1] = 9;  // behind the magic
     auto const reader = pair.source.newReader();
     reader->input(bytes);
-    EXPECT_EQ(told(takeOutput(*reader)), Strings{"refused version 9 of the protocol is wanted, and 1 is spoken"});
+    EXPECT_EQ(told(takeOutput(*reader)),
+        Strings{"refused the client speaks version 9 of the protocol, and the server version 1"});
 }
 
 TEST_F(StreamSourceTest, BytesThatAreNoHelloCloseTheConnection) {
@@ -379,6 +383,61 @@ TEST(StreamServerTest, PathWithoutAnEntityIsRefused) {
     reader->input(takeOutput(replica));
     replica.input(takeOutput(*reader));
     EXPECT_EQ(replica.error(), "refused: there is nothing at '/d'");
+}
+
+TEST(StreamServerTest, PathIsCutAndCleanedInTheRefusal) {
+    Vel::AttrLogServer server(Dir::newEntity("root"));
+    std::string const path = "a'\n" + std::string(50'000, 'x');
+    Vel::AttrLogReplica replica(Dir::newEntity(""), "copy", {.path = String(path)});
+    replica.connected();
+    auto const reader = server.newReader();
+    reader->input(takeOutput(replica));
+    EXPECT_EQ(reader->error(), "there is nothing at 'a'\\x0a" + std::string(247, 'x') + "...'");
+}
+
+TEST(StreamServerTest, HelloOfTheMostModulesFits) {
+    Vel::NboAttrLog::BufferSm sm;
+    auto const helloOf = [&](U32 modules) {
+        sm.clear();
+        Vel::NboAttrLog::Out& out = sm.begin(Vel::NboAttrLog::MessageKind::hello, 60'000);
+        out << Vel::streamMagic << Vel::streamVersion << false << String() << modules;
+        for (U32 i = 0; i < modules; ++i)
+            out << Vel::format("module whose name has a length of 50 bytes, so %04u", i % 10'000) << Vel::U64(i);
+        sm.commit();
+        return sm.bytes();
+    };
+    Vel::AttrLogServer server(Dir::newEntity("root"));
+    auto const most = server.newReader();
+    most->input(helloOf(1024));
+    EXPECT_EQ(most->error(), "");
+    EXPECT_TRUE(most->isGreeted());
+    EXPECT_GT(most->held(), 1024u * 50) << "names are kept";
+    auto const more = server.newReader();
+    more->input(helloOf(1025));
+    EXPECT_EQ(more->error(), "1025 modules are too many");
+}
+
+TEST(StreamServerTest, AdmissionIsAskedWhenAHelloIsAboutToBeAnswered) {
+    Vel::AttrLogServer server(Dir::newEntity("root"));
+    std::string why = "the house is full";
+    int asked = 0;
+    auto const admission = [&] {
+        ++asked;
+        return String(why);
+    };
+    auto const answerTo = [&](char const* path) {
+        Vel::AttrLogReplica replica(Dir::newEntity(""), "copy", {.path = path});
+        replica.connected();
+        auto const reader = server.newReader(true, admission);
+        reader->input(takeOutput(replica));
+        return told(takeOutput(*reader)).at(0);
+    };
+    EXPECT_EQ(answerTo("none"), "refused there is nothing at 'none'");
+    EXPECT_EQ(asked, 0);
+    EXPECT_EQ(answerTo(""), "refused the house is full");
+    why.clear();
+    EXPECT_EQ(answerTo(""), "welcome");
+    EXPECT_EQ(asked, 2);
 }
 
 TEST(StreamServerTest, SourceThatGoesTellsItsReaders) {
