@@ -90,7 +90,8 @@ void IdSet::idSetRange(Id begin, Id end) & {
     }
     words_.set(firstBucket, words_.get(firstBucket) | low);
     words_.set(lastBucket, words_.get(lastBucket) | high);
-    for (unsigned b = firstBucket + 1; b < lastBucket; ++b) words_.set(b, allOnes);
+    // Bucket numbers have 8 bits here as well: behind bucket 255 comes bucket 0.
+    for (unsigned b = (firstBucket + 1) & 255u; b < lastBucket; ++b) words_.set(b, allOnes);
 }
 
 Id IdSet::nextId(Id bitPos) const {

@@ -87,6 +87,7 @@ void text(Bytes bytes) {
         require(!checked.error().text.empty(), "an error without a text");
         return;
     }
+    if (auto const what = difference(*checked, IdSetModel::named(size, text)); !what.empty()) fail(what);
     Vel::String const string = text;
     Mox::IdSet const prototype(size);
     auto it = string.begin();

@@ -12,6 +12,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -61,15 +62,24 @@ struct IdSetModel {
         int const r = (size - 1) % 64;
         buckets[static_cast<Key>(maxBuckets() - 1)] = ones >> ((63 - r) % 64);
     }
+    // Adds the ids of [begin, end): in the first id's word those from begin on, in the last id's word those up to the
+    // last, and the whole words between. Numbers of buckets are counted modulo 256. So the words between are those whose
+    // number is at least that behind the first and below the last: none where counting up meets 255 on the way.
     void setRange(unsigned begin, unsigned end) {
-        Key const first = bucketOf(begin);
-        Key const last = bucketOf(end - 1);
-        std::uint64_t const low = ones << (begin % 64);
-        std::uint64_t const high = ones >> (63 - (end - 1) % 64);
-        if (first == last) return update(first, word(first) | (low & high));
-        update(first, word(first) | low);
-        update(last, word(last) | high);
-        for (unsigned b = first + 1u; b < last; ++b) buckets[static_cast<Key>(b)] = ones;
+        unsigned const stop = end - 1;
+        unsigned const first = begin / 64 % 256;
+        unsigned const last = stop / 64 % 256;
+        for (unsigned b = 0; b < 256; ++b) {
+            bool const between = first != last && (first + 1) % 256 <= b && b < last;
+            if (b != first && b != last && !between) continue;
+            std::uint64_t added = 0;
+            for (unsigned bit = 0; bit < 64; ++bit) {
+                bool const cutBelow = b == first && bit < begin % 64;
+                bool const cutAbove = b == last && bit > stop % 64;
+                if (!cutBelow && !cutAbove) added |= std::uint64_t(1) << bit;
+            }
+            update(static_cast<Key>(b), word(static_cast<Key>(b)) | added);
+        }
     }
     unsigned nextId(unsigned bitPos) const {
         auto const belowSize = [this](unsigned id) { return id < size ? id : null; };
@@ -85,6 +95,20 @@ struct IdSetModel {
             if (at->second != 0)
                 return belowSize(at->first * 64u + static_cast<unsigned>(std::countr_zero(at->second)));
         return null;
+    }
+    // What a strict range list names: "(1-3,5)".
+    static IdSetModel named(std::uint16_t size, std::string_view text) {
+        IdSetModel model{size};
+        std::istringstream items{std::string(text.substr(1, text.size() - 2))};
+        for (std::string item; std::getline(items, item, ',');) {
+            auto const dash = item.find('-');
+            auto const first = static_cast<unsigned>(std::stoul(item));
+            if (dash == std::string::npos)
+                model.updateId(first, true);
+            else
+                model.setRange(first, static_cast<unsigned>(std::stoul(item.substr(dash + 1))) + 1);
+        }
+        return model;
     }
     template <class F> void combine(IdSetModel const& other, F f) {
         for (unsigned b = 0; b < loopBuckets(); ++b) {

@@ -171,6 +171,7 @@ TEST_P(IdSetModelTest, NoTextMakesTheCheckedParserAbort) {
         auto const checked = IdSet::checked(size(), text);
         if (checked) {
             ++accepted;
+            ASSERT_EQ(difference(*checked, IdSetModel::named(size(), text)), "") << text;
             IdSet const prototype(size());
             Vel::String const string = text;
             auto it = string.begin();

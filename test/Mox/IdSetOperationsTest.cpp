@@ -134,6 +134,54 @@ TEST(IdSetOperationsTest, RangeAroundTheLastBucketHasNoMiddle) {
     EXPECT_EQ(wordsOf(set), (Words{{1, (U64(1) << 52) - 1}, {254, allOnes << 44}}));
 }
 
+TEST(IdSetOperationsTest, RangeFromTheLastBucketOnHasAllItsIds) {
+    IdSet set(20000);
+    set.idSetRange(16330, 16600);
+    EXPECT_EQ(
+        wordsOf(set), (Words{{0, allOnes}, {1, allOnes}, {2, allOnes}, {3, (U64(1) << 24) - 1}, {255, allOnes << 10}}));
+    EXPECT_EQ(set.ids(), 270);
+    IdSet toBucket0(20000);
+    toBucket0.idSetRange(16383, 16385);
+    EXPECT_EQ(wordsOf(toBucket0), (Words{{0, 1}, {255, U64(1) << 63}}));
+    IdSet toBucket1(20000);
+    toBucket1.idSetRange(16320, 16449);
+    EXPECT_EQ(wordsOf(toBucket1), (Words{{0, allOnes}, {1, 1}, {255, allOnes}}));
+    IdSet nearlyAround(65535);
+    nearlyAround.idSetRange(16320, 16320 + 16320);
+    EXPECT_EQ(nearlyAround.buckets(), 256u - 1);
+    EXPECT_EQ(nearlyAround.ids(), 16320);
+    EXPECT_FALSE(nearlyAround.bucketExists(BucketId(254)));
+}
+
+TEST(IdSetOperationsTest, RangesEndAtTheLargestSize) {
+    IdSet set(65535);
+    set.idSetRange(65534, 65535);
+    EXPECT_EQ(wordsOf(set), (Words{{255, U64(1) << 62}}));
+    IdSet rounds(65535);  // four of them, the last to bit 62 of bucket 255
+    rounds.idSetRange(0, 65535);
+    EXPECT_EQ(rounds.buckets(), 256u);
+    EXPECT_EQ(rounds.ids(), 16383);
+    EXPECT_EQ(rounds.bucket(255), allOnes >> 1);
+    IdSet lastRound(65535);
+    lastRound.idSetRange(49088, 65535);  // bucket 255 before, to bucket 255: the same word
+    EXPECT_EQ(wordsOf(lastRound), (Words{{255, allOnes >> 1}}));
+}
+
+// Where numbers of buckets do not wrap on the way, or do so at the first one, a range is its ids.
+TEST(IdSetOperationsTest, RangesAreTheirIdsOneByOne) {
+    struct Range {
+        unsigned begin, end;
+    };
+    for (auto const [begin, end] : {Range{0, 16384}, {16319, 16384}, {16320, 16384}, {16320, 32768 - 64},
+             {16383, 16500}, {16384, 32768}, {32703, 32768}, {32704, 40000}, {49151, 49153}, {65472, 65535}}) {
+        IdSet range(65535);
+        range.idSetRange(static_cast<U16>(begin), static_cast<U16>(end));
+        IdSet ids(65535);
+        for (unsigned id = begin; id < end; ++id) ids.updateId(static_cast<U16>(id), true);
+        EXPECT_EQ(wordsOf(range), wordsOf(ids)) << begin << " to " << end;
+    }
+}
+
 TEST(IdSetOperationsTest, RangeOnceAroundWithoutCommonBitsKeepsNoEmptyWord) {
     IdSet set(20000);
     set.idSetRange(63, 16385);  // begins at bit 63 of bucket 0 and ends at its bit 0

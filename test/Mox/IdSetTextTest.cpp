@@ -265,6 +265,14 @@ TEST(IdSetTextTest, CheckedParsingOfLargeSizesSharesBuckets) {
     }
 }
 
+TEST(IdSetTextTest, RangeFromTheLastBucketOnHasAllItsIds) {
+    Words const words = {{0, allOnes}, {1, allOnes}, {2, allOnes}, {3, (Vel::U64(1) << 24) - 1}, {255, allOnes << 10}};
+    EXPECT_EQ(wordsOf(parsed("(16330-16599)", 20000)), words);
+    auto const checked = IdSet::checked(20000, "(16330-16599)");
+    ASSERT_TRUE(checked);
+    EXPECT_EQ(wordsOf(*checked), words);
+}
+
 TEST(IdSetTextTest, EverySingleIdOfLargeSizesIsChecked) {
     EXPECT_FALSE(IdSet::checked(65535, "(65535)"));
     EXPECT_FALSE(IdSet::checked(65535, "(0-65535)"));
