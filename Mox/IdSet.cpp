@@ -123,11 +123,23 @@ IdSet::IdIteratorConst IdSet::idIteratorConst(Id start) const { return IdIterato
 IdSet::VelBucket::~VelBucket() = default;
 Vel::VelType IdSet::VelBucket::fwkType() const { return {}; }
 
+Vel::AllocTrackTypeInfo& IdSet::VelBucket::velAllocTrack() {
+    static constinit Vel::AllocTrackTypeInfo info("Mox::IdSet::VelBucket");
+    return info;
+}
+
 void IdSet::BucketIterator::goTo(unsigned from) {
     unsigned const b = from < Detail::WordMap::buckets ? set_->words_.next(from) : Detail::WordMap::buckets;
-    element_ = b < Detail::WordMap::buckets
-                   ? Vel::Ptr<VelBucket>(new VelBucket(BucketId(static_cast<U8>(b)), set_->words_.get(b)))
-                   : nullptr;
+    if (b == Detail::WordMap::buckets) {
+        element_ = nullptr;
+        return;
+    }
+    BucketId const key(static_cast<U8>(b));
+    U64 const word = set_->words_.get(b);
+    if (element_ && element_->references() == 1)  // nobody else holds it
+        *element_ = VelBucket(key, word);
+    else
+        element_ = new VelBucket(key, word);
 }
 
 IdSet::BucketIterator IdSet::bucketIterator() const { return BucketIterator(*this); }

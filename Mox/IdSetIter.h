@@ -40,11 +40,13 @@ private:
 };
 
 // A bucket as a collection hands it out: what it was when the iterator came to it, whatever becomes of the set.
-class VEL_API IdSet::VelBucket : public Vel::PtrInterface {
+class VEL_API IdSet::VelBucket : public Vel::TrackedOf<VelBucket> {
 public:
     VelBucket(BucketId key, U64 word) : key_(key), word_(word) {}
+    VelBucket& operator=(VelBucket const&) = default;
     ~VelBucket() override;
     Vel::VelType fwkType() const override;
+    static Vel::AllocTrackTypeInfo& velAllocTrack();
 
     BucketId key() const { return key_; }
     U64 word() const { return word_; }

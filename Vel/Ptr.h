@@ -114,6 +114,23 @@ private:
     mutable U32 refWord_ = 0;
 };
 
+// What a reference-counted type that is no entity derives from, so that its objects are tracked as entities are: class
+// Node : public Vel::TrackedOf<Node>. T has a static function velAllocTrack() that yields T's AllocTrackTypeInfo; defined
+// in a source file, it is one for the whole process.
+template <class T> class TrackedOf : public PtrInterface {
+public:
+    static void* operator new(std::size_t size) {
+        static_assert(alignof(T) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__, "tracked objects have ordinary alignment");
+        void* const memory = velMemAlloc(size);
+        T::velAllocTrack()._trackAllocation(size, alignof(T));
+        return memory;
+    }
+    static void operator delete(void* memory, std::size_t size) noexcept {
+        T::velAllocTrack().trackDeallocation(size, alignof(T));
+        velMemFree(memory, size);
+    }
+};
+
 // Holds one reference to a T (a PtrInterface), or null.
 template <class T> class Ptr {
 public:

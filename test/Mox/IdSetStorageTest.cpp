@@ -269,6 +269,43 @@ TEST(IdSetStorageTest, BucketIteratorHandsOutElements) {
     EXPECT_EQ(held->word(), 20u);
 }
 
+TEST(IdSetStorageTest, ElementsThatIteratorsHandOutAreTracked) {
+    IdSet set(1000);
+    for (U8 const b : {U8(1), U8(2), U8(3)}) set.bucketIs(b, b);
+    auto const& info = IdSet::VelBucket::velAllocTrack();
+    EXPECT_STREQ(info.typeName(), "Mox::IdSet::VelBucket");
+    auto const live = info.live();
+    auto const bytes = info.liveBytes();
+    {
+        auto iterator = set.bucketIterator();
+        EXPECT_EQ(info.live(), live + 1);
+        EXPECT_EQ(info.liveBytes(), bytes + sizeof(IdSet::VelBucket));
+        Vel::Ptr<IdSet::VelBucket> const held = *iterator;
+        ++iterator;
+        EXPECT_EQ(info.live(), live + 2);
+    }
+    EXPECT_EQ(info.live(), live);
+    EXPECT_EQ(info.liveBytes(), bytes);
+    bool listed = false;
+    Vel::AllocTrackTypeInfo::visitAll([&](auto const& one) { listed = listed || &one == &info; });
+    EXPECT_TRUE(listed);
+}
+
+TEST(IdSetStorageTest, ElementNobodyHoldsServesTheWholeWalk) {
+    IdSet set(1000);
+    for (U8 const b : {U8(1), U8(2), U8(3)}) set.bucketIs(b, b);
+    auto const& info = IdSet::VelBucket::velAllocTrack();
+    auto const before = info.allocations();
+    unsigned buckets = 0;
+    for (auto iterator = set.bucketIterator(); iterator; ++iterator) EXPECT_EQ(iterator.word(), ++buckets);
+    EXPECT_EQ(info.allocations(), before + 1);
+    auto one = set.bucketIterator();
+    auto another = one;  // holds the same element
+    ++one;
+    EXPECT_EQ(another.key(), BucketId(1));
+    EXPECT_EQ(one.key(), BucketId(2));
+}
+
 TEST(IdSetStorageTest, BucketIsDeletedWhereAnIteratorStands) {
     IdSet set(1000);
     for (U8 const b : {U8(1), U8(2), U8(255)}) set.bucketIs(b, b);
