@@ -23,6 +23,7 @@ public:
 
     constexpr U64 value() const { return value_; }  // the raw word
     constexpr void valueIs(U64 word) & { value_ = word; }
+    constexpr void valueInc(U64 n) & { *this = *this + n; }  // the sum: modulo 2^63; absent stays absent
     constexpr bool null() const { return (value_ & nullBit()) != 0; }
     constexpr void nullIs(bool null) & { value_ = null ? value_ | nullBit() : value_ & ~nullBit(); }
     constexpr std::optional<U64> optional() const { return null() ? std::nullopt : std::optional<U64>(value_); }

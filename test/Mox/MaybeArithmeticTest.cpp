@@ -63,6 +63,23 @@ TEST(MaybeU63ArithmeticTest, SumWrapsAroundAt63Bits) {
     EXPECT_EQ(computed(AttributeOp::sum, largest, largest), largest - 1);
 }
 
+TEST(MaybeU63ArithmeticTest, IncrementIsTheSum) {
+    MaybeU63 value = 5;
+    value.valueInc(3);
+    EXPECT_EQ(value.value(), 8u);
+    value.valueInc(0);
+    EXPECT_EQ(value.value(), 8u);
+    value.valueIs(largest);
+    value.valueInc(2);
+    EXPECT_EQ(value.value(), 1u);
+    value.valueIs(absentWord + 7);
+    value.valueInc(1);
+    EXPECT_EQ(value.value(), absentWord);
+    value.valueIs(5);
+    value.valueInc(absentWord + 1);
+    EXPECT_EQ(value.value(), absentWord);
+}
+
 TEST(MaybeU63ArithmeticTest, DifferenceWrapsAroundAt63Bits) {
     EXPECT_EQ(computed(AttributeOp::difference, 5, 3), 2u);
     EXPECT_EQ(computed(AttributeOp::difference, 0, 1), largest);
