@@ -1,5 +1,7 @@
 #include "Mox/Cell.h"
 
+#include "Mox/internal/CellDir.h"
+
 #include "Redundancy/RedundancyStatus.h"
 
 #include "Vel/ActivityManager.h"
@@ -183,17 +185,25 @@ CellId Cell_activeCellId() {
 
 // --- the process's status ---
 
-// Made on first use. Throws Vel::TypeException when something else stands at its place.
-Vel::Ptr<Status> cellDir() {
-    auto const name = systemName();
-    auto const system = Vel::ptr_cast<Vel::Dir>(Vel::globalDir()->createEntity("Vel::Dir", name));
-    auto status = system ? Vel::ptr_cast<Status>(system->createEntity("Cell::Status", "cell")) : nullptr;
-    if (!status)
-        throw Vel::TypeException("/" + Vel::String(name) + (system ? "/cell is no Cell::Status" : " is no Vel::Dir"));
+[[noreturn]] VEL_COLD void throwNoStatus() {
+    Vel::String const system = "/" + Vel::String(systemName());
+    bool const isDir = Vel::ptr_cast<Vel::Dir>(Vel::globalDir()->entity(system)) != nullptr;
+    throw Vel::TypeException(system + (isDir ? "/cell is no Cell::Status" : " is no Vel::Dir"));
+}
+
+// For those that cannot do without. Throws Vel::TypeException.
+Vel::Ptr<Status> neededStatus() {
+    auto status = cellDir();
+    if (!status) throwNoStatus();
     return status;
 }
 
 }  // namespace
+
+Vel::Ptr<Status> cellDir() {
+    auto const system = Vel::ptr_cast<Vel::Dir>(Vel::globalDir()->createEntity("Vel::Dir", systemName()));
+    return system ? Vel::ptr_cast<Status>(system->createEntity("Cell::Status", "cell")) : nullptr;
+}
 
 // --- Cell::Status ---
 
@@ -243,14 +253,14 @@ bool Status::cpuBmcMode() const {
 
 // --- the process's facts ---
 
-Vel::U32 cellId() { return cellDir()->cellId().value(); }
-Vel::String cellType() { return cellDir()->cellType(); }
-Vel::String product() { return cellDir()->product(); }
-bool electionMgrSupported() { return cellDir()->electionMgrSupported(); }
-bool cpuBmcMode() { return cellDir()->cpuBmcMode(); }
+Vel::U32 cellId() { return neededStatus()->cellId().value(); }
+Vel::String cellType() { return neededStatus()->cellType(); }
+Vel::String product() { return neededStatus()->product(); }
+bool electionMgrSupported() { return neededStatus()->electionMgrSupported(); }
+bool cpuBmcMode() { return neededStatus()->cpuBmcMode(); }
 
 Vel::U32 activeCellId() {
-    Vel::U32 const id = cellDir()->activeCellId().value();
+    Vel::U32 const id = neededStatus()->activeCellId().value();
     trace(365, "activeCellId", "U32 Cell::activeCellId()", " returning ", id);
     return id;
 }

@@ -2,6 +2,7 @@
 #include "ValueTest.h"
 
 #include "Mox/Seqno.h"
+#include "Mox/internal/CellDir.h"
 
 #include "Vel/Module.h"
 
@@ -301,6 +302,22 @@ TEST_F(CellStatusTest, FunctionsAnswerFromTheEntityThatIsThere) {
     EXPECT_EQ(Cell::product(), "product");
     EXPECT_TRUE(Cell::electionMgrSupported());
     EXPECT_EQ(own->references(), 2u);
+}
+
+TEST_F(CellStatusTest, IsFoundOrMadeAtItsPlace) {
+    auto const made = Cell::cellDir();
+    ASSERT_TRUE(made);
+    EXPECT_EQ(made->path(), "/ql/cell");
+    EXPECT_EQ(Cell::cellDir(), made);
+}
+
+TEST_F(CellStatusTest, ForeignEntityInItsPlaceIsNoStatus) {
+    auto const dir = Vel::ptr_cast<Vel::Dir>(Vel::globalDir()->createEntity("Vel::Dir", "ql"));
+    dir->createEntity("Vel::Dir", "cell");
+    EXPECT_EQ(Cell::cellDir(), nullptr);
+    Vel::globalDir()->entryDelAll();
+    Vel::globalDir()->createEntity("Cell::Status", "ql");
+    EXPECT_EQ(Cell::cellDir(), nullptr);
 }
 
 TEST_F(CellStatusTest, ForeignEntityInItsPlaceIsAnError) {
