@@ -152,6 +152,7 @@ struct TypeGlue {
     Ptr<PtrInterface> (*newEntity)(String const& name, void const* const* arguments);
     AllocTrackTypeInfo* allocTrack;  // of an entity type; else null
     StreamTable const& (*stream)();  // what of an entity type travels to replicas; else null
+    void* (*genericIfVoidPtrIs)(void* object, VelType have, VelType want);  // as GenericIfImpl's
 };
 
 // What reaches an attribute by its number is inline: that is the way of a program that does so all the time.

@@ -168,6 +168,7 @@ template <class T> struct __attribute__((visibility("hidden"))) GlueOf {
         glue.attributes = attributeGlues<T>();
         glue.genericIfAttributeOp = &genericIfAttributeOp<T>;
         glue.genericIfStrRep = &genericIfStrRep<T>;
+        glue.genericIfVoidPtrIs = &GenericIfImpl::genericIfVoidPtrIs;
         if constexpr (DescribedEntity<T>) {
             if constexpr (requires { &T::velNewEntity; }) glue.newEntity = &T::velNewEntity;
             glue.allocTrack = &allocTrack<T>;

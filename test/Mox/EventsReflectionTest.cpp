@@ -211,13 +211,13 @@ TYPED_TEST(EventReflectionTest, GoesThroughTextAndBytes) {
 TYPED_TEST(EventReflectionTest, ViewsOfAnotherTypeAreRefused) {
     TypeParam value;
     auto const type = Vel::typeOf<TypeParam>();
-    EXPECT_EQ(Vel::GenericIfImpl::genericIfVoidPtrIs(&value, type, type), &value);
+    EXPECT_EQ(type.glue().genericIfVoidPtrIs(&value, type, type), &value);
     EXPECT_FALSE(type.isPolymorphic());
     EXPECT_FALSE(type.isEntity());
     for (Vel::VelType const other : Vel::Registry::types()) {
         if (other == type || other.moduleName() != "Events") continue;
         try {
-            Vel::GenericIfImpl::genericIfVoidPtrIs(&value, other, type);
+            type.glue().genericIfVoidPtrIs(&value, other, type);
             ADD_FAILURE() << other.name();
         } catch (Vel::TypeException const& error) {
             EXPECT_EQ(error.what(), "the operation does not apply to a value of type "s + Facts<TypeParam>::name);

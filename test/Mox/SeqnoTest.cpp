@@ -296,8 +296,8 @@ TYPED_TEST(SeqnoReflectionTest, ViewsOfAnotherTypeAreRefused) {
     TypeParam object;
     auto const type = Vel::typeOf<TypeParam>();
     auto const other = Vel::Registry::type(sizeof(TypeParam) == 2 ? "Mox::Seqno32" : "Mox::Seqno16");
-    EXPECT_EQ(Vel::GenericIfImpl::genericIfVoidPtrIs(&object, type, type), &object);
-    EXPECT_THROW(Vel::GenericIfImpl::genericIfVoidPtrIs(&object, type, other), Vel::TypeException);
+    EXPECT_EQ(type.glue().genericIfVoidPtrIs(&object, type, type), &object);
+    EXPECT_THROW(type.glue().genericIfVoidPtrIs(&object, type, other), Vel::TypeException);
 }
 
 // --- module table ---

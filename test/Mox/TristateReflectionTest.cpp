@@ -141,9 +141,9 @@ TYPED_TEST(TristateReflectionTest, ViewsOfAnotherTypeAreRefused) {
     TypeParam object;
     auto const type = Vel::typeOf<TypeParam>();
     auto const other = Vel::Registry::type("Mox::Seqno32");
-    EXPECT_EQ(Vel::GenericIfImpl::genericIfVoidPtrIs(&object, type, type), &object);
-    EXPECT_THROW(Vel::GenericIfImpl::genericIfVoidPtrIs(&object, other, type), Vel::TypeException);
-    EXPECT_THROW(Vel::GenericIfImpl::genericIfVoidPtrIs(&object, type, other), Vel::TypeException);
+    EXPECT_EQ(type.glue().genericIfVoidPtrIs(&object, type, type), &object);
+    EXPECT_THROW(type.glue().genericIfVoidPtrIs(&object, other, type), Vel::TypeException);
+    EXPECT_THROW(type.glue().genericIfVoidPtrIs(&object, type, other), Vel::TypeException);
 }
 
 // --- module table ---

@@ -647,6 +647,14 @@ TEST_F(GenericIfVoidPtrTest, UnrelatedTypeIsRefused) {
     EXPECT_EQ(message(VelType(), typeOf<U8>()), "the operation does not apply to a value of type U8");
 }
 
+TEST_F(GenericIfVoidPtrTest, EveryTypeRecordHasIt) {
+    for (VelType const type : Vel::Registry::types()) {
+        ASSERT_NE(type.glue().genericIfVoidPtrIs, nullptr) << type.name();
+        EXPECT_EQ(type.glue().genericIfVoidPtrIs(object, type, type), object) << type.name();
+    }
+    EXPECT_THROW(typeOf<U8>().glue().genericIfVoidPtrIs(object, typeOf<U8>(), typeOf<U16>()), Vel::TypeException);
+}
+
 TEST_F(GenericIfVoidPtrTest, EntityTypesOfOneLineShareTheirAddress) {
     EXPECT_EQ(GenericIfImpl::genericIfVoidPtrIs(object, typeOf<Leaf>(), typeOf<Twig>()), object);
     EXPECT_EQ(GenericIfImpl::genericIfVoidPtrIs(object, typeOf<Vel::Entity>(), typeOf<Twig>()), object);
