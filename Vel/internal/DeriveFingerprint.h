@@ -8,7 +8,7 @@
 namespace Vel::Detail {
 
 // FNV-1a, 64 bits (Fowler, Noll, Vo), over the canonical spelling below. The seed is the one from which the Seqno
-// module's spelling hashes to the fingerprint under which that module was first published.
+// module's spelling hashes to b10c04b51b44f4ab, the fingerprint in that module's symbol.
 class Fnv {
 public:
     constexpr Fnv& operator<<(std::string_view text) {

@@ -198,7 +198,7 @@ TEST_F(CellModuleTest, NamesAreListedInByteOrder) {
                                       "hash\0id\0max\0product\0value\0"s);
 }
 
-TEST_F(CellModuleTest, RecordsHaveTheirPublishedLayout) {
+TEST_F(CellModuleTest, RecordsHaveTheirLayout) {
     ASSERT_TRUE(table);
     ASSERT_EQ(table.types(), 2u);
     EXPECT_EQ(table.firstAttribute(0), 0u);

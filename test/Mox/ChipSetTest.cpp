@@ -39,7 +39,7 @@ template <class F> std::string rangeError(F f) {
 
 // --- chip ids ---
 
-TEST(ChipIdTest, ConstantsAreAsPublished) {
+TEST(ChipIdTest, ConstantsAreTheseNumbers) {
     static_assert(ChipId::min() == 0 && ChipId::max() == 126 && ChipId::allChips() == 127 && ChipId::null() == 128);
     EXPECT_EQ(sizeof(ChipId), 1u);
 }

@@ -241,7 +241,7 @@ protected:
     void SetUp() override { ASSERT_TRUE(table); }
 };
 
-TEST_F(EventsModuleTest, TableIsExportedUnderItsPublishedSymbol) {
+TEST_F(EventsModuleTest, TableIsExportedUnderItsSymbol) {
     EXPECT_TRUE(table.fileName().starts_with("libmox.so")) << table.fileName();
     EXPECT_EQ(table.header(), &Vel::typeOf<Mox::Event>().module());
     EXPECT_EQ(table.header()->fingerprint, 0x612aea80d211399cul);

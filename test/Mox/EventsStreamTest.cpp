@@ -46,7 +46,7 @@ TYPED_TEST(EventStreamTest, SizeIsTheSumOfTheWidths) {
     EXPECT_EQ(Vel::typeOf<TypeParam>().glue().attrLogSize(&value), size);
 }
 
-TEST(EventSizeTest, SizesAreAsPublished) {
+TEST(EventSizeTest, SizesAreTheseNumbers) {
     auto const size = [](char const* type) {
         return Vel::GenericValue(Vel::VelType(Vel::Registry::type(type))).attrLogSize();
     };

@@ -290,7 +290,7 @@ protected:
     void SetUp() override { ASSERT_TRUE(table); }
 };
 
-TEST_F(PrefixTrieModuleTest, TableIsExportedUnderItsPublishedSymbol) {
+TEST_F(PrefixTrieModuleTest, TableIsExportedUnderItsSymbol) {
     EXPECT_TRUE(table.fileName().starts_with("libmox.so")) << table.fileName();
     EXPECT_EQ(table.header(), &Vel::typeOf<PrefixTrie>().module());
     EXPECT_EQ(table.header()->fingerprint, 0x9a69df417466d32cul);
@@ -305,7 +305,7 @@ TEST_F(PrefixTrieModuleTest, NamesAreListedInByteOrder) {
         "prefixState\0present\0proper\0properEnclosingPrefix\0state\0target\0upgradeState\0value\0"s);
 }
 
-TEST_F(PrefixTrieModuleTest, RecordsHaveTheirPublishedLayout) {
+TEST_F(PrefixTrieModuleTest, RecordsHaveTheirLayout) {
     ASSERT_EQ(table.types(), 2u);
     EXPECT_STREQ(Vel::VelType(table.header(), 0).name(), "Mox::PrefixTrieState");
     EXPECT_STREQ(Vel::VelType(table.header(), 1).name(), "Mox::PrefixTrie");

@@ -309,7 +309,7 @@ TEST(SeqnoModuleTest, AttributesAreListed) {
     EXPECT_EQ(Vel::typeOf<Seqno32>().strepTemplate(), "%u");
 }
 
-TEST(SeqnoModuleTest, TableIsExportedUnderItsPublishedSymbol) {
+TEST(SeqnoModuleTest, TableIsExportedUnderItsSymbol) {
     ModuleTable const table("_Seqno_b10c04b51b44f4ab_velModule");
     ASSERT_TRUE(table);
     EXPECT_TRUE(table.fileName().starts_with("libmox.so")) << table.fileName();
@@ -325,7 +325,7 @@ TEST(SeqnoModuleTest, NamesAreListedInByteOrder) {
     EXPECT_EQ(table.attributeNames(), "\0value\0"s);
 }
 
-TEST(SeqnoModuleTest, RecordsHaveTheirPublishedLayout) {
+TEST(SeqnoModuleTest, RecordsHaveTheirLayout) {
     ModuleTable const table("_Seqno_b10c04b51b44f4ab_velModule");
     ASSERT_TRUE(table);
     ASSERT_EQ(table.types(), 2u);
