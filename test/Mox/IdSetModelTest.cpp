@@ -31,6 +31,11 @@ protected:
         step.b = static_cast<unsigned>(random() % range);
         if (random() % 4) step.b = step.a + static_cast<unsigned>(random() % 200);
         if (random() % 8 == 0) step.b = step.a + 16384 - static_cast<unsigned>(random() % 64);  // shares a's bucket
+        bool const aboutTheLastBucket = random() % 8 == 0;
+        if (aboutTheLastBucket) {
+            step.a = 16256 + static_cast<unsigned>(random() % 192);
+            step.b = step.a + static_cast<unsigned>(random() % 600);
+        }
         step.word = random() % 4 == 0 ? allOnes : random() & random() & random();
         return step;
     }
