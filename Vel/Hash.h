@@ -10,7 +10,7 @@ namespace Vel {
 // h = (h + piece) * m. Both are by Austin Appleby (public domain, github.com/aappleby/smhasher), but for the plus where
 // MurmurHash64A has an exclusive or: the sum makes the hash of a long sequence a polynomial in m, which can be
 // evaluated in independent lanes. The result is the upper half of MurmurHash3's fmix64 of h.
-// Not for adversaries: collisions can be constructed.
+// Not for adversaries: collisions can be constructed. Tables in memory take Vel/TableHash.h.
 class Hash {
 public:
     constexpr explicit Hash(U32 seed) : state_((U64(seed) + 1) * golden) {}

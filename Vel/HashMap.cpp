@@ -325,30 +325,7 @@ std::string_view HashMap2018Generic::brokenInvariant(Type const& type) const {
 }
 
 U32 hashText(std::string_view text, U32 seed) noexcept {
-    auto const load = []<class T>(T& to, char const* from) { std::memcpy(&to, from, sizeof to); };
-    char const* at = text.data();
-    std::size_t const length = text.size();
-    Hash h(seed);
-    if (length >= 8) {
-        U64 piece;
-        char const* const last = at + length - 8;
-        for (; at < last; at += 8) {
-            load(piece, at);
-            h.hashMix<8>(piece);
-        }
-        load(piece, last);
-        h.hashMix<8>(piece);
-    } else if (length >= 4) {
-        U32 low;
-        U32 high;
-        load(low, at);
-        load(high, at + length - 4);
-        h.hashMix<8>(U64(high) << 32 | low);
-    } else if (length > 0) {
-        auto const byte = [&](std::size_t i) { return U64(static_cast<U8>(at[i])); };
-        h.hashMix<8>(byte(0) | byte(length / 2) << 8 | byte(length - 1) << 16);
-    }
-    return h.hashMix<8>(length).result();
+    return static_cast<U32>(tableHash(text, seed, ProcessSecret::value()));
 }
 
 }  // namespace Vel

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Vel/Hash.h"
+#include "Vel/TableHash.h"
 #include "Vel/Types.h"
 #include "Vel/internal/Collection.h"
 #include "Vel/internal/HashMap2018Generic.h"
@@ -18,23 +18,28 @@
 
 namespace Vel {
 
-// Mixes 8 bytes at a time, then the length; the pieces of a text overlap rather than need padding.
+// The hash of a text in tables of this process.
 VEL_API U32 hashText(std::string_view text, U32 seed) noexcept;
 
-// The hash of a key as it is looked up. By choice: the type's own hash(seed), or std::hash, mixed.
+// The hash of a key as it is looked up, keyed with the process's secret: nobody outside can choose texts or numbers that
+// collide. Of other types it takes the type's own hash(seed), or std::hash, and keys what they yield: two keys for which
+// these are equal collide all the same.
 template <class Key> struct KeyHash {
     static U32 hash(internal::KeyView<Key> const& view, U32 seed) {
         if constexpr (internal::isText<Key>)
             return hashText(view, seed);
         else if constexpr (std::integral<Key>)
-            return Hash(seed).hashMix<8>(static_cast<U64>(view)).result();
+            return keyed(static_cast<U64>(view), seed);
         else if constexpr (requires {
                                { view.hash(seed) } -> std::same_as<U32>;
                            })
-            return view.hash(seed);
+            return keyed(view.hash(seed), seed);
         else
-            return Hash(seed).hashMix<8>(std::hash<Key>()(view)).result();
+            return keyed(std::hash<Key>()(view), seed);
     }
+
+private:
+    static U32 keyed(U64 number, U32 seed) { return static_cast<U32>(tableHash(number, seed, ProcessSecret::value())); }
 };
 
 // A map in no particular order, made to be a collection in an entity: empty it is one pointer and owns nothing; with 1

@@ -2,6 +2,7 @@
 
 #include "Vel/Exception.h"
 #include "Vel/Ptr.h"
+#include "Vel/TableHash.h"
 
 #include <algorithm>
 #include <cstdarg>
@@ -93,7 +94,7 @@ namespace {
 // Canonical copies. The pool forgets strings that nobody else holds whenever it would have to grow.
 struct DedupPool {
     std::mutex mutex;
-    std::unordered_set<String> strings;
+    std::unordered_set<String, TableHasher> strings;
     std::size_t sweepAt = 1024;
 };
 

@@ -1,10 +1,14 @@
 #include "Vel/System.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/auxv.h>
+#include <sys/random.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -36,6 +40,22 @@ double SystemCalls::currentTime() {
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+// Never waits: early while a machine starts, and where a filter forbids the call, the 16 random bytes do that the kernel
+// gives each program.
+void SystemCalls::random(void* to, std::size_t size) noexcept {
+    auto* at = static_cast<char*>(to);
+    char* const end = at + size;
+    while (at != end) {
+        ssize_t const got = ::getrandom(at, static_cast<std::size_t>(end - at), GRND_NONBLOCK);
+        if (got > 0)
+            at += got;
+        else if (got == 0 || errno != EINTR)
+            break;
+    }
+    auto const* const given = reinterpret_cast<char const*>(::getauxval(AT_RANDOM));
+    for (std::size_t i = 0; at != end; ++at, ++i) *at = given[i % 16];
 }
 
 SystemCalls::~SystemCalls() = default;

@@ -2,6 +2,8 @@
 
 #include "Vel/Types.h"
 
+#include <cstddef>
+
 #include <sys/types.h>
 
 namespace Vel {
@@ -19,6 +21,7 @@ public:
     virtual int close(int file);
     virtual pid_t getpid();        // fork() is noticed; a raw clone(2) that skips its handlers is not
     virtual double currentTime();  // seconds since 1970-01-01 00:00 UTC
+    virtual void random(void* to, std::size_t size) noexcept;  // bytes that nobody outside the process can foretell
     virtual ~SystemCalls();
 
 protected:

@@ -18,7 +18,7 @@ inline std::size_t getSeparatorPos(std::string_view path) {
     constexpr Vel::U64 ones = 0x0101010101010101ul;
     if constexpr (std::endian::native == std::endian::little)
         for (; i + 8 <= path.size(); i += 8) {
-            Vel::U64 const different = (wordAt<Vel::U64>(path.data() + i) | ones) ^ (ones * '/');
+            Vel::U64 const different = (Vel::wordAt<Vel::U64>(path.data() + i) | ones) ^ (ones * '/');
             if (Vel::U64 const found = (different - ones) & ~different & (ones * 0x80))
                 return i + static_cast<std::size_t>(std::countr_zero(found)) / 8;
         }

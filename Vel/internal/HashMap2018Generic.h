@@ -17,7 +17,8 @@ namespace Vel {
 // 3. Headers carry the value that the change counter had after the bucket's insertion: they ascend strictly.
 // 4. Up to 8 buckets have no gaps. More may have gaps (erased buckets), which the next rebuild drops.
 //
-// Keys are not defended against: who chooses them can make them collide, and look-up then takes linear time.
+// Keys whose hashes are equal take linear time to look up. Who chooses them cannot foretell which are if hash() is keyed
+// with the process's secret, as KeyHash does.
 // Threads: none; as with the standard containers, changes must be alone.
 class VEL_API HashMap2018Generic {
 public:

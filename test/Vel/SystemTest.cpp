@@ -2,12 +2,23 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
+#include <cstring>
+#include <iterator>
 #include <string>
+#include <vector>
 
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/auxv.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -99,6 +110,49 @@ TEST_F(SystemTest, TheClockIsTheSystems) {
     double const after = now();
     EXPECT_GE(time, before - 1e-6);  // the two round differently
     EXPECT_LE(time, after + 1e-6);
+}
+
+TEST_F(SystemTest, RandomBytesFillAllThatIsAskedFor) {
+    std::vector<unsigned char> bytes(5000);
+    System::calls().random(bytes.data(), bytes.size());
+    unsigned counts[256] = {};
+    for (unsigned char const byte : bytes) ++counts[byte];
+    EXPECT_LT(*std::max_element(std::begin(counts), std::end(counts)), 60u);  // 20 expected, standard deviation 4.4
+    EXPECT_NE(std::count(bytes.end() - 16, bytes.end(), 0), 16);
+    std::vector<unsigned char> others(5000);
+    System::calls().random(others.data(), others.size());
+    EXPECT_NE(bytes, others);
+    System::calls().random(nullptr, 0);
+}
+
+// In this process from now on; false where the system has no such filters.
+bool forbidGetrandom() {
+    sock_filter instructions[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_getrandom, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog const filter{static_cast<unsigned short>(std::size(instructions)), instructions};
+    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+TEST(SystemDeathTest, WhereTheCallIsForbiddenRandomBytesAreThoseThatTheKernelGaveTheProgram) {
+    constexpr int noFilters = 2;
+    auto const fill = [] {
+        if (!forbidGetrandom()) ::_exit(noFilters);
+        char bytes[40];
+        System::calls().random(bytes, sizeof bytes);
+        auto const* const given = reinterpret_cast<char const*>(::getauxval(AT_RANDOM));
+        bool const same = std::memcmp(bytes, given, 16) == 0 && std::memcmp(bytes + 16, given, 16) == 0 &&
+                          std::memcmp(bytes + 32, given, 8) == 0;
+        ::_exit(same ? 0 : 1);
+    };
+    int code = -1;
+    EXPECT_EXIT(
+        fill(),
+        [&](int status) { return WIFEXITED(status) && ((code = WEXITSTATUS(status)) == 0 || code == noFilters); }, "");
+    if (code == noFilters) GTEST_SKIP() << "no filters of system calls here";
 }
 
 }  // namespace
