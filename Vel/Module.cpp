@@ -161,10 +161,12 @@ VelType Registry::type(std::string_view name) {
 }
 
 std::vector<VelType> Registry::types() {
-    std::vector<VelType> result;
-    for (ModuleHeader const* const module : modules())
-        for (U32 i = 0; i < module->typeCount; ++i) result.emplace_back(module, i);
-    return result;
+    return withRegistry([](RegistryState const& registry) {  // tables may go once the lock is released
+        std::vector<VelType> result;
+        for (ModuleHeader const* const module : registry.modules)
+            for (U32 i = 0; i < module->typeCount; ++i) result.emplace_back(module, i);
+        return result;
+    });
 }
 
 std::vector<ModuleHeader const*> Registry::modules() {

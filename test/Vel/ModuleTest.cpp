@@ -1,5 +1,6 @@
 #include "Vel/Module.h"
 
+#include "FixtureTable.h"
 #include "Fixtures.h"
 #include "Vel/Dir.h"
 #include "Vel/internal/Records.h"
@@ -10,7 +11,6 @@
 #include <array>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
@@ -21,6 +21,8 @@ extern "C" char const _Fixtures_c182c5812ed84934_velModule[];
 namespace {
 
 using namespace std::string_literals;
+using FixtureTables::fixtures;
+using FixtureTables::Table;
 using Vel::AttributeKind;
 using Vel::AttributeRecord;
 using Vel::ModuleHeader;
@@ -35,37 +37,6 @@ using Vel::U32;
 using Vel::U64;
 using Vel::U8;
 using Vel::VelType;
-
-ModuleHeader const& fixtures() { return typeOf<Fixture::Chip>().module(); }
-
-// A copy of the fixtures' table that can be changed, in memory of exactly its size.
-class Table {
-public:
-    Table() : bytes_(new char[fixtures().size]) { std::memcpy(bytes_.get(), &fixtures(), fixtures().size); }
-    ~Table() { Vel::velModuleDel(&header()); }
-    Table(Table const&) = delete;
-    Table& operator=(Table const&) = delete;
-
-    ModuleHeader& header() { return *reinterpret_cast<ModuleHeader*>(bytes_.get()); }
-    char* bytes() { return bytes_.get(); }
-    TypeRecord* types() { return reinterpret_cast<TypeRecord*>(bytes() + header().types); }
-    AttributeRecord* attributes() { return reinterpret_cast<AttributeRecord*>(bytes() + header().attributes); }
-    ParameterRecord* parameters() { return reinterpret_cast<ParameterRecord*>(bytes() + header().parameters); }
-    TypeGlue const** glue() { return reinterpret_cast<TypeGlue const**>(bytes() + header().glue); }
-    char* typeNames() { return bytes() + header().typeNames; }
-    char* attributeNames() { return bytes() + header().attributeNames; }
-    char* name() { return bytes() + header().name; }
-
-    // Turns the first letter of the fixtures' and the module's names into `letter`, which keeps the names sorted.
-    void renamedTo(char letter) {
-        for (U16 i = 0; i < header().typeNamesSize; ++i)
-            if (std::string_view(typeNames() + i, 8).starts_with("Fixture:")) typeNames()[i] = letter;
-        name()[0] = letter;
-    }
-
-private:
-    std::unique_ptr<char[]> bytes_;
-};
 
 std::string malformation(std::function<void(Table&)> const& spoil) {
     Table table;
