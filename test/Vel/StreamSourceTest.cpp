@@ -180,6 +180,88 @@ TEST_F(SmallLogTest, OtherReadersDoNotNoticeTheStalledOne) {
     EXPECT_EQ(seen, all);
 }
 
+// What is being sent stays where it is, although the log has long gone on.
+TEST_F(SmallLogTest, OutputStaysInPlaceUntilItIsTaken) {
+    auto const reader = pair.source.newReader();  // keeps the log at work
+    AttrLogReplica other(Dir::newEntity("root"), {});
+    other.connected();
+    reader->input(takeOutput(other));
+    other.input(takeOutput(*reader));
+    for (U32 i = 1; i <= 10; ++i) a->sizeIs(i);
+    auto const bytes = pair.reader->output(1000);
+    Bytes const before(bytes.begin(), bytes.end());
+    ASSERT_GE(before.size(), 90u);
+    for (U32 i = 11; i <= 2000; ++i) {
+        a->sizeIs(i);
+        other.input(takeOutput(*reader));
+    }
+    EXPECT_EQ(Bytes(bytes.begin(), bytes.end()), before);
+    EXPECT_LE(pair.source.log().size(), 1000u + 256u);
+}
+
+TEST_F(StreamSourceTest, BacklogIsThatOfTheSlowestReaderThatKeepsUp) {
+    EXPECT_EQ(pair.source.backlog(), 0u);
+    auto const quick = pair.source.newReader();
+    AttrLogReplica other(Dir::newEntity("root"), {});
+    other.connected();
+    quick->input(takeOutput(other));
+    a->sizeIs(1);
+    EXPECT_EQ(pair.source.backlog(), 9u) << "a message; who catches up has no part in it";
+    takeOutput(*quick);
+    a->sizeIs(2);
+    a->sizeIs(3);
+    takeOutput(*quick);
+    EXPECT_EQ(pair.source.backlog(), 27u);
+    auto const bytes = pair.reader->output(10);
+    pair.reader->outputTaken(bytes.size());
+    EXPECT_EQ(pair.source.backlog(), 17u);
+    pair.run();
+    EXPECT_EQ(pair.source.backlog(), 0u);
+}
+
+// --- somebody else who delivers ---
+
+class MulticastTest : public testing::Test {
+protected:
+    MulticastTest() {
+        pair.source.multicastIs([&](Vel::Entity& entity, AttributeId id) {
+            delivered.push_back(entity.name().stdString() + " " + std::to_string(id));
+            return delivers;
+        });
+        pair.connect();
+        pair.run();
+        EXPECT_EQ(delivered, Strings()) << "what one reader is told is nothing for many";
+    }
+    Ptr<Leaf> a = Leaf::newEntity("a");
+    Pair pair{a};
+    Strings delivered;
+    bool delivers = true;
+};
+
+TEST_F(MulticastTest, WhatIsDeliveredIsNotInTheLog) {
+    Vel::U64 const before = pair.source.log().messages();
+    a->sizeIs(5);
+    EXPECT_EQ(delivered, Strings{"a 258"});
+    EXPECT_EQ(pair.source.log().messages(), before);
+    EXPECT_FALSE(pair.reader->wantsOutput());
+}
+
+TEST_F(MulticastTest, WhatIsNotDeliveredToAllIsInTheLog) {
+    delivers = false;
+    a->sizeIs(5);
+    EXPECT_EQ(delivered, Strings{"a 258"});
+    pair.run();
+    pair.expectEqual();
+}
+
+TEST_F(MulticastTest, WithoutItEverythingIsInTheLog) {
+    pair.source.multicastIs(nullptr);
+    a->sizeIs(5);
+    EXPECT_EQ(delivered, Strings());
+    pair.run();
+    pair.expectEqual();
+}
+
 // --- from one connection to the next ---
 
 TEST_F(StreamSourceTest, LostConnectionLeavesTheCopyStale) {
@@ -393,6 +475,29 @@ TEST(StreamServerTest, PathIsCutAndCleanedInTheRefusal) {
     auto const reader = server.newReader();
     reader->input(takeOutput(replica));
     EXPECT_EQ(reader->error(), "there is nothing at 'a'\\x0a" + std::string(247, 'x') + "...'");
+}
+
+TEST(StreamServerTest, BacklogIsTheLargestOfItsSources) {
+    auto const root = Dir::newEntity("root");
+    std::vector<Ptr<Leaf>> leaves;
+    std::vector<std::unique_ptr<Vel::StreamPeer>> readers;
+    Vel::AttrLogServer server(root);
+    for (char const* const name : {"x", "y"}) {
+        leaves.push_back(Leaf::newEntity(name));
+        root->entryIs(leaves.back());
+        Vel::AttrLogReplica replica(Dir::newEntity(""), "copy", {.path = name});
+        replica.connected();
+        readers.push_back(server.newReader());
+        readers.back()->input(takeOutput(replica));
+        takeOutput(*readers.back());
+    }
+    EXPECT_EQ(server.backlog(), 0u);
+    leaves[0]->sizeIs(1);
+    leaves[0]->sizeIs(2);
+    leaves[1]->sizeIs(1);
+    EXPECT_EQ(server.backlog(), 18u);
+    takeOutput(*readers[0]);
+    EXPECT_EQ(server.backlog(), 9u);
 }
 
 TEST(StreamServerTest, HelloOfTheMostModulesFits) {

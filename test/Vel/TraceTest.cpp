@@ -6,6 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -18,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
@@ -367,6 +370,57 @@ TEST_F(TraceDeathTest, AFileThatCannotBeOpenedIsReported) {
         testing::Eq(
             "vel: VELTRACEFILE: /nonexistent/trace: No such file or directory (ENOENT); tracing to standard error\n" +
             lineOf("Cell/0")));
+}
+
+std::atomic<int> interruptions;
+
+// Whether the thread sleeps: in a write to what is full, for instance.
+bool isAsleep(pid_t thread) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string const text{std::istreambuf_iterator<char>(stat), {}};
+    auto const name = text.rfind(") ");
+    return name != std::string::npos && text[name + 2] == 'S';
+}
+
+// Traces into a pipe that is full, is interrupted again and again, and prints what comes out at last.
+[[noreturn]] void traceInterrupted() {
+    int both[2] = {-1, -1};
+    if (::pipe2(both, O_NONBLOCK) != 0) ::_exit(1);
+    std::string const filler(4096, '.');
+    while (::write(both[1], filler.data(), filler.size()) > 0) {}
+    struct sigaction action {};
+    action.sa_handler = [](int) { ++interruptions; };
+    ::sigaction(SIGUSR1, &action, nullptr);
+    FakeCalls calls;
+    calls.environment = {{"VELTRACE", "Cell/0"}, {"VELTRACEFILE", "/dev/fd/" + std::to_string(both[1])}};
+    Vel::System::callsIs(&calls);
+    std::atomic<pid_t> tracing{0};
+    std::atomic<bool> isDone{false};
+    std::thread tracer([&] {
+        tracing = ::gettid();
+        TraceHandle cell("Cell");
+        trace(cell, 0, "x");
+        isDone = true;
+    });
+    while (interruptions < 20 && !isDone) {
+        if (!isAsleep(tracing)) continue;
+        int const before = interruptions;
+        ::pthread_kill(tracer.native_handle(), SIGUSR1);
+        while (interruptions == before && !isDone) std::this_thread::yield();
+    }
+    for (char c = 0;;) {
+        bool const wasDone = isDone;
+        bool const got = ::read(both[0], &c, 1) == 1;
+        if (got && c != '.') [[maybe_unused]]
+            ssize_t const written = ::write(STDERR_FILENO, &c, 1);
+        if (!got && wasDone) ::_exit(0);
+    }
+}
+
+TEST_F(TraceDeathTest, AnInterruptedTraceGoesOn) {
+    std::string expected = lineOf("Cell/0");
+    std::erase(expected, '.');  // as what is in the way
+    EXPECT_EXIT(traceInterrupted(), testing::ExitedWithCode(0), testing::Eq(expected));
 }
 
 TEST_F(TraceDeathTest, AnEmptyFileNameMeansStandardError) {
