@@ -64,7 +64,7 @@ SocketFile::SocketFile(Address const& address) : path_(address.path()), lockPath
     }
 }
 
-// The lock is released by name: a process that was forked meanwhile may have it, too.
+// The lock is released, and not only closed: a process that was forked meanwhile has it, too, and the file may have to stay.
 SocketFile::~SocketFile() {
     if (socketId_.second != 0 && fileAt(path_) == socketId_) ::unlink(path_.charPtr());
     if (fileOf(lock_.get()) == fileAt(lockPath_)) ::unlink(lockPath_.charPtr());

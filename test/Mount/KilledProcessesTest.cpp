@@ -175,17 +175,34 @@ void beRival(int socket, Address const& address) {
     loop.run();
 }
 
-class RivalsTest : public SharedTest {
-protected:
-    // The process that listens at the address; -1: none.
-    pid_t listener() {
-        RawPeer peer(address());
-        ucred credentials{};
-        socklen_t size = sizeof credentials;
-        bool const knows = ::getsockopt(peer.socket(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0;
-        return peer.isConnected() && knows ? credentials.pid : -1;
+// The process that listens at the address; -1: none.
+pid_t listenerAt(Address const& address) {
+    RawPeer const peer(address);
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    bool const knows = ::getsockopt(peer.socket(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0;
+    return peer.isConnected() && knows ? credentials.pid : -1;
+}
+
+// Serves so many times, and leaves in good order. Says whether another took its place meanwhile.
+void beGuest(int socket, Address const& address, unsigned long times) {
+    while (times != 0) {
+        Loop loop;
+        Server server(loop, Dir::newEntity("served"));
+        try {
+            server.listen(address);
+        } catch (Vel::ErrnoException const& error) {
+            if (error.error() == EADDRINUSE) continue;
+            return say(socket, error.what());
+        }
+        --times;
+        for (int i = 0; i < 3; ++i)
+            if (listenerAt(address) != ::getpid()) return say(socket, "another took the place");
     }
-};
+    say(socket, "served");
+}
+
+class RivalsTest : public SharedTest {};
 
 TEST_F(RivalsTest, OfManyServersThatStartAtOnceOneServesAndTheOthersSaySo) {
     unsigned long const rounds = setting("MOX_RIVAL_ROUNDS", 60);
@@ -205,9 +222,17 @@ TEST_F(RivalsTest, OfManyServersThatStartAtOnceOneServesAndTheOthersSaySo) {
             serving = rival->id();
         }
         ASSERT_NE(serving, -1) << "nobody serves";
-        ASSERT_EQ(listener(), serving);
+        ASSERT_EQ(listenerAt(address()), serving);
         // All are killed, and what they leave behind is in the way of the next ones, or not.
     }
+}
+
+TEST_F(RivalsTest, ServersThatComeAndGoTakeNobodysPlace) {
+    unsigned long const times = setting("MOX_RIVAL_TIMES", 200);
+    std::vector<std::unique_ptr<Child>> guests;
+    for (int i = 0; i < 6; ++i)
+        guests.push_back(std::make_unique<Child>([&](int socket) { beGuest(socket, address(), times); }));
+    for (auto const& guest : guests) EXPECT_EQ(guest->said(), "served");
 }
 
 }  // namespace

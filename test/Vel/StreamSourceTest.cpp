@@ -193,7 +193,7 @@ TEST_F(SmallLogTest, OutputStaysInPlaceUntilItIsTaken) {
     ASSERT_GE(before.size(), 90u);
     for (U32 i = 11; i <= 2000; ++i) {
         a->sizeIs(i);
-        other.input(takeOutput(*reader));
+        if (i % 110 == 0) other.input(takeOutput(*reader));  // so late that all chunks come into use
     }
     EXPECT_EQ(Bytes(bytes.begin(), bytes.end()), before);
     EXPECT_LE(pair.source.log().size(), 1000u + 256u);
