@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Vel/Types.h"
+#include "Vel/internal/DeriveAttributeType.h"
 
 #include <array>
 #include <string_view>
@@ -83,7 +84,6 @@ template <class M> struct MemberType;
 template <class C, class M> struct MemberType<M C::*> { using Type = M; };
 template <auto Member> using MemberValue = typename MemberType<decltype(Member)>::Type;
 
-struct None {};
 template <auto F> inline constexpr bool given = !std::is_same_v<std::remove_cv_t<decltype(F)>, None>;
 
 // Result and arguments of a function that an attribute names; of none, None and no arguments.
@@ -207,77 +207,102 @@ template <auto Member, auto Getter, auto Setter> struct EntityAttribute : Detail
 
 namespace Detail {
 
-template <class A> constexpr A named(std::string_view name) {
-    A attribute{};
-    attribute.name = name;
-    return attribute;
-}
-template <class A, class... Names> constexpr A named(std::string_view name, Names... parameterNames) {
-    static_assert(
-        sizeof...(Names) == std::tuple_size_v<typename A::Parameters>, "name every parameter of the function");
-    static_assert(sizeof...(Names) <= maxParameters);
-    A attribute{};
-    attribute.name = name;
-    attribute.parameterNames = {std::string_view(parameterNames)...};
-    return attribute;
+// Stands for an attribute that the compiler has complained about, so that nothing else is said because of it.
+struct Broken : AttributeBase {
+    using Value = void;
+    static constexpr auto kind = AttributeKind::declared;
+    static constexpr U32 ops = 0;
+};
+template <class A> inline constexpr bool isBroken = std::is_same_v<A, Broken>;
+
+// Member is what the description names the attribute by.
+template <class A, auto Member, class... Names> constexpr auto named(char const* name, Names... parameterNames) {
+    constexpr std::size_t parameters = std::tuple_size_v<typename A::Parameters>;
+    static_assert(sizeof...(Names) == parameters, "name every parameter of the function");
+    static_assert(parameters <= maxParameters, "a method that reflection can call takes at most six parameters");
+    if constexpr (sizeof...(Names) != parameters || parameters > maxParameters || !hasGoodTypes<Member, A>) {
+        return Broken{{.name = name}};
+    } else {
+        A attribute{};
+        attribute.name = name;
+        attribute.parameterNames = {std::string_view(parameterNames)...};
+        return attribute;
+    }
 }
 
 }  // namespace Detail
 
 // A stored field, read and written as it is.
 template <auto Member> constexpr auto field(char const* name) {
-    return Detail::named<Field<Member, Detail::None{}, true>>(name);
+    return Detail::named<Field<Member, Detail::None{}, true>, Member>(name);
 }
 // A stored field whose reflective set calls SetterFunction.
 template <auto Member, auto SetterFunction> constexpr auto checkedField(char const* name) {
-    return Detail::named<Field<Member, SetterFunction, true>>(name);
+    return Detail::named<Field<Member, SetterFunction, true>, Member>(name);
 }
 template <auto Member> constexpr auto readOnlyField(char const* name) {
-    return Detail::named<Field<Member, Detail::None{}, false>>(name);
+    return Detail::named<Field<Member, Detail::None{}, false>, Member>(name);
 }
 // A computed attribute: Getter takes the value; with SetterFunction it can be set too.
 template <auto Getter, auto SetterFunction = Detail::None{}> constexpr auto derived(char const* name) {
-    return Detail::named<Derived<Getter, SetterFunction>>(name);
+    return Detail::named<Derived<Getter, SetterFunction>, Getter>(name);
 }
 // A constant: Getter is a function without arguments.
-template <auto Getter> constexpr auto constant(char const* name) { return Detail::named<Constant<Getter>>(name); }
+template <auto Getter> constexpr auto constant(char const* name) {
+    return Detail::named<Constant<Getter>, Getter>(name);
+}
 // A write-only attribute.
-template <auto Function> constexpr auto setter(char const* name) { return Detail::named<Setter<Function>>(name); }
+template <auto Function> constexpr auto setter(char const* name) {
+    return Detail::named<Setter<Function>, Function>(name);
+}
 // A member function, or a static one, with the names of its parameters.
 template <auto Function, class... Names> constexpr auto method(char const* name, Names... parameterNames) {
-    return Detail::named<Method<Function>>(name, parameterNames...);
+    return Detail::named<Method<Function>, Function>(name, parameterNames...);
 }
 // A keyed collection. Functions that it lacks are Vel::none.
 inline constexpr Detail::None none{};
 template <class Key, class Value, auto Get = none, auto Set = none, auto Del = none, auto Count = none,
     auto ChangeCounter = none, auto Exists = none>
 constexpr auto collection(char const* name) {
-    return Detail::named<Collection<Key, Value, CollectionOps<Get, Set, Del, Count, ChangeCounter, Exists>>>(name);
+    return Detail::named<Collection<Key, Value, CollectionOps<Get, Set, Del, Count, ChangeCounter, Exists>>, Get>(name);
 }
 // A collection that travels to replicas, which put the members that they are sent into it. It needs Set and Del.
 template <auto Visit, class A> constexpr auto references(A collection) {
-    return StreamedCollection<A, Members::references, Visit, Detail::None{}>{collection};
+    if constexpr (Detail::isBroken<A>)
+        return collection;
+    else
+        return StreamedCollection<A, Members::references, Visit, Detail::None{}>{collection};
 }
 // The same, but the replica's collection makes the members itself: Set takes the key alone.
 template <auto Visit, auto Adopt, class A> constexpr auto instances(A collection) {
-    return StreamedCollection<A, Members::instances, Visit, Adopt>{collection};
+    if constexpr (Detail::isBroken<A>)
+        return collection;
+    else
+        return StreamedCollection<A, Members::instances, Visit, Adopt>{collection};
 }
 // A collection of values that travels to replicas. It needs Get, Set, Del and Exists, and tells of each key that it sets
 // to another value or deletes: velNotify(attribute, key).
 template <auto Visit, class A> constexpr auto values(A collection) {
-    static_assert(Detail::given<A::get> && Detail::given<A::set> && Detail::given<A::del> && Detail::given<A::exists>,
-        "a collection of values that travels needs Get, Set, Del and Exists");
-    return StreamedCollection<A, Members::values, Visit, Detail::None{}>{collection};
+    if constexpr (Detail::isBroken<A>) {
+        return collection;
+    } else {
+        static_assert(
+            Detail::given<A::get> && Detail::given<A::set> && Detail::given<A::del> && Detail::given<A::exists>,
+            "a collection of values that travels needs Get, Set, Del and Exists");
+        return StreamedCollection<A, Members::values, Visit, Detail::None{}>{collection};
+    }
 }
 // A parameter of the constructor that is listed among the attributes.
 template <class Value> constexpr auto ctorParam(char const* name) {
-    return Detail::named<Declared<Value, AttributeKind::ctorParam>>(name);
+    return Detail::named<Declared<Value, AttributeKind::ctorParam>, Detail::None{}>(name);
 }
 // A name in the tables whose every operation is refused.
-constexpr auto declared(char const* name) { return Detail::named<Declared<void, AttributeKind::declared>>(name); }
+constexpr auto declared(char const* name) {
+    return Detail::named<Declared<void, AttributeKind::declared>, Detail::None{}>(name);
+}
 // A notifying attribute of an entity: the member that stores it, its accessor and its mutator.
 template <auto Member, auto Getter, auto SetterFunction = Detail::None{}> constexpr auto attribute(char const* name) {
-    return Detail::named<EntityAttribute<Member, Getter, SetterFunction>>(name);
+    return Detail::named<EntityAttribute<Member, Getter, SetterFunction>, Member>(name);
 }
 
 // A collection that reflection can walk. Begin gives an iterator that is false at the end and has key() and next(), or
@@ -287,7 +312,10 @@ template <class A, auto BeginFunction, auto EraseFunction> struct IteratedCollec
     static constexpr auto erase = EraseFunction;
 };
 template <auto Begin, auto Erase = none, class A> constexpr auto iterated(A collection) {
-    return IteratedCollection<A, Begin, Erase>{collection};
+    if constexpr (Detail::isBroken<A>)
+        return collection;
+    else
+        return IteratedCollection<A, Begin, Erase>{collection};
 }
 
 }  // namespace Vel

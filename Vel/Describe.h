@@ -119,9 +119,23 @@ concept DescribedValue = Described<T> &&(DescriptionOf<T>::form != Form::entity)
 template <class T>
 concept DescribedEntity = Described<T> &&(DescriptionOf<T>::form == Form::entity);
 
+// Whether T's description is its own, and not the one of the class that it derives from by EntityOf.
+template <class T> constexpr bool ownsDescription() {
+    if constexpr (requires { typename T::VelBase; })
+        return descriptionOf<T>.name != descriptionOf<typename T::VelBase>.name;
+    else
+        return true;
+}
+
 template <class T> inline constexpr std::size_t attributeCount = DescriptionOf<T>::attributeCount;
 template <class T, std::size_t I>
 using AttributeAt = std::tuple_element_t<I, typename DescriptionOf<T>::AttributeTypes>;
+
+// Whether the compiler has complained about one of T's attributes.
+template <class T> constexpr bool hasBrokenAttribute() {
+    return []<class... A>(std::type_identity<std::tuple<A...>>) { return (Detail::isBroken<A> || ...); }(
+               std::type_identity<typename DescriptionOf<T>::AttributeTypes>());
+}
 
 // Calls f(std::integral_constant<std::size_t, I>) for the index I of every attribute, in order.
 template <class T, class F> constexpr void forEachAttribute(F&& f) {

@@ -99,7 +99,8 @@ template <class T, auto Member> constexpr AttributeId attributeIdOfMember() {
         return found;
     }
     (std::make_index_sequence<attributeCount<T>>{});
-    static_assert(index < attributeCount<T>, "the description does not list this member as an attribute");
+    constexpr bool complained = hasBrokenAttribute<T>() || !ownsDescription<T>();
+    static_assert(complained || index < attributeCount<T>, "the description does not list this member as an attribute");
     if constexpr (hasOption<T, OptionId::base>) {
         using B = typename OptionOf<T, OptionId::base>::Type;
         static_assert(!hasOption<B, OptionId::base>, "one level of described bases");
@@ -115,6 +116,8 @@ template <class T, auto Member> constexpr AttributeId attributeIdOfMember() {
 // T's description; no virtual operation is added.
 template <class T, class Base = Entity> class EntityOf : public Base {
 public:
+    using VelBase = Base;
+
     VelType fwkType() const override { return typeOf<T>(); }
 
     // Makes a T under allocation tracking and switches its notification on: what every factory does.

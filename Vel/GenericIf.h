@@ -231,6 +231,6 @@ private:
     std::unique_ptr<void, Free> storage_;
 };
 
-template <class T> VelType typeOf() { return Contract<T>::type(); }
+template <class T> VelType typeOf() { return DefinedByVEL_MODULE<T>::type(); }
 
 }  // namespace Vel

@@ -54,14 +54,16 @@ private:
 // VEL_MODULE(Name, fingerprint, Type...): defines, exports and registers the table of the described types, under the
 // symbol _Name_fingerprint_velModule, and instantiates their contract. Put it at the end of the module's source file,
 // outside any namespace. The fingerprint is 16 hexadecimal digits; when the types' descriptions change, the build fails
-// here and shows the new one, so that nobody changes what goes over the wire without noticing.
+// here and shows the new one, so that nobody changes what goes over the wire without noticing. A described type that no
+// VEL_MODULE lists is missing at link time: "undefined reference to `Vel::DefinedByVEL_MODULE<My::Type>::type()'".
 #define VEL_MODULE(NAME, FINGERPRINT, ...)                                                                             \
-    extern "C" VEL_API const Vel::Detail::ModuleTable<__VA_ARGS__> _##NAME##_##FINGERPRINT##_velModule;                \
+    static_assert(Vel::Detail::isAsserted<decltype(Vel::Detail::checkModule<__VA_ARGS__>())>);                         \
+    extern "C" VEL_API const Vel::Detail::ModuleTableOf<__VA_ARGS__> _##NAME##_##FINGERPRINT##_velModule;              \
     VEL_FOR_EACH(VEL_MODULE_HOME, (_##NAME##_##FINGERPRINT##_velModule, __VA_ARGS__), __VA_ARGS__)                     \
-    template struct Vel::Detail::FingerprintCheck<Vel::Detail::hexDigits(                                              \
-                                                      Vel::Detail::moduleFingerprint<__VA_ARGS__>(#NAME)),             \
-        Vel::Detail::FingerprintDigits(#FINGERPRINT)>;                                                                 \
-    extern "C" VEL_API constinit const Vel::Detail::ModuleTable<__VA_ARGS__> _##NAME##_##FINGERPRINT##_velModule =     \
+    static_assert(Vel::Detail::isAsserted<decltype(Vel::Detail::checkFingerprint<                                      \
+            Vel::Detail::ShownDigits<Vel::Detail::rightDigits<__VA_ARGS__>(#NAME, #FINGERPRINT)>,                      \
+            Vel::Detail::ShownDigits<Vel::Detail::FingerprintDigits(#FINGERPRINT)>>())>);                              \
+    extern "C" VEL_API constinit const Vel::Detail::ModuleTableOf<__VA_ARGS__> _##NAME##_##FINGERPRINT##_velModule =   \
         Vel::Detail::moduleTable<__VA_ARGS__>(#NAME);                                                                  \
     VEL_FOR_EACH(VEL_MODULE_CONTRACT, (), __VA_ARGS__)                                                                 \
     namespace {                                                                                                        \
@@ -72,10 +74,10 @@ private:
 #define VEL_MODULE_HOME(ARGUMENTS, TYPE) VEL_MODULE_HOME_IN(TYPE, VEL_UNPACK ARGUMENTS)
 #define VEL_MODULE_HOME_IN(TYPE, ...) VEL_MODULE_HOME_OF(TYPE, __VA_ARGS__)
 #define VEL_MODULE_HOME_OF(TYPE, SYMBOL, ...)                                                                          \
-    template <> Vel::VelType Vel::Contract<TYPE>::type() {                                                             \
+    template <> Vel::VelType Vel::DefinedByVEL_MODULE<TYPE>::type() {                                                  \
         return {&SYMBOL.header, Vel::Detail::indexIn<TYPE, __VA_ARGS__>()};                                            \
     }
-#define VEL_MODULE_CONTRACT(ARGUMENTS, TYPE) template struct Vel::Contract<TYPE>;
+#define VEL_MODULE_CONTRACT(ARGUMENTS, TYPE) template struct Vel::DefinedByVEL_MODULE<TYPE>;
 #define VEL_UNPACK(...) __VA_ARGS__
 
 // VEL_FOR_EACH(MACRO, arguments, a, b, ...): MACRO(arguments, a) MACRO(arguments, b) ... for up to 256 elements.

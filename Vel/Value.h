@@ -27,8 +27,9 @@ class VelType;
 // --- what the module's source instantiates ---
 
 // The parts of a type's contract that are worth compiling once: VEL_MODULE instantiates them where the type's module
-// stands, and everybody else only calls them.
-template <class T> struct VEL_API Contract {
+// stands, and everybody else only calls them. The linker says this name when it misses one: no VEL_MODULE that was linked
+// lists T.
+template <class T> struct VEL_API DefinedByVEL_MODULE {
     static VelType type();  // T's type record
     static void print(StrepOut& out, T const& value);
     static void print(std::ostream& out, T const& value);
@@ -43,10 +44,10 @@ template <class T> struct VEL_API Contract {
 // Constructor's work: sets every field to its zero, then parses the text form at `it`, which moves behind it.
 // Throws ParseException.
 template <class T> inline void parse(T& value, String::IteratorConst& it, String::IteratorConst const& end) {
-    if (char const* const stop = Contract<T>::read(value, it.charPtr(), end.charPtr())) [[likely]]
+    if (char const* const stop = DefinedByVEL_MODULE<T>::read(value, it.charPtr(), end.charPtr())) [[likely]]
         it.charPtrIs(stop);
     else
-        Contract<T>::parse(value, it, end);  // finds out what is wrong
+        DefinedByVEL_MODULE<T>::parse(value, it, end);  // finds out what is wrong
 }
 
 template <DescribedValue T> T sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, T* type) {
@@ -58,17 +59,17 @@ template <DescribedValue T> T sequenceToValue(String::IteratorConst& it, String:
 
 // Appends the text form.
 template <DescribedValue T> StrepOut& operator<<(StrepOut& out, T const& value) {
-    Contract<T>::print(out, value);
+    DefinedByVEL_MODULE<T>::print(out, value);
     return out;
 }
 template <DescribedValue T> String valueToStrep(T const& value) {
     StrepOut out;
-    Contract<T>::print(out, value);
+    DefinedByVEL_MODULE<T>::print(out, value);
     return out.str();
 }
 // The text form; a number without one of its own goes through the stream's integer output, base and width included.
 template <DescribedValue T> std::ostream& operator<<(std::ostream& out, T const& value) {
-    Contract<T>::print(out, value);
+    DefinedByVEL_MODULE<T>::print(out, value);
     return out;
 }
 

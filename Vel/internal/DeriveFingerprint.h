@@ -15,8 +15,8 @@ public:
         for (char const c : text) state_ = (state_ ^ static_cast<unsigned char>(c)) * 0x100000001b3ul;
         return *this;
     }
-    constexpr Fnv& operator<<(U32 number) {
-        char digits[10] = {};
+    constexpr Fnv& operator<<(U64 number) {
+        char digits[20] = {};
         std::size_t count = 0;
         do digits[count++] = static_cast<char>('0' + number % 10);
         while (number /= 10);
@@ -48,6 +48,7 @@ template <class T> constexpr void spellType(Fnv& hash) {
             hash << (A::members == Members::values      ? " values"
                      : A::members == Members::instances ? " instances"
                                                         : " references");
+        if constexpr (requires { A::number; }) hash << " is " << A::number;
         hash << "\n";
         forEachParameter(a,
             [&](std::string_view name, std::string_view type) { hash << "parameter " << name << " " << type << "\n"; });
@@ -64,7 +65,11 @@ template <class... Ts> constexpr U64 moduleFingerprint(std::string_view name) {
 struct FingerprintDigits {
     char digits[17] = {};
     constexpr FingerprintDigits() = default;
-    consteval FingerprintDigits(char const (&text)[17]) { std::copy(text, text + 17, digits); }
+    template <std::size_t N> consteval FingerprintDigits(char const (&text)[N]) {
+        static_assert(N == 17, "the fingerprint in VEL_MODULE has 16 hexadecimal digits");
+        std::copy(text, text + std::min<std::size_t>(N - 1, 16), digits);
+    }
+    constexpr std::string_view view() const { return {digits, 16}; }
     friend constexpr bool operator==(FingerprintDigits const&, FingerprintDigits const&) = default;
 };
 
@@ -74,10 +79,24 @@ constexpr FingerprintDigits hexDigits(U64 value) {
     return result;
 }
 
-template <FingerprintDigits Actual, FingerprintDigits Written> struct FingerprintCheck {
-    static_assert(Actual == Written,
-        "the module's description has changed: give VEL_MODULE the fingerprint that stands first in "
-        "FingerprintCheck<...>");
+template <FingerprintDigits Digits> struct DigitsText { static constexpr std::string_view value = Digits.view(); };
+template <FingerprintDigits Digits> using ShownDigits = ShownText<DigitsText<Digits>>;
+
+// The fingerprint that the module should have; of one with an error, which has been told, what is written.
+template <class... Ts> constexpr FingerprintDigits rightDigits(std::string_view name, FingerprintDigits written) {
+    if constexpr (TypesOfModule<Ts...>::good)
+        return hexDigits(moduleFingerprint<Ts...>(name));
+    else
+        return written;
+}
+
+template <class Right, class Written> struct Fingerprint {
+    static constexpr bool isRight = std::is_same_v<Right, Written>;
 };
+template <class Right, class Written> constexpr auto checkFingerprint() {
+    static_assert(Fingerprint<Right, Written>::isRight,
+        "the module's description has changed: give VEL_MODULE the fingerprint that stands first");
+    return Asserted();
+}
 
 }  // namespace Vel::Detail

@@ -69,7 +69,7 @@ template <class T> void genericIfDestruct(void* value) { static_cast<T*>(value)-
 
 template <class T> String genericIfStrRep(void const* value, VelType) {
     StrepOut out;
-    Contract<T>::print(out, objectAt<T>(const_cast<void*>(value)));
+    DefinedByVEL_MODULE<T>::print(out, objectAt<T>(const_cast<void*>(value)));
     return out.str();
 }
 
@@ -192,14 +192,14 @@ template <class T> struct __attribute__((visibility("hidden"))) GlueOf {
 
 namespace Vel {
 
-template <class T> void Contract<T>::print(StrepOut& out, T const& value) {
+template <class T> void DefinedByVEL_MODULE<T>::print(StrepOut& out, T const& value) {
     if constexpr (DescribedEntity<T>)
         value.velPrint(out);
-    else
+    else if constexpr (DescribedValue<T> || ScalarValue<T>)
         Detail::printValue(out, value);
 }
 
-template <class T> void Contract<T>::print(std::ostream& out, T const& value) {
+template <class T> void DefinedByVEL_MODULE<T>::print(std::ostream& out, T const& value) {
     if constexpr (Described<T>) {
         if constexpr (DescriptionOf<T>::form == Form::number && !hasOption<T, OptionId::text>) {
             // The unary plus makes an 8-bit number a number, and no character.
@@ -212,8 +212,9 @@ template <class T> void Contract<T>::print(std::ostream& out, T const& value) {
     out << text.view();
 }
 
-template <class T> void Contract<T>::parse(T& value, String::IteratorConst& it, String::IteratorConst const& end) {
-    if constexpr (DescribedEntity<T>)
+template <class T>
+void DefinedByVEL_MODULE<T>::parse(T& value, String::IteratorConst& it, String::IteratorConst const& end) {
+    if constexpr (!DescribedValue<T> && !ScalarValue<T>)
         GenericIfImpl::throwTypeException(type());
     else if constexpr (ScalarValue<T>)
         value = sequenceToValue(it, end, static_cast<T*>(nullptr));
@@ -223,7 +224,7 @@ template <class T> void Contract<T>::parse(T& value, String::IteratorConst& it, 
         Detail::parseValue(value, it, end);
 }
 
-template <class T> char const* Contract<T>::read(T& value, char const* from, char const* end) {
+template <class T> char const* DefinedByVEL_MODULE<T>::read(T& value, char const* from, char const* end) {
     if constexpr (!DescribedValue<T>)
         return nullptr;
     else

@@ -295,9 +295,9 @@ template <class T> VelType typeFunction() {
     if constexpr (std::is_void_v<T> || std::is_same_v<T, None>)
         return VelType();
     else
-        return Contract<T>::type();
+        return DefinedByVEL_MODULE<T>::type();
 }
-template <class E> VelType entityTypeFunction() { return Contract<std::remove_const_t<E>>::type(); }
+template <class E> VelType entityTypeFunction() { return DefinedByVEL_MODULE<std::remove_const_t<E>>::type(); }
 template <class T> struct TypeFunction { static constexpr auto value = &typeFunction<T>; };
 template <class E> struct TypeFunction<Ptr<E>> { static constexpr auto value = &entityTypeFunction<E>; };
 

@@ -210,10 +210,9 @@ template <class List> constexpr void writeNames(char* to, List const& list) {
 
 template <class... Ts> constexpr U64 moduleFingerprint(std::string_view name);
 
-template <class... Ts> consteval ModuleTable<Ts...> moduleTable(std::string_view name) {
+template <class... Ts> consteval ModuleTable<Ts...> filledTable(std::string_view name) {
     using Table = ModuleTable<Ts...>;
     using Sizes = ModuleSizes<Ts...>;
-    static_assert((checkDescription<Ts>() && ...));
     constexpr auto typeNames = Sizes::listTypeNames();
     constexpr auto attributeNames = Sizes::listAttributeNames();
     Table table{};
@@ -242,6 +241,38 @@ template <class... Ts> consteval ModuleTable<Ts...> moduleTable(std::string_view
     header.name = offsetof(Table, name);
     header.glue = offsetof(Table, glue);
     return table;
+}
+
+template <class... Ts> constexpr bool haveDistinctNames() {
+    std::array<std::string_view, sizeof...(Ts)> names{typeName<Ts>()...};
+    std::sort(names.begin(), names.end());
+    return std::adjacent_find(names.begin(), names.end()) == names.end();
+}
+
+template <class... Ts> struct TypesOfModule {
+    static constexpr bool areSound = (std::size_t(isSound<Ts>()) + ...) == sizeof...(Ts);
+    static constexpr bool haveDistinctNames = [] {
+        if constexpr (areSound)
+            return Detail::haveDistinctNames<Ts...>();
+        else
+            return true;
+    }();
+    static constexpr bool good = areSound && haveDistinctNames;
+};
+// What VEL_MODULE looks at first.
+template <class... Ts> constexpr auto checkModule() {
+    static_assert(TypesOfModule<Ts...>::haveDistinctNames, "each type of a module needs a name of its own");
+    return Asserted();
+}
+
+// Of a module with an error, which has been told, the table of something else.
+template <class... Ts>
+using ModuleTableOf = std::conditional_t<TypesOfModule<Ts...>::good, ModuleTable<Ts...>, ModuleTable<bool>>;
+template <class... Ts> consteval ModuleTableOf<Ts...> moduleTable(std::string_view name) {
+    if constexpr (TypesOfModule<Ts...>::good)
+        return filledTable<Ts...>(name);
+    else
+        return {};
 }
 
 }  // namespace Vel::Detail

@@ -1,4 +1,4 @@
-// expect: each attribute needs a name of its own
+// expect only: My::P.*each attribute needs a name of its own
 #include "Vel/Entity.h"
 #include "Vel/Module.h"
 #include "Vel/Value.h"

@@ -1,4 +1,4 @@
-// expect: an entity type derives from Vel::Entity
+// expect first: My::P.*an entity type derives from Vel::Entity
 #include "Vel/Entity.h"
 #include "Vel/Module.h"
 #include "Vel/Value.h"

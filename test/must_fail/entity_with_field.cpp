@@ -1,4 +1,4 @@
-// expect: an entity has attributes, and no fields
+// expect only: My::P.*an entity has attributes, and no fields
 #include "Vel/Entity.h"
 #include "Vel/Module.h"
 #include "Vel/Value.h"

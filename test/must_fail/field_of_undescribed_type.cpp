@@ -1,15 +1,20 @@
-// expect: the type of an attribute is a scalar, or describes itself
+// expect only: &My::Point::y(;|,).* My::Pair(\]|>).*the type of an attribute is a scalar, or describes itself: give the class a description
 #include "Vel/Entity.h"
 #include "Vel/Module.h"
 #include "Vel/Value.h"
 
 namespace My {
 
+struct Pair {
+    Vel::U32 a = 0;
+    bool operator==(Pair const&) const = default;
+};
+
 class Point {
 public:
     Vel::U32 x = 0;
-    long double y = 0;
-    void moveIs(Vel::U32 dx, Vel::U32 dy) & { x += dx, y = dy; }
+    Pair y;
+    void moveIs(Vel::U32 dx, Vel::U32) & { x += dx; }
     friend bool operator==(Point const&, Point const&) = default;
 
     Point() = default;

@@ -1,4 +1,4 @@
-// expect: no matching .*FingerprintDigits
+// expect first: the fingerprint in VEL_MODULE has 16 hexadecimal digits
 #include "Vel/Entity.h"
 #include "Vel/Module.h"
 #include "Vel/Value.h"

@@ -1,4 +1,4 @@
-// expect: a number has exactly one field
+// expect only: My::P.*a number has exactly one field
 #include "Vel/Entity.h"
 #include "Vel/Module.h"
 #include "Vel/Value.h"

@@ -1,4 +1,4 @@
-// expect: an ordered type needs operator<
+// expect only: My::P.*an ordered type needs operator<
 #include "Vel/Entity.h"
 #include "Vel/Module.h"
 #include "Vel/Value.h"

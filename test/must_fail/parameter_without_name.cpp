@@ -1,4 +1,4 @@
-// expect: name every parameter of the function
+// expect only: name every parameter of the function
 #include "Vel/Entity.h"
 #include "Vel/Module.h"
 #include "Vel/Value.h"

@@ -1,4 +1,4 @@
-// expect: a record without fields needs a text form and a stream form of its own
+// expect only: My::P.*a record without fields needs a text form and a stream form of its own
 #include "Vel/Entity.h"
 #include "Vel/Module.h"
 #include "Vel/Value.h"

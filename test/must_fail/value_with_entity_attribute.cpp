@@ -1,4 +1,4 @@
-// expect: a value has fields, and no attributes
+// expect only: My::P.*a value has fields, and no attributes
 #include "Vel/Entity.h"
 #include "Vel/Module.h"
 #include "Vel/Value.h"

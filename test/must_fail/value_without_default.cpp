@@ -1,4 +1,4 @@
-// expect: a value can be made from nothing, copied and assigned
+// expect only: My::P.*a value can be made from nothing, copied and assigned
 #include "Vel/Entity.h"
 #include "Vel/Module.h"
 #include "Vel/Value.h"
