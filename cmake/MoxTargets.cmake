@@ -12,6 +12,13 @@ function(mox_compile target)
     endif()
 endfunction()
 
+# Programs go on working with a later version as long as this stays what it is: the major version, and before the first
+# major version, which promises nothing yet, the minor one, too.
+set(MOX_COMPATIBLE_VERSION ${PROJECT_VERSION_MAJOR})
+if(PROJECT_VERSION_MAJOR EQUAL 0)
+    set(MOX_COMPATIBLE_VERSION 0.${PROJECT_VERSION_MINOR})
+endif()
+
 # mox_library(target Namespace [OUTPUT name] [EXPORT name] [LINK targets...]): the library of the current folder, with the
 # alias Namespace::target, its install rules and its export set, which is named after the namespace unless told.
 function(mox_library target namespace)
@@ -43,7 +50,7 @@ function(mox_library target namespace)
         POSITION_INDEPENDENT_CODE ON
         DEFINE_SYMBOL ""  # no source asks; without it shared and static compile alike, once through ccache
         VERSION ${PROJECT_VERSION}
-        SOVERSION ${PROJECT_VERSION_MAJOR}
+        SOVERSION ${MOX_COMPATIBLE_VERSION}
         INSTALL_RPATH "$ORIGIN")
     if(arg_OUTPUT)
         set_target_properties(${target} PROPERTIES OUTPUT_NAME ${arg_OUTPUT})
