@@ -5,13 +5,15 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <string>
 
 namespace {
 
-// The C library's line, which begins with the program's name.
+// The C library's line, which begins with the program's name; an emulator says something of its own behind it.
 std::string failureLine(std::string const& rest) {
-    return std::string(program_invocation_short_name) + ": " + rest + "\n";
+    return std::string(program_invocation_short_name) + ": " + rest + "\n" +
+           (std::getenv("MOX_UNDER_QEMU") ? "qemu: uncaught target signal 6 (Aborted) - core dumped\n" : "");
 }
 
 [[noreturn]] void failWithExplanation(unsigned id, unsigned size) {
