@@ -125,6 +125,14 @@ TEST(IdSetStreamTest, ABucketThatComesTwiceInAFullGroupIsRefused) {
     EXPECT_FALSE(Vel::checkedRead<IdSet>(groupOf([](auto& keys) { keys[1] = 63; })));
 }
 
+TEST(IdSetStreamTest, TheLastBucketOfAFullGroupIsNotTakenForGranted) {
+    EXPECT_FALSE(Vel::checkedRead<IdSet>(groupOf([](auto& keys) { keys[63] = 62; })));
+    auto const read = Vel::checkedRead<IdSet>(groupOf([](auto& keys) { keys[63] = 70; }));
+    ASSERT_TRUE(read);
+    EXPECT_FALSE(read->bucketExists(Mox::BucketId(63)));
+    EXPECT_EQ(read->bucket(70), 63u);
+}
+
 TEST(IdSetStreamTest, ABucketThatComesAgainBehindAFullGroupIsRefused) {
     auto bytes = groupOf([](auto&) {});
     bytes.insert(bytes.end() - 1, {63, 0, 0, 0, 0, 0, 0, 0, 1});

@@ -152,6 +152,50 @@ TEST_F(PrefixTrieReplicaTest, MemberThatGoesAndComesAgainIsAnotherOne) {
     EXPECT_NE(copy->prefixChild("a"), node);
 }
 
+// What a source sends that has a node "a" in the trie, and a node "b" in that; then puts `member`, which is above, into "b".
+Vel::String errorOfCircle(PrefixTrie& copy, unsigned member, char const* key) {
+    using Vel::NboAttrLog::Compact;
+    using Vel::NboAttrLog::MessageKind;
+    Vel::AttrLogReplica replica(Ptr<Vel::Entity>(&copy), {});
+    replica.connected();
+    takeOutput(replica);
+    Vel::NboAttrLog::BufferSm sm;
+    auto const send = [&](MessageKind kind, auto const& body) {
+        body(sm.begin(kind, 0));
+        sm.commit();
+    };
+    send(MessageKind::welcome, [](auto& out) { out << Vel::U16(1) << false; });
+    send(MessageKind::type, [](auto& out) {
+        Vel::VelType const type = Vel::typeOf<PrefixTrie>();
+        out << Compact{0} << Vel::String(type.name()) << Vel::String(type.moduleName()) << type.moduleFingerprint();
+    });
+    send(MessageKind::announce, [](auto& out) { out << Compact{1} << Compact{0} << Compact{0} << Vel::String("t"); });
+    send(MessageKind::announce,
+        [](auto& out) { out << Compact{2} << Compact{0} << Compact{1} << Compact{262} << Vel::String("a"); });
+    send(MessageKind::announce,
+        [](auto& out) { out << Compact{3} << Compact{0} << Compact{2} << Compact{262} << Vel::String("b"); });
+    replica.input(sm.bytes());
+    EXPECT_EQ(replica.error(), "");
+    EXPECT_TRUE(copy.prefixChild("a") && copy.prefixChild("a")->prefixChild("b"));
+    sm.clear();
+    send(MessageKind::keySet,
+        [&](auto& out) { out << Compact{3} << Compact{262} << Vel::String(key) << Compact{member}; });
+    replica.input(sm.bytes());
+    return replica.error();
+}
+
+TEST(PrefixTrieCircleTest, NodeIsNotPutBelowItself) {
+    for (unsigned const member : {1u, 2u, 3u}) {
+        auto const copy = Mox::prefixTrieFactory("t");
+        char const* const names[] = {"t", "a", "b"};
+        EXPECT_EQ(errorOfCircle(*copy, member, names[member - 1]), "an entity within itself") << member;
+        auto const a = copy->prefixChild("a");
+        ASSERT_TRUE(a && a->prefixChild("b")) << member;
+        EXPECT_EQ(a->parent(), copy.get());
+        EXPECT_EQ(a->prefixChild("b")->prefixChildren(), 0u);
+    }
+}
+
 // --- changes while a reader catches up ---
 
 class PrefixTrieCatchUpTest : public PrefixTrieStreamTest {

@@ -221,6 +221,15 @@ TEST(OrderedMapTest, ChangeCounterNeverStepsBack) {
     EXPECT_EQ(map.changes(), 6u);
 }
 
+TEST(OrderedMapTest, CopyingIsOneChangeOfTheCopy) {
+    OrderedMap<int, int> map;
+    for (int key : {1, 2, 3}) map.insert(key, key);
+    OrderedMap<int, int> const copy = map;
+    EXPECT_EQ(copy.changes(), 1u);
+    OrderedMap<int, int> const copyOfNothing = OrderedMap<int, int>();
+    EXPECT_EQ(copyOfNothing.changes(), 0u);
+}
+
 TEST(OrderedMapTest, FailedInsertionChangesNothing) {
     for (int const size : {0, 1, 10}) {
         Map map = filled(size);

@@ -234,6 +234,20 @@ TEST_F(HostileSourceTest, FirstMessageIsNoLongerThanAHello) {
     expectRefused({0x80, 0x01, 0x00, 0x01}, "a message of 65537 bytes, where at most 65536 are taken");
 }
 
+TEST_F(HostileSourceTest, MessageAsLongAsTheLimitIsTakenAndNoneLonger) {
+    Bytes const welcome = message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; });
+    ASSERT_EQ(welcome.size(), 5u);  // of which 4 behind the length
+    for (std::size_t const limit : {3u, 4u}) {
+        Vel::StreamLimits limits;
+        limits.frame = limit;
+        Vel::AttrLogReplica small(Dir::newEntity("d"), {.path = {}, .wantsToWrite = false, .limits = limits});
+        small.connected();
+        small.input(welcome);
+        EXPECT_EQ(small.messagesIn(), limit == 4 ? 1u : 0u);
+        EXPECT_EQ(small.error(), limit == 4 ? "" : "a message of 4 bytes, where at most 3 are taken");
+    }
+}
+
 TEST_F(HostileSourceTest, LengthIsOf62BitsAtMost) {
     sendTypes();
     send({0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff});

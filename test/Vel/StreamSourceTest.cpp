@@ -439,6 +439,42 @@ TEST(StreamWriteTest, WriteChangesTheSourceAndComesBack) {
     EXPECT_THROW(replica.write(*replica.root(), 260, Vel::GenericValue(Vel::typeOf<U32>(), "5")), Vel::RangeException);
 }
 
+TEST(StreamWriteTest, ReadersChangeIsNotMulticastAndTheNextOneIs) {
+    auto const a = Leaf::newEntity("a");
+    Vel::AttrLogSource source(a, {.mayWrite = true});
+    std::vector<U32> delivered;
+    source.multicastIs([&](Vel::Entity&, AttributeId) { return delivered.push_back(a->size()), true; });
+    auto const reader = source.newReader();
+    AttrLogReplica replica(Leaf::newEntity("a"), {.path = {}, .wantsToWrite = true});
+    replica.connected();
+    reader->input(takeOutput(replica));
+    replica.input(takeOutput(*reader));
+    a->sizeIs(1);
+    replica.write(*replica.root(), 258, U32(2));
+    reader->input(takeOutput(replica));
+    ASSERT_EQ(a->size(), 2u);
+    a->sizeIs(3);
+    EXPECT_EQ(delivered, (std::vector<U32>{1, 3}));
+}
+
+TEST(StreamWriteTest, AfterAReadersChangeThatFailedTheNextOneIsMulticast) {
+    auto const a = Leaf::newEntity("a");
+    Vel::AttrLogSource source(a, {.mayWrite = true});
+    unsigned delivered = 0;
+    source.multicastIs([&](Vel::Entity&, AttributeId) { return ++delivered, true; });
+    auto const reader = source.newReader();
+    reader->input(hello(true, {}));
+    takeOutput(*reader);
+    Vel::NboAttrLog::BufferSm sm;
+    sm.begin(Vel::NboAttrLog::MessageKind::write, 4)
+        << Vel::NboAttrLog::Compact{1} << Vel::NboAttrLog::Compact{258} << Vel::U8(5);
+    sm.commit();
+    reader->input(sm.bytes());
+    ASSERT_TRUE(reader->isClosing()) << "a U32 of one byte";
+    a->sizeIs(1);
+    EXPECT_EQ(delivered, 1u);
+}
+
 // --- several sources behind one server ---
 
 TEST(StreamServerTest, ReaderGetsWhatIsAtItsPath) {
@@ -687,6 +723,24 @@ TEST_F(StreamSourceTest, IdIsNeverUsedAgain) {
     auto const b = Leaf::newEntity("a");
     root->entryIs(b);
     EXPECT_GT(pair.source.adapter(*b)->id(), id);
+}
+
+TEST_F(StreamSourceTest, SlotIsUsedAgain) {
+    U32 const slot = pair.source.adapter(*a)->slot();
+    root->entryDel("a");
+    a = nullptr;
+    auto const b = Leaf::newEntity("b");
+    root->entryIs(b);
+    EXPECT_EQ(pair.source.adapter(*b)->slot(), slot);
+}
+
+TEST_F(StreamSourceTest, SlotOfWhatHasGoneIsNobodys) {
+    U32 const slot = pair.source.adapter(*a)->slot();
+    EXPECT_TRUE(pair.source.slots().has(slot));
+    root->entryDel("a");
+    a = nullptr;
+    EXPECT_FALSE(pair.source.slots().has(slot));
+    EXPECT_EQ(pair.source.adapterAt(slot), nullptr);
 }
 
 // --- ids run out ---

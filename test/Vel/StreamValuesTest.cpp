@@ -247,6 +247,20 @@ TEST_F(HostileValuesTest, DeletedKeysMakeRoom) {
     EXPECT_EQ(replica->error(), "the source has too many keys");
 }
 
+TEST_F(HostileValuesTest, EntityThatHasGoneMakesRoomForItsKeys) {
+    for (U32 const id : {2u, 3u, 4u}) {
+        send(MessageKind::announce, [&](Out& out) { out << Compact{id} << Compact{0} << Compact{0} << String("u"); });
+        for (U8 const key : std::initializer_list<U8>{1, 2})  // a third was there before
+            send(MessageKind::keySet, [&](Out& out) { out << Compact{id} << Compact{260} << key << 5u; });
+        ASSERT_EQ(replica->error(), "") << id;
+        if (id == 4) break;
+        send(MessageKind::gone, [&](Out& out) { out << Compact{id}; });
+    }
+    expectRefused(
+        MessageKind::keySet, [](Out& out) { out << Compact{4} << Compact{260} << U8(3) << 5u; },
+        "the source has too many keys");
+}
+
 }  // namespace
 
 VEL_MODULE(StreamValues, 1a18677315030719, StreamTest::Entry, StreamTest::ValueTable);
