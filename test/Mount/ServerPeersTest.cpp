@@ -191,6 +191,20 @@ TEST_F(ServerPeersTest, SilentConnectionsLockNobodyOut) {
     EXPECT_EQ(server.connections(), 4u) << "those who have said hello stay";
 }
 
+// All clients of a server that is there again come at once, and more than it takes newcomers.
+TEST_F(ServerPeersTest, ManyHonestClientsAtOnceAllGetIn) {
+    generation(served, "g", 1);
+    Server::Options options = quickServer();
+    options.newcomers = 8;
+    Server server(loop, served, options);
+    server.listen(address());
+    std::deque<Client> clients;
+    for (int i = 0; i < 100; ++i) clients.emplace_back(loop, address(), here, Vel::format("copy%d", i), quick());
+    for (auto& client : clients) EXPECT_TRUE(client.sync(enough)) << client.error();
+    EXPECT_EQ(server.connections(), 100u);
+    EXPECT_TRUE(until([&] { return server.backlog() == 0; }));
+}
+
 // A flood of one peer costs others nothing, not even those who came before it.
 TEST_F(ServerPeersTest, ThePeerThatHasMostNewcomersLosesItsOldest) {
     Server::Options options = quickServer();

@@ -271,6 +271,29 @@ TEST_F(ServerSocketTest, APortIsServedAgainAtOnce) {
     }
 }
 
+// Whoever comes meanwhile waits, and is served without coming again.
+TEST_F(ServerSocketTest, ConnectionsWaitWhileThereAreNoDescriptors) {
+    generation(served, "g", 3);
+    Server server(loop, served, quickServer());
+    server.listen(address());
+    RawPeer peer(address());
+    ASSERT_TRUE(peer.isConnected());
+    Message const hello = helloFor("g");
+    ASSERT_EQ(peer.send(hello), hello.size());
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    int const next = ::dup(0);
+    ::close(next);
+    rlimit none = before;
+    none.rlim_cur = static_cast<rlim_t>(next);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    loop.runFor(20ms);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(server.connections(), 0u);
+    EXPECT_EQ(server.status()->accepted(), 0u);
+    EXPECT_TRUE(untilSeen([&] { return peer.received().ends_with("\1\11"); })) << "synchronised";
+}
+
 TEST_F(ServerSocketTest, AServerOutOfDescriptorsGoesOnWhenThereAreSomeAgain) {
     generation(served, "g", 3);
     Child child([&](int socket) {
