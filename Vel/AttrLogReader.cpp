@@ -64,7 +64,8 @@ void AttrLogReader::hello(In& body) {
     bool const wantsToWrite = body.nextbool();
     String const path = body.nextString();
     U32 const count = body.nextU32();
-    if (count > limits().modules) throw StreamException(format("%u modules are too many", count), body.offset());
+    if (count > limits().modules)
+        return refuse(format("the client has %u modules, and the server takes at most %zu", count, limits().modules));
     for (U32 i = 0; i < count; ++i) {
         String const name = body.nextString();
         auto const [at, isNew] = modules_.try_emplace(name.stdString());

@@ -83,8 +83,15 @@ std::size_t StreamPeer::inputFrames(std::span<U8 const> bytes) {
         if (size == 0) break;
         if (length == 0) throw StreamException("a message without a kind", used);
         std::size_t const most = isGreeted_ ? limits_.frame : std::min(limits_.hello, limits_.frame);
-        if (length > most)
+        if (length > most) {
+            bool const isHello =
+                bytes.size() - used > size && bytes[used + size] == static_cast<U8>(MessageKind::hello);
+            if (isHello && !isGreeted_) {  // and may be meant well, so that its sender should know
+                refuse(format("a hello of %lu bytes, where the server takes at most %zu", length, most));
+                break;
+            }
             throw StreamException(format("a message of %lu bytes, where at most %zu are taken", length, most), used);
+        }
         if (bytes.size() - used - size < length) {
             // Who speaks something else is not listened to until so much of it has come.
             if (bytes.size() - used == size) break;

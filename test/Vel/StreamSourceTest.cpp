@@ -555,7 +555,20 @@ TEST(StreamServerTest, HelloOfTheMostModulesFits) {
     EXPECT_GT(most->held(), 1024u * 50) << "names are kept";
     auto const more = server.newReader();
     more->input(helloOf(1025));
-    EXPECT_EQ(more->error(), "1025 modules are too many");
+    EXPECT_EQ(
+        told(takeOutput(*more)), Strings{"refused the client has 1025 modules, and the server takes at most 1024"});
+}
+
+TEST(StreamServerTest, HelloThatIsTooLongIsToldSo) {
+    Vel::AttrLogServer server(Dir::newEntity("root"));
+    Vel::AttrLogReplica replica(Dir::newEntity(""), "copy", {.path = String(std::string(100'000, 'x'))});
+    replica.connected();
+    auto const hello = takeOutput(replica);
+    auto const reader = server.newReader();
+    reader->input(hello);
+    std::string const length = std::to_string(Vel::NboAttrLog::messageLength(hello).length);
+    EXPECT_EQ(told(takeOutput(*reader)),
+        Strings{"refused a hello of " + length + " bytes, where the server takes at most 65536"});
 }
 
 TEST(StreamServerTest, AdmissionIsAskedWhenAHelloIsAboutToBeAnswered) {
