@@ -228,7 +228,9 @@ void Client::Impl::failed(String const& error) {
     resolver_.cancel();
     std::error_code ignored;
     socket_.close(ignored);
-    error_ = address_.text() + ": " + error;
+    // What says what is wrong with an address begins with it.
+    String const place = address_.text() + ": ";
+    error_ = error.view().starts_with(place.view()) ? error : place + error;
     double const part = std::uniform_real_distribution<double>(0.75, 1.25)(random_);
     timer_.expires_after(std::chrono::duration_cast<Milliseconds>(delay_ * part));
     timer_.async_wait([self = shared_from_this()](std::error_code const& cancelled) {
