@@ -36,7 +36,7 @@ public:
     JsonList(Answers& answers, std::string const& begin) : answers_(answers) { answers_.add("{" + begin + "["); }
     void add(Json const& item) {
         answers_.add(count_++ == 0 ? "\n  " : ",\n  ");
-        answers_.add(item.dump(-1, ' ', false, Json::error_handler_t::replace));
+        answers_.add(jsonLine(item));
     }
     void next(std::string const& begin) {  // one more list
         end();

@@ -1,3 +1,4 @@
+#include "tools/Clean.h"
 #include "tools/Commands.h"
 #include "tools/Output.h"
 #include "tools/Sources.h"
@@ -69,7 +70,7 @@ Answer ask(Fact const& fact, SourceCalls& calls, std::string const& publishedSta
     try {
         answer.value = fact.ask();
     } catch (Vel::Exception const& error) {
-        answer.error = error.what();
+        answer.error = error.text().stdString();
     }
     bool const isActiveCell = std::string_view(fact.key) == "activeCellId";
     answer.source = isActiveCell ? sourceOfActiveCell(calls.take(), !answer.error.empty(), publishedStatus)
@@ -99,7 +100,9 @@ std::string valueText(Json const& value) {
 
 std::string errnoText(int error) { return Vel::ErrnoException(error).what(); }
 
-std::string quoted(std::string const& text) { return shortened(Vel::valueToStrep(Vel::String(text)).stdString(), 80); }
+std::string quoted(std::string const& text) {
+    return shortened(cleaned(Vel::valueToStrep(Vel::String(text)).view()), 80);
+}
 
 // "no CELLID, no /etc/cellid"; of mode files that did not both open, the one that was missing.
 std::string missingText(std::vector<SourceCall> const& asked) {
@@ -138,7 +141,8 @@ std::string sourceText(Answer const& answer) {
 std::string textOf(std::vector<Answer> const& answers) {
     Table table;
     for (Answer const& answer : answers) {
-        std::string const value = answer.error.empty() ? bold(valueText(answer.value)) : red("error: " + answer.error);
+        std::string const value =
+            answer.error.empty() ? bold(valueText(answer.value)) : red("error: " + cleaned(answer.error));
         table.add({answer.fact->label, value, sourceText(answer)});
     }
     return table.text();
@@ -223,7 +227,7 @@ void traceToStandardError() {
     try {
         Vel::Trace::levelsIs(std::string(wanted ? wanted : "") + ",Cell/0");
     } catch (Vel::RangeException const& error) {
-        complain("VELTRACE: " + error.text().stdString() + "; ignored");
+        complain("VELTRACE: " + cleaned(error.text().view()) + "; ignored");
         Vel::Trace::levelsIs("Cell/0");
     }
     Vel::Trace::sinkIs([](Vel::TraceRecord const& record) { std::fputs(Vel::Trace::line(record).c_str(), stderr); });

@@ -77,12 +77,13 @@ struct ServeOptions : LiveOptions {
     bool writable = false;
     std::vector<std::string> users, writers;
 };
-int runServe(ServeOptions const& options);  // ends at SIGINT or SIGTERM
+int runServe(ServeOptions const& options);  // ends at SIGINT, SIGTERM or SIGHUP
 
 struct WatchOptions : LiveOptions {
     std::optional<std::uint64_t> count;  // of changes
     bool untilSynced = false;
     std::optional<double> duration;  // seconds
+    std::string time = "local";      // how times are told: see Moments.h
 };
 int runWatch(WatchOptions const& options);
 

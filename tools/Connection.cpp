@@ -1,5 +1,6 @@
 #include "tools/Connection.h"
 
+#include "tools/Clean.h"
 #include "tools/EntityTree.h"
 #include "tools/Names.h"
 #include "tools/Output.h"
@@ -64,7 +65,7 @@ Mount::Address addressFrom(std::string const& text) {
     try {
         return Mount::Address(Vel::String(text));
     } catch (Vel::RangeException const& error) {
-        throw Failure(badUsage, error.what());
+        throw Failure(badUsage, cleaned(error.text().view()));
     }
 }
 
@@ -124,7 +125,7 @@ Connection::Connection(LiveOptions const& options, std::string const& path, bool
     try {
         client_.emplace(loop_, address, place_, "copy", client);
     } catch (Vel::Exception const& error) {
-        throw Failure(badUsage, error.what());
+        throw Failure(badUsage, cleaned(error.text().view()));
     }
     client_->onErrorIs([this](Vel::String const& error) {
         if (error_.empty()) error_ = error.empty() ? "the connection was closed" : error.stdString();
@@ -144,7 +145,7 @@ bool Connection::sync() {
     }
     if (error_.empty()) return true;
     if (error_.find(nothingThere) != std::string::npos) return false;
-    throw Failure(somethingWrong, withAddress(options_, error_) + adviceFor(error_));
+    throw Failure(somethingWrong, cleaned(withAddress(options_, error_)) + adviceFor(error_));
 }
 
 Entity& Connection::root() { return *client_->replica().root(); }
@@ -161,7 +162,7 @@ Found::Found(LiveOptions const& options, std::string const& path, bool wantsToWr
         connect(steps, --count, wantsToWrite);
         isThere = connection_->sync();
     }
-    if (!isThere) throw Failure(somethingWrong, withAddress(options, connection_->error()));
+    if (!isThere) throw Failure(somethingWrong, cleaned(withAddress(options, connection_->error())));
     rootPath_ = normalPath(path.substr(0, count == 0 ? 0 : steps[count - 1].end));
     entity_ = &connection_->root();
     for (std::size_t i = count; i < steps.size(); ++i) {

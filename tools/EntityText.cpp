@@ -1,5 +1,7 @@
 #include "tools/EntityText.h"
 
+#include "tools/Clean.h"
+
 #include "Vel/Exception.h"
 #include "Vel/OutSm.h"
 #include "Vel/Strep.h"
@@ -171,22 +173,6 @@ Entity* memberOf(Entity const& entity, StreamAttribute const& collection, std::s
 
 namespace {
 
-// How many bytes the UTF-8 character takes that `text` begins with; 0 for what is none.
-std::size_t characterSize(std::string_view text) {
-    auto const byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    unsigned char const first = byte(0);
-    if (first < 0x80) return 1;
-    std::size_t const size = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-    if (first < 0xC2 || first > 0xF4 || text.size() < size) return 0;
-    for (std::size_t i = 1; i < size; ++i)
-        if ((byte(i) & 0xC0) != 0x80) return 0;
-    unsigned char const second = byte(1);
-    bool const isOverlong = (first == 0xE0 && second < 0xA0) || (first == 0xF0 && second < 0x90);
-    bool const isNoCharacter = (first == 0xED && second > 0x9F) || (first == 0xF4 && second > 0x8F);
-    bool const isControl = first == 0xC2 && second < 0xA0;
-    return isOverlong || isNoCharacter || isControl ? 0 : size;
-}
-
 void appendEncoded(std::string& out, char c) {
     static constexpr char digits[] = "0123456789abcdef";
     auto const byte = static_cast<unsigned char>(c);
@@ -199,8 +185,8 @@ std::string encodedStep(std::string_view text) {
     std::string out;
     for (std::size_t i = 0; i < text.size();) {
         char const c = text[i];
-        std::size_t const size = characterSize(text.substr(i));
-        bool const isPlain = size > 1 || (size == 1 && c > ' ' && c != 0x7F && c != '/' && c != '%');
+        std::size_t const size = cleanSize(text.substr(i));
+        bool const isPlain = size > 1 || (size == 1 && c != ' ' && c != '/' && c != '%');
         if (isPlain)
             out.append(text, i, size);
         else

@@ -51,8 +51,8 @@ Vel::Entity* memberOf(Vel::Entity const& entity, Vel::StreamAttribute const& col
 
 // A path has a "/" before each step. A step is the name of an entity in the naming collection of the one above it, or
 // "@attribute" for what a pointer refers to, or "@collection[key]" for the member of another collection, the key as text.
-// What would end a step, or not be seen, stands as %XX: "/" and "%", blanks, control bytes, what is no UTF-8, and an "@"
-// at the beginning. So a path is one word, and JSON can hold it.
+// What would end a step, or is not for a terminal (see Clean.h), stands as %XX: "/" and "%", blanks, control bytes, what is
+// no UTF-8, and an "@" at the beginning. So a path is one word, and JSON can hold it.
 std::string stepText(Vel::VelType above, Vel::StreamAttribute const& attribute, std::string_view key);
 std::string decodedStep(std::string_view step);  // a "%" that two digits do not follow stands for itself
 

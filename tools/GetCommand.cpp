@@ -1,7 +1,9 @@
+#include "tools/Clean.h"
 #include "tools/Commands.h"
 #include "tools/Connection.h"
 #include "tools/Names.h"
 #include "tools/TreeLines.h"
+#include "tools/ValueText.h"
 
 #include "Vel/Exception.h"
 
@@ -46,7 +48,7 @@ public:
     explicit Attributes(Found& found) : found_(found), tree_(found.connection().root(), found.rootPath()) {}
 
     std::string text(StreamAttribute const& attribute) const {
-        if (attribute.kind == StreamKind::value) return storedValue(found_.entity(), attribute).strep().stdString();
+        if (attribute.kind == StreamKind::value) return valueText(storedValue(found_.entity(), attribute));
         return referenceText(tree_, attribute.target(found_.entity()));
     }
     Json json(StreamAttribute const& attribute) const {
@@ -88,21 +90,22 @@ void getOne(Found& found, GetOptions const& options) {
         {attribute.kind == StreamKind::value ? "value" : "target", attributes.json(attribute)}}));
 }
 
-GenericValue valueFrom(SetOptions const& options, StreamAttribute const& attribute) {
+GenericValue givenValue(SetOptions const& options, StreamAttribute const& attribute) {
     std::string const what = "this is no " + typeName(attribute) + ": ";
     try {
-        return GenericValue(attribute.type(), Vel::String(options.value));
+        return valueFrom(attribute.type(), options.value, remarking(options.attribute));
     } catch (Vel::ParseException const& error) {
-        throw Failure(badUsage, what + error.what() + "\n" + caretBelow(options.value, error.offset()));
+        throw Failure(badUsage, what + cleaned(error.text().view()) + "\n" + caretBelow(options.value, error.offset()));
     } catch (Vel::RangeException const& error) {
-        throw Failure(badUsage, what + error.what());
+        throw Failure(badUsage, what + cleaned(error.text().view()));
     }
 }
 
 Failure notTaken(SetOptions const& options, Connection& connection, std::string const& now) {
     std::string const& error = connection.error();
     if (!error.empty())
-        return {somethingWrong, "the server does not take it: " + withAddress(options, error) + adviceFor(error)};
+        return {
+            somethingWrong, "the server does not take it: " + cleaned(withAddress(options, error)) + adviceFor(error)};
     return {somethingWrong, options.address + ": sent, but " + options.attribute + " is still " + shortened(now, 200) +
                                 " after " + Vel::format("%g", options.timeout).stdString() + " s"};
 }
@@ -124,7 +127,7 @@ int runSet(SetOptions const& options) {
     StreamAttribute const& attribute = oneOf(entity, options.attribute, options);
     if (attribute.kind != StreamKind::value)
         throw Failure(somethingWrong, options.attribute + " refers to an entity; only values can be set");
-    GenericValue const value = valueFrom(options, attribute);
+    GenericValue const value = givenValue(options, attribute);
     Vel::String const wanted = value.strep();
     auto const current = [&] { return storedValue(entity, attribute).strep(); };
     Connection& connection = found.connection();
@@ -138,17 +141,17 @@ int runSet(SetOptions const& options) {
         try {
             client.replica().write(entity, attribute.id, value);
         } catch (Vel::Exception const& error) {
-            throw Failure(somethingWrong, error.what());
+            throw Failure(somethingWrong, cleaned(error.text().view()));
         }
         bool const isTaken = connection.loop().runUntil(
             [&] { return !connection.error().empty() || current() == wanted; }, secondsFrom(options.timeout));
-        if (!isTaken || !(current() == wanted)) throw notTaken(options, connection, current().stdString());
+        if (!isTaken || !(current() == wanted)) throw notTaken(options, connection, cleaned(current().view()));
     }
     if (options.json)
         print(jsonText({{"path", normalPath(options.path)}, {"attribute", options.attribute},
             {"type", typeName(attribute)}, {"value", jsonValue(value)}, {"changed", !isSame}}));
     else
-        print(wanted.stdString() + "\n");
+        print(valueText(value) + "\n");
     return fine;
 }
 

@@ -1,4 +1,6 @@
+#include "tools/Clean.h"
 #include "tools/Commands.h"
+#include "tools/Complaints.h"
 #include "tools/Input.h"
 #include "tools/Names.h"
 #include "tools/Output.h"
@@ -77,8 +79,9 @@ IdSet setFrom(Input& input, U16 size) {
         auto const set = IdSet::checked(size, list);
         if (!set) {
             std::size_t const offset = indent + set.error().offset - (isList ? 0 : 1);
-            throw Failure(badUsage,
-                lines.place(offset) + ": " + reason(set.error(), list) + "\n" + caretBelow(lines.text(), offset));
+            Complaints complaints(input.name(), lines.nature());
+            complaints.add(lines.place(offset), reason(set.error(), list), lines.text(), offset);
+            throw Failure(badUsage, "");
         }
         result |= *set;
     }

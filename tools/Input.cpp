@@ -26,8 +26,22 @@ std::size_t Input::read(char* to, std::size_t size) {
     return static_cast<std::size_t>(n);
 }
 
-LineReader::LineReader(Input& input, std::function<void()> beforeRead)
-    : input_(input), beforeRead_(std::move(beforeRead)), buffer_(65536, '\0') {}
+std::optional<std::string> Input::all(std::size_t most) {
+    std::string text;
+    char buffer[65536];
+    while (std::size_t const n = read(buffer, sizeof buffer)) {
+        if (n > most - text.size()) return std::nullopt;
+        text.append(buffer, n);
+    }
+    return text;
+}
+
+std::string Input::tooLarge(std::uint64_t most) const {
+    return name_ + " holds more than " + std::to_string(most >> 20) + " MiB";
+}
+
+LineReader::LineReader(Input& input, std::function<void()> beforeRead, std::uint64_t most)
+    : input_(input), beforeRead_(std::move(beforeRead)), most_(most), buffer_(65536, '\0') {}
 
 bool LineReader::fill() {
     if (at_ < filled_ || ended_) return !ended_;
@@ -36,11 +50,17 @@ bool LineReader::fill() {
     filled_ = input_.read(buffer_.data(), buffer_.size());
     ended_ = filled_ == 0;
     bytesRead_ += filled_;
+    if (bytesRead_ > most_) throw Failure(badUsage, input_.tooLarge(most_) + ", which is the limit");
+    nature_.see(unread());
     return !ended_;
 }
 
 void LineReader::skipLine() {
+    std::uint64_t const begin = bytesRead_;
     while (fill()) {
+        if (bytesRead_ - begin > longestPassed)
+            throw Failure(badUsage, input_.name() + ":" + std::to_string(number_) + ": this line has no end within " +
+                                        std::to_string(longestPassed >> 20) + " MiB: this is no file of lines");
         auto const newline = unread().find('\n');
         at_ = newline == std::string_view::npos ? filled_ : at_ + newline + 1;
         if (newline != std::string_view::npos) return;

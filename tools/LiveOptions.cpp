@@ -1,13 +1,19 @@
 #include "tools/LiveOptions.h"
 
+#include "tools/Output.h"
+
 #include <CLI/CLI.hpp>
+
+#include <charconv>
+#include <limits>
+#include <optional>
 
 namespace Tool {
 
 namespace {
 
 constexpr char serveHelp[] =
-    R"~(Serves a tree of entities to other processes until SIGINT or SIGTERM. When it can be connected to, it prints
+    R"~(Serves a tree of entities to other processes until SIGINT, SIGTERM or SIGHUP. When it can be connected to, it prints
 "serving ADDRESS", with the port that was chosen if that was 0.
 
 Addresses:
@@ -18,7 +24,8 @@ Addresses:
 A state file says what there is; "mox tree ADDRESS --state" prints one of a running server:
   # comment
   /ql/cell Cell::Status                  an entity, PATH TYPE; directories above it are made
-  /ql/cell product = 'chassis'           a value, PATH ATTRIBUTE = VALUE, as the text of its type
+  /ql/cell product = 'chassis'           a value, PATH ATTRIBUTE = VALUE, as the text of its type; a word needs no
+                                         quotes, and 1 is taken for 1.0 where that is meant (--verbose tells)
   /a peer = /b                           a reference to another entity, or None
 
 Examples:
@@ -28,13 +35,14 @@ Examples:
   mox serve /tmp/s.sock --trie /paths=prefixes.txt    a trie from a file such as "mox trie" reads
   mox serve tcp:127.0.0.1:0 state.txt --user root --user nobody
 
+A state file, and a file of prefixes, has at most 256 MiB. Of its mistakes the first 20 are shown, more are counted.
 Exit code 0 after a signal, 1 when it cannot listen, 2 when the command line or a file is wrong.)~";
 
 constexpr char watchHelp[] =
     R"~(Shows what a server has at a path, then every change of it as it happens. When the server goes away it waits for it
 to come back; what has changed meanwhile is shown then.
 
-Lines, which up to the mark "# synced" are a state file as "mox serve" takes it:
+Lines, which up to the mark "# synced" are a state file as "mox serve" takes it; behind it each begins with its time:
   PATH TYPE                     an entity
   PATH ATTRIBUTE = VALUE        a value, or the path of what a reference leads to
   PATH COLLECTION KEY = PATH    an entity in one more collection
@@ -46,17 +54,26 @@ Lines, which up to the mark "# synced" are a state file as "mox serve" takes it:
   # error: why                  connecting has failed, and is tried again
   # replaced: PATH              there is another entity now; all of it follows
 
+Times, by --time:
+  local     2026-11-21 09:05:07.250   this machine's time, to the millisecond (default)
+  utc       2026-11-21 08:05:07.250Z
+  relative  +12.500                   seconds since the command began
+  none
+
 Examples:
   mox watch /run/mox.sock                                all that there is
   mox watch /run/mox.sock /ql/cell                       one part of it
   mox watch /run/mox.sock --until-synced >state.txt      what there is now
   mox watch /run/mox.sock /ql/cell --count 1             leaves after one change
+  mox watch /run/mox.sock --time utc | tee changes.log   to compare with other machines' logs
   mox watch /run/mox.sock --json | jq -c 'select(.event == "set")'
   mox --module ./libmytypes.so watch ADDRESS             with types of that library
 
 JSON: one object a line, with "event": "entity" (path, type), "set" (path, attribute, value or target), "member" (path,
 collection, key, target; null: it has left), "gone" (path), "synced" (path, entities), "stale" (path, error), "error"
-(error), "replaced" (path).
+(error), "replaced" (path). What happens has "time", too, in ISO 8601: 2026-11-21T09:05:07.250+01:00, PT12.500S.
+
+Bytes of a peer or a type that a terminal would obey, such as escape sequences, stand as \xNN in texts, %XX in paths.
 
 Exit code 1 when --timeout ends it before it was synced, or before --count changes.)~";
 
@@ -79,7 +96,8 @@ attribute's type: "mox types TYPE" shows it. The server must let you: "mox serve
 
 Examples:
   mox set /tmp/s.sock /ql/cell cellId 2
-  mox set /tmp/s.sock /ql/cell product "'chassis'"       strings in single quotes, as in Python
+  mox set /tmp/s.sock /ql/cell product chassis           a word; 1 will do for 1.0, too: --verbose says what is taken
+  mox set /tmp/s.sock /ql/cell product "'two words'"     other strings in single quotes, as in Python
   mox set /tmp/s.sock /g generation "Value('Mox::Generation', ** {'id': 7, 'valid': True})"
 
 Values that begin with a dash go behind --.
@@ -126,6 +144,20 @@ void addTimeout(CLI::App* command, LiveOptions& options) {
     command->add_flag("--json", options.json, "Answer in JSON");
 }
 
+// Digits only: the parser's own conversion takes "-1" for the largest number, and cuts what is larger.
+template <class N>
+void addNumber(CLI::App* command, std::string const& name, std::optional<N>& number, std::string const& what) {
+    auto const take = [&number, name](std::string const& text) {
+        N value = 0;
+        auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+        if (error != std::errc() || end != text.data() + text.size())
+            throw Failure(badUsage, name + ": " + shortened(shown(text), 80) + " is no number from 0 to " +
+                                        std::to_string(std::numeric_limits<N>::max()));
+        number = value;
+    };
+    command->add_option_function<std::string>(name, take, what)->type_name("N");
+}
+
 }  // namespace
 
 void LiveOptionsLine::addServe(CLI::App& app) {
@@ -147,9 +179,10 @@ void LiveOptionsLine::addWatch(CLI::App& app) {
     CLI::App* const command = add(app, "watch", "Follow what a server has; also: mount", watchHelp, watch_);
     command->alias("mount");
     command->add_option("PATH", watch_.path, "Of the entity to watch, with all below it; default: /")->type_name("");
-    command->add_option("--count", watch_.count, "Leave after so many changes")->type_name("N");
+    addNumber(command, "--count", watch_.count, "Leave after so many changes");
     command->add_flag("--until-synced", watch_.untilSynced, "Leave when all that is there has been shown");
     command->add_option("--timeout", watch_.duration, "Leave after so long")->type_name("S");
+    command->add_option("--time", watch_.time, "Of changes: local (default), utc, relative or none")->type_name("FORM");
     command->add_flag("--json", watch_.json, "One JSON object a line");
 }
 
@@ -172,7 +205,7 @@ void LiveOptionsLine::addTree(CLI::App& app) {
     CLI::App* const tree = add(app, "tree", "A picture of what a server has", treeHelp, tree_);
     tree->add_option("PATH", tree_.path, "Of the entity; default: /")->type_name("");
     tree->add_flag("--ascii", tree_.ascii, "Draw in ASCII, as where the locale is not UTF-8");
-    tree->add_option("--depth", tree_.depth, "Levels to draw below the first")->type_name("N");
+    addNumber(tree, "--depth", tree_.depth, "Levels to draw below the first");
     tree->add_flag("--state", tree_.state, "As a state file");
     addTimeout(tree, tree_);
 }

@@ -1,3 +1,4 @@
+#include "tools/Clean.h"
 #include "tools/Commands.h"
 #include "tools/Output.h"
 
@@ -14,7 +15,7 @@ std::string loaderError(std::string const& path) {
     char const* const text = ::dlerror();
     std::string reason = text ? text : "unknown error";
     if (reason.starts_with(path + ": ")) reason.erase(0, path.size() + 2);
-    return reason;
+    return cleaned(reason);
 }
 
 std::size_t registered() { return Vel::Registry::modules().size() + Vel::Registry::refusals().size(); }

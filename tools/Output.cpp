@@ -1,5 +1,7 @@
 #include "tools/Output.h"
 
+#include "tools/Clean.h"
+
 #include "Vel/Strep.h"
 
 #include <nlohmann/json.hpp>
@@ -17,19 +19,22 @@ namespace Tool {
 
 namespace {
 
-bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }
+bool isVerbose_ = false;
+
 bool continuesCharacter(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }  // in UTF-8
 
-std::string escaped(std::string_view text) {
-    std::string out;
-    for (char const c : text) {
-        if (isControl(c) && c != '\n')
-            out += Vel::format("\\x%02x", static_cast<unsigned char>(c)).view();
-        else
-            out += c;
-    }
-    return out;
+// Where the character begins that the byte at `at` belongs to; a character has four bytes at most.
+std::size_t characterBegin(std::string_view text, std::size_t at) {
+    for (std::size_t back = 0; back < 4 && back <= at && at < text.size(); ++back)
+        if (!continuesCharacter(text[at - back])) return at - back;
+    return at;
 }
+
+// In a complaint: a newline, if the line behind it is one of ours.
+std::size_t ownInComplaint(std::string_view rest) { return rest.starts_with("\n    ") ? 1 : 0; }
+
+// In an answer: newlines, and colours where there are any.
+std::size_t ownInAnswer(std::string_view rest);
 
 // Characters on the screen. Escape sequences for colour count for nothing; wide characters are taken for narrow ones.
 std::size_t width(std::string_view text) {
@@ -61,19 +66,41 @@ std::string coloured(std::string_view code, std::string_view text) {
     return "\x1b[" + std::string(code) + "m" + std::string(text) + "\x1b[0m";
 }
 
+std::size_t ownInAnswer(std::string_view rest) {
+    if (rest.starts_with('\n')) return 1;
+    for (std::string_view const code : {"\x1b[0m", "\x1b[1m", "\x1b[31m", "\x1b[32m"})
+        if (rest.starts_with(code) && useColour()) return code.size();
+    return 0;
+}
+
 }  // namespace
 
 void complain(std::string_view text) {
-    std::string const line = "mox: " + escaped(text) + "\n";
+    std::string const line = "mox: " + cleanedBut(text, ownInComplaint) + "\n";
     std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
+void verboseIs(bool wanted) { isVerbose_ = wanted; }
+bool isVerbose() { return isVerbose_; }
+
+void remark(std::string_view text) {
+    if (isVerbose_) complain(text);
+}
+
 void print(std::string_view text) {
-    if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0) return;
+    std::string const out = cleanedBut(text, ownInAnswer);
+    if (std::fwrite(out.data(), 1, out.size(), stdout) == out.size() && std::fflush(stdout) == 0) return;
+    if (errno == EPIPE) throw Failure(somethingWrong, "");
     throw Failure(somethingWrong, std::string("cannot write the answer: ") + std::strerror(errno));
 }
 
-std::string jsonText(Json const& answer) { return answer.dump(2, ' ', false, Json::error_handler_t::replace) + "\n"; }
+std::string jsonText(Json const& answer) {
+    return cleanedJson(answer.dump(2, ' ', false, Json::error_handler_t::replace)) + "\n";
+}
+
+std::string jsonLine(Json const& answer) {
+    return cleanedJson(answer.dump(-1, ' ', false, Json::error_handler_t::replace));
+}
 
 bool isUtf8() {
     for (char const* const variable : {"LC_ALL", "LC_CTYPE", "LANG"}) {
@@ -91,16 +118,15 @@ std::string red(std::string_view text) { return coloured("31", text); }
 std::string green(std::string_view text) { return coloured("32", text); }
 
 std::string shown(std::string_view text) {
-    bool const plain = !text.empty() && std::none_of(text.begin(), text.end(), isControl) && text.front() != ' ' &&
+    bool const plain = !text.empty() && uncleanAt(text) == std::string_view::npos && text.front() != ' ' &&
                        text.back() != ' ' && text.front() != '\'';
-    return plain ? std::string(text) : Vel::valueToStrep(Vel::String(text)).stdString();
+    return plain ? std::string(text) : cleaned(Vel::valueToStrep(Vel::String(text)).view());
 }
 
 std::string shortened(std::string text, std::size_t size) {
     if (text.size() <= size) return text;
     std::string const all = std::to_string(text.size());
-    while (size > 0 && continuesCharacter(text[size])) --size;
-    text.resize(size);
+    text.resize(characterBegin(text, size));
     return text + "... (" + all + " bytes in all)";
 }
 
@@ -131,13 +157,18 @@ std::string caretBelow(std::string_view text, std::size_t offset) {
     offset = std::min(offset, text.size());
     std::size_t begin = offset > before ? offset - before : 0;
     std::size_t end = std::min(text.size(), offset + behind);
-    while (begin > 0 && continuesCharacter(text[begin])) --begin;
-    while (end < text.size() && continuesCharacter(text[end])) ++end;
+    begin = characterBegin(text, begin);
+    end = characterBegin(text, end);
+    offset = characterBegin(text, offset);
     std::string const cutBefore = begin > 0 ? "..." : "", cutBehind = end < text.size() ? "..." : "";
-    std::string line(text.substr(begin, end - begin));
-    std::replace_if(line.begin(), line.end(), isControl, ' ');
-    std::size_t const column = cutBefore.size() + width(std::string_view(line).substr(0, offset - begin));
-    return "    " + cutBefore + line + cutBehind + "\n    " + std::string(column, ' ') + "^";
+    auto const part = [&](std::size_t from, std::size_t to) {
+        std::string line(text.substr(from, to - from));
+        std::replace(line.begin(), line.end(), '\t', ' ');
+        return cleaned(line);
+    };
+    std::string const left = part(begin, offset);
+    std::size_t const column = cutBefore.size() + width(left);
+    return "    " + cutBefore + left + part(offset, end) + cutBehind + "\n    " + std::string(column, ' ') + "^";
 }
 
 std::string Table::text() const {

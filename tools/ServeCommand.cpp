@@ -1,6 +1,9 @@
+#include "tools/Clean.h"
 #include "tools/Commands.h"
+#include "tools/Complaints.h"
 #include "tools/Connection.h"
 #include "tools/Input.h"
+#include "tools/StandardFiles.h"
 #include "tools/StateFile.h"
 #include "tools/TrieFile.h"
 
@@ -9,6 +12,7 @@
 #include "Vel/Exception.h"
 
 #include <csignal>
+#include <optional>
 #include <thread>
 
 namespace Tool {
@@ -22,16 +26,23 @@ using Vel::Ptr;
 Ptr<Entity> rootFrom(std::string const& file) {
     if (file.empty()) return Dir::newEntity("");
     Input input(file);
-    std::string text;
-    char buffer[65536];
-    while (std::size_t const n = input.read(buffer, sizeof buffer)) text.append(buffer, n);
-    try {
-        return entitiesFromState(text);
-    } catch (StateMistake const& mistake) {
-        throw Failure(badUsage, input.name() + ":" + std::to_string(mistake.line) + ":" +
-                                    std::to_string(mistake.offset + 1) + ": " + mistake.text + "\n" +
-                                    caretBelow(mistake.lineText, mistake.offset));
-    }
+    std::optional<std::string> const text = input.all();
+    if (!text) throw Failure(badUsage, input.tooLarge(Input::largest) + ", which is the limit of a state file");
+    Nature nature;
+    nature.see(*text);
+    Complaints complaints(input.name(), nature);
+    auto const placeOf = [&](StateMistake const& at) {
+        return input.name() + ":" + std::to_string(at.line) + ":" + std::to_string(at.offset + 1);
+    };
+    StateListener listener;
+    listener.mistake = [&](StateMistake const& m) { complaints.add(placeOf(m), m.text, m.lineText, m.offset); };
+    listener.taken = [&](StateMistake const& taken) { remark(placeOf(taken) + ": " + cleaned(taken.text)); };
+    Ptr<Entity> const root = entitiesFromState(*text, listener);
+    complaints.end();
+    if (complaints.count() > 1)
+        complain(input.name() + ": " + std::to_string(complaints.count()) + " mistakes; nothing is served");
+    if (complaints.count() != 0) throw Failure(badUsage, "");
+    return root;
 }
 
 // A trie from a file of prefixes, at a path below directories.
@@ -63,7 +74,7 @@ void addTrie(Ptr<Entity>& root, std::string const& argument) {
                 at = dir->createEntity("Vel::Dir", steps[i].key);
         }
     } catch (Vel::Exception const& error) {
-        throw Failure(badUsage, "--trie " + shown(path) + ": " + error.what());
+        throw Failure(badUsage, "--trie " + shown(path) + ": " + cleaned(error.text().view()));
     }
 }
 
@@ -80,13 +91,16 @@ Mount::ServerOptions serverOptions(ServeOptions const& options) {
     return server;
 }
 
-// SIGINT and SIGTERM end the loop, and nothing else.
+// SIGINT, SIGTERM and SIGHUP end the loop, and nothing else: what listens is to be taken away again. Who wants to go on
+// without a terminal has SIGHUP ignored, as nohup does.
 class Signals {
 public:
     Signals() {
         ::sigemptyset(&set_);
         ::sigaddset(&set_, SIGINT);
         ::sigaddset(&set_, SIGTERM);
+        struct sigaction hangUp {};
+        if (::sigaction(SIGHUP, nullptr, &hangUp) == 0 && hangUp.sa_handler != SIG_IGN) ::sigaddset(&set_, SIGHUP);
         ::pthread_sigmask(SIG_BLOCK, &set_, nullptr);
     }
     void end(Mount::Loop& loop) {
@@ -114,12 +128,12 @@ int runServe(ServeOptions const& options) {
         Mount::Server server(loop, root, how);
         Mount::Address const listening = server.listen(address);
         signals.end(loop);
-        print("serving " + listening.text().stdString() + "\n");
+        if (!wasOutputClosed()) print("serving " + cleaned(listening.text().view()) + "\n");
         loop.run();
     } catch (Vel::RangeException const& error) {
-        throw Failure(badUsage, error.what());
+        throw Failure(badUsage, cleaned(error.text().view()));
     } catch (Vel::Exception const& error) {
-        throw Failure(somethingWrong, error.what());
+        throw Failure(somethingWrong, cleaned(error.text().view()));
     }
     return fine;
 }

@@ -1,8 +1,11 @@
+#include "tools/Clean.h"
 #include "tools/Commands.h"
+#include "tools/Complaints.h"
 #include "tools/Input.h"
 #include "tools/Names.h"
 #include "tools/Output.h"
 #include "tools/Progress.h"
+#include "tools/ValueText.h"
 
 #include "Vel/Exception.h"
 #include "Vel/GenericIf.h"
@@ -74,11 +77,11 @@ GenericValue startOf(VelType type, std::optional<std::string> const& text) {
     if (!text) return GenericValue(type);
     std::string const what = "--from: this is no " + std::string(type.name()) + ": ";
     try {
-        return GenericValue(type, Vel::String(*text));
+        return valueFrom(type, *text, remarking("--from"));
     } catch (Vel::ParseException const& error) {
-        throw Failure(badUsage, what + error.what() + "\n" + caretBelow(*text, error.offset()));
+        throw Failure(badUsage, what + cleaned(error.text().view()) + "\n" + caretBelow(*text, error.offset()));
     } catch (Vel::Exception const& error) {
-        throw Failure(badUsage, what + error.what());
+        throw Failure(badUsage, what + cleaned(error.text().view()));
     }
 }
 
@@ -122,9 +125,14 @@ public:
           statistic_(startOf(type, options.from)),
           input_(options.file.value_or("-")),
           progress_(input_, options.each),
-          lines_(input_, [this] {
+          lines_(input_,
+              [this] {
+                  flush();
+                  progress_.tell(lines_);
+              }),
+          complaints_(input_.name(), lines_.nature(), [this] {
+              progress_.clear();
               flush();
-              progress_.tell(lines_);
           }) {}
 
     int run() {
@@ -139,11 +147,13 @@ public:
                 take();
         readingLines = nullptr;
         progress_.clear();
-        if (!options_.each) answer(options_.json ? jsonOfAll() : statistic_.strep().stdString());
+        if (!options_.each) answer(options_.json ? jsonOfAll() : valueText(statistic_));
         flush();
-        if (rejected_ == 0) return fine;
-        complain(std::to_string(rejected_) + " of " + std::to_string(taken_ + rejected_) + " observations " +
-                 (rejected_ == 1 ? "is" : "are") + " bad and left out");
+        complaints_.end();
+        std::uint64_t const bad = complaints_.count();
+        if (bad == 0) return fine;
+        complain(std::to_string(bad) + " of " + std::to_string(taken_ + bad) + " observations " +
+                 (bad == 1 ? "is" : "are") + " bad and left out");
         return somethingWrong;
     }
 
@@ -151,33 +161,39 @@ private:
     void take() {
         std::string const what = std::string("this is no ") + update_.valueType().name() + ": ";
         try {
-            GenericValue const observation(update_.valueType(), Vel::String(lines_.text()));
+            GenericValue const observation = valueFrom(update_.valueType(), lines_.text(),
+                [this](std::string const& note, std::size_t offset) { remarkOn(note, offset); });
             GenericValue updated(statistic_);  // an observation counts in full or not at all
             int const code = updated.type().glue().genericIfAttributeOp(
                 nullptr, updated.data(), update_, AttributeOp::set, nullptr, observation.data());
             if (code != 0) throw Vel::TypeException("the statistic does not take it");
             statistic_ = std::move(updated);
         } catch (Vel::ParseException const& error) {
-            return reject(what + error.what(), error.offset());
+            return reject(what + error.text().stdString(), error.offset());
         } catch (Vel::Exception const& error) {
-            return reject(error.what(), 0);
+            return reject(error.text().stdString(), 0);
         } catch (std::logic_error const& error) {  // the standard library's conversions
             return reject(what + error.what(), 0);
         }
         ++taken_;
-        if (options_.each) answer(options_.json ? jsonOfLine() : statistic_.strep().stdString());
+        if (options_.each) answer(options_.json ? jsonOfLine() : valueText(statistic_));
     }
 
     void reject(std::string const& why, std::size_t offset) {
-        ++rejected_;
+        complaints_.add(lines_.place(offset), why, lines_.text(), offset);
+    }
+
+    // The first ones only, as of mistakes: a file that one thing differs in has it in each line.
+    void remarkOn(std::string const& note, std::size_t offset) {
+        if (!isVerbose() || remarks_++ > Complaints::mostShown) return;
         progress_.clear();
         flush();
-        complain(lines_.place(offset) + ": " + why + "\n" + caretBelow(lines_.text(), offset));
+        remark(remarks_ > Complaints::mostShown ? "more that is taken for something else is not shown"
+                                                : lines_.place(offset) + ": " + cleaned(note));
     }
 
     std::string jsonOfLine() const {
-        Json const json{{"line", lines_.number()}, {"text", statistic_.strep().stdString()}};
-        return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+        return jsonLine({{"line", lines_.number()}, {"text", statistic_.strep().stdString()}});
     }
 
     std::string jsonOfAll() const {
@@ -190,9 +206,9 @@ private:
                 attributes.push_back(
                     {{"name", attr.name()}, {"type", attr.valueType().name()}, {"text", value->strep().stdString()}});
         }
-        std::string text =
-            jsonText({{"type", type.name()}, {"observationType", update_.valueType().name()}, {"observations", taken_},
-                {"bad", rejected_}, {"text", statistic_.strep().stdString()}, {"attributes", std::move(attributes)}});
+        std::string text = jsonText({{"type", type.name()}, {"observationType", update_.valueType().name()},
+            {"observations", taken_}, {"bad", complaints_.count()}, {"text", statistic_.strep().stdString()},
+            {"attributes", std::move(attributes)}});
         text.pop_back();  // the newline, which answer() adds
         return text;
     }
@@ -203,7 +219,8 @@ private:
     Input input_;
     Progress progress_;
     LineReader lines_;
-    std::uint64_t taken_ = 0, rejected_ = 0;
+    Complaints complaints_;
+    std::uint64_t taken_ = 0, remarks_ = 0;
 };
 
 }  // namespace

@@ -2,13 +2,14 @@
 
 #include "tools/EntityText.h"
 #include "tools/Names.h"
+#include "tools/ValueText.h"
 
 #include "Vel/Dir.h"
 #include "Vel/Exception.h"
 #include "Vel/Module.h"
 
 #include <algorithm>
-#include <map>
+#include <unordered_set>
 #include <vector>
 
 namespace Tool {
@@ -42,14 +43,16 @@ std::vector<std::string> entityTypeNames() {
 
 class Reader {
 public:
+    explicit Reader(StateListener const& listener) : listener_(listener) {}
+
     Ptr<Entity> read(std::string_view text) {
         while (!text.empty()) {
             auto const end = std::min(text.find('\n'), text.size());
             begin(text.substr(0, end));
             text.remove_prefix(std::min(end + 1, text.size()));
-            takeLine();
+            listening([&] { takeLine(); });
         }
-        for (Reference const& reference : references_) resolve(reference);
+        for (Reference const& reference : references_) listening([&] { resolve(reference); });
         return root();
     }
 
@@ -70,6 +73,20 @@ private:
 
     [[noreturn]] void fail(std::string const& text, std::size_t offset) const {
         throw StateMistake{text, number_, std::min(offset, line_.size()), std::string(line_)};
+    }
+
+    template <class F> void listening(F const& f) {
+        try {
+            f();
+        } catch (StateMistake const& mistake) {
+            if (!listener_.mistake) throw;
+            listener_.mistake(mistake);
+        }
+    }
+    Taken takenAt(std::size_t offset) const {
+        return [this, offset](std::string const& note, std::size_t more) {
+            if (listener_.taken) listener_.taken({note, number_, offset + more, std::string(line_)});
+        };
     }
 
     // --- words ---
@@ -97,16 +114,28 @@ private:
     void takeLine() {
         Word const path = word();
         if (path.text.empty() || path.text.starts_with('#')) return;
+        if (auto const zero = line_.find('\0'); zero != std::string_view::npos)
+            fail("a NUL has no place in a text; in a path it stands as %00", zero);
         if (!path.text.starts_with('/')) fail("a path expected, which begins with a \"/\"", path.offset);
+        if (isBelowMissing(path.text)) return;
         Word const second = word();
         if (second.text.empty()) fail("a type or an attribute expected behind the path", line_.size());
         Word const behind = rest();
         // What ends the line, or goes on with a name, is an entity; attributes have no colons in their names.
         bool const isEntity = behind.text.empty() || second.text.find(':') != std::string_view::npos;
-        if (isEntity)
-            takeEntity(path, second, behind);
-        else
-            takeAttribute(path, second);
+        if (!isEntity) return takeAttribute(path, second);
+        missing_.insert(path.text);
+        takeEntity(path, second, behind);
+        missing_.erase(path.text);
+    }
+
+    // Whether a line has been left out that says what is there, or above that.
+    bool isBelowMissing(std::string_view path) const {
+        for (std::size_t end = missing_.empty() ? path.size() : 0; end < path.size();) {
+            end = std::min(path.find('/', end + 1), path.size());
+            if (missing_.contains(path.substr(0, end))) return true;
+        }
+        return false;
     }
 
     // --- entities ---
@@ -131,7 +160,7 @@ private:
     void takeEntity(Word const& path, Word const& typeName, Word const& behind) {
         VelType const type = entityType(typeName);
         std::string name;
-        if (!behind.text.empty()) name = parsed<Vel::String>(behind).stdString();
+        if (!behind.text.empty()) name = nameIn(behind);
         std::vector<Step> const steps = stepsOf(path.text);
         if (steps.empty()) return takeRoot(path, type);
         Ptr<Entity> const above = entityAbove(path, steps);
@@ -222,10 +251,11 @@ private:
         if (isEntityAttribute(*attribute))
             references_.push_back({entity, attribute, std::move(key), value, number_, line_});
         else if (attribute->isCollection())
-            guarded(value.offset, [&] { takeItem(*entity, *attribute, key, value.text); });
+            guarded(value.offset, [&] { takeItem(*entity, *attribute, key, value); });
         else
-            guarded(value.offset,
-                [&] { storedValueIs(*entity, *attribute, GenericValue(attribute->type(), Vel::String(value.text))); });
+            guarded(value.offset, [&] {
+                storedValueIs(*entity, *attribute, valueFrom(attribute->type(), value.text, takenAt(value.offset)));
+            });
     }
 
     // Where the string ends that begins here; here when none does.
@@ -238,9 +268,8 @@ private:
         return at_;
     }
 
-    static void takeItem(
-        Entity& entity, StreamAttribute const& collection, std::string const& key, std::string_view text) {
-        GenericValue const value(collection.type(), Vel::String(text));
+    void takeItem(Entity& entity, StreamAttribute const& collection, std::string const& key, Word const& text) const {
+        GenericValue const value = valueFrom(collection.type(), text.text, takenAt(text.offset));
         std::string const encoding = encodedKey(collection, key);
         Vel::NboAttrLog::In in({reinterpret_cast<Vel::U8 const*>(encoding.data()), encoding.size()});
         Vel::NboAttrLog::Out out;
@@ -260,7 +289,8 @@ private:
     std::string keyIn(Entity const& entity, StreamAttribute const& collection, Word const& text) const {
         std::string key;
         guarded(text.offset, [&] {
-            GenericValue const value(keyTypeOf(entity.fwkType(), collection), Vel::String(text.text));
+            GenericValue const value =
+                valueFrom(keyTypeOf(entity.fwkType(), collection), text.text, takenAt(text.offset));
             Vel::NboAttrLog::Out out;
             value.type().glue().write(out, value.data());
             key = keyFromEncoding(collection, {reinterpret_cast<char const*>(out.data()), out.size()});
@@ -272,6 +302,7 @@ private:
         number_ = reference.number;
         line_ = reference.line;
         Word const& path = reference.target;
+        if (isBelowMissing(path.text)) return;
         StreamAttribute const& attribute = *reference.attribute;
         bool const isNone = path.text == "None" && !attribute.isCollection();
         if (!isNone && !path.text.starts_with('/'))
@@ -302,26 +333,32 @@ private:
 
     // --- mistakes ---
 
-    template <class T> T parsed(Word const& word) const {
-        T value;
+    // In quotes: a word that follows a type is more likely to be a mistake than a name.
+    std::string nameIn(Word const& word) const {
+        std::string name;
         guarded(word.offset, [&] {
-            GenericValue const generic(Vel::typeOf<T>(), Vel::String(word.text));
-            value = *static_cast<T const*>(generic.data());
+            VelType const type = Vel::typeOf<Vel::String>();
+            bool const isQuoted = word.text.starts_with('\'');
+            GenericValue const value =
+                isQuoted ? valueFrom(type, word.text) : GenericValue(type, Vel::String(word.text));
+            name = static_cast<Vel::String const*>(value.data())->stdString();
         });
-        return value;
+        return name;
     }
 
     template <class F> void guarded(std::size_t offset, F const& f) const {
         try {
             f();
         } catch (Vel::ParseException const& error) {
-            fail(error.what(), offset + error.offset());
+            fail(error.text().stdString(), offset + error.offset());
         } catch (Vel::Exception const& error) {
-            fail(error.what(), offset);
+            fail(error.text().stdString(), offset);
         }
     }
 
+    StateListener const& listener_;
     Ptr<Entity> root_;
+    std::unordered_set<std::string_view> missing_;  // paths of entities whose lines have been left out
     std::string_view line_;
     std::size_t at_ = 0, number_ = 0;
     std::vector<Reference> references_;
@@ -332,6 +369,8 @@ private:
 
 }  // namespace
 
-Ptr<Entity> entitiesFromState(std::string_view text) { return Reader().read(text); }
+Ptr<Entity> entitiesFromState(std::string_view text, StateListener const& listener) {
+    return Reader(listener).read(text);
+}
 
 }  // namespace Tool

@@ -1,6 +1,7 @@
 #include "tools/Commands.h"
 #include "tools/Connection.h"
 #include "tools/TreeLines.h"
+#include "tools/ValueText.h"
 
 #include <algorithm>
 
@@ -65,7 +66,7 @@ void list(Place const& place) {
     for (auto const& [at, node] : place.top().children()) table.add({bold(node->step()), node->type().name()});
     eachItem(
         place.top(), [&](StreamAttribute const& collection, std::string const& key, Vel::GenericValue const& item) {
-            table.add({stepText(place.top().type(), collection, key), "= " + item.strep().stdString()});
+            table.add({stepText(place.top().type(), collection, key), "= " + valueText(item)});
         });
     for (auto const& [name, target] : referencesOf(place.tree(), place.top()))
         if (target != "None") table.add({name, "-> " + target});
@@ -74,7 +75,7 @@ void list(Place const& place) {
 
 void listJson(Place const& place) {
     Answers answers;
-    JsonList list(answers, "\"path\": " + Json(place.top().path()).dump() + ", \"members\": ");
+    JsonList list(answers, "\"path\": " + jsonLine(Json(place.top().path())) + ", \"members\": ");
     for (auto const& [at, node] : place.top().children())
         list.add({{"name", node->step()}, {"type", node->type().name()}});
     for (auto const& [name, target] : referencesOf(place.tree(), place.top()))
@@ -136,10 +137,9 @@ private:
         for (StreamAttribute const& attribute : node.table().attributes)
             if (attribute.kind == StreamKind::value)
                 texts.push_back(attributeName(node.type(), attribute.id) + " = " +
-                                shortened(storedValue(node.entity(), attribute).strep().stdString(), mostOfValue));
+                                shortened(valueText(storedValue(node.entity(), attribute)), mostOfValue));
         eachItem(node, [&](StreamAttribute const& collection, std::string const& key, Vel::GenericValue const& item) {
-            texts.push_back(
-                stepText(node.type(), collection, key) + " = " + shortened(item.strep().stdString(), mostOfValue));
+            texts.push_back(stepText(node.type(), collection, key) + " = " + shortened(valueText(item), mostOfValue));
         });
         for (auto const& [name, target] : referencesOf(place_.tree(), node))
             texts.emplace_back(name).append(target == "None" ? " = " : " -> ").append(target);

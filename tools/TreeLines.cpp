@@ -1,5 +1,8 @@
 #include "tools/TreeLines.h"
 
+#include "tools/Clean.h"
+#include "tools/ValueText.h"
+
 #include "Vel/Strep.h"
 
 namespace Tool {
@@ -53,13 +56,15 @@ void eachItem(EntityTree::Node const& node,
     }
 }
 
-void TreeLines::add(Json const& json) {
-    ++count_;
-    answers_.add(json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
+void TreeLines::add(Json json, bool isNote) {
+    count_ += !isNote;
+    if (std::string time = time_ ? time_(isNote) : ""; !time.empty()) json["time"] = std::move(time);
+    answers_.add(jsonLine(json) + "\n");
 }
 
 void TreeLines::add(std::string_view mark, std::string const& text) {
     ++count_;
+    if (std::string const time = time_ ? time_(false) : ""; !time.empty()) answers_.add(time + " ");
     answers_.add(mark);
     answers_.add(text);
     answers_.add("\n");
@@ -69,7 +74,7 @@ void TreeLines::entity(Node const& node, bool isNew) {
     if (json_) return add({{"event", "entity"}, {"path", node.path()}, {"type", node.type().name()}});
     std::string text = node.path() + " " + node.type().name();
     if (node.above() && node.table().takesName && node.step().starts_with('@'))
-        text += " " + Vel::valueToStrep(node.entity().name()).stdString();
+        text += " " + cleaned(Vel::valueToStrep(node.entity().name()).view());
     add(isNew ? "+ " : "", text);
 }
 
@@ -97,7 +102,7 @@ void TreeLines::attribute(EntityTree const& tree, Node const& node, StreamAttrib
         return add(json);
     }
     add("", node.path() + " " + name + " = " +
-                (isValue ? storedValue(node.entity(), attribute).strep().stdString()
+                (isValue ? valueText(storedValue(node.entity(), attribute))
                          : referenceText(tree, attribute.target(node.entity()))));
 }
 
@@ -114,9 +119,9 @@ void TreeLines::member(
             {holdsValues ? "value" : "target", item          ? jsonValue(*item)
                                                : holdsValues ? Json()
                                                              : referenceJson(tree, member)}});
-    std::string const at = node.path() + " " + name + " " + value.strep().stdString();
+    std::string const at = node.path() + " " + name + " " + valueText(value);
     if (item)
-        add("", at + " = " + item->strep().stdString());
+        add("", at + " = " + valueText(*item));
     else if (member)
         add("", at + " = " + referenceText(tree, member));
     else
@@ -132,10 +137,10 @@ void TreeLines::note(std::string_view event, std::string const& text, Json const
     if (json_) {
         Json json{{"event", event}};
         json.update(more);
-        answers_.add(json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
-    } else {
-        answers_.add("# " + std::string(event) + (text.empty() ? "" : ": " + text) + "\n");
+        return add(std::move(json), true);
     }
+    if (std::string const time = time_ ? time_(true) : ""; !time.empty()) answers_.add(time + " ");
+    answers_.add("# " + std::string(event) + (text.empty() ? "" : ": " + cleaned(text)) + "\n");
 }
 
 }  // namespace Tool

@@ -13,7 +13,10 @@ class TreeLines {
 public:
     using Node = EntityTree::Node;
 
-    TreeLines(Answers& answers, bool json) : answers_(answers), json_(json) {}
+    // time: of what is told next, put before lines and into JSON; isNote: for a note. May return "".
+    using Time = std::function<std::string(bool isNote)>;
+
+    TreeLines(Answers& answers, bool json, Time time = {}) : answers_(answers), json_(json), time_(std::move(time)) {}
 
     // The entity and all that it holds, but not what is below it.
     void whole(EntityTree const& tree, Node const& node, bool isNew);
@@ -24,17 +27,20 @@ public:
         EntityTree const& tree, Node const& node, Vel::StreamAttribute const& collection, std::string const& key);
     void gone(Node const& node);
     // Something about the copy as a whole: "# EVENT: TEXT", or an object with that member besides `more`.
+    // The text stays on its line whatever it holds.
     void note(std::string_view event, std::string const& text, Json const& more);
 
     std::uint64_t count() const { return count_; }  // lines, without notes
 
 private:
     void entity(Node const& node, bool isNew);
-    void add(Json const& json);
+    void add(Json json, bool isNote);
+    void add(Json json) { add(std::move(json), false); }
     void add(std::string_view mark, std::string const& text);
 
     Answers& answers_;
     bool json_;
+    Time time_;
     std::uint64_t count_ = 0;
 };
 

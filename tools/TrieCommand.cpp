@@ -24,12 +24,13 @@ Answer yesOrNo(bool yes) { return {yes, yes ? "True" : "False", {{"answer", yes}
 Answer prefixOrNone(TagTrie const& trie, Vel::String const& prefix) {
     if (prefix.empty()) return {false, "-", {{"answer", nullptr}, {"tags", Json::array()}}};
     auto const tags = trie.tagsOf(prefix);
-    return {true, prefix.stdString(), {{"answer", prefix.view()}, {"tags", tagList(tags)}}};
+    return {true, cleaned(prefix.view()), {{"answer", prefix.view()}, {"tags", tagList(tags)}}};
 }
 Answer stateOrNone(TagTrie const& trie, std::string_view path) {
     auto const state = trie.prefixState(path);
     if (!state) return {false, "-", {{"answer", nullptr}}};
-    return {true, state->outputForm().stdString(), {{"answer", tagList(Vel::ptr_cast<Tags::TagState>(state)->tags())}}};
+    return {
+        true, cleaned(state->outputForm().view()), {{"answer", tagList(Vel::ptr_cast<Tags::TagState>(state)->tags())}}};
 }
 
 constexpr std::pair<std::string_view, Question> questions[] = {
@@ -49,7 +50,7 @@ public:
         : answers_(answers), trie_(trie), question_(question), json_(json), isOnly_(isOnly) {}
 
     void ask(std::string_view path, JsonList* list) {
-        Answer answer = question_(trie_, path);
+        Answer answer = question_(trie_, uncleaned(path));
         isYes_ = isYes_ && answer.isYes;
         if (json_) {
             Json item{{"path", path}};
@@ -205,7 +206,7 @@ private:
             if (list)
                 list->add({{"path", path}, {"tags", tagList(tagsOf(node))}});
             else  // a line that begins with # is a comment
-                answers_.add((path.starts_with('#') ? " " : "") + path + tagsBehind(node) + "\n");
+                answers_.add((path.starts_with('#') ? " " : "") + cleaned(path) + tagsBehind(node) + "\n");
         });
         if (list) list->close(bad_);
     }

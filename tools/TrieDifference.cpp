@@ -62,7 +62,7 @@ private:
     void compare(PrefixTrie const* here, PrefixTrie const* there) {
         if (!here && !there) return;
         if (here && there && here->present() == there->present() && here->mountPoint() == there->mountPoint() &&
-            (!here->present() || here->state() == there->state() || tagText(*here) == tagText(*there)))
+            (!here->present() || here->state() == there->state() || tagsOf(*here) == tagsOf(*there)))
             return;
         if (!found_ && !json_) answers_.add(names_);
         found_ = true;
@@ -73,9 +73,11 @@ private:
         else if (!here)
             answers_.add(green("+ " + listed(*there)) + "\n");
         else
-            answers_.add("~ " + path_ + " " + what(*here) + " -> " + what(*there) + "\n");
+            answers_.add("~ " + cleaned(path_) + " " + what(*here) + " -> " + what(*there) + "\n");
     }
-    std::string listed(PrefixTrie const& node) const { return path_ + (node.present() ? tagsBehind(node) : "*"); }
+    std::string listed(PrefixTrie const& node) const {
+        return cleaned(path_) + (node.present() ? tagsBehind(node) : "*");
+    }
     static std::string what(PrefixTrie const& node) { return node.present() ? tagText(node) : "*"; }
 
     void keep(PrefixTrie const* here, PrefixTrie const* there) {

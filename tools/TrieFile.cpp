@@ -1,5 +1,7 @@
 #include "tools/TrieFile.h"
 
+#include "tools/Clean.h"
+#include "tools/Complaints.h"
 #include "tools/Output.h"
 #include "tools/Progress.h"
 
@@ -23,7 +25,11 @@ std::size_t offsetIn(std::string_view line, std::string_view part) {
 class Reader {
 public:
     Reader(Input& input, std::string const& name)
-        : name_(input.name()), progress_(input, false), lines_(input, [this] { progress_.tell(lines_); }) {
+        : name_(input.name()),
+          progress_(input, false),
+          lines_(
+              input, [this] { progress_.tell(lines_); }, Input::largest),
+          complaints_(name_, lines_.nature(), [this] { progress_.clear(); }) {
         if (!name.empty()) file_.trie = Tags::TagTrie::newEntity(Vel::String(name));
     }
 
@@ -34,6 +40,8 @@ public:
             else if (!lines_.isBlank())
                 take();
         progress_.clear();
+        complaints_.end();
+        file_.rejected = complaints_.count();
         if (file_.rejected != 0)
             complain(name_ + ": " + std::to_string(file_.rejected) + " of " +
                      std::to_string(file_.taken + file_.rejected) + " lines " + (file_.rejected == 1 ? "is" : "are") +
@@ -51,15 +59,14 @@ private:
         std::string_view const tagText = withoutMargins(text.substr(path.size()));
         auto const tags = Tags::checkedTags(tagText);
         if (!tags) return reject(tags.error().text.stdString(), offsetIn(line, tagText) + tags.error().offset);
-        state_->tagsIs(*tags);  // anew for each line: on its way down, it takes on what it meets
-        file_.trie->prefixIs(Vel::String(path), state_);
+        auto const all = Tags::checkedTags(uncleaned(tagText));  // in the order of their bytes
+        state_->tagsIs(*all);  // anew for each line: on its way down, it takes on what it meets
+        file_.trie->prefixIs(Vel::String(uncleaned(path)), state_);
         ++file_.taken;
     }
 
     void reject(std::string const& why, std::size_t offset) {
-        ++file_.rejected;
-        progress_.clear();
-        complain(lines_.place(offset) + ": " + why + "\n" + caretBelow(lines_.text(), offset));
+        complaints_.add(lines_.place(offset), why, lines_.text(), offset);
     }
 
     std::string name_;
@@ -67,6 +74,7 @@ private:
     Vel::Ptr<Tags::TagState> state_ = Tags::TagState::newEntity();
     Progress progress_;
     LineReader lines_;
+    Complaints complaints_;
 };
 
 }  // namespace

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tools/Answers.h"
+#include "tools/Clean.h"
 
 #include "examples/TagTrie.h"
 
@@ -21,7 +22,7 @@ using Vel::Ptr;
 inline Vel::String tagsOf(PrefixTrie const& node) {
     return node.state() ? Vel::ptr_cast<Tags::TagState>(node.state())->tags() : Vel::String();
 }
-inline std::string tagText(PrefixTrie const& node) { return "{" + tagsOf(node).stdString() + "}"; }
+inline std::string tagText(PrefixTrie const& node) { return "{" + cleaned(tagsOf(node).view()) + "}"; }
 inline std::string tagsBehind(PrefixTrie const& node) { return tagsOf(node).empty() ? "" : " " + tagText(node); }
 
 inline Json tagList(std::string_view tags) {

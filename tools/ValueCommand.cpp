@@ -1,9 +1,11 @@
+#include "tools/Clean.h"
 #include "tools/Commands.h"
 #include "tools/HexText.h"
 #include "tools/Input.h"
 #include "tools/Isolated.h"
 #include "tools/Names.h"
 #include "tools/Output.h"
+#include "tools/ValueText.h"
 
 #include "Vel/Exception.h"
 #include "Vel/GenericIf.h"
@@ -26,20 +28,14 @@ using Vel::VelType;
 
 // --- input ---
 
-constexpr std::size_t longestInput = 16u << 20;  // bytes
-
 // Without its last newline, which is what the shell's tools add.
 std::string standardInput() {
+    constexpr std::size_t most = 16u << 20;  // bytes, more than any value needs
     Input input("-");
-    std::string text;
-    char buffer[65536];
-    while (std::size_t const n = input.read(buffer, sizeof buffer)) {
-        text.append(buffer, n);
-        if (text.size() > longestInput)
-            throw Failure(somethingWrong, "standard input holds more than 16 MiB, which no value needs");
-    }
-    if (text.ends_with('\n')) text.pop_back();
-    return text;
+    std::optional<std::string> text = input.all(most);
+    if (!text) throw Failure(somethingWrong, input.tooLarge(most) + ", which no value needs");
+    if (text->ends_with('\n')) text->pop_back();
+    return *std::move(text);
 }
 
 std::string input(std::string const& argument) { return argument == "-" ? standardInput() : argument; }
@@ -82,11 +78,11 @@ extern "C" void explainAbort(int) {
 GenericValue parsed(VelType type, std::string const& text) {
     std::string const what = "this is no " + std::string(type.name()) + ": ";
     try {
-        return GenericValue(type, Vel::String(text));
+        return valueFrom(type, text, remarking(""));
     } catch (Vel::ParseException const& error) {
-        throw Failure(somethingWrong, what + error.what() + "\n" + caretBelow(text, error.offset()));
+        throw Failure(somethingWrong, what + cleaned(error.text().view()) + "\n" + caretBelow(text, error.offset()));
     } catch (Vel::RangeException const& error) {
-        throw Failure(somethingWrong, what + error.what());
+        throw Failure(somethingWrong, what + cleaned(error.text().view()));
     }
 }
 
@@ -101,9 +97,9 @@ GenericValue decoded(VelType type, std::vector<unsigned char> const& bytes) {
         GenericValue value(type, in);
         if (in.left() == 0) return value;
     } catch (Vel::StreamException const& error) {
-        throw badBytes(bytes, what + error.what(), error.offset());
+        throw badBytes(bytes, what + cleaned(error.text().view()), error.offset());
     } catch (Vel::RangeException const& error) {
-        throw Failure(somethingWrong, what + error.what());
+        throw Failure(somethingWrong, what + cleaned(error.text().view()));
     }
     throw badBytes(bytes,
         Vel::format("%s left over: a %s ends after %zu of the %zu",
@@ -177,7 +173,7 @@ std::string textOf(GenericValue const& value) {
     Table table;
     table.add({"type", bold(type.name())});
     table.add({"module", std::string(type.moduleName()) + " " + fingerprintText(type.moduleFingerprint())});
-    table.add({"text", shortened(value.strep().stdString(), most)});
+    table.add({"text", shortened(valueText(value), most)});
     table.add({"bytes", shortened(bytesHex(value), most)});
     table.add({"encoded size", bytesText(value.attrLogSize())});
     table.add({"hash", type.isHashable() ? hashText(value) : "-"});
@@ -186,7 +182,7 @@ std::string textOf(GenericValue const& value) {
     fields.add({bold("attribute"), bold("kind"), bold("type"), bold("value")});
     auto const all = fieldsOf(value);
     for (auto const& [attr, strep] : all)
-        fields.add({attr.name(), kindText(attr.kind()), attr.valueType().name(), shortened(strep, most)});
+        fields.add({attr.name(), kindText(attr.kind()), attr.valueType().name(), shortened(cleaned(strep), most)});
     return table.text() + (all.empty() ? "" : "\n" + fields.text());
 }
 

@@ -1,5 +1,7 @@
+#include "tools/Clean.h"
 #include "tools/Commands.h"
 #include "tools/Connection.h"
+#include "tools/Moments.h"
 #include "tools/TreeLines.h"
 
 #include "Vel/Exception.h"
@@ -29,7 +31,10 @@ bool isOutputClosed() {
 class Watching final : public EntityTree::Observer {
 public:
     explicit Watching(WatchOptions const& options)
-        : options_(options), path_(normalPath(options.path)), lines_(answers_, options.json) {
+        : options_(options),
+          path_(normalPath(options.path)),
+          moments_(timeFormFrom(options.time)),
+          lines_(answers_, options.json, [this](bool isNote) { return time(isNote); }) {
         Mount::ClientOptions client;
         client.path = Vel::String(askedPath());
         client.peer.tls = tlsFilesFrom(options);
@@ -37,7 +42,7 @@ public:
         try {
             client_.emplace(loop_, address, place_, "copy", client);
         } catch (Vel::Exception const& error) {
-            throw Failure(badUsage, error.what());
+            throw Failure(badUsage, cleaned(error.text().view()));
         }
         client_->onErrorIs([this](Vel::String const& error) { failed(error.stdString()); });
     }
@@ -81,8 +86,16 @@ private:
         std::string const seconds = Vel::format("%g", *options_.duration).stdString() + " s";
         complain(hasSynced_ ? "fewer changes came in " + seconds
                             : "not synced in " + seconds +
-                                  (error_.empty() ? "" : ", since: " + withAddress(options_, error_)));
+                                  (error_.empty() ? "" : ", since: " + cleaned(withAddress(options_, error_))));
         return somethingWrong;
+    }
+
+    // What comes in at once has happened at one time. Up to the first mark the lines are a state file, which has no times,
+    // and nothing in it is a change.
+    std::string time(bool isNote) {
+        if (!hasSynced_ && !(isNote && options_.json)) return "";
+        if (now_.empty()) now_ = options_.json ? moments_.isoText() : moments_.text();
+        return now_;
     }
 
     // --- what happens ---
@@ -101,6 +114,7 @@ private:
         if (state != state_) tellState(state);
         state_ = state;
         answers_.flush();
+        now_.clear();
         return isDone_;
     }
 
@@ -180,7 +194,8 @@ private:
     }
 
     WatchOptions const& options_;
-    std::string path_;
+    std::string path_, now_;
+    Moments moments_;
     Answers answers_{std::numeric_limits<std::size_t>::max()};  // never flushed in the middle of a change
     TreeLines lines_;
     Mount::Loop loop_;

@@ -1,13 +1,15 @@
+#include "tools/Clean.h"
 #include "tools/Commands.h"
 #include "tools/LiveOptions.h"
 #include "tools/Names.h"
 #include "tools/Output.h"
+#include "tools/StandardFiles.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <charconv>
-#include <iostream>
+#include <sstream>
 
 namespace {
 
@@ -83,7 +85,8 @@ Examples:
   mox value --type Mox::Seqno32 --hex 0000002a  bytes, in hexadecimal; blanks and colons may stand between
   echo 7 | mox value --type U32 -               the text from standard input, without its last newline
 
-The text of a type: see "text form" in "mox types TYPE". Exit code 1 when text or bytes are not a value of the type.)~";
+A word needs no quotes where a string is meant, and a whole number will do for a double, also inside of records; --verbose
+tells what was taken for what. The text of a type: see "text form" in "mox types TYPE". Exit code 1 when text or bytes are not a value of the type.)~";
 
 constexpr char statHelp[] =
     R"~(Feeds a statistic with observations, one on each line of a file or of standard input, and prints what it then holds, as
@@ -100,8 +103,11 @@ Examples:
   mox --module ./libmytypes.so stat My::Stat FILE
                                          any type with an attribute "update" will do
 
-Bad lines, also those of more than 1 MiB, are shown on standard error and left out; the exit code is then 1. JSON: one
-object with all fields; with --each, one on each line.)~";
+A word needs no quotes where a string is meant, and 1 will do for 1.0; --verbose tells what was taken for what.
+
+Bad lines, also those of more than 1 MiB, are left out; the exit code is then 1. The first 20 are shown on standard error,
+of more it is told how many there are of which kind; of a file that is compressed or binary only that. JSON: one object
+with all fields; with --each, one on each line.)~";
 
 constexpr char idSetHelp[] =
     R"~(Calculates with sets of ids. Operands are range lists such as (1-3,5), in quotes because the shell has its own use for
@@ -155,7 +161,8 @@ Examples:
   mox trie old.txt append new.txt >all.txt
   mox trie old.txt diff new.txt --json
 
-Exit code 1: an answer is False or -, the files differ, or lines were bad, which are shown on standard error and left out.
+Exit code 1: an answer is False or -, the files differ, or lines were bad, which are left out; the first 20 are shown on
+standard error, more are counted. A file has at most 256 MiB.
 Exit code 2: the command line is wrong, or a file cannot be read. Paths that begin with a dash go behind --.)~";
 
 // A number from 0 to 0xFFFFFFFF, or "none".
@@ -171,6 +178,7 @@ std::uint32_t redundancyStatusFrom(std::string const& text) {
 struct CommandLine {
     CLI::App app{about, "mox"};
     std::vector<std::string> modules;
+    bool verbose = false;
     CellOptions cell;
     std::optional<std::string> redundancyStatus;
     TypesOptions types;
@@ -198,6 +206,7 @@ struct CommandLine {
             ->take_all()
             ->expected(1)
             ->allow_extra_args(false);
+        app.add_flag("--verbose", verbose, "Tell what a value was taken for that is not in its type's own text form");
         addCell();
         addTypes();
         addValue();
@@ -344,24 +353,34 @@ void unmark(std::string& argument) {
     if (argument.starts_with('[') && argument.ends_with(isNoList)) argument.pop_back();
 }
 
-int runMain(int argc, char** argv) {
-    CommandLine line;
+int parseAndRun(CommandLine& line, int argc, char** argv) {
     try {
         line.app.parse(argumentsFrom(argc, argv));
+        verboseIs(line.verbose);
         unmark(line.trie.file);
         for (std::string& argument : line.trie.arguments) unmark(argument);
         for (std::string* const argument : line.live.texts()) unmark(*argument);
         return line.run();
     } catch (CLI::Success const& request) {  // --help, --version
-        return line.app.exit(request);
+        std::ostringstream answer, nothing;
+        int const code = line.app.exit(request, answer, nothing);
+        print(answer.str());
+        return code;
     } catch (CLI::RequiredError const& error) {
-        complain(line.given() ? std::string(error.what()) + "; " + line.helpHint() : line.missingCommand());
+        complain(line.given() ? cleaned(error.what()) + "; " + line.helpHint() : line.missingCommand());
         return badUsage;
     } catch (CLI::ParseError const& error) {
-        complain(std::string(error.what()) + "; " + line.helpHint());
+        complain(cleaned(error.what()) + "; " + line.helpHint());
         return badUsage;
+    }
+}
+
+int runMain(int argc, char** argv) {
+    CommandLine line;
+    try {
+        return parseAndRun(line, argc, argv);
     } catch (Failure const& failure) {
-        complain(failure.what());
+        if (*failure.what() != '\0') complain(failure.what());
         return failure.exitCode();
     }
 }
@@ -369,12 +388,13 @@ int runMain(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    openStandardFiles();
     try {
         return runMain(argc, argv);
     } catch (std::bad_alloc const&) {
         complain("out of memory");
     } catch (std::exception const& error) {
-        complain(error.what());
+        complain(cleaned(error.what()));
     }
     return somethingWrong;
 }

@@ -11,8 +11,10 @@ namespace {
 
 using namespace ToolTest;
 using nlohmann::json;
+using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::MatchesRegex;
 using testing::StartsWith;
 
 std::string const state = "/ Vel::Dir\n"
@@ -88,6 +90,33 @@ TEST_F(MoxLiveTest, ServesUntilASignal) {
     EXPECT_EQ(outcome.code, 0);
     EXPECT_EQ(outcome.out, "serving unix:" + socket_ + "\n");
     EXPECT_EQ(outcome.err, "");
+}
+
+TEST_F(MoxLiveTest, TakesItsSocketAwayAtEachSignalThatEndsIt) {
+    for (int const signal : {SIGHUP, SIGINT, SIGTERM}) {
+        serve("");
+        EXPECT_EQ(server_->end(signal).code, 0);
+        EXPECT_FALSE(std::filesystem::exists(socket_)) << "after signal " << signal;
+    }
+}
+
+TEST_F(MoxLiveTest, ServesOnWithoutATerminalWhenAskedTo) {
+    auto const server = std::make_unique<Beside>(
+        std::vector<std::string>{"sh", "-c", "trap '' HUP; exec " MOX_TOOL_PATH " serve " + socket_});
+    server->until("serving");
+    ::kill(server->id(), SIGHUP);
+    EXPECT_EQ(answer("ls"), "");
+    EXPECT_EQ(server->end().code, 0);
+}
+
+// A descriptor of that number would be written to by whoever prints.
+TEST_F(MoxLiveTest, ServesWithClosedStandardFiles) {
+    auto const server = std::make_unique<Beside>(
+        std::vector<std::string>{"sh", "-c", "exec " MOX_TOOL_PATH " serve " + socket_ + " <&- >&- 2>&-"});
+    EXPECT_THAT(mox({"watch", socket_, "--until-synced", "--timeout", "30"}).out, HasSubstr("# synced: 1 entity\n"));
+    for (std::string const file : {"0", "1", "2"})
+        EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(server->id()) + "/fd/" + file), "/dev/null");
+    server->end();
 }
 
 TEST_F(MoxLiveTest, TellsThePortThatItChose) {
@@ -189,6 +218,8 @@ TEST_F(MoxLiveTest, SaysWhyItCannotConnect) {
         "mox: 'nonsense' is no address: expected unix:PATH, tcp:HOST:PORT or tls:HOST:PORT\n");
     EXPECT_EQ(mox({"ls", "nonsense"}).code, 2);
     EXPECT_THAT(mox({"ls", "tls:localhost:1"}).err, HasSubstr("needs --cert FILE --key FILE --authority FILE"));
+    EXPECT_EQ(mox({"ls", "tcp:1.2.3.4:80"}).err,
+        "mox: tcp:1.2.3.4:80: plain TCP is for this machine alone (127.0.0.1, [::1]); with other machines use tls:\n");
     EXPECT_EQ(failure("ls", {"--timeout", "-1"}, 2), "mox: --timeout: a number of seconds expected, not less than 0\n");
 }
 
@@ -211,6 +242,16 @@ TEST_F(MoxLiveTest, SetsAValue) {
             "changed": true})"));
 }
 
+TEST_F(MoxLiveTest, TakesAWordForAStringAndSaysSoWhenAsked) {
+    serve(plainState(), {"--writable"});
+    EXPECT_EQ(answer("set", {"/ql/cell", "product", "uplink"}), "'uplink'\n");
+    Outcome const outcome = ask("set", {"/ql/cell", "product", "7", "--verbose"});
+    EXPECT_EQ(outcome.err, "mox: product: 7 is taken for the text '7'\n");
+    EXPECT_EQ(outcome.out, "'7'\n");
+    EXPECT_THAT(
+        failure("set", {"/ql/cell", "product", "two words"}, 2), HasSubstr("expected a string in single quotes"));
+}
+
 TEST_F(MoxLiveTest, PointsAtWhatIsNoValue) {
     serve(plainState(), {"--writable"});
     EXPECT_EQ(failure("set", {"/ql/cell", "cellId", "70000"}, 2).substr(0, 29), "mox: this is no Cell::CellId:");
@@ -229,7 +270,7 @@ TEST_F(MoxLiveTest, SaysThatAServerIsReadOnly) {
 
 TEST_F(MoxLiveTest, WatchShowsWhatIsThereAndThenChanges) {
     serve("/r Redundancy::RedundancyStatus\n", {"--writable"});
-    auto const watching = watch({"/r", "--count", "2"});
+    auto const watching = watch({"/r", "--count", "2", "--time", "none"});
     EXPECT_EQ(watching->until("# synced"), "/r Redundancy::RedundancyStatus\n"
                                            "/r activeCellId = 4294967295\n"
                                            "# synced: 1 entity\n");
@@ -247,7 +288,7 @@ TEST_F(MoxLiveTest, WatchPrintsAStateFile) {
 
 TEST_F(MoxLiveTest, WatchTellsWhatHasChangedWhileTheServerWasAway) {
     serve("/a Vel::Dir\n/b Vel::Dir\n/b/c Vel::Dir\n/r Redundancy::RedundancyStatus\n");
-    auto const watching = watch({});
+    auto const watching = watch({"--time", "none"});
     watching->until("# synced");
     server_->end();
     EXPECT_THAT(watching->until("# stale"), HasSubstr("# synced: 5 entities\n# stale: "));
@@ -269,7 +310,7 @@ TEST_F(MoxLiveTest, WatchWaitsForAServer) {
 
 TEST_F(MoxLiveTest, WatchWritesOneJsonObjectALine) {
     serve("/r Redundancy::RedundancyStatus\n", {"--writable"});
-    auto const watching = watch({"--json", "--count", "1", "/r"});
+    auto const watching = watch({"--json", "--count", "1", "--time", "none", "/r"});
     watching->until("synced");
     answer("set", {"/r", "activeCellId", "1"});
     EXPECT_EQ(watching->wait().out,
@@ -287,6 +328,50 @@ TEST_F(MoxLiveTest, WatchLeavesInTime) {
     serve("");
     EXPECT_EQ(ask("watch", {"--timeout", "1.5"}).code, 0);
     EXPECT_EQ(ask("watch", {"--timeout", "1.5", "--count", "1"}).err, "mox: fewer changes came in 1.5 s\n");
+}
+
+TEST_F(MoxLiveTest, WatchTellsWhenAChangeCame) {
+    auto const change = [&](std::vector<std::string> const& arguments, Environment const& environment = {}) {
+        serve("/r Redundancy::RedundancyStatus\n", {"--writable"});
+        std::vector<std::string> all = {"watch", socket_, "/r", "--count", "1"};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        auto const watching = moxBeside(all, environment);
+        EXPECT_THAT(watching->until("synced"), testing::Not(ContainsRegex("[0-9]:[0-9][0-9] /r")));
+        answer("set", {"/r", "activeCellId", "1"});
+        std::string const out = watching->wait().out;
+        return out.substr(out.rfind('\n', out.size() - 2) + 1);
+    };
+    std::string const date = "[0-9]{4}-[0-9]{2}-[0-9]{2}", time = "[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}";
+    std::string const what = "/r activeCellId = 1\n";
+    EXPECT_THAT(change({}), MatchesRegex(date + " " + time + " " + what));
+    EXPECT_THAT(change({"--time", "local"}), MatchesRegex(date + " " + time + " " + what));
+    EXPECT_THAT(change({"--time", "utc"}), MatchesRegex(date + " " + time + "Z " + what));
+    EXPECT_THAT(change({"--time", "relative"}), MatchesRegex("\\+[0-9]+\\.[0-9]{3} " + what));
+    EXPECT_EQ(change({"--time", "none"}), what);
+    auto const timeInJson = [&](std::string const& form) {
+        return json::parse(change({"--json", "--time", form}, {{"TZ", "XYZ-1:30"}}))["time"].get<std::string>();
+    };
+    EXPECT_THAT(timeInJson("local"), MatchesRegex(date + "T" + time + "\\+01:30"));
+    EXPECT_THAT(timeInJson("utc"), MatchesRegex(date + "T" + time + "Z"));
+    EXPECT_THAT(timeInJson("relative"), MatchesRegex("PT[0-9]+\\.[0-9]{3}S"));
+}
+
+TEST_F(MoxLiveTest, WatchTellsWhenAConnectionWasLostButNotInAStateFile) {
+    auto const watching = watch({"--time", "utc"});
+    EXPECT_THAT(watching->until("\n"), StartsWith("# error: "));
+    serve("");
+    EXPECT_THAT(watching->until("# synced"), HasSubstr("\n/ Vel::Dir\n# synced: 1 entity\n"));
+    server_->end();
+    EXPECT_THAT(watching->until("# stale"), ContainsRegex("\n[-0-9]+ [:0-9]+\\.[0-9]+Z # stale"));
+}
+
+TEST_F(MoxLiveTest, WatchRefusesNumbersAndFormsThatAreNone) {
+    std::string const none = " is no number from 0 to 18446744073709551615\n";
+    EXPECT_EQ(failure("watch", {"--count", "-1"}, 2), "mox: --count: -1" + none);
+    EXPECT_EQ(failure("watch", {"--count", "18446744073709551616"}, 2), "mox: --count: 18446744073709551616" + none);
+    EXPECT_EQ(failure("watch", {"--count", "1x"}, 2), "mox: --count: 1x" + none);
+    EXPECT_EQ(failure("tree", {"--depth", "-1"}, 2), "mox: --depth: -1" + none);
+    EXPECT_EQ(failure("watch", {"--time", "now"}, 2), "mox: --time: now is none of local, utc, relative and none\n");
 }
 
 TEST_F(MoxLiveTest, WatchEndsWhenNobodyReads) {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -154,8 +153,8 @@ Outcome Beside::outcome() {
     return {code, out_, err_->text()};
 }
 
-Outcome Beside::end() {
-    ::kill(child_, SIGTERM);
+Outcome Beside::end(int signal) {
+    ::kill(child_, signal);
     return wait();
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <csignal>
 #include <map>
 #include <memory>
 #include <string>
@@ -34,7 +35,7 @@ public:
     // All that it has written to standard output so far, once that holds `text`. Fails the test, and returns what there
     // is, when that does not come: it has ended, or half a minute has passed.
     std::string const& until(std::string_view text);
-    Outcome end();       // by SIGTERM
+    Outcome end(int signal = SIGTERM);
     Outcome wait();      // until it ends by itself; as until()
     void closeOutput();  // nobody reads on
     pid_t id() const { return child_; }

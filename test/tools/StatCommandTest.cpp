@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+
 namespace {
 
 using namespace ToolTest;
@@ -145,6 +147,67 @@ TEST(MoxStatTest, PrintsWhatCameBeforeABadLineBeforeIt) {
         {"sh", "-c", MOX_TOOL_PATH " stat CountStat --each 2>&1"}, {}, count("1", "2.0") + "x\n" + count("1", "3.0"));
     EXPECT_THAT(outcome.out, testing::StartsWith(countStat("1", "2.0") + "mox: standard input:2:1: "));
     EXPECT_THAT(outcome.out, HasSubstr("\n" + countStat("2", "3.0") + "mox: 1 of 3 "));
+}
+
+TEST(MoxStatTest, ShowsTwentyBadLinesAndCountsTheOthersByTheirKind) {
+    std::string text;
+    for (int i = 0; i < 50'000; ++i) text += "x\n" + count("2x", "3.0");
+    Outcome const outcome = stat({"CountStat"}, text);
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 64);
+    EXPECT_THAT(outcome.err, HasSubstr("mox: standard input:20:35: "));
+    EXPECT_THAT(
+        outcome.err, testing::EndsWith("^\nmox: standard input: 99980 more that are not shown:\n"
+                                       "    49990  this is no Mox::Count: expected \", 'when': \"\n"
+                                       "    49990  this is no Mox::Count: expected \"Value('Mox::Count', ** {\"\n"
+                                       "mox: 100000 of 100000 observations are bad and left out\n"));
+}
+
+TEST(MoxStatTest, SaysThatAFileIsCompressedOrBinaryInsteadOfMoreComplaints) {
+    auto const said = [](std::string const& input) {
+        Outcome const outcome = stat({"CountStat"}, input);
+        EXPECT_EQ(outcome.code, 1);
+        EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 5);
+        std::size_t const end = outcome.err.rfind('\n', outcome.err.size() - 2);
+        std::size_t const begin = outcome.err.rfind('\n', end - 1) + 1;
+        return outcome.err.substr(begin, end - begin);
+    };
+    std::string const rest = "; no more is said about its lines";
+    EXPECT_EQ(said("\x1f\x8b\x08x\ny\nz\n"), "mox: standard input: looks like gzip" + rest);
+    EXPECT_EQ(said("BZh91AY\ny\n"), "mox: standard input: looks like bzip2" + rest);
+    EXPECT_EQ(said(std::string("\xfd"
+                               "7zXZ\0\ny\n",
+                  9)),
+        "mox: standard input: looks like xz" + rest);
+    EXPECT_EQ(said("\x28\xb5\x2f\xfd\ny\n"), "mox: standard input: looks like zstd" + rest);
+    EXPECT_EQ(said(std::string("a\nb\0\nc\n", 7)), "mox: standard input: binary: byte 0x00 at offset 3" + rest);
+}
+
+TEST(MoxStatTest, GivesUpOnALineWithoutAnEnd) {
+    Outcome const outcome = stat({"CountStat", "/dev/zero"});
+    EXPECT_EQ(outcome.code, 2);
+    EXPECT_THAT(outcome.err, testing::EndsWith("\nmox: /dev/zero:1: this line has no end within 64 MiB: this is no "
+                                               "file of lines\n"));
+}
+
+TEST(MoxStatTest, TakesAWholeNumberForADouble) {
+    Outcome const outcome = stat({"CountStat"}, count("1", "2") + count("2", "1700000000"));
+    EXPECT_EQ(outcome.code, 0);
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(outcome.out, countStat("3", "1700000000.0"));
+    EXPECT_EQ(stat({"CountStat", "--verbose", "--from", "Value('Mox::CountStat', ** {'count': 9, 'last': 1})"},
+                  "# a\n" + count("1", "2"))
+                  .err,
+        "mox: --from: last: 1 is taken for 1.0\n"
+        "mox: standard input:2:45: when: 2 is taken for 2.0\n");
+}
+
+TEST(MoxStatTest, TellsOnlyOfTheFirstThingsThatItTookForOthers) {
+    std::string text;
+    for (int i = 0; i < 100; ++i) text += count("1", "2");
+    std::string const err = stat({"CountStat", "--verbose"}, text).err;
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 21);
+    EXPECT_THAT(err, testing::EndsWith("\nmox: more that is taken for something else is not shown\n"));
 }
 
 // --- statistics of other libraries ---

@@ -278,7 +278,7 @@ TEST(MoxTrieTest, ShowsBadLinesAndLeavesOnlyThoseOut) {
                            "    d {e{}\n"
                            "        ^\n"
                            "mox: standard input:8:2: a path has no control bytes\n"
-                           "    g [0m\n"
+                           "    g\\x1b[0m\n"
                            "     ^\n"
                            "mox: standard input: 7 of 9 lines are bad and left out\n");
 }
@@ -323,10 +323,23 @@ TEST(MoxTrieTest, SurvivesStarsSeparatorsAndBytesOfAllKinds) {
     EXPECT_EQ(outcome.code, 0);
     EXPECT_EQ(outcome.err, "");
     EXPECT_EQ(trie({"append", "/dev/null"}, outcome.out).out, outcome.out);
+    EXPECT_EQ(answer({"tree", "--json"}, outcome.out), answer({"tree", "--json"}, input));
     for (char const* const form : {"--json", "--dot", "--ascii"}) EXPECT_EQ(trie({"tree", form}, input).code, 0);
     EXPECT_EQ(json::parse(answer({"tree", "--json"}, input))["nodes"].size(), 18u);
     std::string const nul("a\0b\nc\n", 6);
     EXPECT_EQ(trie({"append", "/dev/null"}, nul).out, "c\n");
+}
+
+TEST(MoxTrieTest, BytesThatATerminalObeysAreEscapedAndCanBeReadBack) {
+    std::string const input = "b\xc2\x9b/\xff {t\xe2\x80\xae}\n", shown = "b\\xc2\\x9b/\\xff {t\\xe2\\x80\\xae}\n";
+    EXPECT_EQ(answer({"append", "/dev/null"}, input), shown);
+    EXPECT_EQ(answer({"append", "/dev/null"}, shown), shown);
+    for (std::string const& text : {input, shown}) {
+        EXPECT_EQ(answer({"state", "b\\xc2\\x9b/\\xff"}, text), "{t\\xe2\\x80\\xae}\n");
+        EXPECT_EQ(answer({"enclosing", "b\xc2\x9b/\xff/c"}, text), "b\\xc2\\x9b/\\xff\n");
+    }
+    EXPECT_EQ(trie({"diff", "/dev/null"}, input).out, "--- standard input\n+++ /dev/null\n- " + shown);
+    EXPECT_THAT(answer({"tree", "--ascii"}, input), HasSubstr("/\\xff"));
 }
 
 TEST(MoxTrieTest, TakesMoreThanOneBufferOfLines) {

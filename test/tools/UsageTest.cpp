@@ -50,9 +50,28 @@ TEST(MoxUsageTest, UsesNoColourOutsideATerminal) {
 }
 
 TEST(MoxUsageTest, TellsWhenTheAnswerCannotBeWritten) {
-    Outcome const outcome = run({"sh", "-c", MOX_TOOL_PATH " types >/dev/full"});
-    EXPECT_EQ(outcome.code, 1);
-    EXPECT_EQ(outcome.err, "mox: cannot write the answer: No space left on device\n");
+    for (std::string const arguments : {"types", "--help", "--version", "stat --help", "cell", "idset '(1)'",
+             "value --type U8 7", "stat CountStat /dev/null", "trie /dev/null", "trie /dev/null tree"}) {
+        Outcome const outcome = run({"sh", "-c", MOX_TOOL_PATH " " + arguments + " >/dev/full"});
+        EXPECT_EQ(outcome.code, 1) << arguments;
+        EXPECT_EQ(outcome.err, "mox: cannot write the answer: No space left on device\n") << arguments;
+    }
+}
+
+TEST(MoxUsageTest, TellsWhenStandardFilesAreClosed) {
+    Outcome const out = run({"sh", "-c", MOX_TOOL_PATH " types >&-"});
+    EXPECT_EQ(out.code, 1);
+    EXPECT_EQ(out.err, "mox: cannot write the answer: Bad file descriptor\n");
+    Outcome const in = run({"sh", "-c", MOX_TOOL_PATH " stat CountStat <&-"});
+    EXPECT_EQ(in.code, 2);
+    EXPECT_EQ(in.err, "mox: cannot read standard input: Bad file descriptor\n");
+}
+
+TEST(MoxUsageTest, LeavesQuietlyWhenNobodyReadsOn) {
+    Outcome const outcome = run({"bash", "-c",
+        "trap '' PIPE; for i in types --help; do { sleep 0; " MOX_TOOL_PATH " $i; echo code $? >&2; } | true; done"});
+    // Whether the reader has gone already is a matter of chance; that nothing is said of it is not.
+    EXPECT_THAT(outcome.err, testing::MatchesRegex("code [01]\ncode [01]\n"));
 }
 
 }  // namespace

@@ -111,8 +111,8 @@ TEST(MoxValueTest, PutsTheCaretBelowTheRightCharacterInLongAndForeignTexts) {
                                std::string(4 + 3 + 47, ' ') + "^\n"));
 }
 
-TEST(MoxValueTest, ShowsControlCharactersOfABadTextAsBlanks) {
-    EXPECT_THAT(failing(1, {"--type", "U8", "7\x1b[2J"}).err, HasSubstr("\n    7 [2J\n     ^\n"));
+TEST(MoxValueTest, ShowsControlCharactersOfABadTextEscapedAndTabsAsBlanks) {
+    EXPECT_THAT(failing(1, {"--type", "U8", "7\x1b[2J\t."}).err, HasSubstr("\n    7\\x1b[2J .\n     ^\n"));
 }
 
 TEST(MoxValueTest, SaysThatATextIsEmpty) {
@@ -190,6 +190,41 @@ TEST(MoxValueTest, ShortensTheFormsOfALongText) {
     EXPECT_LT(outcome.out.size(), 20000u);
     EXPECT_THAT(outcome.out, HasSubstr("... (1048578 bytes in all)\n"));
     EXPECT_THAT(row(outcome.out, "encoded size"), ElementsAre("encoded size", "1048580 bytes"));
+}
+
+TEST(MoxValueTest, TakesAWordForAStringAndAWholeNumberForADouble) {
+    auto const taken = [](std::string const& type, std::string const& text) {
+        Outcome const outcome = mox({"value", "--verbose", "--type", type, "--", text});
+        return outcome.err + row(outcome.out, "text").back();
+    };
+    EXPECT_EQ(taken("Vel::String", "uplink"), "mox: uplink is taken for the text 'uplink'\n"
+                                              "'uplink'");
+    EXPECT_EQ(taken("Vel::String", "'uplink'"), "'uplink'");
+    EXPECT_EQ(taken("F64", "-12"), "mox: -12 is taken for -12.0\n"
+                                   "-12.0");
+    EXPECT_EQ(taken("F64", "10000000000000000"), "mox: 10000000000000000 is taken for 1e+16\n"
+                                                 "1e+16");
+    EXPECT_EQ(taken("Mox::TristateString", "Value('Mox::TristateString', ** {'value': up, 'isSet': True})"),
+        "mox: value: up is taken for the text 'up'\n"
+        "Value('Mox::TristateString', ** {'value': 'up', 'isSet': True})");
+    EXPECT_EQ(mox({"value", "--type", "Vel::String", "uplink"}).err, "");
+}
+
+TEST(MoxValueTest, TakesNothingThatIsNotMeantByIt) {
+    auto const refused = [](std::string const& type, std::string const& text) {
+        Outcome const outcome = mox({"value", "--type", type, "--", text});
+        EXPECT_EQ(outcome.code, 1);
+        EXPECT_EQ(outcome.out, "");
+        return outcome.err;
+    };
+    // No double is this number, so none can be meant.
+    EXPECT_EQ(refused("F64", "9007199254740993"),
+        "mox: this is no F64: expected the shortest decimal of a double, such as 1.5 at offset 0, at "
+        "'9007199254740993'\n    9007199254740993\n    ^\n");
+    EXPECT_THAT(refused("Vel::String", "two words"), HasSubstr("at offset 0, at 'two words'"));
+    EXPECT_THAT(refused("Vel::String", "it's"), HasSubstr("at offset 0"));
+    EXPECT_THAT(refused("U8", "1.0"), HasSubstr("expected the end of the text at offset 1"));
+    EXPECT_THAT(refused("Mox::Count", "Value('Mox::Count', ** {'count': x, 'when': 1})"), HasSubstr("at offset 33"));
 }
 
 TEST(MoxValueTest, RefusesMoreInputThanAnyValueNeeds) {
