@@ -1,3 +1,4 @@
+#include "tools/Clean.h"
 #include "tools/Commands.h"
 #include "tools/Names.h"
 #include "tools/Output.h"
@@ -51,7 +52,7 @@ char const* kindText(VelType type) {
     return has(type, Vel::TypeFlag::ownText) ? "value with a text form of its own" : "record";
 }
 
-std::string nameOf(VelType type) { return type ? type.name() : "-"; }
+std::string nameOf(VelType type) { return type ? cleaned(type.name()) : "-"; }  // a library may say any name
 
 std::string sizeText(VelType type) {
     if (type.isEntity()) return "-";
@@ -64,16 +65,16 @@ std::string sizeText(VelType type) {
 std::string parametersText(VelAttr attr) {
     std::vector<std::string> texts;
     for (Vel::U32 i = 0; i < attr.parameterCount(); ++i)
-        texts.push_back(nameOf(attr.parameterType(i)) + " " + attr.parameterName(i));
+        texts.push_back(nameOf(attr.parameterType(i)) + " " + cleaned(attr.parameterName(i)));
     return "(" + joined(texts, ", ") + ")";
 }
 
 // "U32", "Vel::Entity by Vel::String", "(U32 val) -> bool"
 std::string typeText(VelAttr attr) {
-    std::string text = attr.valueType() ? attr.valueType().name() : "";
-    if (attr.keyType()) text += std::string(" by ") + attr.keyType().name();
+    std::string text = attr.valueType() ? nameOf(attr.valueType()) : "";
+    if (attr.keyType()) text += " by " + nameOf(attr.keyType());
     if (attr.kind() == AttributeKind::method || attr.parameterCount() > 0) text += parametersText(attr);
-    if (attr.resultType()) text += std::string(" -> ") + attr.resultType().name();
+    if (attr.resultType()) text += " -> " + nameOf(attr.resultType());
     return text.empty() ? "-" : text;
 }
 
@@ -105,7 +106,7 @@ std::string attributesText(VelType type) {
     for (VelType const& part : lineage(type))
         for (Vel::U32 i = 0; i < part.attributeCount(); ++i) {
             VelAttr const attr = part.attribute(i);
-            table.add({std::to_string(attr.attributeId()), attr.name(), kindText(attr.kind()), typeText(attr),
+            table.add({std::to_string(attr.attributeId()), cleaned(attr.name()), kindText(attr.kind()), typeText(attr),
                 joined(operations(attr), ", ")});
             any = true;
         }
@@ -115,11 +116,11 @@ std::string attributesText(VelType type) {
 std::string typeReport(VelType type) {
     auto const orNone = [](std::string const& text) { return text.empty() ? std::string("-") : text; };
     Table table;
-    table.add({"type", bold(type.name())});
+    table.add({"type", bold(nameOf(type))});
     table.add({"kind", kindText(type)});
-    table.add({"module", std::string(type.moduleName()) + " " + fingerprintText(type.moduleFingerprint())});
+    table.add({"module", cleaned(type.moduleName()) + " " + fingerprintText(type.moduleFingerprint())});
     table.add({"base", nameOf(type.base())});
-    table.add({"text form", orNone(type.strepTemplate().stdString())});
+    table.add({"text form", orNone(cleaned(type.strepTemplate().view()))});
     table.add({"encoded size", sizeText(type)});
     table.add({"hashable", type.isHashable() ? "yes" : "no"});
     table.add({"operations", orNone(joined(operations(type), ", "))});
@@ -158,9 +159,9 @@ std::vector<Module> modulesNamed(std::string_view name) {  // all when the name 
 std::string modulesText(std::vector<Module> const& modules) {
     Table table;
     for (Module const& module : modules) {
-        table.add({bold(module[0].moduleName()), fingerprintText(module[0].moduleFingerprint())});
+        table.add({bold(cleaned(module[0].moduleName())), fingerprintText(module[0].moduleFingerprint())});
         for (VelType const& type : module)
-            table.add({std::string("  ") + type.name(), kindText(type), type.isEntity() ? "" : sizeText(type)});
+            table.add({"  " + nameOf(type), kindText(type), type.isEntity() ? "" : sizeText(type)});
     }
     return table.text();
 }

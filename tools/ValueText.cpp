@@ -7,6 +7,7 @@
 #include "Vel/Strep.h"
 
 #include <cstdlib>
+#include <optional>
 #include <vector>
 
 namespace Tool {
@@ -151,18 +152,37 @@ private:
 
 std::string valueText(GenericValue const& value) { return cleaned(value.strep().view()); }
 
+namespace {
+
+// Nothing when the text does not differ from the text form of the type, or by more than is allowed.
+std::optional<GenericValue> rewritten(VelType type, std::string_view text, Taken const& taken) {
+    Rewriting rewriting(text);
+    if (!rewriting.rewrite(type) || rewriting.result() == text) return std::nullopt;
+    try {
+        GenericValue value(type, Vel::String(rewriting.result()));
+        if (taken) rewriting.tell(taken);
+        return value;
+    } catch (std::exception const&) {  // the text as it stands is what is told of
+        return std::nullopt;
+    }
+}
+
+// Of the last text that had to be rewritten: in a file the next one is likely to be such, too, and exceptions are slow.
+VelType lastRewritten;
+
+}  // namespace
+
+// What can be rewritten is no text form of its type as it stands, so it makes no difference what is tried first.
 GenericValue valueFrom(VelType type, std::string_view text, Taken const& taken) {
+    if (type == lastRewritten)
+        if (auto value = rewritten(type, text, taken)) return *std::move(value);
     try {
         return GenericValue(type, Vel::String(text));
     } catch (Vel::ParseException const&) {
-        Rewriting rewriting(text);
-        if (!rewriting.rewrite(type)) throw;
-        try {
-            GenericValue value(type, Vel::String(rewriting.result()));
-            if (taken) rewriting.tell(taken);
-            return value;
-        } catch (std::exception const&) {}  // the text as it stands is what is told of
-        throw;
+        auto value = type == lastRewritten ? std::nullopt : rewritten(type, text, taken);
+        if (!value) throw;
+        lastRewritten = type;
+        return *std::move(value);
     }
 }
 

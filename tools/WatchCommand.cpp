@@ -90,7 +90,7 @@ private:
         return somethingWrong;
     }
 
-    // What comes in at once has happened at one time. Up to the first mark the lines are a state file, which has no times,
+    // What comes in at once has happened at one time. Up to the first mark the lines are a state file, without times,
     // and nothing in it is a change.
     std::string time(bool isNote) {
         if (!hasSynced_ && !(isNote && options_.json)) return "";

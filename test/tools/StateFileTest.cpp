@@ -87,6 +87,13 @@ TEST(MoxStateFileTest, RefusesANulAndAFileWithoutAnEnd) {
     EXPECT_EQ(endless.err, "mox: /dev/zero holds more than 256 MiB, which is the limit of a state file\n");
 }
 
+TEST(MoxStateFileTest, ShowsAllOfANameWithANul) {
+    EXPECT_EQ(mistake("/d%00x Vel::Dir\n/t Vel::Dir\n/d%00x entry 't' = /t\n"),
+        "mox: standard input:3:20: /t is in use in another place than /d\\x00x\n"
+        "    /d%00x entry 't' = /t\n"
+        "                       ^\n");
+}
+
 TEST(MoxStateFileTest, TakesWordsForStringsAndWholeNumbersForDoubles) {
     Folder const folder;
     std::string const socket = folder.path() + "/s";
