@@ -5,10 +5,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <optional>
 #include <string>
 #include <string_view>
 
-// Any text is a state file or has a mistake within it; what a file says is written as a file that says the same.
+// Any text is a state file or has a mistake within it; what a file says is written as a file that says the same. Who wants
+// to know of all mistakes is told of that one first, and gets what the other lines say.
 
 namespace {
 
@@ -53,12 +55,34 @@ void takeApart(Entity& root) {
         }
 }
 
+void check(Tool::StateMistake const& mistake) {
+    if (mistake.text.empty() || mistake.line == 0 || mistake.offset > mistake.lineText.size())
+        fail("a mistake without a place: " + mistake.text);
+}
+
+// The first mistake, or nothing.
+std::optional<Tool::StateMistake> firstMistake(std::string_view text) {
+    std::optional<Tool::StateMistake> first;
+    Tool::StateListener listener;
+    listener.mistake = [&](Tool::StateMistake const& mistake) {
+        check(mistake);
+        if (!first) first = mistake;
+    };
+    listener.taken = check;
+    Ptr<Entity> const root = Tool::entitiesFromState(text, listener);
+    written(*root);
+    takeApart(*root);
+    return first;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
     std::string_view const text(reinterpret_cast<char const*>(data), size);
+    auto const known = firstMistake(text);
     try {
         Ptr<Entity> const root = Tool::entitiesFromState(text);
+        if (known) fail("a mistake that is not thrown: " + known->text);
         std::string const first = written(*root);
         Ptr<Entity> const again = Tool::entitiesFromState(first);
         std::string const second = written(*again);
@@ -66,8 +90,9 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
         takeApart(*again);
         if (first != second) fail("written:\n" + first + "and then:\n" + second);
     } catch (Tool::StateMistake const& mistake) {
-        if (mistake.text.empty() || mistake.line == 0 || mistake.offset > mistake.lineText.size())
-            fail("a mistake without a place: " + mistake.text);
+        check(mistake);
+        if (!known || known->text != mistake.text || known->line != mistake.line || known->offset != mistake.offset)
+            fail("another mistake than the first one is thrown: " + mistake.text);
     }
     return 0;
 }
