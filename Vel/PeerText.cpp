@@ -8,14 +8,16 @@ namespace Vel {
 
 namespace {
 
-// Controls of both sets, separators of lines, and what turns the text around.
 bool shows(U32 character) {
     if (character < 0x20 || (character >= 0x7F && character < 0xA0)) return false;
-    bool const isMark = character == 0x200E || character == 0x200F || (character >= 0x2028 && character <= 0x202E);
-    return !isMark && (character < 0x2066 || character > 0x2069);
+    bool const isMark = character == 0x061C || character == 0x200E || character == 0x200F;
+    bool const isLineOrDirection = character >= 0x2028 && character <= 0x202E;
+    bool const isIsolate = character >= 0x2066 && character <= 0x2069;
+    return !isMark && !isLineOrDirection && !isIsolate;
 }
 
-// The bytes of the character at the front; 0 where there is none that shows.
+}  // namespace
+
 std::size_t shownSize(std::string_view text) {
     auto const byte = [&](std::size_t i) { return static_cast<U32>(static_cast<U8>(text[i])); };
     U32 const first = byte(0);
@@ -31,8 +33,6 @@ std::size_t shownSize(std::string_view text) {
     bool const isCharacter = character < 0xD800 || (character > 0xDFFF && character <= 0x10FFFF);
     return isShortest && isCharacter && shows(character) ? size : 0;
 }
-
-}  // namespace
 
 String peerText(std::string_view text, std::size_t most) {
     static constexpr std::string_view mark = "...";

@@ -1,5 +1,7 @@
 #include "tools/Clean.h"
 
+#include "Vel/PeerText.h"
+
 #include <algorithm>
 #include <cstdint>
 
@@ -9,38 +11,24 @@ namespace {
 
 unsigned byteAt(std::string_view text, std::size_t i) { return static_cast<unsigned char>(text[i]); }
 
-// How many bytes the character takes that begins with this one; 0: none does.
-std::size_t sizeFrom(unsigned first) {
-    if (first < 0x80) return 1;
-    if (first < 0xC2 || first > 0xF4) return 0;
-    return first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-}
-
-// The character that `text` begins with, whose bytes are `size`. Returns what no character is for what is no UTF-8.
-std::uint32_t characterOf(std::string_view text, std::size_t size) {
-    constexpr std::uint32_t none = 0xFFFFFFFFu, smallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (text.size() < size) return none;
-    if (size == 1) return byteAt(text, 0);
-    std::uint32_t character = byteAt(text, 0) & (0x7Fu >> size);
-    for (std::size_t i = 1; i < size; ++i) {
-        if ((byteAt(text, i) & 0xC0) != 0x80) return none;
-        character = character << 6 | (byteAt(text, i) & 0x3F);
-    }
-    bool const isSurrogate = character >= 0xD800 && character <= 0xDFFF;
-    return character < smallest[size] || character > 0x10FFFF || isSurrogate ? none : character;
-}
-
-bool isObeyed(std::uint32_t c) {
-    return c < 0xA0 || c == 0x061C || c == 0x200E || c == 0x200F || (c >= 0x2028 && c <= 0x202E) ||
-           (c >= 0x2066 && c <= 0x2069);
-}
-
 constexpr char digits[] = "0123456789abcdef";
 
 void appendByte(std::string& out, unsigned byte) {
     out += "\\x";
     out += digits[byte >> 4];
     out += digits[byte & 15];
+}
+
+// The character of up to three bytes that `text` begins with. REQUIRES: UTF-8.
+struct Character {
+    std::uint32_t number;
+    std::size_t size;  // bytes
+};
+Character characterOf(std::string_view text) {
+    unsigned const first = byteAt(text, 0);
+    if (first < 0x80) return {first, 1};
+    if (first < 0xE0) return {(first & 0x1F) << 6 | (byteAt(text, 1) & 0x3F), 2};
+    return {(first & 0x0F) << 12 | (byteAt(text, 1) & 0x3F) << 6 | (byteAt(text, 2) & 0x3F), 3};
 }
 
 void appendUnit(std::string& out, std::uint32_t unit) {
@@ -58,18 +46,9 @@ int highByteAt(std::string_view text, std::size_t at) {
 
 }  // namespace
 
-std::size_t cleanSize(std::string_view text) {
-    unsigned const first = byteAt(text, 0);
-    if (first < 0x80) return first >= 0x20 && first != 0x7F ? 1 : 0;
-    std::size_t const size = sizeFrom(first);
-    if (size == 0) return 0;
-    std::uint32_t const character = characterOf(text, size);
-    return character > 0x10FFFF || isObeyed(character) ? 0 : size;
-}
-
 std::size_t uncleanAt(std::string_view text, std::size_t from) {
     for (std::size_t i = from; i < text.size();) {
-        std::size_t const size = cleanSize(text.substr(i));
+        std::size_t const size = Vel::shownSize(text.substr(i));
         if (size == 0) return i;
         i += size;
     }
@@ -108,14 +87,14 @@ std::string cleanedJson(std::string text) {
     std::string out;
     std::size_t begin = 0;
     for (std::size_t at = 0; (at = uncleanAt(text, at)) != std::string::npos;) {
-        std::size_t const size = isWhite(text[at]) ? 0 : std::max(sizeFrom(byteAt(text, at)), std::size_t(1));
-        if (size == 0) {
+        if (isWhite(text[at])) {
             ++at;
             continue;
         }
+        Character const character = characterOf(std::string_view(text).substr(at));
         out.append(text, begin, at - begin);
-        appendUnit(out, characterOf(std::string_view(text).substr(at), size));
-        begin = at += size;
+        appendUnit(out, character.number);
+        begin = at += character.size;
     }
     if (begin == 0) return text;
     return out.append(text, begin);

@@ -8,12 +8,8 @@
 // printed as it stands.
 namespace Tool {
 
-// How many bytes the character takes that `text` begins with. 0: it is not for terminals, which are control bytes, DEL,
-// the control characters of U+0080 to U+009F, what is no UTF-8, line separators beside the newline, and characters that
-// change the direction of a text. REQUIRES: text is not empty.
-std::size_t cleanSize(std::string_view text);
-
-std::size_t uncleanAt(std::string_view text, std::size_t from = 0);  // the offset of the first such byte; npos: none
+// The offset of the first byte that is not shown as it stands (see Vel::shownSize), newlines and tabs included; npos: none.
+std::size_t uncleanAt(std::string_view text, std::size_t from = 0);
 
 // The text with \xNN for each of these bytes, newlines and tabs included: what it makes stays on its line.
 std::string cleaned(std::string_view text);

@@ -1,9 +1,8 @@
 #include "tools/EntityText.h"
 
-#include "tools/Clean.h"
-
 #include "Vel/Exception.h"
 #include "Vel/OutSm.h"
+#include "Vel/PeerText.h"
 #include "Vel/Strep.h"
 
 #include <nlohmann/json.hpp>
@@ -185,7 +184,7 @@ std::string encodedStep(std::string_view text) {
     std::string out;
     for (std::size_t i = 0; i < text.size();) {
         char const c = text[i];
-        std::size_t const size = cleanSize(text.substr(i));
+        std::size_t const size = Vel::shownSize(text.substr(i));
         bool const isPlain = size > 1 || (size == 1 && c != ' ' && c != '/' && c != '%');
         if (isPlain)
             out.append(text, i, size);
