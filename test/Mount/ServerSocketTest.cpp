@@ -228,9 +228,8 @@ TEST_F(ServerSocketTest, TcpIsServedOnThisMachineOnly) {
 TEST_F(ServerSocketTest, TcpIsMountedFromThisMachineOnly) {
     Client client(loop, "tcp:192.0.2.1:7400", here, "copy", quick());
     ASSERT_TRUE(until([&] { return !client.error().empty(); }));
-    EXPECT_EQ(client.error(),
-        "tcp:192.0.2.1:7400: tcp:192.0.2.1:7400: plain TCP is for this machine alone (127.0.0.1, [::1]); with other "
-        "machines use tls:");
+    EXPECT_EQ(client.error(), "tcp:192.0.2.1:7400: plain TCP is for this machine alone (127.0.0.1, [::1]); with other "
+                              "machines use tls:");
     EXPECT_EQ(client.status()->connects(), 0u);
 }
 
