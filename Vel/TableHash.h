@@ -14,7 +14,7 @@ namespace Vel {
 
 // What a process keys its tables with.
 struct VEL_API TableSecret {
-    U64 words[4];  // each odd
+    alignas(32) U64 words[4];  // each odd; within one line of the cache
 
     static TableSecret drawn() noexcept;             // another one every time; see SystemCalls::random
     static TableSecret fromSeed(U64 seed) noexcept;  // for tests and the like: the same seed, the same secret
@@ -30,6 +30,8 @@ public:
             draw();
         return value_;
     }
+    // The same without the question whether it has been drawn: REQUIRES that value() has been called.
+    static TableSecret const& drawn() noexcept { return value_; }
     // Puts another in force and returns the one before, so that a test, a simulation or a benchmark runs the same way
     // every time. REQUIRES: no table that has elements now is used before the one before is in force again; one thread.
     static TableSecret valueIs(TableSecret const& secret) noexcept;

@@ -51,13 +51,13 @@ public:
 
     Node* find(std::string_view key, Collection which) const {
         if (!word_) return nullptr;
-        U64 const* const slot = findSlot(key, hashOf(key), bit(which));
+        U64 const* const slot = findSlot(key, hashBesideOthers(key), bit(which));
         return slot ? nodeOf(*slot) : nullptr;
     }
     // The node with that key when both collections have the same one, else null.
     Node* findInBoth(std::string_view key) const {
         if (!word_) return nullptr;
-        U64 const* const slot = findSlot(key, hashOf(key), memberBits);
+        U64 const* const slot = findSlot(key, hashBesideOthers(key), memberBits);
         return slot && (*slot & memberBits) == memberBits ? nodeOf(*slot) : nullptr;
     }
     bool holds(Node const& node, Collection which) const { return find(node.velKey(), which) == &node; }
@@ -87,7 +87,7 @@ public:
     // Removes the member with that key and returns it with its reference, or null.
     Node* take(std::string_view key, Collection which) noexcept {
         if (!word_) return nullptr;
-        U64* const slot = findSlot(key, hashOf(key), bit(which));
+        U64* const slot = findSlot(key, hashBesideOthers(key), bit(which));
         return slot ? takeFrom(slot, which) : nullptr;
     }
 
@@ -137,7 +137,9 @@ private:
 
     static constexpr U64 bit(Collection which) { return static_cast<U64>(which); }
     static constexpr unsigned index(Collection which) { return which == Collection::child ? 0 : 1; }
-    static U32 hashOf(std::string_view key) { return hashShortText(key); }
+    static U32 hashOf(std::string_view key) { return hashShortText(key, Vel::ProcessSecret::value()); }
+    // Where there is a slot, a key has been hashed before: nobody need ask whether the secret has been drawn.
+    static U32 hashBesideOthers(std::string_view key) { return hashShortText(key, Vel::ProcessSecret::drawn()); }
     static constexpr U64 tagOf(U32 hash) { return U64(hash >> 16) << 48; }
     static Node* nodeOf(U64 slot) { return reinterpret_cast<Node*>(slot & addressBits); }
     static void isNoLeak(void const* memory) {
@@ -253,7 +255,7 @@ private:
         Table* const to = newTable(sizeClass, mayThrow);
         if (!to) return from;
         for (U64 const slot : *from)
-            if (slot) addSlot(*to, slot, to->hashed() ? hashOf(nodeOf(slot)->velKey()) : 0);
+            if (slot) addSlot(*to, slot, to->hashed() ? hashBesideOthers(nodeOf(slot)->velKey()) : 0);
         to->sizes[0] = from->sizes[0];
         to->sizes[1] = from->sizes[1];
         ::operator delete(from);
@@ -281,7 +283,7 @@ private:
             slots[hole] = std::exchange(slots[t.used], 0);
         } else {
             for (U32 i = (hole + 1) & t.mask(); slots[i]; i = (i + 1) & t.mask()) {
-                U32 const home = hashOf(nodeOf(slots[i])->velKey()) & t.mask();
+                U32 const home = hashBesideOthers(nodeOf(slots[i])->velKey()) & t.mask();
                 if (((i - home) & t.mask()) < ((i - hole) & t.mask())) continue;
                 slots[hole] = slots[i];
                 hole = i;

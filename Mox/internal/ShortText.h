@@ -20,8 +20,8 @@ inline bool sameShortText(std::string_view a, std::string_view b) {
 }
 
 // For tables within a process only: another one in each.
-inline U32 hashShortText(std::string_view text) {
-    return static_cast<U32>(Vel::tableHash(text, 0, Vel::ProcessSecret::value()));
+inline U32 hashShortText(std::string_view text, Vel::TableSecret const& secret) {
+    return static_cast<U32>(Vel::tableHash(text, 0, secret));
 }
 
 }  // namespace Mox::Detail
