@@ -51,6 +51,12 @@ bool PrefixTrie::FlowOut::velKeyIsDirtyIs(Vel::AttributeId id, std::string_view 
     return keys(id).insert(text).second;
 }
 
+void PrefixTrie::FlowOut::velDirtyKeyDel(Vel::AttributeId id, std::string_view key) {
+    if (id != childAttribute && id != prefixChildAttribute) return Vel::NboAttrLog::FlowOut::velDirtyKeyDel(id, key);
+    keys(id).erase(textOf(key));
+    if (id == prefixChildAttribute) ephemeral_.erase(textOf(key));
+}
+
 PrefixTrie::FlowOut::DirtyKey PrefixTrie::FlowOut::velDirtyKeyTake(Vel::AttributeId id) {
     if (id != childAttribute && id != prefixChildAttribute) return Vel::NboAttrLog::FlowOut::velDirtyKeyTake(id);
     String const text = *keys(id).begin();

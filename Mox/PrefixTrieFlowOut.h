@@ -26,6 +26,7 @@ public:
     bool velHasDirtyKeys(Vel::AttributeId id) const override;
     bool velKeyIsDirty(Vel::AttributeId id, std::string_view key) const override;
     bool velKeyIsDirtyIs(Vel::AttributeId id, std::string_view key, bool ephemeral) override;
+    void velDirtyKeyDel(Vel::AttributeId id, std::string_view key) override;
     DirtyKey velDirtyKeyTake(Vel::AttributeId id) override;
 
 private:

@@ -38,6 +38,19 @@ struct AttrLogReplica::Place {
         In in(key);
         attribute->memberIs(*entity, in, member);
     }
+    // Whether it is this collection, and not one that makes its members beside it, by which the parent has the member.
+    bool owns(Entity& member) const {
+        if (entity != member.parent()) return false;
+        if (attribute->kind == StreamKind::instances) return true;
+        Out name;
+        name << member.name();
+        for (StreamAttribute const& other : entity->fwkType().glue().stream().attributes) {
+            if (other.kind != StreamKind::instances || !other.keyIsName) continue;
+            In in(name.bytes());
+            if (other.member(*entity, in) == &member) return false;
+        }
+        return true;
+    }
     // In the place of what is there, of which observers are told once unless the collection takes no other member under a
     // key that is in use.
     void replacementIs(Entity& member) const {
@@ -341,7 +354,7 @@ void AttrLogReplica::keySet(In& body) {
     ensureCorrectType(member->fwkType(), place.attribute->type());
     told(place);
     if (place.there() != member.get()) put(place, id, *member);
-    if (member->parent() == place.entity) blocked_.erase(id);
+    if (!blocked_.empty() && place.owns(*member)) blocked_.erase(id);
     putBlocked();
 }
 
@@ -367,6 +380,8 @@ void detach(Entity& entity) {
 }
 
 constexpr char circular[] = "an entity within itself";
+// Bytes beyond a member's name that are kept of its key while it waits: what waits takes no more than what is known.
+constexpr std::size_t longestOtherKey = 1024;
 
 bool isWithin(Entity const& entity, Entity const& outer) {
     for (Entity const* at = &entity; at; at = at->parent())
@@ -396,6 +411,8 @@ void AttrLogReplica::put(Place const& place, EntityId id, Entity& member) {
 bool AttrLogReplica::makeRoom(Place const& place, EntityId id, Entity& member) {
     if (place.entity == &member) throw StreamException(circular, 0);
     if (isWithin(*place.entity, member)) {
+        if (place.key.size() > member.name().length() + longestOtherKey)
+            throw StreamException("a member's name is not its key", 0);
         blocked_.insert_or_assign(id, Blocked{place.id, place.attribute->id, std::string(place.keyText())});
         return false;
     }

@@ -13,7 +13,7 @@ namespace {
 
 // Readers that are behind are looked for when a chunk is full.
 std::size_t chunkSizeOf(AttrLogSource::Options const& options) {
-    return std::clamp<std::size_t>(options.logSize / 16, 256, 64u << 10);
+    return options.chunkSize != 0 ? options.chunkSize : std::clamp<std::size_t>(options.logSize / 16, 256, 64u << 10);
 }
 
 }  // namespace

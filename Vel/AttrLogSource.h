@@ -27,6 +27,9 @@ public:
         std::size_t logSize = 1u << 20;  // bytes that a reader may fall behind
         bool mayWrite = false;           // readers that want to may change values
         StreamLimits limits{};
+        // Bytes of one piece of the log; 0: as fits its size. Readers that are behind are looked for when a piece is full,
+        // so that tests can have them fall behind by one message.
+        std::size_t chunkSize = 0;
     };
 
     explicit AttrLogSource(Ptr<Entity> root) : AttrLogSource(std::move(root), Options()) {}

@@ -131,6 +131,8 @@ void FlowConnection::announce(Adapter& adapter, Via const& via) {
     instantiatedIs(adapter, *via.parent);
     // The owner's collection has been told of in part: the owner's flow begins, for whoever deletes the member to flag.
     if (isNotBegun(*via.parent)) flowIs(*via.parent, FlowOut::fromStart);
+    // And what was flagged of the key has been told.
+    if (FlowOut* const flow = this->flow(*via.parent)) flow->velDirtyKeyDel(via.attribute->id, via.key);
 }
 
 bool FlowConnection::isInstantiatedBy(Adapter const& member, Adapter const& owner) const {

@@ -53,6 +53,14 @@ bool FlowOut::velKeyIsDirtyIs(AttributeId id, std::string_view key, bool ephemer
     return isNew;
 }
 
+void FlowOut::velDirtyKeyDel(AttributeId id, std::string_view key) {
+    auto const keys = keys_.find(id);
+    if (keys == keys_.end()) return;
+    auto const found = keys->second.find(key);
+    if (found != keys->second.end()) keys->second.erase(found);
+    if (keys->second.empty()) keys_.erase(keys);
+}
+
 FlowOut::DirtyKey FlowOut::velDirtyKeyTake(AttributeId id) {
     auto const keys = keys_.find(id);
     auto node = keys->second.extract(keys->second.begin());

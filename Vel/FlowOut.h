@@ -56,6 +56,7 @@ public:
         std::string key;
         bool ephemeral = false;
     };
+    virtual void velDirtyKeyDel(AttributeId id, std::string_view key);  // the key need not be flagged
     virtual DirtyKey velDirtyKeyTake(AttributeId id);  // removes the flag too. REQUIRES: velHasDirtyKeys(id)
 
 private:

@@ -1,6 +1,6 @@
 #include "MountFixture.h"
 
-#include "../Mox/StreamSimulation.h"
+#include "../Mox/SimulationWorld.h"
 #include "Vel/Exception.h"
 
 #include <deque>

@@ -1,4 +1,4 @@
-#include "StreamSimulation.h"
+#include "SimulationWorld.h"
 #include "Vel/Exception.h"
 #include "Vel/Module.h"
 #include "Vel/StreamProtocol.h"
@@ -247,6 +247,13 @@ TEST_F(CircularSourceTest, WhatWaitsIsForgottenWhenTheSourceTakesItBack) {
     EXPECT_EQ(replica.error(), "");
 }
 
+TEST_F(CircularSourceTest, MemberThatIsReferredToMeanwhileGoesOnWaiting) {
+    keySet(3, "a", 2);
+    send(MessageKind::keySet, [](Out& out) { out << Compact{1} << Compact{261} << String("a") << Compact{2}; });
+    send(MessageKind::keyDel, [](Out& out) { out << Compact{2} << Compact{262} << String("b"); });
+    EXPECT_EQ(Vel::ptr_cast<Mox::PrefixTrie>(replica.root())->child("a")->parent()->name(), "b");
+}
+
 TEST_F(CircularSourceTest, MemberThatWaitedAndWentElsewhereStaysThere) {
     keySet(3, "a", 2);
     announce(4, 1, "c");
@@ -359,6 +366,15 @@ TEST_F(ReplacedMemberTest, EntryOfADirectoryIsToldAsItWasReplaced) {
     root->entryDel("g");
     root->entryIs(Mox::generationEntityFactory("g"));
     expectHeard({"root 258 g", "root 258 g"});
+}
+
+TEST_F(ReplacedMemberTest, MemberThatAnotherCollectionBringsAlongIsToldOnce) {
+    to->prefixChildDel("k");
+    to->newChildIs("k");
+    fallBehind(pair, busy);
+    pair.run();
+    EXPECT_EQ(there.lines, (Strings{"to 262 k", "to 261 k"}));
+    pair.expectEqual();
 }
 
 TEST_F(ReplacedMemberTest, ReaderThatIsBehindIsToldOnceHoweverOften) {

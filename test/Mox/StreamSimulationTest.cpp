@@ -1,10 +1,12 @@
 #include "StreamSimulation.h"
 
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 
 namespace {
 
+using Simulation::History;
 using Vel::U64;
 
 U64 variable(char const* name, U64 otherwise) {
@@ -17,7 +19,45 @@ TEST(StreamSimulationTest, ReplicasConvergeInOrderWhateverTheNetworkDoes) {
     bool const isReplay = std::getenv("MOX_SIMULATION_SEED");
     U64 const first = variable("MOX_SIMULATION_SEED", 1);
     U64 const runs = isReplay ? 1 : variable("MOX_SIMULATION_RUNS", 300);
-    for (U64 seed = first; seed < first + runs && !HasFailure(); ++seed) Simulation::run(seed);
+    for (U64 seed = first; seed < first + runs && !HasFailure(); ++seed)
+        EXPECT_EQ(Simulation::run(Simulation::historyOf(seed)).violation, "")
+            << "scripts/simulate --seed " << seed << " tells the history";
+}
+
+// What has failed once: "seed N: why" or "history STEPS: why", a line each.
+TEST(StreamSimulationTest, WhatHasFailedOnceHolds) {
+    std::ifstream file(MOX_SOURCE_DIR "/test/Mox/simulation-regressions.txt");
+    ASSERT_TRUE(file);
+    std::size_t runs = 0;
+    for (std::string line; std::getline(file, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        std::string const what = line.substr(0, line.find(':'));
+        bool const isSeed = what.starts_with("seed ");
+        ASSERT_TRUE(isSeed || what.starts_with("history ")) << line;
+        History const history = isSeed ? Simulation::historyOf(std::stoul(what.substr(5)))
+                                       : Simulation::historyFrom(std::string_view(what).substr(8));
+        EXPECT_EQ(Simulation::run(history).violation, "") << line;
+        ++runs;
+    }
+    EXPECT_NE(runs, 0u);
+}
+
+// Else what has failed once is run as something else.
+TEST(StreamSimulationTest, SeedMeansTheSameForEver) {
+    History const history = Simulation::historyOf(1);
+    std::string const text = Simulation::textOf(history);
+    EXPECT_EQ(text.substr(0, 60), "log 43041 63977 55565 3127; childIs 60519 21854 51467 46521;");
+    EXPECT_EQ(Simulation::textOf(Simulation::historyFrom(text)), text);
+}
+
+TEST(StreamSimulationTest, ShrinkingLeavesWhatFails) {
+    History const history = Simulation::historyOf(1);
+    auto const fails = [](History const& tried) {
+        auto const drops = [](Simulation::Step const& step) { return step.what == Simulation::What::share; };
+        return std::count_if(tried.begin(), tried.end(), drops) >= 2;
+    };
+    ASSERT_TRUE(fails(history));
+    EXPECT_EQ(Simulation::shrunk(history, fails).size(), 2u);
 }
 
 // Found by a seed: the reader did not read that the member had come, nor of what it had come into.

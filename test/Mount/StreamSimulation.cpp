@@ -1,1 +1,0 @@
-#include "../Mox/StreamSimulation.cpp"  // a world of every entity type that changes at random, for both programs
