@@ -64,4 +64,16 @@ PrefixTrie::FlowOut::DirtyKey PrefixTrie::FlowOut::velDirtyKeyTake(Vel::Attribut
     return {encoded(text), id == prefixChildAttribute && ephemeral_.erase(text) != 0};
 }
 
+std::size_t PrefixTrie::FlowOut::velDirtyKeys(Vel::AttributeId id) const {
+    if (id == childAttribute) return child_.size();
+    if (id == prefixChildAttribute) return prefixChild_.size();
+    return Vel::NboAttrLog::FlowOut::velDirtyKeys(id);
+}
+
+void PrefixTrie::FlowOut::velDirtyKeyDelAll(Vel::AttributeId id) {
+    if (id != childAttribute && id != prefixChildAttribute) return Vel::NboAttrLog::FlowOut::velDirtyKeyDelAll(id);
+    keys(id).clear();
+    if (id == prefixChildAttribute) ephemeral_.clear();
+}
+
 }  // namespace Mox

@@ -28,6 +28,8 @@ public:
     bool velKeyIsDirtyIs(Vel::AttributeId id, std::string_view key, bool ephemeral) override;
     void velDirtyKeyDel(Vel::AttributeId id, std::string_view key) override;
     DirtyKey velDirtyKeyTake(Vel::AttributeId id) override;
+    std::size_t velDirtyKeys(Vel::AttributeId id) const override;
+    void velDirtyKeyDelAll(Vel::AttributeId id) override;
 
 private:
     Keys& keys(Vel::AttributeId id) { return id == childAttribute ? child_ : prefixChild_; }

@@ -29,7 +29,7 @@ void AttrLogReader::leave() {
     isLive_ = false;
     isAwaiting_ = false;
     FlowConnection::clear();
-    gone_.clear();
+    std::vector<EntityId>().swap(gone_);
 }
 
 void AttrLogReader::closed(String const& reason) {
@@ -149,6 +149,7 @@ bool AttrLogReader::wantsOutput() const {
 std::span<U8 const> AttrLogReader::output(std::size_t limit) {
     outstanding_ = 0;
     kept_ = nullptr;
+    out_.compact(keptWhileBusy);
     if (!refusal_.empty() && !isClosing()) {
         finishLogMessage();
         refuse(std::exchange(refusal_, String()));
@@ -160,14 +161,17 @@ std::span<U8 const> AttrLogReader::output(std::size_t limit) {
     }
     if (source_ && !isLive_) {
         room_ = limit;
+        lastStep_ = steps() + mostSteps;
         try {
             if (!hasControl()) catchUp();
         } catch (Refusal const& refusal) {
             refuse(refusal.text);
             if (source_->idsAreOut()) source_->startOver();
         }
+        if (source_ && !isLive_ && !StreamPeer::wantsOutput()) wake();  // there was nothing to say of so many
     }
     if (isLive_ && !StreamPeer::wantsOutput()) {
+        out_.compact(keptWhileIdle);
         auto const bytes = source_->log().read(position_, limit);
         outstanding_ = bytes.size();
         if (outstanding_ != 0) {
@@ -190,6 +194,11 @@ void AttrLogReader::outputTaken(std::size_t count) {
 void AttrLogReader::catchUp() {
     while (isOkToSerialize()) {
         if (!isAnnounced(*source_->adapter(source_->root()))) announce(*source_->adapter(source_->root()), {});
+        // Those that have gone are told of last, but where more would wait than there are entities.
+        if (gone_.size() > source_->entities() + 64) {
+            sendGone();
+            continue;
+        }
         continueFlowOut();
         if (hasWaiting()) continue;
         // What is in the view and can't be reached just now may be reached again.
@@ -197,9 +206,7 @@ void AttrLogReader::catchUp() {
         if (slot != NboAttrLog::SlotSet::none) {
             announce(*source_->adapterAt(slot), {});
         } else if (!gone_.empty()) {
-            out_.begin(MessageKind::gone, compactSize(gone_.back())) << Compact{gone_.back()};
-            out_.commit();
-            gone_.pop_back();
+            sendGone();
         } else {
             tellTypes();
             if (!std::exchange(hasSynced_, true)) {
@@ -212,6 +219,13 @@ void AttrLogReader::catchUp() {
             return;
         }
     }
+}
+
+void AttrLogReader::sendGone() {
+    out_.begin(MessageKind::gone, compactSize(gone_.back())) << Compact{gone_.back()};
+    out_.commit();
+    gone_.pop_back();
+    if (gone_.empty()) std::vector<EntityId>().swap(gone_);
 }
 
 // What is on its way goes on from the reader's own output, which takes over.

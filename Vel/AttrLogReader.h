@@ -2,6 +2,7 @@
 
 #include "Vel/AttrLogSource.h"
 #include "Vel/StreamProtocol.h"
+#include "Vel/TableHash.h"
 
 #include <functional>
 #include <string>
@@ -37,13 +38,19 @@ public:
     void goneIs(EntityId id) { gone_.push_back(id); }
     void wakeUp() { wake(); }
 
+    // What one output() does at most while the reader catches up, in messages and in entities that are done with, so
+    // that others have their turn after a millisecond or two.
+    static constexpr U64 mostSteps = 4096;
+
 private:
     NboAttrLog::OutSm& nboAttrLogOut() override { return out_; }
-    bool isOkToSerialize() const override { return out_.size() < room_; }
+    bool isOkToSerialize() const override { return out_.size() < room_ && steps() < lastStep_; }
+    U64 steps() const { return out_.messages() + flowed(); }
     void typeIsNeeded(VelType type) override;
     void handleMessage(NboAttrLog::MessageKind kind, NboAttrLog::In& body) override;
     void hello(NboAttrLog::In& body);
     void catchUp();
+    void sendGone();
     void finishLogMessage();
     void ownOutstanding();
     void leave();
@@ -52,13 +59,14 @@ private:
     Finder finder_;
     Admission admission_;
     AttrLogSource* source_ = nullptr;
-    std::unordered_map<std::string, U64> modules_;  // the reader's, with fingerprints
+    std::unordered_map<std::string, U64, TableHasher> modules_;  // the reader's, with fingerprints
     std::vector<EntityId> gone_;                    // to be told when all else is sent
     std::shared_ptr<NboAttrLog::Out const> kept_;   // the chunk that the last output stands in
     NboAttrLog::AttrLog::Position position_;
     String refusal_;
     std::size_t modulesHeld_ = 0;  // bytes of modules_
     std::size_t room_ = 0;
+    U64 lastStep_ = 0;             // before which the output() that is under way stops
     std::size_t outstanding_ = 0;  // bytes of the log that the last output() gave and that were not taken
     bool isLive_ = false;
     bool isAwaiting_ = false;

@@ -3,8 +3,11 @@
 #include "Vel/Exception.h"
 #include "Vel/Module.h"
 #include "Vel/PeerText.h"
+#include "Vel/ReplicaSize.h"
 #include "Vel/StreamAdapter.h"
 #include "Vel/StreamProtocol.h"
+
+#include <algorithm>
 
 namespace Vel {
 
@@ -68,6 +71,63 @@ struct AttrLogReplica::Place {
     }
 };
 
+// --- what the copy takes ---
+
+class AttrLogReplica::Left final : public Notifiee {
+public:
+    Left(AttrLogReplica& replica, Entity const& entity, std::size_t size)
+        : replica_(replica), entity_(&entity), size_(size) {
+        notifierIs(&entity);
+    }
+    ~Left() override {
+        replica_.size_ -= size_;
+        replica_.leftSize_ -= size_;
+    }
+    void handleAttribute(AttributeId) override {}
+    void handleAttribute(AttributeId, NotifieeKey const&) override {}
+    void handleNotifierDel() noexcept override {
+        Entity const* const entity = entity_;
+        replica_.left_.erase(entity);  // destroys this
+    }
+
+private:
+    AttrLogReplica& replica_;
+    Entity const* entity_;
+    std::size_t size_;
+};
+
+void AttrLogReplica::leftIs(Known const& known) {
+    if (known.entity->references() == 1) {  // nobody holds it but whoever calls
+        size_ -= known.size;
+        return;
+    }
+    left_.emplace(known.entity.get(), std::make_unique<Left>(*this, *known.entity, known.size));
+    leftSize_ += known.size;
+}
+
+// Until the sync mark the copy may be twice as large, since what has gone is there still.
+void AttrLogReplica::needRoom(std::size_t more) const {
+    std::size_t const most = limits().copySize;
+    bool const fits = more <= most && size_ <= most - more && sizeBefore_ <= most + (most - more - size_);
+    if (!fits) throw StreamException(format("a copy of more than %zu bytes", most), 0);
+}
+
+void AttrLogReplica::sizeChanged(EntityId id, std::size_t before, std::size_t after) {
+    if (before == after) return;
+    auto const found = known_.find(id);  // looked up again: observers were told
+    if (found == known_.end()) return;
+    std::size_t& size = found->second.size;
+    before = std::min(before, size + after);  // something else may have changed the copy
+    size += after - before;
+    size_ += after - before;
+}
+
+namespace {
+
+std::string textOf(std::span<U8 const> key) { return {reinterpret_cast<char const*>(key.data()), key.size()}; }
+
+}  // namespace
+
 AttrLogReplica::AttrLogReplica(Ptr<Entity> root, Options options)
     : StreamPeer(options.limits), options_(std::move(options)), root_(std::move(root)) {}
 AttrLogReplica::AttrLogReplica(Ptr<Dir> parent, String name, Options options)
@@ -78,13 +138,11 @@ AttrLogReplica::~AttrLogReplica() = default;
 
 void AttrLogReplica::connected() {
     reset();
-    welcomed_ = mayWrite_ = false;
+    disconnected();
+    welcomed_ = false;
     types_.clear();
-    ids_.clear();
-    unmentioned_.clear();
-    blocked_.clear();
-    known_.clear();
-    keys_ = 0;
+    if (sizeBefore_ > limits().copySize)
+        sizeBefore_ = root_ ? ReplicaSize::ofAll(*root_) : 0;  // counted at each of many cuts
     Out& out = controlOut().begin(MessageKind::hello, 0);
     auto const modules = Registry::modules();
     out << streamMagic << streamVersion << options_.wantsToWrite << options_.path << static_cast<U32>(modules.size());
@@ -98,12 +156,20 @@ void AttrLogReplica::connected() {
 
 void AttrLogReplica::closed(String const& reason) {
     StreamPeer::closed(reason);
+    disconnected();
+    stateIs(root_ ? State::stale : State::empty);
+}
+
+// Nothing is known of the source any more.
+void AttrLogReplica::disconnected() {
+    mayWrite_ = false;
     unmentioned_.clear();
     blocked_.clear();
     ids_.clear();
+    sizeBefore_ += size_ - leftSize_;
+    size_ = leftSize_;
+    keys_ = 0;
     known_.clear();
-    mayWrite_ = false;
-    stateIs(root_ ? State::stale : State::empty);
 }
 
 void AttrLogReplica::stateIs(State state) {
@@ -145,6 +211,10 @@ void AttrLogReplica::handleMessage(MessageKind kind, In& body) {
         return type(body);
     case MessageKind::gone:
         return gone(body);
+    case MessageKind::keysAgain:
+        return keysAgain(body);
+    case MessageKind::keysEnd:
+        return keysEnd(body);
     case MessageKind::synced:
         needEnd(body);
         return synced();
@@ -184,7 +254,8 @@ AttrLogReplica::Known& AttrLogReplica::known(EntityId id) {
 }
 
 void AttrLogReplica::value(In& body) {
-    Known const& target = known(nextCompact(body));
+    EntityId const owner = nextCompact(body);
+    Known const& target = known(owner);
     AttributeId const id = nextCompact(body);
     StreamAttribute const* const attribute = target.table->find(id);
     if (!attribute || attribute->isCollection())
@@ -192,7 +263,13 @@ void AttrLogReplica::value(In& body) {
     Ptr<Entity> const keep = target.entity;
     StreamAdapter::needInactive(*keep);
     In items({body.data(), body.left()}, this);
-    if (attribute->kind == StreamKind::value) return attribute->apply(*keep, items);
+    if (attribute->kind == StreamKind::value) {
+        if (!attribute->varies) return attribute->apply(*keep, items);
+        std::size_t const before = ReplicaSize::ofValue(*attribute, *keep);
+        needRoom(items.left());
+        attribute->apply(*keep, items);
+        return sizeChanged(owner, before, ReplicaSize::ofValue(*attribute, *keep));
+    }
     Entity* const pointee = items.nextEntity();
     needEnd(items);
     if (pointee) ensureCorrectType(pointee->fwkType(), attribute->type());
@@ -238,6 +315,7 @@ void AttrLogReplica::announce(In& body) {
         if (place.attribute->kind == StreamKind::values) throw StreamException("an entity where values belong", 0);
         ensureCorrectType(type, place.attribute->type());
     }
+    needRoom(ReplicaSize::ofNew(type, name.length()) + ReplicaSize::keyCost + place.key.size());
     bool isNew = false;
     if (id == rootId) {
         if (place.attribute) throw StreamException("the root is below another entity", 0);
@@ -277,6 +355,7 @@ Ptr<Entity> AttrLogReplica::announced(VelType type, Place const& place, String c
     }
     isNew = true;
     if (!instantiated) return ptr_cast<Entity>(type.glue().newEntity(name, nullptr));
+    if (!there) sizeChanged(place.id, 0, ReplicaSize::keyCost + place.key.size());
     told(place);
     return instantiate(type, place, name, there.get());
 }
@@ -305,39 +384,105 @@ bool AttrLogReplica::checkEphemeralEntityDeletion(Place const&, Entity* there) {
 void AttrLogReplica::bind(EntityId id, Ptr<Entity> entity, bool isNew) {
     StreamTable const& table = entity->fwkType().glue().stream();
     std::size_t valueKeys = 0;
-    if (!isNew) {
-        Out key;
-        for (StreamAttribute const& attribute : table.attributes) {
-            if (!attribute.isCollection()) continue;
-            std::unique_ptr<NboAttrLog::Bookmark> const keys(attribute.bookmark(*entity));
-            if (keys->left() == 0) continue;
-            if (attribute.kind == StreamKind::values) valueKeys += keys->left();
-            auto& unmentioned = unmentioned_[{id, attribute.id}];
-            while (keys->left() != 0) {
-                key.clear();
-                keys->next(key);
-                unmentioned.emplace(reinterpret_cast<char const*>(key.data()), key.size());
-            }
-        }
+    std::size_t size = 0;
+    if (isNew) {
+        size = ReplicaSize::ofNew(entity->fwkType(), entity->name().length());
+    } else {
+        left_.erase(entity.get());
+        StreamAttribute const* last = nullptr;
+        Unmentioned::Keys* keys = nullptr;
+        size = ReplicaSize::of(*entity, [&](StreamAttribute const& attribute, std::span<U8 const> key) {
+            if (std::exchange(last, &attribute) != &attribute) keys = &unmentioned_[{id, attribute.id}].keys;
+            keys->insert(textOf(key));
+            valueKeys += attribute.kind == StreamKind::values;
+        });
     }
     ids_.emplace(entity.get(), id);
-    known_.emplace(id, Known{std::move(entity), &table, valueKeys});
+    known_.emplace(id, Known{std::move(entity), &table, valueKeys, size});
     keys_ += valueKeys;
+    size_ += size;
 }
 
 // --- collections ---
 
-void AttrLogReplica::mentioned(Place const& place) {
+void AttrLogReplica::mentioned(Place const& place, bool isThere) {
     if (unmentioned_.empty()) return;
-    auto const keys = unmentioned_.find({place.id, place.attribute->id});
-    if (keys == unmentioned_.end()) return;
-    auto const key = keys->second.find(place.keyText());
-    if (key != keys->second.end()) keys->second.erase(key);
+    auto const found = unmentioned_.find({place.id, place.attribute->id});
+    if (found == unmentioned_.end()) return;
+    auto& [keys, mentioned, comesAgain] = found->second;
+    auto const at = keys.find(place.keyText());
+    auto key = at == keys.end() ? Unmentioned::Keys::node_type() : keys.extract(at);
+    if (!comesAgain) return;
+    if (!isThere)
+        mentioned.erase(textOf(place.key));
+    else if (key)
+        mentioned.insert(std::move(key));
+    else
+        mentioned.insert(textOf(place.key));
+}
+
+AttrLogReplica::Place AttrLogReplica::collection(In& body) {
+    Place place;
+    place.id = nextCompact(body);
+    Known const& owner = known(place.id);
+    place.entity = owner.entity;
+    AttributeId const id = nextCompact(body);
+    place.attribute = owner.table->find(id);
+    needEnd(body);
+    if (!place.attribute || !place.attribute->isCollection())
+        throw StreamException(format("%s has no collection %u", place.entity->fwkType().name(), id), 0);
+    return place;
+}
+
+// A source may begin again before the end. So that many beginnings cost no more than the keys that come between them,
+// those that were mentioned are noted, and not looked for.
+void AttrLogReplica::keysAgain(In& body) {
+    Place const place = collection(body);
+    auto& [keys, mentioned, comesAgain] = unmentioned_[{place.id, place.attribute->id}];
+    if (std::exchange(comesAgain, true)) {
+        keys.merge(mentioned);
+        mentioned.clear();
+        return;
+    }
+    ReplicaSize::eachKey(*place.attribute, *place.entity, [&](std::span<U8 const> key) { keys.insert(textOf(key)); });
+}
+
+// What has gone goes now, or at the sync mark if that is still to come.
+void AttrLogReplica::keysEnd(In& body) {
+    Place const place = collection(body);
+    auto const found = unmentioned_.find({place.id, place.attribute->id});
+    if (found == unmentioned_.end() || !found->second.comesAgain)
+        throw StreamException("the end of keys that did not come again", 0);
+    if (state_ == State::syncing) return;
+    auto const keys = std::move(found->second.keys);
+    unmentioned_.erase(found);
+    delUnmentioned(place.id, place.attribute->id, keys);
+    putBlocked();
+}
+
+void AttrLogReplica::delUnmentioned(EntityId id, AttributeId attribute, Unmentioned::Keys const& keys) {
+    auto const owner = known_.find(id);
+    if (owner == known_.end()) return;
+    Place place{id, owner->second.entity, owner->second.table->find(attribute)};
+    StreamAdapter::needInactive(*place.entity);
+    for (std::string const& key : keys) {
+        place.keyTextIs(key);
+        if (place.attribute->kind == StreamKind::values)
+            valueDel(place);
+        else
+            memberDel(place);
+    }
+}
+
+void AttrLogReplica::memberDel(Place const& place) {
+    if (!place.there()) return;
+    place.del();
+    sizeChanged(place.id, ReplicaSize::keyCost + place.key.size(), 0);
 }
 
 // The source has said what is there now.
-void AttrLogReplica::told(Place const& place) {
-    mentioned(place);
+void AttrLogReplica::told(Place const& place, bool isThere) {
+    mentioned(place, isThere);
     std::erase_if(blocked_, [&](auto const& blocked) {
         Blocked const& at = blocked.second;
         return at.owner == place.id && at.attribute == place.attribute->id && at.key == place.keyText();
@@ -353,15 +498,15 @@ void AttrLogReplica::keySet(In& body) {
     needEnd(body);
     ensureCorrectType(member->fwkType(), place.attribute->type());
     told(place);
-    if (place.there() != member.get()) put(place, id, *member);
+    Entity* const there = place.there();
+    if (!there) needRoom(ReplicaSize::keyCost + place.key.size());
+    if (there != member.get()) put(place, id, *member);
     if (!blocked_.empty() && place.owns(*member)) blocked_.erase(id);
     putBlocked();
 }
 
-namespace {
-
 // Takes the entity out of the collection by which its parent owns it.
-void detach(Entity& entity) {
+void AttrLogReplica::detach(Entity& entity) {
     Ptr<Entity> const parent = entity.parent();
     if (!parent || !parent->fwkType().glue().stream) return;
     Out key;
@@ -374,27 +519,39 @@ void detach(Entity& entity) {
             StreamAdapter::needInactive(*parent);
             In del(key.bytes());
             attribute.memberDel(*parent, del);
+            if (auto const owner = ids_.find(parent.get()); owner != ids_.end())
+                sizeChanged(owner->second, ReplicaSize::keyCost + key.size(), 0);
             if (entity.parent() != parent) return;
         }
     }
 }
 
-constexpr char circular[] = "an entity within itself";
-// Bytes beyond a member's name that are kept of its key while it waits: what waits takes no more than what is known.
-constexpr std::size_t longestOtherKey = 1024;
+namespace {
 
-bool isWithin(Entity const& entity, Entity const& outer) {
-    for (Entity const* at = &entity; at; at = at->parent())
-        if (at == &outer) return true;
-    return false;
-}
+constexpr char circular[] = "an entity within itself";
+// What waits takes no more than what is known: bytes beyond a member's name that are kept of its key. Each that waits is
+// looked at with every message.
+constexpr std::size_t longestOtherKey = 1024, mostBlocked = 1024;
 
 }  // namespace
 
+// Where things are put that may be within one another, ways up are walked, which are made short by this.
+void AttrLogReplica::checkDepth(Entity const& entity) const {
+    std::size_t depth = 0;
+    for (Entity const* above = entity.parent(); above; above = above->parent())
+        if (++depth > limits().depth)
+            throw StreamException(format("an entity that is moved within more than %zu others", limits().depth), 0);
+}
+
 // Where an entity has moved, what made room for it may be told later than where it went.
 void AttrLogReplica::put(Place const& place, EntityId id, Entity& member) {
+    if (member.parent() || member.hasBeenParent()) {
+        checkDepth(*place.entity);
+        checkDepth(member);
+    }
     bool const makes = place.attribute->kind == StreamKind::instances;
     if (makes && !makeRoom(place, id, member)) return;
+    bool const isNewKey = !place.there();
     try {
         place.replacementIs(member);
     } catch (StreamException const&) {
@@ -404,13 +561,15 @@ void AttrLogReplica::put(Place const& place, EntityId id, Entity& member) {
         if (!makeRoom(place, id, member)) return;
         place.replacementIs(member);
     }
+    if (isNewKey) sizeChanged(place.id, 0, ReplicaSize::keyCost + place.key.size());
 }
 
 // Takes the member out of where it was. When its new owner is still within it, one of the owners between them has left
 // the next, and which one is not known before it is told: the member waits for that.
 bool AttrLogReplica::makeRoom(Place const& place, EntityId id, Entity& member) {
     if (place.entity == &member) throw StreamException(circular, 0);
-    if (isWithin(*place.entity, member)) {
+    if (member.encloses(*place.entity)) {
+        if (blocked_.size() >= mostBlocked) throw StreamException("too many nestings that are turned round", 0);
         if (place.key.size() > member.name().length() + longestOtherKey)
             throw StreamException("a member's name is not its key", 0);
         blocked_.insert_or_assign(id, Blocked{place.id, place.attribute->id, std::string(place.keyText())});
@@ -425,7 +584,7 @@ void AttrLogReplica::putBlocked() {
     for (auto at = blocked_.begin(); at != blocked_.end();) {
         auto const owner = known_.find(at->second.owner);
         Entity* const member = entity(at->first);
-        if (owner != known_.end() && member && isWithin(*owner->second.entity, *member)) {
+        if (owner != known_.end() && member && member->encloses(*owner->second.entity)) {
             ++at;
             continue;
         }
@@ -445,19 +604,24 @@ void AttrLogReplica::keyDel(In& body) {
     Place const place = this->place(body);
     needEnd(body);
     if (!place.attribute->isCollection()) throw StreamException("a key of what is no collection", 0);
-    told(place);
+    told(place, false);
     if (place.attribute->kind == StreamKind::values) return valueDel(place);
-    if (place.there()) place.del();
+    memberDel(place);
     putBlocked();
 }
 
 void AttrLogReplica::keyValue(Place const& place, In& body) {
     bool const isNew = !place.holdsValue();
     if (isNew && keys_ >= limits().keys) throw StreamException("the source has too many keys", 0);
+    bool const resizes = isNew || place.attribute->varies;
+    std::size_t const before = isNew || !resizes ? 0 : ReplicaSize::ofKey(*place.attribute, *place.entity, place.key);
+    if (resizes) needRoom(ReplicaSize::keyCost + place.key.size() + body.left());
     In key = place.keyIn();
     In items({body.data(), body.left()});
     place.attribute->applyKey(*place.entity, key, items);
     mentioned(place);
+    if (resizes && place.holdsValue())
+        sizeChanged(place.id, before, ReplicaSize::ofKey(*place.attribute, *place.entity, place.key));
     if (!isNew) return;
     auto const owner = known_.find(place.id);  // looked up again: observers were told
     if (owner == known_.end()) return;
@@ -468,7 +632,9 @@ void AttrLogReplica::keyValue(Place const& place, In& body) {
 // Keys that something else has put into the copy, or taken out, were not counted.
 void AttrLogReplica::valueDel(Place const& place) {
     if (!place.holdsValue()) return;
+    std::size_t const size = ReplicaSize::ofKey(*place.attribute, *place.entity, place.key);
     place.del();
+    sizeChanged(place.id, size, 0);
     auto const owner = known_.find(place.id);
     if (owner == known_.end() || owner->second.keys == 0) return;
     --owner->second.keys;
@@ -479,28 +645,20 @@ void AttrLogReplica::gone(In& body) {
     EntityId const id = nextCompact(body);
     needEnd(body);
     if (id == rootId) throw StreamException("the root can't go", 0);
-    Ptr<Entity> const entity = known(id).entity;
-    keys_ -= known(id).keys;
-    ids_.erase(entity.get());
+    Known const gone = known(id);
+    keys_ -= gone.keys;
+    ids_.erase(gone.entity.get());
     known_.erase(id);
+    unmentioned_.erase(unmentioned_.lower_bound({id, 0}), unmentioned_.upper_bound({id, ~AttributeId(0)}));
+    leftIs(gone);
     blocked_.erase(id);
 }
 
 void AttrLogReplica::synced() {
     if (state_ != State::syncing) throw StreamException("synchronised twice", 0);
-    for (auto const& [at, keys] : std::exchange(unmentioned_, {})) {
-        auto const owner = known_.find(at.first);
-        if (owner == known_.end()) continue;
-        Place place{at.first, owner->second.entity, owner->second.table->find(at.second)};
-        StreamAdapter::needInactive(*place.entity);
-        for (std::string const& key : keys) {
-            place.keyTextIs(key);
-            if (place.attribute->kind == StreamKind::values)
-                valueDel(place);
-            else if (place.there())
-                place.del();
-        }
-    }
+    for (auto const& [at, unmentioned] : std::exchange(unmentioned_, {}))
+        delUnmentioned(at.first, at.second, unmentioned.keys);
+    sizeBefore_ = 0;
     putBlocked();
     if (!blocked_.empty()) throw StreamException(circular, 0);
     stateIs(State::synced);

@@ -1,11 +1,14 @@
 #pragma once
 
 #include "Vel/Dir.h"
+#include "Vel/NotifieeList.h"
 #include "Vel/StreamPeer.h"
 #include "Vel/StreamTable.h"
+#include "Vel/TableHash.h"
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <unordered_map>
@@ -47,6 +50,7 @@ public:
     Ptr<Entity> root() const { return root_; }   // null until something has come, unless it was given
     bool mayWrite() const { return mayWrite_; }  // the source takes changes
     std::size_t entities() const { return known_.size(); }
+    std::size_t copySize() const { return size_; }  // bytes that the source makes the copy take, by estimate
 
     // Asks the source to change the attribute; the change comes back like any other. Throws ReadOnlyException when the
     // source takes none, RangeException when the entity or the attribute is none that the source sends, TypeException
@@ -64,6 +68,16 @@ private:
         Ptr<Entity> entity;
         StreamTable const* table;
         std::size_t keys = 0;  // of its collections of values
+        std::size_t size = 0;  // bytes, by estimate, with its keys
+    };
+    // An entity that the source knows no more and somebody here holds counts until it is destroyed.
+    class Left;
+    // Keys of a collection that are there and have not been mentioned.
+    struct Unmentioned {
+        using Keys = std::set<std::string, std::less<>>;
+        Keys keys;
+        Keys mentioned;  // those that have been, and are there, while the collection comes again
+        bool comesAgain = false;
     };
     void write(Entity const& entity, AttributeId attribute, VelType type, void const* value);
     struct Place;  // an attribute of an entity that a message names, and the key
@@ -75,6 +89,8 @@ private:
     void keySet(NboAttrLog::In& body);
     void keyValue(Place const& place, NboAttrLog::In& body);
     void keyDel(NboAttrLog::In& body);
+    void keysAgain(NboAttrLog::In& body);
+    void keysEnd(NboAttrLog::In& body);
     void gone(NboAttrLog::In& body);
     void synced();
 
@@ -87,11 +103,20 @@ private:
     bool checkEphemeralEntityDeletion(Place const& place, Entity* there);
     void put(Place const& place, EntityId id, Entity& member);
     bool makeRoom(Place const& place, EntityId id, Entity& member);
-    void told(Place const& place);
+    void told(Place const& place, bool isThere = true);
     void putBlocked();
+    void checkDepth(Entity const& entity) const;
+    Place collection(NboAttrLog::In& body);
+    void delUnmentioned(EntityId id, AttributeId attribute, Unmentioned::Keys const& keys);
+    void needRoom(std::size_t more) const;
+    void sizeChanged(EntityId id, std::size_t before, std::size_t after);
+    void leftIs(Known const& known);
     void valueDel(Place const& place);
     void bind(EntityId id, Ptr<Entity> entity, bool isNew);
-    void mentioned(Place const& place);
+    void mentioned(Place const& place, bool isThere = true);
+    void memberDel(Place const& place);
+    void detach(Entity& entity);
+    void disconnected();
     void stateIs(State state);
 
     Options options_;
@@ -100,16 +125,18 @@ private:
     Ptr<Entity> root_;
     State state_ = State::empty;
     std::function<void(State)> onState_;
+    friend class Left;
     bool welcomed_ = false;
     bool mayWrite_ = false;
 
     // Of this connection:
     std::map<U32, VelType> types_;
-    std::unordered_map<EntityId, Known> known_;
+    std::unordered_map<EntityId, Known, TableHasher> known_;  // the source chooses the ids
     std::unordered_map<Entity const*, EntityId> ids_;
     std::size_t keys_ = 0;  // of all known entities
-    // Keys that were there before and have not been mentioned yet.
-    std::map<std::pair<EntityId, AttributeId>, std::set<std::string, std::less<>>> unmentioned_;
+    std::size_t size_ = 0;  // of these, and of those that are left
+    // Of what was there before, and of collections that come again.
+    std::map<std::pair<EntityId, AttributeId>, Unmentioned> unmentioned_;
     // Members that can't go yet where the source has them, for here their new owner is still within them.
     struct Blocked {
         EntityId owner;
@@ -117,6 +144,11 @@ private:
         std::string key;
     };
     std::map<EntityId, Blocked> blocked_;  // by the member; each has one owner
+
+    // Of all connections:
+    std::unordered_map<Entity const*, std::unique_ptr<Left>> left_;
+    std::size_t leftSize_ = 0;
+    std::size_t sizeBefore_ = 0;  // of what earlier ones made and may be there still, until the sync mark
 };
 
 }  // namespace Vel

@@ -20,8 +20,7 @@ void checkName(std::string_view name) {
 void checkPlace(Entity const& entity, Dir const& dir) {
     if (entity.parent() && entity.parent() != &dir)
         throwRangeException(entity.path() + " is in use in another place than " + dir.path());
-    for (Entity const* above = &dir; above; above = above->parent())
-        if (above == &entity) throwRangeException(entity.path() + " cannot be put within itself");
+    if (entity.encloses(dir)) throwRangeException(entity.path() + " cannot be put within itself");
 }
 
 }  // namespace

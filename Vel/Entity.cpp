@@ -1,6 +1,8 @@
 #include "Vel/Entity.h"
 
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace Vel {
 
@@ -15,7 +17,15 @@ Ptr<Entity> Entity::velChild(std::string_view) const { return nullptr; }
 void Entity::parentIs(Entity* parent) {
     if (parent == parent_) return;
     parent_ = parent;
+    if (parent) parent->hasBeenParent_ = true;
     handleParent();
+}
+
+bool Entity::encloses(Entity const& other) const {
+    if (!hasBeenParent_) return this == &other;
+    for (Entity const* above = &other; above; above = above->parent_)
+        if (above == this) return true;
+    return false;
 }
 
 Ptr<Entity> Entity::entity(EntityUriPath const& path) const {
@@ -35,9 +45,10 @@ Ptr<Entity> Entity::entity(EntityUriPath const& path) const {
 
 String Entity::path() const {
     if (!parent_) return name().empty() ? String("/") : name();
+    std::vector<String> names;
+    for (Entity const* entity = this; entity->parent_; entity = entity->parent_) names.push_back(entity->name());
     std::string text;
-    for (Entity const* entity = this; entity->parent_; entity = entity->parent_)
-        text.insert(0, "/" + entity->name().stdString());
+    for (auto name = names.rbegin(); name != names.rend(); ++name) text.append("/").append(name->view());
     return text;
 }
 

@@ -40,6 +40,9 @@ public:
 
     Entity* parent() const { return parent_; }  // null for the root, and outside the tree
     void parentIs(Entity* parent);
+    bool hasBeenParent() const { return hasBeenParent_; }
+    // Whether this entity is `other`, or one that it is within. Walks up from `other`, unless this never was a parent.
+    bool encloses(Entity const& other) const;
 
     // The entity at `path`, or null when there is none; creates nothing.
     Ptr<Entity> entity(EntityUriPath const& path) const;
@@ -66,6 +69,7 @@ protected:
     }
 
 private:
+    bool hasBeenParent_ = false;  // the first, since there is room for it behind the base
     String name_;
     Entity* parent_ = nullptr;  // not owned: the parent holds this entity
     mutable NotifieeList notifieeList_;

@@ -47,9 +47,17 @@ FlowOut& FlowConnection::flowIs(Adapter const& adapter, AttributeId from) {
     std::unique_ptr<FlowOut>& flow = flows_[adapter.slot()];
     StreamTable const& table = adapter.table();
     flow.reset(table.newFlowOut ? table.newFlowOut(table, from) : new FlowOut(table, from));
-    if (!notBegun_.has(adapter.slot())) waiting_.push_back(adapter.id());
+    if (!notBegun_.has(adapter.slot())) wait(adapter);
     notBegun_.del(adapter.slot());
     return *flow;
+}
+
+// Those that have gone are looked for when they may be half of all: where the one in front is never done, since it
+// changes faster than it is sent, they would grow more and more.
+void FlowConnection::wait(Adapter const& adapter) {
+    if (waiting_.size() > 64 && waiting_.size() > 2 * demuxer_->entities())
+        std::erase_if(waiting_, [this](EntityId id) { return !demuxer_->adapter(id); });
+    waiting_.push_back(adapter.id());
 }
 
 void FlowConnection::continueFlowOut() {
@@ -70,6 +78,7 @@ void FlowConnection::continueFlowOut() {
         if (!flow->isClean()) continue;  // something changed that the flow was past already
         flows_.erase(adapter->slot());
         waiting_.pop_front();
+        ++flowed_;
     }
 }
 
@@ -126,7 +135,7 @@ void FlowConnection::announce(Adapter& adapter, Via const& via) {
 
     announced_.add(adapter.slot());
     notBegun_.add(adapter.slot());
-    waiting_.push_back(adapter.id());
+    wait(adapter);
     if (!instantiated) return;
     instantiatedIs(adapter, *via.parent);
     // The owner's collection has been told of in part: the owner's flow begins, for whoever deletes the member to flag.
@@ -186,6 +195,20 @@ void FlowConnection::sendKeyDel(Adapter& adapter, StreamAttribute const& attribu
     Impl::outSmCommitMessage(nboAttrLogOut());
 }
 
+void FlowConnection::sendPlace(MessageKind kind, Adapter& adapter, StreamAttribute const& attribute) {
+    Out& out = nboAttrLogOut().begin(kind, placeSize(adapter, attribute));
+    putPlace(out, adapter, attribute, {});
+    Impl::outSmCommitMessage(nboAttrLogOut());
+}
+
+void FlowConnection::sendKeysAgain(Adapter& adapter, StreamAttribute const& attribute) {
+    sendPlace(MessageKind::keysAgain, adapter, attribute);
+}
+
+void FlowConnection::sendKeysEnd(Adapter& adapter, StreamAttribute const& attribute) {
+    sendPlace(MessageKind::keysEnd, adapter, attribute);
+}
+
 void FlowConnection::forget(Adapter const& adapter) {
     unannounce(adapter);
     flows_.erase(adapter.slot());
@@ -233,9 +256,9 @@ void FlowConnection::clear() {
     announced_.clear();
     notBegun_.clear();
     instantiated_.clear();
-    typesTold_.clear();
-    waiting_.clear();
-    flows_.clear();
+    std::vector<bool>().swap(typesTold_);
+    std::deque<EntityId>().swap(waiting_);
+    decltype(flows_)().swap(flows_);
 }
 
 }  // namespace Vel::NboAttrLog

@@ -25,7 +25,7 @@ public:
     // The first slot that this set has and `other` has not; `none` if there is none.
     static constexpr U32 none = ~U32(0);
     U32 firstNotIn(SlotSet const& other) const;
-    void clear() { words_.clear(); }
+    void clear() { std::vector<U64>().swap(words_); }  // and gives its memory back
 
 private:
     std::vector<U64> words_;
@@ -62,10 +62,14 @@ public:
     // it along when it was announced.
     void sendKey(Adapter& adapter, StreamAttribute const& attribute, std::string_view key, bool isNew);
     void sendKeyDel(Adapter& adapter, StreamAttribute const& attribute, std::string_view key);
+    // All keys of the collection come between the two; what did not come by then is not there.
+    void sendKeysAgain(Adapter& adapter, StreamAttribute const& attribute);
+    void sendKeysEnd(Adapter& adapter, StreamAttribute const& attribute);
 
     // Sends of what is waiting as much as the output takes.
     void continueFlowOut();
     bool hasWaiting() const { return !waiting_.empty(); }
+    U64 flowed() const { return flowed_; }  // entities of which all was sent, ever
 
     bool isAnnounced(Adapter const& adapter) const { return announced_.has(adapter.slot()); }
     bool isNotBegun(Adapter const& adapter) const { return notBegun_.has(adapter.slot()); }
@@ -82,7 +86,7 @@ public:
     void tellTypes();  // all that the view uses
     SlotSet const& announced() const { return announced_; }
     void unannounce(Adapter const& adapter);
-    void clear();
+    void clear();  // and gives the memory back
 
 protected:
     StreamDemuxer& demuxer() const { return *demuxer_; }
@@ -94,14 +98,18 @@ private:
     bool isInstantiatedBy(Adapter const& member, Adapter const& owner) const;
     void instantiatedIs(Adapter& member, Adapter const& owner);
 
+    void wait(Adapter const& adapter);
+    void sendPlace(NboAttrLog::MessageKind kind, Adapter& adapter, StreamAttribute const& attribute);
+
     StreamDemuxer* demuxer_;  // null until it is known
     SlotSet announced_;
     SlotSet notBegun_;      // announced, to be sent as a whole, and no member of its collections has been told of
     SlotSet instantiated_;  // announced through the collection of its owner (Adapter::owner)
     std::vector<bool> typesTold_;
-    std::deque<EntityId> waiting_;                             // each at most once: not begun, or with a flow
+    std::deque<EntityId> waiting_;                             // each at most once: not begun, with a flow, or gone
     std::unordered_map<U32, std::unique_ptr<FlowOut>> flows_;  // by slot
-    Out key_;                                                  // of an owner's collection
+    U64 flowed_ = 0;
+    Out key_;  // of an owner's collection
 };
 
 }  // namespace Vel::NboAttrLog

@@ -39,6 +39,44 @@ void FlowOut::velResyncStateDel() {
     resumeId_ = fromStart;
 }
 
+// --- keys ---
+
+bool FlowOut::velComesAgain(AttributeId id) const {
+    if (!bounds_) return false;
+    auto const found = bounds_->find(id);
+    return found != bounds_->end() && found->second.comesAgain;
+}
+
+void FlowOut::velComesAgainIs(AttributeId id, bool on) {
+    if (!on) {
+        if (bounds_) bounds_->erase(id);
+        return;
+    }
+    if (resumeId_ == id) bookmark_ = nullptr;
+    velDirtyKeyDelAll(id);
+    velHasSyncedIs(id, false);
+    if (!bounds_) bounds_ = std::make_unique<std::map<AttributeId, Bound>>();
+    (*bounds_)[id] = {0, true};
+}
+
+std::size_t FlowOut::counted(AttributeId id) const {
+    if (!bounds_) return 0;
+    auto const found = bounds_->find(id);
+    return found == bounds_->end() ? 0 : found->second.counted;
+}
+
+void FlowOut::countedIs(AttributeId id, std::size_t keys) {
+    if (!bounds_) bounds_ = std::make_unique<std::map<AttributeId, Bound>>();
+    (*bounds_)[id].counted = keys;
+}
+
+std::size_t FlowOut::velDirtyKeys(AttributeId id) const {
+    auto const keys = keys_.find(id);
+    return keys == keys_.end() ? 0 : keys->second.size();
+}
+
+void FlowOut::velDirtyKeyDelAll(AttributeId id) { keys_.erase(id); }
+
 bool FlowOut::velHasDirtyKeys() const { return !keys_.empty(); }
 bool FlowOut::velHasDirtyKeys(AttributeId id) const { return keys_.contains(id); }
 

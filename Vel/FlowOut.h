@@ -34,6 +34,9 @@ public:
     // Of collections: all keys that there were have been sent.
     bool velHasSynced(AttributeId id) const { return !flag(id) && isCollection(id); }
     void velHasSyncedIs(AttributeId id, bool synced) { flagIs(id, !synced); }
+    // Of a collection that the reader has, or has in part: it is sent anew, and what does not come then is not there.
+    bool velComesAgain(AttributeId id) const;
+    void velComesAgainIs(AttributeId id, bool on);
     bool isClean() const { return flagged_ == 0 && !velHasDirtyKeys(); }
 
     // Where to go on. While that is a collection, the bookmark has its keys that are left.
@@ -58,18 +61,39 @@ public:
     };
     virtual void velDirtyKeyDel(AttributeId id, std::string_view key);  // the key need not be flagged
     virtual DirtyKey velDirtyKeyTake(AttributeId id);  // removes the flag too. REQUIRES: velHasDirtyKeys(id)
+    virtual std::size_t velDirtyKeys(AttributeId id) const;
+    virtual void velDirtyKeyDelAll(AttributeId id);
+
+    // Whether there are more flags of keys than `members`, a function, says that the collection has members, and more
+    // than `leastKeys`. Asks again only when there are twice as many flags, since counting may take its time.
+    static constexpr std::size_t leastKeys = 64;
+    template <class F> bool velHasTooManyKeys(AttributeId id, F members) {
+        std::size_t const keys = velDirtyKeys(id);
+        if (keys <= leastKeys || keys <= counted(id)) return false;
+        if (keys > members()) return true;
+        countedIs(id, 2 * keys);
+        return false;
+    }
 
 private:
     bool isCollection(AttributeId id) const;
     bool flag(AttributeId id) const;
     bool flagIs(AttributeId id, bool on);
+    std::size_t counted(AttributeId id) const;
+    void countedIs(AttributeId id, std::size_t keys);
 
+    // What few collections have.
+    struct Bound {
+        std::size_t counted = 0;  // flags up to which the members need not be counted
+        bool comesAgain = false;
+    };
     StreamTable const& table_;
     AttributeId resumeId_ = fromStart;
     std::size_t flagged_ = 0;
     std::vector<bool> flags_;  // of a value or pointer: dirty; of a collection: not synced
     std::unique_ptr<Bookmark> bookmark_;
     std::map<AttributeId, std::map<std::string, bool, std::less<>>> keys_;  // and whether they are ephemeral
+    std::unique_ptr<std::map<AttributeId, Bound>> bounds_;
 };
 
 }  // namespace Vel::NboAttrLog

@@ -21,6 +21,18 @@ Out& Out::operator=(Out&& other) noexcept {
 
 Out::~Out() { std::free(begin_); }
 
+void Out::drop(std::size_t count) {
+    if (count == 0) return;
+    std::size_t const left = size() - count;
+    std::memmove(begin_, begin_ + count, left);
+    at_ = begin_ + left;
+}
+
+void Out::release() {
+    std::free(begin_);
+    begin_ = at_ = end_ = nullptr;
+}
+
 void Out::grow(std::size_t more) {
     std::size_t const used = size();
     if (more > SIZE_MAX / 2 - used) throw std::bad_alloc();

@@ -59,7 +59,9 @@ public:
     std::size_t capacity() const { return static_cast<std::size_t>(end_ - begin_); }
     void clear() { at_ = begin_; }
     void sizeIs(std::size_t size) { at_ = begin_ + size; }  // drops what follows; REQUIRES: size <= size()
-    void reserve(std::size_t more) {                        // room for `more` bytes; throws std::bad_alloc
+    void drop(std::size_t count);     // bytes at the front, and moves the others there; REQUIRES: count <= size()
+    void release();                   // drops everything, and the memory
+    void reserve(std::size_t more) {  // room for `more` bytes; throws std::bad_alloc
         if (static_cast<std::size_t>(end_ - at_) < more) [[unlikely]]
             grow(more);
     }

@@ -53,6 +53,14 @@ U32 nextCompact(In& in) {
     return static_cast<U32>(number);
 }
 
+void BufferSm::compact(std::size_t kept) {
+    if (taken_ >= size()) {
+        out_.drop(taken_);
+        taken_ = 0;
+    }
+    if (out_.size() == 0 && out_.capacity() > kept) out_.release();
+}
+
 void BufferSm::add(std::span<U8 const> bytes) {
     if (!bytes.empty()) std::memcpy(out_.append(bytes.size()), bytes.data(), bytes.size());
 }

@@ -76,9 +76,11 @@ enum class MessageKind : U8 {
     refused = 10,
     write = 11,
     ping = 12,
-    pong = 13
+    pong = 13,
+    keysAgain = 14,
+    keysEnd = 15
 };
-inline constexpr MessageKind lastMessageKind = MessageKind::pong;
+inline constexpr MessageKind lastMessageKind = MessageKind::keysEnd;
 
 // Where messages are written: each is begun, filled and committed. One that is not committed, since what filled it
 // threw, is dropped when the next one begins.
@@ -118,15 +120,23 @@ public:
         if (taken_ == out_.size()) clear();
     }
     void add(std::span<U8 const> bytes);  // whole messages, or the rest of one
+    // Drops what was taken, when that is at least as much as is left: so no byte is moved for more than one that was
+    // taken, and never more than twice what is left is held. What is empty keeps memory of at most `kept` bytes.
+    // REQUIRES: bytes that bytes() gave are not needed any more.
+    void compact(std::size_t kept);
     void clear() {
         out_.clear();
         taken_ = 0;
     }
 
+    U64 messages() const { return messages_; }  // begun here and committed, ever
+
 private:
     Out& room(std::size_t) override { return out_; }
+    void committed(std::size_t) override { ++messages_; }
     Out out_;
     std::size_t taken_ = 0;
+    U64 messages_ = 0;
 };
 
 }  // namespace Vel::NboAttrLog

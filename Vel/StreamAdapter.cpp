@@ -134,11 +134,16 @@ bool Sa::flowOutOnAttributeForConnection(FlowConnection& connection, StreamAttri
     FlowOut& flow = flowOut(connection);
     bool const isBegun = flow.bookmark() && flow.resumeId() == attribute.id;
     // A collection that is not begun will be sent as a whole; but a member may have been made already, in the place of
-    // being referred to by another collection, and its deletion has to be told.
-    if (!flow.velHasSynced(attribute.id) && !isBegun && isThere) return true;
+    // being referred to by another collection, and its deletion has to be told, if the whole would not tell it.
+    bool const mayBeTold = attribute.kind == StreamKind::instances && !flow.velComesAgain(attribute.id);
+    if (!flow.velHasSynced(attribute.id) && !isBegun && (isThere || !mayBeTold)) return true;
     bool const ephemeral =
         isThere && streamDemuxer().checkEphemeralEntityDeletion(connection, flow, attribute, key, member);
-    return flow.velKeyIsDirtyIs(attribute.id, key, ephemeral);
+    if (!flow.velKeyIsDirtyIs(attribute.id, key, ephemeral)) return false;
+    // Keys that came and went would be flagged for ever: flags are bounded by what is there.
+    if (flow.velHasTooManyKeys(attribute.id, [&] { return attribute.count(entity()); }))
+        flow.velComesAgainIs(attribute.id, true);
+    return true;
 }
 
 // --- writing ---
@@ -225,18 +230,7 @@ AttributeId Sa::continueFlowOut(FlowConnection& connection, FlowOut& flow, Attri
 
 AttributeId Sa::flowOutCollection(FlowConnection& connection, FlowOut& flow, StreamAttribute const& attribute) {
     Active const active(entity());
-    if (!flow.velHasSynced(attribute.id)) {
-        if (!flow.bookmark()) flow.bookmarkIs(std::unique_ptr<NboAttrLog::Bookmark>(attribute.bookmark(entity())));
-        Out key;
-        while (flow.bookmark()->left() != 0) {
-            if (!isOkToSerialize()) return attribute.id;
-            key.clear();
-            flow.bookmark()->next(key);
-            connection.sendKey(*this, attribute, {reinterpret_cast<char const*>(key.data()), key.size()}, true);
-        }
-        flow.bookmarkIs(nullptr);
-        flow.velHasSyncedIs(attribute.id, true);
-    }
+    if (!flow.velHasSynced(attribute.id) && !flowOutAllKeys(connection, flow, attribute)) return attribute.id;
     while (flow.velHasDirtyKeys(attribute.id)) {
         if (!isOkToSerialize()) return attribute.id;
         FlowOut::DirtyKey const dirty = flow.velDirtyKeyTake(attribute.id);
@@ -244,6 +238,28 @@ AttributeId Sa::flowOutCollection(FlowConnection& connection, FlowOut& flow, Str
         connection.sendKey(*this, attribute, dirty.key, false);
     }
     return 0;
+}
+
+// Whether all are sent. What comes again says each key, also where the reader may know of it.
+bool Sa::flowOutAllKeys(FlowConnection& connection, FlowOut& flow, StreamAttribute const& attribute) {
+    bool const again = flow.velComesAgain(attribute.id);
+    if (!flow.bookmark()) {
+        if (again && !isOkToSerialize()) return false;
+        if (again) connection.sendKeysAgain(*this, attribute);
+        flow.bookmarkIs(std::unique_ptr<NboAttrLog::Bookmark>(attribute.bookmark(entity())));
+    }
+    Out key;
+    while (flow.bookmark()->left() != 0) {
+        if (!isOkToSerialize()) return false;
+        key.clear();
+        flow.bookmark()->next(key);
+        connection.sendKey(*this, attribute, {reinterpret_cast<char const*>(key.data()), key.size()}, !again);
+    }
+    if (again) connection.sendKeysEnd(*this, attribute);
+    flow.bookmarkIs(nullptr);
+    flow.velHasSyncedIs(attribute.id, true);
+    flow.velComesAgainIs(attribute.id, false);
+    return true;
 }
 
 // --- changes of readers ---

@@ -90,6 +90,8 @@ public:
 private:
     AttributeId flowOutCollection(
         NboAttrLog::FlowConnection& connection, NboAttrLog::FlowOut& flow, StreamAttribute const& attribute);
+    bool flowOutAllKeys(
+        NboAttrLog::FlowConnection& connection, NboAttrLog::FlowOut& flow, StreamAttribute const& attribute);
 };
 
 namespace NboAttrLog {

@@ -1,6 +1,7 @@
 #include "Vel/StreamDemuxer.h"
 
 #include <algorithm>
+#include <unordered_set>
 
 namespace Vel {
 
@@ -11,13 +12,13 @@ using NboAttrLog::SlotSet;
 namespace {
 
 // Calls f(Entity&) for everything that the entity refers to by what is streamed.
-template <class F> void visitReferences(StreamDemuxer::Adapter const& adapter, F f) {
-    for (StreamAttribute const& attribute : adapter.table().attributes) {
+template <class F> void visitReferences(Entity const& entity, F f) {
+    for (StreamAttribute const& attribute : entity.fwkType().glue().stream().attributes) {
         if (attribute.kind == StreamKind::pointer) {
-            if (Entity* const target = attribute.target(adapter.entity())) f(*target);
+            if (Entity* const target = attribute.target(entity)) f(*target);
         } else if (attribute.holdsEntities()) {
             attribute.visit(
-                adapter.entity(), [](void* context, Entity& member) { (*static_cast<F*>(context))(member); }, &f);
+                entity, [](void* context, Entity& member) { (*static_cast<F*>(context))(member); }, &f);
         }
     }
 }
@@ -65,17 +66,7 @@ StreamDemuxer::Adapter* StreamDemuxer::newAdapter(Entity& entity) {
 StreamDemuxer::Adapter* StreamDemuxer::adapterIs(Entity& entity) {
     if (Adapter* const known = adapter(entity)) return known;
     if (&entity != root_.get() && !isStreamable(entity.fwkType())) return nullptr;
-    Adapter* const first = newAdapter(entity);
-    std::vector<Adapter*> left{first};
-    while (!left.empty() && !idsAreOut_) {
-        Adapter const& next = *left.back();
-        left.pop_back();
-        visitReferences(next, [&](Entity& referred) {
-            if (idsAreOut_ || adapter(referred) || !isStreamable(referred.fwkType())) return;
-            left.push_back(newAdapter(referred));
-        });
-    }
-    return first;
+    return newAdapter(entity);
 }
 
 U32 StreamDemuxer::typeIndex(VelType type) {
@@ -127,16 +118,20 @@ void StreamDemuxer::sweep() {
     Adapter* const top = adapter(*root_);
     if (!top) return;
     SlotSet reached;
-    std::vector<Adapter*> left{top};
+    std::unordered_set<Entity const*> onTheWay;  // that are not in the view yet, and lead to some that are
+    std::vector<Entity const*> left{root_.get()};
     reached.add(top->slot());
     while (!left.empty()) {
-        Adapter const& next = *left.back();
+        Entity const& next = *left.back();
         left.pop_back();
         visitReferences(next, [&](Entity& referred) {
-            Adapter* const a = adapter(referred);
-            if (!a || reached.has(a->slot())) return;
-            reached.add(a->slot());
-            left.push_back(a);
+            if (Adapter* const a = adapter(referred)) {
+                if (reached.has(a->slot())) return;
+                reached.add(a->slot());
+            } else if (!isStreamable(referred.fwkType()) || !onTheWay.insert(&referred).second) {
+                return;
+            }
+            left.push_back(&referred);
         });
     }
     std::vector<Adapter*> unreached;

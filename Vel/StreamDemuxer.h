@@ -10,8 +10,10 @@ namespace Vel {
 
 // The entities of one view by number, and the connections that they are streamed to.
 //
-// An entity is in the view while it can be reached from the root, through pointers and collections, and has an adapter
-// then. Its id is its own until all ids, 2^32 - 1 of them, have been given; the view starts over then. The root's is 1.
+// An entity that can be reached from the root, through pointers and collections, comes into the view, and has an adapter
+// then, when a connection is first told of what refers to it, or a change makes something refer to it: so the work is
+// spread over what is sent. It stays while it can be reached. Its id is its own until all ids, 2^32 - 1 of them, have
+// been given; the view starts over then. The root's is 1.
 class VEL_API StreamDemuxer {
 public:
     using Adapter = Entity::VelNboAttrLogSa;
@@ -24,8 +26,7 @@ public:
     Entity& root() const { return *root_; }
     Adapter* adapter(EntityId id) const;           // or null
     Adapter* adapter(Entity const& entity) const;  // or null
-    // Takes the entity, and all that it leads to, into the view; null when its type can't be streamed. When there are
-    // no ids left for all of them, idsAreOut().
+    // Takes the entity into the view; null when its type can't be streamed, or there is no id left: idsAreOut() then.
     Adapter* adapterIs(Entity& entity);
     bool idsAreOut() const { return idsAreOut_; }
     // Empties the view; ids begin at 1 again. No connection may know of an id then. Destroys all adapters.

@@ -26,10 +26,12 @@ void needEnd(In const& body) {
 StreamPeer::~StreamPeer() = default;
 
 std::span<U8 const> StreamPeer::output(std::size_t limit) {
+    out_.compact(hasControl() ? keptWhileBusy : keptWhileIdle);
     if (hasControl()) {
         out_.add(control_.bytes());
         control_.clear();
         if (answers_ != 0) answersEnd_ = outTaken_ + out_.size();
+        control_.compact(keptWhileIdle);
     }
     auto const bytes = out_.bytes();
     return bytes.first(std::min(limit, bytes.size()));

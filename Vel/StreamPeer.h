@@ -21,6 +21,8 @@ struct StreamLimits {
     std::size_t answers = 4096;       // bytes of answers to pings that the other side has not taken
     std::size_t memory = 256u << 20;  // bytes held for all peers of a server, which whoever carries them looks after
     std::size_t keys = 64u << 20;     // in collections of values, known at one time
+    std::size_t copySize = 1u << 30;  // bytes of a copy, by the estimate in docs/streaming.md
+    std::size_t depth = 1000;         // entities within one another, where one that is in the copy is moved
 };
 
 // One side of a connection: bytes in, bytes out. Whatever carries the bytes calls this and nothing else:
@@ -38,7 +40,8 @@ public:
     StreamPeer& operator=(StreamPeer const&) = delete;
     virtual ~StreamPeer();
 
-    // What is to be sent next, at most `limit` bytes; empty when there is nothing. It stays in place until output() is
+    // What is to be sent next, at most `limit` bytes; empty when there is nothing. It may also be empty when there was much
+    // to look at and nothing to say yet: wantsOutput() is true then, and wake is called for another turn. It stays in place until output() is
     // called again or the peer destroyed, whatever else happens, so it can be sent while input comes and entities change. REQUIRES: limit != 0.
     virtual std::span<U8 const> output(std::size_t limit);
     virtual void outputTaken(std::size_t count);  // bytes from the front of output(). REQUIRES: count <= its size
@@ -81,6 +84,9 @@ protected:
         if (!wanted) wake();
     }
     bool hasControl() const { return control_.size() != 0; }
+
+    // Memory that an output keeps when it is empty, in bytes: while there is more to come, and when there is not.
+    static constexpr std::size_t keptWhileBusy = 1u << 20, keptWhileIdle = 4096;
 
     NboAttrLog::BufferSm out_;  // written to by output() only
 

@@ -96,6 +96,7 @@ struct StreamAttribute {
     AttributeId id;
     StreamKind kind;
     VelType (*type)();  // of the value or values, or what the target or the members are declared as
+    bool varies;        // the value, or those of a collection, take more bytes or fewer
 
     // Of a value:
     void (*serialize)(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, bool flowingOut);
@@ -105,6 +106,7 @@ struct StreamAttribute {
     void (*targetIs)(Entity& entity, Entity* target);  // null for none
     // Of a collection:
     NboAttrLog::Bookmark* (*bookmark)(Entity const& entity);  // of all keys that there are
+    std::size_t (*count)(Entity const& entity);               // of them; takes as long where nothing else tells
     void (*writeKey)(NboAttrLog::Out& out, void const* key);
     void (*skipKey)(NboAttrLog::In& in);
     void (*memberDel)(Entity& entity, NboAttrLog::In& key);

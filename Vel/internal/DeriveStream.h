@@ -75,6 +75,15 @@ template <class T, class A> struct StreamedKeys {
         });
         return made.release();
     }
+    static std::size_t count(Entity const& entity) {
+        if constexpr (given<A::count>) {
+            return std::invoke(A::count, static_cast<T const&>(entity));
+        } else {
+            std::size_t number = 0;
+            each(entity, [&](auto const&) { ++number; });
+            return number;
+        }
+    }
     static void writeKey(NboAttrLog::Out& out, void const* key) { out << *static_cast<Key const*>(key); }
     static void skipKey(In& in) { nextItem<Key>(in); }
     static Key keyOf(In& in) {
@@ -184,6 +193,7 @@ template <class T, class A> struct StreamedValues : StreamedKeys<T, A> {
 template <class T, class A> constexpr void fillCollection(StreamAttribute& row) {
     using K = StreamedKeys<T, A>;
     row.bookmark = &K::bookmark;
+    row.count = &K::count;
     row.writeKey = &K::writeKey;
     row.skipKey = &K::skipKey;
     row.memberDel = &K::memberDel;
@@ -192,6 +202,7 @@ template <class T, class A> constexpr void fillCollection(StreamAttribute& row) 
             "entities travel by Vel::references or Vel::instances");
         using F = StreamedValues<T, A>;
         row.kind = StreamKind::values;
+        row.varies = fixedWidth<typename A::Value>() == 0;
         row.holds = &F::holds;
         row.serializeKey = &F::serializeKey;
         row.applyKey = &F::applyKey;
@@ -219,6 +230,7 @@ template <class T, class A> constexpr StreamAttribute streamAttribute(AttributeI
         row.targetIs = &StreamedPointer<T, A>::targetIs;
     } else {
         row.kind = StreamKind::value;
+        row.varies = fixedWidth<typename A::Value>() == 0;
         row.serialize = &StreamedAttribute<T, A>::serialize;
         row.apply = &StreamedAttribute<T, A>::apply;
     }

@@ -143,6 +143,7 @@ TEST_F(StreamBytesTest, ChangesAreTheseMessages) {
 }
 
 TEST_F(StreamBytesTest, DestroyedEntityIsGone) {
+    sent();
     auto const other = Leaf::newEntity("y");
     root->entryIs(other);
     sent();

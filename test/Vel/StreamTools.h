@@ -118,6 +118,11 @@ inline std::string toldOf(MessageKind kind, In in) {
         return "ping " + std::to_string(in.nextU32());
     case MessageKind::pong:
         return "pong " + std::to_string(in.nextU32());
+    case MessageKind::keysAgain:
+    case MessageKind::keysEnd: {
+        std::string const text = (kind == MessageKind::keysAgain ? "keysAgain " : "keysEnd ") + number(in);
+        return text + "." + number(in);
+    }
     }
     return "?";
 }
