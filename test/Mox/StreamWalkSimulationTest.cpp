@@ -251,10 +251,13 @@ TEST(StreamWalkTest, EveryOrderOfAFewStepsEndsWithACopyThatEqualsTheSource) {
         walk.go(depth);
         states += walk.states;
     };
-    std::size_t sent = 0;  // from each point of the first synchronisation on
-    for (; !Small(false, sent).isDone() && !HasFailure(); ++sent) walk(false, sent);
-    walk(false, sent);
-    walk(true, sent);
+    auto const messages = [](bool nested) {
+        std::size_t sent = 0;
+        while (!Small(nested, sent).isDone()) ++sent;
+        return sent;
+    };
+    walk(true, messages(true));
+    for (std::size_t sent = messages(false) + 1; sent-- != 0 && !HasFailure();) walk(false, sent);
     RecordProperty("states", std::to_string(seen.size()));
     RecordProperty("walked", std::to_string(states));
     EXPECT_GT(seen.size(), 100u);
