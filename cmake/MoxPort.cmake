@@ -1,5 +1,5 @@
-# A toolchain file for another processor: Debian's cross compiler, and qemu, which runs what it has made. Included by the
-# file of the processor, which sets port_processor, as CMake names it, and port_triple, as the compiler does.
+# A toolchain file for another processor: Debian's cross compiler, and qemu, which runs what it has made. Included by
+# the file of the processor, which sets port_processor, as CMake names it, and port_triple, as the compiler does.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR ${port_processor})
 set(CMAKE_C_COMPILER ${port_triple}-gcc)  # GoogleTest asks for one

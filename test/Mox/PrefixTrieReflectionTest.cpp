@@ -6,7 +6,6 @@
 #include "Vel/Exception.h"
 #include "Vel/Module.h"
 
-
 // A trie reached by its type record: attributes by number, the module's table, the slots of the virtual operations.
 namespace {
 

@@ -152,7 +152,8 @@ TEST_F(PrefixTrieReplicaTest, MemberThatGoesAndComesAgainIsAnotherOne) {
     EXPECT_NE(copy->prefixChild("a"), node);
 }
 
-// What a source sends that has a node "a" in the trie, and a node "b" in that; then puts `member`, which is above, into "b".
+// What a source sends that has a node "a" in the trie, and a node "b" in that; then puts `member`, which is above, into
+// "b".
 Vel::String errorOfCircle(PrefixTrie& copy, unsigned member, char const* key) {
     using Vel::NboAttrLog::Compact;
     using Vel::NboAttrLog::MessageKind;

@@ -19,8 +19,8 @@
 #include <iterator>
 #include <string>
 
-// Whatever the processor, a source sends the bytes of recorded-stream.txt, and a copy makes the same of them. One message
-// a line: who sent it, and its bytes in hexadecimal. Where the format is meant to change, this records it anew:
+// Whatever the processor, a source sends the bytes of recorded-stream.txt, and a copy makes the same of them. One
+// message a line: who sent it, and its bytes in hexadecimal. Where the format is meant to change, this records it anew:
 //
 //     MOX_RECORD_STREAM=1 build/dev/test/mox_test --gtest_filter=RecordedStreamTest.ThisMachineSendsTheRecordedBytes
 namespace RecordedStream {
