@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <bitset>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -37,6 +38,11 @@ struct IdSetModel {
     unsigned maxBuckets() const { return (size + 63u) / 64; }
     Key loopBuckets() const { return static_cast<Key>(maxBuckets()); }
     static Key bucketOf(unsigned id) { return static_cast<Key>(id / 64); }
+    std::bitset<256> keys() const {
+        std::bitset<256> keys;
+        for (auto const& [b, word] : buckets) keys.set(b);
+        return keys;
+    }
     std::uint64_t word(Key b) const { return buckets.contains(b) ? buckets.at(b) : 0; }
     void update(Key b, std::uint64_t word) {
         if (word == 0)
@@ -166,6 +172,16 @@ struct IdSetModel {
     }
 };
 
+// What the buckets differ in, which are all that a set is; empty: in nothing.
+inline std::string differentBuckets(Mox::IdSet const& set, IdSetModel const& model) {
+    auto bucket = set.bucketIterator();
+    for (auto const& [b, word] : model.buckets) {
+        if (!bucket || bucket.key() != Mox::BucketId(b) || bucket.word() != word) return "walk over the buckets";
+        ++bucket;
+    }
+    return bucket ? "end of the walk over the buckets" : "";
+}
+
 // The first thing in which the set differs from the model; empty when nothing does. All that can be asked of a set.
 inline std::string difference(Mox::IdSet const& set, IdSetModel const& model) {
     using Mox::BucketId;
@@ -178,12 +194,7 @@ inline std::string difference(Mox::IdSet const& set, IdSetModel const& model) {
         if (set.bucket(key) != model.word(key.value())) return "word of bucket " + std::to_string(b);
         if (set.bucketExists(key) != model.buckets.contains(key.value())) return "bucket " + std::to_string(b);
     }
-    auto bucket = set.bucketIterator();
-    for (auto const& [b, word] : model.buckets) {
-        if (!bucket || bucket.key() != BucketId(b) || bucket.word() != word) return "walk over the buckets";
-        ++bucket;
-    }
-    if (bucket) return "end of the walk over the buckets";
+    if (auto const what = differentBuckets(set, model); !what.empty()) return what;
     if (set.ids() != model.ids()) return "ids";
     if (bool(set) != (model.size != 0 || !model.buckets.empty())) return "truth";
 
@@ -248,7 +259,7 @@ inline std::string take(IdSetStep const& step, IdSetPair& pair, IdSetPair const&
     unsigned const b = model.size ? step.b % model.size : 0;
     auto const key = static_cast<Mox::U8>(step.a);
     bool same = true;
-    auto const keysBefore = model.buckets;
+    auto const keysBefore = model.keys();
     auto const counterBefore = set.bucketChangeCounter();
     unsigned const operation = step.operation % IdSetStep::operations;
     bool const onMember = operation < 5;
@@ -358,13 +369,13 @@ inline std::string take(IdSetStep const& step, IdSetPair& pair, IdSetPair const&
                (other.set < set) == (other.model < model) && (!(set == other.set) || set.hash(9) == other.set.hash(9));
         break;
     }
-    std::ostringstream where;
-    where << "operation " << operation << " (" << step.a << ", " << step.b << ", " << step.word << ")";
-    if (!same) return "result of " + where.str();
-    if (operation < 12 && set.bucketChangeCounter() == counterBefore) {
-        bool moved = keysBefore.size() != model.buckets.size();
-        for (auto const& [bucket, word] : keysBefore) moved = moved || !model.buckets.contains(bucket);
-        if (moved) return "change counter did not move in " + where.str();
-    }
+    auto const where = [&] {
+        std::ostringstream text;
+        text << "operation " << operation << " (" << step.a << ", " << step.b << ", " << step.word << ")";
+        return text.str();
+    };
+    if (!same) return "result of " + where();
+    bool const moved = operation < 12 && model.keys() != keysBefore;
+    if (moved && set.bucketChangeCounter() == counterBefore) return "change counter did not move in " + where();
     return {};
 }
