@@ -261,6 +261,14 @@ TEST_F(HostileSourceTest, KindThatNobodyKnowsIsRefusedBeforeItsMessageIsThere) {
     expectRefused({0x47, 0x45, 0x54}, "no message is of kind 84");
 }
 
+TEST_F(HostileSourceTest, NothingIsReadBehindALengthThatEndsTheInput) {
+    Bytes bytes = message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; });
+    bytes.insert(bytes.end(), {7, 0xff});  // the length of another message; then what has not come
+    replica.input(std::span(bytes).first(bytes.size() - 1));
+    EXPECT_EQ(replica.error(), "");
+    EXPECT_EQ(replica.inputHeld(), 1u);
+}
+
 TEST_F(HostileSourceTest, MessageWithoutAKindIsRefused) { expectRefused({0, 0, 0, 0}, "a message without a kind"); }
 
 TEST_F(HostileSourceTest, UnknownKindIsRefused) {
