@@ -181,6 +181,7 @@ Vel::String errorOfCircle(PrefixTrie& copy, unsigned member, char const* key) {
     sm.clear();
     send(MessageKind::keySet,
         [&](auto& out) { out << Compact{3} << Compact{262} << Vel::String(key) << Compact{member}; });
+    send(MessageKind::synced, [](auto&) {});  // until then what is between them may still be taken out
     replica.input(sm.bytes());
     return replica.error();
 }
