@@ -60,8 +60,8 @@ private:
     Admission admission_;
     AttrLogSource* source_ = nullptr;
     std::unordered_map<std::string, U64, TableHasher> modules_;  // the reader's, with fingerprints
-    std::vector<EntityId> gone_;                    // to be told when all else is sent
-    std::shared_ptr<NboAttrLog::Out const> kept_;   // the chunk that the last output stands in
+    std::vector<EntityId> gone_;                                 // to be told when all else is sent
+    std::shared_ptr<NboAttrLog::Out const> kept_;                // the chunk that the last output stands in
     NboAttrLog::AttrLog::Position position_;
     String refusal_;
     std::size_t modulesHeld_ = 0;  // bytes of modules_
