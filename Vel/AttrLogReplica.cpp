@@ -438,13 +438,14 @@ AttrLogReplica::Place AttrLogReplica::collection(In& body) {
 // those that were mentioned are noted, and not looked for.
 void AttrLogReplica::keysAgain(In& body) {
     Place const place = collection(body);
-    auto& [keys, mentioned, comesAgain] = unmentioned_[{place.id, place.attribute->id}];
-    if (std::exchange(comesAgain, true)) {
-        keys.merge(mentioned);
-        mentioned.clear();
+    Unmentioned& unmentioned = unmentioned_[{place.id, place.attribute->id}];
+    if (std::exchange(unmentioned.comesAgain, true)) {
+        unmentioned.keys.merge(unmentioned.mentioned);
+        unmentioned.mentioned.clear();
         return;
     }
-    ReplicaSize::eachKey(*place.attribute, *place.entity, [&](std::span<U8 const> key) { keys.insert(textOf(key)); });
+    ReplicaSize::eachKey(
+        *place.attribute, *place.entity, [&](std::span<U8 const> key) { unmentioned.keys.insert(textOf(key)); });
 }
 
 // What has gone goes now, or at the sync mark if that is still to come.
