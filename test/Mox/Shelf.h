@@ -4,13 +4,26 @@
 #include "Vel/HashMap.h"
 #include "Vel/OrderedMap.h"
 
+#include <set>
+#include <vector>
+
 // An entity with two collections of entities that others own: under keys of their own choice, and under numbers. Putting
 // a member where another is replaces it, and tells observers once.
 class Shelf : public Vel::EntityOf<Shelf> {
     using Member = Vel::Ptr<Vel::Entity>;
 
 public:
-    explicit Shelf(Vel::String const& name) : EntityOf(name) {}
+    explicit Shelf(Vel::String const& name) : EntityOf(name) { all().insert(this); }
+    ~Shelf() override { all().erase(this); }
+    // Shelves may hold each other in circles, which nobody frees, and which need not be reachable any more.
+    static void emptyAll() {
+        std::vector<Vel::Ptr<Shelf>> shelves;
+        for (Shelf* const shelf : all()) shelves.push_back(shelf);
+        for (auto const& shelf : shelves) {
+            shelf->items_.clear();
+            shelf->ranks_.clear();
+        }
+    }
 
     Member item(std::string_view key) const {
         Member const* const found = items_.find(key);
@@ -39,10 +52,6 @@ public:
     void rankDel(Vel::U8 key) {
         if (ranks_.erase(key)) velNotify(rankAttribute, key);
     }
-    void cut() {  // of what may lead in circles
-        items_.clear();
-        ranks_.clear();
-    }
 
     static constexpr auto description() {
         return Vel::entity("Simulation::Shelf",
@@ -54,6 +63,11 @@ public:
     static constexpr Vel::AttributeId itemAttribute = 258, rankAttribute = 259;
 
 private:
+    static std::set<Shelf*>& all() {
+        static std::set<Shelf*> shelves;
+        return shelves;
+    }
+
     Vel::HashMap<Vel::String, Member> items_;
     Vel::OrderedMap<Vel::U8, Member> ranks_;
 };

@@ -42,11 +42,7 @@ Step randomChange(Random& random) {
 
 World::~World() {
     Thing::cutAllPointers();
-    std::vector<Ptr<Shelf>> shelves;
-    walk(*root_, [&](Vel::Entity& entity) {
-        if (auto const shelf = dynamic_cast<Shelf*>(&entity)) shelves.push_back(shelf);
-    });
-    for (auto const& shelf : shelves) shelf->cut();
+    Shelf::emptyAll();
 }
 
 template <class E> Ptr<E> World::any(U16 n) {

@@ -145,12 +145,6 @@ Mounted::~Mounted() {
     cut();
     watches_.clear();
     observers_.clear();
-    if (!replica_.root()) return;
-    std::vector<Ptr<Shelf>> shelves;
-    walk(*replica_.root(), [&](Vel::Entity& entity) {
-        if (auto* const shelf = dynamic_cast<Shelf*>(&entity)) shelves.push_back(shelf);
-    });
-    for (auto const& shelf : shelves) shelf->cut();
 }
 
 void Mounted::connect() {
