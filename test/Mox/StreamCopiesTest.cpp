@@ -72,6 +72,17 @@ template <class E = Mox::PrefixTrie> Ptr<E> copyOf(Pair const& pair, char const*
     return pair.replica.root() ? Vel::ptr_cast<E>(pair.replica.root()->entity(path)) : nullptr;
 }
 
+// --- flows that stop ---
+
+TEST(StoppedFlowTest, CollectionThatWasCutGoesOnWhereItStopped) {
+    auto const trie = Mox::prefixTrieFactory("t");
+    for (char const* const key : {"a", "b", "c"}) trie->newChildIs(key);
+    Pair pair(trie);
+    pair.connect();
+    carryUntil(pair, [&] { return pair.replica.state() == Vel::AttrLogReplica::State::synced; });
+    pair.expectEqual();
+}
+
 // --- deletions before a flow begins ---
 
 // A trie "a" that refers to the member "k" of a trie "b"; a copy that has been told of it by "a", and nothing of "b".
