@@ -3,10 +3,26 @@
 #include "Vel/Exception.h"
 
 #include <fstream>
+#include <functional>
+#include <utility>
 
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+std::function<void()> beforeLock;  // called once
+
+}  // namespace
+
+// In the place of the C library's, so that something can happen after a lock's file was opened and before it is locked.
+extern "C" __attribute__((visibility("default"))) int flock(int file, int operation) noexcept {
+    if (auto const happens = std::exchange(beforeLock, nullptr)) happens();
+    return static_cast<int>(::syscall(SYS_flock, file, operation));
+}
 
 namespace {
 
@@ -142,6 +158,23 @@ TEST_F(ServerSocketTest, ASocketWhoseLockIsHeldIsNotTakenOver) {
     EXPECT_TRUE(exists(address()));
     ::close(lock);
     EXPECT_EQ(refusal(address()), "listens at " + address().text().stdString());
+}
+
+TEST_F(ServerSocketTest, AServerWhoseSocketWasTakenAwayKeepsItsPlace) {
+    Server server(loop, served);
+    server.listen(address());
+    ASSERT_EQ(::unlink(folder.path("socket").charPtr()), 0);
+    EXPECT_EQ(refusal(address()), address().text() + ": Address already in use (EADDRINUSE)");
+}
+
+// As when the server that held it ends just then.
+TEST_F(ServerSocketTest, ALockWhoseFileGoesMeanwhileIsTakenAgain) {
+    String const lock = folder.path("socket.lock");
+    beforeLock = [&] { EXPECT_EQ(::unlink(lock.charPtr()), 0); };
+    Server server(loop, served);
+    server.listen(address());
+    EXPECT_FALSE(beforeLock);
+    EXPECT_TRUE(exists(address("socket.lock")));
 }
 
 TEST_F(ServerSocketTest, ALockThatWasLeftBehindMeansNothing) {

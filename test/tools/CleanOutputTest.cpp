@@ -93,6 +93,12 @@ TEST_F(MoxCleanOutputTest, WatchShowsARefusalOnOneLine) {
     EXPECT_EQ(lines(out), 1);
 }
 
+TEST_F(MoxCleanOutputTest, WatchShowsAnAddressOnOneLine) {
+    auto const watching = moxBeside({"watch", folder_.path() + "/s\n+ /forged Vel::Dir"});
+    EXPECT_EQ(watching->until("\n"), "# error: unix:" + folder_.path() +
+                                         "/s\\x0a+ /forged Vel::Dir: there is no such socket; nobody serves there\n");
+}
+
 TEST_F(MoxCleanOutputTest, WatchShowsARefusalInJsonWithoutAByteThatATerminalObeys) {
     RefusingServer const server(socket_, "no " + hostile);
     auto const watching = moxBeside({"watch", socket_, "--json"});
