@@ -413,7 +413,9 @@ bool isAsleep(pid_t thread) {
         bool const got = ::read(both[0], &c, 1) == 1;
         if (got && c != '.') [[maybe_unused]]
             ssize_t const written = ::write(STDERR_FILENO, &c, 1);
-        if (!got && wasDone) ::_exit(0);
+        if (got || !wasDone) continue;
+        tracer.join();
+        ::_exit(0);
     }
 }
 
