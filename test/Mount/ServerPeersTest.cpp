@@ -2,6 +2,8 @@
 
 #include <deque>
 
+#include <pwd.h>
+
 namespace {
 
 using namespace MountTest;
@@ -100,8 +102,8 @@ TEST_F(ServerPeersTest, AClientLeavesAServerOfAnUnexpectedUser) {
     options.peer.users = {"54321"};
     Client client(loop, address(), here, "copy", options);
     ASSERT_TRUE(until([&] { return !client.error().empty(); }));
-    EXPECT_EQ(client.error(), address().text() + ": user " + (::geteuid() == 0 ? "root" : client.error()) +
-                                  " serves there, who is not among those expected");
+    Vel::String const user(::getpwuid(::geteuid())->pw_name);
+    EXPECT_EQ(client.error(), address().text() + ": user " + user + " serves there, who is not among those expected");
     EXPECT_FALSE(here->entry("copy"));
 }
 

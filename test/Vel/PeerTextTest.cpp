@@ -31,7 +31,7 @@ TEST(PeerTextTest, BytesThatAreNoCharactersAreEscaped) {
 
 TEST(PeerTextTest, ALongTextIsCut) {
     EXPECT_EQ(peerText(std::string(256, 'x')), std::string(256, 'x'));
-    EXPECT_EQ(peerText(std::string(257, 'x')), std::string(253, 'x') + "...");
+    EXPECT_EQ(peerText(std::string(257, 'x')), std::string(253, 'x').append("..."));
     EXPECT_EQ(peerText(std::string(5'000'000, '\1')).length(), 255u);
 }
 
