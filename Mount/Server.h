@@ -26,7 +26,8 @@ public:
     ~Server();  // closes all connections; what was not sent is lost
 
     // Listens at one more address; returns it with the port that was chosen. The file of a Unix socket that nobody
-    // listens at any more is taken over. Throws ErrnoException, and RangeException for an address that is not to be served: plain TCP that is not loopback, tls without its files.
+    // listens at any more is taken over. Throws ErrnoException, and RangeException for an address that is not to be
+    // served: plain TCP that is not loopback, tls without its files.
     Address listen(Address const& address);
 
     std::size_t connections() const;

@@ -41,8 +41,9 @@ public:
     virtual ~StreamPeer();
 
     // What is to be sent next, at most `limit` bytes; empty when there is nothing. It may also be empty when there was much
-    // to look at and nothing to say yet: wantsOutput() is true then, and wake is called for another turn. It stays in place until output() is
-    // called again or the peer destroyed, whatever else happens, so it can be sent while input comes and entities change. REQUIRES: limit != 0.
+    // to look at and nothing to say yet: wantsOutput() is true then, and wake is called for another turn. It stays in place
+    // until output() is called again or the peer destroyed, whatever else happens, so it can be sent while input comes and
+    // entities change. REQUIRES: limit != 0.
     virtual std::span<U8 const> output(std::size_t limit);
     virtual void outputTaken(std::size_t count);  // bytes from the front of output(). REQUIRES: count <= its size
     virtual bool wantsOutput() const { return out_.size() != 0 || control_.size() != 0; }
