@@ -405,6 +405,9 @@ Result run(History const& history, bool tells) {
     auto const tell = [&](std::string words) {
         if (tells && !words.empty()) result.words.push_back(std::move(words));
     };
+    auto const lookAtAll = [&] {
+        for (auto const& m : mounted) m->look();
+    };
     for (Step const& step : history) {
         if (step.what == What::log) {
             tell("the log holds " + std::to_string(options.logSize) + " bytes and pieces of " +
@@ -413,13 +416,16 @@ Result run(History const& history, bool tells) {
         }
         ++result.steps;
         tell(step.what < What::connect ? world.apply(step) : mounted[step.n[0] % readers]->apply(step));
-        for (auto const& m : mounted) m->look();
+        lookAtAll();
         if (source.log().size() > options.logSize + (64u << 10)) result.violation = "the log grows: beyond its size";
         if (!result.violation.empty()) return result;
     }
     tell("everything arrives");
-    for (auto const& m : mounted)
-        if (result.violation.empty()) m->settle();
+    for (auto const& m : mounted) {
+        if (!result.violation.empty()) break;
+        m->settle();
+        lookAtAll();  // what one is sent may make others fall behind: entities that have gone are found then
+    }
     return result;
 }
 
