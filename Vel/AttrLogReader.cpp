@@ -252,6 +252,7 @@ void AttrLogReader::finishLogMessage() {
 }
 
 void AttrLogReader::toldToCatchUp() {
+    ++timesBehind_;
     finishLogMessage();
     knowledgeIs(*source_->live());
     isLive_ = false;

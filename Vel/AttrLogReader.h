@@ -31,7 +31,8 @@ public:
 
     bool isLive() const { return isLive_; }
     NboAttrLog::AttrLog::Position position() const { return position_; }
-    void toldToCatchUp();                    // it has fallen too far behind, and is not live any more
+    void toldToCatchUp();  // it has fallen too far behind, and is not live any more
+    U64 timesBehind() const { return timesBehind_; }
     void leaveSource(String const& reason);  // closing, with this error
     void refuseLater(String text);           // at the next output
     bool accepts(VelType type, String& reason) const;
@@ -68,6 +69,7 @@ private:
     std::size_t room_ = 0;
     U64 lastStep_ = 0;             // before which the output() that is under way stops
     std::size_t outstanding_ = 0;  // bytes of the log that the last output() gave and that were not taken
+    U64 timesBehind_ = 0;          // so often it was told to catch up
     bool isLive_ = false;
     bool isAwaiting_ = false;
     bool hasSynced_ = false;

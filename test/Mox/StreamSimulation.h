@@ -38,7 +38,6 @@ public:
 
     std::string apply(Step const& step);
     void settle();  // everything arrives, and stays connected; the copy equals the source then
-    void look();    // whether it is live still
 
 private:
     struct Watch;
@@ -54,6 +53,7 @@ private:
     void seen(ValueTable& table, String const& key);
     void atSyncMark();
     void compareNotifications();
+    U64 timesBehind() const;
     void watch();
     void violated(std::string const& text) {
         if (violation_.empty()) violation_ = text;
@@ -72,7 +72,7 @@ private:
     std::map<World::Place, U32> lastEntry_;
     std::map<U32, U32> atConnect_;
     std::vector<std::unique_ptr<Watch>> watches_;  // since it was last equal
-    bool wasLive_ = false;                         // all the time since
+    U64 timesBehind_ = 0;                          // the reader's, when watching began
     bool wasCut_ = false;
     U64 movesAtConnect_ = 0;
 };
