@@ -11,5 +11,6 @@
 #include "Mox/MaybeTypes.h"
 #include "Mox/PrefixTrie.h"
 #include "Mox/Seqno.h"
+#include "Mox/Statistics.h"
 #include "Mox/TristateTypes.h"
 #include "Mox/UniqueId.h"

@@ -1,5 +1,5 @@
-#include "EventsTest.h"
 #include "ModuleTable.h"
+#include "StatisticsTest.h"
 
 #include "Vel/Exception.h"
 #include "Vel/Module.h"

@@ -1,4 +1,4 @@
-#include "EventsTest.h"
+#include "StatisticsTest.h"
 
 #include <chrono>
 #include <cmath>
@@ -73,63 +73,6 @@ TEST(ConditionOrChangedTest, FieldsAreReadAndSet) {
     EXPECT_EQ(e, ConditionOrChanged(false, true, 5.0));
     e.whenIs(6.0);
     EXPECT_EQ(e, ConditionOrChanged(false, true, 6.0));
-}
-
-template <class T> class ConditionLikeTest : public testing::Test {};
-using ConditionLike = testing::Types<ConditionStat, ConditionOrCountStat, ConditionOrChangedStat>;
-TYPED_TEST_SUITE(ConditionLikeTest, ConditionLike, TypeNames);
-
-TYPED_TEST(ConditionLikeTest, FieldsAreReadAndSet) {
-    TypeParam s(true, most, 5.0);
-    EXPECT_EQ(s.current(), true);
-    EXPECT_EQ(s.changes(), most);
-    EXPECT_EQ(s.lastChange(), Seconds(5.0));
-    s.currentIs(false);
-    EXPECT_EQ(s, TypeParam(false, most, 5.0));
-    s.changesIs(7);
-    EXPECT_EQ(s, TypeParam(false, 7, 5.0));
-    s.lastChangeIs(6.0);
-    EXPECT_EQ(s, TypeParam(false, 7, 6.0));
-}
-
-TEST(EventStatTest, FieldsAreReadAndSet) {
-    EventStat s(true, most, 5.0);
-    EXPECT_EQ(s.current(), true);
-    EXPECT_EQ(s.count(), most);
-    EXPECT_EQ(s.last(), Seconds(5.0));
-    s.currentIs(false);
-    EXPECT_EQ(s, EventStat(false, most, 5.0));
-    s.countIs(7);
-    EXPECT_EQ(s, EventStat(false, 7, 5.0));
-    s.lastIs(6.0);
-    EXPECT_EQ(s, EventStat(false, 7, 6.0));
-}
-
-template <class T> class RunningTotalTest : public testing::Test {};
-using RunningTotals = testing::Types<CountStat, EventOrCountStat>;
-TYPED_TEST_SUITE(RunningTotalTest, RunningTotals, TypeNames);
-
-TYPED_TEST(RunningTotalTest, FieldsAreReadAndSet) {
-    TypeParam s(most, 5.0);
-    EXPECT_EQ(s.count(), most);
-    EXPECT_EQ(s.last(), Seconds(5.0));
-    s.countIs(7);
-    EXPECT_EQ(s, TypeParam(7, 5.0));
-    s.lastIs(6.0);
-    EXPECT_EQ(s, TypeParam(7, 6.0));
-}
-
-TEST(CountOrChangedStatTest, FieldsAreReadAndSet) {
-    CountOrChangedStat s(most, most - 1, 5.0);
-    EXPECT_EQ(s.count(), most);
-    EXPECT_EQ(s.changes(), most - 1);
-    EXPECT_EQ(s.lastChange(), Seconds(5.0));
-    s.countIs(7);
-    EXPECT_EQ(s, CountOrChangedStat(7, most - 1, 5.0));
-    s.changesIs(8);
-    EXPECT_EQ(s, CountOrChangedStat(7, 8, 5.0));
-    s.lastChangeIs(6.0);
-    EXPECT_EQ(s, CountOrChangedStat(7, 8, 6.0));
 }
 
 TEST(EventTest, TimesMayBeChronoDurations) {
@@ -241,60 +184,11 @@ TYPED_TEST(EventValueTest, CopiesAreIndependent) {
 
 // --- what only some types have ---
 
-template <class T>
-concept Increments = requires(T& value) {
-    value.countInc(1u);
-};
-template <class T>
-concept IncrementsChanges = requires(T& value) {
-    value.changesInc(1u);
-};
-template <class T, class E>
-concept Updates = requires(T& value, E const& event) {
-    value.updateIs(event);
-};
-template <class T, class... A>
-concept UpdatesFrom = requires(T& value, A... arguments) {
-    value.doUpdate(arguments...);
-};
-
 TEST(EventTest, ObservationsHaveNoOperations) {
     static_assert(!Increments<Event> && !Increments<Count> && !Increments<EventOrCount>);
     static_assert(!Increments<ConditionOrChanged> && !IncrementsChanges<Count> && !IncrementsChanges<EventOrCount>);
     static_assert(!Updates<Event, Event> && !Updates<Count, Count> && !Updates<EventOrCount, EventOrCount>);
     static_assert(!UpdatesFrom<Event, bool, Seconds> && !UpdatesFrom<Count, U32, Seconds>);
-}
-
-TEST(StatisticTest, OnlyCountersOfOccurrencesAndOfChangesIncrement) {
-    static_assert(Increments<EventStat> && Increments<CountStat> && Increments<EventOrCountStat>);
-    static_assert(!Increments<ConditionStat> && !Increments<ConditionOrCountStat>);
-    static_assert(!Increments<ConditionOrChangedStat> && !Increments<CountOrChangedStat>);
-    static_assert(IncrementsChanges<ConditionStat> && IncrementsChanges<ConditionOrCountStat>);
-    static_assert(IncrementsChanges<ConditionOrChangedStat> && IncrementsChanges<CountOrChangedStat>);
-    static_assert(!IncrementsChanges<EventStat> && !IncrementsChanges<CountStat>);
-    static_assert(!IncrementsChanges<EventOrCountStat>);
-}
-
-// Of the four observations, the statistic takes exactly E.
-template <class T, class E>
-constexpr bool takesOnly = Updates<T, E> && (Updates<T, Event> + Updates<T, Count> + Updates<T, EventOrCount> +
-                                                Updates<T, ConditionOrChanged>) == 1;
-
-TEST(StatisticTest, EachTakesItsOwnKindOfObservation) {
-    static_assert(takesOnly<ConditionStat, Event> && takesOnly<EventStat, Event>);
-    static_assert(takesOnly<CountStat, Count> && takesOnly<CountOrChangedStat, Count>);
-    static_assert(takesOnly<EventOrCountStat, EventOrCount> && takesOnly<ConditionOrCountStat, EventOrCount>);
-    static_assert(takesOnly<ConditionOrChangedStat, ConditionOrChanged>);
-}
-
-TEST(StatisticTest, EachTakesTheObservationsPartsInOrder) {
-    static_assert(UpdatesFrom<ConditionStat, bool, Seconds> && !UpdatesFrom<ConditionStat, bool>);
-    static_assert(UpdatesFrom<EventStat, U1, Seconds> && UpdatesFrom<CountStat, U32, Seconds>);
-    static_assert(UpdatesFrom<EventOrCountStat, bool, U32, Seconds>);
-    static_assert(UpdatesFrom<ConditionOrCountStat, bool, U32, Seconds>);
-    static_assert(UpdatesFrom<ConditionOrChangedStat, bool, bool, Seconds>);
-    static_assert(!UpdatesFrom<ConditionOrChangedStat, bool, U32, Seconds>);
-    static_assert(UpdatesFrom<CountOrChangedStat, U32, Seconds>);
 }
 
 template <class T>
@@ -319,17 +213,5 @@ TYPED_TEST(EventValueTest, TemporariesAreNotModified) { EXPECT_FALSE(ChangesATem
 static_assert(Facts<Event>::sample().when() == Seconds(1700000000.125));
 static_assert(Facts<CountOrChangedStat>::sample() == CountOrChangedStat(16909060, 84281096, 1700000000.125));
 static_assert(ConditionOrChanged() == ConditionOrChanged(false, false, 0.0));
-static_assert([] {
-    CountStat s(most, 1.0);
-    s.updateIs(Count(2, 9.0));
-    s.countInc(3);
-    return s == CountStat(4, 9.0);
-}());
-static_assert([] {
-    ConditionOrCountStat s(false, 10, 1.0);
-    s.doUpdate(true, 2, 9.0);
-    s.changesInc(1);
-    return s == ConditionOrCountStat(true, 14, 9.0);
-}());
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "EventsTest.h"
+#include "StatisticsTest.h"
 
 #include "Vel/Checked.h"
 #include "Vel/Exception.h"

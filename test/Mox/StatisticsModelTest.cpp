@@ -1,4 +1,4 @@
-#include "EventsTest.h"
+#include "StatisticsTest.h"
 
 #include <cstdint>
 #include <random>
