@@ -51,6 +51,8 @@ private:
     Vel::U16 value_ = 0;
 };
 
+struct Source;  // where an answer comes from, for the tool
+
 // The process's cache of its identity, at /<system>/cell in its directory tree. Accessors read what they do not know
 // yet, and throw as the free functions below do; lazy reads tell no observer. Mutators override what was read, and tell
 // the observers of the attribute when the value really changes.
@@ -95,6 +97,16 @@ public:
     }
 
 private:
+    friend struct Explained;
+
+    // As the accessors. from: set to where the answer comes from, unless it is null.
+    CellId cellIdFrom(Source* from) const;
+    CellId activeCellIdFrom(Source* from) const;
+    Vel::String cellTypeFrom(Source* from) const;
+    Vel::String productFrom(Source* from) const;
+    bool electionMgrSupportedFrom(Source* from) const;
+    bool cpuBmcModeFrom(Source* from) const;
+
     CellId cellId_;        // 0: not read yet
     CellId activeCellId_;  // the last answer
     Vel::String cellType_;

@@ -1,0 +1,17 @@
+#pragma once
+
+#include "Vel/Trace.h"
+
+namespace Cell {
+
+extern Vel::TraceHandle traceHandle;
+
+// A record at level 0. The line numbers and texts are fixed, so that people and scripts can look for them.
+template <class... Parts> void trace(unsigned line, char const* function, Parts const&... parts) {
+    if (!traceHandle.enabled(0)) [[likely]]
+        return;
+    Vel::TraceHelper helper(traceHandle, 0, "/src/Mox/Cell", line, function);
+    (helper.stream() << ... << parts);
+}
+
+}  // namespace Cell
