@@ -2,33 +2,23 @@
 
 #include "Mox/PrefixTrie.h"
 
-#include "Vel/Checked.h"
-
 #include <string_view>
 
-// A prefix trie to use as it is, or to copy from: the state of a prefix is a set of tags, what is below a prefix inherits
-// its tags, and two sets merge into their union.
+// A prefix trie to copy from: the state of a prefix is a set of tags, what is below a prefix inherits its tags, and two
+// sets merge into their union. Tries from "mox serve --trie" are of types with the same names and attributes.
 namespace Tags {
 
-// Tags are texts without blanks, control bytes, commas and braces. A set of them is the text "a,b": each tag once, in the
-// order of their bytes, with commas between them; nothing for no tags.
+// A set of tags is the text "a,b": each tag once, in the order of their bytes; nothing for no tags.
+Vel::String tagSet(std::string_view list);  // of tags in any order
 
-// The set that `text` lists in any order, with braces around it or without; or what is wrong with it.
-Vel::Checked<Vel::String> checkedTags(std::string_view text);
-
-// The union of two sets. When it is equal to one of them, it shares that one's storage; equal results share theirs.
-Vel::String unitedTags(Vel::String const& a, Vel::String const& b);
-
-// The state of a prefix. Takes 48 bytes, 64 with what the allocator adds, and shares the text of its set with all states
-// that have the same one: a state without tags takes nothing more.
-// Threads: as the trie that it belongs to.
+// The state of a prefix.
 class TagState : public Vel::EntityOf<TagState, Mox::PrefixTrieState> {
 public:
     TagState();
     ~TagState() override;
 
     Vel::String tags() const { return tags_; }
-    void tagsIs(Vel::String const& v) { velSet<&TagState::tags_>(v); }  // REQUIRES: a set, as checkedTags makes it
+    void tagsIs(Vel::String const& v) { velSet<&TagState::tags_>(v); }  // REQUIRES: a set
 
     // Takes on the tags of `inheritedState`, a TagState. It makes no difference where they come from.
     bool upgradeState(Vel::Ptr<Mox::PrefixTrieState> const& inheritedState, bool inheritedOnly) override;
@@ -44,8 +34,7 @@ private:
     Vel::String tags_;
 };
 
-// A trie of TagStates. What prefixDel prunes is released, since its state means nothing any more.
-// Threads: one at a time.
+// A trie of TagStates. Threads: one at a time.
 class TagTrie : public Vel::EntityOf<TagTrie, Mox::PrefixTrie> {
 public:
     explicit TagTrie(Vel::String const& name);

@@ -18,9 +18,8 @@ int serve(char const* address, std::span<char* const> prefixes) {
     auto const trie = Tags::TagTrie::newEntity("racks");
     for (std::string_view const prefix : prefixes) {
         auto const equals = std::min(prefix.find('='), prefix.size());
-        auto const tags = Tags::checkedTags(prefix.substr(std::min(equals + 1, prefix.size())));
         auto const state = Tags::TagState::newEntity();
-        state->tagsIs(*tags);
+        state->tagsIs(Tags::tagSet(prefix.substr(std::min(equals + 1, prefix.size()))));
         trie->prefixIs(Vel::String(prefix.substr(0, equals)), state);
     }
     Mount::Loop loop;

@@ -1,5 +1,5 @@
-#include "tools/StateFile.h"
-#include "tools/TreeLines.h"
+#include "tools/lib/StateFile.h"
+#include "tools/lib/TreeLines.h"
 
 #include <cstdint>
 #include <cstdio>

@@ -1,7 +1,7 @@
-#include "tools/Clean.h"
 #include "tools/Commands.h"
-#include "tools/Output.h"
 #include "tools/Sources.h"
+#include "tools/lib/Clean.h"
+#include "tools/lib/Output.h"
 
 #include "Mox/Cell.h"
 #include "Redundancy/RedundancyStatus.h"

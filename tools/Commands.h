@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tools/lib/Connection.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -63,11 +65,7 @@ struct TrieOptions {
 int runTrie(TrieOptions const& options);  // somethingWrong also when an answer is no, and when tries differ
 
 // What all commands on a server's live state are asked.
-struct LiveOptions {
-    std::string address;  // as Mount::Address takes it
-    std::string path = "/";
-    double timeout = 5;                       // seconds in which something has to come
-    std::string certificate, key, authority;  // files, for tls: addresses
+struct LiveOptions : ConnectionOptions {
     bool json = false;
 };
 
@@ -107,8 +105,5 @@ struct TreeOptions : LiveOptions {
     std::optional<std::size_t> depth;  // levels to draw below the first
 };
 int runTree(TreeOptions const& options);
-
-// Loads libraries of further types. Returns the exit code: a library that brings no types is worth a warning.
-int loadModules(std::vector<std::string> const& paths);
 
 }  // namespace Tool

@@ -1,9 +1,9 @@
-#include "tools/Clean.h"
 #include "tools/Commands.h"
-#include "tools/Connection.h"
-#include "tools/Names.h"
-#include "tools/TreeLines.h"
-#include "tools/ValueText.h"
+#include "tools/lib/Clean.h"
+#include "tools/lib/Connection.h"
+#include "tools/lib/Names.h"
+#include "tools/lib/TreeLines.h"
+#include "tools/lib/ValueText.h"
 
 #include "Vel/Exception.h"
 

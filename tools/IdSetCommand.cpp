@@ -1,9 +1,9 @@
-#include "tools/Clean.h"
 #include "tools/Commands.h"
-#include "tools/Complaints.h"
-#include "tools/Input.h"
-#include "tools/Names.h"
-#include "tools/Output.h"
+#include "tools/lib/Clean.h"
+#include "tools/lib/Complaints.h"
+#include "tools/lib/Input.h"
+#include "tools/lib/Names.h"
+#include "tools/lib/Output.h"
 
 #include "Mox/IdSet.h"
 

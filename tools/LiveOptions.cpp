@@ -1,6 +1,6 @@
 #include "tools/LiveOptions.h"
 
-#include "tools/Output.h"
+#include "tools/lib/Output.h"
 
 #include <CLI/CLI.hpp>
 

@@ -1,11 +1,11 @@
-#include "tools/Clean.h"
 #include "tools/Commands.h"
-#include "tools/Complaints.h"
-#include "tools/Connection.h"
-#include "tools/Input.h"
-#include "tools/StandardFiles.h"
-#include "tools/StateFile.h"
-#include "tools/TrieFile.h"
+#include "tools/lib/Clean.h"
+#include "tools/lib/Complaints.h"
+#include "tools/lib/Connection.h"
+#include "tools/lib/Input.h"
+#include "tools/lib/StandardFiles.h"
+#include "tools/lib/StateFile.h"
+#include "tools/lib/TrieFile.h"
 
 #include "Mount/Server.h"
 

@@ -1,7 +1,7 @@
 #include "tools/Commands.h"
-#include "tools/Connection.h"
-#include "tools/TreeLines.h"
-#include "tools/ValueText.h"
+#include "tools/lib/Connection.h"
+#include "tools/lib/TreeLines.h"
+#include "tools/lib/ValueText.h"
 
 #include <algorithm>
 

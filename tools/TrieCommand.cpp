@@ -1,8 +1,8 @@
 #include "tools/Commands.h"
-#include "tools/Names.h"
-#include "tools/TrieDifference.h"
-#include "tools/TrieFile.h"
-#include "tools/TrieTree.h"
+#include "tools/lib/Names.h"
+#include "tools/lib/TrieDifference.h"
+#include "tools/lib/TrieFile.h"
+#include "tools/lib/TrieTree.h"
 
 #include <algorithm>
 #include <optional>

@@ -1,7 +1,7 @@
-#include "tools/Clean.h"
 #include "tools/Commands.h"
-#include "tools/Names.h"
-#include "tools/Output.h"
+#include "tools/lib/Clean.h"
+#include "tools/lib/Names.h"
+#include "tools/lib/Output.h"
 
 #include "Vel/Module.h"
 

@@ -1,8 +1,8 @@
-#include "tools/Clean.h"
 #include "tools/Commands.h"
-#include "tools/Connection.h"
-#include "tools/Moments.h"
-#include "tools/TreeLines.h"
+#include "tools/lib/Clean.h"
+#include "tools/lib/Connection.h"
+#include "tools/lib/Moments.h"
+#include "tools/lib/TreeLines.h"
 
 #include "Vel/Exception.h"
 

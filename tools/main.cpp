@@ -1,9 +1,10 @@
-#include "tools/Clean.h"
 #include "tools/Commands.h"
 #include "tools/LiveOptions.h"
-#include "tools/Names.h"
-#include "tools/Output.h"
-#include "tools/StandardFiles.h"
+#include "tools/lib/Clean.h"
+#include "tools/lib/Modules.h"
+#include "tools/lib/Names.h"
+#include "tools/lib/Output.h"
+#include "tools/lib/StandardFiles.h"
 
 #include <CLI/CLI.hpp>
 

@@ -1,0 +1,203 @@
+#include "tools/lib/Connection.h"
+
+#include "tools/lib/Clean.h"
+#include "tools/lib/EntityTree.h"
+#include "tools/lib/Names.h"
+#include "tools/lib/Output.h"
+
+#include "Vel/Exception.h"
+
+#include <algorithm>
+
+namespace Tool {
+
+using Vel::Entity;
+
+namespace {
+
+constexpr char nothingThere[] = "there is nothing at ";
+
+// The names of what can be below the entity.
+std::vector<std::string> namesBelow(Entity const& entity, std::size_t most) {
+    std::vector<std::string> names;
+    EntityTree const tree(const_cast<Entity&>(entity), "/");
+    for (auto const& [place, node] : tree.root().children()) {
+        if (names.size() == most) break;
+        names.push_back(node->step());
+    }
+    return names;
+}
+
+// The path that a server is asked for: it knows names without separators only, so perhaps of less than all steps.
+std::string askedPath(std::vector<Step> const& steps, std::size_t count) {
+    std::string path;
+    for (std::size_t i = 0; i < count; ++i) path += "/" + steps[i].key;
+    return path.empty() ? "/" : path;
+}
+
+std::size_t askable(std::vector<Step> const& steps) {
+    std::size_t count = 0;
+    while (count < steps.size() && steps[count].attribute.empty() && steps[count].hasKey && !steps[count].key.empty() &&
+           steps[count].key.find('/') == std::string::npos)
+        ++count;
+    return count;
+}
+
+// What a path of prefixes leads to, such as "/rack1.port7": its keys begin with their separators, and stand in one
+// another without more of them. Null: nothing.
+Entity* entityAlong(Entity& from, std::string const& path) {
+    std::string const text = decodedStep(path);
+    Entity* at = &from;
+    for (std::size_t begin = 0; at && begin < text.size();) {
+        std::size_t const end = std::min(text.find_first_of("/.", begin + 1), text.size());
+        std::string const key = text.substr(begin, end - begin);
+        Step const name{"", key, true, 0}, bare{"", key.substr(1), true, 0};
+        Entity* const next = entityAt(*at, placeOf(*at, name));
+        at = next || !key.starts_with('/') ? next : entityAt(*at, placeOf(*at, bare));
+        begin = end;
+    }
+    return at;
+}
+
+}  // namespace
+
+Mount::Address addressFrom(std::string const& text) {
+    try {
+        return Mount::Address(Vel::String(text));
+    } catch (Vel::RangeException const& error) {
+        throw Failure(badUsage, cleaned(error.text().view()));
+    }
+}
+
+Mount::TlsFiles tlsFilesFrom(ConnectionOptions const& options) {
+    std::size_t const given = !options.certificate.empty() + !options.key.empty() + !options.authority.empty();
+    if (given != 0 && given != 3)
+        throw Failure(badUsage, "--cert, --key and --authority belong together: a tls: address needs all three");
+    if (given == 0 && options.address.starts_with("tls:"))
+        throw Failure(badUsage, "a tls: address needs --cert FILE --key FILE --authority FILE");
+    return {options.certificate.c_str(), options.key.c_str(), options.authority.c_str()};
+}
+
+std::chrono::nanoseconds secondsFrom(double seconds) {
+    constexpr double most = 1e9;  // some thirty years
+    if (!(seconds >= 0)) throw Failure(badUsage, "--timeout: a number of seconds expected, not less than 0");
+    return std::chrono::nanoseconds(static_cast<std::int64_t>(std::min(seconds, most) * 1e9));
+}
+
+std::string adviceFor(std::string_view error) {
+    auto const has = [&](std::string_view part) { return error.find(part) != std::string_view::npos; };
+    if (has("no module of the client has the entity type") || has("the client has no such module"))
+        return "; --module LIB.so loads a library of further types";
+    if (has("fingerprint") && has(" at the client")) return "; this tool and the server are of different versions";
+    return "";
+}
+
+std::string normalPath(std::string const& path) {
+    std::string normal;
+    std::size_t begin = 0;
+    for (Step const& step : stepsOf(path)) {
+        begin = path.find_first_not_of('/', begin);
+        normal += "/" + path.substr(begin, step.end - begin);
+        begin = step.end;
+    }
+    return normal.empty() ? "/" : normal;
+}
+
+std::string withAddress(ConnectionOptions const& options, std::string const& error) {
+    std::string const address = addressFrom(options.address).text().stdString();
+    return error.starts_with(address) ? error : address + ": " + error;
+}
+
+// --- connections ---
+
+Vel::Ptr<Vel::Dir> placeForCopy() {
+    static auto& places = *new std::vector<Vel::Ptr<Vel::Dir>>;
+    return places.emplace_back(Vel::Dir::newEntity(""));
+}
+
+Connection::Connection(ConnectionOptions const& options, std::string const& path, bool wantsToWrite)
+    : options_(options) {
+    Mount::ClientOptions client;
+    client.path = Vel::String(path);
+    client.wantsToWrite = wantsToWrite;
+    client.peer.tls = tlsFilesFrom(options);
+    client.connectTimeout = std::chrono::duration_cast<Mount::Milliseconds>(secondsFrom(options.timeout));
+    Mount::Address const address = addressFrom(options.address);
+    try {
+        client_.emplace(loop_, address, place_, "copy", client);
+    } catch (Vel::Exception const& error) {
+        throw Failure(badUsage, cleaned(error.text().view()));
+    }
+    client_->onErrorIs([this](Vel::String const& error) {
+        if (error_.empty()) error_ = error.empty() ? "the connection was closed" : error.stdString();
+    });
+}
+
+bool Connection::sync() {
+    auto const isDone = [&] { return client_->state() == Mount::Client::State::synced || !error_.empty(); };
+    Vel::U64 seen = 0;
+    while (!loop_.runUntil(isDone, secondsFrom(options_.timeout))) {
+        Vel::U64 const now = client_->replica().messagesIn();
+        if (now == seen)
+            throw Failure(somethingWrong, options_.address + ": nothing has come for " +
+                                              Vel::format("%g", options_.timeout).stdString() +
+                                              " s; --timeout S waits longer");
+        seen = now;
+    }
+    if (error_.empty()) return true;
+    if (error_.find(nothingThere) != std::string::npos) return false;
+    throw Failure(somethingWrong, cleaned(withAddress(options_, error_)) + adviceFor(error_));
+}
+
+Entity& Connection::root() { return *client_->replica().root(); }
+
+// --- entities ---
+
+Found::Found(ConnectionOptions const& options, std::string const& path, bool wantsToWrite) : options_(options) {
+    std::vector<Step> const steps = stepsOf(path);
+    std::size_t count = askable(steps);
+    connect(steps, count, wantsToWrite);
+    // What is not found by name is looked for in a copy of what is above it, to say what there is.
+    bool isThere = connection_->sync();
+    while (!isThere && count > 0) {
+        connect(steps, --count, wantsToWrite);
+        isThere = connection_->sync();
+    }
+    if (!isThere) throw Failure(somethingWrong, cleaned(withAddress(options, connection_->error())));
+    rootPath_ = normalPath(path.substr(0, count == 0 ? 0 : steps[count - 1].end));
+    entity_ = &connection_->root();
+    for (std::size_t i = count; i < steps.size(); ++i) {
+        Entity* next = entityAt(*entity_, placeOf(*entity_, steps[i]));
+        std::size_t const begin = i == 0 ? 0 : steps[i - 1].end;
+        if (!next && steps[i].attribute.empty() && (next = entityAlong(*entity_, path.substr(begin)))) i = steps.size();
+        if (!next) failMissing(*entity_, normalPath(path.substr(0, begin)), steps[i]);
+        entity_ = next;
+    }
+}
+
+void Found::connect(std::vector<Step> const& steps, std::size_t count, bool wantsToWrite) {
+    connection_.reset();
+    connection_.emplace(options_, askedPath(steps, count), wantsToWrite);
+}
+
+void Found::failMissing(Entity const& above, std::string const& path, Step const& step) const {
+    constexpr std::size_t most = 10000, some = 10;
+    std::vector<std::string> names = namesBelow(above, most);
+    std::string const wanted = step.attribute.empty() ? step.key : "@" + step.attribute;
+    auto const near = nearest(wanted, names);
+    std::string text = path + " has no " + shortened(shown(wanted), 80);
+    if (attributeNamed(above.fwkType(), wanted))
+        text = path + " has no entity " + wanted + ", but an attribute: \"mox get " + options_.address + " " + path +
+               " " + wanted + "\"";
+    else if (names.empty())
+        text += "; there is nothing below this " + std::string(above.fwkType().name());
+    else if (!near.empty())
+        text += "; did you mean " + alternatives(near) + "?";
+    else if (names.size() <= some)
+        text += ", only " + joined(names, ", ");
+    else
+        text += "; \"mox ls " + options_.address + " " + path + "\" lists what it has";
+    throw Failure(somethingWrong, text);
+}
+
+}  // namespace Tool

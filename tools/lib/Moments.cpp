@@ -1,0 +1,54 @@
+#include "tools/lib/Moments.h"
+
+#include "tools/lib/Output.h"
+
+#include "Vel/Format.h"
+
+#include <ctime>
+
+namespace Tool {
+
+using std::chrono::duration_cast;
+using std::chrono::milliseconds;
+
+TimeForm timeFormFrom(std::string const& text) {
+    constexpr std::pair<char const*, TimeForm> forms[] = {
+        {"local", TimeForm::local}, {"utc", TimeForm::utc}, {"relative", TimeForm::relative}, {"none", TimeForm::none}};
+    for (auto const& [name, form] : forms)
+        if (text == name) return form;
+    throw Failure(badUsage, "--time: " + shortened(shown(text), 80) + " is none of local, utc, relative and none");
+}
+
+std::string Moments::sinceBegin() const {
+    auto const time = duration_cast<milliseconds>(std::chrono::steady_clock::now() - begin_).count();
+    return Vel::format("%ld.%03ld", static_cast<long>(time / 1000), static_cast<long>(time % 1000)).stdString();
+}
+
+// The form is of strftime, without fractions and the zone.
+std::string Moments::date(char const* form, bool withZone) const {
+    auto const now = duration_cast<milliseconds>(std::chrono::system_clock::now().time_since_epoch()).count();
+    std::time_t const seconds = now / 1000;
+    std::tm parts{};
+    if (form_ == TimeForm::utc)
+        ::gmtime_r(&seconds, &parts);
+    else
+        ::localtime_r(&seconds, &parts);
+    char text[64], zone[16];
+    std::strftime(text, sizeof text, form, &parts);
+    std::strftime(zone, sizeof zone, "%z", &parts);  // "+0130"
+    std::string const all = text + Vel::format(".%03ld", static_cast<long>(now % 1000)).stdString();
+    if (form_ == TimeForm::utc) return all + "Z";
+    return withZone ? all + std::string(zone).insert(3, ":") : all;
+}
+
+std::string Moments::text() const {
+    if (form_ == TimeForm::none) return "";
+    return form_ == TimeForm::relative ? "+" + sinceBegin() : date("%Y-%m-%d %H:%M:%S", false);
+}
+
+std::string Moments::isoText() const {
+    if (form_ == TimeForm::none) return "";
+    return form_ == TimeForm::relative ? "PT" + sinceBegin() + "S" : date("%Y-%m-%dT%H:%M:%S", true);
+}
+
+}  // namespace Tool

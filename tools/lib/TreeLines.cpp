@@ -1,0 +1,146 @@
+#include "tools/lib/TreeLines.h"
+
+#include "tools/lib/Clean.h"
+#include "tools/lib/ValueText.h"
+
+#include "Vel/Strep.h"
+
+namespace Tool {
+
+using Vel::Entity;
+using Vel::StreamAttribute;
+using Vel::StreamKind;
+
+std::string referenceText(EntityTree const& tree, Entity const* target) {
+    EntityTree::Node const* const node = target ? tree.find(*target) : nullptr;
+    return node ? node->path() : "None";
+}
+
+Json referenceJson(EntityTree const& tree, Entity const* target) {
+    EntityTree::Node const* const node = target ? tree.find(*target) : nullptr;
+    return node ? Json(node->path()) : Json();
+}
+
+namespace {
+
+template <class F> void eachKey(EntityTree::Node const& node, StreamAttribute const& collection, F const& f) {
+    std::unique_ptr<Vel::NboAttrLog::Bookmark> const keys(collection.bookmark(node.entity()));
+    Vel::NboAttrLog::Out out;
+    while (keys->left() != 0) {
+        out.clear();
+        keys->next(out);
+        f(keyFromEncoding(collection, {reinterpret_cast<char const*>(out.data()), out.size()}));
+    }
+}
+
+}  // namespace
+
+void eachReference(
+    EntityTree::Node const& node, std::function<void(StreamAttribute const&, std::string const&, Entity&)> const& f) {
+    for (StreamAttribute const& collection : node.table().attributes) {
+        if (!collection.holdsEntities()) continue;
+        eachKey(node, collection, [&](std::string const& key) {
+            if (node.children().contains({&collection, key})) return;
+            if (Entity* const member = memberOf(node.entity(), collection, key)) f(collection, key, *member);
+        });
+    }
+}
+
+void eachItem(EntityTree::Node const& node,
+    std::function<void(StreamAttribute const&, std::string const&, Vel::GenericValue const&)> const& f) {
+    for (StreamAttribute const& collection : node.table().attributes) {
+        if (collection.kind != StreamKind::values) continue;
+        eachKey(node, collection, [&](std::string const& key) {
+            if (auto const item = storedItem(node.entity(), collection, key)) f(collection, key, *item);
+        });
+    }
+}
+
+void TreeLines::add(Json json, bool isNote) {
+    count_ += !isNote;
+    if (std::string time = time_ ? time_(isNote) : ""; !time.empty()) json["time"] = std::move(time);
+    answers_.add(jsonLine(json) + "\n");
+}
+
+void TreeLines::add(std::string_view mark, std::string const& text) {
+    ++count_;
+    if (std::string const time = time_ ? time_(false) : ""; !time.empty()) answers_.add(time + " ");
+    answers_.add(mark);
+    answers_.add(text);
+    answers_.add("\n");
+}
+
+void TreeLines::entity(Node const& node, bool isNew) {
+    if (json_) return add({{"event", "entity"}, {"path", node.path()}, {"type", node.type().name()}});
+    std::string text = node.path() + " " + node.type().name();
+    if (node.above() && node.table().takesName && node.step().starts_with('@'))
+        text += " " + cleaned(Vel::valueToStrep(node.entity().name()).view());
+    add(isNew ? "+ " : "", text);
+}
+
+void TreeLines::whole(EntityTree const& tree, Node const& node, bool isNew) {
+    entity(node, isNew);
+    for (StreamAttribute const& attribute : node.table().attributes)
+        if (!attribute.isCollection()) this->attribute(tree, node, attribute);
+    eachReference(node, [&](StreamAttribute const& collection, std::string const& key, Entity&) {
+        member(tree, node, collection, key);
+    });
+    eachItem(node, [&](StreamAttribute const& collection, std::string const& key, Vel::GenericValue const&) {
+        member(tree, node, collection, key);
+    });
+}
+
+void TreeLines::attribute(EntityTree const& tree, Node const& node, StreamAttribute const& attribute) {
+    std::string const name = attributeName(node.type(), attribute.id);
+    bool const isValue = attribute.kind == StreamKind::value;
+    if (json_) {
+        Json json{{"event", "set"}, {"path", node.path()}, {"attribute", name}};
+        if (isValue)
+            json["value"] = jsonValue(storedValue(node.entity(), attribute));
+        else
+            json["target"] = referenceJson(tree, attribute.target(node.entity()));
+        return add(json);
+    }
+    add("", node.path() + " " + name + " = " +
+                (isValue ? valueText(storedValue(node.entity(), attribute))
+                         : referenceText(tree, attribute.target(node.entity()))));
+}
+
+void TreeLines::member(
+    EntityTree const& tree, Node const& node, StreamAttribute const& collection, std::string const& key) {
+    if (node.children().contains({&collection, key})) return;
+    std::string const name = attributeName(node.type(), collection.id);
+    Vel::GenericValue const value = keyValue(node.type(), collection, key);
+    bool const holdsValues = collection.kind == StreamKind::values;
+    Entity const* const member = holdsValues ? nullptr : memberOf(node.entity(), collection, key);
+    auto const item = holdsValues ? storedItem(node.entity(), collection, key) : std::nullopt;
+    if (json_)
+        return add({{"event", "member"}, {"path", node.path()}, {"collection", name}, {"key", jsonValue(value)},
+            {holdsValues ? "value" : "target", item          ? jsonValue(*item)
+                                               : holdsValues ? Json()
+                                                             : referenceJson(tree, member)}});
+    std::string const at = node.path() + " " + name + " " + valueText(value);
+    if (item)
+        add("", at + " = " + valueText(*item));
+    else if (member)
+        add("", at + " = " + referenceText(tree, member));
+    else
+        add("- ", at);
+}
+
+void TreeLines::gone(Node const& node) {
+    if (json_) return add({{"event", "gone"}, {"path", node.path()}});
+    add("- ", node.path());
+}
+
+void TreeLines::note(std::string_view event, std::string const& text, Json const& more) {
+    if (json_) {
+        Json json{{"event", event}};
+        json.update(more);
+        return add(std::move(json), true);
+    }
+    if (std::string const time = time_ ? time_(true) : ""; !time.empty()) answers_.add(time + " ");
+    answers_.add("# " + std::string(event) + (text.empty() ? "" : ": " + cleaned(text)) + "\n");
+}
+
+}  // namespace Tool
