@@ -1,14 +1,14 @@
 #include "tools/Commands.h"
-#include "tools/Sources.h"
 #include "tools/lib/Clean.h"
+#include "tools/lib/Numbers.h"
 #include "tools/lib/Output.h"
+#include "tools/lib/RootedCalls.h"
 
-#include "Mox/Cell.h"
+#include "Mox/internal/CellSource.h"
 #include "Redundancy/RedundancyStatus.h"
 #include "Vel/ActivityManager.h"
 #include "Vel/Dir.h"
 #include "Vel/Exception.h"
-#include "Vel/System.h"
 #include "Vel/Trace.h"
 
 #include <nlohmann/json.hpp>
@@ -23,36 +23,82 @@ namespace Tool {
 
 namespace {
 
+constexpr char help[] =
+    R"~(Shows this machine's cell id, active cell, cell type, product, election manager support and CPU/BMC mode, each with the
+place that its value came from: an environment variable, a file, a redundancy status, the election manager's mode files,
+or a default. Values with control characters or blanks at an end are shown as quoted text.
+
+Examples:
+  mox cell                            this machine
+  CELLID=2 mox cell                   as a process sees it that has this variable
+  mox cell --root /mnt/image          as a machine with these files would say
+  mox cell --root /mnt/image --no-env the same, whatever the variables here
+  mox cell --redundancy-status 1      as if the redundancy service had published cell 1 as active
+  mox cell --trace                    with the steps of the resolution on standard error
+  mox cell --json | jq .activeCellId  for programs
+
+Each fact, its variable, its file and its default:
+  cell id                     CELLID                /etc/cellid               42
+  active cell                 ACTIVE_CELLID         redundancy status, mode files, own cell
+  cell type                   CELLTYPE              /etc/celltype             generic
+  product                     PRODUCT               /etc/product              generic
+  election manager supported  ELECTIONMGRSUPPORTED  /etc/electionMgrSupported FALSE
+  CPU/BMC mode                CPUBMCMODE            /etc/cpuBmcMode           FALSE
+The mode files: /sys/quelto/election_manager/local_redundancy_mode and peer_redundancy_mode, or those that
+REDSUPDUT_LOCAL_REDMODE and REDSUPDUT_PEER_REDMODE name, when both are set. Files are taken exactly as they stand: a
+trailing newline counts. Exit code 1 when a fact has no answer.)~";
+
+struct Options {
+    std::string root;                             // the files are looked for below this folder; empty: "/"
+    bool noEnvironment = false;                   // take all variables but those for tracing as unset
+    std::string system = "ql";                    // the activity manager's system name
+    std::optional<std::string> redundancyStatus;  // publish a status with this active cell; "none": not known
+    bool trace = false;
+    bool json = false;
+};
+
 struct Fact {
-    char const* key;      // in JSON
-    char const* label;    // for people
-    char const* demands;  // what its sources must hold; null: anything goes
-    Json (*ask)();        // throws what the library throws
+    char const* key;                    // in JSON
+    char const* label;                  // for people
+    char const* demands;                // what its sources must hold; null: anything goes
+    Json (*ask)(Cell::Source& source);  // throws what the library throws
 };
 
 constexpr char cellNumber[] = "a number from 0 to 65535";
 constexpr char flag[] = "TRUE or FALSE";
 
+using Cell::Explained;
+using Cell::Source;
+
 Fact const facts[] = {
-    {"cellId", "cell id", cellNumber, [] { return Json(Cell::cellId()); }},
-    {"activeCellId", "active cell", cellNumber, [] { return Json(Cell::activeCellId()); }},
-    {"cellType", "cell type", nullptr, [] { return Json(Cell::cellType().stdString()); }},
-    {"product", "product", nullptr, [] { return Json(Cell::product().stdString()); }},
-    {"electionMgrSupported", "election manager supported", flag, [] { return Json(Cell::electionMgrSupported()); }},
-    {"cpuBmcMode", "CPU/BMC mode", flag, [] { return Json(Cell::cpuBmcMode()); }},
+    {"cellId", "cell id", cellNumber, [](Source& from) { return Json(Explained::cellId(from)); }},
+    {"activeCellId", "active cell", cellNumber, [](Source& from) { return Json(Explained::activeCellId(from)); }},
+    {"cellType", "cell type", nullptr, [](Source& from) { return Json(Explained::cellType(from).stdString()); }},
+    {"product", "product", nullptr, [](Source& from) { return Json(Explained::product(from).stdString()); }},
+    {"electionMgrSupported", "election manager supported", flag,
+        [](Source& from) { return Json(Explained::electionMgrSupported(from)); }},
+    {"cpuBmcMode", "CPU/BMC mode", flag, [](Source& from) { return Json(Explained::cpuBmcMode(from)); }},
 };
 
 struct Answer {
     Fact const* fact;
     Json value;
     std::string error;  // empty: none
-    Source source;
+    Source source;      // its files as they are called here
 };
 
 // --- asking ---
 
-// Publishes the status that the redundancy service would. Returns its path.
-std::string publishStatus(std::string const& system, Vel::U32 activeCell) {
+// A number from 0 to 0xFFFFFFFF, or "none".
+std::uint32_t redundancyStatusFrom(std::string const& text) {
+    if (text == "none") return Redundancy::RedundancyStatus::unknownCell;
+    if (auto const id = numberFrom<std::uint32_t>(text)) return *id;
+    throw Failure(
+        badUsage, "--redundancy-status: " + shown(text) + " is neither a number from 0 to 4294967295 nor none");
+}
+
+// Publishes the status that the redundancy service would.
+void publishStatus(std::string const& system, Vel::U32 activeCell) {
     Vel::Ptr<Vel::Dir> folder = Vel::globalDir();
     std::string const path = system + "/Zendb/" + Cell::path("redundancy/status", 0).stdString();
     std::size_t at = 0;
@@ -61,31 +107,27 @@ std::string publishStatus(std::string const& system, Vel::U32 activeCell) {
     auto const status = Redundancy::redundancyStatusFactory(path.substr(at));
     status->activeCellIdIs(activeCell);
     folder->entryIs(status);
-    return status->path().stdString();
 }
 
-Answer ask(Fact const& fact, SourceCalls& calls, std::string const& publishedStatus) {
+Answer ask(Fact const& fact, RootedCalls const& calls) {
     Answer answer{&fact, {}, {}, {}};
-    calls.take();
     try {
-        answer.value = fact.ask();
+        answer.value = fact.ask(answer.source);
     } catch (Vel::Exception const& error) {
         answer.error = error.text().stdString();
     }
-    bool const isActiveCell = std::string_view(fact.key) == "activeCellId";
-    answer.source = isActiveCell ? sourceOfActiveCell(calls.take(), !answer.error.empty(), publishedStatus)
-                                 : sourceOfFact(calls.take());
+    for (Source::Asked& asked : answer.source.asked)
+        if (!asked.isVariable) asked.name = calls.realPath(asked.name);
     return answer;
 }
 
-std::vector<Answer> askAll(CellOptions const& options, SourceCalls& calls) {
+std::vector<Answer> askAll(Options const& options, RootedCalls const& calls) {
     std::vector<Answer> answers;
-    std::string publishedStatus;
     for (Fact const& fact : facts) {
-        answers.push_back(ask(fact, calls, publishedStatus));
+        answers.push_back(ask(fact, calls));
         // The status stands below the own cell's number, so that comes first. Without one, nobody will look for it.
         if (answers.size() == 1 && options.redundancyStatus && answers[0].error.empty())
-            publishedStatus = publishStatus(options.system, *options.redundancyStatus);
+            publishStatus(options.system, redundancyStatusFrom(*options.redundancyStatus));
     }
     return answers;
 }
@@ -100,42 +142,45 @@ std::string valueText(Json const& value) {
 
 std::string errnoText(int error) { return Vel::ErrnoException(error).what(); }
 
-std::string quoted(std::string const& text) {
-    return shortened(cleaned(Vel::valueToStrep(Vel::String(text)).view()), 80);
+std::string quoted(std::optional<std::string> const& text) {
+    return shortened(cleaned(Vel::valueToStrep(Vel::String(text.value_or(""))).view()), 80);
 }
 
 // "no CELLID, no /etc/cellid"; of mode files that did not both open, the one that was missing.
-std::string missingText(std::vector<SourceCall> const& asked) {
+std::string missingText(std::vector<Source::Asked> const& asked) {
     std::vector<std::string> texts;
-    for (SourceCall const& call : asked) {
-        if (call.found) continue;
-        bool const failed = call.error != 0 && call.error != ENOENT;
-        texts.push_back(failed ? call.name + ": " + errnoText(call.error) : "no " + call.name);
+    for (Source::Asked const& one : asked) {
+        if (one.found) continue;
+        bool const failed = one.error != 0 && one.error != ENOENT;
+        texts.push_back(failed ? one.name + ": " + errnoText(one.error) : "no " + one.name);
     }
     return joined(texts, ", ");
 }
 
-std::string modeFileText(SourceCall const& file) {
+std::string modeFileText(Source::Asked const& file) {
     if (file.error) return file.name + ": " + errnoText(file.error);
-    return file.name + (file.text ? " holds " + quoted(*file.text) : " not read");
+    return file.name + (file.text ? " holds " + quoted(file.text) : " not read");
 }
 
-std::string sourceText(Answer const& answer) {
-    Source const& source = answer.source;
+std::string sourceText(Source const& source) {
+    auto const& asked = source.asked;
     switch (source.kind) {
+    case Source::Kind::status:
+        return "known before";
     case Source::Kind::variable:
-        return "variable " + source.name;
+        return "variable " + asked.back().name;
     case Source::Kind::file:
-        return "file " + source.name;
+        return "file " + asked.back().name;
     case Source::Kind::redundancyStatus:
-        return "redundancy status " + source.name;
+        return "redundancy status " + source.path;
     case Source::Kind::modeFiles:
-        return "mode files: " + modeFileText(source.asked[0]) + ", " + modeFileText(source.asked[1]);
+        return "mode files: " + modeFileText(asked[0]) + ", " + modeFileText(asked[1]);
+    case Source::Kind::ownCell:
+        return "own cell (" + missingText(asked) + ")";
     case Source::Kind::builtIn:
         break;
     }
-    bool const isActiveCell = std::string_view(answer.fact->key) == "activeCellId";
-    return (isActiveCell ? "own cell (" : "default (") + missingText(source.asked) + ")";
+    return "default (" + missingText(asked) + ")";
 }
 
 std::string textOf(std::vector<Answer> const& answers) {
@@ -143,7 +188,7 @@ std::string textOf(std::vector<Answer> const& answers) {
     for (Answer const& answer : answers) {
         std::string const value =
             answer.error.empty() ? bold(valueText(answer.value)) : red("error: " + cleaned(answer.error));
-        table.add({answer.fact->label, value, sourceText(answer)});
+        table.add({answer.fact->label, value, sourceText(answer.source)});
     }
     return table.text();
 }
@@ -153,50 +198,50 @@ std::string advice(Answer const& answer) {
     Source const& source = answer.source;
     std::string const subject = std::string(answer.fact->label) + ": ";
     std::string const demands = answer.fact->demands ? answer.fact->demands : "a text";
-    if (source.kind == Source::Kind::variable)
-        return subject + source.name + " is " + quoted(source.text.value_or("")) + "; set it to " + demands +
+    bool const isVariable = source.kind == Source::Kind::variable;
+    if (!isVariable && source.kind != Source::Kind::file)
+        return subject + "a mode file cannot be read; mend that, or set ACTIVE_CELLID";
+    Source::Asked const& asked = source.asked.back();
+    if (isVariable)
+        return subject + asked.name + " is " + quoted(asked.text) + "; set it to " + demands +
                " with nothing behind it, or unset it";
-    if (source.kind == Source::Kind::file && source.error == 0)
-        return subject + source.name + " holds " + quoted(source.text.value_or("")) + "; it must hold " + demands +
+    if (asked.error == 0)
+        return subject + asked.name + " holds " + quoted(asked.text) + "; it must hold " + demands +
                " with nothing behind it, not even a newline (write it with printf, not echo)";
-    if (source.kind == Source::Kind::file)
-        return subject + source.name + " cannot be read; mend that" +
-               (source.alternative.empty() ? "" : ", or set " + source.alternative);
-    return subject + "a mode file cannot be read; mend that, or set ACTIVE_CELLID";
+    return subject + asked.name + " cannot be read; mend that, or set " + source.asked[0].name;
 }
 
 // --- for programs ---
 
 Json textOrNull(std::optional<std::string> const& text) { return text ? Json(*text) : Json(); }
 
-Json callJson(SourceCall const& call) {
-    bool const variable = call.kind == SourceCall::Kind::variable;
-    Json json{{variable ? "variable" : "file", call.name}, {"found", call.found}};
-    if (call.found) json["text"] = textOrNull(call.text);
-    if (call.error) json["error"] = errnoText(call.error);
-    return json;
-}
-
-Json callsJson(std::vector<SourceCall> const& calls) {
-    Json json = Json::array();
-    for (SourceCall const& call : calls) json.push_back(callJson(call));
+Json askedJson(Source::Asked const& asked) {
+    Json json{{asked.isVariable ? "variable" : "file", asked.name}, {"found", asked.found}};
+    if (asked.found) json["text"] = textOrNull(asked.text);
+    if (asked.error) json["error"] = errnoText(asked.error);
     return json;
 }
 
 Json sourceJson(Source const& source) {
+    auto const& asked = source.asked;
     switch (source.kind) {
+    case Source::Kind::status:
+        return {{"kind", "status"}};
     case Source::Kind::variable:
-        return {{"kind", "variable"}, {"name", source.name}, {"text", *source.text}};
+        return {{"kind", "variable"}, {"name", asked.back().name}, {"text", textOrNull(asked.back().text)}};
     case Source::Kind::file:
-        return {{"kind", "file"}, {"path", source.name}, {"text", textOrNull(source.text)}};
+        return {{"kind", "file"}, {"path", asked.back().name}, {"text", textOrNull(asked.back().text)}};
     case Source::Kind::redundancyStatus:
-        return {{"kind", "redundancyStatus"}, {"path", source.name}};
+        return {{"kind", "redundancyStatus"}, {"path", source.path}};
     case Source::Kind::modeFiles:
-        return {{"kind", "modeFiles"}, {"local", callJson(source.asked[0])}, {"peer", callJson(source.asked[1])}};
+        return {{"kind", "modeFiles"}, {"local", askedJson(asked[0])}, {"peer", askedJson(asked[1])}};
+    case Source::Kind::ownCell:
     case Source::Kind::builtIn:
         break;
     }
-    return {{"kind", "default"}, {"asked", callsJson(source.asked)}};
+    Json all = Json::array();
+    for (Source::Asked const& one : asked) all.push_back(askedJson(one));
+    return {{"kind", "default"}, {"asked", std::move(all)}};
 }
 
 Json jsonOf(std::vector<Answer> const& answers) {
@@ -214,7 +259,8 @@ Json jsonOf(std::vector<Answer> const& answers) {
 
 // --- setting up ---
 
-void checkOptions(CellOptions const& options) {
+void checkOptions(Options const& options) {
+    if (options.redundancyStatus) redundancyStatusFrom(*options.redundancyStatus);
     struct stat status {};
     if (!options.root.empty() && (::stat(options.root.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)))
         throw Failure(badUsage, "--root: " + shown(options.root) + " is no folder");
@@ -233,25 +279,43 @@ void traceToStandardError() {
     Vel::Trace::sinkIs([](Vel::TraceRecord const& record) { std::fputs(Vel::Trace::line(record).c_str(), stderr); });
 }
 
+class CellCommand final : public Command {
+public:
+    explicit CellCommand(CLI::App& app) : Command(app, "cell", "Who this machine is, and where we know it from", help) {
+        option("--root", options_.root, "DIR", "Look for all files below this folder");
+        flag("--no-env", options_.noEnvironment, "Take the environment's variables as unset");
+        option("--system", options_.system, "NAME", "System name of the activity manager (default: ql)");
+        option("--redundancy-status", options_.redundancyStatus, "ID|none",
+            "Publish a redundancy status with this active cell first; none: not known");
+        flag("--trace", options_.trace, "Trace the resolution to standard error, as VELTRACE=Cell/0 does");
+        flag("--json", options_.json, "Answer in JSON");
+    }
+
+    int run() override {
+        checkOptions(options_);
+        if (options_.trace) traceToStandardError();
+        RootedCalls calls(options_.root, options_.noEnvironment);
+        Vel::System::callsIs(&calls);
+        Vel::activityManager().systemNameIs(options_.system);
+        std::vector<Answer> const answers = askAll(options_, calls);
+        Vel::System::callsIs(nullptr);
+
+        print(options_.json ? jsonText(jsonOf(answers)) : textOf(answers));
+        int code = fine;
+        for (Answer const& answer : answers) {
+            if (answer.error.empty()) continue;
+            complain(advice(answer));
+            code = somethingWrong;
+        }
+        return code;
+    }
+
+private:
+    Options options_;
+};
+
 }  // namespace
 
-int runCell(CellOptions const& options) {
-    checkOptions(options);
-    if (options.trace) traceToStandardError();
-    SourceCalls calls(options.root, options.noEnvironment);
-    Vel::System::callsIs(&calls);
-    Vel::activityManager().systemNameIs(options.system);
-    std::vector<Answer> const answers = askAll(options, calls);
-    Vel::System::callsIs(nullptr);
-
-    print(options.json ? jsonText(jsonOf(answers)) : textOf(answers));
-    int code = fine;
-    for (Answer const& answer : answers) {
-        if (answer.error.empty()) continue;
-        complain(advice(answer));
-        code = somethingWrong;
-    }
-    return code;
-}
+std::unique_ptr<Command> makeCell(CLI::App& app) { return std::make_unique<CellCommand>(app); }
 
 }  // namespace Tool

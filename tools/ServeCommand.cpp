@@ -1,4 +1,5 @@
 #include "tools/Commands.h"
+#include "tools/LiveCommand.h"
 #include "tools/lib/Clean.h"
 #include "tools/lib/Complaints.h"
 #include "tools/lib/Connection.h"
@@ -18,6 +19,39 @@
 namespace Tool {
 
 namespace {
+
+constexpr char help[] =
+    R"~(Serves a tree of entities to other processes until SIGINT, SIGTERM or SIGHUP. When it can be connected to, it prints
+"serving ADDRESS", with the port that was chosen if that was 0.
+
+Addresses:
+  unix:/run/mox.sock   a Unix socket; just /run/mox.sock, too. For this user and root, or those that --user names
+  tcp:127.0.0.1:7400   loopback only, since nobody is asked who they are; port 0: any that is free
+  tls:0.0.0.0:7400     both sides show a certificate that --authority has signed; --user then means its common name
+
+A state file says what there is; "mox tree ADDRESS --state" prints one of a running server:
+  # comment
+  /ql/cell Cell::Status                  an entity, PATH TYPE; directories above it are made
+  /ql/cell product = 'chassis'           a value, PATH ATTRIBUTE = VALUE, as the text of its type; a word needs no
+                                         quotes, and 1 is taken for 1.0 where that is meant (--verbose tells)
+  /a peer = /b                           a reference to another entity, or None
+
+Examples:
+  mox serve /tmp/s.sock state.txt                     what the file says
+  mox tree /run/mox.sock --state >state.txt           captured where it runs, to be served elsewhere
+  mox serve /tmp/s.sock state.txt --writable          and "mox set" may change it
+  mox serve /tmp/s.sock --trie /paths=prefixes.txt    a trie from a file such as "mox trie" reads
+  mox serve tcp:127.0.0.1:0 state.txt --user root --user nobody
+
+A state file, and a file of prefixes, has at most 256 MiB. Of its mistakes the first 20 are shown, more are counted.
+Exit code 0 after a signal, 1 when it cannot listen, 2 when the command line or a file is wrong.)~";
+
+struct Options {
+    std::string state;               // file; "-": standard input; empty: none
+    std::vector<std::string> tries;  // "PATH=FILE"
+    bool writable = false;
+    std::vector<std::string> users, writers;
+};
 
 using Vel::Dir;
 using Vel::Entity;
@@ -80,13 +114,13 @@ void addTrie(Ptr<Entity>& root, std::string const& argument) {
 
 std::vector<Vel::String> strings(std::vector<std::string> const& texts) { return {texts.begin(), texts.end()}; }
 
-Mount::ServerOptions serverOptions(ServeOptions const& options) {
+Mount::ServerOptions serverOptions(Options const& options, ConnectionOptions const& where) {
     if (!options.writers.empty() && !options.writable)
         throw Failure(badUsage, "--writer says who may write if anybody may: give --writable, too");
     Mount::ServerOptions server;
     server.source.mayWrite = options.writable;
     server.peer.users = server.peer.names = strings(options.users);
-    server.peer.tls = tlsFilesFrom(options);
+    server.peer.tls = tlsFilesFrom(where);
     server.writers = strings(options.writers);
     return server;
 }
@@ -115,27 +149,45 @@ private:
     sigset_t set_;
 };
 
+class ServeCommand final : public LiveCommand {
+public:
+    explicit ServeCommand(CLI::App& app)
+        : LiveCommand(app, "serve", "Serve a tree of entities to other processes", help) {
+        argument("STATE-FILE", options_.state, "What there is; - for standard input; default: nothing");
+        options(
+            "--trie", options_.tries, "PATH=FILE", "Serve a trie, from a file of prefixes; may be given several times");
+        flag("--writable", options_.writable, "Let others change values");
+        options("--user", options_.users, "NAME", "Who may connect, by name or number; may be given several times");
+        options("--writer", options_.writers, "NAME", "Who may change values; default: all who may connect");
+    }
+
+    int run() override {  // ends at SIGINT, SIGTERM or SIGHUP
+        Mount::Address const address = addressFrom(where_.address);
+        Mount::ServerOptions const how = serverOptions(options_, where_);
+        Ptr<Entity> root = rootFrom(options_.state);
+        for (std::string const& trie : options_.tries) addTrie(root, trie);
+        Signals signals;
+        static Mount::Loop loop;  // the thread that waits for signals may still know it while the process ends
+        try {
+            Mount::Server server(loop, root, how);
+            Mount::Address const listening = server.listen(address);
+            signals.end(loop);
+            if (!wasOutputClosed()) print("serving " + cleaned(listening.text().view()) + "\n");
+            loop.run();
+        } catch (Vel::RangeException const& error) {
+            throw Failure(badUsage, cleaned(error.text().view()));
+        } catch (Vel::Exception const& error) {
+            throw Failure(somethingWrong, cleaned(error.text().view()));
+        }
+        return fine;
+    }
+
+private:
+    Options options_;
+};
+
 }  // namespace
 
-int runServe(ServeOptions const& options) {
-    Mount::Address const address = addressFrom(options.address);
-    Mount::ServerOptions const how = serverOptions(options);
-    Ptr<Entity> root = rootFrom(options.state);
-    for (std::string const& trie : options.tries) addTrie(root, trie);
-    Signals signals;
-    static Mount::Loop loop;  // the thread that waits for signals may still know it while the process ends
-    try {
-        Mount::Server server(loop, root, how);
-        Mount::Address const listening = server.listen(address);
-        signals.end(loop);
-        if (!wasOutputClosed()) print("serving " + cleaned(listening.text().view()) + "\n");
-        loop.run();
-    } catch (Vel::RangeException const& error) {
-        throw Failure(badUsage, cleaned(error.text().view()));
-    } catch (Vel::Exception const& error) {
-        throw Failure(somethingWrong, cleaned(error.text().view()));
-    }
-    return fine;
-}
+std::unique_ptr<Command> makeServe(CLI::App& app) { return std::make_unique<ServeCommand>(app); }
 
 }  // namespace Tool

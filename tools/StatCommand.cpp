@@ -22,6 +22,35 @@ namespace Tool {
 
 namespace {
 
+constexpr char help[] =
+    R"~(Feeds a statistic with observations, one on each line of a file or of standard input, and prints what it then holds, as
+text. A line is the text form of the value that the statistic's attribute "update" takes ("mox types TYPE" shows which);
+blank lines and lines that begin with # are skipped.
+
+Examples:
+  mox stat CountStat counts.txt          the statistic at the end; counts.txt holds lines such as
+                                         Value('Mox::Count', ** {'count': 3, 'when': 1700000000.125})
+  grep eth0 log | mox stat CountStat     observations from standard input
+  mox stat CountStat --each counts.txt   the statistic after each observation
+  mox stat CountStat --from "Value('Mox::CountStat', ** {'count': 9, 'last': 0.0})" counts.txt
+                                         goes on from that statistic
+  mox --module ./libmytypes.so stat My::Stat FILE
+                                         any type with an attribute "update" will do
+
+A word needs no quotes where a string is meant, and 1 will do for 1.0; --verbose tells what was taken for what.
+
+Bad lines, also those of more than 1 MiB, are left out; the exit code is then 1. The first 20 are shown on standard error,
+of more it is told how many there are of which kind; of a file that is compressed or binary only that. JSON: one object
+with all fields; with --each, one on each line.)~";
+
+struct Options {
+    std::string type;                 // the statistic's, perhaps without its namespace
+    std::optional<std::string> file;  // of observations; nothing or "-": standard input
+    std::optional<std::string> from;  // text form of the statistic to begin with
+    bool each = false;                // answer after each observation, not at the end
+    bool json = false;
+};
+
 using Vel::AttributeKind;
 using Vel::AttributeOp;
 using Vel::GenericValue;
@@ -68,21 +97,12 @@ VelType statisticNamed(std::string const& name) {
                                     " is no statistic: it has no attribute \"update\" that takes " +
                                     "an observation; those that have: " + all);
     }
-    std::vector<std::string> const near = nearest(name, statisticNames());
-    throw Failure(badUsage, "there is no statistic " + shortened(shown(name), 80) + "; " +
-                                (near.empty() ? "there are " + all : "did you mean " + alternatives(near) + "?"));
+    throw Failure(badUsage, "there is no statistic " + shortened(shown(name), 80) +
+                                orNearest(name, statisticNames(), "; there are " + all));
 }
 
 GenericValue startOf(VelType type, std::optional<std::string> const& text) {
-    if (!text) return GenericValue(type);
-    std::string const what = "--from: this is no " + std::string(type.name()) + ": ";
-    try {
-        return valueFrom(type, *text, remarking("--from"));
-    } catch (Vel::ParseException const& error) {
-        throw Failure(badUsage, what + cleaned(error.text().view()) + "\n" + caretBelow(*text, error.offset()));
-    } catch (Vel::Exception const& error) {
-        throw Failure(badUsage, what + cleaned(error.text().view()));
-    }
+    return text ? givenValue(type, *text, badUsage, "--from", "--from: ") : GenericValue(type);
 }
 
 // --- answers on the way ---
@@ -119,7 +139,7 @@ void answer(std::string_view line) {
 
 class Replay {
 public:
-    Replay(StatOptions const& options, VelType type)
+    Replay(Options const& options, VelType type)
         : options_(options),
           update_(*updateOf(type)),
           statistic_(startOf(type, options.from)),
@@ -199,13 +219,10 @@ private:
     std::string jsonOfAll() const {
         VelType const type = statistic_.type();
         Json attributes = Json::array();
-        for (Vel::U32 i = 0; i < type.attributeCount(); ++i) {
-            VelAttr const attr = type.attribute(i);
-            if (attr.kind() != AttributeKind::field) continue;
+        for (VelAttr const& attr : fieldsOf(type))
             if (auto const value = statistic_.get(attr))
                 attributes.push_back(
                     {{"name", attr.name()}, {"type", attr.valueType().name()}, {"text", value->strep().stdString()}});
-        }
         std::string text = jsonText({{"type", type.name()}, {"observationType", update_.valueType().name()},
             {"observations", taken_}, {"bad", complaints_.count()}, {"text", statistic_.strep().stdString()},
             {"attributes", std::move(attributes)}});
@@ -213,7 +230,7 @@ private:
         return text;
     }
 
-    StatOptions const& options_;
+    Options const& options_;
     VelAttr update_;
     GenericValue statistic_;
     Input input_;
@@ -223,11 +240,27 @@ private:
     std::uint64_t taken_ = 0, remarks_ = 0;
 };
 
+class StatCommand final : public Command {
+public:
+    explicit StatCommand(CLI::App& app) : Command(app, "stat", "A statistic of the observations in a file", help) {
+        argument("TYPE", options_.type, "The statistic's type; \"Mox::\" may be left out");
+        argument("FILE", options_.file, "Observations, one a line; default: standard input, as -");
+        option("--from", options_.from, "TEXT", "Text of the statistic to begin with");
+        flag("--each", options_.each, "Answer after each observation, not only at the end");
+        flag("--json", options_.json, "Answer in JSON");
+    }
+
+    int run() override {
+        std::signal(SIGABRT, explainAbortOfStat);
+        return Replay(options_, statisticNamed(options_.type)).run();
+    }
+
+private:
+    Options options_;
+};
+
 }  // namespace
 
-int runStat(StatOptions const& options) {
-    std::signal(SIGABRT, explainAbortOfStat);
-    return Replay(options, statisticNamed(options.type)).run();
-}
+std::unique_ptr<Command> makeStat(CLI::App& app) { return std::make_unique<StatCommand>(app); }
 
 }  // namespace Tool

@@ -11,6 +11,50 @@ namespace Tool {
 
 namespace {
 
+constexpr char help[] =
+    R"~(Answers from a set of path prefixes with tags, which everything below a prefix inherits. A file holds one path on each
+line, perhaps with tags behind it; blank lines and lines that begin with # are skipped:
+
+  site {north}                a prefix, with a tag
+  site/rack1.port7 {10g,lab}  one below it: its tags are {10g,lab,north}
+  tap*/rack2                  the star marks "tap" as a mount point, without making it a prefix
+
+A path is cut into components before each / and . but a leading one: site, /rack1, .port7. A star is no wildcard; the last
+component is a mount point without one. Paths have no blanks and at most 4096 components, tags no blanks and braces.
+
+Commands:
+  has PATH...        whether the path, or one that encloses it, is in the set
+  enclosing PATH...  the longest prefix in the set that encloses the path, or is it; - for none
+  proper PATH...     the longest one that is shorter than the path
+  leaf PATH...       whether the path has a node with nothing below it
+  state PATH...      the tags of that very prefix, - when it is not in the set
+  tree               drawn; --ascii without line characters, --dot for Graphviz
+  append OTHER       the trie merged with that of the file OTHER, as such a file
+  diff OTHER         lines with - for what is only in FILE, + only in OTHER, ~ different tags
+  (none)             how many prefixes, mount points, nodes and levels
+
+Examples:
+  mox trie paths.txt tree
+  mox trie paths.txt has site/rack9 && echo yes     exit code 0 when it is, 1 when not
+  mox trie paths.txt enclosing a/b a/c              PATH ANSWER on a line for each
+  cut -d' ' -f1 log | mox trie paths.txt has -      paths on standard input
+  mox trie paths.txt tree --dot | dot -Tsvg >paths.svg
+  mox trie old.txt append new.txt >all.txt
+  mox trie old.txt diff new.txt --json
+
+Exit code 1: an answer is False or -, the files differ, or lines were bad, which are left out; the first 20 are shown on
+standard error, more are counted. A file has at most 256 MiB.
+Exit code 2: the command line is wrong, or a file cannot be read. Paths that begin with a dash go behind --.)~";
+
+struct Options {
+    std::string file;                    // "-": standard input
+    std::string command;                 // empty: counts only
+    std::vector<std::string> arguments;  // paths, or the other file
+    bool ascii = false;
+    bool dot = false;
+    bool json = false;
+};
+
 // --- questions about paths ---
 
 struct Answer {
@@ -74,9 +118,9 @@ private:
 
 std::vector<std::string> const commands = {"has", "enclosing", "proper", "leaf", "state", "tree", "append", "diff"};
 
-class Command {
+class Run {
 public:
-    explicit Command(TrieOptions const& options) : options_(options) {}
+    explicit Run(Options const& options) : options_(options) {}
 
     int run() {
         check();
@@ -211,15 +255,33 @@ private:
         if (list) list->close(bad_);
     }
 
-    TrieOptions const& options_;
+    Options const& options_;
     std::string name_;
     Ptr<TagTrie> trie_;
     std::uint64_t bad_ = 0;  // lines
     Answers answers_;
 };
 
+class TrieCommand final : public Command {
+public:
+    explicit TrieCommand(CLI::App& app) : Command(app, "trie", "What a set of path prefixes says of a path", help) {
+        argument("FILE", options_.file, "Paths, one a line; - for standard input");
+        argument("COMMAND", options_.command, "What to do, as below");
+        argument("ARGUMENTS", options_.arguments, "Paths, or - for those on standard input; another FILE");
+        flag("--ascii", options_.ascii, "tree: draw in ASCII, as where the locale is not UTF-8");
+        flag("--dot", options_.dot, "tree: for Graphviz");
+        flag("--json", options_.json, "Answer in JSON");
+    }
+
+    // somethingWrong also when an answer is no, and when tries differ
+    int run() override { return Run(options_).run(); }
+
+private:
+    Options options_;
+};
+
 }  // namespace
 
-int runTrie(TrieOptions const& options) { return Command(options).run(); }
+std::unique_ptr<Command> makeTrie(CLI::App& app) { return std::make_unique<TrieCommand>(app); }
 
 }  // namespace Tool

@@ -14,6 +14,20 @@ namespace Tool {
 
 namespace {
 
+constexpr char help[] =
+    R"~(Lists the modules and their types, or shows one module, or one type with all its attributes.
+
+Examples:
+  mox types                                 every module, its fingerprint and its types
+  mox types Seqno                           one module
+  mox types Mox::Seqno16                    one type: text form, size, operations, attributes
+  mox types --json                          everything, for programs
+  mox --module ./libmytypes.so types        with the types of one more library
+
+Columns of attributes: id; name; kind (field, derived, constant, setter, method, collection, ...); type, for a collection
+"VALUE by KEY", for a method "(parameters) -> result"; the operations that the attribute answers.
+Exit code 1 when a module is refused, 2 when there is no such type or module.)~";
+
 using Vel::AttributeKind;
 using Vel::AttributeOp;
 using Vel::VelAttr;
@@ -183,10 +197,8 @@ Json modulesJson(std::vector<Module> const& modules) {
 [[noreturn]] void failUnknown(std::string const& name) {
     std::vector<std::string> known = typeNames();
     for (std::string const& module : moduleNames()) known.push_back(module);
-    std::vector<std::string> const near = nearest(name, known);
-    throw Failure(
-        badUsage, "there is no type or module " + shortened(shown(name), 80) + "; " +
-                      (near.empty() ? "\"mox types\" lists all" : "did you mean " + alternatives(near) + "?"));
+    throw Failure(badUsage, "there is no type or module " + shortened(shown(name), 80) +
+                                orNearest(name, known, "; \"mox types\" lists all"));
 }
 
 // The registry has told on standard error which modules it refuses, when it first looked at them.
@@ -198,17 +210,31 @@ int codeForRefusals() {
     return somethingWrong;
 }
 
-}  // namespace
+class TypesCommand final : public Command {
+public:
+    explicit TypesCommand(CLI::App& app) : Command(app, "types", "Which types there are, and all about one", help) {
+        argument("NAME", name_, "A type or a module; default: all");
+        flag("--json", json_, "Answer in JSON");
+    }
 
-int runTypes(TypesOptions const& options) {
-    if (VelType const type = options.name.empty() ? VelType() : Vel::Registry::type(options.name)) {
-        print(options.json ? jsonText(typeJson(type)) : typeReport(type));
+    int run() override {
+        if (VelType const type = name_.empty() ? VelType() : Vel::Registry::type(name_)) {
+            print(json_ ? jsonText(typeJson(type)) : typeReport(type));
+            return codeForRefusals();
+        }
+        auto const modules = modulesNamed(name_);
+        if (modules.empty()) failUnknown(name_);
+        print(json_ ? jsonText(modulesJson(modules)) : modulesText(modules));
         return codeForRefusals();
     }
-    auto const modules = modulesNamed(options.name);
-    if (modules.empty()) failUnknown(options.name);
-    print(options.json ? jsonText(modulesJson(modules)) : modulesText(modules));
-    return codeForRefusals();
-}
+
+private:
+    std::string name_;  // of a type or module; empty: all
+    bool json_ = false;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> makeTypes(CLI::App& app) { return std::make_unique<TypesCommand>(app); }
 
 }  // namespace Tool

@@ -20,6 +20,27 @@ namespace Tool {
 
 namespace {
 
+constexpr char help[] =
+    R"~(Reads a value from its text form, or from its bytes, and shows what it is: its attributes, its text and byte forms, its
+hash, and whether it counts as true.
+
+Examples:
+  mox value --type Mox::Seqno16 7               a text that does not name its type
+  mox value "Value('TYPE', ** {'count': 3})"    one that does
+  mox value --type Vel::String "'two words'"    strings in single quotes, as in Python
+  mox value --type Mox::Seqno32 --hex 0000002a  bytes, in hexadecimal; blanks and colons may stand between
+  echo 7 | mox value --type U32 -               the text from standard input, without its last newline
+
+A word needs no quotes where a string is meant, and a whole number will do for a double, also inside of records; --verbose
+tells what was taken for what. The text of a type: see "text form" in "mox types TYPE". Exit code 1 when text or bytes are not a value of the type.)~";
+
+struct Options {
+    std::optional<std::string> text;  // "-": from standard input
+    std::optional<std::string> hex;   // the same
+    std::string type;                 // empty: the one that the text names
+    bool json = false;
+};
+
 using Vel::AttributeKind;
 using Vel::AttributeOp;
 using Vel::GenericValue;
@@ -58,7 +79,7 @@ VelType valueTypeNamed(std::string_view name) {
     return type;
 }
 
-VelType typeFor(ValueOptions const& options, std::string_view text) {
+VelType typeFor(Options const& options, std::string_view text) {
     if (!options.type.empty()) return valueTypeNamed(options.type);
     std::string_view const name = typeNameIn(text);
     if (name.empty())
@@ -73,17 +94,6 @@ extern "C" void explainAbort(int) {
     static constexpr char text[] = "mox: this breaks a precondition of the type, as the assertion above says\n";
     [[maybe_unused]] auto const written = ::write(STDERR_FILENO, text, sizeof text - 1);
     ::_exit(somethingWrong);
-}
-
-GenericValue parsed(VelType type, std::string const& text) {
-    std::string const what = "this is no " + std::string(type.name()) + ": ";
-    try {
-        return valueFrom(type, text, remarking(""));
-    } catch (Vel::ParseException const& error) {
-        throw Failure(somethingWrong, what + cleaned(error.text().view()) + "\n" + caretBelow(text, error.offset()));
-    } catch (Vel::RangeException const& error) {
-        throw Failure(somethingWrong, what + cleaned(error.text().view()));
-    }
 }
 
 Failure badBytes(std::vector<unsigned char> const& bytes, std::string const& why, std::size_t offset) {
@@ -109,7 +119,7 @@ GenericValue decoded(VelType type, std::vector<unsigned char> const& bytes) {
         in.offset());
 }
 
-GenericValue valueOf(ValueOptions const& options) {
+GenericValue valueOf(Options const& options) {
     if (options.text.has_value() == options.hex.has_value())
         throw Failure(badUsage,
             options.text ? "give a text or --hex, not both" : "give a text, --hex BYTES, or - for standard input");
@@ -119,7 +129,7 @@ GenericValue valueOf(ValueOptions const& options) {
         return decoded(type, bytesFromHex(input(*options.hex)));
     }
     std::string const text = input(*options.text);
-    return parsed(typeFor(options, text), text);
+    return givenValue(typeFor(options, text), text, somethingWrong);
 }
 
 // --- answer ---
@@ -200,13 +210,29 @@ Json jsonOf(GenericValue const& value) {
         {"attributes", std::move(attributes)}};
 }
 
+class ValueCommand final : public Command {
+public:
+    explicit ValueCommand(CLI::App& app)
+        : Command(app, "value", "A value from its text or bytes: all its forms", help) {
+        argument("TEXT", options_.text, "The value's text form; - for standard input");
+        option("--type", options_.type, "TYPE", "The value's type, when the text does not name it");
+        option("--hex", options_.hex, "BYTES", "The value's bytes instead of a text; - for standard input");
+        flag("--json", options_.json, "Answer in JSON");
+    }
+
+    int run() override {
+        std::signal(SIGABRT, explainAbort);
+        GenericValue const value = valueOf(options_);
+        print(options_.json ? jsonText(jsonOf(value)) : textOf(value));
+        return fine;
+    }
+
+private:
+    Options options_;
+};
+
 }  // namespace
 
-int runValue(ValueOptions const& options) {
-    std::signal(SIGABRT, explainAbort);
-    GenericValue const value = valueOf(options);
-    print(options.json ? jsonText(jsonOf(value)) : textOf(value));
-    return fine;
-}
+std::unique_ptr<Command> makeValue(CLI::App& app) { return std::make_unique<ValueCommand>(app); }
 
 }  // namespace Tool

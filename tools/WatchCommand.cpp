@@ -1,4 +1,5 @@
 #include "tools/Commands.h"
+#include "tools/LiveCommand.h"
 #include "tools/lib/Clean.h"
 #include "tools/lib/Connection.h"
 #include "tools/lib/Moments.h"
@@ -17,6 +18,53 @@ namespace Tool {
 
 namespace {
 
+constexpr char help[] =
+    R"~(Shows what a server has at a path, then every change of it as it happens. When the server goes away it waits for it
+to come back; what has changed meanwhile is shown then.
+
+Lines, which up to the mark "# synced" are a state file as "mox serve" takes it; behind it each begins with its time:
+  PATH TYPE                     an entity
+  PATH ATTRIBUTE = VALUE        a value, or the path of what a reference leads to
+  PATH COLLECTION KEY = PATH    an entity in one more collection
+  # synced: 7 entities          what was there has been shown; changes follow
+  + PATH TYPE                   an entity has appeared; its values follow
+  - PATH                        one has gone, with all below it
+  - PATH COLLECTION KEY         it has left that collection
+  # stale: why                  the connection is lost
+  # error: why                  connecting has failed, and is tried again
+  # replaced: PATH              there is another entity now; all of it follows
+
+Times, by --time:
+  local     2026-11-21 09:05:07.250   this machine's time, to the millisecond (default)
+  utc       2026-11-21 08:05:07.250Z
+  relative  +12.500                   seconds since the command began
+  none
+
+Examples:
+  mox watch /run/mox.sock                                all that there is
+  mox watch /run/mox.sock /ql/cell                       one part of it
+  mox watch /run/mox.sock --until-synced >state.txt      what there is now
+  mox watch /run/mox.sock /ql/cell --count 1             leaves after one change
+  mox watch /run/mox.sock --time utc | tee changes.log   to compare with other machines' logs
+  mox watch /run/mox.sock --json | jq -c 'select(.event == "set")'
+  mox --module ./libmytypes.so watch ADDRESS             with types of that library
+
+JSON: one object a line, with "event": "entity" (path, type), "set" (path, attribute, value or target), "member" (path,
+collection, key, target; null: it has left), "gone" (path), "synced" (path, entities), "stale" (path, error), "error"
+(error), "replaced" (path). What happens has "time", too, in ISO 8601: 2026-11-21T09:05:07.250+01:00, PT12.500S.
+
+Bytes of a peer or a type that a terminal would obey, such as escape sequences, stand as \xNN in texts, %XX in paths.
+
+Exit code 1 when --timeout ends it before it was synced, or before --count changes.)~";
+
+struct Options {
+    std::optional<std::uint64_t> count;  // of changes
+    bool untilSynced = false;
+    std::optional<double> duration;  // seconds
+    std::string time = "local";      // how times are told: see Moments.h
+    bool json = false;
+};
+
 using Clock = std::chrono::steady_clock;
 using Node = EntityTree::Node;
 using State = Mount::Client::State;
@@ -30,20 +78,13 @@ bool isOutputClosed() {
 
 class Watching final : public EntityTree::Observer {
 public:
-    explicit Watching(WatchOptions const& options)
+    Watching(Options const& options, ConnectionOptions const& where)
         : options_(options),
-          path_(normalPath(options.path)),
+          where_(where),
+          path_(normalPath(where.path)),
           moments_(timeFormFrom(options.time)),
           lines_(answers_, options.json, [this](bool isNote) { return time(isNote); }) {
-        Mount::ClientOptions client;
-        client.path = Vel::String(askedPath());
-        client.peer.tls = tlsFilesFrom(options);
-        Mount::Address const address = addressFrom(options.address);
-        try {
-            client_.emplace(loop_, address, place_, "copy", client);
-        } catch (Vel::Exception const& error) {
-            throw Failure(badUsage, cleaned(error.text().view()));
-        }
+        connect(client_, loop_, place_, clientOptions(where, askedPath()), where);
         client_->onErrorIs([this](Vel::String const& error) { failed(error.stdString()); });
     }
 
@@ -74,11 +115,7 @@ private:
         return asked.empty() ? "/" : asked;
     }
 
-    int warned() const {
-        if (!tree_ || tree_->isWhole()) return fine;
-        complain("what has a path of more than 64 KiB is left out");
-        return somethingWrong;
-    }
+    int warned() const { return tree_ ? exitCodeOf(*tree_) : fine; }
 
     int timeIsOver() {
         bool const isMissed = options_.count || options_.untilSynced;
@@ -86,7 +123,7 @@ private:
         std::string const seconds = Vel::format("%g", *options_.duration).stdString() + " s";
         complain(hasSynced_ ? "fewer changes came in " + seconds
                             : "not synced in " + seconds +
-                                  (error_.empty() ? "" : ", since: " + cleaned(withAddress(options_, error_))));
+                                  (error_.empty() ? "" : ", since: " + cleaned(withAddress(where_, error_))));
         return somethingWrong;
     }
 
@@ -193,7 +230,8 @@ private:
         if (!fresh_.contains(&node) && counts()) lines_.member(*tree_, node, collection, key);
     }
 
-    WatchOptions const& options_;
+    Options const& options_;
+    ConnectionOptions const& where_;
     std::string path_, now_;
     Moments moments_;
     Answers answers_{std::numeric_limits<std::size_t>::max()};  // never flushed in the middle of a change
@@ -211,8 +249,26 @@ private:
     bool hasSynced_ = false, isDone_ = false;
 };
 
+class WatchCommand final : public LiveCommand {
+public:
+    explicit WatchCommand(CLI::App& app) : LiveCommand(app, "watch", "Follow what a server has; also: mount", help) {
+        alias("mount");
+        addPath("Of the entity to watch, with all below it; default: /");
+        number("--count", options_.count, "Leave after so many changes");
+        flag("--until-synced", options_.untilSynced, "Leave when all that is there has been shown");
+        option("--timeout", options_.duration, "S", "Leave after so long");
+        option("--time", options_.time, "FORM", "Of changes: local (default), utc, relative or none");
+        flag("--json", options_.json, "One JSON object a line");
+    }
+
+    int run() override { return Watching(options_, where_).run(); }
+
+private:
+    Options options_;
+};
+
 }  // namespace
 
-int runWatch(WatchOptions const& options) { return Watching(options).run(); }
+std::unique_ptr<Command> makeWatch(CLI::App& app) { return std::make_unique<WatchCommand>(app); }
 
 }  // namespace Tool

@@ -30,27 +30,6 @@ TEST(MoxStateFileTest, PointsAtTheMistake) {
                                        "    ^\n");
 }
 
-TEST(MoxStateFileTest, SaysWhatIsMissing) {
-    EXPECT_THAT(mistake("/a\n"), testing::HasSubstr("1:3: a type or an attribute expected behind the path\n"));
-    EXPECT_THAT(mistake("/a/b x = 1\n"), testing::HasSubstr("1:2: there is no such entity\n"));
-    EXPECT_THAT(mistake("/c Cell::Status\n/c cell = 1\n"),
-        testing::HasSubstr("2:4: Cell::Status has no attribute cell; did you mean cellId"));
-    EXPECT_THAT(mistake("/c Cell::Status\n/c cellId 1\n"), testing::HasSubstr("2:11: an \"=\" expected"));
-    EXPECT_THAT(mistake("/c Cell::Status\n/c/d Vel::Dir\n"),
-        testing::HasSubstr("2:4: a Cell::Status has no such place for an entity\n"));
-    EXPECT_THAT(
-        mistake("/t Mox::PrefixTrie\n/t state = /nowhere\n"), testing::HasSubstr("2:13: there is no such entity"));
-}
-
-TEST(MoxStateFileTest, RefusesWhatWouldBeTwiceOrWithinItself) {
-    EXPECT_THAT(mistake("/a Vel::Dir\n/a Vel::Dir\n"), testing::HasSubstr("2:1: this entity is there already\n"));
-    EXPECT_THAT(mistake("/a Vel::Dir\n/ Vel::Dir\n"), testing::HasSubstr("2:1: the root comes first"));
-    EXPECT_THAT(mistake("/t Mox::PrefixTrie\n/t/a Mox::PrefixTrie\n/t/a child 't' = /t\n"),
-        testing::HasSubstr("3:18: an entity cannot be within itself\n"));
-    EXPECT_THAT(mistake("/d Vel::Dir\n/t Vel::Dir\n/d entry 't' = /t\n"),
-        testing::HasSubstr("3:16: /t is in use in another place than /d\n"));
-}
-
 TEST(MoxStateFileTest, ShowsAllMistakesButNotWhatFollowsFromThem) {
     EXPECT_EQ(mistake("/a Vel::Dirr\n/a/b Vel::Dir\n/a/b x = 1\nb\n/c Vel::Dir\n"),
         "mox: standard input:1:4: there is no type Vel::Dirr; did you mean Vel::Dir?\n"

@@ -1,5 +1,7 @@
 #include "tools/lib/Clean.h"
 
+#include "tools/lib/HexText.h"
+
 #include "Vel/PeerText.h"
 
 #include <algorithm>
@@ -11,12 +13,9 @@ namespace {
 
 unsigned byteAt(std::string_view text, std::size_t i) { return static_cast<unsigned char>(text[i]); }
 
-constexpr char digits[] = "0123456789abcdef";
-
 void appendByte(std::string& out, unsigned byte) {
     out += "\\x";
-    out += digits[byte >> 4];
-    out += digits[byte & 15];
+    appendHex(out, static_cast<unsigned char>(byte));
 }
 
 // The character of up to three bytes that `text` begins with. REQUIRES: UTF-8.
@@ -33,16 +32,11 @@ Character characterOf(std::string_view text) {
 
 void appendUnit(std::string& out, std::uint32_t unit) {
     out += "\\u";
-    for (int shift = 12; shift >= 0; shift -= 4) out += digits[unit >> shift & 15];
+    appendHex(out, static_cast<unsigned char>(unit >> 8));
+    appendHex(out, static_cast<unsigned char>(unit));
 }
 
-// The byte from 0x80 up that "\\xNN" at `at` stands for; -1 when there is none such.
-int highByteAt(std::string_view text, std::size_t at) {
-    if (text[at] != '\\' || text.size() - at < 4 || text[at + 1] != 'x') return -1;
-    auto const high = std::string_view(digits).find(text[at + 2]), low = std::string_view(digits).find(text[at + 3]);
-    if (high < 8 || high > 15 || low > 15) return -1;
-    return static_cast<int>(high << 4 | low);
-}
+int lowerHexDigitValue(char c) { return c >= 'A' && c <= 'F' ? -1 : hexDigitValue(c); }
 
 }  // namespace
 
@@ -72,10 +66,16 @@ std::string cleaned(std::string_view text) {
     return cleanedBut(text, [](std::string_view) { return std::size_t(0); });
 }
 
+int highByteOf(std::string_view text) {
+    if (text.size() < 4 || !text.starts_with("\\x")) return -1;
+    int const high = lowerHexDigitValue(text[2]), low = lowerHexDigitValue(text[3]);
+    return high < 8 || low < 0 ? -1 : high << 4 | low;
+}
+
 std::string uncleaned(std::string_view text) {
     std::string out;
     for (std::size_t i = 0; i < text.size();) {
-        int const high = highByteAt(text, i);
+        int const high = highByteOf(text.substr(i));
         out += high >= 0 ? static_cast<char>(high) : text[i];
         i += high >= 0 ? 4 : 1;
     }

@@ -14,6 +14,9 @@ std::size_t uncleanAt(std::string_view text, std::size_t from = 0);
 // The text with \xNN for each of these bytes, newlines and tabs included: what it makes stays on its line.
 std::string cleaned(std::string_view text);
 
+// The byte from 0x80 up of which cleaned() makes the \xNN that the text begins with; -1: it begins with none.
+int highByteOf(std::string_view text);
+
 // What cleaned() has made of bytes from 0x80 up, undone: for files that the tool writes and reads again.
 std::string uncleaned(std::string_view text);
 

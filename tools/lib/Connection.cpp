@@ -12,6 +12,7 @@
 namespace Tool {
 
 using Vel::Entity;
+using Vel::StreamAttribute;
 
 namespace {
 
@@ -78,6 +79,23 @@ Mount::TlsFiles tlsFilesFrom(ConnectionOptions const& options) {
     return {options.certificate.c_str(), options.key.c_str(), options.authority.c_str()};
 }
 
+Mount::ClientOptions clientOptions(ConnectionOptions const& options, std::string const& path) {
+    Mount::ClientOptions client;
+    client.path = Vel::String(path);
+    client.peer.tls = tlsFilesFrom(options);
+    return client;
+}
+
+void connect(std::optional<Mount::Client>& client, Mount::Loop& loop, Vel::Ptr<Vel::Dir> const& place,
+    Mount::ClientOptions const& clientOptions, ConnectionOptions const& options) {
+    Mount::Address const address = addressFrom(options.address);
+    try {
+        client.emplace(loop, address, place, "copy", clientOptions);
+    } catch (Vel::Exception const& error) {
+        throw Failure(badUsage, cleaned(error.text().view()));
+    }
+}
+
 std::chrono::nanoseconds secondsFrom(double seconds) {
     constexpr double most = 1e9;  // some thirty years
     if (!(seconds >= 0)) throw Failure(badUsage, "--timeout: a number of seconds expected, not less than 0");
@@ -117,17 +135,10 @@ Vel::Ptr<Vel::Dir> placeForCopy() {
 
 Connection::Connection(ConnectionOptions const& options, std::string const& path, bool wantsToWrite)
     : options_(options) {
-    Mount::ClientOptions client;
-    client.path = Vel::String(path);
+    Mount::ClientOptions client = clientOptions(options, path);
     client.wantsToWrite = wantsToWrite;
-    client.peer.tls = tlsFilesFrom(options);
     client.connectTimeout = std::chrono::duration_cast<Mount::Milliseconds>(secondsFrom(options.timeout));
-    Mount::Address const address = addressFrom(options.address);
-    try {
-        client_.emplace(loop_, address, place_, "copy", client);
-    } catch (Vel::Exception const& error) {
-        throw Failure(badUsage, cleaned(error.text().view()));
-    }
+    connect(client_, loop_, place_, client, options);
     client_->onErrorIs([this](Vel::String const& error) {
         if (error_.empty()) error_ = error.empty() ? "the connection was closed" : error.stdString();
     });
@@ -198,6 +209,15 @@ void Found::failMissing(Entity const& above, std::string const& path, Step const
     else
         text += "; \"mox ls " + options_.address + " " + path + "\" lists what it has";
     throw Failure(somethingWrong, text);
+}
+
+StreamAttribute const& singleAttribute(
+    Entity const& entity, std::string const& name, ConnectionOptions const& options) {
+    StreamAttribute const& attribute = attributeOf(entity, name);
+    if (attribute.isCollection())
+        throw Failure(somethingWrong, name + " is a collection: \"mox ls " + options.address + " " +
+                                          normalPath(options.path) + "\" lists its members");
+    return attribute;
 }
 
 }  // namespace Tool

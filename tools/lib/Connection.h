@@ -23,6 +23,11 @@ struct ConnectionOptions {
 
 Mount::Address addressFrom(std::string const& text);             // throws Failure
 Mount::TlsFiles tlsFilesFrom(ConnectionOptions const& options);  // throws Failure when only some are given
+// For a client that copies what is at a path of the server. Throws Failure.
+Mount::ClientOptions clientOptions(ConnectionOptions const& options, std::string const& path);
+// Makes a client of them, which copies into `place`, under the name "copy". Throws Failure.
+void connect(std::optional<Mount::Client>& client, Mount::Loop& loop, Vel::Ptr<Vel::Dir> const& place,
+    Mount::ClientOptions const& clientOptions, ConnectionOptions const& options);
 std::chrono::nanoseconds secondsFrom(double seconds);
 
 // What may be done about an error of a connection, behind "; ", or nothing.
@@ -78,5 +83,9 @@ private:
 
 // "/a/b" for anything that leads there.
 std::string normalPath(std::string const& path);
+
+// The attribute of that name, which is no collection. Throws Failure.
+Vel::StreamAttribute const& singleAttribute(
+    Vel::Entity const& entity, std::string const& name, ConnectionOptions const& options);
 
 }  // namespace Tool

@@ -1,5 +1,9 @@
 #include "tools/lib/EntityText.h"
 
+#include "tools/lib/HexText.h"
+#include "tools/lib/Names.h"
+#include "tools/lib/ValueText.h"
+
 #include "Vel/Exception.h"
 #include "Vel/OutSm.h"
 #include "Vel/PeerText.h"
@@ -12,21 +16,20 @@
 namespace Tool {
 
 using Vel::AttributeId;
-using Vel::AttributeKind;
 using Vel::Entity;
 using Vel::GenericValue;
 using Vel::StreamAttribute;
 using Vel::StreamKind;
 using Vel::StreamTable;
-using Vel::U32;
 using Vel::U8;
 using Vel::VelType;
 using Vel::NboAttrLog::In;
 using Vel::NboAttrLog::Out;
 
+std::span<U8 const> bytesOf(std::string_view text) { return {reinterpret_cast<U8 const*>(text.data()), text.size()}; }
+
 namespace {
 
-std::span<U8 const> bytesOf(std::string_view text) { return {reinterpret_cast<U8 const*>(text.data()), text.size()}; }
 std::string_view textOf(std::span<U8 const> bytes) {
     return {reinterpret_cast<char const*>(bytes.data()), bytes.size()};
 }
@@ -59,6 +62,24 @@ std::vector<std::string> attributeNames(VelType type) {
         for (StreamAttribute const& attribute : type.glue().stream().attributes)
             names.push_back(attributeName(type, attribute.id));
     return names;
+}
+
+std::string noSuchAttribute(VelType type, std::string_view name) {
+    return std::string(type.name()) + " has no attribute " + shortened(shown(name), 80) +
+           orNearest(name, attributeNames(type));
+}
+
+StreamAttribute const& attributeOf(Entity const& entity, std::string const& name) {
+    VelType const type = entity.fwkType();
+    if (StreamAttribute const* const attribute = attributeNamed(type, name)) return *attribute;
+    if (!type.attribute(name)) throw Failure(somethingWrong, "a " + noSuchAttribute(type, name));
+    throw Failure(somethingWrong, std::string("a ") + type.name() + " has no attribute " + shortened(shown(name), 80) +
+                                      " that it sends, only " + joined(attributeNames(type), ", "));
+}
+
+std::string typeName(StreamAttribute const& attribute) {
+    VelType const type = attribute.type();
+    return type ? type.name() : "?";
 }
 
 VelType keyTypeOf(VelType type, StreamAttribute const& collection) {
@@ -133,9 +154,7 @@ Json jsonValue(GenericValue const& value) {
     VelType const type = value.type();
     if (type.record().flags & Vel::TypeFlag::ownText) return Json(value.strep().view());
     Json object = Json::object();
-    for (U32 i = 0; i < type.attributeCount(); ++i) {
-        Vel::VelAttr const attr = type.attribute(i);
-        if (attr.kind() != AttributeKind::field) continue;
+    for (Vel::VelAttr const& attr : fieldsOf(type)) {
         auto const part = value.get(attr);
         if (!part) return Json(value.strep().view());
         object[attr.name()] = jsonValue(*part);
@@ -147,6 +166,27 @@ Json jsonValue(GenericValue const& value) {
 
 std::string keyFromEncoding(StreamAttribute const& collection, std::string_view encoding) {
     return std::string(collection.keyIsName ? encoding.substr(4) : encoding);
+}
+
+std::string keyFromEncoding(StreamAttribute const& collection, Out const& encoding) {
+    return keyFromEncoding(collection, textOf(encoding.bytes()));
+}
+
+std::string keyFromValue(StreamAttribute const& collection, GenericValue const& value) {
+    Out out;
+    value.type().glue().write(out, value.data());
+    return keyFromEncoding(collection, out);
+}
+
+void eachKey(
+    Entity const& entity, StreamAttribute const& collection, std::function<void(std::string const&)> const& f) {
+    std::unique_ptr<Vel::NboAttrLog::Bookmark> const keys(collection.bookmark(entity));
+    Out out;
+    while (keys->left() != 0) {
+        out.clear();
+        keys->next(out);
+        f(keyFromEncoding(collection, out));
+    }
 }
 
 std::string encodedKey(StreamAttribute const& collection, std::string_view key) {
@@ -173,11 +213,8 @@ Entity* memberOf(Entity const& entity, StreamAttribute const& collection, std::s
 namespace {
 
 void appendEncoded(std::string& out, char c) {
-    static constexpr char digits[] = "0123456789abcdef";
-    auto const byte = static_cast<unsigned char>(c);
     out += '%';
-    out += digits[byte >> 4];
-    out += digits[byte & 15];
+    appendHex(out, static_cast<unsigned char>(c));
 }
 
 std::string encodedStep(std::string_view text) {
@@ -195,12 +232,6 @@ std::string encodedStep(std::string_view text) {
     return out;
 }
 
-int hexDigit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-}
-
 // "@attribute" or "@collection[key]", or else a name.
 Step stepOf(std::string_view text) {
     if (!text.starts_with('@')) return {"", decodedStep(text), true, 0};
@@ -216,9 +247,9 @@ std::string decodedStep(std::string_view step) {
     std::string out;
     for (std::size_t i = 0; i < step.size(); ++i) {
         bool const isEncoded =
-            step[i] == '%' && i + 2 < step.size() && hexDigit(step[i + 1]) >= 0 && hexDigit(step[i + 2]) >= 0;
+            step[i] == '%' && i + 2 < step.size() && hexDigitValue(step[i + 1]) >= 0 && hexDigitValue(step[i + 2]) >= 0;
         if (isEncoded) {
-            out += static_cast<char>(hexDigit(step[i + 1]) * 16 + hexDigit(step[i + 2]));
+            out += static_cast<char>(hexDigitValue(step[i + 1]) * 16 + hexDigitValue(step[i + 2]));
             i += 2;
         } else {
             out += step[i];
@@ -264,10 +295,7 @@ StepPlace placeOf(Entity const& entity, Step const& step) {
     if (!leadsOn || attribute->isCollection() != step.hasKey) return {};
     if (!step.hasKey) return {attribute, ""};
     try {
-        Out out;
-        GenericValue const key(keyTypeOf(type, *attribute), Vel::String(step.key));
-        key.type().glue().write(out, key.data());
-        return {attribute, keyFromEncoding(*attribute, textOf(out.bytes()))};
+        return {attribute, keyFromValue(*attribute, GenericValue(keyTypeOf(type, *attribute), Vel::String(step.key)))};
     } catch (Vel::RangeException const&) {
         return {};
     }

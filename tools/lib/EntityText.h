@@ -5,7 +5,9 @@
 #include "Vel/Entity.h"
 #include "Vel/StreamTable.h"
 
+#include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -24,6 +26,11 @@ Vel::StreamAttribute const* namingCollection(Vel::StreamTable const& table);
 std::string attributeName(Vel::VelType type, Vel::AttributeId id);
 Vel::StreamAttribute const* attributeNamed(Vel::VelType type, std::string_view name);  // that travels, or null
 std::vector<std::string> attributeNames(Vel::VelType type);                            // that travel, in their order
+std::string noSuchAttribute(
+    Vel::VelType type, std::string_view name);  // "TYPE has no attribute NAME; did you mean ...?"
+// The attribute of that name, which travels. Throws Failure (something wrong), with names that it has.
+Vel::StreamAttribute const& attributeOf(Vel::Entity const& entity, std::string const& name);
+std::string typeName(Vel::StreamAttribute const& attribute);  // of a reference: what it refers to at most
 Vel::VelType keyTypeOf(Vel::VelType type, Vel::StreamAttribute const& collection);
 
 // --- values ---
@@ -43,8 +50,14 @@ Json jsonValue(Vel::GenericValue const& value);
 
 // A collection's key as the tree keeps it: a name as it stands, of others their encoding.
 std::string keyFromEncoding(Vel::StreamAttribute const& collection, std::string_view encoding);
+std::string keyFromEncoding(Vel::StreamAttribute const& collection, Vel::NboAttrLog::Out const& encoding);
+std::string keyFromValue(Vel::StreamAttribute const& collection, Vel::GenericValue const& value);
 std::string encodedKey(Vel::StreamAttribute const& collection, std::string_view key);
 Vel::GenericValue keyValue(Vel::VelType type, Vel::StreamAttribute const& collection, std::string_view key);
+std::span<Vel::U8 const> bytesOf(std::string_view text);
+// Calls f(key) for all keys that the collection has now.
+void eachKey(Vel::Entity const& entity, Vel::StreamAttribute const& collection,
+    std::function<void(std::string const&)> const& f);
 Vel::Entity* memberOf(Vel::Entity const& entity, Vel::StreamAttribute const& collection, std::string_view key);
 
 // --- paths ---

@@ -13,21 +13,6 @@ using Node = EntityTree::Node;
 
 EntityTree::Observer::~Observer() = default;
 
-namespace {
-
-// Calls f(key) for all keys that the collection has now.
-template <class F> void eachKey(Entity const& entity, StreamAttribute const& collection, F const& f) {
-    std::unique_ptr<Vel::NboAttrLog::Bookmark> const keys(collection.bookmark(entity));
-    Vel::NboAttrLog::Out out;
-    while (keys->left() != 0) {
-        out.clear();
-        keys->next(out);
-        f(keyFromEncoding(collection, {reinterpret_cast<char const*>(out.data()), out.size()}));
-    }
-}
-
-}  // namespace
-
 // --- nodes ---
 
 Node::Node(EntityTree& tree, Entity& entity)
@@ -61,8 +46,7 @@ void Node::handleAttribute(AttributeId id, Vel::NotifieeKey const& key) {
     if (!collection || !collection->isCollection()) return;
     Vel::NboAttrLog::Out out;
     collection->writeKey(out, key.data());
-    Place const place{
-        collection, keyFromEncoding(*collection, {reinterpret_cast<char const*>(out.data()), out.size()})};
+    Place const place{collection, keyFromEncoding(*collection, out)};
     if (!collection->holdsEntities() || !tree_.check(*this, place))
         tree_.observer_->memberChanged(*this, *collection, place.key);
 }
@@ -137,11 +121,11 @@ void EntityTree::explore(Node& from) {
 void EntityTree::exploreNames(Node& node, std::vector<Node*>& found) {
     StreamAttribute const* const naming = namingCollection(node.table_);
     if (!naming) return;
-    eachKey(*node.entity_, *naming, [&](std::string key) {
+    eachKey(*node.entity_, *naming, [&](std::string const& key) {
         Entity* const member = memberOf(*node.entity_, *naming, key);
         bool const isHome = member && (naming->kind == StreamKind::instances || member->parent() == node.entity_);
         if (!isHome || !isFree(*member)) return;
-        if (Node* const child = place(*member, &node, {naming, std::move(key)})) found.push_back(child);
+        if (Node* const child = place(*member, &node, {naming, key})) found.push_back(child);
     });
 }
 
@@ -153,9 +137,8 @@ void EntityTree::exploreOthers(Node& node, std::vector<Node*>& found) {
     for (StreamAttribute const& attribute : node.table_.attributes) {
         if (attribute.kind == StreamKind::pointer) take(attribute.target(*node.entity_), {&attribute, ""});
         if (attribute.holdsEntities())
-            eachKey(*node.entity_, attribute, [&](std::string key) {
-                Entity* const member = memberOf(*node.entity_, attribute, key);
-                take(member, {&attribute, std::move(key)});
+            eachKey(*node.entity_, attribute, [&](std::string const& key) {
+                take(memberOf(*node.entity_, attribute, key), {&attribute, key});
             });
     }
 }

@@ -8,14 +8,29 @@ namespace {
 
 bool separates(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == ':'; }
 
-int digitValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
+}  // namespace
+
+void appendHex(std::string& out, unsigned char byte) {
+    static constexpr char digits[] = "0123456789abcdef";
+    out += digits[byte >> 4];
+    out += digits[byte & 15];
 }
 
-}  // namespace
+int hexDigitValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+}
+
+std::string inHex(unsigned char const* bytes, std::size_t size) {
+    std::string out;
+    out.reserve(3 * size);
+    for (std::size_t i = 0; i < size; ++i) {
+        if (i != 0) out += ' ';
+        appendHex(out, bytes[i]);
+    }
+    return out;
+}
 
 std::vector<unsigned char> bytesFromHex(std::string_view text) {
     std::vector<unsigned char> bytes;
@@ -23,7 +38,7 @@ std::vector<unsigned char> bytesFromHex(std::string_view text) {
     int high = -1;
     for (std::size_t i = 0; i < text.size(); ++i) {
         if (separates(text[i])) continue;
-        int const digit = digitValue(text[i]);
+        int const digit = hexDigitValue(text[i]);
         if (digit < 0)
             throw Failure(somethingWrong, "no hexadecimal digit at offset " + std::to_string(i) +
                                               " (blanks and colons may stand between digits)\n" + caretBelow(text, i));

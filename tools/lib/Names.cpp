@@ -78,12 +78,19 @@ std::string alternatives(std::vector<std::string> const& names) {
     return out;
 }
 
+std::string orNearest(std::string_view name, std::vector<std::string> const& known, std::string const& otherwise) {
+    auto const near = nearest(name, known);
+    return near.empty() ? otherwise : "; did you mean " + alternatives(near) + "?";
+}
+
+std::string orNearest(std::string_view name, std::vector<std::string> const& known) {
+    return orNearest(name, known, known.empty() ? "" : ", only " + joined(known, ", "));
+}
+
 Vel::VelType typeNamed(std::string_view name) {
     if (Vel::VelType const type = Vel::Registry::type(name)) return type;
-    std::vector<std::string> const near = nearest(name, typeNames());
-    throw Failure(
-        badUsage, "there is no type " + shortened(shown(name), 80) + "; " +
-                      (near.empty() ? "\"mox types\" lists all" : "did you mean " + alternatives(near) + "?"));
+    throw Failure(badUsage,
+        "there is no type " + shortened(shown(name), 80) + orNearest(name, typeNames(), "; \"mox types\" lists all"));
 }
 
 std::string fingerprintText(Vel::U64 fingerprint) { return Vel::format("%016lx", fingerprint).stdString(); }

@@ -130,18 +130,6 @@ std::string shortened(std::string text, std::size_t size) {
     return text + "... (" + all + " bytes in all)";
 }
 
-std::string inHex(unsigned char const* bytes, std::size_t size) {
-    static constexpr char digits[] = "0123456789abcdef";
-    std::string out;
-    out.reserve(3 * size);
-    for (std::size_t i = 0; i < size; ++i) {
-        if (i != 0) out += ' ';
-        out += digits[bytes[i] >> 4];
-        out += digits[bytes[i] & 15];
-    }
-    return out;
-}
-
 std::string joined(std::vector<std::string> const& texts, std::string_view separator) {
     std::string out;
     for (std::string const& text : texts) {

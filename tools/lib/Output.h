@@ -51,7 +51,6 @@ std::string green(std::string_view text);
 // blanks at the ends, nothing at all) or when it could be taken for a strep.
 std::string shown(std::string_view text);
 std::string shortened(std::string text, std::size_t size);  // at most about `size` bytes; says how long it really is
-std::string inHex(unsigned char const* bytes, std::size_t size);  // "00 2a"
 std::string joined(std::vector<std::string> const& texts, std::string_view separator);
 
 // Two lines: the part of the text around `offset`, and a caret below the character there. Tabs are shown as blanks, what

@@ -150,10 +150,8 @@ private:
         if (type && isCreatable(type)) return type;
         std::string const text = shortened(shown(name.text), 80);
         if (type) fail(text + " is no type of entities that can be made", name.offset);
-        auto const near = nearest(name.text, entityTypeNames());
         fail("there is no type " + text +
-                 (near.empty() ? "; libraries of further types are loaded by --module"
-                               : "; did you mean " + alternatives(near) + "?"),
+                 orNearest(name.text, entityTypeNames(), "; libraries of further types are loaded by --module"),
             name.offset);
     }
 
@@ -205,7 +203,7 @@ private:
         StreamAttribute const& attribute = *place.attribute;
         Vel::NboAttrLog::ensureCorrectType(type, attribute.type());
         std::string const key = attribute.isCollection() ? encodedKey(attribute, place.key) : "";
-        Vel::NboAttrLog::In in({reinterpret_cast<Vel::U8 const*>(key.data()), key.size()});
+        Vel::NboAttrLog::In in(bytesOf(key));
         if (attribute.kind == StreamKind::instances && type == attribute.type()) {
             attribute.memberNew(above, in);
             return;
@@ -271,29 +269,18 @@ private:
     void takeItem(Entity& entity, StreamAttribute const& collection, std::string const& key, Word const& text) const {
         GenericValue const value = valueFrom(collection.type(), text.text, takenAt(text.offset));
         std::string const encoding = encodedKey(collection, key);
-        Vel::NboAttrLog::In in({reinterpret_cast<Vel::U8 const*>(encoding.data()), encoding.size()});
+        Vel::NboAttrLog::In in(bytesOf(encoding));
         Vel::NboAttrLog::Out out;
         value.type().glue().write(out, value.data());
         Vel::NboAttrLog::In item(out.bytes());
         collection.applyKey(entity, in, item);
     }
 
-    static std::string noSuchAttribute(VelType type, std::string_view name) {
-        auto const names = attributeNames(type);
-        auto const near = nearest(name, names);
-        return std::string(type.name()) + " has no attribute " + shortened(shown(name), 80) +
-               (near.empty() ? names.empty() ? "" : ", only " + joined(names, ", ")
-                             : "; did you mean " + alternatives(near) + "?");
-    }
-
     std::string keyIn(Entity const& entity, StreamAttribute const& collection, Word const& text) const {
         std::string key;
         guarded(text.offset, [&] {
-            GenericValue const value =
-                valueFrom(keyTypeOf(entity.fwkType(), collection), text.text, takenAt(text.offset));
-            Vel::NboAttrLog::Out out;
-            value.type().glue().write(out, value.data());
-            key = keyFromEncoding(collection, {reinterpret_cast<char const*>(out.data()), out.size()});
+            key = keyFromValue(
+                collection, valueFrom(keyTypeOf(entity.fwkType(), collection), text.text, takenAt(text.offset)));
         });
         return key;
     }
@@ -315,7 +302,7 @@ private:
             if (target) Vel::NboAttrLog::ensureCorrectType(target->fwkType(), attribute.type());
             if (!attribute.isCollection()) return attribute.targetIs(*reference.entity, target.get());
             std::string const key = encodedKey(attribute, reference.key);
-            Vel::NboAttrLog::In in({reinterpret_cast<Vel::U8 const*>(key.data()), key.size()});
+            Vel::NboAttrLog::In in(bytesOf(key));
             attribute.memberIs(*reference.entity, in, *target);
         });
         lastEntity_ = last_ = nullptr;  // it may have moved

@@ -21,25 +21,21 @@ Json referenceJson(EntityTree const& tree, Entity const* target) {
     return node ? Json(node->path()) : Json();
 }
 
-namespace {
-
-template <class F> void eachKey(EntityTree::Node const& node, StreamAttribute const& collection, F const& f) {
-    std::unique_ptr<Vel::NboAttrLog::Bookmark> const keys(collection.bookmark(node.entity()));
-    Vel::NboAttrLog::Out out;
-    while (keys->left() != 0) {
-        out.clear();
-        keys->next(out);
-        f(keyFromEncoding(collection, {reinterpret_cast<char const*>(out.data()), out.size()}));
-    }
+std::string heldText(EntityTree const& tree, Entity const& entity, StreamAttribute const& attribute) {
+    if (attribute.kind == StreamKind::value) return valueText(storedValue(entity, attribute));
+    return referenceText(tree, attribute.target(entity));
 }
 
-}  // namespace
+Json heldJson(EntityTree const& tree, Entity const& entity, StreamAttribute const& attribute) {
+    if (attribute.kind == StreamKind::value) return jsonValue(storedValue(entity, attribute));
+    return referenceJson(tree, attribute.target(entity));
+}
 
 void eachReference(
     EntityTree::Node const& node, std::function<void(StreamAttribute const&, std::string const&, Entity&)> const& f) {
     for (StreamAttribute const& collection : node.table().attributes) {
         if (!collection.holdsEntities()) continue;
-        eachKey(node, collection, [&](std::string const& key) {
+        eachKey(node.entity(), collection, [&](std::string const& key) {
             if (node.children().contains({&collection, key})) return;
             if (Entity* const member = memberOf(node.entity(), collection, key)) f(collection, key, *member);
         });
@@ -50,11 +46,53 @@ void eachItem(EntityTree::Node const& node,
     std::function<void(StreamAttribute const&, std::string const&, Vel::GenericValue const&)> const& f) {
     for (StreamAttribute const& collection : node.table().attributes) {
         if (collection.kind != StreamKind::values) continue;
-        eachKey(node, collection, [&](std::string const& key) {
+        eachKey(node.entity(), collection, [&](std::string const& key) {
             if (auto const item = storedItem(node.entity(), collection, key)) f(collection, key, *item);
         });
     }
 }
+
+std::vector<std::pair<std::string, std::string>> referencesOf(EntityTree const& tree, EntityTree::Node const& node) {
+    std::vector<std::pair<std::string, std::string>> references;
+    auto const add = [&](StreamAttribute const& attribute, std::string const& key, Entity const* target) {
+        EntityTree::Node const* const at = target ? tree.find(*target) : nullptr;
+        if (at && at->above() == &node) return;
+        std::string name = attributeName(node.type(), attribute.id);
+        if (attribute.isCollection()) name = stepText(node.type(), attribute, key);
+        references.emplace_back(std::move(name), referenceText(tree, target));
+    };
+    for (StreamAttribute const& attribute : node.table().attributes)
+        if (attribute.kind == StreamKind::pointer) add(attribute, "", attribute.target(node.entity()));
+    eachReference(node, [&](StreamAttribute const& attribute, std::string const& key, Entity const& member) {
+        add(attribute, key, &member);
+    });
+    return references;
+}
+
+Json entityJson(EntityTree const& tree, EntityTree::Node const& node) {
+    Json attributes = Json::object(), members = Json::array();
+    for (StreamAttribute const& attribute : node.table().attributes)
+        if (!attribute.isCollection())
+            attributes[attributeName(node.type(), attribute.id)] = heldJson(tree, node.entity(), attribute);
+    eachReference(node, [&](StreamAttribute const& collection, std::string const& key, Entity const& member) {
+        members.push_back({{"collection", attributeName(node.type(), collection.id)},
+            {"key", jsonValue(keyValue(node.type(), collection, key))}, {"target", referenceJson(tree, &member)}});
+    });
+    eachItem(node, [&](StreamAttribute const& collection, std::string const& key, Vel::GenericValue const& item) {
+        members.push_back({{"collection", attributeName(node.type(), collection.id)},
+            {"key", jsonValue(keyValue(node.type(), collection, key))}, {"value", jsonValue(item)}});
+    });
+    return {{"path", node.path()}, {"type", node.type().name()}, {"attributes", std::move(attributes)},
+        {"members", std::move(members)}};
+}
+
+int exitCodeOf(EntityTree const& tree) {
+    if (tree.isWhole()) return fine;
+    complain("what has a path of more than 64 KiB is left out");
+    return somethingWrong;
+}
+
+// --- lines ---
 
 void TreeLines::add(Json json, bool isNote) {
     count_ += !isNote;
@@ -92,18 +130,9 @@ void TreeLines::whole(EntityTree const& tree, Node const& node, bool isNew) {
 
 void TreeLines::attribute(EntityTree const& tree, Node const& node, StreamAttribute const& attribute) {
     std::string const name = attributeName(node.type(), attribute.id);
-    bool const isValue = attribute.kind == StreamKind::value;
-    if (json_) {
-        Json json{{"event", "set"}, {"path", node.path()}, {"attribute", name}};
-        if (isValue)
-            json["value"] = jsonValue(storedValue(node.entity(), attribute));
-        else
-            json["target"] = referenceJson(tree, attribute.target(node.entity()));
-        return add(json);
-    }
-    add("", node.path() + " " + name + " = " +
-                (isValue ? valueText(storedValue(node.entity(), attribute))
-                         : referenceText(tree, attribute.target(node.entity()))));
+    if (!json_) return add("", node.path() + " " + name + " = " + heldText(tree, node.entity(), attribute));
+    add({{"event", "set"}, {"path", node.path()}, {"attribute", name},
+        {attribute.kind == StreamKind::value ? "value" : "target", heldJson(tree, node.entity(), attribute)}});
 }
 
 void TreeLines::member(

@@ -48,6 +48,10 @@ private:
 std::string referenceText(EntityTree const& tree, Vel::Entity const* target);
 Json referenceJson(EntityTree const& tree, Vel::Entity const* target);
 
+// What an attribute holds: a value, or what a pointer refers to. REQUIRES: no collection.
+std::string heldText(EntityTree const& tree, Vel::Entity const& entity, Vel::StreamAttribute const& attribute);
+Json heldJson(EntityTree const& tree, Vel::Entity const& entity, Vel::StreamAttribute const& attribute);
+
 // Calls f(collection, key, member) for the members of the node's collections that have their place elsewhere.
 void eachReference(EntityTree::Node const& node,
     std::function<void(Vel::StreamAttribute const&, std::string const&, Vel::Entity&)> const& f);
@@ -55,5 +59,15 @@ void eachReference(EntityTree::Node const& node,
 // The same for the values in the node's collections of values.
 void eachItem(EntityTree::Node const& node,
     std::function<void(Vel::StreamAttribute const&, std::string const&, Vel::GenericValue const&)> const& f);
+
+// What the entity's pointers, and the keys that eachReference() goes through, refer to: "attribute" or "@collection[key]", and
+// a path or "None".
+std::vector<std::pair<std::string, std::string>> referencesOf(EntityTree const& tree, EntityTree::Node const& node);
+
+// The entity and all that it holds, but not what is below it.
+Json entityJson(EntityTree const& tree, EntityTree::Node const& node);
+
+// Of who has shown the tree: says on standard error when something was left out.
+int exitCodeOf(EntityTree const& tree);
 
 }  // namespace Tool

@@ -1,19 +1,21 @@
 #include "tools/lib/TrieTree.h"
 
+#include "tools/lib/Branches.h"
+
 namespace Tool {
 
 namespace {
 
 struct Signs {
-    char const *branch, *lastBranch, *beside, *below;
     char const *present, *mountPoint, *other;
 };
-constexpr Signs lines = {"├─ ", "└─ ", "│  ", "   ", "●", "◆", "○"};
-constexpr Signs ascii = {"|-- ", "`-- ", "|   ", "    ", "[x]", "[*]", "[ ]"};
+constexpr Signs symbols = {"●", "◆", "○"};
+constexpr Signs ascii = {"[x]", "[*]", "[ ]"};
 
 class Drawing {
 public:
-    Drawing(Answers& answers, Signs const& signs) : answers_(answers), signs_(signs) {}
+    Drawing(Answers& answers, bool asciiOnly)
+        : answers_(answers), branches_(branches(asciiOnly)), signs_(asciiOnly || !isUtf8() ? ascii : symbols) {}
 
     void draw(TagTrie const& trie, std::string const& name) {
         answers_.add(bold(name) + "\n");
@@ -29,7 +31,7 @@ private:
         for (auto const& child : children) {
             bool const isLast = child == children.back();
             drawNode(*child, isLast);
-            indent_ += isLast ? signs_.below : signs_.beside;
+            indent_ += isLast ? branches_.below : branches_.beside;
             drawBelow(*child);
             indent_.resize(size);
         }
@@ -37,11 +39,12 @@ private:
     void drawNode(PrefixTrie const& node, bool isLast) {
         char const* const sign = node.present() ? signs_.present : node.mountPoint() ? signs_.mountPoint : signs_.other;
         std::string const name = shown(node.name());
-        answers_.add(indent_ + (isLast ? signs_.lastBranch : signs_.branch) + sign + " " +
+        answers_.add(indent_ + (isLast ? branches_.lastBranch : branches_.branch) + sign + " " +
                      (node.present() ? bold(name) : name) + tagsBehind(node) + "\n");
     }
 
     Answers& answers_;
+    Branches const& branches_;
     Signs const& signs_;
     std::string indent_;
 };
@@ -58,7 +61,7 @@ std::string dotQuoted(std::string_view text) {
 }  // namespace
 
 void drawTree(Answers& answers, TagTrie const& trie, std::string const& name, bool asciiOnly) {
-    Drawing(answers, asciiOnly || !isUtf8() ? ascii : lines).draw(trie, name);
+    Drawing(answers, asciiOnly).draw(trie, name);
 }
 
 void writeDot(Answers& answers, TagTrie const& trie, std::string const& name) {

@@ -16,18 +16,16 @@ using Vel::GenericValue;
 using Vel::VelAttr;
 using Vel::VelType;
 
-namespace {
-
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-bool isHighHex(char c) { return c == '8' || c == '9' || (c >= 'a' && c <= 'f'); }
-bool isHex(char c) { return isDigit(c) || (c >= 'a' && c <= 'f'); }
-
 std::vector<VelAttr> fieldsOf(VelType type) {
     std::vector<VelAttr> fields;
     for (Vel::U32 i = 0; i < type.attributeCount(); ++i)
         if (type.attribute(i).kind() == Vel::AttributeKind::field) fields.push_back(type.attribute(i));
     return fields;
 }
+
+namespace {
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 // The strep of the double that a whole number says; empty when no double is exactly that.
 std::string doubleText(std::string const& digits) {
@@ -104,14 +102,12 @@ private:
     bool quoted() {
         take(1);
         while (!left().empty()) {
-            char const c = left()[0];
-            bool const isHigh =
-                c == '\\' && left().size() >= 4 && left()[1] == 'x' && isHighHex(left()[2]) && isHex(left()[3]);
-            if (isHigh) {
-                result_ += static_cast<char>(std::strtoul(std::string(left().substr(2, 2)).c_str(), nullptr, 16));
+            if (int const high = highByteOf(left()); high >= 0) {
+                result_ += static_cast<char>(high);
                 at_ += 4;
                 continue;
             }
+            char const c = left()[0];
             take(c == '\\' && left().size() > 1 ? 2 : 1);
             if (c == '\'') return true;
         }
@@ -189,6 +185,18 @@ GenericValue valueFrom(VelType type, std::string_view text, Taken const& taken) 
 Taken remarking(std::string const& place) {
     return
         [place](std::string const& note, std::size_t) { remark((place.empty() ? "" : place + ": ") + cleaned(note)); };
+}
+
+GenericValue givenValue(VelType type, std::string const& text, int exitCode, std::string const& remarkPlace,
+    std::string const& errorPlace) {
+    std::string const what = errorPlace + "this is no " + type.name() + ": ";
+    try {
+        return valueFrom(type, text, remarking(remarkPlace));
+    } catch (Vel::ParseException const& error) {
+        throw Failure(exitCode, what + cleaned(error.text().view()) + "\n" + caretBelow(text, error.offset()));
+    } catch (Vel::Exception const& error) {
+        throw Failure(exitCode, what + cleaned(error.text().view()));
+    }
 }
 
 }  // namespace Tool

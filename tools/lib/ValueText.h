@@ -5,9 +5,12 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 // Values as people read and write them.
 namespace Tool {
+
+std::vector<Vel::VelAttr> fieldsOf(Vel::VelType type);
 
 // The value's text form, in which bytes that are not for a terminal (see Clean.h) stand as \xNN. valueFrom() reads it.
 std::string valueText(Vel::GenericValue const& value);
@@ -26,5 +29,10 @@ Vel::GenericValue valueFrom(Vel::VelType type, std::string_view text, Taken cons
 
 // Tells of it with --verbose: "PLACE: 1 is taken for 1.0".
 Taken remarking(std::string const& place);
+
+// The value that the command line gives as a text. Throws Failure with that exit code, which says what is wrong and where,
+// behind `errorPlace`. remarkPlace: as of remarking().
+Vel::GenericValue givenValue(Vel::VelType type, std::string const& text, int exitCode,
+    std::string const& remarkPlace = "", std::string const& errorPlace = "");
 
 }  // namespace Tool

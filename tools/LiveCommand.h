@@ -1,0 +1,20 @@
+#pragma once
+
+#include "tools/Command.h"
+#include "tools/lib/Connection.h"
+
+namespace Tool {
+
+// What the commands on a server's live state have in common: its address, and the files for TLS.
+class LiveCommand : public Command {
+protected:
+    LiveCommand(CLI::App& app, char const* name, char const* what, char const* help);
+
+    void addPath(char const* what) { argument("PATH", where_.path, what); }
+    void addTimeoutAndJson();
+
+    ConnectionOptions where_;
+    bool json_ = false;
+};
+
+}  // namespace Tool

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <charconv>
+#include <optional>
+#include <string_view>
+
+namespace Tool {
+
+// The whole number that the digits of the text say, and nothing else; nothing when N does not hold it.
+template <class N> std::optional<N> numberFrom(std::string_view text) {
+    N number = 0;
+    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return number;
+}
+
+}  // namespace Tool
