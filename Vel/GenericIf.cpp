@@ -50,9 +50,10 @@ std::optional<VelAttr> VelType::attribute(std::string_view name) const {
 
 namespace {
 
-std::string_view conversion(std::string_view typeName) {
-    if (typeName == "U8" || typeName == "U16" || typeName == "U32") return "%u";
-    return typeName == "U64" ? "%lu" : "%s";
+std::string_view conversion(VelType type) {
+    bool const isNumber = type.record().flags & TypeFlag::scalar && type.isHashable();  // no other scalar is hashable
+    if (!isNumber) return "%s";
+    return type.encodedSize() == sizeof(U64) ? "%lu" : "%u";
 }
 
 }  // namespace
@@ -60,7 +61,7 @@ std::string_view conversion(std::string_view typeName) {
 String VelType::strepTemplate() const {
     U16 const flags = record().flags;
     if (flags & TypeFlag::entity) return {};
-    if (flags & TypeFlag::scalar) return conversion(name());
+    if (flags & TypeFlag::scalar) return conversion(*this);
     if (flags & TypeFlag::ownText) return "%s";
     StrepOut out;
     bool const number = flags & TypeFlag::number;
@@ -70,7 +71,7 @@ String VelType::strepTemplate() const {
         VelAttr const attr = attribute(i);
         if (attr.kind() != AttributeKind::field) continue;
         if (!number) out << (first ? "'" : ", '") << attr.name() << "': ";
-        out << conversion(attr.valueType().name());
+        out << conversion(attr.valueType());
         first = false;
     }
     if (!number) out << "})";

@@ -1,6 +1,6 @@
 #include "Vel/Strep.h"
 
-#include "Vel/Scan.h"
+#include "Vel/Scalar.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -136,24 +136,24 @@ char const* readString(char const* from, char const* end, String& value) {
 
 // --- printing ---
 
-String unsignedToStrep(U64 value) {
-    char text[Scan::maxUnsigned];
-    return String(text, static_cast<std::size_t>(Scan::writeUnsigned(text, value) - text));
+namespace {
+
+template <class T> String textOf(T value) {
+    char text[Scalar<T>::maxText];
+    return String(text, static_cast<std::size_t>(Scalar<T>::write(text, value) - text));
 }
 
-String boolToStrep(bool value) { return value ? String("True", 4) : String("False", 5); }
-String valueToStrep(U1 value) { return boolToStrep(value); }
+}  // namespace
 
-String valueToStrep(double value) {
-    char text[Scan::roomForDouble];
-    return String(text, static_cast<std::size_t>(Scan::writeDouble(text, value) - text));
-}
-
-String valueToStrep(Seconds value) { return valueToStrep(value.value()); }
+String unsignedToStrep(U64 value) { return textOf(value); }
+String boolToStrep(bool value) { return textOf(value); }
+String valueToStrep(U1 value) { return textOf(value); }
+String valueToStrep(double value) { return textOf(value); }
+String valueToStrep(Seconds value) { return textOf(value); }
 
 String valueToStrep(String const& value) {
     StrepOut out;
-    out.endIs(Scan::writeString(out.room(2 + 4 * value.length()), value));
+    out.endIs(Scalar<String>::write(out.room(Scalar<String>::roomFor(value)), value));
     return out.str();
 }
 
@@ -172,11 +172,10 @@ String excerpt(String::IteratorConst const& it, String::IteratorConst const& end
     return "at " + out.str() + (left > most ? "..." : "");
 }
 
-template <class T, class Read>
-T sequenceTo(String::IteratorConst& it, String::IteratorConst const& end, Read read, char const* what) {
+template <class T> T scalarAt(String::IteratorConst& it, String::IteratorConst const& end) {
     T value{};
-    char const* const stop = read(it.charPtr(), end.charPtr(), value);
-    if (!stop) throwParseException(it, end, what);
+    char const* const stop = Scalar<T>::read(it.charPtr(), end.charPtr(), value);
+    if (!stop) throwParseException(it, end, Scalar<T>::expected);
     it.charPtrIs(stop);
     return value;
 }
@@ -189,32 +188,28 @@ void throwParseException(String::IteratorConst const& it, String::IteratorConst 
         it.offset());
 }
 
-U8 sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, U8*) {
-    return sequenceTo<U8>(it, end, Scan::readUnsigned<U8>, "a number from 0 to 255");
-}
+U8 sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, U8*) { return scalarAt<U8>(it, end); }
 U16 sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, U16*) {
-    return sequenceTo<U16>(it, end, Scan::readUnsigned<U16>, "a number from 0 to 65535");
+    return scalarAt<U16>(it, end);
 }
 U32 sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, U32*) {
-    return sequenceTo<U32>(it, end, Scan::readUnsigned<U32>, "a number from 0 to 4294967295");
+    return scalarAt<U32>(it, end);
 }
 U64 sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, U64*) {
-    return sequenceTo<U64>(it, end, Scan::readUnsigned<U64>, "a number from 0 to 18446744073709551615");
+    return scalarAt<U64>(it, end);
 }
 bool sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, bool*) {
-    return sequenceTo<bool>(it, end, Scan::readBool, "True or False");
+    return scalarAt<bool>(it, end);
 }
-U1 sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, U1*) {
-    return sequenceToValue(it, end, static_cast<bool*>(nullptr));
-}
+U1 sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, U1*) { return scalarAt<U1>(it, end); }
 double sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, double*) {
-    return sequenceTo<double>(it, end, Scan::readDouble, "the shortest decimal of a double, such as 1.5");
+    return scalarAt<double>(it, end);
 }
 Seconds sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, Seconds*) {
-    return sequenceTo<double>(it, end, Scan::readDouble, "seconds as the shortest decimal of a double, such as 1.5");
+    return scalarAt<Seconds>(it, end);
 }
 String sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, String*) {
-    return sequenceTo<String>(it, end, Scan::readString, "a string in single quotes");
+    return scalarAt<String>(it, end);
 }
 
 void needString(String::IteratorConst& it, String::IteratorConst const& end, char const* literal) {

@@ -120,8 +120,8 @@ template <class T> std::size_t attrLogSize(T const* value) {
     constexpr std::size_t width = Detail::fixedWidth<T>();
     if constexpr (width != 0) {
         return width;
-    } else if constexpr (std::is_same_v<T, String>) {
-        return 4 + value->length();
+    } else if constexpr (ScalarValue<T>) {
+        return Scalar<T>::size(*value);
     } else if constexpr (hasOption<T, OptionId::stream>) {
         return std::invoke(OptionOf<T, OptionId::stream>::size, *value);
     } else {

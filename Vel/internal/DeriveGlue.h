@@ -79,8 +79,7 @@ template <class T> void genericIfStrepToValue(void* dst, String const& text, Vel
 
 template <class T> U32 genericIfHash(void const* value, VelType type) {
     if constexpr (ScalarValue<T>) {
-        if constexpr (std::unsigned_integral<T> && !std::is_same_v<T, bool>)
-            return Hash(0).hashMix<sizeof(T)>(*static_cast<T const*>(value)).result();
+        if constexpr (Scalar<T>::isHashable) return Hash(0).hashMix<sizeof(T)>(*static_cast<T const*>(value)).result();
     } else if constexpr (hasOption<T, OptionId::hash>) {
         return std::invoke(OptionOf<T, OptionId::hash>::function, *static_cast<T const*>(value), U32(0));
     }

@@ -184,7 +184,7 @@ template <class T> constexpr bool offersEquality() {
 }
 template <class T> constexpr bool offersLess() {
     if constexpr (ScalarValue<T>)
-        return std::is_arithmetic_v<T> && !std::is_same_v<T, bool>;
+        return Scalar<T>::isOrdered;
     else
         return hasOption<T, OptionId::less> || hasOption<T, OptionId::ordered>;
 }

@@ -153,7 +153,7 @@ template <class T> constexpr U16 typeFlags() {
     unsigned flags = fixedWidth<T>() != 0 ? TypeFlag::fixedSize : 0;
     if constexpr (ScalarValue<T>) {
         flags |= TypeFlag::scalar;
-        if constexpr (std::unsigned_integral<T> && !std::is_same_v<T, bool>) flags |= TypeFlag::hashable;
+        if constexpr (Scalar<T>::isHashable) flags |= TypeFlag::hashable;
     } else {
         if constexpr (DescribedEntity<T>) flags |= TypeFlag::entity;
         if constexpr (DescriptionOf<T>::form == Form::number) flags |= TypeFlag::number;

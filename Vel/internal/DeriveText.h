@@ -49,14 +49,8 @@ inline constexpr std::string_view textAfterFields = "})";
 
 // Room for the longest text of a value, in bytes; 0 when there is no limit known here.
 template <class T> constexpr std::size_t maxText() {
-    if constexpr (std::is_same_v<T, String>) {
-        return 0;
-    } else if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, U1>) {
-        return Scan::maxBool;
-    } else if constexpr (std::is_same_v<T, F64> || std::is_same_v<T, Seconds>) {
-        return Scan::roomForDouble;
-    } else if constexpr (ScalarValue<T>) {
-        return Scan::maxUnsigned;
+    if constexpr (ScalarValue<T>) {
+        return Scalar<T>::maxText;
     } else if constexpr (hasOption<T, OptionId::text>) {
         return 0;
     } else {
@@ -79,14 +73,8 @@ inline char* copied(char* to, std::string_view text) {
 
 // Writes a value whose text is limited into room that suffices.
 template <class T> char* writeText(char* to, T const& value) {
-    if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, U1>) {
-        return Scan::writeBool(to, value);
-    } else if constexpr (std::is_same_v<T, F64>) {
-        return Scan::writeDouble(to, value);
-    } else if constexpr (std::is_same_v<T, Seconds>) {
-        return Scan::writeDouble(to, value.value());
-    } else if constexpr (ScalarValue<T>) {
-        return Scan::writeUnsigned(to, value);
+    if constexpr (ScalarValue<T>) {
+        return Scalar<T>::write(to, value);
     } else if constexpr (DescriptionOf<T>::form == Form::number) {
         eachFieldValue(value, [&](auto const& field, auto) { to = writeText(to, field); });
         return to;
@@ -103,8 +91,8 @@ template <class T> void printValue(StrepOut& out, T const& value) {
     constexpr std::size_t most = maxText<T>();
     if constexpr (most != 0) {
         out.endIs(writeText(out.room(most), value));
-    } else if constexpr (std::is_same_v<T, String>) {
-        out.endIs(Scan::writeString(out.room(2 + 4 * value.length()), value));
+    } else if constexpr (ScalarValue<T>) {
+        out.endIs(Scalar<T>::write(out.room(Scalar<T>::roomFor(value)), value));
     } else if constexpr (hasOption<T, OptionId::text>) {
         constexpr auto print = OptionOf<T, OptionId::text>::print;
         if constexpr (std::is_invocable_v<decltype(print), StrepOut&, T const&>)
@@ -150,35 +138,14 @@ inline char const* readLiteral(char const* from, char const* end, FixedText<N> c
     return same ? from + N : nullptr;
 }
 
-template <class T> inline constexpr bool quicklyParsed = false;
-template <ScalarValue T> inline constexpr bool quicklyParsed<T> = true;
-
-template <class T> constexpr bool hasQuickFields() {
-    bool quick = true;
-    forEachField<T>([&](auto index) { quick = quick && quicklyParsed<FieldType<T, decltype(index)::value>>; });
-    return quick;
+template <class T> constexpr bool hasScalarsOnly() {
+    bool only = true;
+    forEachField<T>([&](auto index) { only = only && ScalarValue<FieldType<T, decltype(index)::value>>; });
+    return only;
 }
 
 template <class T> char const* readScalar(char const* from, char const* end, T& value) {
-    if constexpr (std::is_same_v<T, bool>) {
-        return Scan::readBool(from, end, value);
-    } else if constexpr (std::is_same_v<T, U1>) {
-        bool flag = false;
-        from = Scan::readBool(from, end, flag);
-        value = flag;
-        return from;
-    } else if constexpr (std::is_same_v<T, F64>) {
-        return Scan::readDouble(from, end, value);
-    } else if constexpr (std::is_same_v<T, Seconds>) {
-        double seconds = 0;
-        from = Scan::readDouble(from, end, seconds);
-        value = seconds;
-        return from;
-    } else if constexpr (std::is_same_v<T, String>) {
-        return Scan::readString(from, end, value);
-    } else {
-        return Scan::readUnsigned(from, end, value);
-    }
+    return Scalar<T>::read(from, end, value);
 }
 
 template <class T> char const* readRecord(char const* from, char const* end, T& value) {
@@ -195,7 +162,7 @@ template <class T> char const* readRecord(char const* from, char const* end, T& 
 
 // Of a value of form number or record; null also for a type with a text form of its own.
 template <class T> char const* readText(T& value, char const* from, char const* end) {
-    if constexpr (hasOption<T, OptionId::text> || !hasQuickFields<T>()) {
+    if constexpr (hasOption<T, OptionId::text> || !hasScalarsOnly<T>()) {
         return nullptr;
     } else if constexpr (DescriptionOf<T>::form == Form::number) {
         eachFieldValue(value, [&](auto& field, auto) { from = readScalar(from, end, field); });

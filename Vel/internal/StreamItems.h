@@ -4,7 +4,6 @@
 #include "Vel/NboAttrLog.h"
 #include "Vel/Scalar.h"
 
-#include <bit>
 #include <string_view>
 
 // A described value's items in the attribute log. A value whose encoding always has the same length is written and read
@@ -13,10 +12,8 @@ namespace Vel::Detail {
 
 // The width of a value whose encoding always has the same length; 0 for others.
 template <class T> constexpr std::size_t fixedWidth() {
-    if constexpr (std::is_same_v<T, String>) {
-        return 0;
-    } else if constexpr (ScalarValue<T>) {
-        return Scalar<T>::width;
+    if constexpr (ScalarValue<T>) {
+        return Scalar<T>::hasFixedWidth ? Scalar<T>::width : 0;
     } else if constexpr (!DescribedValue<T>) {
         return 0;
     } else if constexpr (hasOption<T, OptionId::stream>) {
@@ -39,34 +36,24 @@ template <class T, class F> constexpr void eachFieldValue(T& value, F&& f) {
 }
 
 template <class T> inline U8* storeFixed(U8* to, T const& value) {
-    if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, U1>)
-        *to = value ? 1 : 0;
-    else if constexpr (std::is_same_v<T, double>)
-        NboAttrLog::store(to, std::bit_cast<U64>(value));
-    else if constexpr (std::is_same_v<T, Seconds>)
-        NboAttrLog::store(to, std::bit_cast<U64>(value.value()));
-    else if constexpr (ScalarValue<T>)
-        NboAttrLog::store(to, value);
-    else
+    if constexpr (ScalarValue<T>) {
+        Scalar<T>::store(to, value);
+        return to + Scalar<T>::width;
+    } else {
         eachFieldValue(value, [&](auto const& field, auto) { to = storeFixed(to, field); });
-    if constexpr (ScalarValue<T>) to += Scalar<T>::width;
-    return to;
+        return to;
+    }
 }
 
-// Reads what storeFixed wrote; `good` becomes false at a bool that is neither 0 nor 1.
+// Reads what storeFixed wrote; `good` becomes false at bytes that it never writes.
 template <class T> inline U8 const* loadFixed(U8 const* from, T& value, bool& good) {
-    if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, U1>) {
-        good = good && *from <= 1;
-        value = *from != 0;
-    } else if constexpr (std::is_same_v<T, double> || std::is_same_v<T, Seconds>) {
-        value = std::bit_cast<double>(NboAttrLog::load<U64>(from));
-    } else if constexpr (ScalarValue<T>) {
-        value = NboAttrLog::load<T>(from);
+    if constexpr (ScalarValue<T>) {
+        good = Scalar<T>::load(from, value) && good;
+        return from + Scalar<T>::width;
     } else {
         eachFieldValue(value, [&](auto& field, auto) { from = loadFixed(from, field, good); });
+        return from;
     }
-    if constexpr (ScalarValue<T>) from += Scalar<T>::width;
-    return from;
 }
 
 template <class T> T nextItem(NboAttrLog::In& in);
@@ -87,22 +74,8 @@ template <class T> void readByItems(T& value, NboAttrLog::In& in) {
 template <class T> VEL_COLD void readByItemsCold(T& value, NboAttrLog::In& in) { readByItems(value, in); }
 
 template <class T> T nextItem(NboAttrLog::In& in) {
-    if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, U1>)
-        return in.nextbool();
-    else if constexpr (std::is_same_v<T, U8>)
-        return in.nextU8();
-    else if constexpr (std::is_same_v<T, U16>)
-        return in.nextU16();
-    else if constexpr (std::is_same_v<T, U32>)
-        return in.nextU32();
-    else if constexpr (std::is_same_v<T, U64>)
-        return in.nextU64();
-    else if constexpr (std::is_same_v<T, F64>)
-        return in.nextF64();
-    else if constexpr (std::is_same_v<T, Seconds>)
-        return in.nextSeconds();
-    else if constexpr (std::is_same_v<T, String>)
-        return in.nextString();
+    if constexpr (ScalarValue<T>)
+        return Scalar<T>::next(in);
     else
         return T(&in, StreamBogon());
 }
