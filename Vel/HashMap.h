@@ -25,8 +25,8 @@ VEL_API U32 hashText(std::string_view text, U32 seed) noexcept;
 // collide. Of other types it takes the type's own hash(seed), or std::hash, and keys what they yield: two keys for which
 // these are equal collide all the same.
 template <class Key> struct KeyHash {
-    static U32 hash(internal::KeyView<Key> const& view, U32 seed) {
-        if constexpr (internal::isText<Key>)
+    static U32 hash(Detail::KeyView<Key> const& view, U32 seed) {
+        if constexpr (Detail::isText<Key>)
             return hashText(view, seed);
         else if constexpr (std::integral<Key>)
             return keyed(static_cast<U64>(view), seed);
@@ -58,7 +58,7 @@ template <class Key, class Value, U32 seed = 0, class Hasher = KeyHash<Key>> cla
     template <bool isConst> class BasicIterator;
 
 public:
-    using View = internal::KeyArgument<Key>;
+    using View = Detail::KeyArgument<Key>;
     using Iterator = BasicIterator<false>;
     using ConstIterator = BasicIterator<true>;
 
@@ -150,8 +150,8 @@ private:
         Element* element;
     };
 
-    static internal::KeyView<Key> const& asView(void const* view) {
-        return *static_cast<internal::KeyView<Key> const*>(view);
+    static Detail::KeyView<Key> const& asView(void const* view) {
+        return *static_cast<Detail::KeyView<Key> const*>(view);
     }
     static Element const& asElement(void const* element) { return *static_cast<Element const*>(element); }
     static Value* valueOf(void* element) { return element ? &static_cast<Element*>(element)->value : nullptr; }
@@ -187,7 +187,7 @@ template <class Key, class Value, U32 seed, class Hasher>
 template <bool isConst>
 class HashMap<Key, Value, seed, Hasher>::BasicIterator {
 public:
-    using Entry = internal::MapEntry<Key, std::conditional_t<isConst, Value const, Value>>;
+    using Entry = Detail::MapEntry<Key, std::conditional_t<isConst, Value const, Value>>;
     using value_type = Entry;
     using difference_type = std::ptrdiff_t;
 

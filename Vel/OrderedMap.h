@@ -51,7 +51,7 @@ template <class Key, class Value, class NodeType = OrderedMapNode<Key, Value>> c
     template <bool isConst> class BasicIterator;
 
 public:
-    using View = internal::KeyArgument<Key>;
+    using View = Detail::KeyArgument<Key>;
     using Iterator = BasicIterator<false>;
     using ConstIterator = BasicIterator<true>;
 
@@ -148,9 +148,9 @@ private:
     static Value* valueOf(NodeType* node) { return node ? &node->value() : nullptr; }
 
     static int compare(void const* view, Node const* node) {
-        auto const& v = *static_cast<internal::KeyView<Key> const*>(view);
+        auto const& v = *static_cast<Detail::KeyView<Key> const*>(view);
         View key = asNode(node, 0).key();
-        if constexpr (internal::isText<Key>)
+        if constexpr (Detail::isText<Key>)
             return v.compare(key);
         else
             return int(key < v) - int(v < key);
@@ -186,7 +186,7 @@ template <bool isConst>
 class OrderedMap<Key, Value, NodeType>::BasicIterator {
 public:
     using Map = std::conditional_t<isConst, OrderedMap const, OrderedMap>;
-    using Entry = internal::MapEntry<Key, std::conditional_t<isConst, Value const, Value>>;
+    using Entry = Detail::MapEntry<Key, std::conditional_t<isConst, Value const, Value>>;
     using value_type = Entry;
     using difference_type = std::ptrdiff_t;
 

@@ -10,7 +10,7 @@
 #include <type_traits>
 #include <utility>
 
-namespace Vel::internal {
+namespace Vel::Detail {
 
 // Texts are looked up by std::string_view, so that a look-up need not make a key; every other key by itself.
 template <class Key> inline constexpr bool isText = std::same_as<Key, String> || std::same_as<Key, std::string>;
@@ -66,4 +66,4 @@ private:
     U64 word_ = 0;
 };
 
-}  // namespace Vel::internal
+}  // namespace Vel::Detail

@@ -86,7 +86,7 @@ private:
     Block* rebuild(Type const& type, unsigned sizeClass, bool mayThrow);
     static void removeFromSlots(Type const& type, Block& block, std::size_t index, U32 hash) noexcept;
 
-    internal::Anchor<Block> anchor_;
+    Detail::Anchor<Block> anchor_;
 };
 
 // Walks a map that may change meanwhile. It remembers the order of the bucket that it stands on and looks it up again

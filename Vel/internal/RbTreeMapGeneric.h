@@ -100,7 +100,7 @@ private:
     void balanceInserted(Node* node) noexcept;
     void balanceRemoved(Node* node, Node* parent) noexcept;
 
-    internal::Anchor<Tree> anchor_;
+    Detail::Anchor<Tree> anchor_;
 };
 
 }  // namespace Vel
