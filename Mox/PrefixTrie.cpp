@@ -15,7 +15,7 @@ using Vel::Ptr;
 
 namespace {
 
-using Collection = Detail::NamedMembers<PrefixTrie>::Collection;
+using Collection = Detail::TrieMembers<PrefixTrie>::Collection;
 
 constexpr char source[] = "/src/Mox/PrefixTrie";
 constinit Vel::TraceHandle traceHandle("PrefixTrie");

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Mox/Types.h"
-#include "Mox/internal/NamedMembers.h"
+#include "Mox/internal/TrieMembers.h"
 
 #include "Vel/Entity.h"
 
@@ -60,7 +60,7 @@ VEL_API Vel::Ptr<PrefixTrieState> prefixTrieStateFactory();
 // component: 10 000 components are fine on a stack of 8 MB. REQUIRES, for all operations on paths: no node is below itself.
 // Threads: a trie and the states in it are used by one thread at a time.
 class VEL_API PrefixTrie : public Vel::EntityOf<PrefixTrie> {
-    using Members = Detail::NamedMembers<PrefixTrie>;
+    using Members = Detail::TrieMembers<PrefixTrie>;
     template <Members::Collection which, U32 hashConstant> class MemberRange;
 
 public:
@@ -214,7 +214,7 @@ VEL_API Vel::Ptr<PrefixTrie> prefixTrieFactory(String const& name);
 
 // The members of one collection, for a range-based loop. It visits those that there were when it began and that are
 // still there when their turn comes; they and others may come and go meanwhile. The trie must outlive it.
-template <Detail::NamedMembers<PrefixTrie>::Collection which, U32 hashConstant> class PrefixTrie::MemberRange {
+template <Detail::TrieMembers<PrefixTrie>::Collection which, U32 hashConstant> class PrefixTrie::MemberRange {
 public:
     class Iterator {
     public:

@@ -20,9 +20,9 @@ namespace Mox::Detail {
 using Vel::U32;
 using Vel::U64;
 
-// Two collections of reference-counted nodes, keyed by the nodes' own names: one that owns them and a second index over
-// mostly the same ones. One word, and nothing else while there is at most one node; about 20 bytes a node beyond that,
-// for both collections together.
+// The children of a node of a trie, in both of its collections: reference-counted nodes, keyed by their own names.
+// `prefixChild` owns them; `child` is a second index over mostly the same ones. One word, and nothing else while there
+// is at most one child; about 20 bytes a child beyond that, for both collections together.
 //
 // A leak detector does not take a word with hash bits for an address, and is told to leave out what is only found there.
 //
@@ -37,15 +37,15 @@ using Vel::U64;
 //    bit, and the table's size class where a slot has the hash: look-ups need not touch the table's header.
 // 4. Tables of up to 7 slots are filled from the front. Larger ones are powers of two, probed linearly from the low bits
 //    of the hash, at most three quarters full.
-template <class Node> class NamedMembers {
+template <class Node> class TrieMembers {
 public:
     enum class Collection : U64 { child = 1, prefixChild = 2 };
     class Snapshot;
 
-    constexpr NamedMembers() noexcept = default;
-    NamedMembers(NamedMembers const&) = delete;
-    NamedMembers& operator=(NamedMembers const&) = delete;
-    ~NamedMembers() {
+    constexpr TrieMembers() noexcept = default;
+    TrieMembers(TrieMembers const&) = delete;
+    TrieMembers& operator=(TrieMembers const&) = delete;
+    ~TrieMembers() {
         releaseAll([](Node&, Collection) {}, [](Node* node) { node->deleteRef(); });
     }
 
@@ -150,7 +150,7 @@ private:
         auto const address = reinterpret_cast<U64>(&node);
         if (address & ~addressBits) [[unlikely]]
             Vel::assertionFailed("(address & ~addressBits) == 0", "/src/Mox/PrefixTrie", 0,
-                "Vel::U64 Mox::Detail::NamedMembers::newSlot(Node&, Vel::U32)");
+                "Vel::U64 Mox::Detail::TrieMembers::newSlot(Node&, Vel::U32)");
         isNoLeak(&node);
         return tagOf(hash) | address;
     }
@@ -303,9 +303,9 @@ private:
 };
 
 // The members of one collection at one time, each held by a reference.
-template <class Node> class NamedMembers<Node>::Snapshot {
+template <class Node> class TrieMembers<Node>::Snapshot {
 public:
-    Snapshot(NamedMembers const& members, Collection which) : count_(members.size(which)) {
+    Snapshot(TrieMembers const& members, Collection which) : count_(members.size(which)) {
         if (count_ > maxSmallCapacity) nodes_ = new Node*[count_];
         Node** to = nodes_;
         auto const add = [&](U64 slot) {

@@ -1,4 +1,4 @@
-#include "Mox/internal/NamedMembers.h"
+#include "Mox/internal/TrieMembers.h"
 
 #include "Allocations.h"
 
@@ -28,7 +28,7 @@ struct Node {
     int references = 0;
 };
 
-using Members = Mox::Detail::NamedMembers<Node>;
+using Members = Mox::Detail::TrieMembers<Node>;
 using Collection = Members::Collection;
 constexpr Collection both[] = {Collection::child, Collection::prefixChild};
 
@@ -97,10 +97,10 @@ std::vector<std::unique_ptr<Node>> nodesOf(unsigned keys) {
     return nodes;
 }
 
-class NamedMembersTest : public testing::TestWithParam<unsigned> {};  // number of keys
-INSTANTIATE_TEST_SUITE_P(Keys, NamedMembersTest, testing::Values(1, 2, 3, 4, 7, 8, 9, 12, 13, 24, 25, 200));
+class TrieMembersTest : public testing::TestWithParam<unsigned> {};  // number of keys
+INSTANTIATE_TEST_SUITE_P(Keys, TrieMembersTest, testing::Values(1, 2, 3, 4, 7, 8, 9, 12, 13, 24, 25, 200));
 
-TEST_P(NamedMembersTest, AreWhatTwoMapsAre) {
+TEST_P(TrieMembersTest, AreWhatTwoMapsAre) {
     auto const nodes = nodesOf(GetParam());
     std::mt19937 random(GetParam());
     {
@@ -127,7 +127,7 @@ TEST_P(NamedMembersTest, AreWhatTwoMapsAre) {
     for (auto const& node : nodes) ASSERT_EQ(node->references, 0);
 }
 
-TEST(NamedMembersSizeTest, GrowThroughAllSizesAndShrinkAgain) {
+TEST(TrieMembersSizeTest, GrowThroughAllSizesAndShrinkAgain) {
     auto const nodes = nodesOf(3000);
     Pair pair;
     std::size_t most = 0;
@@ -149,7 +149,7 @@ TEST(NamedMembersSizeTest, GrowThroughAllSizesAndShrinkAgain) {
     EXPECT_EQ(pair.members.memory(), 0u);
 }
 
-TEST(NamedMembersSizeTest, OneNodeInBothCollectionsNeedsNoMemory) {
+TEST(TrieMembersSizeTest, OneNodeInBothCollectionsNeedsNoMemory) {
     Node a("a");
     Members members;
     EXPECT_EQ(sizeof members, sizeof(void*));
@@ -167,7 +167,7 @@ TEST(NamedMembersSizeTest, OneNodeInBothCollectionsNeedsNoMemory) {
     EXPECT_EQ(a.references, 2);
 }
 
-TEST(NamedMembersSizeTest, MembersOfOneKeyMayDifferBetweenTheCollections) {
+TEST(TrieMembersSizeTest, MembersOfOneKeyMayDifferBetweenTheCollections) {
     Node a("a"), b("a"), c("a");
     Members members;
     EXPECT_EQ(members.put(a, Collection::child), std::pair(static_cast<Node*>(nullptr), true));
@@ -184,7 +184,7 @@ TEST(NamedMembersSizeTest, MembersOfOneKeyMayDifferBetweenTheCollections) {
     EXPECT_EQ(b.references, 2);
 }
 
-TEST(NamedMembersSizeTest, SnapshotHoldsItsNodesWhileTheCollectionsChange) {
+TEST(TrieMembersSizeTest, SnapshotHoldsItsNodesWhileTheCollectionsChange) {
     for (unsigned const count : {0u, 1u, 5u, 7u, 8u, 100u}) {
         auto const nodes = nodesOf(count);
         Pair pair;
@@ -204,7 +204,7 @@ TEST(NamedMembersSizeTest, SnapshotHoldsItsNodesWhileTheCollectionsChange) {
     }
 }
 
-TEST(NamedMembersSizeTest, ReleaseAllTellsOfEveryMemberAndDropsEveryReference) {
+TEST(TrieMembersSizeTest, ReleaseAllTellsOfEveryMemberAndDropsEveryReference) {
     for (unsigned const count : {0u, 1u, 2u, 7u, 50u}) {
         auto const nodes = nodesOf(count);
         Members members;
@@ -228,7 +228,7 @@ TEST(NamedMembersSizeTest, ReleaseAllTellsOfEveryMemberAndDropsEveryReference) {
     }
 }
 
-TEST(NamedMembersSizeTest, KeysOfAllLengthsAreToldApart) {
+TEST(TrieMembersSizeTest, KeysOfAllLengthsAreToldApart) {
     std::vector<std::unique_ptr<Node>> nodes;
     for (unsigned length = 0; length < 40; ++length)
         for (char const c : {'a', 'b', '\0', '\xFF'}) {
@@ -247,7 +247,7 @@ TEST(NamedMembersSizeTest, KeysOfAllLengthsAreToldApart) {
 
 // Fails at the end of the program, and only where a leak detector looks.
 // The first word makes a factor 0 in wyhash as it is published, whatever comes behind it.
-TEST(NamedMembersSizeTest, KeysMadeToCollideAreFoundAsFastAsOthers) {
+TEST(TrieMembersSizeTest, KeysMadeToCollideAreFoundAsFastAsOthers) {
     static unsigned asked = 0;  // for keys
     struct Counted : Node {
         using Node::Node;
@@ -264,7 +264,7 @@ TEST(NamedMembersSizeTest, KeysMadeToCollideAreFoundAsFastAsOthers) {
     for (int round = 0; round < 5; ++round) {
         auto const before = Vel::ProcessSecret::valueIs(Vel::TableSecret::drawn());
         {
-            Mox::Detail::NamedMembers<Counted> members;
+            Mox::Detail::TrieMembers<Counted> members;
             for (auto const& node : nodes) members.put(*node, decltype(members)::Collection::child);
             asked = 0;
             for (auto const& node : nodes)
@@ -275,7 +275,7 @@ TEST(NamedMembersSizeTest, KeysMadeToCollideAreFoundAsFastAsOthers) {
     }
 }
 
-TEST(NamedMembersSizeTest, WhatMembersHoldForTheWholeProgramIsNoLeak) {
+TEST(TrieMembersSizeTest, WhatMembersHoldForTheWholeProgramIsNoLeak) {
     static auto* const one = new Members;
     static auto* const few = new Members;
     static auto* const many = new Members;
