@@ -1,40 +1,5 @@
 // expect only: (60f72dd811e644b6|'6', '0', 'f', '7', '2', 'd', 'd', '8', '1', '1', 'e', '6', '4', '4', 'b', '6').*(75048f05d0bf289d|'7', '5', '0', '4', '8', 'f', '0', '5', 'd', '0', 'b', 'f', '2', '8', '9', 'd').*the module.s description has changed: give VEL_MODULE the fingerprint that stands first
-#include "Vel/Entity.h"
-#include "Vel/Module.h"
-#include "Vel/Value.h"
-
-namespace My {
-
-class Point {
-public:
-    Vel::U32 x = 0;
-    Vel::U32 y = 0;
-    void moveIs(Vel::U32 dx, Vel::U32 dy) & { x += dx, y += dy; }
-    friend bool operator==(Point const&, Point const&) = default;
-
-    Point() = default;
-    Point(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) { Vel::parse(*this, it, end); }
-    Point(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
-    static constexpr auto description() {
-        return Vel::record("My::Point", Vel::field<&Point::x>("x"), Vel::field<&Point::y>("z"),
-            Vel::method<&Point::moveIs>("move", "dx", "dy"));
-    }
-};
-
-class Place : public Vel::EntityOf<Place> {
-public:
-    explicit Place(Vel::String const& name) : EntityOf(name) {}
-    Vel::U32 size() const { return size_; }
-    void sizeIs(Vel::U32 size) { velSet<&Place::size_>(size); }
-
-    static constexpr auto description() {
-        return Vel::entity("My::Place", Vel::attribute<&Place::size_, &Place::size, &Place::sizeIs>("size"));
-    }
-
-private:
-    Vel::U32 size_ = 0;
-};
-
-}  // namespace My
+#define NAME_OF_Y "z"
+#include "Given.h"
 
 VEL_MODULE(My, 75048f05d0bf289d, My::Point, My::Place);

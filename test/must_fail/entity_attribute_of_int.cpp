@@ -1,40 +1,5 @@
 // expect only: &My::Place::size_(;|,).* int(\]|>).*the integers of attributes are
-#include "Vel/Entity.h"
-#include "Vel/Module.h"
-#include "Vel/Value.h"
-
-namespace My {
-
-class Point {
-public:
-    Vel::U32 x = 0;
-    Vel::U32 y = 0;
-    void moveIs(Vel::U32 dx, Vel::U32 dy) & { x += dx, y += dy; }
-    friend bool operator==(Point const&, Point const&) = default;
-
-    Point() = default;
-    Point(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) { Vel::parse(*this, it, end); }
-    Point(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
-    static constexpr auto description() {
-        return Vel::record("My::Point", Vel::field<&Point::x>("x"), Vel::field<&Point::y>("y"),
-            Vel::method<&Point::moveIs>("move", "dx", "dy"));
-    }
-};
-
-class Place : public Vel::EntityOf<Place> {
-public:
-    explicit Place(Vel::String const& name) : EntityOf(name) {}
-    int size() const { return size_; }
-    void sizeIs(int size) { velSet<&Place::size_>(size); }
-
-    static constexpr auto description() {
-        return Vel::entity("My::Place", Vel::attribute<&Place::size_, &Place::size, &Place::sizeIs>("size"));
-    }
-
-private:
-    int size_ = 0;
-};
-
-}  // namespace My
+#define TYPE_OF_SIZE int
+#include "Given.h"
 
 VEL_MODULE(My, 75048f05d0bf289d, My::Point, My::Place);

@@ -1,45 +1,12 @@
 // expect only: &My::Point::y(;|,).* My::Pair(\]|>).*the type of an attribute is a scalar, or describes itself: give the class a description
-#include "Vel/Entity.h"
-#include "Vel/Module.h"
-#include "Vel/Value.h"
-
 namespace My {
-
 struct Pair {
-    Vel::U32 a = 0;
+    unsigned a = 0;
     bool operator==(Pair const&) const = default;
 };
-
-class Point {
-public:
-    Vel::U32 x = 0;
-    Pair y;
-    void moveIs(Vel::U32 dx, Vel::U32) & { x += dx; }
-    friend bool operator==(Point const&, Point const&) = default;
-
-    Point() = default;
-    Point(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) { Vel::parse(*this, it, end); }
-    Point(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
-    static constexpr auto description() {
-        return Vel::record("My::Point", Vel::field<&Point::x>("x"), Vel::field<&Point::y>("y"),
-            Vel::method<&Point::moveIs>("move", "dx", "dy"));
-    }
-};
-
-class Place : public Vel::EntityOf<Place> {
-public:
-    explicit Place(Vel::String const& name) : EntityOf(name) {}
-    Vel::U32 size() const { return size_; }
-    void sizeIs(Vel::U32 size) { velSet<&Place::size_>(size); }
-
-    static constexpr auto description() {
-        return Vel::entity("My::Place", Vel::attribute<&Place::size_, &Place::size, &Place::sizeIs>("size"));
-    }
-
-private:
-    Vel::U32 size_ = 0;
-};
-
 }  // namespace My
+
+#define MEMBER_Y Pair y
+#include "Given.h"
 
 VEL_MODULE(My, 75048f05d0bf289d, My::Point, My::Place);
