@@ -170,7 +170,7 @@ constexpr char prefixIsSignature[] =
 void PrefixTrie::prefixIs(String const& path, Ptr<State> const& newState) {
     static auto* const plain =
         new Ptr<PrefixTrie>(prefixTrieFactory(String()));  // for good: tries may be used during exit
-    if (!newState) Vel::throwMutatorArgNullPointerException(fwkType(), prefixIsAttribute);
+    if (!newState) Vel::throwMutatorArgNullPointerException(fwkType(), Vel::attributeId<PrefixTrie>("prefixIs"));
     PrefixTrie* at = this;
     Ptr<PrefixTrie> held;  // what `at` is, below this node
     for (std::string_view rest = path;;) {
@@ -354,12 +354,12 @@ void PrefixTrie::upgradeState(Ptr<State> const& inheritedState, bool inheritedOn
 }
 
 void PrefixTrie::append(Ptr<PrefixTrie const> const& target) {
-    if (!target) Vel::throwMutatorArgNullPointerException(fwkType(), appendAttribute);
+    if (!target) Vel::throwMutatorArgNullPointerException(fwkType(), Vel::attributeId<PrefixTrie>("append"));
     appendInternal(target, newStateIs());
 }
 
 void PrefixTrie::appendInternal(Ptr<PrefixTrie const> const& other, Ptr<State> const& inheritedState) {
-    if (!other) Vel::throwMutatorArgNullPointerException(fwkType(), appendInternalAttribute);
+    if (!other) Vel::throwMutatorArgNullPointerException(fwkType(), Vel::attributeId<PrefixTrie>("appendInternal"));
     if (traceHandle.enabled(8))
         traceRecord(8, __LINE__, "appendInternal",
             "void Mox::PrefixTrie::appendInternal(const Vel::Ptr<const Mox::PrefixTrie>&, const "

@@ -177,11 +177,7 @@ public:
             method<&T::appendInternal>("appendInternal", "other", "inheritedState"),  // 280
             method<&T::append>("append", "target"));
     }
-    static constexpr Vel::AttributeId childAttribute = 261;
-    static constexpr Vel::AttributeId prefixChildAttribute = 262;
-    static constexpr Vel::AttributeId prefixIsAttribute = 270;
-    static constexpr Vel::AttributeId appendInternalAttribute = 280;
-    static constexpr Vel::AttributeId appendAttribute = 281;
+    static Vel::AttributeId const childAttribute, prefixChildAttribute;  // constants, by the description
 
 protected:
     // For newChildIs of a derived trie: finds the child, or makes a T, in both collections.
@@ -209,6 +205,9 @@ private:
     bool mountPoint_ = false;
     bool present_ = false;
 };
+
+inline constexpr Vel::AttributeId PrefixTrie::childAttribute = Vel::attributeId<PrefixTrie>("child");
+inline constexpr Vel::AttributeId PrefixTrie::prefixChildAttribute = Vel::attributeId<PrefixTrie>("prefixChild");
 
 VEL_API Vel::Ptr<PrefixTrie> prefixTrieFactory(String const& name);
 

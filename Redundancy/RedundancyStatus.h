@@ -21,7 +21,6 @@ public:
             Vel::attribute<&RedundancyStatus::activeCellId_, &RedundancyStatus::activeCellId,
                 &RedundancyStatus::activeCellIdIs>("activeCellId"));
     }
-    static constexpr Vel::AttributeId activeCellIdAttribute = Vel::firstEntityAttributeId;
 
 private:
     Vel::U32 activeCellId_ = unknownCell;

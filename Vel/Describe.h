@@ -172,4 +172,57 @@ template <class T, OptionId Id>
 using OptionOf = typename Detail::FindOption<Id, typename DescriptionOf<T>::OptionTypes>::Type;
 template <class T, OptionId Id> inline constexpr bool hasOption = !std::is_same_v<OptionOf<T, Id>, Detail::None>;
 
+// --- numbers of attributes ---
+
+class Entity;
+
+namespace Detail {
+
+// What an entity type derives from: what its description says, else Entity itself.
+template <class T> constexpr auto baseTypeOf() {
+    if constexpr (!DescribedEntity<T>)
+        return std::type_identity<void>();
+    else if constexpr (hasOption<T, OptionId::base>)
+        return std::type_identity<typename OptionOf<T, OptionId::base>::Type>();
+    else if constexpr (!std::is_same_v<T, Entity>)
+        return std::type_identity<Entity>();
+    else
+        return std::type_identity<void>();
+}
+template <class T> using BaseType = typename decltype(baseTypeOf<T>())::type;
+
+// The number of T's first attribute; an entity type continues where its base ends.
+template <class T> constexpr AttributeId firstAttributeId() {
+    if constexpr (!DescribedEntity<T>)
+        return firstValueAttributeId;
+    else if constexpr (std::is_void_v<BaseType<T>>)
+        return firstEntityAttributeId;
+    else
+        return firstAttributeId<BaseType<T>>() + static_cast<AttributeId>(attributeCount<BaseType<T>>);
+}
+
+// The number of the attribute of that name, T's or its base's; 0, which no type uses, when there is none.
+template <class T> constexpr AttributeId findAttributeId(std::string_view name) {
+    AttributeId id = 0;
+    forEachAttribute<T>([&](auto index) {
+        constexpr auto I = decltype(index)::value;
+        if (attributeName<T, I>() == name) id = firstAttributeId<T>() + static_cast<AttributeId>(I);
+    });
+    if constexpr (!std::is_void_v<BaseType<T>>)
+        if (id == 0) return findAttributeId<BaseType<T>>(name);
+    return id;
+}
+// Not defined: the compiler names it where somebody asks for an attribute that is not there.
+void theDescriptionListsNoAttributeOfThisName();
+
+}  // namespace Detail
+
+// The number of the attribute of that name, T's or its base's: attributeId<CountStat>("last") is 3. Any other name does
+// not compile. Use it behind T's description; a function of T that stands before it notifies by velNotify<"name">().
+template <class T> consteval AttributeId attributeId(std::string_view name) {
+    AttributeId const id = Detail::findAttributeId<T>(name);
+    if (id == 0) Detail::theDescriptionListsNoAttributeOfThisName();
+    return id;
+}
+
 }  // namespace Vel

@@ -42,7 +42,7 @@ Ptr<Entity> Dir::createEntity(VelType type, std::string_view name, void const* c
 }
 
 void Dir::entryIs(Ptr<Entity> const& entity) {
-    if (!entity) throwMutatorArgNullPointerException(fwkType(), entryAttribute);
+    if (!entity) throwMutatorArgNullPointerException(fwkType(), attributeId<Dir>("entry"));
     String const name = entity->name();
     checkName(name);
     checkPlace(*entity, *this);
@@ -53,7 +53,7 @@ void Dir::entryIs(Ptr<Entity> const& entity) {
     }
     ++changeCounter_;
     entity->parentIs(this);
-    velNotify(entryAttribute, name);
+    velNotify<"entry">(name);
 }
 
 Ptr<Entity> Dir::entryDel(std::string_view name) {
@@ -64,7 +64,7 @@ Ptr<Entity> Dir::entryDel(std::string_view name) {
     entries_.erase(place);
     ++changeCounter_;
     entity->parentIs(nullptr);
-    velNotify(entryAttribute, key);
+    velNotify<"entry">(key);
     return entity;
 }
 

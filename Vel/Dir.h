@@ -38,7 +38,6 @@ public:
             Vel::references<&Dir::visitEntries>(Vel::collection<String, Ptr<Entity>, &Dir::entry, &Dir::entryIs,
                 &Dir::entryDel, &Dir::entries, &Dir::entryChangeCounter, &Dir::entryExists>("entry")));
     }
-    static constexpr AttributeId entryAttribute = firstEntityAttributeId;
 
 private:
     std::map<String, Ptr<Entity>, std::less<>> entries_;

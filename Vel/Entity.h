@@ -6,6 +6,7 @@
 #include "Vel/Ptr.h"
 #include "Vel/Trace.h"
 
+#include <algorithm>
 #include <concepts>
 #include <type_traits>
 
@@ -105,14 +106,16 @@ template <class T, auto Member> constexpr AttributeId attributeIdOfMember() {
     (std::make_index_sequence<attributeCount<T>>{});
     constexpr bool complained = hasBrokenAttribute<T>() || !ownsDescription<T>();
     static_assert(complained || index < attributeCount<T>, "the description does not list this member as an attribute");
-    if constexpr (hasOption<T, OptionId::base>) {
-        using B = typename OptionOf<T, OptionId::base>::Type;
-        static_assert(!hasOption<B, OptionId::base>, "one level of described bases");
-        return firstEntityAttributeId + static_cast<AttributeId>(attributeCount<B> + index);
-    } else {
-        return firstEntityAttributeId + static_cast<AttributeId>(index);
-    }
+    static_assert(!hasOption<BaseType<T>, OptionId::base>, "one level of described bases");
+    return firstAttributeId<T>() + static_cast<AttributeId>(index);
 }
+
+// The name of an attribute, as a template argument.
+template <std::size_t N> struct AttributeNameArgument {
+    char text[N] = {};
+    consteval AttributeNameArgument(char const (&name)[N]) { std::copy(name, name + N, text); }
+    constexpr std::string_view view() const { return {text, N - 1}; }
+};
 
 }  // namespace Detail
 
@@ -157,6 +160,14 @@ public:
 
 protected:
     using Base::Base;
+    using Base::velNotify;
+
+    // As Entity::velNotify, for the attribute of that name, T's or its base's: velNotify<"card">(key).
+    template <Detail::AttributeNameArgument name, class... K> void velNotify(K const&... key) const {
+        constexpr AttributeId id = Detail::findAttributeId<T>(name.view());
+        static_assert(id != 0, "the description lists no attribute of this name");
+        this->velNotify(id, key...);
+    }
 
     // A mutator's work: stores `value` in the attribute that Member stores and tells the observers, when it differs
     // from what is stored. Const, since an entity that caches what it learns is logically constant.

@@ -23,7 +23,7 @@ Vel::Ptr<RedundancyStatus> statusOf(unsigned cell, Mount::Client& database) {
 void flip(Mount::Client& database) {
     Vel::U32 const active = statusOf(1, database)->activeCellId() == 1 ? 2 : 1;
     for (unsigned const cell : {1u, 2u})
-        database.replica().write(*statusOf(cell, database), RedundancyStatus::activeCellIdAttribute, active);
+        database.replica().write(*statusOf(cell, database), Vel::attributeId<RedundancyStatus>("activeCellId"), active);
     std::cout << "cell " << active << " is to be active" << std::endl;
 }
 

@@ -278,19 +278,6 @@ template <class T> int valueOp(void* result, void* object, AttributeOp op, void 
 
 // --- entities ---
 
-// What an entity type derives from: what its description says, else Entity itself.
-template <class T> constexpr auto baseTypeOf() {
-    if constexpr (!DescribedEntity<T>)
-        return std::type_identity<void>();
-    else if constexpr (hasOption<T, OptionId::base>)
-        return std::type_identity<typename OptionOf<T, OptionId::base>::Type>();
-    else if constexpr (!std::is_same_v<T, Entity>)
-        return std::type_identity<Entity>();
-    else
-        return std::type_identity<void>();
-}
-template <class T> using BaseType = typename decltype(baseTypeOf<T>())::type;
-
 template <class T> VelType typeFunction() {
     if constexpr (std::is_void_v<T> || std::is_same_v<T, None>)
         return VelType();
@@ -300,15 +287,5 @@ template <class T> VelType typeFunction() {
 template <class E> VelType entityTypeFunction() { return DefinedByVEL_MODULE<std::remove_const_t<E>>::type(); }
 template <class T> struct TypeFunction { static constexpr auto value = &typeFunction<T>; };
 template <class E> struct TypeFunction<Ptr<E>> { static constexpr auto value = &entityTypeFunction<E>; };
-
-// The number of T's first attribute; an entity type continues where its base ends.
-template <class T> constexpr AttributeId firstAttributeId() {
-    if constexpr (!DescribedEntity<T>)
-        return firstValueAttributeId;
-    else if constexpr (std::is_void_v<BaseType<T>>)
-        return firstEntityAttributeId;
-    else
-        return firstAttributeId<BaseType<T>>() + static_cast<AttributeId>(attributeCount<BaseType<T>>);
-}
 
 }  // namespace Vel::Detail

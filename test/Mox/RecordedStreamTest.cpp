@@ -66,7 +66,6 @@ public:
             Vel::attribute<&S::limit_, &S::limit, &S::limitIs>("limit"),
             Vel::attribute<&S::peer_, &S::peer, &S::peerIs>("peer"));
     }
-    static constexpr Vel::AttributeId bytesAttribute = 259;
 
 private:
     Vel::U16 port_ = 0;
@@ -160,7 +159,7 @@ void expectCopied(Vel::Dir const& root) {
 
 void write(Vel::AttrLogReplica& replica) {
     auto const sample = Vel::ptr_cast<Vel::Dir>(replica.root())->entry("sample");
-    replica.write(*sample, Sample::bytesAttribute, Vel::U64(0xfedcba9876543210));
+    replica.write(*sample, Vel::attributeId<Sample>("bytes"), Vel::U64(0xfedcba9876543210));
 }
 
 // Carries all that `from` has to send, and returns a line for each message.

@@ -32,11 +32,11 @@ public:
     void itemIs(Vel::String const& key, Member const& member) {
         if (item(key) == member) return;
         items_.set(key, member);
-        velNotify(itemAttribute, key);
+        velNotify<"item">(key);
     }
     void itemDel(std::string_view key) {
         Vel::String const kept(key);
-        if (items_.erase(key)) velNotify(itemAttribute, kept);
+        if (items_.erase(key)) velNotify<"item">(kept);
     }
     Vel::U32 items() const { return static_cast<Vel::U32>(items_.size()); }
 
@@ -47,10 +47,10 @@ public:
     void rankIs(Vel::U8 key, Member const& member) {
         if (rank(key) == member) return;
         ranks_.set(key, member);
-        velNotify(rankAttribute, key);
+        velNotify<"rank">(key);
     }
     void rankDel(Vel::U8 key) {
-        if (ranks_.erase(key)) velNotify(rankAttribute, key);
+        if (ranks_.erase(key)) velNotify<"rank">(key);
     }
 
     static constexpr auto description() {
@@ -60,7 +60,6 @@ public:
             Vel::references<&Shelf::ranks_>(
                 Vel::collection<Vel::U8, Member, &Shelf::rank, &Shelf::rankIs, &Shelf::rankDel>("rank")));
     }
-    static constexpr Vel::AttributeId itemAttribute = 258, rankAttribute = 259;
 
 private:
     static std::set<Shelf*>& all() {

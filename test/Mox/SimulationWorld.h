@@ -95,7 +95,7 @@ public:
             Vel::attribute<&Thing::pair_, &Thing::pair, &Thing::pairIs>("pair"),
             Vel::attribute<&Thing::peer_, &Thing::peer, &Thing::peerIs>("peer"));
     }
-    static constexpr Vel::AttributeId numberAttribute = 259, pairAttribute = 261;
+    static Vel::AttributeId const numberAttribute, pairAttribute;
 
 private:
     static std::set<Thing*>& all() {
@@ -109,6 +109,9 @@ private:
     Mox::Generation pair_;
     Ptr<Vel::Entity> peer_;
 };
+
+inline constexpr Vel::AttributeId Thing::numberAttribute = Vel::attributeId<Thing>("number");
+inline constexpr Vel::AttributeId Thing::pairAttribute = Vel::attributeId<Thing>("pair");
 
 // Makes children of its own type.
 class Trie : public Vel::EntityOf<Trie, Mox::PrefixTrie> {

@@ -15,7 +15,7 @@ public:
     }
     void answerIs(Vel::String const& key, Vel::U32) {
         isThere_ = true;
-        velNotify(answerAttribute, key);
+        velNotify<"answer">(key);
     }
     void answerDel(std::string_view) { isThere_ = false; }
     bool answerExists(std::string_view) const { return isThere_; }
@@ -32,7 +32,6 @@ public:
                 Vel::none, Vel::none, &T::answerExists>("answer")),
             Vel::attribute<&T::number_, &T::number, &T::numberIs>("number"));
     }
-    static constexpr Vel::AttributeId answerAttribute = 258;
     static inline std::function<void()> asked;
 
 private:

@@ -238,6 +238,14 @@ TEST(DescribeTest, AttributesOfABaseAreFoundThroughTheDerivedType) {
     EXPECT_FALSE(typeOf<Leaf>().attributeOfId(263));
 }
 
+TEST(DescribeTest, NamesStandForTheirNumbers) {
+    static_assert(Vel::attributeId<Tally>("changes") == 3);
+    static_assert(Vel::attributeId<Tally>("doUpdate") == 6);
+    static_assert(Vel::attributeId<Leaf>("size") == 258);
+    static_assert(Vel::attributeId<Twig>("size") == 258);  // the base's
+    static_assert(Vel::attributeId<Twig>("present") == 263);
+}
+
 TEST(DescribeTest, RecordsHaveTheirObjectSizes) {
     EXPECT_EQ(typeOf<Chip>().record().objectSize, 1u);
     EXPECT_EQ(typeOf<Stamp>().record().objectSize, 8u);

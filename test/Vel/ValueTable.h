@@ -49,13 +49,13 @@ public:
     }
     void entryIs(Vel::String const& key, Entry const& entry) {
         entries_.set(key, entry);
-        velNotify(entryAttribute, key);
+        velNotify<"entry">(key);
     }
     Entry entryDel(std::string_view key) {
         Vel::String const kept(key);
         Entry const was = entry(key);
         entries_.erase(key);
-        velNotify(entryAttribute, kept);
+        velNotify<"entry">(kept);
         return was;
     }
     bool entryExists(std::string_view key) const { return entries_.contains(key); }
@@ -66,11 +66,11 @@ public:
     Vel::U32 mark(Vel::U8 key) const { return markExists(key) ? marks_.at(key) : 0; }
     void markIs(Vel::U8 key, Vel::U32 mark) {
         marks_[key] = mark;
-        velNotify(markAttribute, key);
+        velNotify<"mark">(key);
     }
     void markDel(Vel::U8 key) {
         marks_.erase(key);
-        velNotify(markAttribute, key);
+        velNotify<"mark">(key);
     }
     bool markExists(Vel::U8 key) const { return marks_.contains(key); }
 
@@ -82,12 +82,14 @@ public:
             Vel::values<&T::marks_>(Vel::collection<Vel::U8, Vel::U32, &T::mark, &T::markIs, &T::markDel, Vel::none,
                 Vel::none, &T::markExists>("mark")));
     }
-    static constexpr Vel::AttributeId uidAttribute = 258, entryAttribute = 259, markAttribute = 260;
+    static Vel::AttributeId const entryAttribute, markAttribute;
 
 private:
     Vel::U32 uid_ = 0;
     Vel::HashMap<Vel::String, Entry> entries_;
     std::map<Vel::U8, Vel::U32> marks_;
 };
+inline constexpr Vel::AttributeId ValueTable::entryAttribute = Vel::attributeId<ValueTable>("entry");
+inline constexpr Vel::AttributeId ValueTable::markAttribute = Vel::attributeId<ValueTable>("mark");
 
 }  // namespace StreamTest

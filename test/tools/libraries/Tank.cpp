@@ -45,12 +45,12 @@ public:
     }
     void inletIs(Vel::U32 number, Vel::Ptr<Tank> const& v) {
         inlets_[number] = v;
-        velNotify(inletAttribute, number);
+        velNotify<"inlet">(number);
     }
     Vel::Ptr<Tank> inletDel(Vel::U32 number) {
         Vel::Ptr<Tank> const gone = inlet(number);
         inlets_.erase(number);
-        velNotify(inletAttribute, number);
+        velNotify<"inlet">(number);
         return gone;
     }
     Vel::U32 inlets() const { return static_cast<Vel::U32>(inlets_.size()); }
@@ -68,7 +68,6 @@ public:
             Vel::values<&T::notes_>(Vel::collection<Vel::String, Vel::U32, &T::note, &T::noteIs, &T::noteDel, Vel::none,
                 Vel::none, &T::noteExists>("note")));
     }
-    static constexpr Vel::AttributeId inletAttribute = 261, noteAttribute = 262;
 
     Vel::U32 note(Vel::String const& key) const {
         auto const found = notes_.find(key);
@@ -76,10 +75,10 @@ public:
     }
     void noteIs(Vel::String const& key, Vel::U32 v) {
         notes_[key] = v;
-        velNotify(noteAttribute, key);
+        velNotify<"note">(key);
     }
     void noteDel(Vel::String const& key) {
-        if (notes_.erase(key) != 0) velNotify(noteAttribute, key);
+        if (notes_.erase(key) != 0) velNotify<"note">(key);
     }
     bool noteExists(Vel::String const& key) const { return notes_.contains(key); }
 
