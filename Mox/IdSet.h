@@ -156,11 +156,6 @@ private:
     static IdSet parse(StrepIterator& it, StrepIterator const& end, IdSet* prototype);
     static void write(Vel::NboAttrLog::Out& out, IdSet const& set);
     static void readInto(IdSet& set, LogIn& in);
-    static IdSet unionOf(IdSet const& a, IdSet const& b) { return a | b; }
-    static IdSet intersectionOf(IdSet const& a, IdSet const& b) { return a & b; }
-    static IdSet differenceOf(IdSet const& a, IdSet const& b) { return a - b; }
-    static IdSet symmetricDifferenceOf(IdSet const& a, IdSet const& b) { return a ^ b; }
-    static IdSet complementOf(IdSet const& a) { return ~a; }
     bool truth() const { return bool(*this); }
     // Of functions with several forms those that reflection takes.
     U64 deleteBucket(BucketId b) & { return bucketDel(b); }
@@ -195,11 +190,9 @@ constexpr auto IdSet::description() {
         .with(Vel::textBy<&IdSet::stringValue, &IdSet::parse>,
             Vel::streamBy<&IdSet::write, &IdSet::readInto, &IdSet::attrLogSize>, Vel::truth<&IdSet::truth>,
             Vel::ordered, Vel::hashBy<&IdSet::hash>, Vel::constructor<U16, Id>,
-            Vel::arithmetic<AttributeOp::difference, &IdSet::differenceOf>,
-            Vel::arithmetic<AttributeOp::bitAnd, &IdSet::intersectionOf>,
-            Vel::arithmetic<AttributeOp::bitOr, &IdSet::unionOf>,
-            Vel::arithmetic<AttributeOp::bitXor, &IdSet::symmetricDifferenceOf>,
-            Vel::arithmetic<AttributeOp::complement, &IdSet::complementOf>);
+            Vel::arithmetic<AttributeOp::difference>, Vel::arithmetic<AttributeOp::bitAnd>,
+            Vel::arithmetic<AttributeOp::bitOr>, Vel::arithmetic<AttributeOp::bitXor>,
+            Vel::arithmetic<AttributeOp::complement>);
 }
 
 // Parses a range list at `p`, which moves behind it: a copy of the prototype with the ids of the text added. Aborts on

@@ -57,10 +57,6 @@ private:
     static MaybeU63 quotient(MaybeU63 a, MaybeU63 b);
     static void print(Vel::StrepOut& out, MaybeU63 const& value);
     static MaybeU63 parse(StrepIterator& it, StrepIterator const& end, MaybeU63*);
-    static constexpr MaybeU63 sum(MaybeU63 const& a, MaybeU63 const& b) { return a + b; }
-    static constexpr MaybeU63 difference(MaybeU63 const& a, MaybeU63 const& b) { return a - b; }
-    static constexpr MaybeU63 product(MaybeU63 const& a, MaybeU63 const& b) { return a * b; }
-    static MaybeU63 quotientOf(MaybeU63 const& a, MaybeU63 const& b) { return a / b; }
 
     U64 value_ = 0;
 };
@@ -71,11 +67,9 @@ constexpr auto MaybeU63::description() {
         Vel::derived<&MaybeU63::null, &MaybeU63::nullIs>("null"), Vel::constant<&MaybeU63::nullBit>("nullBit"),
         Vel::derived<&MaybeU63::stringValue, &MaybeU63::stringValueIs>("stringValue"),
         Vel::constant<&MaybeU63::defaultReprAttribute>("defaultReprAttribute"))
-        .with(Vel::textBy<&MaybeU63::print, &MaybeU63::parse>, Vel::ordered,
-            Vel::arithmetic<AttributeOp::sum, &MaybeU63::sum>,
-            Vel::arithmetic<AttributeOp::difference, &MaybeU63::difference>,
-            Vel::arithmetic<AttributeOp::product, &MaybeU63::product>,
-            Vel::arithmetic<AttributeOp::quotient, &MaybeU63::quotientOf>, Vel::constructor<U64>);
+        .with(Vel::textBy<&MaybeU63::print, &MaybeU63::parse>, Vel::ordered, Vel::arithmetic<AttributeOp::sum>,
+            Vel::arithmetic<AttributeOp::difference>, Vel::arithmetic<AttributeOp::product>,
+            Vel::arithmetic<AttributeOp::quotient>, Vel::constructor<U64>);
 }
 
 // Parses one value at `it`, which moves behind it. Throws Vel::RangeException at the end of the text.

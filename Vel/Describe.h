@@ -4,6 +4,7 @@
 #include "Vel/Types.h"
 
 #include <cstddef>
+#include <functional>
 #include <string_view>
 #include <tuple>
 #include <type_traits>
@@ -46,6 +47,17 @@ template <auto Write, auto Read, auto Size> struct StreamOption : Option<OptionI
 };
 template <class B> struct BaseOption : Option<OptionId::base> { using Type = B; };
 
+template <AttributeOp Op> constexpr auto operatorOf() {
+    if constexpr (Op == AttributeOp::sum) return std::plus<>();
+    if constexpr (Op == AttributeOp::difference) return std::minus<>();
+    if constexpr (Op == AttributeOp::product) return std::multiplies<>();
+    if constexpr (Op == AttributeOp::quotient) return std::divides<>();
+    if constexpr (Op == AttributeOp::bitAnd) return std::bit_and<>();
+    if constexpr (Op == AttributeOp::bitOr) return std::bit_or<>();
+    if constexpr (Op == AttributeOp::bitXor) return std::bit_xor<>();
+    if constexpr (Op == AttributeOp::complement) return std::bit_not<>();
+}
+
 }  // namespace Detail
 
 // Reflection offers less, which is operator<.
@@ -60,8 +72,10 @@ template <auto F> inline constexpr Detail::FunctionOption<OptionId::truth, F> tr
 template <auto F> inline constexpr Detail::FunctionOption<OptionId::hash, F> hashBy{};
 // Reflective construction takes these arguments. A number takes its value without being told, a record takes none.
 template <class... A> inline constexpr Detail::ConstructorOption<A...> constructor{};
-// A value operation from sum to complement: T(T const&, T const&), the complement T(T const&).
-template <AttributeOp Op, auto F> inline constexpr Detail::ArithmeticOption<Op, F> arithmetic{};
+// A value operation from sum to complement is F: T(T const&, T const&), the complement T(T const&); if nothing is said,
+// the type's own operator.
+template <AttributeOp Op, auto F = Detail::operatorOf<Op>()>
+inline constexpr Detail::ArithmeticOption<Op, F> arithmetic{};
 // A text form of its own: a printer, String(T const&) or, without a String on the way, void(StrepOut&, T const&); and
 // a parser, T(String::IteratorConst&, String::IteratorConst const&, T*).
 template <auto Print, auto Parse> inline constexpr Detail::TextOption<Print, Parse> textBy{};

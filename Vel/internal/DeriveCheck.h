@@ -36,6 +36,19 @@ template <class T> constexpr bool isOrderedOrSaysNothing() {
         return true;
 }
 
+template <class T, class Option> constexpr bool canCompute() {
+    if constexpr (Option::id != OptionId::arithmetic)
+        return true;
+    else if constexpr (Option::op == AttributeOp::complement)
+        return std::is_invocable_r_v<T, decltype(Option::function), T const&>;
+    else
+        return std::is_invocable_r_v<T, decltype(Option::function), T const&, T const&>;
+}
+template <class T> constexpr bool canComputeAll() {
+    return []<class... O>(std::type_identity<std::tuple<O...>>) { return (canCompute<T, O>() && ...); }(
+               std::type_identity<typename DescriptionOf<T>::OptionTypes>());
+}
+
 // --- texts that an error shows ---
 
 #ifdef __clang__  // shows the characters of a structure as numbers, and not all of them
@@ -143,8 +156,9 @@ template <class T> struct Values {
     static constexpr bool areRegular =
         std::default_initializable<T> && std::copy_constructible<T> && std::is_copy_assignable_v<T>;
     static constexpr bool haveTheirOrder = isOrderedOrSaysNothing<T>();
+    static constexpr bool haveTheirOperators = canComputeAll<T>();
     static constexpr bool isSound = haveDistinctNames && haveFieldsOnly && haveOneFieldAsNumbers && haveFieldsOrForms &&
-                                    areRegular && haveTheirOrder;
+                                    areRegular && haveTheirOrder && haveTheirOperators;
 };
 template <class T> constexpr auto checkValue() {
     static_assert(Values<T>::haveDistinctNames, "each attribute needs a name of its own");
@@ -154,6 +168,7 @@ template <class T> constexpr auto checkValue() {
         Values<T>::haveFieldsOrForms, "a record without fields needs a text form and a stream form of its own");
     static_assert(Values<T>::areRegular, "a value can be made from nothing, copied and assigned");
     static_assert(Values<T>::haveTheirOrder, "an ordered type needs operator<");
+    static_assert(Values<T>::haveTheirOperators, "arithmetic that names no function needs the type's own operator");
     return Asserted();
 }
 
