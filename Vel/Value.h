@@ -10,13 +10,17 @@
 #include <functional>
 #include <iosfwd>
 
-// What every described value type offers, derived from its description. A type's header includes this; a namespace of
-// value types takes the free functions in with
+// What every described value type offers, derived from its description. A type's header includes this; the class has
+// fields, a default constructor and description(), and needs nothing else.
+//
+// A namespace of value types may take free functions in, so that its users can leave out Vel::, and write the text to a
+// std::ostream by `out << value`:
 //
 //     using Vel::valueToStrep;
 //     using Vel::operator<<;
 //
-// and a class adds the two constructors that read a value:
+// A class may have two constructors that read a value. Then they are called wherever one is read, and not the default
+// constructor: for a class whose default constructor does more than set its fields, or whose values are checked.
 //
 //     T(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) { Vel::parse(*this, it, end); }
 //     T(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
@@ -41,8 +45,7 @@ template <class T> struct VEL_API DefinedByVEL_MODULE {
 
 // --- text ---
 
-// Constructor's work: sets every field to its zero, then parses the text form at `it`, which moves behind it.
-// Throws ParseException.
+// Sets every field to its zero, then parses the text form at `it`, which moves behind it. Throws ParseException.
 template <class T> inline void parse(T& value, String::IteratorConst& it, String::IteratorConst const& end) {
     if (char const* const stop = DefinedByVEL_MODULE<T>::read(value, it.charPtr(), end.charPtr())) [[likely]]
         it.charPtrIs(stop);
@@ -53,8 +56,10 @@ template <class T> inline void parse(T& value, String::IteratorConst& it, String
 template <DescribedValue T> T sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, T* type) {
     if constexpr (hasOption<T, OptionId::text>)
         return OptionOf<T, OptionId::text>::parse(it, end, type);
-    else
+    else if constexpr (Detail::hasConstructor<T, String::IteratorConst&, String::IteratorConst const&>)
         return T(it, end);
+    else
+        return Detail::defaultThen<T>([&](T& value) { Vel::parse(value, it, end); });
 }
 
 // Appends the text form.
@@ -84,8 +89,10 @@ template <class T> T strepToValue(String const& s, T* type = nullptr) {
 
 // --- stream ---
 
-// Writes the fields in declaration order, and nothing else.
-template <DescribedValue T> inline NboAttrLog::Out& operator<<(NboAttrLog::Out& out, T const& value) {
+namespace NboAttrLog {
+
+// Writes the fields in declaration order, and nothing else. Beside Out, so that it is found from everywhere.
+template <DescribedValue T> inline Out& operator<<(Out& out, T const& value) {
     constexpr std::size_t width = Detail::fixedWidth<T>();
     if constexpr (hasOption<T, OptionId::stream>)
         OptionOf<T, OptionId::stream>::write(out, value);
@@ -96,7 +103,9 @@ template <DescribedValue T> inline NboAttrLog::Out& operator<<(NboAttrLog::Out& 
     return out;
 }
 
-// Constructor's work: reads what operator<< wrote. Throws StreamException, which names the type and the attribute.
+}  // namespace NboAttrLog
+
+// Reads what operator<< wrote. Throws StreamException, which names the type and the attribute.
 template <class T> inline void read(T& value, NboAttrLog::In& in) {
     constexpr std::size_t width = Detail::fixedWidth<T>();
     if constexpr (hasOption<T, OptionId::stream>) {

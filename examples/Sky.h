@@ -6,9 +6,6 @@
 // Types in a library of their own: own_module.cpp shows how a program comes by them.
 namespace Weather {
 
-using Vel::valueToStrep;
-using Vel::operator<<;
-
 enum class SkyName : Vel::U8 { clear, cloudy, rain };
 
 class VEL_API Sky : public Vel::EnumerationOf<Sky, SkyName> {

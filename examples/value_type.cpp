@@ -5,15 +5,10 @@
 
 namespace Weather {
 
-using Vel::valueToStrep;
-using Vel::operator<<;
-
 class Reading {
 public:
     Reading() = default;
     Reading(Vel::U32 sensor, double celsius, Vel::Seconds at) : sensor_(sensor), celsius_(celsius), at_(at) {}
-    Reading(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) { Vel::parse(*this, it, end); }
-    Reading(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
 
     double celsius() const { return celsius_; }
     double fahrenheit() const { return celsius_ * 9 / 5 + 32; }
@@ -37,11 +32,11 @@ VEL_MODULE(Weather, 8943868cd502cad7, Weather::Reading);
 
 int main() {
     Weather::Reading const reading(7, 21.5, 1700000000.125);
-    Vel::String const text = valueToStrep(reading);
+    Vel::String const text = Vel::valueToStrep(reading);
     std::cout << text << '\n';
 
     auto const back = Vel::strepToValue<Weather::Reading>(text);
-    std::cout << "read back: " << back << ", " << back.fahrenheit() << " degrees Fahrenheit\n";
+    std::cout << "read back: " << Vel::valueToStrep(back) << ", " << back.fahrenheit() << " degrees Fahrenheit\n";
 
     bool refused = false;
     try {

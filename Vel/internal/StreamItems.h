@@ -8,7 +8,11 @@
 
 // A described value's items in the attribute log. A value whose encoding always has the same length is written and read
 // in one piece; what does not go that way is read item by item, so that an error can name the attribute.
-namespace Vel::Detail {
+namespace Vel {
+
+template <class T> void read(T& value, NboAttrLog::In& in);
+
+namespace Detail {
 
 // The width of a value whose encoding always has the same length; 0 for others.
 template <class T> constexpr std::size_t fixedWidth() {
@@ -56,6 +60,16 @@ template <class T> inline U8 const* loadFixed(U8 const* from, T& value, bool& go
     }
 }
 
+// Whether T has a constructor of its own that takes these. An aggregate has none, whatever its fields would take.
+template <class T, class... A>
+inline constexpr bool hasConstructor = std::is_constructible_v<T, A...> && !std::is_aggregate_v<T>;
+
+template <class T, class F> T defaultThen(F f) {
+    T value{};
+    f(value);
+    return value;
+}
+
 template <class T> T nextItem(NboAttrLog::In& in);
 
 [[noreturn]] VEL_API VEL_COLD void throwStreamExceptionNaming(
@@ -76,8 +90,11 @@ template <class T> VEL_COLD void readByItemsCold(T& value, NboAttrLog::In& in) {
 template <class T> T nextItem(NboAttrLog::In& in) {
     if constexpr (ScalarValue<T>)
         return Scalar<T>::next(in);
-    else
+    else if constexpr (hasConstructor<T, NboAttrLog::In*, StreamBogon>)
         return T(&in, StreamBogon());
+    else
+        return defaultThen<T>([&](T& value) { Vel::read(value, in); });
 }
 
-}  // namespace Vel::Detail
+}  // namespace Detail
+}  // namespace Vel

@@ -36,8 +36,6 @@ class Weather {
 public:
     Weather() = default;
     Weather(Sky sky, Vel::U32 degrees) : sky_(sky), degrees_(degrees) {}
-    Weather(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) { Vel::parse(*this, it, end); }
-    Weather(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
     friend bool operator==(Weather const&, Weather const&) = default;
     static constexpr auto description() {
         return Vel::record(

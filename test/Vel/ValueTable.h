@@ -15,8 +15,6 @@ public:
     Entry() = default;
     explicit Entry(Vel::U32 number)
         : number_(number), text_(number % 3 ? Vel::format("no. %u", number) : ""), isOdd_(number % 2 == 1) {}
-    Entry(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) { Vel::parse(*this, it, end); }
-    Entry(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
 
     Vel::U32 number() const { return number_; }
     bool isWhole() const { return *this == Entry(number_); }

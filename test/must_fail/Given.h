@@ -51,8 +51,6 @@ public:
     friend bool operator==(Point const&, Point const&) = default;
 
     CONSTRUCTOR_OF_POINT;
-    Point(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) { Vel::parse(*this, it, end); }
-    Point(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
     static constexpr auto description() { return DESCRIPTION_OF_POINT; }
 };
 

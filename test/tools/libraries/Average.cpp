@@ -6,10 +6,6 @@
 // A statistic that the tool has never heard of, with what may go wrong when it is fed.
 namespace Test {
 
-using Vel::sequenceToValue;
-using Vel::valueToStrep;
-using Vel::operator<<;
-
 // A number whose parser trusts its input, as no parser should.
 class Sample {
 public:
@@ -20,7 +16,6 @@ public:
         if (value_ == 13)
             Vel::assertionFailed("value != 13", "/src/Test/Average", 1, "Test::Sample::Sample(Vel::String)");
     }
-    Sample(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
     Vel::U16 value() const { return value_; }
     friend bool operator==(Sample, Sample) = default;
 
@@ -33,8 +28,6 @@ private:
 class Average {
 public:
     constexpr Average() = default;
-    Average(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) { Vel::parse(*this, it, end); }
-    Average(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
 
     void updateIs(Sample const& sample) & {
         sum_ += sample.value();

@@ -8,8 +8,6 @@ class CellId {
 public:
     constexpr CellId() = default;
     CellId(Vel::U16 value) : value_(value) {}
-    CellId(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) { Vel::parse(*this, it, end); }
-    CellId(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
     friend bool operator==(CellId, CellId) = default;
 
     static constexpr auto description() { return Vel::number("Cell::CellId", Vel::field<&CellId::value_>("value")); }

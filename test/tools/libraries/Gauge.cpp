@@ -5,15 +5,9 @@
 // Types that the tool has never heard of, with what may go wrong when one reads them.
 namespace Test {
 
-using Vel::sequenceToValue;
-using Vel::valueToStrep;
-using Vel::operator<<;
-
 class Gauge {
 public:
     constexpr Gauge() = default;
-    Gauge(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) { Vel::parse(*this, it, end); }
-    Gauge(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
 
     Vel::U32 part() const {  // REQUIRES: level is not 0
         if (level_ == 0) Vel::assertionFailed("level != 0", "/src/Test/Gauge", 1, "U32 Test::Gauge::part() const");
@@ -46,7 +40,6 @@ public:
         Vel::parse(*this, it, end);
         check();
     }
-    Fragile(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
     friend bool operator==(Fragile, Fragile) = default;
 
     static constexpr auto description() { return Vel::number("Test::Fragile", Vel::field<&Fragile::value_>("value")); }

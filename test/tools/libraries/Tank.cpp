@@ -7,15 +7,9 @@
 // Entities that the tool has never heard of: they refer to each other, are numbered, and answer for what nobody stored.
 namespace Test {
 
-using Vel::sequenceToValue;
-using Vel::valueToStrep;
-using Vel::operator<<;
-
 class Level {
 public:
     constexpr Level() = default;
-    Level(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) { Vel::parse(*this, it, end); }
-    Level(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
     friend bool operator==(Level const&, Level const&) = default;
 
     static constexpr auto description() {
