@@ -1,6 +1,7 @@
 #include "Vel/Module.h"
 
 #include "Vel/Exception.h"
+#include "Vel/PeerText.h"
 
 #include <algorithm>
 #include <mutex>
@@ -106,10 +107,13 @@ String typeClash(RegistryState const& registry, ModuleHeader const& module) {
     return {};
 }
 
-void refuse(RegistryState& registry, ModuleHeader const* module, String const& reason) {
-    Registry::Refusal const refusal{describe(module), reason};
+constexpr std::size_t longestReason = 1024;  // bytes; may name several things that a module has named
+
+void refuse(RegistryState& registry, ModuleHeader const* module, String const& why) {
+    Registry::Refusal const refusal{peerText(describe(module).view()), peerText(why.view(), longestReason)};
     registry.refused.emplace_back(module, refusal);
-    std::string const line = "vel: module " + refusal.module.stdString() + " is refused: " + reason.stdString() + "\n";
+    std::string const line =
+        "vel: module " + refusal.module.stdString() + " is refused: " + refusal.reason.stdString() + "\n";
     [[maybe_unused]] auto const written = ::write(STDERR_FILENO, line.data(), line.size());
 }
 

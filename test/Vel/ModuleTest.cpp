@@ -351,6 +351,19 @@ TEST(RegistryTest, MalformedModuleIsRefusedUnderItsNameOrAQuestionMark) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "vel: module Fixtures is refused: Fixture::Chip has no glue\n");
 }
 
+// It goes to a terminal, and may come from whatever library was loaded.
+TEST(RegistryTest, NamesOfARefusedModuleAreCleaned) {
+    Table table;
+    std::string_view const list(table.typeNames(), table.header().typeNamesSize);
+    table.typeNames()[list.find("Fixture::ChipBits")] = '\n';
+    table.name()[0] = '\x1b';
+    Vel::velModuleIs(&table.header());
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(refusalOf(R"(\x1bixtures)"), R"(the type names are not sorted at "\x0aixture::ChipBits")");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+        "vel: module \\x1bixtures is refused: the type names are not sorted at \"\\x0aixture::ChipBits\"\n");
+}
+
 TEST(RegistryTest, NothingIsLookedAtBeforeTheRegistryIsAsked) {
     testing::internal::CaptureStderr();
     {
