@@ -149,39 +149,51 @@ bool AttrLogReader::wantsOutput() const {
 std::span<U8 const> AttrLogReader::output(std::size_t limit) {
     outstanding_ = 0;
     kept_ = nullptr;
-    out_.compact(keptWhileBusy);
+    out_.compact(keptWhileBusy(limit));
     if (!refusal_.empty() && !isClosing()) {
         finishLogMessage();
         refuse(std::exchange(refusal_, String()));
     }
     if (isClosing()) leave();
-    if (source_) {
-        source_->sweepIfDue();
-        if (hasControl()) finishLogMessage();
+    if (source_) source_->sweepIfDue();
+    if (source_ && !isLive_) outputCatchingUp(limit);
+    return isLive_ ? outputOfLog(limit) : StreamPeer::output(limit);
+}
+
+// Answers to pings come first, and state behind them: a reader that pings without pause gets both.
+void AttrLogReader::outputCatchingUp(std::size_t limit) {
+    takeControl();
+    room_ = limit;
+    lastStep_ = steps() + mostSteps;
+    try {
+        catchUp();
+    } catch (Refusal const& refusal) {
+        refuse(refusal.text);
+        if (source_->idsAreOut()) source_->startOver();
     }
-    if (source_ && !isLive_) {
-        room_ = limit;
-        lastStep_ = steps() + mostSteps;
-        try {
-            if (!hasControl()) catchUp();
-        } catch (Refusal const& refusal) {
-            refuse(refusal.text);
-            if (source_->idsAreOut()) source_->startOver();
-        }
-        if (source_ && !isLive_ && !StreamPeer::wantsOutput()) wake();  // there was nothing to say of so many
+    if (source_ && !isLive_ && !StreamPeer::wantsOutput()) wake();  // there was nothing to say of so many
+}
+
+// Answers and what the log has take turns, for the same reason.
+std::span<U8 const> AttrLogReader::outputOfLog(std::size_t limit) {
+    bool const isLogsTurn = std::exchange(isLogsTurn_, false) && position_ != source_->log().head();
+    if (out_.size() == 0 && hasControl() && !isLogsTurn) {
+        finishLogMessage();
+        takeControl();
     }
-    if (isLive_ && !StreamPeer::wantsOutput()) {
-        out_.compact(keptWhileIdle);
-        auto const bytes = source_->log().read(position_, limit);
-        outstanding_ = bytes.size();
-        if (outstanding_ != 0) {
-            kept_ = source_->log().chunk(position_);
-        } else if (!std::exchange(isAwaiting_, true)) {
-            source_->awaits(*this);
-        }
-        return bytes;
+    if (out_.size() != 0) {
+        isLogsTurn_ = true;
+        return outFront(limit);
     }
-    return StreamPeer::output(limit);
+    out_.compact(keptWhileIdle);
+    auto const bytes = source_->log().read(position_, limit);
+    outstanding_ = bytes.size();
+    if (outstanding_ != 0) {
+        kept_ = source_->log().chunk(position_);
+    } else if (!std::exchange(isAwaiting_, true)) {
+        source_->awaits(*this);
+    }
+    return bytes;
 }
 
 void AttrLogReader::outputTaken(std::size_t count) {

@@ -50,6 +50,8 @@ private:
     void typeIsNeeded(VelType type) override;
     void handleMessage(NboAttrLog::MessageKind kind, NboAttrLog::In& body) override;
     void hello(NboAttrLog::In& body);
+    void outputCatchingUp(std::size_t limit);
+    std::span<U8 const> outputOfLog(std::size_t limit);
     void catchUp();
     void sendGone();
     void finishLogMessage();
@@ -72,6 +74,7 @@ private:
     U64 timesBehind_ = 0;          // so often it was told to catch up
     bool isLive_ = false;
     bool isAwaiting_ = false;
+    bool isLogsTurn_ = false;  // the last output() was its own
     bool hasSynced_ = false;
     bool mayWrite_;
     friend class AttrLogSource;

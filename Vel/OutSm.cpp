@@ -58,7 +58,9 @@ void BufferSm::compact(std::size_t kept) {
         out_.drop(taken_);
         taken_ = 0;
     }
-    if (out_.size() == 0 && out_.capacity() > kept) out_.release();
+    if (taken_ != 0 || out_.capacity() <= kept || out_.size() > kept / 2) return;
+    Out const all = std::exchange(out_, Out());
+    add(all.bytes());
 }
 
 void BufferSm::add(std::span<U8 const> bytes) {

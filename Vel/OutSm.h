@@ -115,13 +115,14 @@ public:
     ~BufferSm() override;
     std::span<U8 const> bytes() const { return out_.bytes().subspan(taken_); }
     std::size_t size() const { return out_.size() - taken_; }
+    std::size_t capacity() const { return out_.capacity(); }  // bytes of memory
     void take(std::size_t count) {
         taken_ += count;
         if (taken_ == out_.size()) clear();
     }
     void add(std::span<U8 const> bytes);  // whole messages, or the rest of one
     // Drops what was taken, when that is at least as much as is left: so no byte is moved for more than one that was
-    // taken, and never more than twice what is left is held. What is empty keeps memory of at most `kept` bytes.
+    // taken, and never more than twice what is left is held. Memory beyond `kept` bytes goes when half of those would do.
     // REQUIRES: bytes that bytes() gave are not needed any more.
     void compact(std::size_t kept);
     void clear() {

@@ -26,13 +26,20 @@ void needEnd(In const& body) {
 StreamPeer::~StreamPeer() = default;
 
 std::span<U8 const> StreamPeer::output(std::size_t limit) {
-    out_.compact(hasControl() ? keptWhileBusy : keptWhileIdle);
-    if (hasControl()) {
-        out_.add(control_.bytes());
-        control_.clear();
-        if (answers_ != 0) answersEnd_ = outTaken_ + out_.size();
-        control_.compact(keptWhileIdle);
-    }
+    out_.compact(hasControl() ? keptWhileBusy(limit) : keptWhileIdle);
+    takeControl();
+    return outFront(limit);
+}
+
+void StreamPeer::takeControl() {
+    if (!hasControl()) return;
+    out_.add(control_.bytes());
+    control_.clear();
+    if (answers_ != 0) answersEnd_ = outTaken_ + out_.size();
+    control_.compact(keptWhileIdle);
+}
+
+std::span<U8 const> StreamPeer::outFront(std::size_t limit) const {
     auto const bytes = out_.bytes();
     return bytes.first(std::min(limit, bytes.size()));
 }

@@ -2,6 +2,7 @@
 
 #include "Vel/OutSm.h"
 
+#include <algorithm>
 #include <functional>
 #include <span>
 #include <vector>
@@ -65,8 +66,9 @@ public:
     U32 pongs() const { return pongs_; }                       // answers that came
     U64 messagesIn() const { return messagesIn_; }             // applied
     std::size_t inputHeld() const { return pending_.size(); }  // bytes of a message that has not come wholly
-    // Bytes of memory that the connection takes: of a message that has not come wholly, and of what waits to be sent.
-    virtual std::size_t held() const { return pending_.capacity() + control_.size() + out_.size(); }
+    // Bytes of memory that the connection takes: of a message that has not come wholly, and of what waits to be sent, with
+    // the room that both keep.
+    virtual std::size_t held() const { return pending_.capacity() + control_.capacity() + out_.capacity(); }
     StreamLimits const& limits() const { return limits_; }
 
 protected:
@@ -85,9 +87,15 @@ protected:
         if (!wanted) wake();
     }
     bool hasControl() const { return control_.size() != 0; }
+    void takeControl();                                     // what control_ has is to be sent next, behind out_
+    std::span<U8 const> outFront(std::size_t limit) const;  // of out_
 
-    // Memory that an output keeps when it is empty, in bytes: while there is more to come, and when there is not.
-    static constexpr std::size_t keptWhileBusy = 1u << 20, keptWhileIdle = 4096;
+    // Memory that an output keeps when it is empty, in bytes: while there is more to come, `limit` at a time, and when
+    // there is not.
+    static constexpr std::size_t keptWhileBusy(std::size_t limit) {
+        return 4 * std::min(limit, std::size_t(256) << 10);
+    }
+    static constexpr std::size_t keptWhileIdle = 4096;
 
     NboAttrLog::BufferSm out_;  // written to by output() only
 

@@ -321,6 +321,103 @@ TEST_F(HostileSourceTest, MemberIsKeptUnderItsOwnNameOnly) {
         "a member's name is not its key");
 }
 
+TEST_F(HostileSourceTest, WhatNoSourceSaysIsRefusedByName) {
+    std::vector<std::pair<Bytes, std::string>> const cases{
+        {message(MessageKind::synced, [](Out& out) { out << U8(0); }), "a message with bytes behind its end"},
+        {message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; }),
+            "a source sends no message of kind 2"},
+        {message(MessageKind::type,
+             [](Out& out) {
+                 Vel::VelType const type = Vel::typeOf<Dir>();
+                 out << Compact{0} << String(type.name()) << String(type.moduleName()) << type.moduleFingerprint();
+             }),
+            "type 0 is there already"},
+        {message(MessageKind::announce, [](Out& out) { out << Compact{0} << Compact{1} << Compact{0} << String("y"); }),
+            "entity 0 can't be announced"},
+        {message(MessageKind::announce, [](Out& out) { out << Compact{3} << Compact{7} << Compact{0} << String("y"); }),
+            "an entity of a type that was not told of"},
+        {message(
+             MessageKind::announce, [](Out& out) { out << Compact{3} << Compact{1} << Compact{2} << Compact{258}; }),
+            "Fixture::Leaf has no references at 258"},
+        {message(
+             MessageKind::announce, [](Out& out) { out << Compact{3} << Compact{1} << Compact{1} << Compact{300}; }),
+            "Vel::Dir has no references at 300"},
+        {message(MessageKind::keySet, [](Out& out) { out << Compact{2} << Compact{260} << Compact{2}; }),
+            "a key of what is no collection"},
+        {message(MessageKind::keyDel, [](Out& out) { out << Compact{2} << Compact{260}; }),
+            "a key of what is no collection"},
+        {message(MessageKind::keysAgain, [](Out& out) { out << Compact{2} << Compact{258}; }),
+            "Fixture::Leaf has no collection 258"},
+        {message(MessageKind::keysEnd, [](Out& out) { out << Compact{1} << Compact{300}; }),
+            "Vel::Dir has no collection 300"},
+        {message(MessageKind::keysEnd, [](Out& out) { out << Compact{1} << Compact{258}; }),
+            "the end of keys that did not come again"},
+        {message(MessageKind::gone, [](Out& out) { out << Compact{1}; }), "the root can't go"},
+        {message(MessageKind::gone, [](Out& out) { out << Compact{9}; }), "entity 9 was not announced"},
+    };
+    for (auto const& [bytes, error] : cases) {
+        replica.connected();
+        takeOutput(replica);
+        sendTypes();
+        expectRefused(bytes, error);
+    }
+}
+
+TEST_F(HostileSourceTest, SynchronisedIsSaidOnce) {
+    sendTypes();
+    send(message(MessageKind::synced));
+    EXPECT_EQ(replica.state(), Vel::AttrLogReplica::State::synced);
+    expectRefused(message(MessageKind::synced), "synchronised twice");
+}
+
+TEST_F(HostileSourceTest, AnotherVersionOfTheProtocolIsRefused) {
+    expectRefused(message(MessageKind::welcome, [](Out& out) { out << Vel::U16(2) << false; }),
+        "the source speaks version 2 of the protocol");
+}
+
+TEST_F(HostileSourceTest, TypesAreLimited) {
+    Vel::StreamLimits limits;
+    limits.types = 1;
+    Vel::AttrLogReplica small(root, {.path = {}, .wantsToWrite = false, .limits = limits});
+    small.connected();
+    small.input(message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; }));
+    U32 index = 0;
+    for (Vel::VelType const type : {Vel::typeOf<Dir>(), Vel::typeOf<Leaf>()})
+        small.input(message(MessageKind::type, [&](Out& out) {
+            out << Compact{index++} << String(type.name()) << String(type.moduleName()) << type.moduleFingerprint();
+        }));
+    EXPECT_EQ(small.error(), "the source has too many types");
+}
+
+TEST_F(HostileSourceTest, RootIsBelowNothing) {
+    send(message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; }));
+    sendType(1, Vel::typeOf<Leaf>());
+    send(
+        message(MessageKind::announce, [](Out& out) { out << Compact{2} << Compact{1} << Compact{0} << String("y"); }));
+    ASSERT_EQ(replica.error(), "");
+    expectRefused(message(MessageKind::announce,
+                      [](Out& out) { out << Compact{1} << Compact{1} << Compact{2} << Compact{260} << String("d"); }),
+        "the root is below another entity");
+}
+
+// Of a type that takes more than a name, as the root and below it.
+TEST_F(HostileSourceTest, EntityThatCannotBeMadeIsRefused) {
+    auto const place = Dir::newEntity("");
+    for (U32 const id : {1u, 3u}) {
+        Vel::AttrLogReplica other(place, "copy", {});
+        other.connected();
+        other.input(message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; }));
+        other.input(message(MessageKind::type, [](Out& out) {
+            Vel::VelType const type = Vel::typeOf<Fixture::Demanding>();
+            out << Compact{0} << String(type.name()) << String(type.moduleName()) << type.moduleFingerprint();
+        }));
+        ASSERT_EQ(other.error(), "");
+        other.input(message(MessageKind::announce, [&](Out& out) { out << Compact{id} << Compact{0} << Compact{0}; }));
+        EXPECT_EQ(other.error(), "Fixture::Demanding can't be created");
+        EXPECT_EQ(place->entries(), 0u);
+    }
+}
+
 TEST_F(HostileSourceTest, TypeWithAnotherFingerprintIsRefusedByName) {
     send(message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; }));
     String const here = Vel::format("%016lx", Vel::typeOf<Dir>().moduleFingerprint());
@@ -397,6 +494,46 @@ TEST_F(HostileSourceTest, EveryCutOfAMessageWaitsForTheRest) {
         replica.input(std::span(bytes).subspan(cut));
         EXPECT_EQ(Vel::ptr_cast<Leaf>(root->entry("x"))->size(), 5u);
     }
+}
+
+// --- what a reader must not send ---
+
+Bytes helloWith(U32 magic, Bytes const& behind = {}) {
+    return message(MessageKind::hello, [&](Out& out) {
+        out << magic << Vel::streamVersion << false << String() << 0u;
+        for (U8 const byte : behind) out << byte;
+    });
+}
+
+TEST(HostileReaderTest, WhatNoReaderSaysIsRefusedByName) {
+    Bytes const hello = helloWith(Vel::streamMagic);
+    Bytes const write = message(MessageKind::write, [](Out& out) { out << Compact{1} << Compact{258}; });
+    Bytes const value = message(MessageKind::value, [](Out& out) { out << Compact{1} << Compact{258}; });
+    std::vector<std::pair<std::vector<Bytes>, std::string>> const cases{
+        {{write}, "a reader sends no message of kind 11 now"},
+        {{value}, "a reader sends no message of kind 5 now"},
+        {{hello, hello}, "a reader sends no message of kind 1 now"},
+        {{hello, value}, "a reader sends no message of kind 5 now"},
+        {{helloWith(0x47455420)}, "not an attribute log"},
+        {{helloWith(Vel::streamMagic, {0})}, "a hello with bytes behind its end"},
+    };
+    Vel::AttrLogSource source(Dir::newEntity("d"));
+    for (auto const& [inputs, error] : cases) {
+        auto const reader = source.newReader();
+        for (Bytes const& bytes : inputs) reader->input(bytes);
+        EXPECT_EQ(reader->error(), error);
+        EXPECT_TRUE(reader->isClosing());
+    }
+    EXPECT_EQ(source.readers(), 0u);
+}
+
+// To an entity that has gone at the source, of which the reader has not heard yet.
+TEST(HostileReaderTest, WriteToWhatIsNotThereChangesNothing) {
+    Vel::AttrLogSource source(Dir::newEntity("d"));
+    auto const reader = source.newReader();
+    reader->input(helloWith(Vel::streamMagic));
+    reader->input(message(MessageKind::write, [](Out& out) { out << Compact{99} << Compact{258} << 1u; }));
+    EXPECT_EQ(reader->error(), "");
 }
 
 // --- pings ---
@@ -482,6 +619,63 @@ TEST(StreamPeerTest, MessageHoldsWhatHasComeOfIt) {
     pair.reader->input(bytes.subspan(600'010));
     EXPECT_EQ(pair.reader->error(), "");
     EXPECT_EQ(pair.reader->held(), before);
+}
+
+// What an output has room for is memory, also when all of it was taken.
+TEST(StreamPeerTest, RoomThatIsKeptForTheNextOutputIsHeld) {
+    auto const root = Dir::newEntity("d");
+    for (int i = 0; i < 5000; ++i) root->entryIs(Leaf::newEntity(Vel::format("leaf%d", i)));
+    Pair pair(root);
+    pair.connect();
+    pair.reader->input(takeOutput(pair.replica));
+    std::size_t const size = pair.reader->output(64u << 10).size();
+    EXPECT_GE(size, 60'000u);
+    pair.reader->outputTaken(size);
+    EXPECT_GE(pair.reader->held(), size);
+    // With less asked for at a time it shrinks, and goes when there is nothing to send.
+    pair.reader->outputTaken(pair.reader->output(4096).size());
+    EXPECT_LT(pair.reader->held(), 20'000u);
+    takeOutput(*pair.reader);
+    EXPECT_LT(pair.reader->held(), 10'000u);
+}
+
+// A ping comes before each output, which is taken wholly.
+class PingingReaderTest : public testing::Test {
+protected:
+    void step() {
+        pair.reader->input(message(MessageKind::ping, [](Out& out) { out << U32(1); }));
+        auto const bytes = pair.reader->output(64);
+        pair.replica.input(bytes);
+        pair.reader->outputTaken(bytes.size());
+    }
+    std::vector<Vel::Ptr<Leaf>> leaves;
+    Pair pair = [this] {
+        auto const root = Dir::newEntity("d");
+        for (int i = 0; i < 20; ++i) root->entryIs(leaves.emplace_back(Leaf::newEntity(Vel::format("leaf%d", i))));
+        return Pair(root);
+    }();
+};
+
+TEST_F(PingingReaderTest, IsSynchronisedAllTheSame) {
+    pair.connect();
+    pair.reader->input(takeOutput(pair.replica));
+    for (int i = 0; i < 200 && pair.replica.state() != Vel::AttrLogReplica::State::synced; ++i) step();
+    EXPECT_EQ(pair.replica.state(), Vel::AttrLogReplica::State::synced);
+    EXPECT_GE(pair.replica.pongs(), 10u) << "and it gets its answers";
+    pair.expectEqual();
+}
+
+TEST_F(PingingReaderTest, HearsOfChangesAllTheSame) {
+    pair.connect();
+    pair.run();
+    for (U32 size = 1; size <= 20; ++size) {
+        for (auto const& leaf : leaves) leaf->sizeIs(size);
+        step();
+    }
+    U32 const pongs = pair.replica.pongs();
+    for (int i = 0; i < 200; ++i) step();
+    EXPECT_GE(pair.replica.pongs(), pongs + 90);
+    pair.expectEqual();
 }
 
 TEST(StreamPeerTest, PingDoesNotCutAMessageInTwo) {
