@@ -221,10 +221,8 @@ void AttrLogReader::catchUp() {
             sendGone();
         } else {
             tellTypes();
-            if (!std::exchange(hasSynced_, true)) {
-                out_.begin(MessageKind::synced, 0);
-                out_.commit();
-            }
+            out_.begin(MessageKind::synced, 0);
+            out_.commit();
             position_ = source_->log().head();
             isLive_ = true;
             source_->goLive(*this);

@@ -75,7 +75,6 @@ private:
     bool isLive_ = false;
     bool isAwaiting_ = false;
     bool isLogsTurn_ = false;  // the last output() was its own
-    bool hasSynced_ = false;
     bool mayWrite_;
     friend class AttrLogSource;
 };

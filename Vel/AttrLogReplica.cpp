@@ -164,7 +164,9 @@ void AttrLogReplica::closed(String const& reason) {
 void AttrLogReplica::disconnected() {
     mayWrite_ = false;
     unmentioned_.clear();
+    blockedMembers_.clear();
     blocked_.clear();
+    loosened_.clear();
     ids_.clear();
     sizeBefore_ += size_ - leftSize_;
     size_ = leftSize_;
@@ -324,7 +326,7 @@ void AttrLogReplica::announce(In& body) {
         if (!table.isCreatable) throw StreamException(format("%s can't be created", type.name()), 0);
         bind(id, announced(type, place, name, isNew), isNew);
     }
-    putBlocked();
+    putLoosened();
 }
 
 Ptr<Entity> AttrLogReplica::rootOf(VelType type, bool& isNew) {
@@ -357,7 +359,10 @@ Ptr<Entity> AttrLogReplica::announced(VelType type, Place const& place, String c
     if (!instantiated) return ptr_cast<Entity>(type.glue().newEntity(name, nullptr));
     if (!there) sizeChanged(place.id, 0, ReplicaSize::keyCost + place.key.size());
     told(place);
-    return instantiate(type, place, name, there.get());
+    Link const link = linkOf(there.get());
+    Ptr<Entity> const made = instantiate(type, place, name, there.get());
+    loosenedIs(link);
+    return made;
 }
 
 // A new member of a collection that makes its members. One that takes the place of another is put there as a whole, so
@@ -458,7 +463,7 @@ void AttrLogReplica::keysEnd(In& body) {
     auto const keys = std::move(found->second.keys);
     unmentioned_.erase(found);
     delUnmentioned(place.id, place.attribute->id, keys);
-    putBlocked();
+    putLoosened();
 }
 
 void AttrLogReplica::delUnmentioned(EntityId id, AttributeId attribute, Unmentioned::Keys const& keys) {
@@ -476,18 +481,19 @@ void AttrLogReplica::delUnmentioned(EntityId id, AttributeId attribute, Unmentio
 }
 
 void AttrLogReplica::memberDel(Place const& place) {
-    if (!place.there()) return;
+    Entity* const there = place.there();
+    if (!there) return;
+    Link const link = linkOf(there);
     place.del();
+    loosenedIs(link);
     sizeChanged(place.id, ReplicaSize::keyCost + place.key.size(), 0);
 }
 
 // The source has said what is there now.
 void AttrLogReplica::told(Place const& place, bool isThere) {
     mentioned(place, isThere);
-    std::erase_if(blocked_, [&](auto const& blocked) {
-        Blocked const& at = blocked.second;
-        return at.owner == place.id && at.attribute == place.attribute->id && at.key == place.keyText();
-    });
+    if (auto const at = blocked_.find(std::tuple(place.id, place.attribute->id, place.keyText())); at != blocked_.end())
+        blockedDel(at->second);
 }
 
 void AttrLogReplica::keySet(In& body) {
@@ -502,8 +508,8 @@ void AttrLogReplica::keySet(In& body) {
     Entity* const there = place.there();
     if (!there) needRoom(ReplicaSize::keyCost + place.key.size());
     if (there != member.get()) put(place, id, *member);
-    if (!blocked_.empty() && place.owns(*member)) blocked_.erase(id);
-    putBlocked();
+    if (!blocked_.empty() && place.owns(*member)) blockedDel(id);
+    putLoosened();
 }
 
 // Takes the entity out of the collection by which its parent owns it.
@@ -530,9 +536,6 @@ void AttrLogReplica::detach(Entity& entity) {
 namespace {
 
 constexpr char circular[] = "an entity within itself";
-// What waits takes no more than what is known: bytes beyond a member's name that are kept of its key. Each that waits is
-// looked at with every message.
-constexpr std::size_t longestOtherKey = 1024, mostBlocked = 1024;
 
 }  // namespace
 
@@ -552,17 +555,25 @@ void AttrLogReplica::put(Place const& place, EntityId id, Entity& member) {
     }
     bool const makes = place.attribute->kind == StreamKind::instances;
     if (makes && !makeRoom(place, id, member)) return;
-    bool const isNewKey = !place.there();
+    Entity* const there = place.there();
+    Link const link = linkOf(there);
+    bool const isPut = replace(place, id, member, makes);
+    loosenedIs(link);
+    if (isPut && !there) sizeChanged(place.id, 0, ReplicaSize::keyCost + place.key.size());
+}
+
+// Whether the member is there now, and does not wait.
+bool AttrLogReplica::replace(Place const& place, EntityId id, Entity& member, bool makes) {
     try {
         place.replacementIs(member);
     } catch (StreamException const&) {
         throw;
     } catch (RangeException const&) {
         if (makes) throw;
-        if (!makeRoom(place, id, member)) return;
+        if (!makeRoom(place, id, member)) return false;
         place.replacementIs(member);
     }
-    if (isNewKey) sizeChanged(place.id, 0, ReplicaSize::keyCost + place.key.size());
+    return true;
 }
 
 // Takes the member out of where it was. When its new owner is still within it, one of the owners between them has left
@@ -570,35 +581,80 @@ void AttrLogReplica::put(Place const& place, EntityId id, Entity& member) {
 bool AttrLogReplica::makeRoom(Place const& place, EntityId id, Entity& member) {
     if (place.entity == &member) throw StreamException(circular, 0);
     if (member.encloses(*place.entity)) {
-        if (blocked_.size() >= mostBlocked) throw StreamException("too many nestings that are turned round", 0);
-        if (place.key.size() > member.name().length() + longestOtherKey)
-            throw StreamException("a member's name is not its key", 0);
-        blocked_.insert_or_assign(id, Blocked{place.id, place.attribute->id, std::string(place.keyText())});
+        block(place, id);
         return false;
     }
-    if (member.parent() && place.entity != member.parent()) detach(member);
+    if (member.parent() && place.entity != member.parent()) {
+        Link const link = linkOf(&member);
+        detach(member);
+        loosenedIs(link);
+    }
     return true;
 }
 
-// Puts members where they could not go before, as far as they can now.
-void AttrLogReplica::putBlocked() {
-    for (auto at = blocked_.begin(); at != blocked_.end();) {
-        auto const owner = known_.find(at->second.owner);
-        Entity* const member = entity(at->first);
-        if (owner != known_.end() && member && member->encloses(*owner->second.entity)) {
-            ++at;
-            continue;
+// --- members that wait ---
+
+// What waits takes no more bytes than a key of the copy, and counts as one.
+void AttrLogReplica::block(Place const& place, EntityId id) {
+    std::size_t const size = ReplicaSize::keyCost + place.key.size();
+    needRoom(size);
+    blockedDel(id);
+    auto const at = blocked_.try_emplace({place.id, place.attribute->id, std::string(place.keyText())}, id).first;
+    blockedMembers_.emplace(id, at);
+    sizeChanged(place.id, 0, size);
+}
+
+void AttrLogReplica::blockedDel(EntityId id) {
+    auto const found = blockedMembers_.find(id);
+    if (found == blockedMembers_.end()) return;
+    auto const& [owner, attribute, key] = found->second->first;
+    sizeChanged(owner, ReplicaSize::keyCost + key.size(), 0);
+    blocked_.erase(found->second);
+    blockedMembers_.erase(found);
+}
+
+// Puts the member where it is to go, or has it wait on.
+void AttrLogReplica::retry(EntityId id) {
+    auto const found = blockedMembers_.find(id);
+    if (found == blockedMembers_.end()) return;
+    auto const [ownerId, attribute, key] = found->second->first;
+    blockedDel(id);
+    Known const& owner = known(ownerId);
+    Place place{ownerId, owner.entity, owner.table->find(attribute)};
+    place.keyTextIs(key);
+    Ptr<Entity> const member = known(id).entity;
+    put(place, id, *member);
+}
+
+AttrLogReplica::Link AttrLogReplica::linkOf(Entity* entity) const {
+    return blocked_.empty() || !entity ? Link{} : Link{entity, entity->parent()};
+}
+
+// Where an entity has left its parent, whatever is above may have waited for that.
+void AttrLogReplica::loosenedIs(Link const& before) {
+    if (!before.parent || before.entity->parent() == before.parent) return;
+    if (loosened_.empty() || loosened_.back() != before.parent) loosened_.push_back(before.parent);
+}
+
+// Ways up are walked as far as members may wait; what is missed, since what is above has moved, is found at the sync mark.
+void AttrLogReplica::putLoosened() {
+    while (!loosened_.empty()) {
+        Ptr<Entity> above = loosened_.back();
+        loosened_.pop_back();
+        for (std::size_t depth = 0; above && depth <= limits().depth && !blocked_.empty(); ++depth) {
+            Ptr<Entity> const next = above->parent();
+            if (auto const id = ids_.find(above.get()); id != ids_.end()) retry(id->second);
+            above = next;
         }
-        auto const taken = blocked_.extract(at);
-        if (owner != known_.end() && member) {
-            Blocked const& to = taken.mapped();
-            Place place{to.owner, owner->second.entity, owner->second.table->find(to.attribute)};
-            place.keyTextIs(to.key);
-            Ptr<Entity> const keep(member);
-            put(place, taken.key(), *member);
-        }
-        at = blocked_.begin();  // which may have made room for others
     }
+}
+
+// Puts all that can go now. Whoever can't goes when another one is put, or never.
+void AttrLogReplica::putBlocked() {
+    std::vector<EntityId> members;
+    for (auto const& [id, at] : blockedMembers_) members.push_back(id);
+    for (EntityId const id : members) retry(id);
+    putLoosened();
 }
 
 void AttrLogReplica::keyDel(In& body) {
@@ -608,7 +664,7 @@ void AttrLogReplica::keyDel(In& body) {
     told(place, false);
     if (place.attribute->kind == StreamKind::values) return valueDel(place);
     memberDel(place);
-    putBlocked();
+    putLoosened();
 }
 
 void AttrLogReplica::keyValue(Place const& place, In& body) {
@@ -646,17 +702,19 @@ void AttrLogReplica::gone(In& body) {
     EntityId const id = nextCompact(body);
     needEnd(body);
     if (id == rootId) throw StreamException("the root can't go", 0);
+    blockedDel(id);
+    for (auto at = blocked_.lower_bound(std::tuple(id, AttributeId(0), std::string_view()));
+         at != blocked_.end() && std::get<0>(at->first) == id;)
+        blockedDel((at++)->second);
     Known const gone = known(id);
     keys_ -= gone.keys;
     ids_.erase(gone.entity.get());
     known_.erase(id);
     unmentioned_.erase(unmentioned_.lower_bound({id, 0}), unmentioned_.upper_bound({id, ~AttributeId(0)}));
     leftIs(gone);
-    blocked_.erase(id);
 }
 
 void AttrLogReplica::synced() {
-    if (state_ != State::syncing) throw StreamException("synchronised twice", 0);
     for (auto const& [at, unmentioned] : std::exchange(unmentioned_, {}))
         delUnmentioned(at.first, at.second, unmentioned.keys);
     sizeBefore_ = 0;

@@ -11,7 +11,9 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <tuple>
 #include <unordered_map>
+#include <vector>
 
 namespace Vel {
 
@@ -102,8 +104,18 @@ private:
     Ptr<Entity> instantiate(VelType type, Place const& place, String const& name, Entity* there);
     bool checkEphemeralEntityDeletion(Place const& place, Entity* there);
     void put(Place const& place, EntityId id, Entity& member);
+    bool replace(Place const& place, EntityId id, Entity& member, bool makes);
     bool makeRoom(Place const& place, EntityId id, Entity& member);
     void told(Place const& place, bool isThere = true);
+    void block(Place const& place, EntityId id);
+    void blockedDel(EntityId id);
+    void retry(EntityId id);
+    struct Link {
+        Ptr<Entity> entity, parent;
+    };
+    Link linkOf(Entity* entity) const;  // null while nothing waits
+    void loosenedIs(Link const& before);
+    void putLoosened();
     void putBlocked();
     void checkDepth(Entity const& entity) const;
     Place collection(NboAttrLog::In& body);
@@ -137,13 +149,12 @@ private:
     std::size_t size_ = 0;  // of these, and of those that are left
     // Of what was there before, and of collections that come again.
     std::map<std::pair<EntityId, AttributeId>, Unmentioned> unmentioned_;
-    // Members that can't go yet where the source has them, for here their new owner is still within them.
-    struct Blocked {
-        EntityId owner;
-        AttributeId attribute;
-        std::string key;
-    };
-    std::map<EntityId, Blocked> blocked_;  // by the member; each has one owner
+    // Members that can't go yet where the source has them, for here their new owner is still within them. Each waits for
+    // one place, and in a place there is one.
+    using Blocked = std::map<std::tuple<EntityId, AttributeId, std::string>, EntityId, std::less<>>;
+    Blocked blocked_;
+    std::map<EntityId, Blocked::iterator> blockedMembers_;
+    std::vector<Ptr<Entity>> loosened_;  // those that something has left, for which a member above may be waiting
 
     // Of all connections:
     std::unordered_map<Entity const*, std::unique_ptr<Left>> left_;

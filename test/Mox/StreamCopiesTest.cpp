@@ -200,6 +200,33 @@ TEST(NestedDirsTest, NestingThatIsTurnedRoundKeepsWhatIsInIt) {
     pair.expectEqual();  // root > b > a > x
 }
 
+// All of the inner ones are sent before anything else, so that as many members wait.
+TEST(NestedTriesManyTest, AnyNumberOfNestingsMayBeTurnedRoundAtOnce) {
+    constexpr int many = 1500;
+    auto const t = Trie::newEntity("t");
+    std::vector<Ptr<Trie>> outer, inner;
+    for (int i = 0; i < many; ++i) {
+        outer.push_back(Trie::newEntity(Vel::format("o%d", i)));
+        inner.push_back(Trie::newEntity(Vel::format("i%d", i)));
+        t->adopt(outer.back());
+        outer.back()->adopt(inner.back());
+    }
+    Pair pair(t, {.logSize = 0});
+    pair.connect();
+    pair.run();
+    for (auto const& trie : inner) trie->presentIs(true);
+    for (int i = 0; i < many; ++i) {
+        outer[i]->prefixChildDel(inner[i]->name());
+        t->prefixChildDel(outer[i]->name());
+        inner[i]->adopt(outer[i]);
+        t->adopt(inner[i]);
+    }
+    fallBehind(pair, t);
+    pair.run();
+    EXPECT_EQ(pair.replica.error(), "");
+    pair.expectEqual();  // t > i > o, each
+}
+
 // A source that says that t > a > b.
 class CircularSourceTest : public testing::Test {
 protected:
@@ -230,8 +257,13 @@ protected:
             [&](Out& out) { out << Compact{owner} << Compact{262} << String(key) << Compact{member}; });
     }
 
+    static Vel::StreamLimits limits() {
+        Vel::StreamLimits limits;
+        limits.copySize = 4096;
+        return limits;
+    }
     Ptr<Dir> place = Dir::newEntity("");
-    Vel::AttrLogReplica replica{place, "t", {}};
+    Vel::AttrLogReplica replica{place, "t", {.path = {}, .wantsToWrite = false, .limits = limits()}};
 };
 
 TEST_F(CircularSourceTest, EntityWithinItselfIsRefusedAtOnce) {
@@ -253,6 +285,46 @@ TEST_F(CircularSourceTest, EntityWithinOneThatItHasIsRefusedWhenThatIsAll) {
 TEST_F(CircularSourceTest, WhatWaitsIsForgottenWhenTheSourceTakesItBack) {
     keySet(3, "a", 2);
     send(MessageKind::keyDel, [](Out& out) { out << Compact{3} << Compact{262} << String("a"); });
+    send(MessageKind::synced, [](Out&) {});
+    EXPECT_EQ(replica.error(), "");
+}
+
+// A source that is behind may tell of what is between them later, until it says that all is told.
+TEST_F(CircularSourceTest, EntityWithinOneThatItHasIsRefusedWhenThatIsAllAgain) {
+    send(MessageKind::synced, [](Out&) {});
+    std::string const before = treeOf(*replica.root());
+    keySet(3, "a", 2);
+    EXPECT_EQ(replica.error(), "");
+    EXPECT_EQ(treeOf(*replica.root()), before) << "no circle is ever there";
+    send(MessageKind::synced, [](Out&) {});
+    EXPECT_EQ(replica.error(), "an entity within itself");
+    EXPECT_EQ(treeOf(*replica.root()), before);
+}
+
+TEST_F(CircularSourceTest, MemberThatWaitsCountsAsAKey) {
+    std::size_t const before = replica.copySize();
+    keySet(3, "a", 2);
+    EXPECT_EQ(replica.copySize(), before + 160 + 5);
+    keySet(3, "a", 2);
+    EXPECT_EQ(replica.copySize(), before + 160 + 5) << "once";
+    keySet(3, "some other key", 2);
+    EXPECT_EQ(replica.copySize(), before + 160 + 18) << "it waits for one place";
+    send(MessageKind::gone, [](Out& out) { out << Compact{2}; });
+    EXPECT_EQ(replica.copySize(), before) << "the copy still has it";
+    EXPECT_EQ(replica.error(), "");
+}
+
+TEST_F(CircularSourceTest, MembersThatWaitAreHeldToTheSizeOfACopy) {
+    std::string const key(1400, 'x');
+    keySet(3, key.c_str(), 2);
+    EXPECT_EQ(replica.error(), "");
+    keySet(3, (key + "y").c_str(), 1);
+    EXPECT_EQ(replica.error(), "a copy of more than 4096 bytes");
+}
+
+TEST_F(CircularSourceTest, WhatWaitsForAPlaceInWhatHasGoneIsForgotten) {
+    keySet(3, "a", 2);
+    send(MessageKind::gone, [](Out& out) { out << Compact{3}; });
     send(MessageKind::synced, [](Out&) {});
     EXPECT_EQ(replica.error(), "");
 }

@@ -148,6 +148,15 @@ TEST_F(SmallLogTest, StalledReaderCostsAFlagAndNoQueue) {
     EXPECT_EQ(pair.source.liveReaders(), 1u);
 }
 
+TEST_F(SmallLogTest, ReaderThatHasCaughtUpIsToldSoEachTime) {
+    for (int round = 0; round < 2; ++round) {
+        for (U32 i = 1; i <= 1000; ++i) a->sizeIs(i);
+        Strings const sent = told(takeOutput(*pair.reader));
+        EXPECT_EQ(sent.size(), 2u);
+        EXPECT_EQ(sent.back(), "synced");
+    }
+}
+
 TEST_F(SmallLogTest, MessageThatWasCutByTheStallGoesOn) {
     a->sizeIs(1);
     a->sizeIs(2);
