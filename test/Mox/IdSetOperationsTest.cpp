@@ -349,6 +349,27 @@ TEST(IdSetOperationsTest, SetsAreCombined) {
     EXPECT_EQ(a ^ b, IdSet(200, {1, 3, 100, 199}));
 }
 
+TEST(IdSetOperationsTest, SetsOfMembersFarApartAreCombined) {
+    IdSet const a(16320, {1, 5000, 5001, 12000});
+    IdSet const b(16320, {1, 5001, 5100, 16000});
+    EXPECT_EQ(a | b, IdSet(16320, {1, 5000, 5001, 5100, 12000, 16000}));
+    EXPECT_EQ(a & b, IdSet(16320, {1, 5001}));
+    EXPECT_EQ(a - b, IdSet(16320, {5000, 12000}));
+    EXPECT_EQ(a ^ b, IdSet(16320, {5000, 5100, 12000, 16000}));
+}
+
+TEST(IdSetOperationsTest, LargeSetsAreCombinedWithSmallOnes) {
+    IdSet const all = allOf(16320);
+    IdSet const few(16320, {1, 5000, 16000});
+    EXPECT_EQ(all | few, all);
+    EXPECT_EQ(all & few, few);
+    EXPECT_EQ(few & all, few);
+    EXPECT_EQ(all & all, all);
+    EXPECT_EQ(few - all, IdSet(16320));
+    EXPECT_EQ((all - few).ids(), 16317);
+    EXPECT_EQ(all ^ few, all - few);
+}
+
 TEST(IdSetOperationsTest, CompoundFormsYieldTheSetItself) {
     IdSet set(200, {1, 2});
     EXPECT_EQ(&(set |= IdSet(200, {3})), &set);

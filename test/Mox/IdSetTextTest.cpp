@@ -89,6 +89,7 @@ TEST(IdSetTextTest, ItemsAreIdsAndRanges) {
     EXPECT_EQ(parsed("(1-3,5,7-9)", 10), IdSet(10, {1, 2, 3, 5, 7, 8, 9}));
     EXPECT_EQ(parsed("(7,1,1-2)", 10), IdSet(10, {1, 2, 7}));
     EXPECT_EQ(parsed("(0-199)", 200).ids(), 200);
+    EXPECT_EQ(parsed("(4160-4543)", 16320).ids(), 384);  // of words beyond the first 64
 }
 
 TEST(IdSetTextTest, TextAddsToThePrototype) {

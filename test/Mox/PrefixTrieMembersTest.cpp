@@ -68,6 +68,21 @@ TEST_F(PrefixTrieMembersTest, RemovedMembersAreReturned) {
     EXPECT_EQ(made->references(), 1u);
 }
 
+TEST_F(PrefixTrieMembersTest, MemberThatAnotherTrieHasTakenOverStaysThere) {
+    class Adopting : public Trie {
+    public:
+        using Trie::Trie;
+        void adopt(Ptr<Node> const& node) { velPrefixChildIs(node); }
+    };
+    Ptr<Adopting> const first(new Adopting("first"));
+    Ptr<Adopting> const second(new Adopting("second"));
+    auto const member = Trie::newEntity("a");
+    first->adopt(member);
+    second->adopt(member);
+    EXPECT_EQ(first->prefixChildDel("a"), member);
+    EXPECT_EQ(member->parent(), second.get());
+}
+
 TEST_F(PrefixTrieMembersTest, DelAllRemovesEveryMemberOfItsCollection) {
     for (char const* key : {"a", "b", "c", "d", "e", "f", "g", "h", "i"}) trie->newChildIs(key);
     auto const a = trie->child("a");

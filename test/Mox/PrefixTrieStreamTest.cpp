@@ -90,6 +90,8 @@ TEST_F(PrefixTrieStreamTest, FlowHasThreeSetsOfKeys) {
     PrefixTrie::FlowOut flow(adapter.table(), PrefixTrie::FlowOut::fromEnd);
     EXPECT_TRUE(flow.velKeyIsDirtyIs(261, key("a"), false));
     EXPECT_TRUE(flow.velHasDirtyKeys());
+    EXPECT_EQ(flow.velDirtyKeys(261), 1u);
+    EXPECT_EQ(flow.velDirtyKeys(262), 0u);
     EXPECT_FALSE(flow.velKeyIsDirtyIs(261, key("a"), false));
     EXPECT_TRUE(flow.velKeyIsDirtyIs(262, key("b"), false));
     EXPECT_FALSE(flow.velKeyIsDirtyIs(262, key("b"), true));

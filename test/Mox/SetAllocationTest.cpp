@@ -75,6 +75,15 @@ TEST_F(SetAllocationTest, SetsWithinTwoWordsAllocateNothing) {
         0u);
 }
 
+TEST_F(SetAllocationTest, LargeSetsTakeWhatEarlierOnesLeft) {
+    auto const fill = [] { IdSet(16320).idSetAll(); };
+    fill();
+    EXPECT_EQ(allocationsOf([&] {
+        for (int i = 0; i < 10; ++i) fill();
+    }),
+        0u);
+}
+
 TEST_F(SetAllocationTest, NumbersOfMembersCostNothingWithinWords) {
     IdSet set(16320);
     set.idSetAll();

@@ -1,6 +1,12 @@
 #include "Mox/IdSet.h"
 
+#include "Allocations.h"
+
 #include <gtest/gtest.h>
+
+#if ALLOCATIONS_ARE_COUNTED
+#include <malloc.h>
+#endif
 
 #include <algorithm>
 #include <condition_variable>
@@ -91,8 +97,8 @@ TEST(WordBlockTest, SetsMadeOnOneThreadDieOnAnother) {
     }
 }
 
-// The thread's kept blocks are freed before its last sets go.
-TEST(WordBlockTest, SetsMayOutliveTheBlocksThatTheirThreadKeeps) {
+// A thread whose kept blocks are freed before its last set goes.
+void endWithASet() {
     std::jthread([] {
         static thread_local IdSet last;
         last = IdSet(16320);  // made before the first block is kept, and so destroyed after the blocks
@@ -101,5 +107,16 @@ TEST(WordBlockTest, SetsMayOutliveTheBlocksThatTheirThreadKeeps) {
         ASSERT_EQ(last.ids(), 16320);
     }).join();
 }
+
+TEST(WordBlockTest, SetsMayOutliveTheBlocksThatTheirThreadKeeps) { endWithASet(); }
+
+#if ALLOCATIONS_ARE_COUNTED
+TEST(WordBlockTest, ThreadsThatEndLeaveNoBlocks) {
+    endWithASet();
+    std::size_t const before = mallinfo2().uordblks;
+    for (int i = 0; i < 100; ++i) endWithASet();
+    EXPECT_LT(mallinfo2().uordblks, before + 50 * 2048);
+}
+#endif
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "Fixtures.h"
 #include "StreamTools.h"
+#include "ValueTable.h"
 #include "Vel/Exception.h"
 #include "Vel/Module.h"
 #include "Vel/StreamProtocol.h"
@@ -155,6 +156,16 @@ TEST_F(SmallLogTest, ReaderThatHasCaughtUpIsToldSoEachTime) {
         EXPECT_EQ(sent.size(), 2u);
         EXPECT_EQ(sent.back(), "synced");
     }
+}
+
+TEST_F(SmallLogTest, WakesAgainWhoeverHasFallenBehindAndCaughtUp) {
+    int woken = 0;
+    pair.reader->wakeIs([&] { ++woken; });
+    for (U32 i = 1; i <= 1000; ++i) a->sizeIs(i);
+    pair.run();
+    woken = 0;
+    a->sizeIs(1001);
+    EXPECT_EQ(woken, 1);
 }
 
 TEST_F(SmallLogTest, MessageThatWasCutByTheStallGoesOn) {
@@ -391,6 +402,20 @@ TEST_F(StreamSourceTest, ReaderWithoutAModuleIsRefusedWhenTheTypeComes) {
         "refused the server has module Fixtures, fingerprint " +
             Vel::format("%016lx", Vel::typeOf<Leaf>().moduleFingerprint()).stdString() +
             ", and the client has no such module");
+}
+
+TEST_F(StreamSourceTest, LiveReaderIsRefusedByTheFirstTypeThatItHasNot) {
+    auto const served = Dir::newEntity("root");
+    Vel::AttrLogSource source(served);
+    auto const reader = source.newReader();
+    reader->input(hello(false, {{"Fixtures", 0}, {"StreamValues", 0}}));
+    EXPECT_EQ(told(takeOutput(*reader)).back(), "synced");
+    served->entryIs(Leaf::newEntity("a"));
+    served->entryIs(ValueTable::newEntity("t"));
+    EXPECT_EQ(
+        told(takeOutput(*reader)), Strings{"refused the server has module Fixtures, fingerprint " +
+                                           Vel::format("%016lx", Vel::typeOf<Leaf>().moduleFingerprint()).stdString() +
+                                           ", and the client has no such module"});
 }
 
 TEST_F(StreamSourceTest, AnotherVersionIsRefused) {
