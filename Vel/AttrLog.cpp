@@ -11,15 +11,13 @@ constexpr std::size_t mostFree = 16;
 
 }  // namespace
 
-AttrLog::AttrLog(std::size_t chunkSize) : chunkSize_(chunkSize) {
-    chunks_.push_back(std::make_shared<Out>(chunkSize_));
-}
+AttrLog::AttrLog(std::size_t chunkSize) : chunkSize_(chunkSize) { chunks_.push_back(std::make_shared<Out>()); }
 AttrLog::~AttrLog() = default;
 
 Out& AttrLog::room(std::size_t size) {
     Out& last = *chunks_.back();
     if (last.size() == 0) {
-        last.reserve(size);
+        last.reserve(std::max(size, chunkSize_));  // a log that nobody writes costs nothing
         return last;
     }
     if (last.capacity() - last.size() >= size) return last;

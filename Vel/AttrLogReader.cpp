@@ -30,6 +30,7 @@ void AttrLogReader::leave() {
     isAwaiting_ = false;
     FlowConnection::clear();
     std::vector<EntityId>().swap(gone_);
+    std::vector<EntityId>().swap(goneFirst_);
 }
 
 void AttrLogReader::closed(String const& reason) {
@@ -52,7 +53,8 @@ void AttrLogReader::handleMessage(MessageKind kind, In& body) {
     EntityId const id = nextCompact(body);
     AttributeId const attribute = nextCompact(body);
     Entity::VelNboAttrLogSa* const adapter = source_->adapter(id);
-    if (!adapter) return;  // gone, and the reader has not heard of it yet
+    if (!adapter)
+        return;  // gone, and the reader has not heard of it yet; or of another view, which it knows nothing of
     AttrLogSource::Write const write(*source_, mayWrite_);
     In items({body.data(), body.left()});
     adapter->writeFromRemote(attribute, items);
@@ -81,7 +83,7 @@ void AttrLogReader::hello(In& body) {
     if (String const why = admission_ ? admission_() : String(); !why.empty()) return refuse(why);
     bool const wanted = wantsOutput();
     source_ = source;
-    demuxerIs(*source);
+    viewIs(*source);
     mayWrite_ = mayWrite_ && wantsToWrite && source->options().mayWrite;
     controlOut().begin(MessageKind::welcome, 3) << streamVersion << mayWrite_;
     controlOut().commit();
@@ -169,7 +171,7 @@ void AttrLogReader::outputCatchingUp(std::size_t limit) {
         catchUp();
     } catch (Refusal const& refusal) {
         refuse(refusal.text);
-        if (source_->idsAreOut()) source_->startOver();
+        if (source_->demuxer().idsAreOut()) source_->demuxer().startOver();
     }
     if (source_ && !isLive_ && !StreamPeer::wantsOutput()) wake();  // there was nothing to say of so many
 }
@@ -206,19 +208,23 @@ void AttrLogReader::outputTaken(std::size_t count) {
 void AttrLogReader::catchUp() {
     while (isOkToSerialize()) {
         if (!isAnnounced(*source_->adapter(source_->root()))) announce(*source_->adapter(source_->root()), {});
-        // Those that have gone are told of last, but where more would wait than there are entities.
+        // Those that have gone for ever are told of last, but where more would wait than there are entities.
+        if (!goneFirst_.empty()) {
+            sendGone(goneFirst_);
+            continue;
+        }
         if (gone_.size() > source_->entities() + 64) {
-            sendGone();
+            sendGone(gone_);
             continue;
         }
         continueFlowOut();
         if (hasWaiting()) continue;
         // What is in the view and can't be reached just now may be reached again.
-        U32 const slot = source_->slots().firstNotIn(announced());
+        U32 const slot = source_->members().firstNotIn(announced());
         if (slot != NboAttrLog::SlotSet::none) {
-            announce(*source_->adapterAt(slot), {});
+            announce(*source_->demuxer().adapterAt(slot), {});
         } else if (!gone_.empty()) {
-            sendGone();
+            sendGone(gone_);
         } else {
             tellTypes();
             out_.begin(MessageKind::synced, 0);
@@ -231,11 +237,11 @@ void AttrLogReader::catchUp() {
     }
 }
 
-void AttrLogReader::sendGone() {
-    out_.begin(MessageKind::gone, compactSize(gone_.back())) << Compact{gone_.back()};
+void AttrLogReader::sendGone(std::vector<EntityId>& gone) {
+    out_.begin(MessageKind::gone, compactSize(gone.back())) << Compact{gone.back()};
     out_.commit();
-    gone_.pop_back();
-    if (gone_.empty()) std::vector<EntityId>().swap(gone_);
+    gone.pop_back();
+    if (gone.empty()) std::vector<EntityId>().swap(gone);
 }
 
 // What is on its way goes on from the reader's own output, which takes over.
@@ -264,35 +270,44 @@ void AttrLogReader::finishLogMessage() {
 void AttrLogReader::toldToCatchUp() {
     ++timesBehind_;
     finishLogMessage();
-    knowledgeIs(*source_->live());
+    knowledgeIs(source_->live());
     isLive_ = false;
-    std::unordered_set<EntityId> announced;
-    auto const eachUnread = [&](auto f) {
-        source_->log().scan(
-            position_, [](std::span<U8 const>) {}, f);
-    };
-    eachUnread([&](std::span<U8 const> message) {
-        if (static_cast<MessageKind>(message[0]) != MessageKind::announce) return;
-        In in(message.subspan(1));
-        EntityId const id = nextCompact(in);
-        announced.insert(id);
-        if (auto* const adapter = source_->adapter(id)) unannounce(*adapter);
-    });
-    eachUnread([&](std::span<U8 const> message) { flagMessage(message, announced); });
+    knowNothingUnread();
+    eachUnread([this](std::span<U8 const> message) { flagMessage(message); });
     source_->leaveLive(*this, true);
     if (std::exchange(isAwaiting_, false)) wake();
 }
 
+template <class F> void AttrLogReader::eachUnread(F f) const {
+    source_->log().scan(
+        position_, [](std::span<U8 const>) {}, f);
+}
+
+// The reader does not know what was announced, and does know what has gone. An entity may have gone and come back, or come
+// and gone and come back: what happened to it first says whether the reader knows it from before.
+void AttrLogReader::knowNothingUnread() {
+    std::unordered_set<EntityId> seen;
+    eachUnread([&](std::span<U8 const> message) {
+        auto const kind = static_cast<MessageKind>(message[0]);
+        if (kind != MessageKind::announce && kind != MessageKind::gone) return;
+        In in(message.subspan(1));
+        EntityId const id = nextCompact(in);
+        bool const isFirst = seen.insert(id).second;
+        if (kind == MessageKind::gone) {
+            if (isFirst) entityHasGone(id, source_->demuxer().adapter(id) != nullptr);
+        } else if (auto* const adapter = source_->adapter(id)) {
+            unannounce(*adapter);
+        }
+    });
+}
+
 // Flags what a message says that the reader has not read.
-void AttrLogReader::flagMessage(std::span<U8 const> message, std::unordered_set<EntityId> const& announced) {
+void AttrLogReader::flagMessage(std::span<U8 const> message) {
     In in(message.subspan(1));
     auto const kind = static_cast<MessageKind>(message[0]);
     U32 id = nextCompact(in);
     if (kind == MessageKind::type) return typeIsTold(id, false);
-    if (kind == MessageKind::gone) {
-        if (!announced.contains(id)) goneIs(id);
-        return;
-    }
+    if (kind == MessageKind::gone) return;
     if (kind == MessageKind::announce) {
         nextCompact(in);
         id = nextCompact(in);  // the one whose collection it came with
@@ -303,7 +318,7 @@ void AttrLogReader::flagMessage(std::span<U8 const> message, std::unordered_set<
     if (!attribute) return;
     if (!attribute->isCollection()) {
         if (kind != MessageKind::announce)
-            source_->changeCounted(!adapter->flowOutOnAttributeForConnection(*this, *attribute));
+            source_->demuxer().changeCounted(!adapter->flowOutOnAttributeForConnection(*this, *attribute));
         return;
     }
     U8 const* const key = in.data();
@@ -312,7 +327,7 @@ void AttrLogReader::flagMessage(std::span<U8 const> message, std::unordered_set<
     // What moved into the collection is not there yet, also where the collection is new and will be sent as a whole.
     if (kind == MessageKind::keySet && attribute->kind == StreamKind::instances)
         if (auto* const member = source_->adapter(nextCompact(in))) notInstantiated(*member);
-    source_->changeCounted(
+    source_->demuxer().changeCounted(
         !adapter->flowOutOnAttributeForConnection(*this, *attribute, view, kind != MessageKind::keyDel, nullptr));
 }
 

@@ -36,7 +36,7 @@ public:
     void leaveSource(String const& reason);  // closing, with this error
     void refuseLater(String text);           // at the next output
     bool accepts(VelType type, String& reason) const;
-    void goneIs(EntityId id) { gone_.push_back(id); }
+    void entityHasGone(EntityId id, bool mayReturn) override { (mayReturn ? goneFirst_ : gone_).push_back(id); }
     void wakeUp() { wake(); }
 
     // What one output() does at most while the reader catches up, in messages and in entities that are done with, so
@@ -53,17 +53,20 @@ private:
     void outputCatchingUp(std::size_t limit);
     std::span<U8 const> outputOfLog(std::size_t limit);
     void catchUp();
-    void sendGone();
+    void sendGone(std::vector<EntityId>& gone);
     void finishLogMessage();
     void ownOutstanding();
     void leave();
-    void flagMessage(std::span<U8 const> message, std::unordered_set<EntityId> const& announced);
+    template <class F> void eachUnread(F f) const;  // f(message) for each whole one of the log
+    void knowNothingUnread();
+    void flagMessage(std::span<U8 const> message);
 
     Finder finder_;
     Admission admission_;
     AttrLogSource* source_ = nullptr;
     std::unordered_map<std::string, U64, TableHasher> modules_;  // the reader's, with fingerprints
     std::vector<EntityId> gone_;                                 // to be told when all else is sent
+    std::vector<EntityId> goneFirst_;                            // to be told at once, since they may come back
     std::shared_ptr<NboAttrLog::Out const> kept_;                // the chunk that the last output stands in
     NboAttrLog::AttrLog::Position position_;
     String refusal_;

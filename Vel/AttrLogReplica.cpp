@@ -163,6 +163,7 @@ void AttrLogReplica::closed(String const& reason) {
 // Nothing is known of the source any more.
 void AttrLogReplica::disconnected() {
     mayWrite_ = false;
+    rootId_ = 0;
     unmentioned_.clear();
     blockedMembers_.clear();
     blocked_.clear();
@@ -319,9 +320,9 @@ void AttrLogReplica::announce(In& body) {
     }
     needRoom(ReplicaSize::ofNew(type, name.length()) + ReplicaSize::keyCost + place.key.size());
     bool isNew = false;
-    if (id == rootId) {
-        if (place.attribute) throw StreamException("the root is below another entity", 0);
+    if (rootId_ == 0) {  // what is announced first is in no place, since no entity is known
         bind(id, rootOf(type, isNew), isNew);
+        rootId_ = id;
     } else {
         if (!table.isCreatable) throw StreamException(format("%s can't be created", type.name()), 0);
         bind(id, announced(type, place, name, isNew), isNew);
@@ -701,7 +702,7 @@ void AttrLogReplica::valueDel(Place const& place) {
 void AttrLogReplica::gone(In& body) {
     EntityId const id = nextCompact(body);
     needEnd(body);
-    if (id == rootId) throw StreamException("the root can't go", 0);
+    if (id == rootId_) throw StreamException("the root can't go", 0);
     blockedDel(id);
     for (auto at = blocked_.lower_bound(std::tuple(id, AttributeId(0), std::string_view()));
          at != blocked_.end() && std::get<0>(at->first) == id;)

@@ -142,6 +142,7 @@ private:
     bool mayWrite_ = false;
 
     // Of this connection:
+    EntityId rootId_ = 0;  // 0: nothing has been announced
     std::map<U32, VelType> types_;
     std::unordered_map<EntityId, Known, TableHasher> known_;  // the source chooses the ids
     std::unordered_map<Entity const*, EntityId> ids_;

@@ -19,7 +19,9 @@ std::size_t chunkSizeOf(AttrLogSource::Options const& options) {
 }  // namespace
 
 AttrLogSource::AttrLogSource(Ptr<Entity> root, Options const& options)
-    : StreamDemuxer(std::move(root)), options_(options), log_(chunkSizeOf(options)), live_(*this) {}
+    : AttrLogSource(std::make_shared<StreamDemuxer>(), std::move(root), options) {}
+AttrLogSource::AttrLogSource(std::shared_ptr<StreamDemuxer> demuxer, Ptr<Entity> root, Options const& options)
+    : StreamView(std::move(demuxer), std::move(root)), options_(options), log_(chunkSizeOf(options)), live_(*this) {}
 
 AttrLogSource::~AttrLogSource() {
     for (AttrLogReader* const reader : std::vector(readers_)) reader->leaveSource("what was served is gone");
@@ -29,52 +31,43 @@ std::unique_ptr<StreamPeer> AttrLogSource::newReader(bool mayWrite) {
     return std::make_unique<AttrLogReader>([this](String const&) { return this; }, options_.limits, mayWrite);
 }
 
-void AttrLogSource::multicastIs(std::function<bool(Entity& entity, AttributeId id)> deliver) {
-    multicast_ = std::move(deliver);
-    newAdapterFlags_ = multicast_ ? Adapter::multicastBit : 0;
-}
-
-bool AttrLogSource::multicast(Adapter& adapter, AttributeId id) {
-    return multicast_ && multicast_(adapter.entity(), id);
-}
-
 // --- readers ---
 
 void AttrLogSource::attach(AttrLogReader& reader) {
     adapterIs(root());
     readers_.push_back(&reader);
-    catchingUpIs(reader, true);
-    if (idsAreOut()) startOver();
+    demuxer().catchingUpIs(reader, true);
+    if (demuxer().idsAreOut()) demuxer().startOver();
 }
 
 void AttrLogSource::detach(AttrLogReader& reader) {
     if (reader.isLive()) leaveLive(reader, false);
-    catchingUpIs(reader, false);
+    demuxer().catchingUpIs(reader, false);
     std::erase(readers_, &reader);
     std::erase(awaiting_, &reader);
 }
 
-void AttrLogSource::startOver() {
+void AttrLogSource::clear() {
     for (AttrLogReader* const reader : std::vector(readers_)) reader->leaveSource(FlowConnection::idsAreOut);
-    StreamDemuxer::startOver();
+    StreamView::clear();
 }
 
 // The reader has been told of everything. Whoever reads the log has, too: the first one brings what is known of them.
 void AttrLogSource::goLive(AttrLogReader& reader) {
     if (liveReaders_++ == 0) {
         live_.knowledgeIs(reader);
-        liveIs(&live_);
+        demuxer().liveIs(live_, true);
         lastChunk_ = log_.head().chunk;
     }
-    catchingUpIs(reader, false);
+    demuxer().catchingUpIs(reader, false);
     static_cast<FlowConnection&>(reader).clear();
 }
 
 void AttrLogSource::leaveLive(AttrLogReader& reader, bool catchesUp) {
     std::erase(awaiting_, &reader);
-    if (catchesUp) catchingUpIs(reader, true);
+    if (catchesUp) demuxer().catchingUpIs(reader, true);
     if (--liveReaders_ != 0) return;
-    liveIs(nullptr);
+    demuxer().liveIs(live_, false);
     live_.clear();
     log_.drop(log_.head());
 }
@@ -88,14 +81,21 @@ void AttrLogSource::Live::typeIsNeeded(VelType type) {
     }
 }
 
-void AttrLogSource::liveIsWritten() {
+void AttrLogSource::Live::entityHasGone(EntityId id, bool) {
+    source_.log_.begin(MessageKind::gone, NboAttrLog::compactSize(id)) << NboAttrLog::Compact{id};
+    source_.log_.commit();
+}
+
+void AttrLogSource::changesAreWritten() {
+    if (log_.messages() == lastMessages_ && !live_.hasWaiting()) return;
     try {
-        while (live() && live_.hasWaiting()) {
+        while (liveReaders_ != 0 && live_.hasWaiting()) {
             live_.continueFlowOut();
             trimLog();
         }
     } catch (FlowConnection::Refusal const&) {}  // no ids are left; of readers each is refused by itself
-    if (idsAreOut()) return startOver();
+    if (demuxer().idsAreOut()) return demuxer().startOver();
+    lastMessages_ = log_.messages();
     if (log_.head().chunk != lastChunk_) trimLog();
     if (awaiting_.empty()) return;
     waking_.clear();
@@ -103,15 +103,6 @@ void AttrLogSource::liveIsWritten() {
     for (AttrLogReader* const reader : waking_) {
         reader->isAwaiting_ = false;
         reader->wakeUp();
-    }
-}
-
-void AttrLogSource::entityHasGone(EntityId id, FlowConnection& connection) {
-    if (&connection == &live_) {
-        log_.begin(MessageKind::gone, NboAttrLog::compactSize(id)) << NboAttrLog::Compact{id};
-        log_.commit();
-    } else {
-        static_cast<AttrLogReader&>(connection).goneIs(id);
     }
 }
 
@@ -124,7 +115,7 @@ std::size_t AttrLogSource::backlog() const {
 
 // Drops what every reader has read. A reader that holds more back than may be has to catch up instead.
 void AttrLogSource::trimLog() {
-    if (!live()) return;
+    if (liveReaders_ == 0) return;
     lastChunk_ = log_.head().chunk;
     auto const slowest = [&] {
         AttrLogReader* found = nullptr;
@@ -175,7 +166,6 @@ void AttrLogServer::checkPathsBut(std::optional<std::string_view> wanted) {
         if (source->isBeingWritten() || (isWanted && entityAt(path).get() == &source->root())) {
             ++at;
         } else {
-            coalescedBefore_ += source->coalesced();
             gone.push_back(std::move(source));
             at = sources_.erase(at);
         }
@@ -188,19 +178,13 @@ AttrLogSource* AttrLogServer::source(String const& path) {
     if (auto const found = sources_.find(plain); found != sources_.end()) return found->second.get();
     Ptr<Entity> const entity = entityAt(plain);
     if (!entity) return nullptr;
-    return sources_.emplace(plain, std::make_unique<AttrLogSource>(entity, options_)).first->second.get();
+    return sources_.emplace(plain, std::make_unique<AttrLogSource>(demuxer_, entity, options_)).first->second.get();
 }
 
 std::size_t AttrLogServer::backlog() const {
     std::size_t most = 0;
     for (auto const& [path, source] : sources_) most = std::max(most, source->backlog());
     return most;
-}
-
-U64 AttrLogServer::coalesced() const {
-    U64 sum = coalescedBefore_;
-    for (auto const& [path, source] : sources_) sum += source->coalesced();
-    return sum;
 }
 
 std::unique_ptr<StreamPeer> AttrLogServer::newReader(bool mayWrite, std::function<String()> admission) {

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "Vel/AttrLog.h"
-#include "Vel/StreamDemuxer.h"
 #include "Vel/StreamPeer.h"
+#include "Vel/StreamView.h"
 
 #include <functional>
 #include <map>
@@ -19,9 +19,10 @@ class AttrLogReader;
 //
 // A change is encoded once, as one message of a log that all readers share which have caught up. A reader that has not,
 // or falls behind by more than the log holds, costs a flag for each attribute or key that has changed since, however
-// often: what is sent then is the value at that time.
+// often: what is sent then is the value at that time. Sources may share a demuxer: then what they have in common is
+// observed once, and where their messages are the same they are encoded once, too.
 // Threads: one at a time, the one that uses the entities.
-class VEL_API AttrLogSource : public StreamDemuxer {
+class VEL_API AttrLogSource : public StreamView {
 public:
     struct Options {
         std::size_t logSize = 1u << 20;  // bytes that a reader may fall behind
@@ -34,6 +35,7 @@ public:
 
     explicit AttrLogSource(Ptr<Entity> root) : AttrLogSource(std::move(root), Options()) {}
     AttrLogSource(Ptr<Entity> root, Options const& options);
+    AttrLogSource(std::shared_ptr<StreamDemuxer> demuxer, Ptr<Entity> root, Options const& options);
     ~AttrLogSource() override;  // readers that are left are closing then
 
     // Another reader's side of a connection. It serves the root, whatever path the reader asks for, and lets it change
@@ -46,9 +48,10 @@ public:
     Options const& options() const { return options_; }
 
     NboAttrLog::AttrLog const& log() const { return log_; }
-    // Somebody who delivers changes of values to many readers at once, and says whether that was all of them.
-    // REQUIRES: no reader has been there yet.
-    void multicastIs(std::function<bool(Entity& entity, AttributeId id)> deliver);
+    U64 coalesced() const { return demuxer().coalesced(); }  // changes that needed no flag of their own
+    // See StreamDemuxer. REQUIRES: no reader has been there yet.
+    void multicastIs(StreamDemuxer::Multicast deliver) { demuxer().multicastIs(std::move(deliver)); }
+    void lastIdIs(EntityId id) { demuxer().lastIdIs(id); }
 
     // --- for readers ---
 
@@ -57,7 +60,8 @@ public:
     void goLive(AttrLogReader& reader);
     void leaveLive(AttrLogReader& reader, bool catchesUp);
     void awaits(AttrLogReader& reader);  // wants to be woken at the next change
-    void startOver() override;           // ids have run out: all readers are closing, and come back to new ones
+    NboAttrLog::FlowConnection const& live() const { return live_; }
+    void clear() override;  // all readers are closing
     class Write;
 
 private:
@@ -67,14 +71,14 @@ private:
         NboAttrLog::OutSm& nboAttrLogOut() override { return source_.log_; }
         bool isOkToSerialize() const override { return true; }
         void typeIsNeeded(VelType type) override;
+        void entityHasGone(EntityId id, bool mayReturn) override;
+        void changesAreWritten() override { source_.changesAreWritten(); }
 
     private:
         AttrLogSource& source_;
     };
 
-    void liveIsWritten() override;
-    void entityHasGone(EntityId id, NboAttrLog::FlowConnection& connection) override;
-    bool multicast(Adapter& adapter, AttributeId id) override;
+    void changesAreWritten();
     void trimLog();
 
     Options options_;
@@ -86,20 +90,20 @@ private:
     std::size_t liveReaders_ = 0;
     unsigned writes_ = 0;  // under way: an observer may run the transport, which looks after other readers
     U64 lastChunk_ = 0;
-    std::function<bool(Entity&, AttributeId)> multicast_;
+    U64 lastMessages_ = 0;  // of the log, when they were last looked after
 };
 
 // Lets a reader's change through, or not, while it is applied.
 class AttrLogSource::Write {
 public:
-    Write(AttrLogSource& source, bool allowed) : source_(source), allowedBefore_(source.remoteMayWrite()) {
+    Write(AttrLogSource& source, bool allowed) : source_(source), allowedBefore_(source.demuxer().remoteMayWrite()) {
         ++source_.writes_;
-        source_.remoteMayWriteIs(allowed);
+        source_.demuxer().remoteMayWriteIs(allowed);
     }
     Write(Write const&) = delete;
     Write& operator=(Write const&) = delete;
     ~Write() {
-        source_.remoteMayWriteIs(allowedBefore_);
+        source_.demuxer().remoteMayWriteIs(allowedBefore_);
         --source_.writes_;
     }
 
@@ -108,7 +112,8 @@ private:
     bool const allowedBefore_;
 };
 
-// Serves what is below an entity: each reader gets what is at the path that it asks for, when it says hello.
+// Serves what is below an entity: each reader gets what is at the path that it asks for, when it says hello. What is at
+// several of these paths is observed once, and its changes of values are encoded once.
 //
 // Nothing tells when the entity at a path is replaced or taken out; its readers would go on with it for ever. So whoever
 // runs the transport calls checkPaths() now and then, once a second for instance: readers of what is not at its path any
@@ -128,8 +133,8 @@ public:
     // readers; one that a reader is writing to only at a later check. Looks up one path for each source.
     void checkPaths() { checkPathsBut(std::nullopt); }
     std::size_t sources() const { return sources_.size(); }
-    std::size_t backlog() const;  // the largest of its sources'
-    U64 coalesced() const;        // by all sources that it has had
+    std::size_t backlog() const;                             // the largest of its sources'
+    U64 coalesced() const { return demuxer_->coalesced(); }  // by all sources that it has had
 
 private:
     Ptr<Entity> entityAt(std::string const& path) const;
@@ -137,8 +142,8 @@ private:
 
     Ptr<Entity> root_;
     AttrLogSource::Options options_;
+    std::shared_ptr<StreamDemuxer> demuxer_ = std::make_shared<StreamDemuxer>();
     std::map<std::string, std::unique_ptr<AttrLogSource>> sources_;  // by path, without needless separators
-    U64 coalescedBefore_ = 0;                                        // by sources that are gone
 };
 
 }  // namespace Vel

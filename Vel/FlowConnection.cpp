@@ -1,9 +1,8 @@
 #include "Vel/FlowConnection.h"
 
-#include "Vel/StreamDemuxer.h"
+#include "Vel/StreamView.h"
 
 #include <algorithm>
-#include <bit>
 
 namespace Vel::NboAttrLog {
 
@@ -26,14 +25,6 @@ void putPlace(Out& out, Adapter const& adapter, StreamAttribute const& attribute
 
 }  // namespace
 
-U32 SlotSet::firstNotIn(SlotSet const& other) const {
-    for (std::size_t i = 0; i < words_.size(); ++i) {
-        U64 const left = words_[i] & ~(i < other.words_.size() ? other.words_[i] : 0);
-        if (left) return static_cast<U32>(i * 64 + static_cast<unsigned>(std::countr_zero(left)));
-    }
-    return none;
-}
-
 FlowConnection::~FlowConnection() = default;
 
 // --- flows ---
@@ -52,20 +43,27 @@ FlowOut& FlowConnection::flowIs(Adapter const& adapter, AttributeId from) {
     return *flow;
 }
 
-// Those that have gone are looked for when they may be half of all: where the one in front is never done, since it
-// changes faster than it is sent, they would grow more and more.
+// Those that have gone, or stand there twice since they came back, are looked for when they may be half of all: where the
+// one in front is never done, since it changes faster than it is sent, they would grow more and more.
 void FlowConnection::wait(Adapter const& adapter) {
-    if (waiting_.size() > 64 && waiting_.size() > 2 * demuxer_->entities())
-        std::erase_if(waiting_, [this](EntityId id) { return !demuxer_->adapter(id); });
+    if (waiting_.size() > 64 && waiting_.size() > 2 * view_->entities()) {
+        SlotSet seen;
+        std::erase_if(waiting_, [&](EntityId id) {
+            Adapter const* const other = view_->adapter(id);
+            if (!other || !isWaiting(*other) || seen.has(other->slot())) return true;
+            seen.add(other->slot());
+            return false;
+        });
+    }
     waiting_.push_back(adapter.id());
 }
 
 void FlowConnection::continueFlowOut() {
     while (!waiting_.empty() && isOkToSerialize()) {
-        Adapter* const adapter = demuxer_->adapter(waiting_.front());
+        Adapter* const adapter = view_->adapter(waiting_.front());
         FlowOut* flow = adapter ? this->flow(*adapter) : nullptr;
         if (!flow && adapter && isNotBegun(*adapter)) flow = &flowIs(*adapter, FlowOut::fromStart);
-        if (!flow) {  // gone meanwhile
+        if (!flow) {  // gone meanwhile, or come back and sent
             waiting_.pop_front();
             continue;
         }
@@ -85,8 +83,8 @@ void FlowConnection::continueFlowOut() {
 // --- entities ---
 
 Adapter* FlowConnection::adapterOf(Entity& entity) {
-    Adapter* const adapter = demuxer_->adapterIs(entity);
-    if (demuxer_->idsAreOut()) throw Refusal{idsAreOut};
+    Adapter* const adapter = view_->adapterIs(entity);
+    if (view_->demuxer().idsAreOut()) throw Refusal{idsAreOut};
     return adapter;
 }
 
@@ -101,7 +99,7 @@ EntityId FlowConnection::idOf(Entity* entity, Via const& via) {
 // The collection that makes the entity, if its owner has been announced; else where it is referred to.
 FlowConnection::Via FlowConnection::ownerOf(Entity& entity, Via const& via) {
     Entity* const parent = entity.parent();
-    Adapter* const owner = parent ? demuxer_->adapter(*parent) : nullptr;
+    Adapter* const owner = parent ? view_->demuxer().adapter(*parent) : nullptr;
     if (!owner || !isAnnounced(*owner)) return via;
     for (StreamAttribute const& attribute : owner->table().attributes) {
         if (attribute.kind != StreamKind::instances || !attribute.keyIsName) continue;
@@ -115,7 +113,7 @@ FlowConnection::Via FlowConnection::ownerOf(Entity& entity, Via const& via) {
 
 void FlowConnection::announce(Adapter& adapter, Via const& via) {
     VelType const type = adapter.entity().fwkType();
-    U32 const index = demuxer_->typeIndex(type);
+    U32 const index = view_->typeIndex(type);
     tellType(index);
     bool const instantiated = via.attribute && via.attribute->kind == StreamKind::instances;
     bool const tellsName = adapter.table().takesName && !(instantiated && type == via.attribute->type());
@@ -151,8 +149,9 @@ bool FlowConnection::isInstantiatedBy(Adapter const& member, Adapter const& owne
 // What another connection was told of an earlier owner says nothing of this one.
 void FlowConnection::instantiatedIs(Adapter& member, Adapter const& owner) {
     if (member.owner() != owner.id()) {
-        for (FlowConnection* const other : demuxer_->catchingUp()) other->notInstantiated(member);
-        if (FlowConnection* const live = demuxer_->live()) live->notInstantiated(member);
+        StreamDemuxer const& demuxer = view_->demuxer();
+        for (auto const* const connections : {&demuxer.catchingUp(), &demuxer.live()})
+            for (FlowConnection* const other : *connections) other->notInstantiated(member);
         member.ownerIs(owner.id());
     }
     instantiated_.add(member.slot());
@@ -162,7 +161,7 @@ void FlowConnection::sendKey(Adapter& adapter, StreamAttribute const& attribute,
     In in(bytesOf(key));
     if (attribute.kind == StreamKind::values) {
         if (attribute.holds(adapter.entity(), in))
-            attribute.serializeKey(adapter, attribute.id, adapter.entity(), bytesOf(key), demuxer_->flowing() == this);
+            attribute.serializeKey(adapter, attribute.id, adapter.entity(), bytesOf(key), true);
         else if (!isNew)
             sendKeyDel(adapter, attribute, key);
         return;
@@ -190,9 +189,13 @@ void FlowConnection::sendKey(Adapter& adapter, StreamAttribute const& attribute,
 }
 
 void FlowConnection::sendKeyDel(Adapter& adapter, StreamAttribute const& attribute, std::string_view key) {
-    Out& out = nboAttrLogOut().begin(MessageKind::keyDel, placeSize(adapter, attribute) + key.size());
-    putPlace(out, adapter, attribute, key);
-    Impl::outSmCommitMessage(nboAttrLogOut());
+    writeKeyDel(nboAttrLogOut(), adapter, attribute, key);
+}
+
+void FlowConnection::writeKeyDel(
+    OutSm& sm, Adapter const& adapter, StreamAttribute const& attribute, std::string_view key) {
+    putPlace(sm.begin(MessageKind::keyDel, placeSize(adapter, attribute) + key.size()), adapter, attribute, key);
+    Impl::outSmCommitMessage(sm);
 }
 
 void FlowConnection::sendPlace(MessageKind kind, Adapter& adapter, StreamAttribute const& attribute) {
@@ -209,9 +212,11 @@ void FlowConnection::sendKeysEnd(Adapter& adapter, StreamAttribute const& attrib
     sendPlace(MessageKind::keysEnd, adapter, attribute);
 }
 
-void FlowConnection::forget(Adapter const& adapter) {
+void FlowConnection::forget(Adapter const& adapter, bool mayReturn) {
+    bool const told = isAnnounced(adapter);
     unannounce(adapter);
     flows_.erase(adapter.slot());
+    if (told) entityHasGone(adapter.id(), mayReturn);
 }
 
 void FlowConnection::unannounce(Adapter const& adapter) {
@@ -229,7 +234,7 @@ void FlowConnection::typeIsTold(U32 index, bool told) {
 
 void FlowConnection::tellType(U32 index) {
     if (index < typesTold_.size() && typesTold_[index]) return;
-    VelType const type = demuxer_->types()[index];
+    VelType const type = view_->demuxer().types()[index];
     typeIsNeeded(type);
     String const name = type.name();
     String const module = type.moduleName();
@@ -240,7 +245,8 @@ void FlowConnection::tellType(U32 index) {
 }
 
 void FlowConnection::tellTypes() {
-    for (U32 index = 0; index < demuxer_->types().size(); ++index) tellType(index);
+    for (U32 index = 0; index < view_->demuxer().types().size(); ++index)
+        if (view_->usesType(index)) tellType(index);
 }
 
 void FlowConnection::knowledgeIs(FlowConnection const& other) {

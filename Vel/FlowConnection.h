@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Vel/FlowOut.h"
+#include "Vel/SlotSet.h"
 #include "Vel/StreamAdapter.h"
 
 #include <deque>
@@ -9,33 +10,17 @@
 #include <unordered_map>
 #include <vector>
 
+namespace Vel {
+class StreamView;
+}
+
 namespace Vel::NboAttrLog {
 
-// One flag for each slot of a view.
-class SlotSet {
-public:
-    bool has(U32 slot) const { return slot / 64 < words_.size() && (words_[slot / 64] >> slot % 64 & 1); }
-    void add(U32 slot) {
-        if (slot / 64 >= words_.size()) words_.resize(slot / 64 + 1);
-        words_[slot / 64] |= U64(1) << slot % 64;
-    }
-    void del(U32 slot) {
-        if (slot / 64 < words_.size()) words_[slot / 64] &= ~(U64(1) << slot % 64);
-    }
-    // The first slot that this set has and `other` has not; `none` if there is none.
-    static constexpr U32 none = ~U32(0);
-    U32 firstNotIn(SlotSet const& other) const;
-    void clear() { std::vector<U64>().swap(words_); }  // and gives its memory back
-
-private:
-    std::vector<U64> words_;
-};
-
-// What is known of those who read one output: which entities and types they have been told of, and what they still have
-// to be sent. Of a reader that catches up this is its own; all that read the log share one.
+// What is known of those who read one output of a view: which entities and types they have been told of, and what they
+// still have to be sent. Of a reader that catches up this is its own; all that read the log share one.
 class VEL_API FlowConnection {
 public:
-    explicit FlowConnection(StreamDemuxer* demuxer) : demuxer_(demuxer) {}
+    explicit FlowConnection(StreamView* view) : view_(view) {}
     FlowConnection(FlowConnection const&) = delete;
     FlowConnection& operator=(FlowConnection const&) = delete;
     virtual ~FlowConnection();
@@ -43,6 +28,10 @@ public:
     virtual OutSm& nboAttrLogOut() = 0;
     virtual bool isOkToSerialize() const = 0;  // the output can take another message
     virtual void typeIsNeeded(VelType) {}      // about to be told of this type; may throw Refusal
+    // The entity, which the connection was told of, has left the view. `mayReturn`: it is in another one, and so may come
+    // back under its id.
+    virtual void entityHasGone(EntityId, bool /*mayReturn*/) {}
+    virtual void changesAreWritten() {}  // to the output, perhaps, while the connection is a live one
     struct Refusal {
         String text;
     };
@@ -59,9 +48,10 @@ public:
     void announce(Adapter& adapter, Via const& via);
 
     // Sends what the collection holds at the key. `isNew`: the key comes from a bookmark, its member may have brought
-    // it along when it was announced.
+    // it along when it was announced. REQUIRES: of a collection of values, that this connection is being flowed out to.
     void sendKey(Adapter& adapter, StreamAttribute const& attribute, std::string_view key, bool isNew);
     void sendKeyDel(Adapter& adapter, StreamAttribute const& attribute, std::string_view key);
+    static void writeKeyDel(OutSm& sm, Adapter const& adapter, StreamAttribute const& attribute, std::string_view key);
     // All keys of the collection come between the two; what did not come by then is not there.
     void sendKeysAgain(Adapter& adapter, StreamAttribute const& attribute);
     void sendKeysEnd(Adapter& adapter, StreamAttribute const& attribute);
@@ -76,7 +66,7 @@ public:
     FlowOut* flow(Adapter const& adapter) const;  // null: nothing to send, or not begun
     FlowOut& flowIs(Adapter const& adapter, AttributeId from);
     std::size_t flows() const { return flows_.size(); }
-    void forget(Adapter const& adapter);  // the entity has left the view
+    void forget(Adapter const& adapter, bool mayReturn);  // the entity has left the view; see entityHasGone
     void notInstantiated(Adapter const& adapter) { instantiated_.del(adapter.slot()); }
 
     // Whoever reads along has been told of everything that `other` was told of.
@@ -88,9 +78,10 @@ public:
     void unannounce(Adapter const& adapter);
     void clear();  // and gives the memory back
 
+    StreamView& view() const { return *view_; }
+
 protected:
-    StreamDemuxer& demuxer() const { return *demuxer_; }
-    void demuxerIs(StreamDemuxer& demuxer) { demuxer_ = &demuxer; }
+    void viewIs(StreamView& view) { view_ = &view; }
 
 private:
     Adapter* adapterOf(Entity& entity);  // or null; throws Refusal when there is no id left for it
@@ -101,12 +92,14 @@ private:
     void wait(Adapter const& adapter);
     void sendPlace(NboAttrLog::MessageKind kind, Adapter& adapter, StreamAttribute const& attribute);
 
-    StreamDemuxer* demuxer_;  // null until it is known
+    bool isWaiting(Adapter const& adapter) const { return isNotBegun(adapter) || flow(adapter); }
+
+    StreamView* view_;  // null until it is known
     SlotSet announced_;
     SlotSet notBegun_;      // announced, to be sent as a whole, and no member of its collections has been told of
     SlotSet instantiated_;  // announced through the collection of its owner (Adapter::owner)
     std::vector<bool> typesTold_;
-    std::deque<EntityId> waiting_;                             // each at most once: not begun, with a flow, or gone
+    std::deque<EntityId> waiting_;                             // not begun, with a flow, or gone; perhaps come back
     std::unordered_map<U32, std::unique_ptr<FlowOut>> flows_;  // by slot
     U64 flowed_ = 0;
     Out key_;  // of an owner's collection

@@ -35,6 +35,11 @@ void OutSm::commit() {
     committed(out.size() - start_);
 }
 
+void OutSm::addMessage(std::span<U8 const> message) {
+    std::memcpy(room(message.size()).append(message.size()), message.data(), message.size());
+    committed(message.size());
+}
+
 U32 nextCompact(In& in) {
     if (in.left() == 0) in.nextU8();  // throws
     switch (*in.data() >> 6) {

@@ -94,6 +94,7 @@ public:
     Out& begin(MessageKind kind, std::size_t bodySize);  // bytes, at least as many, so that the body need not be moved
     Out& out() { return *out_; }                         // of the message begun
     void commit();
+    void addMessage(std::span<U8 const> message);  // a whole one, as another output has it
 
 protected:
     virtual Out& room(std::size_t size) = 0;  // where the next message goes, with room for `size` bytes

@@ -78,15 +78,15 @@ void Sa::handleAttribute(AttributeId id) {
     if (!attribute || attribute->isCollection()) return;
     StreamDemuxer& demuxer = streamDemuxer();
     if (attribute->kind == StreamKind::pointer) {
-        if (Entity* const target = attribute->target(entity())) demuxer.adapterIs(*target);
-        demuxer.referenceDropped();
+        if (Entity* const target = attribute->target(entity())) demuxer.referredIs(*this, *target);
+        demuxer.referenceDropped(*this);
         if (demuxer.idsAreOut()) return demuxer.startOver();  // destroys this adapter
     }
     for (FlowConnection* const connection : demuxer.catchingUp())
         demuxer.changeCounted(!flowOutOnAttributeForConnection(*connection, *attribute));
-    if (demuxer.live() || (attrLogFlags() & multicastBit)) {
+    if (!demuxer.live().empty() || (attrLogFlags() & multicastBit)) {
         handleAttributeSerialization(*attribute, false);
-        demuxer.liveIsWritten();
+        demuxer.changesAreWritten();
     }
 }
 
@@ -104,10 +104,10 @@ void Sa::handleAttribute(AttributeId id, NotifieeKey const& key) {
         isThere = attribute->holds(this->entity(), in);
     } else {
         Entity* const entity = attribute->member(this->entity(), in);
-        member = entity ? demuxer.adapterIs(*entity) : nullptr;
+        member = entity ? demuxer.referredIs(*this, *entity) : nullptr;
         isThere = member != nullptr;
         if (demuxer.idsAreOut()) return demuxer.startOver();  // destroys this adapter
-        if (!isThere) demuxer.referenceDropped();
+        if (!isThere) demuxer.referenceDropped(*this);
     }
 
     std::string_view const view(reinterpret_cast<char const*>(bytes.data()), bytes.size());
@@ -115,9 +115,9 @@ void Sa::handleAttribute(AttributeId id, NotifieeKey const& key) {
         if (member && attribute->kind == StreamKind::instances) connection->notInstantiated(*member);
         demuxer.changeCounted(!flowOutOnAttributeForConnection(*connection, *attribute, view, isThere, member));
     }
-    if (demuxer.live()) {
+    if (!demuxer.live().empty()) {
         handleCollectionKeySerialization(*attribute, view, false);
-        demuxer.liveIsWritten();
+        demuxer.changesAreWritten();
     }
 }
 
@@ -148,33 +148,68 @@ bool Sa::flowOutOnAttributeForConnection(FlowConnection& connection, StreamAttri
 
 // --- writing ---
 
+namespace {
+
+OutSm* flowingSm(StreamDemuxer const& demuxer) {
+    FlowConnection* const flowing = demuxer.flowing();
+    return flowing ? &flowing->nboAttrLogOut() : nullptr;
+}
+
+Out& begin(OutSm& sm, MessageKind kind, Sa const& adapter, AttributeId id, std::size_t encodedSize) {
+    std::size_t const size = NboAttrLog::compactSize(adapter.id()) + NboAttrLog::compactSize(id) + encodedSize;
+    return sm.begin(kind, size) << NboAttrLog::Compact{adapter.id()} << NboAttrLog::Compact{id};
+}
+
+}  // namespace
+
 bool Sa::doMessageMulticast(AttributeId id) { return streamDemuxer().multicast(*this, id); }
 
 OutSm* Sa::singletonSerializeCheck(AttributeId id, bool flowingOut, bool, std::size_t encodedSize, bool isKey) {
-    FlowConnection* const connection = flowingOut ? streamDemuxer().flowing() : streamDemuxer().live();
-    if (!connection) return nullptr;
-    OutSm& sm = connection->nboAttrLogOut();
-    EntityId const self = this->id();
-    std::size_t const size = NboAttrLog::compactSize(self) + NboAttrLog::compactSize(id) + encodedSize;
-    sm.begin(isKey ? MessageKind::keySet : MessageKind::value, size)
-        << NboAttrLog::Compact{self} << NboAttrLog::Compact{id};
-    return &sm;
+    OutSm* const sm = flowingOut ? flowingSm(streamDemuxer()) : streamDemuxer().liveSm(*this);
+    if (sm) begin(*sm, isKey ? MessageKind::keySet : MessageKind::value, *this, id, encodedSize);
+    return sm;
+}
+
+// Calls f(connection) for the logs of all views that have the entity. Backwards, since entities' code, which f runs, may
+// have one of them fall behind.
+template <class F> void Sa::eachLive(F f) const {
+    auto const& live = streamDemuxer().live();
+    for (std::size_t i = live.size(); i-- > 0;)
+        if (i < live.size() && live[i]->isAnnounced(*this)) f(*live[i]);
 }
 
 void Sa::handlePtrSerialization(StreamAttribute const& attribute, Entity* target, bool flowingOut) {
-    FlowConnection* const connection = flowingOut ? streamDemuxer().flowing() : streamDemuxer().live();
-    if (!connection) return;
-    EntityId const targetId = connection->idOf(target, {this, &attribute, {}});
-    if (OutSm* const sm = singletonSerializeCheck(attribute.id, flowingOut, true, 4, false)) {
-        sm->out() << targetId;
-        NboAttrLog::Impl::outSmCommitMessage(*sm);
-    }
+    if (!flowingOut) return eachLive([&](FlowConnection& live) { sendPtr(live, attribute, target); });
+    if (FlowConnection* const connection = streamDemuxer().flowing()) sendPtr(*connection, attribute, target);
+}
+
+// By itself to each connection, which may have to be told of the target first.
+void Sa::sendPtr(FlowConnection& connection, StreamAttribute const& attribute, Entity* target) {
+    EntityId const targetId = connection.idOf(target, {this, &attribute, {}});
+    OutSm& sm = connection.nboAttrLogOut();
+    begin(sm, MessageKind::value, *this, attribute.id, 4) << targetId;
+    NboAttrLog::Impl::outSmCommitMessage(sm);
 }
 
 void Sa::handleCollectionKeySerialization(StreamAttribute const& attribute, std::string_view key, bool flowingOut) {
     Active const active(entity());
-    FlowConnection* const connection = flowingOut ? streamDemuxer().flowing() : streamDemuxer().live();
-    if (connection) connection->sendKey(*this, attribute, key, false);
+    if (flowingOut) {
+        if (FlowConnection* const connection = streamDemuxer().flowing())
+            connection->sendKey(*this, attribute, key, false);
+    } else if (attribute.kind == StreamKind::values) {
+        shareKey(attribute, key);
+    } else {
+        eachLive([&](FlowConnection& live) { live.sendKey(*this, attribute, key, false); });
+    }
+}
+
+void Sa::shareKey(StreamAttribute const& attribute, std::string_view key) {
+    std::span<U8 const> const bytes(reinterpret_cast<U8 const*>(key.data()), key.size());
+    In in(bytes);
+    if (attribute.holds(entity(), in))
+        attribute.serializeKey(*this, attribute.id, entity(), bytes, false);
+    else if (OutSm* const sm = streamDemuxer().liveSm(*this))
+        FlowConnection::writeKeyDel(*sm, *this, attribute, key);
 }
 
 void Sa::handleAttributeSerialization(StreamAttribute const& attribute, bool flowingOut) {

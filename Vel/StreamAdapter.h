@@ -51,8 +51,8 @@ private:
     EntityId owner_ = 0;
 };
 
-// Writes the attributes of one entity of a source: one that has changed to the log that readers share, or those that are
-// flagged to the reader that is being flowed out to.
+// Writes the attributes of one entity: one that has changed to the logs of all views that have the entity, or those that
+// are flagged to the reader that is being flowed out to.
 class VEL_API Entity::VelNboAttrLogSa : public StreamAdapter, public NboAttrLog::SerializeSink {
 public:
     VelNboAttrLogSa(StreamDemuxer& demuxer, Entity& entity, EntityId id, U32 slot);
@@ -88,6 +88,9 @@ public:
     [[noreturn]] void throwWriteUpdateFromReadOnlyProxyException() const;
 
 private:
+    void sendPtr(NboAttrLog::FlowConnection& connection, StreamAttribute const& attribute, Entity* target);
+    void shareKey(StreamAttribute const& attribute, std::string_view key);
+    template <class F> void eachLive(F f) const;
     AttributeId flowOutCollection(
         NboAttrLog::FlowConnection& connection, NboAttrLog::FlowOut& flow, StreamAttribute const& attribute);
     bool flowOutAllKeys(

@@ -1,33 +1,15 @@
 #include "Vel/StreamDemuxer.h"
 
+#include "Vel/StreamView.h"
+
 #include <algorithm>
-#include <unordered_set>
 
 namespace Vel {
 
 using NboAttrLog::FlowConnection;
 using NboAttrLog::FlowOut;
-using NboAttrLog::SlotSet;
 
-namespace {
-
-// Calls f(Entity&) for everything that the entity refers to by what is streamed.
-template <class F> void visitReferences(Entity const& entity, F f) {
-    for (StreamAttribute const& attribute : entity.fwkType().glue().stream().attributes) {
-        if (attribute.kind == StreamKind::pointer) {
-            if (Entity* const target = attribute.target(entity)) f(*target);
-        } else if (attribute.holdsEntities()) {
-            attribute.visit(
-                entity, [](void* context, Entity& member) { (*static_cast<F*>(context))(member); }, &f);
-        }
-    }
-}
-
-bool isStreamable(VelType type) { return type.glue().stream && type.glue().stream().isCreatable; }
-
-}  // namespace
-
-StreamDemuxer::StreamDemuxer(Ptr<Entity> root) : root_(std::move(root)) {}
+StreamDemuxer::StreamDemuxer() = default;
 StreamDemuxer::~StreamDemuxer() = default;
 
 StreamDemuxer::Adapter* StreamDemuxer::adapter(EntityId id) const {
@@ -55,18 +37,21 @@ StreamDemuxer::Adapter* StreamDemuxer::newAdapter(Entity& entity) {
     }
     auto made = std::make_unique<Adapter>(*this, entity, ++lastId_, slot);
     Adapter* const adapter = made.get();
-    adapter->attrLogFlagsIs(newAdapterFlags_, true);
+    adapter->attrLogFlagsIs(Adapter::multicastBit, multicast_ != nullptr);
     adapters_.emplace(adapter->id(), std::move(made));
     byEntity_.emplace(&entity, adapter);
     bySlot_[slot] = adapter;
-    usedSlots_.add(slot);
     return adapter;
 }
 
-StreamDemuxer::Adapter* StreamDemuxer::adapterIs(Entity& entity) {
-    if (Adapter* const known = adapter(entity)) return known;
-    if (&entity != root_.get() && !isStreamable(entity.fwkType())) return nullptr;
-    return newAdapter(entity);
+void StreamDemuxer::adapterDel(Adapter& adapter) {
+    for (auto const* const connections : {&catchingUp_, &live_})
+        for (FlowConnection* const connection : *connections) connection->forget(adapter, false);
+    for (StreamView* const view : views_) view->forget(adapter);
+    bySlot_[adapter.slot()] = nullptr;
+    freeSlots_.push_back(adapter.slot());
+    byEntity_.erase(&adapter.entity());
+    adapters_.erase(adapter.id());
 }
 
 U32 StreamDemuxer::typeIndex(VelType type) {
@@ -76,70 +61,57 @@ U32 StreamDemuxer::typeIndex(VelType type) {
     return index;
 }
 
-void StreamDemuxer::startOver() {
+void StreamDemuxer::clear() {
     byEntity_.clear();
     bySlot_.clear();
     freeSlots_.clear();
-    usedSlots_.clear();
-    lastId_ = 0;
-    dropped_ = 0;
-    idsAreOut_ = false;
     adapters_.clear();
 }
 
-// --- leaving the view ---
+void StreamDemuxer::startOver() {
+    for (StreamView* const view : views_) view->clear();
+    lastId_ = 0;
+    idsAreOut_ = false;
+    clear();
+}
 
-void StreamDemuxer::remove(Adapter& adapter) {
-    auto const leave = [&](FlowConnection& connection) {
-        bool const told = connection.isAnnounced(adapter);
-        connection.forget(adapter);
-        if (told) entityHasGone(adapter.id(), connection);
-    };
-    for (FlowConnection* const connection : catchingUp_) leave(*connection);
-    if (live_) leave(*live_);
-    bySlot_[adapter.slot()] = nullptr;
-    usedSlots_.del(adapter.slot());
-    freeSlots_.push_back(adapter.slot());
-    byEntity_.erase(&adapter.entity());
-    adapters_.erase(adapter.id());
+void StreamDemuxer::multicastIs(Multicast deliver) { multicast_ = std::move(deliver); }
+
+// --- views ---
+
+void StreamDemuxer::viewIs(StreamView& view, bool on) {
+    std::erase(views_, &view);
+    if (on)
+        views_.push_back(&view);
+    else if (views_.empty())
+        clear();
+    else
+        view.members().eachNotIn({}, [&](U32 slot) {
+            if (!isInAView(slot)) adapterDel(*bySlot_[slot]);
+            return false;
+        });
+}
+
+bool StreamDemuxer::isInAView(U32 slot) const {
+    return std::any_of(views_.begin(), views_.end(), [&](StreamView* view) { return view->members().has(slot); });
+}
+
+StreamDemuxer::Adapter* StreamDemuxer::referredIs(Adapter const& referrer, Entity& entity) {
+    Adapter* referred = nullptr;
+    for (StreamView* const view : views_)
+        if (view->has(referrer))
+            if (Adapter* const taken = view->adapterIs(entity)) referred = taken;
+    return referred;
+}
+
+void StreamDemuxer::referenceDropped(Adapter const& referrer) {
+    for (StreamView* const view : views_)
+        if (view->has(referrer)) view->referenceDropped();
 }
 
 void StreamDemuxer::notifierDeleted(Adapter& adapter) {
-    remove(adapter);
-    if (live_) liveIsWritten();
-}
-
-void StreamDemuxer::sweepIfDue() {
-    if (dropped_ > 64 && dropped_ > adapters_.size() / 2) sweep();
-}
-
-void StreamDemuxer::sweep() {
-    dropped_ = 0;
-    Adapter* const top = adapter(*root_);
-    if (!top) return;
-    SlotSet reached;
-    std::unordered_set<Entity const*> onTheWay;  // that are not in the view yet, and lead to some that are
-    std::vector<Entity const*> left{root_.get()};
-    reached.add(top->slot());
-    while (!left.empty()) {
-        Entity const& next = *left.back();
-        left.pop_back();
-        visitReferences(next, [&](Entity& referred) {
-            if (Adapter* const a = adapter(referred)) {
-                if (reached.has(a->slot())) return;
-                reached.add(a->slot());
-            } else if (!isStreamable(referred.fwkType()) || !onTheWay.insert(&referred).second) {
-                return;
-            }
-            left.push_back(&referred);
-        });
-    }
-    std::vector<Adapter*> unreached;
-    for (auto const& [id, a] : adapters_)
-        if (!reached.has(a->slot())) unreached.push_back(a.get());
-    std::sort(unreached.begin(), unreached.end(), [](Adapter* a, Adapter* b) { return a->id() < b->id(); });
-    for (Adapter* const a : unreached) remove(*a);
-    if (live_ && !unreached.empty()) liveIsWritten();
+    adapterDel(adapter);
+    changesAreWritten();
 }
 
 // --- connections ---
@@ -147,6 +119,24 @@ void StreamDemuxer::sweep() {
 void StreamDemuxer::catchingUpIs(FlowConnection& connection, bool on) {
     std::erase(catchingUp_, &connection);
     if (on) catchingUp_.push_back(&connection);
+}
+
+void StreamDemuxer::liveIs(FlowConnection& connection, bool on) {
+    std::erase(live_, &connection);
+    if (on) live_.push_back(&connection);
+}
+
+NboAttrLog::OutSm* StreamDemuxer::liveSm(Adapter const& adapter) {
+    shared_.clear();
+    for (FlowConnection* const connection : live_)
+        if (connection->isAnnounced(adapter)) shared_.add(connection->nboAttrLogOut());
+    return shared_.output();
+}
+
+// Backwards, since a connection, or all of them, may cease to be live meanwhile.
+void StreamDemuxer::changesAreWritten() {
+    for (std::size_t i = live_.size(); i-- > 0;)
+        if (i < live_.size()) live_[i]->changesAreWritten();
 }
 
 bool StreamDemuxer::checkEphemeralEntityDeletion(FlowConnection const& connection, FlowOut const& flow,

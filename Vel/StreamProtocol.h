@@ -7,6 +7,5 @@ namespace Vel {
 // What a hello begins with.
 inline constexpr U32 streamMagic = 0x56454C41;  // "VELA"
 inline constexpr U16 streamVersion = 1;
-inline constexpr EntityId rootId = 1;  // of what a source serves
 
 }  // namespace Vel

@@ -1,5 +1,5 @@
 // Entities that follow others over the attribute log: a copy of a trie from nothing, and changes that are encoded, carried
-// through memory, applied and told to an observer.
+// through memory, applied and told to an observer; and what readers of one server cost it that ask for different paths.
 
 #include "Bench.h"
 #include "Level.h"
@@ -10,8 +10,13 @@
 #include "Vel/AttrLogSource.h"
 #include "Vel/Module.h"
 
+#include <malloc.h>
+
+#include <cstdio>
 #include <functional>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace Bench {
 
@@ -99,6 +104,117 @@ void addUpdates() {
     });
 }
 
+// --- readers of one server ---
+
+constexpr std::size_t nested = 16;
+
+// Directories within one another, and in the innermost many entities.
+class Nest {
+public:
+    explicit Nest(Vel::U32 entities) {
+        paths.emplace_back();
+        Vel::Ptr<Vel::Dir> inner = root;
+        for (std::size_t i = 1; i < nested; ++i) {
+            auto const dir = Vel::Dir::newEntity("d");
+            inner->entryIs(dir);
+            inner = dir;
+            paths.push_back(paths.back() + "/d");
+        }
+        for (Vel::U32 i = 0; i < entities; ++i) {
+            level = Level::newEntity(Vel::format("level%u", i));
+            inner->entryIs(level);
+        }
+    }
+
+    Vel::Ptr<Vel::Dir> root = Vel::Dir::newEntity("root");
+    std::vector<std::string> paths;  // of the directories, the outermost first
+    Vel::Ptr<Level> level;           // the last one
+};
+
+// The source's side of a connection whose reader takes everything, and makes nothing of it.
+class Listener {
+public:
+    Listener(Vel::AttrLogServer& server, std::string const& path) : reader(server.newReader()) {
+        Vel::AttrLogReplica replica(Vel::Dir::newEntity(""), "copy", {.path = Vel::String(path)});
+        replica.connected();
+        reader->input(replica.output(1 << 16));
+        take();
+    }
+    std::size_t take() {
+        std::size_t taken = 0;
+        while (reader->wantsOutput()) {
+            auto const bytes = reader->output(1 << 16);
+            taken += bytes.size();
+            reader->outputTaken(bytes.size());
+        }
+        require(reader->error().empty(), "a reader that is refused");
+        return taken;
+    }
+
+    std::unique_ptr<Vel::StreamPeer> reader;
+};
+
+using Listeners = std::vector<std::unique_ptr<Listener>>;
+
+// `count` of them, at the outermost path or each at another.
+Listeners listeners(Vel::AttrLogServer& server, Nest const& nest, std::size_t count, bool apart) {
+    Listeners all;
+    for (std::size_t i = 0; i < count; ++i)
+        all.push_back(std::make_unique<Listener>(server, nest.paths[apart ? i : 0]));
+    return all;
+}
+
+void addPaths() {
+    auto const addReaders = [](char const* name, std::size_t count, bool apart) {
+        Bench::add("a change of a U32, told to readers", name, [=](benchmark::State& state) {
+            Nest const nest(1);
+            Vel::AttrLogServer server(nest.root);
+            auto const all = listeners(server, nest, count, apart);
+            Vel::U32 value = 0;
+            std::vector<std::size_t> taken(count);
+            auto const take = [&] {
+                for (std::size_t i = 0; i < count; ++i) taken[i] += all[i]->take();
+            };
+            for (auto _ : state) {
+                nest.level->levelIs(++value);
+                if (value % 1000 == 0) take();
+            }
+            take();
+            for (std::size_t const one : taken)
+                require(one == taken[0] && one >= std::size_t(9) * value, "readers that were told less");
+        });
+    };
+    addReaders("1", 1, false);
+    addReaders("16 of one path", nested, false);
+    addReaders("16 of nested paths", nested, true);
+}
+
+// Bytes that the program has allocated.
+double allocated() {
+    auto const info = mallinfo2();
+    return static_cast<double>(info.uordblks + info.hblkhd);
+}
+
+void tellMemory() {
+    constexpr Vel::U32 entities = 50'000;
+    constexpr double mebi = 1 << 20;
+    std::printf("\nmemory for readers that have all of %u entities\n", entities);
+    for (bool const apart : {false, true}) {
+        Nest const nest(entities);
+        double const before = allocated();
+        Vel::AttrLogServer server(nest.root);
+        auto all = listeners(server, nest, 1, apart);
+        double const first = allocated();
+        for (std::size_t i = 1; i < nested; ++i)
+            all.push_back(std::make_unique<Listener>(server, nest.paths[apart ? i : 0]));
+        double const each = (allocated() - first) / (nested - 1);
+        std::printf("    %-20s first %7.2f MiB, each of %zu more %7.3f MiB\n",
+            apart ? "of nested paths" : "of one path", (first - before) / mebi, nested - 1, each / mebi);
+    }
+}
+
+// --- a copy from nothing ---
+
 void fill(Mox::PrefixTrie& trie, Vel::U32 prefixes) {
     for (Vel::U32 i = 0; i < prefixes; ++i) {
         auto const a = trie.newChildIs(Vel::format("a%u", i % 10));
@@ -150,6 +266,9 @@ VEL_MODULE(StreamSyncBench, e8d058c2ec7e3269, Bench::Level);
 
 int main(int argc, char** argv) {
     Bench::addUpdates();
+    Bench::addPaths();
     Bench::addSync(100'000);
-    return Bench::run(argc, argv);
+    int const status = Bench::run(argc, argv);
+    if (status == 0) Bench::tellMemory();
+    return status;
 }

@@ -12,9 +12,9 @@ constexpr Vel::AttributeId none = ~Vel::AttributeId(0);
 class GenerationStreamTest : public testing::Test {
 protected:
     Vel::Ptr<Mox::GenerationEntity> entity = Mox::generationEntityFactory("gen");
-    Vel::StreamDemuxer demuxer{entity};
-    Vel::Entity::VelNboAttrLogSa& adapter = *demuxer.adapterIs(*entity);
-    Line line{demuxer};
+    Vel::StreamView view{entity};
+    Vel::Entity::VelNboAttrLogSa& adapter = *view.adapterIs(*entity);
+    Line line{view};
 };
 
 TEST_F(GenerationStreamTest, IsAnnouncedWithItsNameAndSendsItsOneAttribute) {

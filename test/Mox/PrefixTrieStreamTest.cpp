@@ -27,9 +27,9 @@ protected:
         trie->presentIs(true);
     }
     Ptr<PrefixTrie> trie = Mox::prefixTrieFactory("t");
-    Vel::StreamDemuxer demuxer{trie};
-    Vel::Entity::VelNboAttrLogSa& adapter = *demuxer.adapterIs(*trie);
-    Line line{demuxer};
+    Vel::StreamView view{trie};
+    Vel::Entity::VelNboAttrLogSa& adapter = *view.adapterIs(*trie);
+    Line line{view};
 };
 
 // What a replica is sent of "t", in order. The member "a" is referred to by "child" first; it is announced by the
@@ -56,7 +56,7 @@ TEST_F(PrefixTrieStreamTest, FlowsOutInTheOrderOfItsAttributes) {
 TEST_F(PrefixTrieStreamTest, FlowsTheRestFromEachAttribute) {
     std::map<Vel::AttributeId, std::size_t> counts;
     for (Vel::AttributeId const from : {0u, 258u, 259u, 260u, 261u, 262u}) {
-        Line fresh(demuxer);
+        Line fresh(view);
         EXPECT_EQ(fresh.flow(adapter, from), Ids{0});
         counts[from] = fresh.sent.size();
         if (from >= 261) {
@@ -70,7 +70,7 @@ TEST_F(PrefixTrieStreamTest, FlowsTheRestFromEachAttribute) {
 }
 
 TEST_F(PrefixTrieStreamTest, FlowCutAtEveryMessageIsTheSameFlow) {
-    Line whole(demuxer);
+    Line whole(view);
     whole.flow(adapter, 0);
     line.room = 1;  // what announces a member goes with the reference to it
     EXPECT_EQ(line.flow(adapter, 0), (Ids{259, 260, 261, 262, 0}));
@@ -204,12 +204,8 @@ TEST(PrefixTrieCircleTest, NodeIsNotPutBelowItself) {
 
 class PrefixTrieCatchUpTest : public PrefixTrieStreamTest {
 protected:
-    struct View : Vel::StreamDemuxer {
-        using StreamDemuxer::StreamDemuxer;
-        void add(Vel::NboAttrLog::FlowConnection& connection) { catchingUpIs(connection, true); }
-    };
     PrefixTrieCatchUpTest() {
-        view.add(reader);
+        view.demuxer().catchingUpIs(reader, true);
         reader.announce(node, {});
         reader.continueFlowOut();
         reader.take();
@@ -220,15 +216,14 @@ protected:
     }
     std::string idOf(PrefixTrie const& entity) const { return std::to_string(view.adapter(entity)->id()); }
 
-    View view{trie};
     Vel::Entity::VelNboAttrLogSa& node = *view.adapterIs(*trie);
     Line reader{view};
 };
 
 TEST_F(PrefixTrieCatchUpTest, ChangesLeaveOneFlagForEachAttribute) {
     for (int i = 0; i < 5; ++i) trie->presentIs(i % 2 == 0);
-    EXPECT_EQ(view.changes(), 4u);
-    EXPECT_EQ(view.coalesced(), 3u);
+    EXPECT_EQ(view.demuxer().changes(), 4u);
+    EXPECT_EQ(view.demuxer().coalesced(), 3u);
     EXPECT_EQ(flow(), Strings{"value 1.260 01"});
     EXPECT_EQ(flow(), Strings{});
 }
@@ -253,7 +248,7 @@ TEST_F(PrefixTrieCatchUpTest, KeyThatCameAndWentIsDeleted) {
 TEST_F(PrefixTrieCatchUpTest, MemberThatWasMadeBeforeItsCollectionBeganIsDeleted) {
     trie->newChildIs("z");
     Line late(view);
-    view.add(late);
+    view.demuxer().catchingUpIs(late, true);
     late.announce(node, {});
     late.take();
     late.room = 6;  // state, flags, and one of the two children, which brings along that it is in prefixChild
@@ -276,7 +271,7 @@ TEST_F(PrefixTrieCatchUpTest, KeyIsSentOnceHoweverOftenItChanged) {
         trie->childIs(a);
     }
     EXPECT_EQ(flow(), Strings{"keySet 1.261 a " + idOf(*a)});
-    EXPECT_EQ(view.coalesced(), 7u);
+    EXPECT_EQ(view.demuxer().coalesced(), 7u);
 }
 
 }  // namespace

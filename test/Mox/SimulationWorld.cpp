@@ -98,6 +98,16 @@ Ptr<Mox::PrefixTrie> World::anyMember(U16 n) {
     return from.empty() ? nullptr : from[n / 2 % from.size()];
 }
 
+std::vector<Ptr<Vel::Entity>> World::makeServed() {
+    auto const outer = Vel::Dir::newEntity("n0");
+    auto const inner = Vel::Dir::newEntity("n1");
+    root_->entryIs(outer);
+    outer->entryIs(inner);
+    outer->entryIs(made("n2", 4));
+    outer->entryIs(made("n3", 10));
+    return {root_, outer, inner, outer->entry("n2"), outer->entry("n3")};
+}
+
 std::string World::apply(Step const& step) {
     if (step.what <= What::move) return changeDir(step);
     if (step.what <= What::peer) return changeThing(step);

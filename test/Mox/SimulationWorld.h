@@ -50,7 +50,7 @@ private:
     X(replace) X(turn) \
     X(item) X(itemDel) X(rank) X(rankDel) \
     X(entry) X(entryDel) X(entriesDel) X(mark) X(markDel) X(marksFrom) X(other) \
-    X(connect) X(cut) X(carry) X(trickle) X(settle) X(log)
+    X(connect) X(cut) X(carry) X(trickle) X(settle) X(log) X(paths) X(sweep)
 // clang-format on
 enum class What : U8 {
 #define SIMULATION_STEP(name) name,
@@ -159,6 +159,9 @@ public:
     // What it did, in words; empty if there was nothing to do it to.
     std::string apply(Step const& step);
     Ptr<Vel::Dir> const& root() const { return root_; }
+    // Makes entities to be served, one below the other or beside it, of several types: the first is root(). They stay,
+    // wherever they get to. REQUIRES: nothing else is there yet.
+    std::vector<Ptr<Vel::Entity>> makeServed();
     // Which thing held the number, which its uid says; every number is given once.
     std::map<U32, U32> const& history() const { return history_; }
     std::map<U32, U32> const& pairHistory() const { return pairHistory_; }

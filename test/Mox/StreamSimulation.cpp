@@ -59,6 +59,19 @@ History historyOf(U64 seed) {
     return history;
 }
 
+History pathsHistoryOf(U64 seed) {
+    Random more(seed ^ 0x3333333333333333ul);
+    History const history = historyOf(seed);
+    History mixed{history[0], stepOf(What::paths, more)};
+    constexpr What moves[] = {What::move, What::move, What::hold, What::back, What::peer, What::drop};
+    for (std::size_t i = 1; i < history.size(); ++i) {
+        mixed.push_back(history[i]);
+        if (more.oneIn(8)) mixed.push_back(stepOf(moves[more.below(std::size(moves))], more));
+        if (more.oneIn(12)) mixed.push_back(stepOf(What::sweep, more));
+    }
+    return mixed;
+}
+
 std::string textOf(History const& history) {
     std::ostringstream text;
     for (Step const& step : history) {
@@ -134,8 +147,17 @@ struct Mounted::Watch {
     std::unique_ptr<Vel::Notifiee> here, there;
 };
 
-Mounted::Mounted(World& world, Vel::AttrLogSource& source, std::string& violation)
-    : world_(world), source_(source), violation_(violation) {
+Vel::AttrLogSource& Site::source() {
+    if (!source_) source_ = std::make_unique<Vel::AttrLogSource>(demuxer_, root_, options_);
+    return *source_;
+}
+
+void Site::sweep(bool leaves) {
+    if (leaves && source_ && source_->readers() == 0) source_ = nullptr;
+    if (source_) source_->sweep();
+}
+
+Mounted::Mounted(World& world, Site& site, std::string& violation) : world_(world), site_(site), violation_(violation) {
     replica_.onStateIs([this](Vel::AttrLogReplica::State state) {
         if (state == Vel::AttrLogReplica::State::synced) atSyncMark();
     });
@@ -149,10 +171,10 @@ Mounted::~Mounted() {
 
 void Mounted::connect() {
     atConnect_.clear();
-    reader_ = source_.newReader();
+    reader_ = site_.source().newReader();
     replica_.connected();
     movesAtConnect_ = world_.moves();
-    walk(*world_.root(), [&](Vel::Entity& entity) {
+    walk(site_.root(), [&](Vel::Entity& entity) {
         if (auto* const thing = dynamic_cast<Thing*>(&entity)) atConnect_[thing->uid()] = thing->number();
     });
     // The hello names the program's modules: nothing may depend on its length.
@@ -170,6 +192,23 @@ void Mounted::cut() {
 }
 
 U64 Mounted::timesBehind() const { return static_cast<Vel::AttrLogReader&>(*reader_).timesBehind(); }
+
+void Mounted::lookAtPaths() {
+    std::set<Vel::Entity const*> there;
+    walk(site_.root(), [&](Vel::Entity& entity) { there.insert(&entity); });
+    std::erase_if(watches_, [&](auto const& watch) { return !there.contains(watch->original); });
+}
+
+void Mounted::settleSwept() {
+    settle();
+    if (!violation_.empty()) return;
+    std::size_t there = 0;
+    walk(site_.root(), [&](Vel::Entity&) { ++there; });
+    std::string const known = "known: there are " + std::to_string(there) + " entities, ";
+    if (replica_.entities() != there) violated(known + "the copy has " + std::to_string(replica_.entities()));
+    if (site_.source().entities() != there)
+        violated(known + "the source has " + std::to_string(site_.source().entities()));
+}
 
 std::string Mounted::apply(Step const& step) {
     std::string const name = "reader " + std::to_string(step.n[0] % readers);
@@ -225,7 +264,7 @@ void Mounted::settle() {
     while (violation_.empty() && (!wire_.empty() || reader_->wantsOutput())) deliver(3000, 65535, 65535);
     if (!violation_.empty()) return;
     if (replica_.state() != Vel::AttrLogReplica::State::synced) return violated("not synced: all has arrived");
-    std::string const here = StreamTest::treeOf(*world_.root());
+    std::string const here = StreamTest::treeOf(site_.root());
     std::string const there = StreamTest::treeOf(*replica_.root());
     if (here != there) return violated("copy differs: the source has\n" + here + "\nand the copy\n" + there);
     compareNotifications();
@@ -272,7 +311,7 @@ std::string joined(std::vector<std::string> const& lines) {
 
 void Mounted::watch() {
     Pairs pairs;
-    pairUp(*world_.root(), *replica_.root(), pairs);
+    pairUp(site_.root(), *replica_.root(), pairs);
     for (auto const& [original, copy] : pairs) watches_.push_back(std::make_unique<Watch>(*original, *copy));
     timesBehind_ = timesBehind();
     wasCut_ = false;
@@ -284,7 +323,7 @@ void Mounted::compareNotifications() {
     if (wasCut_) return;
     bool const keptUp = timesBehind() == timesBehind_;
     Pairs pairs;
-    pairUp(*world_.root(), *replica_.root(), pairs);
+    pairUp(site_.root(), *replica_.root(), pairs);
     for (auto const& watch : watches) {
         if (!watch->lives()) continue;
         auto const found = pairs.find(watch->original);
@@ -362,7 +401,7 @@ void Mounted::atSyncMark() {
         if (auto* const thing = dynamic_cast<Thing*>(&entity)) here[thing->uid()] = thing->number();
     });
     std::set<U32> still;
-    walk(*world_.root(), [&](Vel::Entity& entity) {
+    walk(site_.root(), [&](Vel::Entity& entity) {
         if (auto* const thing = dynamic_cast<Thing*>(&entity)) still.insert(thing->uid());
     });
     for (auto const& [uid, number] : atConnect_) {
@@ -391,33 +430,77 @@ Vel::AttrLogSource::Options optionsOf(History const& history) {
     return options;
 }
 
+// What of the tree is served, by one demuxer, and to whom.
+class Sites {
+public:
+    Sites(World& world, History const& history) : options_(optionsOf(history)) {
+        auto const isPaths = [](Step const& step) { return step.what == What::paths; };
+        auto const paths = std::find_if(history.begin(), history.end(), isPaths);
+        overlap_ = paths != history.end();
+        auto const roots = overlap_ ? world.makeServed() : std::vector<Ptr<Vel::Entity>>{world.root()};
+        auto const demuxer = std::make_shared<Vel::StreamDemuxer>();
+        for (auto const& root : roots) sites_.push_back(std::make_unique<Site>(demuxer, root, options_));
+        for (std::size_t i = 0; i < readers; ++i) ofReader_[i] = overlap_ ? paths->n[i] % roots.size() : 0;
+    }
+
+    Site& of(std::size_t reader) const { return *sites_[ofReader_[reader]]; }
+    bool overlap() const { return overlap_; }
+    void sweep(bool leaves) {
+        for (auto const& site : sites_) site->sweep(leaves);
+    }
+    bool isALogTooLong() const {
+        return std::any_of(sites_.begin(), sites_.end(),
+            [this](auto const& site) { return site->logged() > options_.logSize + (64u << 10); });
+    }
+    std::string words() const {
+        std::string text = "the log holds " + std::to_string(options_.logSize) + " bytes and pieces of " +
+                           std::to_string(options_.chunkSize) + " (0: as it likes)";
+        for (std::size_t i = 0; i < readers && overlap_; ++i)
+            text += ", reader " + std::to_string(i) + " is at " + of(i).root().path().stdString();
+        return text;
+    }
+
+private:
+    Vel::AttrLogSource::Options options_;
+    bool overlap_ = false;
+    std::vector<std::unique_ptr<Site>> sites_;
+    std::array<std::size_t, readers> ofReader_{};
+};
+
 }  // namespace
 
 Result run(History const& history, bool tells) {
     Result result;
     World world;
-    auto const options = optionsOf(history);
-    Vel::AttrLogSource source(world.root(), options);
+    Sites sites(world, history);
     std::vector<std::unique_ptr<Mounted>> mounted;
     for (std::size_t i = 0; i < readers; ++i)
-        mounted.push_back(std::make_unique<Mounted>(world, source, result.violation));
+        mounted.push_back(std::make_unique<Mounted>(world, sites.of(i), result.violation));
     auto const tell = [&](std::string words) {
         if (tells && !words.empty()) result.words.push_back(std::move(words));
     };
+    tell(sites.words());
     for (Step const& step : history) {
-        if (step.what == What::log) {
-            tell("the log holds " + std::to_string(options.logSize) + " bytes and pieces of " +
-                 std::to_string(options.chunkSize) + " (0: as it likes)");
-            continue;
-        }
+        if (step.what == What::log || step.what == What::paths) continue;
         ++result.steps;
-        tell(step.what < What::connect ? world.apply(step) : mounted[step.n[0] % readers]->apply(step));
-        if (source.log().size() > options.logSize + (64u << 10)) result.violation = "the log grows: beyond its size";
+        if (step.what == What::sweep) {
+            sites.sweep(step.n[0] % 4 == 0);
+            tell("what can't be reached is swept out");
+        } else {
+            tell(step.what < What::connect ? world.apply(step) : mounted[step.n[0] % readers]->apply(step));
+        }
+        if (sites.overlap())
+            for (auto const& m : mounted) m->lookAtPaths();
+        if (sites.isALogTooLong()) result.violation = "the log grows: beyond its size";
         if (!result.violation.empty()) return result;
     }
     tell("everything arrives");
     for (auto const& m : mounted)
         if (result.violation.empty()) m->settle();
+    if (!sites.overlap()) return result;
+    sites.sweep(false);
+    for (auto const& m : mounted)
+        if (result.violation.empty()) m->settleSwept();
     return result;
 }
 

@@ -6,6 +6,7 @@
 
 #include <deque>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,8 @@ namespace Simulation {
 // All that happens in a run. Whatever the program, the same history comes to the same.
 using History = std::vector<Step>;
 History historyOf(U64 seed);
+// The same where readers are at different paths, which overlap. Its seeds are others.
+History pathsHistoryOf(U64 seed);
 std::string textOf(History const& history);  // "make 1 2 3 4; connect 0 0 0 0"
 History historyFrom(std::string_view text);  // throws std::invalid_argument
 
@@ -30,14 +33,35 @@ History shrunk(History history, std::function<bool(History const&)> const& fails
 
 constexpr std::size_t readers = 3;
 
+// What readers of one path have in common. The source is made when the first of them says hello.
+class Site {
+public:
+    Site(std::shared_ptr<Vel::StreamDemuxer> demuxer, Ptr<Vel::Entity> root, Vel::AttrLogSource::Options const& options)
+        : demuxer_(std::move(demuxer)), root_(std::move(root)), options_(options) {}
+
+    Vel::Entity& root() const { return *root_; }
+    Vel::AttrLogSource& source();
+    void sweep(bool leaves);  // what can't be reached; `leaves`: and the source, if it has no readers
+    std::size_t logged() const { return source_ ? source_->log().size() : 0; }  // bytes
+
+private:
+    std::shared_ptr<Vel::StreamDemuxer> demuxer_;
+    Ptr<Vel::Entity> root_;
+    Vel::AttrLogSource::Options options_;
+    std::unique_ptr<Vel::AttrLogSource> source_;
+};
+
 // One replica, its connection, and what it was seen to be.
 class Mounted {
 public:
-    Mounted(World& world, Vel::AttrLogSource& source, std::string& violation);
+    Mounted(World& world, Site& site, std::string& violation);
     ~Mounted();
 
     std::string apply(Step const& step);
     void settle();  // everything arrives, and stays connected; the copy equals the source then
+    // Entities that have left what is served, or been outside of it, may be told otherwise from now on.
+    void lookAtPaths();
+    void settleSwept();  // and the copy was told of what it has, and of nothing else
 
 private:
     struct Watch;
@@ -60,10 +84,10 @@ private:
     }
 
     World& world_;
-    Vel::AttrLogSource& source_;
+    Site& site_;
     std::string& violation_;
     Ptr<Vel::Dir> place_ = Vel::Dir::newEntity("");
-    Vel::AttrLogReplica replica_{place_, "world", {}};
+    Vel::AttrLogReplica replica_{place_, site_.root().name(), {}};
     std::unique_ptr<Vel::StreamPeer> reader_;
     std::deque<U8> wire_;  // to the replica
     std::map<Vel::Entity const*, std::unique_ptr<Vel::Notifiee>> observers_;

@@ -24,7 +24,15 @@ TEST(StreamSimulationTest, ReplicasConvergeInOrderWhateverTheNetworkDoes) {
             << "scripts/simulate --seed " << seed << " tells the history";
 }
 
-// What has failed once: "seed N: why" or "history STEPS: why", a line each.
+// The same with readers at different paths.
+TEST(StreamSimulationTest, ReplicasOfOverlappingPathsConvergeInOrderToo) {
+    U64 const runs = variable("MOX_SIMULATION_RUNS", 300);
+    for (U64 seed = 1; seed <= runs && !HasFailure(); ++seed)
+        EXPECT_EQ(Simulation::run(Simulation::pathsHistoryOf(seed)).violation, "")
+            << "scripts/simulate --paths --seed " << seed << " tells the history";
+}
+
+// What has failed once: "seed N: why", "paths N: why" or "history STEPS: why", a line each.
 TEST(StreamSimulationTest, WhatHasFailedOnceHolds) {
     std::ifstream file(MOX_SOURCE_DIR "/test/Mox/simulation-regressions.txt");
     ASSERT_TRUE(file);
@@ -32,10 +40,11 @@ TEST(StreamSimulationTest, WhatHasFailedOnceHolds) {
     for (std::string line; std::getline(file, line);) {
         if (line.empty() || line[0] == '#') continue;
         std::string const what = line.substr(0, line.find(':'));
-        bool const isSeed = what.starts_with("seed ");
-        ASSERT_TRUE(isSeed || what.starts_with("history ")) << line;
-        History const history = isSeed ? Simulation::historyOf(std::stoul(what.substr(5)))
-                                       : Simulation::historyFrom(std::string_view(what).substr(8));
+        bool const isSeed = what.starts_with("seed "), isPaths = what.starts_with("paths ");
+        ASSERT_TRUE(isSeed || isPaths || what.starts_with("history ")) << line;
+        History const history = isSeed    ? Simulation::historyOf(std::stoul(what.substr(5)))
+                                : isPaths ? Simulation::pathsHistoryOf(std::stoul(what.substr(6)))
+                                          : Simulation::historyFrom(std::string_view(what).substr(8));
         EXPECT_EQ(Simulation::run(history).violation, "") << line;
         ++runs;
     }

@@ -783,11 +783,11 @@ TEST_F(StreamSourceTest, SlotIsUsedAgain) {
 
 TEST_F(StreamSourceTest, SlotOfWhatHasGoneIsNobodys) {
     U32 const slot = pair.source.adapter(*a)->slot();
-    EXPECT_TRUE(pair.source.slots().has(slot));
+    EXPECT_TRUE(pair.source.members().has(slot));
     root->entryDel("a");
     a = nullptr;
-    EXPECT_FALSE(pair.source.slots().has(slot));
-    EXPECT_EQ(pair.source.adapterAt(slot), nullptr);
+    EXPECT_FALSE(pair.source.members().has(slot));
+    EXPECT_EQ(pair.source.demuxer().adapterAt(slot), nullptr);
 }
 
 // --- ids run out ---
@@ -911,7 +911,7 @@ public:
 class HandleValueSerializationTest : public testing::Test {
 protected:
     Ptr<Leaf> leaf = Leaf::newEntity("a");
-    Vel::StreamDemuxer demuxer{leaf};
+    Vel::StreamDemuxer demuxer;
     Recorder recorder{demuxer, *leaf, 1, 0};
 };
 
@@ -961,7 +961,7 @@ TEST(StreamAdapterDeathTest, NothingIsAppliedWhileItIsWritten) {
         }
     };
     auto const leaf = Leaf::newEntity("a");
-    Vel::StreamDemuxer demuxer(leaf);
+    Vel::StreamDemuxer demuxer;
     Reentrant adapter(demuxer, *leaf, 1, 0);
     EXPECT_DEATH(adapter.handleAttributeSerialization(*adapter.table().find(258), false), "!_isActive");
 }

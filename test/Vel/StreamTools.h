@@ -207,7 +207,7 @@ inline std::string treeOf(Entity const& root) { return Detail::TreeText().of(roo
 // A connection by itself, which takes as many messages as it is told to.
 class Line final : public Vel::NboAttrLog::FlowConnection {
 public:
-    explicit Line(Vel::StreamDemuxer& demuxer) : FlowConnection(&demuxer) {}
+    explicit Line(Vel::StreamView& view) : FlowConnection(&view) {}
 
     std::size_t room = 1000;  // messages
     Vel::NboAttrLog::OutSm& nboAttrLogOut() override { return out_; }

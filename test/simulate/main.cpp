@@ -1,7 +1,8 @@
 // Runs simulations of streaming until one breaks a guarantee, which is shrunk and told. scripts/simulate starts it.
 //
-// usage: mox_simulate FIRST STEP COUNT SECONDS    seeds FIRST, FIRST + STEP, ..., COUNT of them; 0 SECONDS: no limit
-//        mox_simulate history STEPS               one history, as it is written down
+// usage: mox_simulate seed FIRST STEP COUNT SECONDS     seeds FIRST, FIRST + STEP, ..., COUNT of them; 0 SECONDS: no limit
+//        mox_simulate paths FIRST STEP COUNT SECONDS    the same with readers at different paths
+//        mox_simulate history STEPS                     one history, as it is written down
 
 #include "../Mox/StreamSimulation.h"
 
@@ -30,7 +31,7 @@ int report(std::string const& name, History const& history, Result const& result
     return 1;
 }
 
-int runSeeds(Vel::U64 first, Vel::U64 step, Vel::U64 count, long seconds) {
+int runSeeds(std::string const& kind, Vel::U64 first, Vel::U64 step, Vel::U64 count, long seconds) {
     auto const start = std::chrono::steady_clock::now();
     auto const elapsed = [&] {
         return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -38,9 +39,9 @@ int runSeeds(Vel::U64 first, Vel::U64 step, Vel::U64 count, long seconds) {
     Vel::U64 runs = 0;
     for (; runs < count && (seconds == 0 || elapsed() < static_cast<double>(seconds)); ++runs) {
         Vel::U64 const seed = first + runs * step;
-        History const history = Simulation::historyOf(seed);
+        History const history = kind == "paths" ? Simulation::pathsHistoryOf(seed) : Simulation::historyOf(seed);
         Result const result = Simulation::run(history);
-        if (!result.violation.empty()) return report("seed " + std::to_string(seed), history, result);
+        if (!result.violation.empty()) return report(kind + " " + std::to_string(seed), history, result);
     }
     std::cout << runs << " runs in " << elapsed() << " s\n";
     return 0;
@@ -56,10 +57,10 @@ int main(int argc, char** argv) {
         tell(history);
         return 0;
     }
-    if (argc != 5) {
-        std::cerr << "usage: mox_simulate FIRST STEP COUNT SECONDS | mox_simulate history STEPS\n";
+    if (argc != 6) {
+        std::cerr << "usage: mox_simulate (seed | paths) FIRST STEP COUNT SECONDS | mox_simulate history STEPS\n";
         return 2;
     }
     auto const number = [&](int i) { return std::strtoul(argv[i], nullptr, 10); };
-    return runSeeds(number(1), number(2), number(3), static_cast<long>(number(4)));
+    return runSeeds(argv[1], number(2), number(3), number(4), static_cast<long>(number(5)));
 }
