@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Vel/String.h"
+#include "Vel/base/String.h"
 
 namespace Mount {
 

@@ -4,7 +4,7 @@
 #include "Mount/internal/Destroy.h"
 #include "Mount/internal/Socket.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>

@@ -5,7 +5,7 @@
 #include "Mount/Options.h"
 #include "Mount/Status.h"
 
-#include "Vel/AttrLogReplica.h"
+#include "Vel/stream/AttrLogReplica.h"
 
 #include <memory>
 

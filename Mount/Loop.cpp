@@ -1,6 +1,6 @@
 #include "Mount/Loop.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>

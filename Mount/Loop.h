@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Vel/Types.h"
+#include "Vel/base/Types.h"
 
 #include <chrono>
 #include <functional>

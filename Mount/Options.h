@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Vel/AttrLogSource.h"
+#include "Vel/stream/AttrLogSource.h"
 
 #include <chrono>
 #include <vector>

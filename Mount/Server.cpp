@@ -4,8 +4,8 @@
 #include "Mount/internal/Destroy.h"
 #include "Mount/internal/Listener.h"
 
-#include "Vel/Exception.h"
-#include "Vel/Strep.h"
+#include "Vel/base/Exception.h"
+#include "Vel/text/Strep.h"
 
 #include <asio/io_context.hpp>
 

@@ -1,6 +1,6 @@
 #include "Mount/Status.h"
 
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
 
 namespace Mount {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Vel/Entity.h"
+#include "Vel/entity/Entity.h"
 
 namespace Mount {
 

@@ -5,10 +5,10 @@
 #include "Mox/internal/CellFacts.h"
 #include "Mox/internal/CellTrace.h"
 
-#include "Vel/ActivityManager.h"
-#include "Vel/Dir.h"
-#include "Vel/Exception.h"
-#include "Vel/Module.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/Module.h"
+#include "Vel/entity/ActivityManager.h"
+#include "Vel/entity/Dir.h"
 
 namespace Cell {
 

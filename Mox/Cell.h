@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Vel/Entity.h"
-#include "Vel/Value.h"
+#include "Vel/describe/Value.h"
+#include "Vel/entity/Entity.h"
 
 // Who this process is: the supervisor cell it runs on, what that cell is, and which cell is active.
 //

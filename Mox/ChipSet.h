@@ -2,8 +2,8 @@
 
 #include "Mox/Types.h"
 
-#include "Vel/Assert.h"
-#include "Vel/Exception.h"
+#include "Vel/base/Assert.h"
+#include "Vel/base/Exception.h"
 
 #include <bit>
 #include <compare>

@@ -1,5 +1,5 @@
 #include "Mox/GenTime.h"
 
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
 
 VEL_MODULE(GenTime, fccc10043bff97d9, Mox::GenTime);

@@ -1,6 +1,6 @@
 #include "Mox/Generation.h"
 
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
 
 namespace Mox {
 

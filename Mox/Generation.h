@@ -2,7 +2,7 @@
 
 #include "Mox/Types.h"
 
-#include "Vel/Entity.h"
+#include "Vel/entity/Entity.h"
 
 namespace Mox {
 

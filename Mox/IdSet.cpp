@@ -1,7 +1,7 @@
 #include "Mox/IdSet.h"
 
-#include "Vel/Assert.h"
-#include "Vel/Module.h"
+#include "Vel/base/Assert.h"
+#include "Vel/describe/Module.h"
 
 #include <array>
 

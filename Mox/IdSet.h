@@ -3,7 +3,7 @@
 #include "Mox/Id.h"
 #include "Mox/internal/WordMap.h"
 
-#include "Vel/Checked.h"
+#include "Vel/describe/Checked.h"
 
 #include <compare>
 #include <initializer_list>

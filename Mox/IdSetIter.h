@@ -2,7 +2,7 @@
 
 #include "Mox/IdSet.h"
 
-#include "Vel/Ptr.h"
+#include "Vel/base/Ptr.h"
 
 #include <bit>
 #include <iterator>

@@ -1,9 +1,9 @@
 #include "Mox/IdSet.h"
 
-#include "Vel/Assert.h"
-#include "Vel/Exception.h"
-#include "Vel/Scan.h"
-#include "Vel/Strep.h"
+#include "Vel/base/Assert.h"
+#include "Vel/base/Exception.h"
+#include "Vel/text/Scan.h"
+#include "Vel/text/Strep.h"
 
 #include <algorithm>
 #include <cstring>

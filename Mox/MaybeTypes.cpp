@@ -1,8 +1,8 @@
 #include "Mox/MaybeTypes.h"
 
-#include "Vel/Exception.h"
-#include "Vel/Module.h"
-#include "Vel/Scan.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/Module.h"
+#include "Vel/text/Scan.h"
 
 #include <algorithm>
 #include <csignal>

@@ -3,8 +3,8 @@
 #include "Mox/internal/Override.h"
 #include "Mox/internal/TriePath.h"
 
-#include "Vel/Assert.h"
-#include "Vel/Module.h"
+#include "Vel/base/Assert.h"
+#include "Vel/describe/Module.h"
 
 #include <vector>
 

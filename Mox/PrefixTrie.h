@@ -3,7 +3,7 @@
 #include "Mox/Types.h"
 #include "Mox/internal/TrieMembers.h"
 
-#include "Vel/Entity.h"
+#include "Vel/entity/Entity.h"
 
 #include <iterator>
 #include <string_view>

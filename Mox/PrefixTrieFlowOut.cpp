@@ -1,6 +1,6 @@
 #include "Mox/PrefixTrieFlowOut.h"
 
-#include "Vel/NboAttrLog.h"
+#include "Vel/text/NboAttrLog.h"
 
 namespace Mox {
 

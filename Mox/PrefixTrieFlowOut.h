@@ -2,7 +2,7 @@
 
 #include "Mox/PrefixTrie.h"
 
-#include "Vel/FlowOut.h"
+#include "Vel/stream/FlowOut.h"
 
 #include <set>
 

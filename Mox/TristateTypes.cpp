@@ -1,6 +1,6 @@
 #include "Mox/TristateTypes.h"
 
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
 
 namespace Mox::Detail {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Vel/Value.h"
+#include "Vel/describe/Value.h"
 
 // The framework's names that every header of this library uses.
 namespace Mox {

@@ -1,7 +1,7 @@
 #include "Mox/UniqueId.h"
 
-#include "Vel/Module.h"
-#include "Vel/System.h"
+#include "Vel/base/System.h"
+#include "Vel/describe/Module.h"
 
 namespace Mox {
 

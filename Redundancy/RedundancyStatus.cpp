@@ -1,6 +1,6 @@
 #include "Redundancy/RedundancyStatus.h"
 
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
 
 namespace Redundancy {
 

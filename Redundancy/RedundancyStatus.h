@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Vel/Entity.h"
+#include "Vel/entity/Entity.h"
 
 // Stands in for the platform's redundancy library: the one entity that its service publishes for each cell, at
 // /<system>/Zendb/cell/<cell id>/redundancy/status in the state database.

@@ -4,7 +4,7 @@
 
 #include "Mox/Cell.h"
 
-#include "Vel/System.h"
+#include "Vel/base/System.h"
 
 #include <cstring>
 

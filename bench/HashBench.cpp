@@ -4,7 +4,7 @@
 
 #include "Mox/UniqueId.h"
 
-#include "Vel/Hash.h"
+#include "Vel/base/Hash.h"
 
 #include <cstring>
 #include <functional>

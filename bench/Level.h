@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Vel/Entity.h"
+#include "Vel/entity/Entity.h"
 
 // An entity and an observer for the benchmarks of what follows a change. Each program registers Level in its module.
 namespace Bench {

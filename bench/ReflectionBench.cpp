@@ -3,7 +3,7 @@
 #include "Bench.h"
 #include "ConditionOrCountStat.h"
 
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 
 #include "Mox/PrefixTrie.h"
 
-#include "Vel/AttrLogReplica.h"
-#include "Vel/AttrLogSource.h"
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
+#include "Vel/stream/AttrLogReplica.h"
+#include "Vel/stream/AttrLogSource.h"
 
 #include <malloc.h>
 

@@ -2,7 +2,7 @@
 
 #include "Bench.h"
 
-#include "Vel/Trace.h"
+#include "Vel/text/Trace.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "Bench.h"
 
 #include "Mox/UniqueId.h"
-#include "Vel/System.h"
+#include "Vel/base/System.h"
 
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid.hpp>

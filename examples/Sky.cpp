@@ -1,5 +1,5 @@
 #include "examples/Sky.h"
 
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
 
 VEL_MODULE(Sky, 35915efbbe3e0829, Weather::Sky, Weather::View);

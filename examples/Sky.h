@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Vel/Entity.h"
-#include "Vel/Enumeration.h"
+#include "Vel/describe/Enumeration.h"
+#include "Vel/entity/Entity.h"
 
 // Types in a library of their own: own_module.cpp shows how a program comes by them.
 namespace Weather {

@@ -1,6 +1,6 @@
 #include "examples/TagTrie.h"
 
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
 
 #include <algorithm>
 #include <set>

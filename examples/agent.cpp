@@ -5,8 +5,8 @@
 #include "Mox/Cell.h"
 #include "Redundancy/RedundancyStatus.h"
 
-#include "Vel/ActivityManager.h"
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
+#include "Vel/entity/ActivityManager.h"
 
 #include <csignal>
 #include <iostream>

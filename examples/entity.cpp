@@ -1,6 +1,6 @@
 // An entity of your own: created in the directory tree by the name of its type, found by its path.
-#include "Vel/Dir.h"
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
+#include "Vel/entity/Dir.h"
 
 #include <iostream>
 

@@ -1,7 +1,7 @@
 // Answering for the machine: in a test, environment and files are whatever the test says.
 #include "Mox/Cell.h"
 
-#include "Vel/System.h"
+#include "Vel/base/System.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,7 +1,7 @@
 // Observers: a lambda is told of each change of an entity, for as long as what notifieeOf() returns lives.
 #include "Mox/Cell.h"
 
-#include "Vel/Dir.h"
+#include "Vel/entity/Dir.h"
 
 #include <iostream>
 

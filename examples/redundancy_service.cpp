@@ -5,7 +5,7 @@
 #include "Mount/Client.h"
 #include "Redundancy/RedundancyStatus.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <csignal>
 #include <iostream>

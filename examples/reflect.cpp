@@ -1,6 +1,6 @@
 // Reflection: every type of the process by name, without its header. Then a value and an entity handled through it.
-#include "Vel/Dir.h"
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
+#include "Vel/entity/Dir.h"
 
 #include <iostream>
 

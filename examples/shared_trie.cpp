@@ -6,7 +6,7 @@
 #include "Mount/Server.h"
 #include "examples/TagTrie.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <csignal>
 #include <iostream>

@@ -1,5 +1,5 @@
 // A value type of your own: one description gives it text, parser, bytes, reflection and a registered name.
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
 
 #include <iostream>
 

@@ -3,7 +3,7 @@
 //     $ CELLID=1 ACTIVE_CELLID=2 who_am_i
 #include "Mox/Cell.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <iostream>
 

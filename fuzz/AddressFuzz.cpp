@@ -1,6 +1,6 @@
 #include "Mount/Address.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <cstdint>
 #include <cstdio>

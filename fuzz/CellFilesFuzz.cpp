@@ -1,8 +1,8 @@
 #include "Mox/Cell.h"
 
-#include "Vel/Dir.h"
-#include "Vel/Exception.h"
-#include "Vel/System.h"
+#include "Vel/base/Exception.h"
+#include "Vel/base/System.h"
+#include "Vel/entity/Dir.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,5 +1,5 @@
-#include "Vel/Module.h"
-#include "Vel/internal/Records.h"
+#include "Vel/describe/Module.h"
+#include "Vel/describe/internal/Records.h"
 
 #include <cstdint>
 #include <cstring>

@@ -1,7 +1,7 @@
-#include "Vel/Exception.h"
-#include "Vel/GenericIf.h"
-#include "Vel/Module.h"
-#include "Vel/NboAttrLog.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/GenericIf.h"
+#include "Vel/describe/Module.h"
+#include "Vel/text/NboAttrLog.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
 #include "test/Mox/PrefixTrieModel.h"
 
 #include <array>

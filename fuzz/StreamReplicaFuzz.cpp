@@ -1,11 +1,11 @@
-#include "../test/Vel/ValueTable.h"
 #include "Mox/Generation.h"
 #include "Mox/PrefixTrie.h"
+#include "test/Vel/stream/ValueTable.h"
 
-#include "Vel/AttrLogReplica.h"
-#include "Vel/Exception.h"
-#include "Vel/Module.h"
-#include "Vel/StreamProtocol.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/Module.h"
+#include "Vel/stream/AttrLogReplica.h"
+#include "Vel/stream/internal/StreamProtocol.h"
 
 #include <algorithm>
 #include <cstdint>

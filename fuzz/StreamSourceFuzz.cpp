@@ -1,10 +1,10 @@
-#include "../test/Vel/ValueTable.h"
 #include "Mox/Generation.h"
 #include "Mox/PrefixTrie.h"
+#include "test/Vel/stream/ValueTable.h"
 
-#include "Vel/AttrLogReplica.h"
-#include "Vel/AttrLogSource.h"
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
+#include "Vel/stream/AttrLogReplica.h"
+#include "Vel/stream/AttrLogSource.h"
 
 #include <cstdint>
 #include <cstdlib>

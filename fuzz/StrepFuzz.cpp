@@ -1,6 +1,6 @@
-#include "Vel/Exception.h"
-#include "Vel/GenericIf.h"
-#include "Vel/Module.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/GenericIf.h"
+#include "Vel/describe/Module.h"
 
 #include <cstdint>
 #include <cstdio>

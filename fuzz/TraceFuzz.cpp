@@ -1,5 +1,5 @@
-#include "Vel/Exception.h"
-#include "Vel/Trace.h"
+#include "Vel/base/Exception.h"
+#include "Vel/text/Trace.h"
 
 #include <cstdint>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "Vel/TableHash.h"
+#include "Vel/base/TableHash.h"
 
 // A part of every program that must run the same way each time: tests, simulations, fuzzers, benchmarks. The order in
 // which a trie's children are visited follows from the secret.

@@ -6,10 +6,10 @@
 
 #include "Mox/internal/CellSource.h"
 #include "Redundancy/RedundancyStatus.h"
-#include "Vel/ActivityManager.h"
-#include "Vel/Dir.h"
-#include "Vel/Exception.h"
-#include "Vel/Trace.h"
+#include "Vel/base/Exception.h"
+#include "Vel/entity/ActivityManager.h"
+#include "Vel/entity/Dir.h"
+#include "Vel/text/Trace.h"
 
 #include <nlohmann/json.hpp>
 

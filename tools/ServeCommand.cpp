@@ -10,7 +10,7 @@
 
 #include "Mount/Server.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <csignal>
 #include <optional>

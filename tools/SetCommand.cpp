@@ -3,7 +3,7 @@
 #include "tools/lib/Clean.h"
 #include "tools/lib/ValueText.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <nlohmann/json.hpp>
 

@@ -7,9 +7,9 @@
 #include "tools/lib/Progress.h"
 #include "tools/lib/ValueText.h"
 
-#include "Vel/Exception.h"
-#include "Vel/GenericIf.h"
-#include "Vel/Module.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/GenericIf.h"
+#include "Vel/describe/Module.h"
 
 #include <nlohmann/json.hpp>
 

@@ -3,7 +3,7 @@
 #include "tools/lib/Names.h"
 #include "tools/lib/Output.h"
 
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
 
 #include <nlohmann/json.hpp>
 

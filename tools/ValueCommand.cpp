@@ -7,8 +7,8 @@
 #include "tools/lib/Output.h"
 #include "tools/lib/ValueText.h"
 
-#include "Vel/Exception.h"
-#include "Vel/GenericIf.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/GenericIf.h"
 
 #include <nlohmann/json.hpp>
 

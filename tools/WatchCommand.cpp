@@ -5,7 +5,7 @@
 #include "tools/lib/Moments.h"
 #include "tools/lib/TreeLines.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <algorithm>
 #include <limits>

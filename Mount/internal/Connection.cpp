@@ -1,6 +1,6 @@
 #include "Mount/internal/Connection.h"
 
-#include "Vel/Strep.h"
+#include "Vel/text/Strep.h"
 
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>

@@ -3,7 +3,7 @@
 #include "Mount/internal/Channel.h"
 #include "Mount/internal/HandlerMemory.h"
 
-#include "Vel/StreamPeer.h"
+#include "Vel/stream/StreamPeer.h"
 
 #include <asio/generic/stream_protocol.hpp>
 #include <asio/steady_timer.hpp>

@@ -1,6 +1,6 @@
 #include "Mount/internal/Channel.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <cerrno>
 #include <sys/socket.h>

@@ -1,6 +1,6 @@
 #include "Mount/internal/SocketFile.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <cerrno>
 #include <fcntl.h>

@@ -2,7 +2,7 @@
 #include "Mount/internal/TlsFiles.h"
 #include "Mount/internal/TlsPeer.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <algorithm>
 #include <cerrno>

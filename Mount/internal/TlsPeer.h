@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Vel/String.h"
+#include "Vel/base/String.h"
 
 #include <openssl/x509.h>
 

@@ -6,8 +6,8 @@
 
 #include "Redundancy/RedundancyStatus.h"
 
-#include "Vel/Dir.h"
-#include "Vel/System.h"
+#include "Vel/base/System.h"
+#include "Vel/entity/Dir.h"
 
 #include <cstdlib>
 

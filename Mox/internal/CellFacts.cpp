@@ -1,7 +1,7 @@
 #include "Mox/internal/CellFacts.h"
 
-#include "Vel/Exception.h"
-#include "Vel/System.h"
+#include "Vel/base/Exception.h"
+#include "Vel/base/System.h"
 
 #include <cerrno>
 #include <cstdlib>

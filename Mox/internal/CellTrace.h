@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Vel/Trace.h"
+#include "Vel/text/Trace.h"
 
 namespace Cell {
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Vel/TableHash.h"
-#include "Vel/Types.h"
+#include "Vel/base/TableHash.h"
+#include "Vel/base/Types.h"
 
 #include <cstring>
 #include <string_view>

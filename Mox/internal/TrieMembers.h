@@ -2,8 +2,8 @@
 
 #include "Mox/internal/ShortText.h"
 
-#include "Vel/Assert.h"
-#include "Vel/Types.h"
+#include "Vel/base/Assert.h"
+#include "Vel/base/Types.h"
 
 #include <algorithm>
 #include <bit>

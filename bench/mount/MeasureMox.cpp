@@ -9,8 +9,8 @@
 #include "Mox/PrefixTrie.h"
 #include "Redundancy/RedundancyStatus.h"
 
-#include "Vel/Dir.h"
-#include "Vel/NotifieeList.h"
+#include "Vel/entity/Dir.h"
+#include "Vel/entity/NotifieeList.h"
 
 #include <csignal>
 

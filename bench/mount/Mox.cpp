@@ -7,7 +7,7 @@
 
 #include "Redundancy/RedundancyStatus.h"
 
-#include "Vel/NotifieeList.h"
+#include "Vel/entity/NotifieeList.h"
 
 namespace Bench {
 namespace {

@@ -1,7 +1,7 @@
 #include "Mount/Address.h"
 
-#include "Vel/Exception.h"
-#include "Vel/Strep.h"
+#include "Vel/base/Exception.h"
+#include "Vel/text/Strep.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include "MountFixture.h"
 
 #include "Redundancy/RedundancyStatus.h"
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <deque>
 

@@ -1,7 +1,7 @@
 #include "MountFixture.h"
 
 #include "../Mox/SimulationWorld.h"
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <deque>
 

@@ -6,7 +6,7 @@
 #include "TempFolder.h"
 
 #include "Mox/Generation.h"
-#include "Vel/Dir.h"
+#include "Vel/entity/Dir.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #include "MountFixture.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <fstream>
 #include <functional>

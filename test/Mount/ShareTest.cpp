@@ -4,7 +4,7 @@
 
 #include "Mox/Generation.h"
 #include "Redundancy/RedundancyStatus.h"
-#include "Vel/Dir.h"
+#include "Vel/entity/Dir.h"
 
 #include <gtest/gtest.h>
 

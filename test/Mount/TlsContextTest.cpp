@@ -1,4 +1,4 @@
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include "TlsEnds.h"
 

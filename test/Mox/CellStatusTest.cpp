@@ -5,7 +5,7 @@
 #include "Mox/Seqno.h"
 #include "Mox/internal/CellDir.h"
 
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
 
 namespace {
 

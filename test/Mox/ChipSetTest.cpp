@@ -2,8 +2,8 @@
 
 #include "SetTest.h"
 
-#include "Vel/Exception.h"
-#include "Vel/Module.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/Module.h"
 
 #include <gtest/gtest.h>
 

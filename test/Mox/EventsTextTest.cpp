@@ -1,8 +1,8 @@
 #include "StatisticsTest.h"
 
-#include "Vel/Checked.h"
-#include "Vel/Exception.h"
-#include "Vel/Format.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/Checked.h"
+#include "Vel/describe/Format.h"
 
 #include <algorithm>
 #include <sstream>

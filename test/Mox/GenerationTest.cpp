@@ -3,7 +3,7 @@
 #include "ModuleTable.h"
 #include "RecordTest.h"
 
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
 
 #include <gtest/gtest.h>
 

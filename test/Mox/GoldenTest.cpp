@@ -1,7 +1,7 @@
 #include "ValueTest.h"
 
-#include "Vel/Exception.h"
-#include "Vel/Module.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/Module.h"
 
 #include <gtest/gtest.h>
 

@@ -2,8 +2,8 @@
 
 #include "Mox/IdSet.h"
 
-#include "Vel/Exception.h"
-#include "Vel/Hash.h"
+#include "Vel/base/Exception.h"
+#include "Vel/base/Hash.h"
 
 #include <algorithm>
 #include <bit>

@@ -2,7 +2,7 @@
 
 #include "SetTest.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <gtest/gtest.h>
 

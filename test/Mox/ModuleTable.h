@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Vel/GenericIf.h"
-#include "Vel/internal/Records.h"
+#include "Vel/describe/GenericIf.h"
+#include "Vel/describe/internal/Records.h"
 
 #include <gtest/gtest.h>
 

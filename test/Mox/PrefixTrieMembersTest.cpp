@@ -1,6 +1,6 @@
 #include "PrefixTrieTest.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 // The two collections of a node.
 namespace {

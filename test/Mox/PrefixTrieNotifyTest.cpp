@@ -1,6 +1,6 @@
 #include "PrefixTrieTest.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 // What observers are told, and that they may change the trie meanwhile.
 namespace {

@@ -2,9 +2,9 @@
 #include "PrefixTrieTest.h"
 #include "VirtualSlot.h"
 
-#include "Vel/Dir.h"
-#include "Vel/Exception.h"
-#include "Vel/Module.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/Module.h"
+#include "Vel/entity/Dir.h"
 
 // A trie reached by its type record: attributes by number, the module's table, the slots of the virtual operations.
 namespace {

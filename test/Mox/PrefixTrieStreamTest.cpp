@@ -1,5 +1,5 @@
-#include "../Vel/StreamTools.h"
 #include "Mox/PrefixTrieFlowOut.h"
+#include "test/Vel/stream/StreamTools.h"
 
 #include <gtest/gtest.h>
 

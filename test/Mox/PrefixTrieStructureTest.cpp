@@ -2,8 +2,8 @@
 #include "PrefixTrieTest.h"
 #include "SetTest.h"
 
-#include "Vel/Dir.h"
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
+#include "Vel/entity/Dir.h"
 
 // How a trie grows, shrinks and holds its nodes.
 namespace {

@@ -2,7 +2,7 @@
 
 #include "PrefixTrieHooks.h"
 
-#include "Vel/Trace.h"
+#include "Vel/text/Trace.h"
 
 #include <gtest/gtest.h>
 

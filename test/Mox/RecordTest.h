@@ -2,9 +2,9 @@
 
 #include "ValueTest.h"
 
-#include "Vel/Checked.h"
-#include "Vel/Exception.h"
-#include "Vel/Format.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/Checked.h"
+#include "Vel/describe/Format.h"
 
 #include <concepts>
 #include <functional>

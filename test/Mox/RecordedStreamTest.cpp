@@ -1,6 +1,6 @@
-#include "../Vel/StreamTools.h"
-#include "../Vel/ValueTable.h"
 #include "ValueTest.h"
+#include "test/Vel/stream/StreamTools.h"
+#include "test/Vel/stream/ValueTable.h"
 
 #include "Mox/ChipSet.h"
 #include "Mox/Events.h"
@@ -10,7 +10,7 @@
 #include "Mox/TristateTypes.h"
 #include "Mox/UniqueId.h"
 
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "Vel/Entity.h"
-#include "Vel/HashMap.h"
-#include "Vel/OrderedMap.h"
+#include "Vel/entity/Entity.h"
+#include "Vel/entity/HashMap.h"
+#include "Vel/entity/OrderedMap.h"
 
 #include <set>
 #include <vector>

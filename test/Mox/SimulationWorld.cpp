@@ -4,8 +4,8 @@
 
 #include "Redundancy/RedundancyStatus.h"
 
-#include "Vel/Exception.h"
-#include "Vel/Module.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/Module.h"
 
 namespace Simulation {
 

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "../Vel/StreamTools.h"
-#include "../Vel/ValueTable.h"
 #include "Mox/Generation.h"
 #include "Mox/PrefixTrie.h"
 #include "Shelf.h"
+#include "test/Vel/stream/StreamTools.h"
+#include "test/Vel/stream/ValueTable.h"
 
 #include <array>
 #include <map>

@@ -1,7 +1,7 @@
 #include "SimulationWorld.h"
-#include "Vel/Exception.h"
-#include "Vel/Module.h"
-#include "Vel/StreamProtocol.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/Module.h"
+#include "Vel/stream/internal/StreamProtocol.h"
 
 namespace StreamCopies {
 

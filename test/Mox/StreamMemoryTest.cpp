@@ -1,13 +1,13 @@
-#include "../Vel/StreamTools.h"
-#include "../Vel/ValueTable.h"
 #include "Allocations.h"
 #include "Mox/Cell.h"
 #include "Mox/Generation.h"
 #include "Mox/PrefixTrie.h"
 #include "StreamSimulation.h"
+#include "test/Vel/stream/StreamTools.h"
+#include "test/Vel/stream/ValueTable.h"
 
-#include "Vel/Module.h"
-#include "Vel/StreamProtocol.h"
+#include "Vel/describe/Module.h"
+#include "Vel/stream/internal/StreamProtocol.h"
 
 #include <cstdio>
 #include <functional>

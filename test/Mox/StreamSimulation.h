@@ -2,7 +2,7 @@
 
 #include "SimulationWorld.h"
 
-#include "Vel/AttrLogReader.h"
+#include "Vel/stream/internal/AttrLogReader.h"
 
 #include <deque>
 #include <functional>

@@ -1,6 +1,6 @@
 #include "SimulationWorld.h"
 
-#include "Vel/AttrLogReader.h"
+#include "Vel/stream/internal/AttrLogReader.h"
 
 #include <cstdlib>
 #include <functional>

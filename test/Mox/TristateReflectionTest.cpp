@@ -1,8 +1,8 @@
 #include "ModuleTable.h"
 #include "TristateTest.h"
 
-#include "Vel/Exception.h"
-#include "Vel/Module.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/Module.h"
 
 #include <gtest/gtest.h>
 

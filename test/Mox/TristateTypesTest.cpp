@@ -2,7 +2,7 @@
 
 #include "TristateTest.h"
 
-#include "Vel/GenericIf.h"
+#include "Vel/describe/GenericIf.h"
 
 #include <gtest/gtest.h>
 

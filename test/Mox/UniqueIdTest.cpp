@@ -4,8 +4,8 @@
 #include "ModuleTable.h"
 #include "RecordTest.h"
 
-#include "Vel/Hash.h"
-#include "Vel/Module.h"
+#include "Vel/base/Hash.h"
+#include "Vel/describe/Module.h"
 
 #include <gtest/gtest.h>
 

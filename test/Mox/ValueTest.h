@@ -1,8 +1,8 @@
 #pragma once
 
-#include "Vel/GenericIf.h"
-#include "Vel/NboAttrLog.h"
-#include "Vel/Value.h"
+#include "Vel/describe/GenericIf.h"
+#include "Vel/describe/Value.h"
+#include "Vel/text/NboAttrLog.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 #include "Redundancy/RedundancyStatus.h"
 
-#include "Vel/Dir.h"
-#include "Vel/Exception.h"
-#include "Vel/Module.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/Module.h"
+#include "Vel/entity/Dir.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "Vel/Entity.h"
-#include "Vel/Module.h"
-#include "Vel/Value.h"
+#include "Vel/describe/Module.h"
+#include "Vel/describe/Value.h"
+#include "Vel/entity/Entity.h"
 
 // A record and an entity in which all is right. Most files here define one thing otherwise, and then include this.
 #ifndef MEMBER_Y

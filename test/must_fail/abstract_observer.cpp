@@ -1,4 +1,4 @@
 // expect: observer. (to be of|is an) abstract|type .Vel::Notifiee. is an abstract class
-#include "Vel/NotifieeList.h"
+#include "Vel/entity/NotifieeList.h"
 
 Vel::Notifiee observer;

@@ -1,5 +1,5 @@
 // expect: (deleted function .Vel::NotifieeList::NotifieeList|deleted constructor of .Vel::NotifieeList)
-#include "Vel/NotifieeList.h"
+#include "Vel/entity/NotifieeList.h"
 
 Vel::NotifieeList list;
 Vel::NotifieeList copy = list;

@@ -1,6 +1,6 @@
 // expect first: My::Colour, My::ColourName.*an enumeration needs an unsigned type: enum class Name : Vel::U8
-#include "Vel/Enumeration.h"
-#include "Vel/Module.h"
+#include "Vel/describe/Enumeration.h"
+#include "Vel/describe/Module.h"
 
 namespace My {
 

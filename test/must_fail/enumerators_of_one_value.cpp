@@ -1,6 +1,6 @@
 // expect first: My::Colour.*each enumerator needs a value of its own
-#include "Vel/Enumeration.h"
-#include "Vel/Module.h"
+#include "Vel/describe/Enumeration.h"
+#include "Vel/describe/Module.h"
 
 namespace My {
 

@@ -1,7 +1,7 @@
 #include "RunTool.h"
 
-#include "Vel/GenericIf.h"
-#include "Vel/Module.h"
+#include "Vel/describe/GenericIf.h"
+#include "Vel/describe/Module.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

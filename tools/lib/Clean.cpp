@@ -2,7 +2,7 @@
 
 #include "tools/lib/HexText.h"
 
-#include "Vel/PeerText.h"
+#include "Vel/text/PeerText.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -5,7 +5,7 @@
 #include "tools/lib/Names.h"
 #include "tools/lib/Output.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <algorithm>
 

@@ -5,7 +5,7 @@
 #include "Mount/Client.h"
 #include "Mount/Loop.h"
 
-#include "Vel/Dir.h"
+#include "Vel/entity/Dir.h"
 
 #include <optional>
 #include <string>

@@ -4,10 +4,10 @@
 #include "tools/lib/Names.h"
 #include "tools/lib/ValueText.h"
 
-#include "Vel/Exception.h"
-#include "Vel/OutSm.h"
-#include "Vel/PeerText.h"
-#include "Vel/Strep.h"
+#include "Vel/base/Exception.h"
+#include "Vel/text/OutSm.h"
+#include "Vel/text/PeerText.h"
+#include "Vel/text/Strep.h"
 
 #include <nlohmann/json.hpp>
 

@@ -2,8 +2,8 @@
 
 #include "tools/lib/Output.h"
 
-#include "Vel/Entity.h"
-#include "Vel/StreamTable.h"
+#include "Vel/describe/StreamTable.h"
+#include "Vel/entity/Entity.h"
 
 #include <functional>
 #include <optional>

@@ -3,7 +3,7 @@
 #include "tools/lib/Clean.h"
 #include "tools/lib/Output.h"
 
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
 
 #include <dlfcn.h>
 

@@ -2,7 +2,7 @@
 
 #include "tools/lib/Output.h"
 
-#include "Vel/Format.h"
+#include "Vel/describe/Format.h"
 
 #include <ctime>
 

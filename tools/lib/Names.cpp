@@ -2,7 +2,7 @@
 
 #include "tools/lib/Output.h"
 
-#include "Vel/Module.h"
+#include "Vel/describe/Module.h"
 
 #include <algorithm>
 #include <cctype>

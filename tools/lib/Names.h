@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Vel/GenericIf.h"
+#include "Vel/describe/GenericIf.h"
 
 #include <string>
 #include <string_view>

@@ -2,7 +2,7 @@
 
 #include "tools/lib/Clean.h"
 
-#include "Vel/Strep.h"
+#include "Vel/text/Strep.h"
 
 #include <nlohmann/json.hpp>
 

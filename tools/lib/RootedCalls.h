@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Vel/System.h"
+#include "Vel/base/System.h"
 
 #include <string>
 

@@ -4,9 +4,9 @@
 #include "tools/lib/Names.h"
 #include "tools/lib/ValueText.h"
 
-#include "Vel/Dir.h"
-#include "Vel/Exception.h"
-#include "Vel/Module.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/Module.h"
+#include "Vel/entity/Dir.h"
 
 #include <algorithm>
 #include <unordered_set>

@@ -2,7 +2,7 @@
 
 #include "Mox/PrefixTrie.h"
 
-#include "Vel/Checked.h"
+#include "Vel/describe/Checked.h"
 
 #include <string_view>
 

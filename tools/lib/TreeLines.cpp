@@ -3,7 +3,7 @@
 #include "tools/lib/Clean.h"
 #include "tools/lib/ValueText.h"
 
-#include "Vel/Strep.h"
+#include "Vel/text/Strep.h"
 
 namespace Tool {
 

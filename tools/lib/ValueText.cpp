@@ -3,8 +3,8 @@
 #include "tools/lib/Clean.h"
 #include "tools/lib/Output.h"
 
-#include "Vel/Exception.h"
-#include "Vel/Strep.h"
+#include "Vel/base/Exception.h"
+#include "Vel/text/Strep.h"
 
 #include <cstdlib>
 #include <optional>

@@ -6,7 +6,7 @@
 
 #include "Mox/Generation.h"
 
-#include "Vel/Dir.h"
+#include "Vel/entity/Dir.h"
 
 #include <nlohmann/json.hpp>
 

@@ -4,7 +4,7 @@
 
 #include "LibTest.h"
 
-#include "Vel/Dir.h"
+#include "Vel/entity/Dir.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include "LibTest.h"
 
 #include "Mox/Cell.h"
-#include "Vel/Dir.h"
+#include "Vel/entity/Dir.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include "Mox/Events.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
-#include "Vel/Assert.h"
-#include "Vel/Exception.h"
-#include "Vel/Module.h"
-#include "Vel/Value.h"
+#include "Vel/base/Assert.h"
+#include "Vel/base/Exception.h"
+#include "Vel/describe/Module.h"
+#include "Vel/describe/Value.h"
 
 // A statistic that the tool has never heard of, with what may go wrong when it is fed.
 namespace Test {

@@ -1,5 +1,5 @@
-#include "Vel/Module.h"
-#include "Vel/Value.h"
+#include "Vel/describe/Module.h"
+#include "Vel/describe/Value.h"
 
 // Defines a type whose name is taken.
 namespace Clash {

@@ -1,6 +1,6 @@
-#include "Vel/Assert.h"
-#include "Vel/Module.h"
-#include "Vel/Value.h"
+#include "Vel/base/Assert.h"
+#include "Vel/describe/Module.h"
+#include "Vel/describe/Value.h"
 
 // Types that the tool has never heard of, with what may go wrong when one reads them.
 namespace Test {

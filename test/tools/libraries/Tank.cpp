@@ -1,6 +1,6 @@
-#include "Vel/Entity.h"
-#include "Vel/Module.h"
-#include "Vel/Value.h"
+#include "Vel/describe/Module.h"
+#include "Vel/describe/Value.h"
+#include "Vel/entity/Entity.h"
 
 #include <map>
 

@@ -1,0 +1,321 @@
+#pragma once
+
+#include "Vel/base/Types.h"
+#include "Vel/describe/internal/DeriveAttributeType.h"
+
+#include <array>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+
+// What an attribute of a described type can be, and the functions that say so in a description (see Describe.h).
+namespace Vel {
+
+// What can be asked of an attribute, or (from truth on) of a value as a whole. The numbers are part of the interface.
+enum class AttributeOp : U32 {
+    get = 0,
+    set = 1,
+    del = 2,            // removes a key of a collection; yields what was there
+    count = 3,          // number of members of a collection
+    changeCounter = 4,  // changes whenever the collection does
+    exists = 5,         // whether a collection holds a key
+    call = 10,
+    truth = 11,
+    equal = 12,
+    less = 13,
+    sum = 14,
+    difference = 15,
+    product = 16,
+    quotient = 17,
+    bitAnd = 18,
+    bitOr = 19,
+    bitXor = 20,
+    complement = 21
+};
+constexpr U32 opBit(AttributeOp op) { return U32(1) << static_cast<U32>(op); }
+
+// What an attribute is. The numbers are part of the module tables.
+enum class AttributeKind : U8 {
+    field = 0,           // a stored part of the value: in its text and its stream form
+    derived = 1,         // computed from the value
+    constant = 2,        //
+    setter = 3,          // write-only
+    method = 4,          // callable
+    collection = 5,      // members reached by key
+    ctorParam = 6,       // a constructor's parameter; answers no operation
+    declared = 7,        // named in the tables only; answers no operation
+    entityAttribute = 8  // a notifying attribute of an entity
+};
+inline constexpr std::size_t maxParameters = 6;
+
+class String;
+
+namespace Detail {
+
+// What reflection takes an argument as: a function that takes a text by view is given a String.
+template <class A> struct ArgumentType { using Type = A; };
+template <> struct ArgumentType<std::string_view> { using Type = String; };
+template <class A> using Argument = typename ArgumentType<std::remove_cvref_t<A>>::Type;
+
+template <class F> struct Signature;
+template <class R, class... A> struct Signature<R (*)(A...)> {
+    using Result = R;
+    using Arguments = std::tuple<Argument<A>...>;
+    static constexpr bool isStatic = true;
+};
+template <class R, class... A> struct Signature<R (*)(A...) noexcept> : Signature<R (*)(A...)> {};
+#define VEL_MEMBER_SIGNATURE(QUALIFIERS)                                                                               \
+    template <class R, class C, class... A> struct Signature<R (C::*)(A...) QUALIFIERS> {                              \
+        using Result = R;                                                                                              \
+        using Arguments = std::tuple<Argument<A>...>;                                                                  \
+        static constexpr bool isStatic = false;                                                                        \
+    };
+VEL_MEMBER_SIGNATURE()
+VEL_MEMBER_SIGNATURE(const)
+VEL_MEMBER_SIGNATURE(&)
+VEL_MEMBER_SIGNATURE(const&)
+VEL_MEMBER_SIGNATURE(noexcept)
+VEL_MEMBER_SIGNATURE(const noexcept)
+VEL_MEMBER_SIGNATURE(&noexcept)
+VEL_MEMBER_SIGNATURE(const& noexcept)
+#undef VEL_MEMBER_SIGNATURE
+
+template <class M> struct MemberType;
+template <class C, class M> struct MemberType<M C::*> { using Type = M; };
+template <auto Member> using MemberValue = typename MemberType<decltype(Member)>::Type;
+
+template <auto F> inline constexpr bool given = !std::is_same_v<std::remove_cv_t<decltype(F)>, None>;
+
+// Result and arguments of a function that an attribute names; of none, None and no arguments.
+template <auto F> struct SignatureOf : Signature<decltype(F)> {};
+template <auto F>
+requires(!given<F>) struct SignatureOf<F> {
+    using Result = None;
+    using Arguments = std::tuple<>;
+};
+template <auto F> using ResultOf = std::remove_cvref_t<typename SignatureOf<F>::Result>;
+
+}  // namespace Detail
+
+// Each attribute type says: its name and kind, which operations it answers, the type of its value, of its key and of a
+// call's result (void: none), and its parameters.
+namespace Detail {
+
+struct AttributeBase {
+    std::string_view name;
+    using Key = void;
+    using Result = void;
+    using Parameters = std::tuple<>;
+    std::array<std::string_view, maxParameters> parameterNames{};
+};
+
+}  // namespace Detail
+
+template <auto Member, auto Setter, bool Writable> struct Field : Detail::AttributeBase {
+    using Value = Detail::MemberValue<Member>;
+    static constexpr auto kind = AttributeKind::field;
+    static constexpr U32 ops = opBit(AttributeOp::get) | (Writable ? opBit(AttributeOp::set) : 0);
+    static constexpr auto member = Member;
+    static constexpr auto setter = Setter;
+};
+
+template <auto Getter, auto Setter> struct Derived : Detail::AttributeBase {
+    using Value = Detail::ResultOf<Getter>;
+    static constexpr auto kind = AttributeKind::derived;
+    static constexpr U32 ops = opBit(AttributeOp::get) | (Detail::given<Setter> ? opBit(AttributeOp::set) : 0);
+    static constexpr auto getter = Getter;
+    static constexpr auto setter = Setter;
+};
+
+template <auto Getter> struct Constant : Detail::AttributeBase {
+    using Value = Detail::ResultOf<Getter>;
+    static constexpr auto kind = AttributeKind::constant;
+    static constexpr U32 ops = opBit(AttributeOp::get);
+    static constexpr auto getter = Getter;
+};
+
+template <auto Function> struct Setter : Detail::AttributeBase {
+    using Value = std::tuple_element_t<0, typename Detail::SignatureOf<Function>::Arguments>;
+    static constexpr auto kind = AttributeKind::setter;
+    static constexpr U32 ops = opBit(AttributeOp::set);
+    static constexpr auto setter = Function;
+};
+
+template <auto Function> struct Method : Detail::AttributeBase {
+    using Value = void;
+    using Result = Detail::ResultOf<Function>;
+    using Parameters = typename Detail::SignatureOf<Function>::Arguments;
+    static constexpr auto kind = AttributeKind::method;
+    static constexpr U32 ops = opBit(AttributeOp::call);
+    static constexpr auto function = Function;
+};
+
+// The operations of a keyed collection; each is a member or free function, or absent.
+template <auto Get, auto Set, auto Del, auto Count, auto ChangeCounter, auto Exists> struct CollectionOps {};
+
+template <class KeyType, class ValueType, class Ops> struct Collection;
+template <class KeyType, class ValueType, auto Get, auto Set, auto Del, auto Count, auto ChangeCounter, auto Exists>
+struct Collection<KeyType, ValueType, CollectionOps<Get, Set, Del, Count, ChangeCounter, Exists>>
+    : Detail::AttributeBase {
+    using Value = ValueType;
+    using Key = KeyType;
+    static constexpr auto kind = AttributeKind::collection;
+    static constexpr U32 ops =
+        (Detail::given<Get> ? opBit(AttributeOp::get) : 0) | (Detail::given<Set> ? opBit(AttributeOp::set) : 0) |
+        (Detail::given<Del> ? opBit(AttributeOp::del) : 0) | (Detail::given<Count> ? opBit(AttributeOp::count) : 0) |
+        (Detail::given<ChangeCounter> ? opBit(AttributeOp::changeCounter) : 0) |
+        (Detail::given<Exists> ? opBit(AttributeOp::exists) : 0);
+    static constexpr auto get = Get;
+    static constexpr auto set = Set;
+    static constexpr auto del = Del;
+    static constexpr auto count = Count;
+    static constexpr auto changeCounter = ChangeCounter;
+    static constexpr auto exists = Exists;
+};
+
+// How a collection travels to replicas: what is at a key, who makes it there, and how it is visited here.
+enum class Members : U8 {
+    none = 0,        // the collection does not travel
+    references = 1,  // key and member; the member is announced by itself
+    instances = 2,   // the replica's collection makes the member from the key
+    values = 3       // key and value, which is no entity
+};
+
+// A collection that is streamed. Visit gives its members: a range of Ptr to members that are named by their keys, or a
+// function that calls its argument with each; of values, a range of keys, or of what holds them as `first` or `key`, or
+// such a function. Adopt, of instances, takes a member that was made elsewhere.
+template <class A, Members How, auto VisitFunction, auto AdoptFunction> struct StreamedCollection : A {
+    static constexpr Members members = How;
+    static constexpr auto visit = VisitFunction;
+    static constexpr auto adopt = AdoptFunction;
+};
+
+template <class ValueType, AttributeKind Kind> struct Declared : Detail::AttributeBase {
+    using Value = ValueType;
+    static constexpr auto kind = Kind;
+    static constexpr U32 ops = 0;
+};
+
+template <auto Member, auto Getter, auto Setter> struct EntityAttribute : Detail::AttributeBase {
+    using Value = Detail::MemberValue<Member>;
+    static constexpr auto kind = AttributeKind::entityAttribute;
+    static constexpr U32 ops = opBit(AttributeOp::get) | (Detail::given<Setter> ? opBit(AttributeOp::set) : 0);
+    static constexpr auto member = Member;
+    static constexpr auto getter = Getter;
+    static constexpr auto setter = Setter;
+};
+
+namespace Detail {
+
+// Stands for an attribute that the compiler has complained about, so that nothing else is said because of it.
+struct Broken : AttributeBase {
+    using Value = void;
+    static constexpr auto kind = AttributeKind::declared;
+    static constexpr U32 ops = 0;
+};
+template <class A> inline constexpr bool isBroken = std::is_same_v<A, Broken>;
+
+// Member is what the description names the attribute by.
+template <class A, auto Member, class... Names> constexpr auto named(char const* name, Names... parameterNames) {
+    constexpr std::size_t parameters = std::tuple_size_v<typename A::Parameters>;
+    static_assert(sizeof...(Names) == parameters, "name every parameter of the function");
+    static_assert(parameters <= maxParameters, "a method that reflection can call takes at most six parameters");
+    if constexpr (sizeof...(Names) != parameters || parameters > maxParameters || !hasGoodTypes<Member, A>) {
+        return Broken{{.name = name}};
+    } else {
+        A attribute{};
+        attribute.name = name;
+        attribute.parameterNames = {std::string_view(parameterNames)...};
+        return attribute;
+    }
+}
+
+}  // namespace Detail
+
+// A stored field, read and written as it is.
+template <auto Member> constexpr auto field(char const* name) {
+    return Detail::named<Field<Member, Detail::None{}, true>, Member>(name);
+}
+// A stored field whose reflective set calls SetterFunction.
+template <auto Member, auto SetterFunction> constexpr auto checkedField(char const* name) {
+    return Detail::named<Field<Member, SetterFunction, true>, Member>(name);
+}
+template <auto Member> constexpr auto readOnlyField(char const* name) {
+    return Detail::named<Field<Member, Detail::None{}, false>, Member>(name);
+}
+// A computed attribute: Getter takes the value; with SetterFunction it can be set too.
+template <auto Getter, auto SetterFunction = Detail::None{}> constexpr auto derived(char const* name) {
+    return Detail::named<Derived<Getter, SetterFunction>, Getter>(name);
+}
+// A constant: Getter is a function without arguments.
+template <auto Getter> constexpr auto constant(char const* name) {
+    return Detail::named<Constant<Getter>, Getter>(name);
+}
+// A write-only attribute.
+template <auto Function> constexpr auto setter(char const* name) {
+    return Detail::named<Setter<Function>, Function>(name);
+}
+// A member function, or a static one, with the names of its parameters.
+template <auto Function, class... Names> constexpr auto method(char const* name, Names... parameterNames) {
+    return Detail::named<Method<Function>, Function>(name, parameterNames...);
+}
+// A keyed collection. Functions that it lacks are Vel::none.
+inline constexpr Detail::None none{};
+template <class Key, class Value, auto Get = none, auto Set = none, auto Del = none, auto Count = none,
+    auto ChangeCounter = none, auto Exists = none>
+constexpr auto collection(char const* name) {
+    return Detail::named<Collection<Key, Value, CollectionOps<Get, Set, Del, Count, ChangeCounter, Exists>>, Get>(name);
+}
+// A collection that travels to replicas, which put the members that they are sent into it. It needs Set and Del.
+template <auto Visit, class A> constexpr auto references(A collection) {
+    if constexpr (Detail::isBroken<A>)
+        return collection;
+    else
+        return StreamedCollection<A, Members::references, Visit, Detail::None{}>{collection};
+}
+// The same, but the replica's collection makes the members itself: Set takes the key alone.
+template <auto Visit, auto Adopt, class A> constexpr auto instances(A collection) {
+    if constexpr (Detail::isBroken<A>)
+        return collection;
+    else
+        return StreamedCollection<A, Members::instances, Visit, Adopt>{collection};
+}
+// A collection of values that travels to replicas. It needs Get, Set, Del and Exists, and tells of each key that it sets
+// to another value or deletes: velNotify<"name">(key).
+template <auto Visit, class A> constexpr auto values(A collection) {
+    if constexpr (Detail::isBroken<A>) {
+        return collection;
+    } else {
+        static_assert(
+            Detail::given<A::get> && Detail::given<A::set> && Detail::given<A::del> && Detail::given<A::exists>,
+            "a collection of values that travels needs Get, Set, Del and Exists");
+        return StreamedCollection<A, Members::values, Visit, Detail::None{}>{collection};
+    }
+}
+// A parameter of the constructor that is listed among the attributes.
+template <class Value> constexpr auto ctorParam(char const* name) {
+    return Detail::named<Declared<Value, AttributeKind::ctorParam>, Detail::None{}>(name);
+}
+// A name in the tables whose every operation is refused.
+constexpr auto declared(char const* name) {
+    return Detail::named<Declared<void, AttributeKind::declared>, Detail::None{}>(name);
+}
+// A notifying attribute of an entity: the member that stores it, its accessor and its mutator.
+template <auto Member, auto Getter, auto SetterFunction = Detail::None{}> constexpr auto attribute(char const* name) {
+    return Detail::named<EntityAttribute<Member, Getter, SetterFunction>, Member>(name);
+}
+
+// A collection that reflection can walk. Begin gives an iterator that is false at the end and has key() and next(), or
+// ++; Erase, if given, removes the member that an iterator stands on.
+template <class A, auto BeginFunction, auto EraseFunction> struct IteratedCollection : A {
+    static constexpr auto begin = BeginFunction;
+    static constexpr auto erase = EraseFunction;
+};
+template <auto Begin, auto Erase = none, class A> constexpr auto iterated(A collection) {
+    if constexpr (Detail::isBroken<A>)
+        return collection;
+    else
+        return IteratedCollection<A, Begin, Erase>{collection};
+}
+
+}  // namespace Vel

@@ -1,0 +1,146 @@
+#pragma once
+
+#include "Vel/describe/GenericIf.h"
+#include "Vel/describe/Value.h"
+#include "Vel/text/OutSm.h"
+
+#include <deque>
+#include <span>
+
+// What of an entity type travels to its replicas, as functions derived from the type's description.
+namespace Vel {
+
+struct StreamTable;
+
+namespace NboAttrLog {
+
+class FlowOut;
+
+// How far a collection has been flowed out: the keys that are left.
+class VEL_API Bookmark {
+public:
+    virtual ~Bookmark();
+    virtual std::size_t left() const = 0;
+    virtual void next(Out& key) = 0;  // appends the encoding of the next key, and removes it. REQUIRES: left() != 0
+};
+
+template <class Key> class velFlowOutBookmarkDeq final : public Bookmark {
+public:
+    void add(Key key) { keys_.push_back(std::move(key)); }
+    std::deque<Key> const& keys() const { return keys_; }
+    std::size_t left() const override { return keys_.size(); }
+    void next(Out& key) override {
+        key << keys_.front();
+        keys_.pop_front();
+    }
+
+private:
+    std::deque<Key> keys_;
+};
+
+// Where the values of an entity's attributes are written to.
+class VEL_API SerializeSink {
+public:
+    // Bits of attrLogFlags(): somebody else may deliver changes to many readers at once, ...
+    static constexpr U32 multicastBit = 0x4000;
+    // ... but not while the entity is flowed out to one reader, or while a change of a reader is applied.
+    static constexpr U32 flowingOutBit = 0x80000;
+    static constexpr U32 fromRemoteBit = 0x100000;
+
+    virtual ~SerializeSink();
+    U32 attrLogFlags() const { return attrLogFlags_; }
+    void attrLogFlagsIs(U32 bits, bool on) { attrLogFlags_ = on ? attrLogFlags_ | bits : attrLogFlags_ & ~bits; }
+
+    // Writes one message with the attribute's value. `flowingOut`: to the reader that is being flowed out to, else to
+    // all that read along.
+    template <class T> void handleValueSerialization(AttributeId id, T const& value, bool flowingOut) {
+        if ((attrLogFlags_ & multicastBit) && !(attrLogFlags_ & (flowingOutBit | fromRemoteBit)))
+            if (doMessageMulticast(id)) return;
+        OutSm* const sm = singletonSerializeCheck(id, flowingOut, true, attrLogSize(&value), false);
+        if (!sm) return;
+        sm->out() << value;
+        Impl::outSmCommitMessage(*sm);
+    }
+
+    // The same for what a collection of values holds at a key, of which `key` is the encoding.
+    template <class T>
+    void handleKeySerialization(AttributeId id, std::span<U8 const> key, T const& value, bool flowingOut) {
+        OutSm* const sm = singletonSerializeCheck(id, flowingOut, false, key.size() + attrLogSize(&value), true);
+        if (!sm) return;
+        std::memcpy(sm->out().append(key.size()), key.data(), key.size());
+        sm->out() << value;
+        Impl::outSmCommitMessage(*sm);
+    }
+
+    // Whether the attribute's change has been delivered, so that nothing is left to do.
+    virtual bool doMessageMulticast(AttributeId id) = 0;
+    // The output for a value of `encodedSize` bytes, a message begun in it; null when nobody wants it. `whole`: the
+    // message holds the whole attribute, and not one key, which `isKey` says.
+    virtual OutSm* singletonSerializeCheck(
+        AttributeId id, bool flowingOut, bool whole, std::size_t encodedSize, bool isKey) = 0;
+
+private:
+    U32 attrLogFlags_ = 0;
+};
+
+// Throws StreamException unless the entity's type is `declared` or derives from it.
+VEL_API void ensureCorrectType(VelType type, VelType declared);
+
+}  // namespace NboAttrLog
+
+enum class StreamKind : U8 { value, pointer, references, instances, values };
+
+// One streamed attribute. Keys are passed as their encoding. What reads takes the whole of its input or throws
+// StreamException before anything has changed.
+struct StreamAttribute {
+    AttributeId id;
+    StreamKind kind;
+    VelType (*type)();  // of the value or values, or what the target or the members are declared as
+    bool varies;        // the value, or those of a collection, take more bytes or fewer
+
+    // Of a value:
+    void (*serialize)(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, bool flowingOut);
+    void (*apply)(Entity& entity, NboAttrLog::In& in);
+    // Of a pointer:
+    Entity* (*target)(Entity const& entity);
+    void (*targetIs)(Entity& entity, Entity* target);  // null for none
+    // Of a collection:
+    NboAttrLog::Bookmark* (*bookmark)(Entity const& entity);  // of all keys that there are
+    std::size_t (*count)(Entity const& entity);               // of them; takes as long where nothing else tells
+    void (*writeKey)(NboAttrLog::Out& out, void const* key);
+    void (*skipKey)(NboAttrLog::In& in);
+    void (*memberDel)(Entity& entity, NboAttrLog::In& key);
+    // Of entities:
+    void (*visit)(Entity const& entity, void (*visit)(void* context, Entity& member), void* context);
+    Entity* (*member)(Entity const& entity, NboAttrLog::In& key);  // or null
+    void (*memberIs)(Entity& entity, NboAttrLog::In& key, Entity& member);
+    Entity* (*memberNew)(Entity& entity, NboAttrLog::In& key);  // of instances
+    bool adopts;                                                // of instances: memberIs takes what was made elsewhere
+    bool keyIsName;                                             // members have their keys as names
+    // Of values:
+    bool (*holds)(Entity const& entity, NboAttrLog::In& key);
+    void (*serializeKey)(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, std::span<U8 const> key,
+        bool flowingOut);
+    void (*applyKey)(Entity& entity, NboAttrLog::In& key, NboAttrLog::In& value);
+
+    bool holdsEntities() const { return kind == StreamKind::references || kind == StreamKind::instances; }
+    bool isCollection() const { return holdsEntities() || kind == StreamKind::values; }
+};
+
+struct StreamTable {
+    std::span<StreamAttribute const> attributes;  // in the order of their ids
+    bool takesName;                               // the constructor parameter
+    bool isCreatable;                             // so that a replica can be made of it
+    NboAttrLog::FlowOut* (*newFlowOut)(StreamTable const& table, AttributeId from);  // null: the plain one
+
+    StreamAttribute const* find(AttributeId id) const {
+        for (StreamAttribute const& attribute : attributes)
+            if (attribute.id == id) return &attribute;
+        return nullptr;
+    }
+    std::size_t index(StreamAttribute const& attribute) const {
+        return static_cast<std::size_t>(&attribute - attributes.data());
+    }
+};
+
+}  // namespace Vel

@@ -1,0 +1,9 @@
+#pragma once
+
+#include "Vel/describe/internal/DeriveFingerprint.h"
+#include "Vel/describe/internal/DeriveGlue.h"
+#include "Vel/describe/internal/DeriveStream.h"
+#include "Vel/describe/internal/DeriveTable.h"
+#include "Vel/describe/internal/DeriveText.h"
+
+// What VEL_MODULE derives from descriptions: the text form, the glue, the table and its fingerprint.

@@ -1,0 +1,102 @@
+#pragma once
+
+#include "Vel/describe/internal/DeriveTable.h"
+
+#include <algorithm>
+
+// A module's fingerprint: a hash of everything that its descriptions say, computed by the compiler.
+namespace Vel::Detail {
+
+// FNV-1a, 64 bits (Fowler, Noll, Vo), over the canonical spelling below. The seed is the one from which the Seqno
+// module's spelling hashes to b10c04b51b44f4ab, the fingerprint in that module's symbol.
+class Fnv {
+public:
+    constexpr Fnv& operator<<(std::string_view text) {
+        for (char const c : text) state_ = (state_ ^ static_cast<unsigned char>(c)) * 0x100000001b3ul;
+        return *this;
+    }
+    constexpr Fnv& operator<<(U64 number) {
+        char digits[20] = {};
+        std::size_t count = 0;
+        do digits[count++] = static_cast<char>('0' + number % 10);
+        while (number /= 10);
+        while (count) *this << std::string_view(&digits[--count], 1);
+        return *this;
+    }
+    constexpr U64 result() const { return state_; }
+
+private:
+    U64 state_ = 0x4efd2ecf4fc3cb67ul;
+};
+
+// "-" where there is no name, so that the spelling can be read back word by word.
+constexpr std::string_view orDash(std::string_view name) { return name.empty() ? std::string_view("-") : name; }
+
+template <class T> constexpr void spellType(Fnv& hash) {
+    unsigned form = 3;
+    if constexpr (Described<T>) form = static_cast<unsigned>(DescriptionOf<T>::form);
+    hash << "type " << typeName<T>() << " form " << U32(form) << " base " << orDash(TypeNameOf<BaseType<T>>::value)
+         << " flags " << U32(typeFlags<T>() & (TypeFlag::ownText | TypeFlag::ownStream | TypeFlag::hashable)) << " ops "
+         << valueOps<T>() << "\n";
+    forEachAttributeOf<T>([&](auto const& a, auto index) {
+        using A = std::remove_cvref_t<decltype(a)>;
+        hash << "attribute " << firstAttributeId<T>() + static_cast<U32>(decltype(index)::value) << " " << a.name
+             << " kind " << U32(A::kind) << " ops " << A::ops << " value "
+             << orDash(TypeNameOf<typename A::Value>::value) << " key " << orDash(TypeNameOf<typename A::Key>::value)
+             << " result " << orDash(TypeNameOf<typename A::Result>::value);
+        if constexpr (requires { A::members; })
+            hash << (A::members == Members::values      ? " values"
+                     : A::members == Members::instances ? " instances"
+                                                        : " references");
+        if constexpr (requires { A::number; }) hash << " is " << A::number;
+        hash << "\n";
+        forEachParameter(a,
+            [&](std::string_view name, std::string_view type) { hash << "parameter " << name << " " << type << "\n"; });
+    });
+}
+
+template <class... Ts> constexpr U64 moduleFingerprint(std::string_view name) {
+    Fnv hash;
+    hash << "module " << name << "\n";
+    (spellType<Ts>(hash), ...);
+    return hash.result();
+}
+
+struct FingerprintDigits {
+    char digits[17] = {};
+    constexpr FingerprintDigits() = default;
+    template <std::size_t N> consteval FingerprintDigits(char const (&text)[N]) {
+        static_assert(N == 17, "the fingerprint in VEL_MODULE has 16 hexadecimal digits");
+        std::copy(text, text + std::min<std::size_t>(N - 1, 16), digits);
+    }
+    constexpr std::string_view view() const { return {digits, 16}; }
+    friend constexpr bool operator==(FingerprintDigits const&, FingerprintDigits const&) = default;
+};
+
+constexpr FingerprintDigits hexDigits(U64 value) {
+    FingerprintDigits result;
+    for (unsigned i = 0; i < 16; ++i) result.digits[i] = "0123456789abcdef"[(value >> (60 - 4 * i)) & 15];
+    return result;
+}
+
+template <FingerprintDigits Digits> struct DigitsText { static constexpr std::string_view value = Digits.view(); };
+template <FingerprintDigits Digits> using ShownDigits = ShownText<DigitsText<Digits>>;
+
+// The fingerprint that the module should have; of one with an error, which has been told, what is written.
+template <class... Ts> constexpr FingerprintDigits rightDigits(std::string_view name, FingerprintDigits written) {
+    if constexpr (TypesOfModule<Ts...>::good)
+        return hexDigits(moduleFingerprint<Ts...>(name));
+    else
+        return written;
+}
+
+template <class Right, class Written> struct Fingerprint {
+    static constexpr bool isRight = std::is_same_v<Right, Written>;
+};
+template <class Right, class Written> constexpr auto checkFingerprint() {
+    static_assert(Fingerprint<Right, Written>::isRight,
+        "the module's description has changed: give VEL_MODULE the fingerprint that stands first");
+    return Asserted();
+}
+
+}  // namespace Vel::Detail

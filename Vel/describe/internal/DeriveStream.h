@@ -1,0 +1,285 @@
+#pragma once
+
+#include "Vel/base/Exception.h"
+#include "Vel/describe/StreamTable.h"
+#include "Vel/describe/internal/DeriveOps.h"
+
+// An entity type's table of what is streamed, derived from its description: attributes that a mutator sets, and the
+// collections that say how they travel.
+namespace Vel::Detail {
+
+template <class V> struct Pointee { using Type = void; };
+template <class E> struct Pointee<Ptr<E>> { using Type = std::remove_const_t<E>; };
+
+template <class A> constexpr bool isStreamed() {
+    if constexpr (A::kind == AttributeKind::entityAttribute)
+        return given<A::setter>;
+    else
+        return requires { A::members; };
+}
+
+inline void needEnd(NboAttrLog::In const& in) {
+    if (in.left() != 0) throw StreamException("a value is followed by bytes that are not its own", in.offset());
+}
+
+// The functions of one attribute. T is the type that describes it.
+template <class T, class A> struct StreamedAttribute {
+    using Value = typename A::Value;
+
+    static void serialize(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, bool flowingOut) {
+        // What is stored: an accessor may compute, and tell observers, and throw.
+        sink.handleValueSerialization(id, static_cast<T const&>(entity).*A::member, flowingOut);
+    }
+    static void apply(Entity& entity, NboAttrLog::In& in) {
+        Value const value = nextItem<Value>(in);
+        needEnd(in);
+        std::invoke(A::setter, static_cast<T&>(entity), value);
+    }
+};
+
+template <class T, class A> struct StreamedPointer {
+    using E = typename Pointee<typename A::Value>::Type;
+
+    static Entity* target(Entity const& entity) {
+        return const_cast<E*>((static_cast<T const&>(entity).*A::member).get());
+    }
+    static void targetIs(Entity& entity, Entity* target) {
+        std::invoke(A::setter, static_cast<T&>(entity), typename A::Value(static_cast<E*>(target)));
+    }
+};
+
+// What collections of every kind have.
+template <class T, class A> struct StreamedKeys {
+    using Key = typename A::Key;
+    using In = NboAttrLog::In;
+    static constexpr bool keyIsText = std::is_same_v<Key, String>;
+
+    template <class F> static void each(Entity const& entity, F f) {
+        T const& object = static_cast<T const&>(entity);
+        if constexpr (std::is_invocable_v<decltype(A::visit), T const&, F>)
+            std::invoke(A::visit, object, f);
+        else
+            for (auto const& member : std::invoke(A::visit, object)) f(member);
+    }
+    static NboAttrLog::Bookmark* bookmark(Entity const& entity) {
+        auto made = std::make_unique<NboAttrLog::velFlowOutBookmarkDeq<Key>>();
+        each(entity, [&](auto const& m) {
+            if constexpr (requires { m.first; })
+                made->add(m.first);
+            else if constexpr (requires { m.key; })
+                made->add(m.key);
+            else if constexpr (A::members == Members::values)
+                made->add(m);
+            else
+                made->add(m->name());
+        });
+        return made.release();
+    }
+    static std::size_t count(Entity const& entity) {
+        if constexpr (given<A::count>) {
+            return std::invoke(A::count, static_cast<T const&>(entity));
+        } else {
+            std::size_t number = 0;
+            each(entity, [&](auto const&) { ++number; });
+            return number;
+        }
+    }
+    static void writeKey(NboAttrLog::Out& out, void const* key) { out << *static_cast<Key const*>(key); }
+    static void skipKey(In& in) { nextItem<Key>(in); }
+    static Key keyOf(In& in) {
+        Key key = nextItem<Key>(in);
+        needEnd(in);
+        return key;
+    }
+    template <auto F, class Object>
+    static constexpr bool byView = keyIsText&& std::is_invocable_v<decltype(F), Object&, std::string_view>;
+
+    // Looks texts up where they lie, without a String.
+    template <auto F, class Object> static decltype(auto) withKey(Object& object, In& in) {
+        if constexpr (byView<F, Object>) {
+            U32 const length = in.nextU32();
+            U8 const* const text = in.take(length);
+            if (!text) throw StreamException("a key ends too early", in.offset());
+            needEnd(in);
+            return std::invoke(F, object, std::string_view(reinterpret_cast<char const*>(text), length));
+        } else {
+            return std::invoke(F, object, keyOf(in));
+        }
+    }
+    static void memberDel(Entity& entity, In& in) { withKey<A::del>(static_cast<T&>(entity), in); }
+};
+
+template <class T, class A> struct StreamedMembers : StreamedKeys<T, A> {
+    using Keys = StreamedKeys<T, A>;
+    using typename Keys::Key;
+    using typename Keys::In;
+    using E = typename Pointee<typename A::Value>::Type;
+
+    template <class M> static E& memberOf(M const& m) {
+        if constexpr (requires { m.second; })
+            return *const_cast<E*>(static_cast<E const*>(m.second.get()));
+        else if constexpr (requires { m.value; })
+            return *const_cast<E*>(static_cast<E const*>(m.value.get()));
+        else
+            return *const_cast<E*>(static_cast<E const*>(m.get()));
+    }
+    static void visit(Entity const& entity, void (*f)(void*, Entity&), void* context) {
+        Keys::each(entity, [&](auto const& m) { f(context, memberOf(m)); });
+    }
+    static Entity* member(Entity const& entity, In& in) {
+        auto const found = Keys::template withKey<A::get>(static_cast<T const&>(entity), in);
+        return const_cast<E*>(static_cast<E const*>(found.get()));
+    }
+    static void memberIs(Entity& entity, In& in, Entity& newMember) {
+        T& object = static_cast<T&>(entity);
+        Key const key = Keys::keyOf(in);
+        E& typed = static_cast<E&>(newMember);
+        typename A::Value const value(&typed);
+        auto const needName = [&] {
+            if constexpr (Keys::keyIsText)
+                if (!(typed.name() == key)) throw StreamException("a member's name is not its key", 0);
+        };
+        if constexpr (A::members == Members::instances) {
+            needName();
+            if constexpr (given<A::adopt>)
+                std::invoke(A::adopt, object, value);
+            else
+                throw StreamException("a collection that makes its members was given one", 0);
+        } else if constexpr (std::is_invocable_v<decltype(A::set), T&, typename A::Value const&>) {
+            needName();
+            std::invoke(A::set, object, value);
+        } else {
+            std::invoke(A::set, object, key, value);
+        }
+    }
+    static Entity* memberNew(Entity& entity, In& in) {
+        if constexpr (A::members == Members::instances) {
+            auto const made = std::invoke(A::set, static_cast<T&>(entity), Keys::keyOf(in));
+            return made.get();
+        } else {
+            return nullptr;
+        }
+    }
+};
+
+template <class T, class A> struct StreamedValues : StreamedKeys<T, A> {
+    using Keys = StreamedKeys<T, A>;
+    using typename Keys::In;
+    using Value = typename A::Value;
+
+    static bool holds(Entity const& entity, In& in) {
+        return Keys::template withKey<A::exists>(static_cast<T const&>(entity), in);
+    }
+    static void serializeKey(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity,
+        std::span<U8 const> key, bool flowingOut) {
+        In in(key);
+        Value const& value = Keys::template withKey<A::get>(static_cast<T const&>(entity), in);
+        sink.handleKeySerialization(id, key, value, flowingOut);
+    }
+    // What is there already is not set again, so that observers are told of differences only.
+    static void applyKey(Entity& entity, In& in, In& items) {
+        T& object = static_cast<T&>(entity);
+        auto const key = Keys::keyOf(in);
+        Value const value = nextItem<Value>(items);
+        needEnd(items);
+        if constexpr (offersEquality<Value>())
+            if (std::invoke(A::exists, std::as_const(object), key) &&
+                equalValues<Value>(std::invoke(A::get, std::as_const(object), key), value))
+                return;
+        std::invoke(A::set, object, key, value);
+    }
+};
+
+template <class T, class A> constexpr void fillCollection(StreamAttribute& row) {
+    using K = StreamedKeys<T, A>;
+    row.bookmark = &K::bookmark;
+    row.count = &K::count;
+    row.writeKey = &K::writeKey;
+    row.skipKey = &K::skipKey;
+    row.memberDel = &K::memberDel;
+    if constexpr (A::members == Members::values) {
+        static_assert(std::is_void_v<typename Pointee<typename A::Value>::Type>,
+            "entities travel by Vel::references or Vel::instances");
+        using F = StreamedValues<T, A>;
+        row.kind = StreamKind::values;
+        row.varies = fixedWidth<typename A::Value>() == 0;
+        row.holds = &F::holds;
+        row.serializeKey = &F::serializeKey;
+        row.applyKey = &F::applyKey;
+    } else {
+        using F = StreamedMembers<T, A>;
+        row.kind = A::members == Members::instances ? StreamKind::instances : StreamKind::references;
+        row.visit = &F::visit;
+        row.member = &F::member;
+        row.memberIs = &F::memberIs;
+        row.memberNew = &F::memberNew;
+        if constexpr (A::members == Members::instances) row.adopts = given<A::adopt>;
+        row.keyIsName = K::keyIsText;
+    }
+}
+
+template <class T, class A> constexpr StreamAttribute streamAttribute(AttributeId id) {
+    StreamAttribute row{};
+    row.id = id;
+    row.type = TypeFunction<typename A::Value>::value;
+    if constexpr (A::kind == AttributeKind::collection) {
+        fillCollection<T, A>(row);
+    } else if constexpr (!std::is_void_v<typename Pointee<typename A::Value>::Type>) {
+        row.kind = StreamKind::pointer;
+        row.target = &StreamedPointer<T, A>::target;
+        row.targetIs = &StreamedPointer<T, A>::targetIs;
+    } else {
+        row.kind = StreamKind::value;
+        row.varies = fixedWidth<typename A::Value>() == 0;
+        row.serialize = &StreamedAttribute<T, A>::serialize;
+        row.apply = &StreamedAttribute<T, A>::apply;
+    }
+    return row;
+}
+
+template <class T> constexpr std::size_t streamedCount() {
+    if constexpr (std::is_void_v<T>) {
+        return 0;
+    } else {
+        std::size_t count = streamedCount<BaseType<T>>();
+        forEachAttribute<T>([&](auto i) { count += isStreamed<AttributeAt<T, decltype(i)::value>>(); });
+        return count;
+    }
+}
+
+template <class T, class Rows> constexpr void fillStreamed(Rows& rows, std::size_t& at) {
+    if constexpr (!std::is_void_v<T>) {
+        fillStreamed<BaseType<T>>(rows, at);
+        forEachAttribute<T>([&](auto i) {
+            constexpr std::size_t I = decltype(i)::value;
+            using A = AttributeAt<T, I>;
+            if constexpr (isStreamed<A>())
+                rows[at++] = streamAttribute<T, A>(firstAttributeId<T>() + static_cast<AttributeId>(I));
+        });
+    }
+}
+
+template <class T> struct __attribute__((visibility("hidden"))) StreamRows {
+    static constexpr auto make() {
+        std::array<StreamAttribute, streamedCount<T>() + 1> rows{};
+        std::size_t at = 0;
+        fillStreamed<T>(rows, at);
+        return rows;
+    }
+    static constexpr auto rows = make();
+};
+
+template <class T> StreamTable const& streamTable() {
+    static constexpr StreamTable table = [] {
+        StreamTable made{};
+        made.attributes = {StreamRows<T>::rows.data(), streamedCount<T>()};
+        made.takesName = std::is_constructible_v<T, String const&>;
+        made.isCreatable =
+            !std::is_abstract_v<T> && (std::is_constructible_v<T, String const&> || std::is_default_constructible_v<T>);
+        if constexpr (requires { &T::velNewFlowOut; }) made.newFlowOut = &T::velNewFlowOut;
+        return made;
+    }();
+    return table;
+}
+
+}  // namespace Vel::Detail

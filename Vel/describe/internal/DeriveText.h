@@ -1,0 +1,207 @@
+#pragma once
+
+#include "Vel/describe/Value.h"
+#include "Vel/text/Scan.h"
+
+#include <algorithm>
+#include <ostream>
+
+// Printing and parsing, derived from a description.
+namespace Vel::Detail {
+
+// A text composed at compile time.
+template <std::size_t N> struct FixedText {
+    char data[N + 1] = {};
+    constexpr std::string_view view() const { return {data, N}; }
+};
+
+template <class... Parts> constexpr std::size_t totalSize(Parts... parts) {
+    return (std::size_t(0) + ... + parts.size());
+}
+template <std::size_t N, class... Parts> constexpr FixedText<N> concatenated(Parts... parts) {
+    FixedText<N> text;
+    char* to = text.data;
+    ((to = std::copy(parts.begin(), parts.end(), to)), ...);
+    return text;
+}
+
+template <class T, std::size_t I> constexpr bool isFirstField() {
+    bool first = true;
+    forEachField<T>([&](auto index) {
+        if (index < I) first = false;
+    });
+    return first;
+}
+
+// What stands before a record's field: "Value('T', ** {'first': " or ", 'later': ".
+template <class T, std::size_t I> constexpr auto textBefore() {
+    using namespace std::string_view_literals;
+    constexpr auto name = attributeName<T, I>();
+    if constexpr (isFirstField<T, I>()) {
+        constexpr auto type = descriptionOf<T>.name;
+        constexpr std::size_t size = totalSize("Value('"sv, type, "', ** {"sv, "'"sv, name, "': "sv);
+        return concatenated<size>("Value('"sv, type, "', ** {"sv, "'"sv, name, "': "sv);
+    } else {
+        return concatenated<totalSize(", '"sv, name, "': "sv)>(", '"sv, name, "': "sv);
+    }
+}
+inline constexpr std::string_view textAfterFields = "})";
+
+// Room for the longest text of a value, in bytes; 0 when there is no limit known here.
+template <class T> constexpr std::size_t maxText() {
+    if constexpr (ScalarValue<T>) {
+        return Scalar<T>::maxText;
+    } else if constexpr (hasOption<T, OptionId::text>) {
+        return 0;
+    } else {
+        std::size_t sum = textAfterFields.size();
+        bool limited = true;
+        forEachField<T>([&](auto index) {
+            constexpr std::size_t I = decltype(index)::value;
+            constexpr std::size_t field = maxText<FieldType<T, I>>();
+            sum += textBefore<T, I>().view().size() + field;
+            limited = limited && field != 0;
+        });
+        return limited ? sum : 0;
+    }
+}
+
+inline char* copied(char* to, std::string_view text) {
+    std::memcpy(to, text.data(), text.size());
+    return to + text.size();
+}
+
+// Writes a value whose text is limited into room that suffices.
+template <class T> char* writeText(char* to, T const& value) {
+    if constexpr (ScalarValue<T>) {
+        return Scalar<T>::write(to, value);
+    } else if constexpr (DescriptionOf<T>::form == Form::number) {
+        eachFieldValue(value, [&](auto const& field, auto) { to = writeText(to, field); });
+        return to;
+    } else {
+        eachFieldValue(value, [&](auto const& field, auto index) {
+            static constexpr auto before = textBefore<T, decltype(index)::value>();
+            to = writeText(copied(to, before.view()), field);
+        });
+        return copied(to, textAfterFields);
+    }
+}
+
+template <class T> void printValue(StrepOut& out, T const& value) {
+    constexpr std::size_t most = maxText<T>();
+    if constexpr (most != 0) {
+        out.endIs(writeText(out.room(most), value));
+    } else if constexpr (ScalarValue<T>) {
+        out.endIs(Scalar<T>::write(out.room(Scalar<T>::roomFor(value)), value));
+    } else if constexpr (hasOption<T, OptionId::text>) {
+        constexpr auto print = OptionOf<T, OptionId::text>::print;
+        if constexpr (std::is_invocable_v<decltype(print), StrepOut&, T const&>)
+            print(out, value);
+        else
+            out << std::invoke(print, value).view();
+    } else {
+        eachFieldValue(value, [&](auto const& field, auto index) {
+            static constexpr auto before = textBefore<T, decltype(index)::value>();
+            out << before.view();
+            printValue(out, field);
+        });
+        out << textAfterFields;
+    }
+}
+
+// The quick way of a parse: returns the end of the value, or null when anything is amiss. The slow way finds out what.
+// Compares the N bytes in words, which a call of memcmp for a short text takes longer than.
+template <class Word, std::size_t N> inline bool sameWords(char const* a, char const* b) {
+    auto const difference = [&](std::size_t at) {
+        Word x;
+        Word y;
+        std::memcpy(&x, a + at, sizeof x);
+        std::memcpy(&y, b + at, sizeof y);
+        return static_cast<Word>(x ^ y);
+    };
+    return [&]<std::size_t... I>(std::index_sequence<I...>) {
+        return (difference(N - sizeof(Word)) | ... | difference(I * sizeof(Word))) == 0;
+    }
+    (std::make_index_sequence<N / sizeof(Word)>());
+}
+
+template <std::size_t N>
+inline char const* readLiteral(char const* from, char const* end, FixedText<N> const& literal) {
+    if (static_cast<std::size_t>(end - from) < N) return nullptr;
+    bool same = true;
+    if constexpr (N >= 8)
+        same = sameWords<U64, N>(from, literal.data);
+    else if constexpr (N >= 4)
+        same = sameWords<U32, N>(from, literal.data);
+    else
+        same = std::memcmp(from, literal.data, N) == 0;
+    return same ? from + N : nullptr;
+}
+
+template <class T> constexpr bool hasScalarsOnly() {
+    bool only = true;
+    forEachField<T>([&](auto index) { only = only && ScalarValue<FieldType<T, decltype(index)::value>>; });
+    return only;
+}
+
+template <class T> char const* readScalar(char const* from, char const* end, T& value) {
+    return Scalar<T>::read(from, end, value);
+}
+
+template <class T> char const* readRecord(char const* from, char const* end, T& value) {
+    bool good = true;
+    eachFieldValue(value, [&](auto& field, auto index) {
+        if (!good) return;
+        static constexpr auto before = textBefore<T, decltype(index)::value>();
+        from = readLiteral(from, end, before);
+        if (from) from = readScalar(from, end, field);
+        good = from != nullptr;
+    });
+    return good ? readLiteral(from, end, concatenated<textAfterFields.size()>(textAfterFields)) : nullptr;
+}
+
+// Of a value of form number or record; null also for a type with a text form of its own.
+template <class T> char const* readText(T& value, char const* from, char const* end) {
+    if constexpr (hasOption<T, OptionId::text> || !hasScalarsOnly<T>()) {
+        return nullptr;
+    } else if constexpr (DescriptionOf<T>::form == Form::number) {
+        eachFieldValue(value, [&](auto& field, auto) { from = readScalar(from, end, field); });
+        return from;
+    } else {
+        return readRecord(from, end, value);
+    }
+}
+
+// Piece by piece of the same template as the printer's; throws at the first piece that does not match.
+template <class T> VEL_COLD void parseRecord(T& value, String::IteratorConst& it, String::IteratorConst const& end) {
+    using namespace std::string_view_literals;
+    eachFieldValue(value, [&](auto& field, auto index) {
+        constexpr std::size_t I = decltype(index)::value;
+        static constexpr auto before = textBefore<T, I>();
+        constexpr std::size_t opening =
+            isFirstField<T, I>() ? totalSize("Value('"sv, descriptionOf<T>.name, "', ** {"sv) : 0;
+        if constexpr (opening != 0) {
+            static constexpr auto open = concatenated<opening>(before.view().substr(0, opening));
+            needString(it, end, open.data);
+        }
+        needString(it, end, before.data + opening);
+        static constexpr auto name = concatenated<attributeName<T, I>().size()>(attributeName<T, I>());
+        field = deserializeAttr<std::remove_cvref_t<decltype(field)>>(it, end, name.data);
+    });
+    needString(it, end, textAfterFields.data());
+}
+
+template <class T> void parseValue(T& value, String::IteratorConst& it, String::IteratorConst const& end) {
+    eachFieldValue(value, [](auto& field, auto) { field = std::remove_cvref_t<decltype(field)>(); });
+    if constexpr (DescriptionOf<T>::form == Form::number) {
+        eachFieldValue(value, [&](auto& field, auto index) {
+            static constexpr auto name = concatenated<attributeName<T, decltype(index)::value>().size()>(
+                attributeName<T, decltype(index)::value>());
+            field = deserializeAttr<std::remove_cvref_t<decltype(field)>>(it, end, name.data);
+        });
+    } else {
+        parseRecord(value, it, end);
+    }
+}
+
+}  // namespace Vel::Detail

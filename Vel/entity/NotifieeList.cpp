@@ -1,0 +1,112 @@
+#include "Vel/entity/NotifieeList.h"
+
+#include "Vel/entity/Entity.h"
+
+#include <utility>
+#include <vector>
+
+namespace Vel {
+
+// Invariants:
+// 1. entries[i]->index_ == i for every entry that is not null.
+// 2. Null entries (observers that have gone) are counted by `holes`; while no visit runs they are at most half of all.
+// 3. A block whose list is gone lives on until the visits that run over it have ended, with no entries.
+struct NotifieeBlock {
+    std::vector<Notifiee*> entries;
+    NotifieeList* list = nullptr;
+    unsigned visits = 0;  // running, one within the other
+    std::size_t holes = 0;
+
+    // Half, so that many observers that go one by one are not moved up each time. Visits count on places not moving.
+    void closeHoles() noexcept {
+        if (visits != 0 || 2 * holes <= entries.size()) return;
+        std::erase(entries, nullptr);
+        for (std::size_t i = 0; i < entries.size(); ++i) entries[i]->index_ = i;
+        holes = 0;
+    }
+};
+
+namespace {
+
+// Ends a visit, also when an observer throws.
+class Visit {
+public:
+    explicit Visit(NotifieeBlock& block) : block_(block) { ++block_.visits; }
+    Visit(Visit const&) = delete;
+    Visit& operator=(Visit const&) = delete;
+    ~Visit() {
+        if (--block_.visits != 0) return;
+        if (!block_.list)
+            delete &block_;
+        else
+            block_.closeHoles();
+    }
+
+private:
+    NotifieeBlock& block_;
+};
+
+}  // namespace
+
+Notifiee::~Notifiee() { notifierIs(nullptr); }
+
+void Notifiee::handleAttribute(AttributeId attribute, NotifieeKey const&) { handleAttribute(attribute); }
+
+void Notifiee::handleNotifierDel() noexcept {}
+
+void Notifiee::notifierIs(Entity const* notifier) {
+    if (block_) {
+        NotifieeBlock& block = *block_;
+        block_ = nullptr;
+        block.entries[index_] = nullptr;
+        ++block.holes;
+        block.closeHoles();
+    }
+    if (notifier) notifier->notifieeList()->add(*this);
+}
+
+void NotifieeList::add(Notifiee& notifiee) {
+    if (!block_) {
+        block_ = new NotifieeBlock;
+        block_->list = this;
+    }
+    block_->entries.push_back(&notifiee);
+    notifiee.block_ = block_;
+    notifiee.index_ = block_->entries.size() - 1;
+}
+
+void NotifieeList::deleteAll() noexcept {
+    if (!block_) return;
+    NotifieeBlock* const block = std::exchange(block_, nullptr);
+    ++block->visits;  // observers may go while others are told, and places must not move
+    for (std::size_t i = 0; i < block->entries.size(); ++i) {
+        Notifiee* const notifiee = block->entries[i];
+        if (!notifiee) continue;
+        block->entries[i] = nullptr;
+        notifiee->block_ = nullptr;
+        notifiee->handleNotifierDel();
+    }
+    --block->visits;
+    block->entries.clear();
+    block->holes = 0;
+    block->list = nullptr;
+    if (block->visits == 0) delete block;
+}
+
+std::size_t NotifieeList::size() const noexcept { return block_ ? block_->entries.size() - block_->holes : 0; }
+
+void NotifieeList::visitAll(AttributeId attribute, NotifieeKey const* key) {
+    NotifieeBlock& block = *block_;
+    Visit const visit(block);
+    std::size_t const count = block.entries.size();
+    for (std::size_t i = 0; i < count && i < block.entries.size(); ++i) {
+        Notifiee* const notifiee = block.entries[i];
+        if (!notifiee) continue;
+        if (key)
+            notifiee->handleAttribute(attribute, *key);
+        else
+            notifiee->handleAttribute(attribute);
+    }
+}
+
+}  // namespace Vel

@@ -1,0 +1,195 @@
+#include "Vel/stream/AttrLogSource.h"
+
+#include "Vel/stream/internal/AttrLogReader.h"
+
+#include <algorithm>
+
+namespace Vel {
+
+using NboAttrLog::FlowConnection;
+using NboAttrLog::MessageKind;
+
+namespace {
+
+// Readers that are behind are looked for when a chunk is full.
+std::size_t chunkSizeOf(AttrLogSource::Options const& options) {
+    return options.chunkSize != 0 ? options.chunkSize : std::clamp<std::size_t>(options.logSize / 16, 256, 64u << 10);
+}
+
+}  // namespace
+
+AttrLogSource::AttrLogSource(Ptr<Entity> root, Options const& options)
+    : AttrLogSource(std::make_shared<StreamDemuxer>(), std::move(root), options) {}
+AttrLogSource::AttrLogSource(std::shared_ptr<StreamDemuxer> demuxer, Ptr<Entity> root, Options const& options)
+    : StreamView(std::move(demuxer), std::move(root)), options_(options), log_(chunkSizeOf(options)), live_(*this) {}
+
+AttrLogSource::~AttrLogSource() {
+    for (AttrLogReader* const reader : std::vector(readers_)) reader->leaveSource("what was served is gone");
+}
+
+std::unique_ptr<StreamPeer> AttrLogSource::newReader(bool mayWrite) {
+    return std::make_unique<AttrLogReader>([this](String const&) { return this; }, options_.limits, mayWrite);
+}
+
+// --- readers ---
+
+void AttrLogSource::attach(AttrLogReader& reader) {
+    adapterIs(root());
+    readers_.push_back(&reader);
+    demuxer().catchingUpIs(reader, true);
+    if (demuxer().idsAreOut()) demuxer().startOver();
+}
+
+void AttrLogSource::detach(AttrLogReader& reader) {
+    if (reader.isLive()) leaveLive(reader, false);
+    demuxer().catchingUpIs(reader, false);
+    std::erase(readers_, &reader);
+    std::erase(awaiting_, &reader);
+}
+
+void AttrLogSource::clear() {
+    for (AttrLogReader* const reader : std::vector(readers_)) reader->leaveSource(FlowConnection::idsAreOut);
+    StreamView::clear();
+}
+
+// The reader has been told of everything. Whoever reads the log has, too: the first one brings what is known of them.
+void AttrLogSource::goLive(AttrLogReader& reader) {
+    if (liveReaders_++ == 0) {
+        live_.knowledgeIs(reader);
+        demuxer().liveIs(live_, true);
+        lastChunk_ = log_.head().chunk;
+    }
+    demuxer().catchingUpIs(reader, false);
+    static_cast<FlowConnection&>(reader).clear();
+}
+
+void AttrLogSource::leaveLive(AttrLogReader& reader, bool catchesUp) {
+    std::erase(awaiting_, &reader);
+    if (catchesUp) demuxer().catchingUpIs(reader, true);
+    if (--liveReaders_ != 0) return;
+    demuxer().liveIs(live_, false);
+    live_.clear();
+    log_.drop(log_.head());
+}
+
+void AttrLogSource::awaits(AttrLogReader& reader) { awaiting_.push_back(&reader); }
+
+void AttrLogSource::Live::typeIsNeeded(VelType type) {
+    for (AttrLogReader* const reader : source_.readers_) {
+        String reason;
+        if (reader->isLive() && !reader->accepts(type, reason)) reader->refuseLater(reason);
+    }
+}
+
+void AttrLogSource::Live::entityHasGone(EntityId id, bool) {
+    source_.log_.begin(MessageKind::gone, NboAttrLog::compactSize(id)) << NboAttrLog::Compact{id};
+    source_.log_.commit();
+}
+
+void AttrLogSource::changesAreWritten() {
+    if (log_.messages() == lastMessages_ && !live_.hasWaiting()) return;
+    try {
+        while (liveReaders_ != 0 && live_.hasWaiting()) {
+            live_.continueFlowOut();
+            trimLog();
+        }
+    } catch (FlowConnection::Refusal const&) {}  // no ids are left; of readers each is refused by itself
+    if (demuxer().idsAreOut()) return demuxer().startOver();
+    lastMessages_ = log_.messages();
+    if (log_.head().chunk != lastChunk_) trimLog();
+    if (awaiting_.empty()) return;
+    waking_.clear();
+    waking_.swap(awaiting_);  // both keep their room
+    for (AttrLogReader* const reader : waking_) {
+        reader->isAwaiting_ = false;
+        reader->wakeUp();
+    }
+}
+
+std::size_t AttrLogSource::backlog() const {
+    std::size_t most = 0;
+    for (AttrLogReader const* const reader : readers_)
+        if (reader->isLive()) most = std::max(most, log_.sizeFrom(reader->position()));
+    return most;
+}
+
+// Drops what every reader has read. A reader that holds more back than may be has to catch up instead.
+void AttrLogSource::trimLog() {
+    if (liveReaders_ == 0) return;
+    lastChunk_ = log_.head().chunk;
+    auto const slowest = [&] {
+        AttrLogReader* found = nullptr;
+        for (AttrLogReader* const reader : readers_)
+            if (reader->isLive() && (!found || reader->position() < found->position())) found = reader;
+        return found;
+    };
+    for (;;) {
+        AttrLogReader* const reader = slowest();
+        if (!reader) return;
+        log_.drop(reader->position());
+        if (log_.size() <= options_.logSize || reader->position().chunk == log_.head().chunk) return;
+        reader->toldToCatchUp();
+    }
+}
+
+// --- several sources ---
+
+AttrLogServer::AttrLogServer(Ptr<Entity> root, AttrLogSource::Options const& options)
+    : root_(std::move(root)), options_(options) {}
+AttrLogServer::~AttrLogServer() = default;
+
+namespace {
+
+// The names on the way, with one separator between each two: all spellings of a path are one.
+std::string plainPath(std::string_view path) {
+    std::string plain;
+    while (!path.empty()) {
+        std::string_view const name = path.substr(0, path.find('/'));
+        path.remove_prefix(std::min(path.size(), name.size() + 1));
+        if (name.empty()) continue;
+        if (!plain.empty()) plain += '/';
+        plain += name;
+    }
+    return plain;
+}
+
+}  // namespace
+
+Ptr<Entity> AttrLogServer::entityAt(std::string const& path) const { return root_->entity(String(path)); }
+
+// A source that somebody is about to ask for stays without readers.
+void AttrLogServer::checkPathsBut(std::optional<std::string_view> wanted) {
+    std::vector<std::unique_ptr<AttrLogSource>> gone;  // destroyed when the map is in order again
+    for (auto at = sources_.begin(); at != sources_.end();) {
+        auto& [path, source] = *at;
+        bool const isWanted = source->readers() != 0 || path == wanted;
+        if (source->isBeingWritten() || (isWanted && entityAt(path).get() == &source->root())) {
+            ++at;
+        } else {
+            gone.push_back(std::move(source));
+            at = sources_.erase(at);
+        }
+    }
+}
+
+AttrLogSource* AttrLogServer::source(String const& path) {
+    std::string const plain = plainPath(path.view());
+    checkPathsBut(plain);
+    if (auto const found = sources_.find(plain); found != sources_.end()) return found->second.get();
+    Ptr<Entity> const entity = entityAt(plain);
+    if (!entity) return nullptr;
+    return sources_.emplace(plain, std::make_unique<AttrLogSource>(demuxer_, entity, options_)).first->second.get();
+}
+
+std::size_t AttrLogServer::backlog() const {
+    std::size_t most = 0;
+    for (auto const& [path, source] : sources_) most = std::max(most, source->backlog());
+    return most;
+}
+
+std::unique_ptr<StreamPeer> AttrLogServer::newReader(bool mayWrite, std::function<String()> admission) {
+    return std::make_unique<AttrLogReader>(
+        [this](String const& path) { return source(path); }, options_.limits, mayWrite, std::move(admission));
+}
+
+}  // namespace Vel

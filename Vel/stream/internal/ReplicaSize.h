@@ -1,0 +1,46 @@
+#pragma once
+
+#include "Vel/describe/StreamTable.h"
+#include "Vel/entity/Entity.h"
+
+#include <memory>
+#include <span>
+
+// What a copy takes, estimated, rather more than less: the memory of an entity and of what is known of it, of a key and of
+// noting it down once more, and the bytes of names, keys and values of no fixed size as they are encoded.
+namespace Vel::ReplicaSize {
+
+inline constexpr std::size_t entityCost = 192;  // bytes, and the object itself
+inline constexpr std::size_t keyCost = 160;
+
+inline std::size_t ofNew(VelType type, std::size_t name) { return entityCost + type.glue().size + name; }
+std::size_t ofValue(StreamAttribute const& attribute, Entity const& entity);
+// REQUIRES: of values, that there is one.
+std::size_t ofKey(StreamAttribute const& attribute, Entity const& entity, std::span<U8 const> key);
+std::size_t ofAll(Entity& top);  // the entity and all that it leads to
+
+template <class F> void eachKey(StreamAttribute const& attribute, Entity const& entity, F f) {
+    std::unique_ptr<NboAttrLog::Bookmark> const keys(attribute.bookmark(entity));
+    NboAttrLog::Out key;
+    while (keys->left() != 0) {
+        key.clear();
+        keys->next(key);
+        f(key.bytes());
+    }
+}
+
+// Of the entity, with its keys; calls f(attribute, key) for each.
+template <class F> std::size_t of(Entity const& entity, F f) {
+    std::size_t size = ofNew(entity.fwkType(), entity.name().length());
+    for (StreamAttribute const& attribute : entity.fwkType().glue().stream().attributes) {
+        if (attribute.kind == StreamKind::value && attribute.varies) size += ofValue(attribute, entity);
+        if (!attribute.isCollection()) continue;
+        eachKey(attribute, entity, [&](std::span<U8 const> key) {
+            size += ofKey(attribute, entity, key);
+            f(attribute, key);
+        });
+    }
+    return size;
+}
+
+}  // namespace Vel::ReplicaSize

@@ -1,0 +1,323 @@
+#include "Vel/stream/internal/StreamAdapter.h"
+
+#include "Vel/base/Assert.h"
+#include "Vel/base/Exception.h"
+#include "Vel/stream/internal/StreamDemuxer.h"
+
+namespace Vel {
+
+using NboAttrLog::FlowConnection;
+using NboAttrLog::FlowOut;
+using NboAttrLog::In;
+using NboAttrLog::MessageKind;
+using NboAttrLog::Out;
+using NboAttrLog::OutSm;
+
+StreamAdapter::StreamAdapter(StreamDemuxer& demuxer, Entity& entity, EntityId id, U32 slot)
+    : demuxer_(demuxer), entity_(entity), table_(entity.fwkType().glue().stream()), id_(id), slot_(slot) {}
+StreamAdapter::~StreamAdapter() = default;
+
+FlowOut* StreamAdapter::velRawFlowOut(FlowConnection const& connection) const {
+    return connection.flow(static_cast<Entity::VelNboAttrLogSa const&>(*this));
+}
+
+FlowOut& StreamAdapter::flowOut(FlowConnection& connection) {
+    if (FlowOut* const flow = velRawFlowOut(connection)) return *flow;
+    return connection.flowIs(static_cast<Entity::VelNboAttrLogSa&>(*this), FlowOut::fromEnd);
+}
+
+// Of the entity, and not of one adapter: what a source writes may be a replica, and have several sources. Whoever writes
+// stands in a list, which is empty but while a message is written.
+class StreamAdapter::Active {
+public:
+    explicit Active(Entity const& entity) : entity_(entity), before_(innermost_) { innermost_ = this; }
+    Active(Active const&) = delete;
+    Active& operator=(Active const&) = delete;
+    ~Active() { innermost_ = before_; }
+
+    static bool is(Entity const& entity) {
+        for (Active const* at = innermost_; at; at = at->before_)
+            if (&at->entity_ == &entity) return true;
+        return false;
+    }
+
+private:
+    Entity const& entity_;
+    Active const* before_;
+    static constinit thread_local Active const* innermost_;
+};
+constinit thread_local StreamAdapter::Active const* StreamAdapter::Active::innermost_ = nullptr;
+
+void StreamAdapter::needInactive(Entity const& entity) {
+    bool const _isActive = Active::is(entity);
+    if (_isActive)
+        assertionFailed("!_isActive", "/src/Vel/StreamAdapter", __LINE__,
+            "static void Vel::StreamAdapter::needInactive(const Vel::Entity&)");
+}
+
+void StreamAdapter::onAttributeForConnection(AttributeId id, In& in) {
+    needInactive(entity_);
+    StreamAttribute const* const attribute = table_.find(id);
+    if (!attribute || attribute->kind != StreamKind::value)
+        throw StreamException(format("%s has no value attribute %u", entity_.fwkType().name(), id), in.offset());
+    attribute->apply(entity_, in);
+}
+
+using Sa = Entity::VelNboAttrLogSa;
+
+Sa::VelNboAttrLogSa(StreamDemuxer& demuxer, Entity& entity, EntityId id, U32 slot)
+    : StreamAdapter(demuxer, entity, id, slot) {
+    notifierIs(&entity);
+}
+Sa::~VelNboAttrLogSa() = default;
+
+// --- changes ---
+
+void Sa::handleAttribute(AttributeId id) {
+    StreamAttribute const* const attribute = table().find(id);
+    if (!attribute || attribute->isCollection()) return;
+    StreamDemuxer& demuxer = streamDemuxer();
+    if (attribute->kind == StreamKind::pointer) {
+        if (Entity* const target = attribute->target(entity())) demuxer.referredIs(*this, *target);
+        demuxer.referenceDropped(*this);
+        if (demuxer.idsAreOut()) return demuxer.startOver();  // destroys this adapter
+    }
+    for (FlowConnection* const connection : demuxer.catchingUp())
+        demuxer.changeCounted(!flowOutOnAttributeForConnection(*connection, *attribute));
+    if (!demuxer.live().empty() || (attrLogFlags() & multicastBit)) {
+        handleAttributeSerialization(*attribute, false);
+        demuxer.changesAreWritten();
+    }
+}
+
+void Sa::handleAttribute(AttributeId id, NotifieeKey const& key) {
+    StreamAttribute const* const attribute = table().find(id);
+    if (!attribute || !attribute->isCollection()) return;
+    StreamDemuxer& demuxer = streamDemuxer();
+    Out& bytes = demuxer.keyOut();
+    bytes.clear();
+    attribute->writeKey(bytes, key.data());
+    In in(bytes.bytes());
+    Sa* member = nullptr;
+    bool isThere = false;
+    if (attribute->kind == StreamKind::values) {
+        isThere = attribute->holds(this->entity(), in);
+    } else {
+        Entity* const entity = attribute->member(this->entity(), in);
+        member = entity ? demuxer.referredIs(*this, *entity) : nullptr;
+        isThere = member != nullptr;
+        if (demuxer.idsAreOut()) return demuxer.startOver();  // destroys this adapter
+        if (!isThere) demuxer.referenceDropped(*this);
+    }
+
+    std::string_view const view(reinterpret_cast<char const*>(bytes.data()), bytes.size());
+    for (FlowConnection* const connection : demuxer.catchingUp()) {
+        if (member && attribute->kind == StreamKind::instances) connection->notInstantiated(*member);
+        demuxer.changeCounted(!flowOutOnAttributeForConnection(*connection, *attribute, view, isThere, member));
+    }
+    if (!demuxer.live().empty()) {
+        handleCollectionKeySerialization(*attribute, view, false);
+        demuxer.changesAreWritten();
+    }
+}
+
+void Sa::handleNotifierDel() noexcept { streamDemuxer().notifierDeleted(*this); }
+
+bool Sa::flowOutOnAttributeForConnection(FlowConnection& connection, StreamAttribute const& attribute) {
+    if (!connection.isAnnounced(*this) || connection.isNotBegun(*this)) return true;
+    return flowOut(connection).velIsDirtyIs(attribute.id, true);
+}
+
+bool Sa::flowOutOnAttributeForConnection(FlowConnection& connection, StreamAttribute const& attribute,
+    std::string_view key, bool isThere, Sa const* member) {
+    if (!connection.isAnnounced(*this) || connection.isNotBegun(*this)) return true;
+    FlowOut& flow = flowOut(connection);
+    bool const isBegun = flow.bookmark() && flow.resumeId() == attribute.id;
+    // A collection that is not begun will be sent as a whole; but a member may have been made already, in the place of
+    // being referred to by another collection, and its deletion has to be told, if the whole would not tell it.
+    bool const mayBeTold = attribute.kind == StreamKind::instances && !flow.velComesAgain(attribute.id);
+    if (!flow.velHasSynced(attribute.id) && !isBegun && (isThere || !mayBeTold)) return true;
+    bool const ephemeral =
+        isThere && streamDemuxer().checkEphemeralEntityDeletion(connection, flow, attribute, key, member);
+    if (!flow.velKeyIsDirtyIs(attribute.id, key, ephemeral)) return false;
+    // Keys that came and went would be flagged for ever: flags are bounded by what is there.
+    if (flow.velHasTooManyKeys(attribute.id, [&] { return attribute.count(entity()); }))
+        flow.velComesAgainIs(attribute.id, true);
+    return true;
+}
+
+// --- writing ---
+
+namespace {
+
+OutSm* flowingSm(StreamDemuxer const& demuxer) {
+    FlowConnection* const flowing = demuxer.flowing();
+    return flowing ? &flowing->nboAttrLogOut() : nullptr;
+}
+
+Out& begin(OutSm& sm, MessageKind kind, Sa const& adapter, AttributeId id, std::size_t encodedSize) {
+    std::size_t const size = NboAttrLog::compactSize(adapter.id()) + NboAttrLog::compactSize(id) + encodedSize;
+    return sm.begin(kind, size) << NboAttrLog::Compact{adapter.id()} << NboAttrLog::Compact{id};
+}
+
+}  // namespace
+
+bool Sa::doMessageMulticast(AttributeId id) { return streamDemuxer().multicast(*this, id); }
+
+OutSm* Sa::singletonSerializeCheck(AttributeId id, bool flowingOut, bool, std::size_t encodedSize, bool isKey) {
+    OutSm* const sm = flowingOut ? flowingSm(streamDemuxer()) : streamDemuxer().liveSm(*this);
+    if (sm) begin(*sm, isKey ? MessageKind::keySet : MessageKind::value, *this, id, encodedSize);
+    return sm;
+}
+
+// Calls f(connection) for the logs of all views that have the entity. Backwards, since entities' code, which f runs, may
+// have one of them fall behind.
+template <class F> void Sa::eachLive(F f) const {
+    auto const& live = streamDemuxer().live();
+    for (std::size_t i = live.size(); i-- > 0;)
+        if (i < live.size() && live[i]->isAnnounced(*this)) f(*live[i]);
+}
+
+void Sa::handlePtrSerialization(StreamAttribute const& attribute, Entity* target, bool flowingOut) {
+    if (!flowingOut) return eachLive([&](FlowConnection& live) { sendPtr(live, attribute, target); });
+    if (FlowConnection* const connection = streamDemuxer().flowing()) sendPtr(*connection, attribute, target);
+}
+
+// By itself to each connection, which may have to be told of the target first.
+void Sa::sendPtr(FlowConnection& connection, StreamAttribute const& attribute, Entity* target) {
+    EntityId const targetId = connection.idOf(target, {this, &attribute, {}});
+    OutSm& sm = connection.nboAttrLogOut();
+    begin(sm, MessageKind::value, *this, attribute.id, 4) << targetId;
+    NboAttrLog::Impl::outSmCommitMessage(sm);
+}
+
+void Sa::handleCollectionKeySerialization(StreamAttribute const& attribute, std::string_view key, bool flowingOut) {
+    Active const active(entity());
+    if (flowingOut) {
+        if (FlowConnection* const connection = streamDemuxer().flowing())
+            connection->sendKey(*this, attribute, key, false);
+    } else if (attribute.kind == StreamKind::values) {
+        shareKey(attribute, key);
+    } else {
+        eachLive([&](FlowConnection& live) { live.sendKey(*this, attribute, key, false); });
+    }
+}
+
+void Sa::shareKey(StreamAttribute const& attribute, std::string_view key) {
+    std::span<U8 const> const bytes(reinterpret_cast<U8 const*>(key.data()), key.size());
+    In in(bytes);
+    if (attribute.holds(entity(), in))
+        attribute.serializeKey(*this, attribute.id, entity(), bytes, false);
+    else if (OutSm* const sm = streamDemuxer().liveSm(*this))
+        FlowConnection::writeKeyDel(*sm, *this, attribute, key);
+}
+
+void Sa::handleAttributeSerialization(StreamAttribute const& attribute, bool flowingOut) {
+    Active const active(entity());
+    if (attribute.kind == StreamKind::value)
+        attribute.serialize(*this, attribute.id, entity(), flowingOut);
+    else
+        handlePtrSerialization(attribute, attribute.target(entity()), flowingOut);
+}
+
+OutSm& Sa::nboAttrLogOut() const { return streamDemuxer().flowing()->nboAttrLogOut(); }
+bool Sa::isOkToSerialize() const { return streamDemuxer().flowing()->isOkToSerialize(); }
+
+// --- flowing out ---
+
+namespace {
+
+class Flowing {
+public:
+    Flowing(Sa& adapter, FlowConnection& connection) : adapter_(adapter), before_(adapter.streamDemuxer().flowing()) {
+        adapter_.streamDemuxer().flowingIs(&connection);
+        adapter_.attrLogFlagsIs(Sa::flowingOutBit, true);
+    }
+    Flowing(Flowing const&) = delete;
+    Flowing& operator=(Flowing const&) = delete;
+    ~Flowing() {
+        adapter_.attrLogFlagsIs(Sa::flowingOutBit, false);
+        adapter_.streamDemuxer().flowingIs(before_);
+    }
+
+private:
+    Sa& adapter_;
+    FlowConnection* before_;
+};
+
+}  // namespace
+
+AttributeId Sa::continueFlowOut(FlowConnection& connection, FlowOut& flow, AttributeId from) {
+    if (from != 0 && !table().find(from)) return ~AttributeId(0);
+    Flowing const flowing(*this, connection);
+    for (StreamAttribute const& attribute : table().attributes) {
+        if (attribute.id < from) continue;
+        if (attribute.isCollection()) {
+            if (AttributeId const stopped = flowOutCollection(connection, flow, attribute)) return stopped;
+        } else if (flow.velIsDirty(attribute.id)) {
+            if (!isOkToSerialize()) return attribute.id;
+            handleAttributeSerialization(attribute, true);
+            flow.velIsDirtyIs(attribute.id, false);
+        }
+    }
+    return 0;
+}
+
+AttributeId Sa::flowOutCollection(FlowConnection& connection, FlowOut& flow, StreamAttribute const& attribute) {
+    Active const active(entity());
+    if (!flow.velHasSynced(attribute.id) && !flowOutAllKeys(connection, flow, attribute)) return attribute.id;
+    while (flow.velHasDirtyKeys(attribute.id)) {
+        if (!isOkToSerialize()) return attribute.id;
+        FlowOut::DirtyKey const dirty = flow.velDirtyKeyTake(attribute.id);
+        if (dirty.ephemeral) connection.sendKeyDel(*this, attribute, dirty.key);
+        connection.sendKey(*this, attribute, dirty.key, false);
+    }
+    return 0;
+}
+
+// Whether all are sent. What comes again says each key, also where the reader may know of it.
+bool Sa::flowOutAllKeys(FlowConnection& connection, FlowOut& flow, StreamAttribute const& attribute) {
+    bool const again = flow.velComesAgain(attribute.id);
+    if (!flow.bookmark()) {
+        if (again && !isOkToSerialize()) return false;
+        if (again) connection.sendKeysAgain(*this, attribute);
+        flow.bookmarkIs(std::unique_ptr<NboAttrLog::Bookmark>(attribute.bookmark(entity())));
+    }
+    Out key;
+    while (flow.bookmark()->left() != 0) {
+        if (!isOkToSerialize()) return false;
+        key.clear();
+        flow.bookmark()->next(key);
+        connection.sendKey(*this, attribute, {reinterpret_cast<char const*>(key.data()), key.size()}, !again);
+    }
+    if (again) connection.sendKeysEnd(*this, attribute);
+    flow.bookmarkIs(nullptr);
+    flow.velHasSyncedIs(attribute.id, true);
+    flow.velComesAgainIs(attribute.id, false);
+    return true;
+}
+
+// --- changes of readers ---
+
+bool Sa::allowWriteFromReadOnlyRemote() const { return streamDemuxer().remoteMayWrite(); }
+
+void Sa::throwWriteUpdateFromReadOnlyProxyException() const {
+    throw ReadOnlyException(format("%s is mounted read-only and takes no changes", entity().path().charPtr()));
+}
+
+void Sa::writeFromRemote(AttributeId id, In& in) {
+    if (!allowWriteFromReadOnlyRemote()) throwWriteUpdateFromReadOnlyProxyException();
+    Ptr<Entity> const keep(&entity());  // an observer may release it, and this adapter with it
+    attrLogFlagsIs(fromRemoteBit, true);
+    StreamDemuxer& demuxer = streamDemuxer();
+    EntityId const self = this->id();
+    try {
+        onAttributeForConnection(id, in);
+    } catch (...) {
+        if (Sa* const still = demuxer.adapter(self)) still->attrLogFlagsIs(fromRemoteBit, false);
+        throw;
+    }
+    if (Sa* const still = demuxer.adapter(self)) still->attrLogFlagsIs(fromRemoteBit, false);
+}
+
+}  // namespace Vel

@@ -1,0 +1,148 @@
+#include "Vel/stream/internal/StreamDemuxer.h"
+
+#include "Vel/stream/internal/StreamView.h"
+
+#include <algorithm>
+
+namespace Vel {
+
+using NboAttrLog::FlowConnection;
+using NboAttrLog::FlowOut;
+
+StreamDemuxer::StreamDemuxer() = default;
+StreamDemuxer::~StreamDemuxer() = default;
+
+StreamDemuxer::Adapter* StreamDemuxer::adapter(EntityId id) const {
+    auto const found = adapters_.find(id);
+    return found == adapters_.end() ? nullptr : found->second.get();
+}
+
+StreamDemuxer::Adapter* StreamDemuxer::adapter(Entity const& entity) const {
+    auto const found = byEntity_.find(&entity);
+    return found == byEntity_.end() ? nullptr : found->second;
+}
+
+StreamDemuxer::Adapter* StreamDemuxer::newAdapter(Entity& entity) {
+    if (lastId_ == ~EntityId(0)) {
+        idsAreOut_ = true;
+        return nullptr;
+    }
+    U32 slot;  // there are never more than ids, so that the last number, SlotSet::none, is none
+    if (freeSlots_.empty()) {
+        slot = static_cast<U32>(bySlot_.size());
+        bySlot_.push_back(nullptr);
+    } else {
+        slot = freeSlots_.back();
+        freeSlots_.pop_back();
+    }
+    auto made = std::make_unique<Adapter>(*this, entity, ++lastId_, slot);
+    Adapter* const adapter = made.get();
+    adapter->attrLogFlagsIs(Adapter::multicastBit, multicast_ != nullptr);
+    adapters_.emplace(adapter->id(), std::move(made));
+    byEntity_.emplace(&entity, adapter);
+    bySlot_[slot] = adapter;
+    return adapter;
+}
+
+void StreamDemuxer::adapterDel(Adapter& adapter) {
+    for (auto const* const connections : {&catchingUp_, &live_})
+        for (FlowConnection* const connection : *connections) connection->forget(adapter, false);
+    for (StreamView* const view : views_) view->forget(adapter);
+    bySlot_[adapter.slot()] = nullptr;
+    freeSlots_.push_back(adapter.slot());
+    byEntity_.erase(&adapter.entity());
+    adapters_.erase(adapter.id());
+}
+
+U32 StreamDemuxer::typeIndex(VelType type) {
+    auto const found = std::find(types_.begin(), types_.end(), type);
+    auto const index = static_cast<U32>(found - types_.begin());
+    if (found == types_.end()) types_.push_back(type);
+    return index;
+}
+
+void StreamDemuxer::clear() {
+    byEntity_.clear();
+    bySlot_.clear();
+    freeSlots_.clear();
+    adapters_.clear();
+}
+
+void StreamDemuxer::startOver() {
+    for (StreamView* const view : views_) view->clear();
+    lastId_ = 0;
+    idsAreOut_ = false;
+    clear();
+}
+
+void StreamDemuxer::multicastIs(Multicast deliver) { multicast_ = std::move(deliver); }
+
+// --- views ---
+
+void StreamDemuxer::viewIs(StreamView& view, bool on) {
+    std::erase(views_, &view);
+    if (on)
+        views_.push_back(&view);
+    else if (views_.empty())
+        clear();
+    else
+        view.members().eachNotIn({}, [&](U32 slot) {
+            if (!isInAView(slot)) adapterDel(*bySlot_[slot]);
+            return false;
+        });
+}
+
+bool StreamDemuxer::isInAView(U32 slot) const {
+    return std::any_of(views_.begin(), views_.end(), [&](StreamView* view) { return view->members().has(slot); });
+}
+
+StreamDemuxer::Adapter* StreamDemuxer::referredIs(Adapter const& referrer, Entity& entity) {
+    Adapter* referred = nullptr;
+    for (StreamView* const view : views_)
+        if (view->has(referrer))
+            if (Adapter* const taken = view->adapterIs(entity)) referred = taken;
+    return referred;
+}
+
+void StreamDemuxer::referenceDropped(Adapter const& referrer) {
+    for (StreamView* const view : views_)
+        if (view->has(referrer)) view->referenceDropped();
+}
+
+void StreamDemuxer::notifierDeleted(Adapter& adapter) {
+    adapterDel(adapter);
+    changesAreWritten();
+}
+
+// --- connections ---
+
+void StreamDemuxer::catchingUpIs(FlowConnection& connection, bool on) {
+    std::erase(catchingUp_, &connection);
+    if (on) catchingUp_.push_back(&connection);
+}
+
+void StreamDemuxer::liveIs(FlowConnection& connection, bool on) {
+    std::erase(live_, &connection);
+    if (on) live_.push_back(&connection);
+}
+
+NboAttrLog::OutSm* StreamDemuxer::liveSm(Adapter const& adapter) {
+    shared_.clear();
+    for (FlowConnection* const connection : live_)
+        if (connection->isAnnounced(adapter)) shared_.add(connection->nboAttrLogOut());
+    return shared_.output();
+}
+
+// Backwards, since a connection, or all of them, may cease to be live meanwhile.
+void StreamDemuxer::changesAreWritten() {
+    for (std::size_t i = live_.size(); i-- > 0;)
+        if (i < live_.size()) live_[i]->changesAreWritten();
+}
+
+bool StreamDemuxer::checkEphemeralEntityDeletion(FlowConnection const& connection, FlowOut const& flow,
+    StreamAttribute const& attribute, std::string_view key, Adapter const* member) const {
+    if (attribute.kind != StreamKind::instances || !flow.velKeyIsDirty(attribute.id, key)) return false;
+    return !member || !connection.isAnnounced(*member);
+}
+
+}  // namespace Vel

@@ -1,0 +1,108 @@
+#pragma once
+
+#include "Vel/stream/internal/FlowConnection.h"
+#include "Vel/stream/internal/SharedSm.h"
+
+#include <functional>
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+namespace Vel {
+
+// The entities of all views that share it, by number, and the connections that they are streamed to.
+//
+// An entity has an adapter while it is in a view. Its id is its own until all ids, 2^32 - 1 of them, have been given; all
+// views start over then.
+class VEL_API StreamDemuxer {
+public:
+    using Adapter = Entity::VelNboAttrLogSa;
+    using Connections = std::vector<NboAttrLog::FlowConnection*>;
+    // Somebody who delivers a change of a value to many readers at once, and says whether that was all of them.
+    using Multicast = std::function<bool(Entity& entity, AttributeId id)>;
+
+    StreamDemuxer();
+    StreamDemuxer(StreamDemuxer const&) = delete;
+    StreamDemuxer& operator=(StreamDemuxer const&) = delete;
+    ~StreamDemuxer();
+
+    Adapter* adapter(EntityId id) const;           // or null
+    Adapter* adapter(Entity const& entity) const;  // or null
+    Adapter* adapterAt(U32 slot) const { return bySlot_[slot]; }
+    std::size_t entities() const { return adapters_.size(); }
+
+    bool idsAreOut() const { return idsAreOut_; }
+    // Empties all views; ids begin at 1 again. Their readers are closing then. Destroys all adapters.
+    void startOver();
+    // As though the ids up to this one had been given. REQUIRES: none above it has.
+    void lastIdIs(EntityId id) { lastId_ = id; }
+
+    std::vector<VelType> const& types() const { return types_; }
+    U32 typeIndex(VelType type);  // given when first asked
+
+    // Whether the member at the key (null: it is not known) may be another than the one that the connection was told
+    // of, so that the deletion has to be sent first.
+    bool checkEphemeralEntityDeletion(NboAttrLog::FlowConnection const& connection, NboAttrLog::FlowOut const& flow,
+        StreamAttribute const& attribute, std::string_view key, Adapter const* member) const;
+
+    // --- for views ---
+
+    void viewIs(StreamView& view, bool on);
+    bool isInAView(U32 slot) const;
+    Adapter* newAdapter(Entity& entity);  // null: there is no id left. REQUIRES: it has none
+    void adapterDel(Adapter& adapter);    // connections that were told of the entity are told that it has gone
+    void catchingUpIs(NboAttrLog::FlowConnection& connection, bool on);
+    void liveIs(NboAttrLog::FlowConnection& connection, bool on);
+    void remoteMayWriteIs(bool on) { remoteMayWrite_ = on; }
+    void multicastIs(Multicast deliver);  // REQUIRES: there is no adapter yet
+
+    // --- for adapters ---
+
+    Connections const& catchingUp() const { return catchingUp_; }     // one for each reader that does
+    Connections const& live() const { return live_; }                 // one for each view whose log is read
+    NboAttrLog::FlowConnection* flowing() const { return flowing_; }  // the one that is being flowed out to, or null
+    void flowingIs(NboAttrLog::FlowConnection* connection) { flowing_ = connection; }
+    // Where to write what each live connection gets that was told of the entity; null when there is none.
+    NboAttrLog::OutSm* liveSm(Adapter const& adapter);
+    void changesAreWritten();  // something may have been
+    // Takes the entity into the views that have the one that refers to it now. Null when its type can't be streamed, or
+    // there is no id left: idsAreOut() then.
+    Adapter* referredIs(Adapter const& referrer, Entity& entity);
+    void referenceDropped(Adapter const& referrer);
+    void notifierDeleted(Adapter& adapter);  // destroys the adapter
+    bool remoteMayWrite() const { return remoteMayWrite_; }
+    bool multicast(Adapter const& adapter, AttributeId id) const {
+        return multicast_ && multicast_(adapter.entity(), id);
+    }
+    void changeCounted(bool coalesced) {
+        ++changes_;
+        coalesced_ += coalesced;
+    }
+    NboAttrLog::Out& keyOut() { return keyOut_; }
+
+    U64 changes() const { return changes_; }      // flagged for a reader that catches up
+    U64 coalesced() const { return coalesced_; }  // of these, where the flag was there already
+
+private:
+    void clear();
+
+    std::unordered_map<EntityId, std::unique_ptr<Adapter>> adapters_;
+    std::unordered_map<Entity const*, Adapter*> byEntity_;
+    std::vector<Adapter*> bySlot_;
+    std::vector<U32> freeSlots_;
+    std::vector<VelType> types_;
+    std::vector<StreamView*> views_;
+    Connections catchingUp_;
+    Connections live_;
+    NboAttrLog::FlowConnection* flowing_ = nullptr;
+    NboAttrLog::SharedSm shared_;
+    NboAttrLog::Out keyOut_;
+    Multicast multicast_;
+    EntityId lastId_ = 0;  // given
+    bool remoteMayWrite_ = false;
+    bool idsAreOut_ = false;
+    U64 changes_ = 0;
+    U64 coalesced_ = 0;
+};
+
+}  // namespace Vel

@@ -1,0 +1,11 @@
+#pragma once
+
+#include "Vel/text/NboAttrLog.h"
+
+namespace Vel {
+
+// What a hello begins with.
+inline constexpr U32 streamMagic = 0x56454C41;  // "VELA"
+inline constexpr U16 streamVersion = 1;
+
+}  // namespace Vel

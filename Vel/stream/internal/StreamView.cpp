@@ -1,0 +1,123 @@
+#include "Vel/stream/internal/StreamView.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+namespace Vel {
+
+using NboAttrLog::FlowConnection;
+using NboAttrLog::SlotSet;
+
+namespace {
+
+// Calls f(Entity&) for everything that the entity refers to by what is streamed.
+template <class F> void visitReferences(Entity const& entity, F f) {
+    for (StreamAttribute const& attribute : entity.fwkType().glue().stream().attributes) {
+        if (attribute.kind == StreamKind::pointer) {
+            if (Entity* const target = attribute.target(entity)) f(*target);
+        } else if (attribute.holdsEntities()) {
+            attribute.visit(
+                entity, [](void* context, Entity& member) { (*static_cast<F*>(context))(member); }, &f);
+        }
+    }
+}
+
+bool isStreamable(VelType type) { return type.glue().stream && type.glue().stream().isCreatable; }
+
+}  // namespace
+
+StreamView::StreamView(Ptr<Entity> root) : StreamView(std::make_shared<StreamDemuxer>(), std::move(root)) {}
+
+StreamView::StreamView(std::shared_ptr<StreamDemuxer> demuxer, Ptr<Entity> root)
+    : demuxer_(std::move(demuxer)), root_(std::move(root)) {
+    demuxer_->viewIs(*this, true);
+}
+
+StreamView::~StreamView() { demuxer_->viewIs(*this, false); }
+
+// The root need not be made in a copy: that has one.
+bool StreamView::canHave(Entity const& entity) const {
+    return &entity == root_.get() || isStreamable(entity.fwkType());
+}
+
+StreamView::Adapter* StreamView::adapterIs(Entity& entity) {
+    Adapter* adapter = demuxer_->adapter(entity);
+    if (adapter && has(*adapter)) return adapter;
+    if (!canHave(entity)) return nullptr;
+    if (!adapter) adapter = demuxer_->newAdapter(entity);
+    if (!adapter) return nullptr;
+    members_.add(adapter->slot());
+    ++count_;
+    return adapter;
+}
+
+U32 StreamView::typeIndex(VelType type) {
+    U32 const index = demuxer_->typeIndex(type);
+    if (index >= usesType_.size()) usesType_.resize(index + 1);
+    usesType_[index] = true;
+    return index;
+}
+
+// --- leaving the view ---
+
+void StreamView::forget(Adapter const& adapter) {
+    if (!has(adapter)) return;
+    members_.del(adapter.slot());
+    --count_;
+}
+
+void StreamView::clear() {
+    members_.clear();
+    count_ = 0;
+    dropped_ = 0;
+}
+
+void StreamView::sweepIfDue() {
+    if (dropped_ > 64 && dropped_ > count_ / 2) sweep();
+}
+
+void StreamView::sweep() {
+    dropped_ = 0;
+    Adapter const* const top = adapter(*root_);
+    if (!top) return;
+    std::vector<Adapter*> unreached;
+    members_.eachNotIn(reached(*top), [&](U32 slot) {
+        unreached.push_back(demuxer_->adapterAt(slot));
+        return false;
+    });
+    std::sort(unreached.begin(), unreached.end(), [](Adapter* a, Adapter* b) { return a->id() < b->id(); });
+    for (Adapter* const a : unreached) leave(*a);
+    if (!unreached.empty()) demuxer_->changesAreWritten();
+}
+
+SlotSet StreamView::reached(Adapter const& top) const {
+    SlotSet reached;
+    std::unordered_set<Entity const*> onTheWay;  // that have no adapter yet, and lead to some that have
+    std::vector<Entity const*> left{root_.get()};
+    reached.add(top.slot());
+    while (!left.empty()) {
+        Entity const& next = *left.back();
+        left.pop_back();
+        visitReferences(next, [&](Entity& referred) {
+            if (!canHave(referred)) return;
+            if (Adapter const* const a = demuxer_->adapter(referred)) {
+                if (reached.has(a->slot())) return;
+                reached.add(a->slot());
+            } else if (!onTheWay.insert(&referred).second) {
+                return;
+            }
+            left.push_back(&referred);
+        });
+    }
+    return reached;
+}
+
+void StreamView::leave(Adapter& adapter) {
+    forget(adapter);
+    if (!demuxer_->isInAView(adapter.slot())) return demuxer_->adapterDel(adapter);
+    for (auto const* const connections : {&demuxer_->catchingUp(), &demuxer_->live()})
+        for (FlowConnection* const connection : *connections)
+            if (&connection->view() == this) connection->forget(adapter, true);
+}
+
+}  // namespace Vel

@@ -1,0 +1,271 @@
+#include "Vel/text/Scan.h"
+#include "Vel/text/internal/PowersOfTen.h"
+
+#include <algorithm>
+#include <bit>
+#include <charconv>
+#include <cmath>
+
+// Doubles as the shortest decimal that reads back to the same double, in the layout of Python's repr.
+namespace Vel::Scan {
+
+namespace {
+
+constexpr double exactPowers[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+    1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+constexpr int mostExactPower = 22;
+constexpr U64 millionthsLimit = U64(1) << 52;
+constexpr U64 hiddenBit = U64(1) << 52;
+
+struct Decimal {  // digits * 10^exponent
+    U64 digits;
+    int exponent;
+};
+
+// --- printing ---
+
+// Decimals with at most six places whose number of millionths is below 2^52 lie further apart than the doubles around
+// them, so each such decimal is the shortest text of its double, and the double is the correctly rounded quotient of
+// two exact integers. This covers every time stamp of this century to the microsecond.
+// Returns the number of millionths; false when `value` is not such a decimal, or so small that it takes an exponent.
+bool asMillionths(double value, U64& millionths) {
+    if (!(value < 4.5e9)) return false;
+    auto const scaled = static_cast<U64>(static_cast<std::int64_t>(value * 1e6 + 0.5));
+    if (scaled >= millionthsLimit || static_cast<double>(scaled) / 1e6 != value) return false;
+    millionths = scaled;
+    return scaled >= 100 || scaled == 0;
+}
+
+// The upper 64 bits of g * c, with the lowest one set where anything follows: enough to compare exactly.
+inline U64 productToOdd(Significand g, U64 c) {
+    U128 const low = U128(g.low) * c;
+    U128 const high = U128(g.high) * c + (low >> 64);
+    return static_cast<U64>(high >> 64) | (static_cast<U64>(high) > 1 ? 1 : 0);
+}
+
+// Schubfach (Raffaele Giulietti, "The Schubfach way to render doubles", 2020): of all decimals that read back to the
+// double, one with the fewest digits, and the nearest of those. It may end in zeros. REQUIRES: 0 < value < infinity.
+Decimal shortestDecimal(double value) {
+    auto const bits = std::bit_cast<U64>(value);
+    U64 const fraction = bits & (hiddenBit - 1);
+    auto const biased = static_cast<int>(bits >> 52);
+    U64 const c = biased != 0 ? hiddenBit | fraction : fraction;
+    int const q = (biased != 0 ? biased : 1) - 1075;
+    bool const even = c % 2 == 0;                                      // then the ends of the interval round to it too
+    bool const belowIsNearer = fraction == 0 && biased > 1;            // the next double below is half as far away
+    int const k = (q * 1262611 - (belowIsNearer ? 524031 : 0)) >> 22;  // the last digit's power of ten
+    int const h = q + powerExponent(-k) + 1;
+    Significand const g = powerOfTen(-k);
+    // Four times the value and the ends of its interval, in units of 10^k.
+    U64 const middle = productToOdd(g, (4 * c) << h);
+    U64 const lower = productToOdd(g, (4 * c - (belowIsNearer ? 1 : 2)) << h) + (even ? 0 : 1);
+    U64 const upper = productToOdd(g, (4 * c + 2) << h) - (even ? 0 : 1);
+    U64 const s = middle / 4;
+    if (s >= 10) {  // one digit fewer
+        U64 const tens = s / 10;
+        bool const downInside = lower <= 40 * tens;
+        bool const upInside = 40 * tens + 40 <= upper;
+        if (downInside != upInside) return {tens + (upInside ? 1 : 0), k + 1};
+    }
+    bool const downInside = lower <= 4 * s;
+    bool const upInside = 4 * s + 4 <= upper;
+    if (downInside != upInside) return {s + (upInside ? 1 : 0), k};
+    U64 const half = 4 * s + 2;
+    bool const up = middle > half || (middle == half && s % 2 != 0);
+    return {s + (up ? 1 : 0), k};
+}
+
+char* writeSixPlaces(char* to, U32 places) {
+    if (places == 0) {
+        *to = '0';
+        return to + 1;
+    }
+    std::memcpy(to, digitPairs + 2 * (places / 10000), 2);
+    std::memcpy(to + 2, digitPairs + 2 * (places / 100 % 100), 2);
+    std::memcpy(to + 4, digitPairs + 2 * (places % 100), 2);
+    char* end = to + 6;
+    while (end[-1] == '0') --end;
+    return end;
+}
+
+char* writeExponent(char* to, int exponent) {
+    *to++ = 'e';
+    *to++ = exponent < 0 ? '-' : '+';
+    auto const size = static_cast<unsigned>(std::abs(exponent));
+    if (size >= 100) *to++ = static_cast<char>('0' + size / 100);
+    std::memcpy(to, digitPairs + 2 * (size % 100), 2);
+    return to + 2;
+}
+
+char* writeShortest(char* to, double value) {
+    Decimal decimal = shortestDecimal(value);
+    constexpr U64 least = 10000000000000000ul;  // of 17 digits
+    while (decimal.digits < least) {
+        decimal.digits *= 10;
+        --decimal.exponent;
+    }
+    int const exponent = decimal.exponent + 16;  // of the first digit
+    char digits[40];                             // more than is used: blocks of fixed size are copied from it
+    digits[0] = static_cast<char>('0' + decimal.digits / least);
+    U64 const rest = decimal.digits % least;
+    writeEight(digits + 1, static_cast<U32>(rest / 100000000));
+    writeEight(digits + 9, static_cast<U32>(rest % 100000000));
+    std::ptrdiff_t count = 17;
+    while (digits[count - 1] == '0') --count;
+
+    if (exponent < -4 || exponent >= 16) {
+        *to = digits[0];
+        to[1] = '.';
+        std::memcpy(to + 2, digits + 1, 16);
+        return writeExponent(count == 1 ? to + 1 : to + 1 + count, exponent);
+    }
+    if (exponent < 0) {
+        std::memcpy(to, "0.000", 5);
+        to += 1 - exponent;
+        std::memcpy(to, digits, 17);
+        return to + count;
+    }
+    std::ptrdiff_t const whole = exponent + 1;
+    std::memcpy(to, digits, 16);  // zeros follow the last digit
+    to[whole] = '.';
+    std::memcpy(to + whole + 1, digits + whole, 16);
+    return to + 1 + std::max(count, whole + 1);
+}
+
+}  // namespace
+
+char* writeDouble(char* to, double value) {
+    if (std::signbit(value)) {
+        *to = '-';
+        to += std::isnan(value) ? 0 : 1;  // a NaN has no sign here
+        value = -value;
+    }
+    U64 millionths = 0;
+    if (asMillionths(value, millionths)) {
+        to = writeUnsigned(to, millionths / 1000000);
+        *to++ = '.';
+        return writeSixPlaces(to, static_cast<U32>(millionths % 1000000));
+    }
+    if (std::isnan(value)) return std::copy_n("nan", 3, to);
+    if (std::isinf(value)) return std::copy_n("inf", 3, to);
+    return writeShortest(to, value);
+}
+
+// --- reading ---
+
+namespace {
+
+// The general case: read by the C++ library, and accepted if the printer would have written the same.
+VEL_COLD char const* readDoubleSlow(char const* from, char const* end, double& value) {
+    char const* stop = from;
+    while (stop != end && (isDigit(*stop) || std::strchr(".e+-infa", *stop)) && *stop) ++stop;
+    double number = 0;
+    auto const [at, error] = std::from_chars(from, stop, number);
+    if (error != std::errc() && error != std::errc::result_out_of_range) return nullptr;
+    char text[roomForDouble];
+    char const* const textEnd = writeDouble(text, number);
+    if (at - from != textEnd - text || std::memcmp(from, text, static_cast<std::size_t>(textEnd - text)) != 0)
+        return nullptr;
+    value = number;
+    return at;
+}
+
+// The double nearest to the decimal, if it can be told by a product of 128 bits (as in Daniel Lemire, "Number Parsing
+// at a Gigabyte per Second", 2021) that it is this one, and that the printer writes it with these digits.
+// REQUIRES: the decimal is not zero and does not end in the digit zero.
+bool nearestDouble(Decimal decimal, double& value) {
+    if (decimal.exponent < leastPower || decimal.exponent > mostPower) return false;
+    auto const leadingZeros = std::countl_zero(decimal.digits);
+    Significand const g = powerOfTen(decimal.exponent);
+    U64 const w = decimal.digits << leadingZeros;
+    U128 const product = U128(w) * g.high + ((U128(w) * g.low) >> 64);  // the true one is less than 1 away
+    auto const high = static_cast<U64>(product >> 64);
+    auto const low = static_cast<U64>(product);
+    int const shift = 10 + static_cast<int>(high >> 63);
+    U64 const rest = high << (64 - shift) | low >> shift;  // what follows the 53 bits, in 2^-64 of the last one
+    constexpr U64 half = U64(1) << 63;
+    if (rest - (half - 4) <= 8) return false;
+    bool const up = rest > half;
+    U64 const mantissa = (high >> shift) + (up ? 1 : 0);
+    int const biased = powerExponent(decimal.exponent) + 1 - leadingZeros + shift + 1075;
+    // Of a power of two the doubles on either side are not equally far away.
+    if (mantissa == hiddenBit || mantissa == 2 * hiddenBit || biased < 1 || biased > 2046) return false;
+    value = std::bit_cast<double>(static_cast<U64>(biased) << 52 | (mantissa & (hiddenBit - 1)));
+    constexpr U64 sixteenDigits = 1000000000000000ul;
+    if (decimal.digits < sixteenDigits) return true;  // up to 15 digits always survive, so none are fewer
+
+    // 16 or 17 digits: the printer writes them if the last one is as near as it can be, and if both decimals with one
+    // digit fewer are outside the interval that rounds to the double. All in 2^-56 of the double's last bit, each
+    // amount true to about one, so a margin keeps what is too near to tell for the slow way.
+    if (decimal.digits >= 100 * sixteenDigits) return false;
+    constexpr std::int64_t one = std::int64_t(1) << 56;
+    constexpr std::int64_t margin = 64;
+    auto const distance = static_cast<std::int64_t>(rest >> 8) - (up ? one : 0);  // of the decimal from the double
+    auto const unit = static_cast<std::int64_t>(g.high >> (8 + shift - leadingZeros));  // of the decimal's last digit
+    auto const lastDigit = static_cast<std::int64_t>(decimal.digits % 10);
+    return 2 * std::abs(distance) + margin < unit && lastDigit * unit - distance > one / 2 + margin &&
+           (10 - lastDigit) * unit + distance > one / 2 + margin;
+}
+
+// Reads "e+16" or "e-05" into the decimal's exponent; null when no printer writes that.
+char const* readExponent(char const* at, char const* end, int& exponent) {
+    if (end - at < 4 || (at[1] != '+' && at[1] != '-')) return nullptr;
+    bool const negative = at[1] == '-';
+    char const* const first = at += 2;
+    int size = 0;
+    while (at != end && isDigit(*at) && at - first < 4) size = 10 * size + (*at++ - '0');
+    bool const good = at - first == 2 ? size >= (negative ? 5 : 16) : at - first == 3 && *first != '0';
+    exponent = negative ? -size : size;
+    return good ? at : nullptr;
+}
+
+}  // namespace
+
+char const* readDouble(char const* from, char const* end, double& value) {
+    char const* at = from;
+    bool const negative = at != end && *at == '-';
+    if (negative) ++at;
+    char const* const whole = at;
+    Decimal decimal{0, 0};
+    at = readDigits(from, at, end, decimal.digits);
+    std::ptrdiff_t const wholeDigits = at - whole;
+    if (wholeDigits == 0 || wholeDigits > 16 || (*whole == '0' && wholeDigits > 1) || at == end || *at != '.')
+        return readDoubleSlow(from, end, value);
+    U64 const wholeNumber = decimal.digits;
+    char const* const fraction = ++at;
+    at = readDigits(from, at, end, decimal.digits);
+    std::ptrdiff_t const places = at - fraction;
+    std::ptrdiff_t digits = wholeDigits + places;  // 19 fit the number; zeros in front do not count
+    if (wholeNumber == 0)
+        for (char const* zero = fraction; zero != at && *zero == '0'; ++zero) --digits;
+    if (places == 0 || digits > 19 || places > mostExactPower) return readDoubleSlow(from, end, value);
+    decimal.exponent = static_cast<int>(-places);
+    if (at[-1] == '0') {
+        bool const isWhole = places == 1 && wholeNumber <= 2 * hiddenBit && (at == end || *at != 'e');
+        if (!isWhole) return readDoubleSlow(from, end, value);
+        auto const magnitude = static_cast<double>(wholeNumber);
+        value = negative ? -magnitude : magnitude;
+        return at;
+    }
+    if (at != end && *at == 'e') {
+        int exponent = 0;
+        at = readExponent(at, end, exponent);
+        if (!at || wholeDigits != 1 || wholeNumber == 0) return readDoubleSlow(from, end, value);
+        decimal.exponent += exponent;
+    } else if (wholeNumber == 0 && places > 4 && static_cast<double>(decimal.digits) < exactPowers[places - 4]) {
+        return readDoubleSlow(from, end, value);  // below 1e-4 it takes an exponent
+    }
+
+    double magnitude = 0;
+    // See asMillionths; and up to 15 digits always survive.
+    bool const few = decimal.digits < 1000000000000000ul ||
+                     (decimal.exponent >= -6 && decimal.digits < 4000000000000000ul && wholeNumber < 4500000000ul);
+    if (few && decimal.exponent <= 0 && decimal.exponent >= -mostExactPower)
+        magnitude = static_cast<double>(decimal.digits) / exactPowers[-decimal.exponent];
+    else if (!nearestDouble(decimal, magnitude))
+        return readDoubleSlow(from, end, value);
+    value = negative ? -magnitude : magnitude;
+    return at;
+}
+
+}  // namespace Vel::Scan

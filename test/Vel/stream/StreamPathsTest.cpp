@@ -1,0 +1,206 @@
+#include "StreamTools.h"
+#include "test/Vel/describe/Fixtures.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+
+// Readers of one server at paths that overlap.
+namespace {
+
+using namespace StreamTest;
+using Fixture::Leaf;
+using Vel::Dir;
+using Vel::EntityId;
+using Vel::Ptr;
+using Vel::String;
+using Vel::U32;
+
+// A reader of a path, and its copy.
+class Reading {
+public:
+    Reading(Vel::AttrLogServer& server, char const* path)
+        : replica(place, server.source(path)->root().name(), {.path = path, .wantsToWrite = true}),
+          reader(server.newReader()) {
+        replica.connected();
+        reader->input(takeOutput(replica));
+    }
+    Strings take() {
+        auto const bytes = takeOutput(*reader);
+        replica.input(bytes);
+        EXPECT_EQ(replica.error(), "");
+        return told(bytes);
+    }
+    Strings takeRest() {  // behind the message that takeByte() has begun
+        while (replica.inputHeld() != 0) takeByte();
+        return take();
+    }
+    void takeByte() {
+        Bytes const byte{reader->output(1)[0]};
+        reader->outputTaken(1);
+        replica.input(byte);
+    }
+    void write(EntityId id, U32 size) {
+        Vel::NboAttrLog::BufferSm sm;
+        sm.begin(Vel::NboAttrLog::MessageKind::write, 7)
+            << Vel::NboAttrLog::Compact{id} << Vel::NboAttrLog::Compact{258} << size;
+        sm.commit();
+        reader->input(sm.bytes());
+    }
+    void expectEqual(Vel::Entity const& entity) { EXPECT_EQ(treeOf(*replica.root()), treeOf(entity)); }
+
+    Ptr<Dir> place = Dir::newEntity("");
+    Vel::AttrLogReplica replica;
+    std::unique_ptr<Vel::StreamPeer> reader;
+};
+
+// A server of /a/x and /b/y, and readers of all and of "a".
+class StreamPathsTest : public testing::Test {
+protected:
+    explicit StreamPathsTest(Vel::AttrLogSource::Options const& options = {.mayWrite = true}) : server(root, options) {
+        a->entryIs(x);
+        b->entryIs(y);
+        root->entryIs(a);
+        root->entryIs(b);
+        all = std::make_unique<Reading>(server, "");
+        ofA = std::make_unique<Reading>(server, "a");
+        all->take();
+    }
+    std::string idOf(Vel::Entity const& entity) { return std::to_string(server.source("")->adapter(entity)->id()); }
+    void move(Dir& from, Dir& to) {
+        from.entryDel("x");
+        to.entryIs(x);
+        server.source("a")->sweep();
+    }
+    void expectAllEqual() {
+        all->take();
+        ofA->take();
+        all->expectEqual(*root);
+        ofA->expectEqual(*a);
+        EXPECT_EQ(ofA->replica.entities(), server.source("a")->entities());
+    }
+
+    Ptr<Dir> root = Dir::newEntity("root"), a = Dir::newEntity("a"), b = Dir::newEntity("b");
+    Ptr<Leaf> x = Leaf::newEntity("x"), y = Leaf::newEntity("y");
+    Vel::AttrLogServer server;
+    std::unique_ptr<Reading> all, ofA;
+};
+
+TEST_F(StreamPathsTest, WhatIsAtSeveralPathsIsObservedOnce) {
+    ofA->take();
+    auto* const adapter = server.source("")->adapter(*x);
+    ASSERT_TRUE(adapter);
+    EXPECT_EQ(server.source("a")->adapter(*x), adapter);
+    EXPECT_EQ(server.source("a")->demuxer().entities(), 5u);
+}
+
+TEST_F(StreamPathsTest, ChangeReachesThePathsThatHaveTheEntity) {
+    ofA->take();
+    x->sizeIs(7);
+    y->sizeIs(8);
+    x->peerIs(x);
+    Strings const ofX{"value " + idOf(*x) + ".258 00000007", "value " + idOf(*x) + ".260 " + idOf(*x)};
+    EXPECT_EQ(ofA->take().front(), ofX.front());
+    expectAllEqual();
+}
+
+TEST_F(StreamPathsTest, ReaderIsToldOfNothingOutsideOfItsPath) {
+    b->entryIs(Fixture::Twig::newEntity("t"));
+    all->take();
+    Strings const told = ofA->take();
+    for (std::string const& message : told) EXPECT_EQ(message.find("Twig"), std::string::npos) << message;
+    EXPECT_EQ(ofA->replica.entities(), 2u);
+    b->entryIs(Leaf::newEntity("z"));
+    y->sizeIs(5);
+    b->entryDel("y");
+    EXPECT_EQ(ofA->take(), Strings{});
+    expectAllEqual();
+}
+
+TEST_F(StreamPathsTest, ReaderCannotChangeWhatIsOutsideOfItsPath) {
+    ofA->take();
+    ofA->write(server.source("")->adapter(*y)->id(), 7);
+    EXPECT_EQ(y->size(), 0u);
+    EXPECT_EQ(ofA->reader->error(), "") << "as an entity that has gone";
+    ofA->write(server.source("")->adapter(*x)->id(), 7);
+    EXPECT_EQ(x->size(), 7u);
+    expectAllEqual();
+}
+
+TEST_F(StreamPathsTest, ReaderCannotChangeWhatHasLeftItsPath) {
+    ofA->take();
+    move(*a, *b);
+    ofA->write(server.source("")->adapter(*x)->id(), 7);
+    EXPECT_EQ(x->size(), 0u);
+}
+
+TEST_F(StreamPathsTest, EntityThatLeavesAPathIsGoneThereAlone) {
+    ofA->take();
+    move(*a, *b);
+    Strings const told = ofA->take();
+    ASSERT_EQ(told.size(), 2u);
+    EXPECT_EQ(told[1], "gone " + idOf(*x));
+    x->sizeIs(7);
+    EXPECT_EQ(ofA->take(), Strings{});
+    expectAllEqual();
+    move(*b, *a);
+    EXPECT_EQ(ofA->take().front().substr(0, 10), "announce " + idOf(*x));
+    x->sizeIs(8);
+    expectAllEqual();
+}
+
+TEST_F(StreamPathsTest, EntityThatComesBackHasGoneBefore) {
+    a->entryIs(Leaf::newEntity("w"));
+    while (!server.source("a")->adapter(*x)) ofA->takeByte();
+    EXPECT_EQ(server.source("a")->liveReaders(), 0u) << "which is what is tested";
+    move(*a, *b);
+    move(*b, *a);
+    Strings const told = ofA->takeRest();
+    auto const at = [&](std::string const& text) {
+        return std::find_if(told.begin(), told.end(), [&](auto const& message) { return message.starts_with(text); });
+    };
+    ASSERT_NE(at("gone " + idOf(*x)), told.end());
+    EXPECT_LT(at("gone " + idOf(*x)), at("announce " + idOf(*x)));
+    expectAllEqual();
+}
+
+TEST_F(StreamPathsTest, AdaptersGoWithTheLastPathThatHasThem) {
+    ofA->take();
+    auto const demuxer = [&]() -> Vel::StreamDemuxer& { return server.source("a")->demuxer(); };
+    all->reader->closed("");
+    server.checkPaths();
+    EXPECT_EQ(demuxer().entities(), 2u);
+    x->sizeIs(7);
+    ofA->take();
+    ofA->expectEqual(*a);
+}
+
+TEST_F(StreamPathsTest, IdsThatRunOutDoSoForAllPaths) {
+    ofA->take();
+    server.source("")->lastIdIs(~EntityId(0));
+    b->entryIs(Leaf::newEntity("z"));
+    EXPECT_TRUE(all->reader->isClosing());
+    EXPECT_TRUE(ofA->reader->isClosing());
+    Reading again(server, "a");
+    again.take();
+    again.expectEqual(*a);
+}
+
+// Readers are behind with the first message that they have not read.
+class ShortLogPathsTest : public StreamPathsTest {
+protected:
+    ShortLogPathsTest() : StreamPathsTest({.logSize = 0, .mayWrite = true, .chunkSize = 1}) {}
+};
+
+TEST_F(ShortLogPathsTest, ReaderThatDidNotReadThatAnEntityLeftAndCameBackIsTold) {
+    ofA->take();
+    move(*a, *b);
+    move(*b, *a);
+    x->sizeIs(7);
+    EXPECT_EQ(server.source("a")->liveReaders(), 0u) << "which is what is tested";
+    expectAllEqual();
+}
+
+}  // namespace
