@@ -26,7 +26,7 @@ function(mox_library target namespace)
     if(NOT arg_EXPORT)
         set(arg_EXPORT ${namespace}Targets)
     endif()
-    file(GLOB sources CONFIGURE_DEPENDS *.cpp internal/*.cpp)
+    file(GLOB_RECURSE sources CONFIGURE_DEPENDS *.cpp)
 
     if(NOT sources)  # nothing to compile here yet
         add_library(${target} INTERFACE)
@@ -72,8 +72,9 @@ function(mox_library target namespace)
             LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
             ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
         get_filename_component(folder "${CMAKE_CURRENT_SOURCE_DIR}" NAME)
-        install(DIRECTORY "${CMAKE_CURRENT_SOURCE_DIR}/" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/${folder}"
-            FILES_MATCHING PATTERN "*.h")
+        install(CODE "set(root \"${PROJECT_SOURCE_DIR}\")\nset(folder ${folder})\n"
+            "set(destination \"${CMAKE_INSTALL_INCLUDEDIR}\")\n"
+            "include(\"${PROJECT_SOURCE_DIR}/cmake/InstallHeaders.cmake\")")
         install(EXPORT ${arg_EXPORT} NAMESPACE ${namespace}::
             DESTINATION "${CMAKE_INSTALL_LIBDIR}/cmake/Mox")
     endif()
