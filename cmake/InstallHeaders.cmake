@@ -4,6 +4,8 @@
 # root         of the source tree, which includes are relative to
 # folder       of the library, below it
 # destination  of the headers, which go below it as they are below the root; relative to the prefix, or absolute
+cmake_policy(PUSH)
+cmake_policy(VERSION 3.22)
 if(NOT IS_ABSOLUTE "${destination}")
     set(destination "${CMAKE_INSTALL_PREFIX}/${destination}")
 endif()
@@ -26,3 +28,4 @@ foreach(header IN LISTS wanted)
     get_filename_component(below "${header}" DIRECTORY)
     file(INSTALL "${root}/${header}" DESTINATION "${destination}/${below}")
 endforeach()
+cmake_policy(POP)

@@ -72,9 +72,11 @@ function(mox_library target namespace)
             LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
             ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
         get_filename_component(folder "${CMAKE_CURRENT_SOURCE_DIR}" NAME)
-        install(CODE "set(root \"${PROJECT_SOURCE_DIR}\")\nset(folder ${folder})\n"
-            "set(destination \"${CMAKE_INSTALL_INCLUDEDIR}\")\n"
-            "include(\"${PROJECT_SOURCE_DIR}/cmake/InstallHeaders.cmake\")")
+        install(CODE "
+            set(root \"${PROJECT_SOURCE_DIR}\")
+            set(folder ${folder})
+            set(destination \"${CMAKE_INSTALL_INCLUDEDIR}\")
+            include(\"${PROJECT_SOURCE_DIR}/cmake/InstallHeaders.cmake\")")
         install(EXPORT ${arg_EXPORT} NAMESPACE ${namespace}::
             DESTINATION "${CMAKE_INSTALL_LIBDIR}/cmake/Mox")
     endif()
