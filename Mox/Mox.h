@@ -2,6 +2,7 @@
 
 // The whole library.
 #include "Mox/Cell.h"
+#include "Mox/CellSource.h"
 #include "Mox/ChipSet.h"
 #include "Mox/ChipSetIter.h"
 #include "Mox/Events.h"

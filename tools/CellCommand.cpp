@@ -4,7 +4,7 @@
 #include "tools/lib/Output.h"
 #include "tools/lib/RootedCalls.h"
 
-#include "Mox/internal/CellSource.h"
+#include "Mox/CellSource.h"
 #include "Redundancy/RedundancyStatus.h"
 #include "Vel/base/Exception.h"
 #include "Vel/entity/ActivityManager.h"

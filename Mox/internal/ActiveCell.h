@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Mox/internal/CellSource.h"
+#include "Mox/CellSource.h"
 
 namespace Cell {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Mox/internal/CellSource.h"
+#include "Mox/CellSource.h"
 
 #include <cstddef>
 #include <string_view>

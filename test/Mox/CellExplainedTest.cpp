@@ -1,4 +1,4 @@
-#include "Mox/internal/CellSource.h"
+#include "Mox/CellSource.h"
 
 #include "CellTest.h"
 

@@ -98,9 +98,9 @@ template <auto Member, class V> constexpr auto checkAttributeType() {
         "the integers of attributes are Vel::U8, Vel::U16, Vel::U32 and Vel::U64; for one with a sign use double, or a "
         "number type of your own (docs/tutorial.md, Signed integers)");
     static_assert(AttributeType<Member, V>::isNoOtherFloat, "the floating-point type of attributes is double");
-    static_assert(
-        AttributeType<Member, V>::isNoEnumeration, "an enumeration has no description: use a class that derives from "
-                                                   "Vel::EnumerationOf (Vel/describe/Enumeration.h)");
+    static_assert(AttributeType<Member, V>::isNoEnumeration,
+        "an enumeration has no description: use a class that derives from "
+        "Vel::EnumerationOf (Vel/describe/Enumeration.h)");
     static_assert(AttributeType<Member, V>::isNoOtherText, "the text of attributes is Vel::String");
     static_assert(AttributeType<Member, V>::isNoOtherTime, "times and durations of attributes are Vel::Seconds");
     static_assert(
