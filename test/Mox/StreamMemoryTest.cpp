@@ -589,6 +589,24 @@ TEST_F(LargeStateTest, EachOutputAddsAFewMessages) {
     expectSame(pair);
 }
 
+// Of a member that came with the other collection there is nothing to say.
+TEST(LargeTrieTest, EachOutputLooksAtAFewKeys) {
+    auto const trie = Mox::prefixTrieFactory("t");
+    for (unsigned i = 0; i < 30'000; ++i) trie->newChildIs(Vel::format("c%u", i));
+    Pair pair(trie);
+    pair.connect();
+    pair.reader->input(takeOutput(pair.replica));
+    int empty = 0;
+    while (pair.reader->wantsOutput()) {
+        auto const bytes = pair.reader->output(1u << 30);
+        if (bytes.empty()) ++empty;
+        pair.replica.input(bytes);
+        pair.reader->outputTaken(bytes.size());
+    }
+    EXPECT_GE(empty, 5);
+    EXPECT_EQ(pair.replica.state(), Vel::AttrLogReplica::State::synced);
+}
+
 // Of an empty directory there is nothing to say, but to look that it is.
 TEST_F(LargeStateTest, EachOutputLooksAtAFewEntities) {
     for (unsigned i = 0; i < 30'000; ++i) dir("d5")->entryIs(Dir::newEntity(Vel::format("e%u", i)));

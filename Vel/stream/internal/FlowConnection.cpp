@@ -30,12 +30,13 @@ FlowConnection::~FlowConnection() = default;
 // --- flows ---
 
 FlowOut* FlowConnection::flow(Adapter const& adapter) const {
-    auto const found = flows_.find(adapter.slot());
-    return found == flows_.end() ? nullptr : found->second.get();
+    auto const* const found = flows_.find(adapter.slot());
+    return found ? found->get() : nullptr;
 }
 
 FlowOut& FlowConnection::flowIs(Adapter const& adapter, AttributeId from) {
-    std::unique_ptr<FlowOut>& flow = flows_[adapter.slot()];
+    auto* const there = flows_.find(adapter.slot());
+    std::unique_ptr<FlowOut>& flow = there ? *there : flows_.add(adapter.slot(), nullptr);
     StreamTable const& table = adapter.table();
     flow.reset(table.newFlowOut ? table.newFlowOut(table, from) : new FlowOut(table, from));
     if (!notBegun_.has(adapter.slot())) wait(adapter);
@@ -164,12 +165,15 @@ void FlowConnection::sendKey(Adapter& adapter, StreamAttribute const& attribute,
             attribute.serializeKey(adapter, attribute.id, adapter.entity(), bytesOf(key), true);
         else if (!isNew)
             sendKeyDel(adapter, attribute, key);
+        else
+            ++flowed_;
         return;
     }
     Entity* const entity = attribute.member(adapter.entity(), in);
     Adapter* const member = entity ? adapterOf(*entity) : nullptr;
     if (!member) {
-        if (!isNew) sendKeyDel(adapter, attribute, key);
+        if (!isNew) return sendKeyDel(adapter, attribute, key);
+        ++flowed_;
         return;
     }
     bool const instances = attribute.kind == StreamKind::instances;
@@ -178,6 +182,7 @@ void FlowConnection::sendKey(Adapter& adapter, StreamAttribute const& attribute,
         announce(*member, instances ? here : ownerOf(*entity, here));
         if (instances) return;
     } else if (instances && isNew && isInstantiatedBy(*member, adapter)) {
+        ++flowed_;
         return;
     }
     std::size_t const size = placeSize(adapter, attribute) + key.size() + compactSize(member->id());
@@ -264,7 +269,7 @@ void FlowConnection::clear() {
     instantiated_.clear();
     std::vector<bool>().swap(typesTold_);
     std::deque<EntityId>().swap(waiting_);
-    decltype(flows_)().swap(flows_);
+    flows_.clear();
 }
 
 }  // namespace Vel::NboAttrLog

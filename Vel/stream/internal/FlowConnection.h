@@ -1,13 +1,13 @@
 #pragma once
 
 #include "Vel/stream/FlowOut.h"
+#include "Vel/stream/internal/GradualMap.h"
 #include "Vel/stream/internal/SlotSet.h"
 #include "Vel/stream/internal/StreamAdapter.h"
 
 #include <deque>
 #include <memory>
 #include <span>
-#include <unordered_map>
 #include <vector>
 
 namespace Vel {
@@ -59,7 +59,7 @@ public:
     // Sends of what is waiting as much as the output takes.
     void continueFlowOut();
     bool hasWaiting() const { return !waiting_.empty(); }
-    U64 flowed() const { return flowed_; }  // entities of which all was sent, ever
+    U64 flowed() const { return flowed_; }  // entities that were done with, and keys that said nothing
 
     bool isAnnounced(Adapter const& adapter) const { return announced_.has(adapter.slot()); }
     bool isNotBegun(Adapter const& adapter) const { return notBegun_.has(adapter.slot()); }
@@ -100,7 +100,7 @@ private:
     SlotSet instantiated_;  // announced through the collection of its owner (Adapter::owner)
     std::vector<bool> typesTold_;
     std::deque<EntityId> waiting_;                             // not begun, with a flow, or gone; perhaps come back
-    std::unordered_map<U32, std::unique_ptr<FlowOut>> flows_;  // by slot
+    Detail::GradualMap<U32, std::unique_ptr<FlowOut>> flows_;  // by slot
     U64 flowed_ = 0;
     Out key_;  // of an owner's collection
 };

@@ -13,13 +13,13 @@ StreamDemuxer::StreamDemuxer() = default;
 StreamDemuxer::~StreamDemuxer() = default;
 
 StreamDemuxer::Adapter* StreamDemuxer::adapter(EntityId id) const {
-    auto const found = adapters_.find(id);
-    return found == adapters_.end() ? nullptr : found->second.get();
+    auto const* const found = adapters_.find(id);
+    return found ? found->get() : nullptr;
 }
 
 StreamDemuxer::Adapter* StreamDemuxer::adapter(Entity const& entity) const {
-    auto const found = byEntity_.find(&entity);
-    return found == byEntity_.end() ? nullptr : found->second;
+    Adapter* const* const found = byEntity_.find(&entity);
+    return found ? *found : nullptr;
 }
 
 StreamDemuxer::Adapter* StreamDemuxer::newAdapter(Entity& entity) {
@@ -38,8 +38,8 @@ StreamDemuxer::Adapter* StreamDemuxer::newAdapter(Entity& entity) {
     auto made = std::make_unique<Adapter>(*this, entity, ++lastId_, slot);
     Adapter* const adapter = made.get();
     adapter->attrLogFlagsIs(Adapter::multicastBit, multicast_ != nullptr);
-    adapters_.emplace(adapter->id(), std::move(made));
-    byEntity_.emplace(&entity, adapter);
+    adapters_.add(adapter->id(), std::move(made));
+    byEntity_.add(&entity, adapter);
     bySlot_[slot] = adapter;
     return adapter;
 }

@@ -1,11 +1,11 @@
 #pragma once
 
 #include "Vel/stream/internal/FlowConnection.h"
+#include "Vel/stream/internal/GradualMap.h"
 #include "Vel/stream/internal/SharedSm.h"
 
 #include <functional>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 namespace Vel {
@@ -86,8 +86,8 @@ public:
 private:
     void clear();
 
-    std::unordered_map<EntityId, std::unique_ptr<Adapter>> adapters_;
-    std::unordered_map<Entity const*, Adapter*> byEntity_;
+    Detail::GradualMap<EntityId, std::unique_ptr<Adapter>> adapters_;
+    Detail::GradualMap<Entity const*, Adapter*> byEntity_;
     std::vector<Adapter*> bySlot_;
     std::vector<U32> freeSlots_;
     std::vector<VelType> types_;
