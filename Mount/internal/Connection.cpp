@@ -10,8 +10,9 @@ namespace Mount {
 namespace {
 
 constexpr std::size_t bufferSize = 256u << 10;
-constexpr std::size_t scarceSize = 16u << 10;  // of output, when others need the memory
-constexpr std::size_t turn = 1u << 20;         // bytes either way before others have theirs
+constexpr std::size_t scarceSize = 16u << 10;     // of output, when others need the memory
+constexpr std::size_t turn = 1u << 20;            // bytes either way before others have theirs
+constexpr std::chrono::milliseconds turnTime{3};  // and so long: of small messages, fewer bytes take as long
 constexpr std::chrono::seconds finishTime{1};
 
 // Room for what comes in. One for all connections of the thread, as long as none of them runs the loop from within.
@@ -29,6 +30,18 @@ private:
         return buffer;
     }
     std::unique_ptr<U8[]> bytes_;
+};
+
+// What one connection does before others have their turn. The first piece is always done.
+class Turn {
+public:
+    void done(std::size_t bytes) { bytes_ += bytes; }
+    bool isOver() const { return bytes_ >= turn || (bytes_ != 0 && Clock::now() - begun_ >= turnTime); }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point begun_ = Clock::now();
+    std::size_t bytes_ = 0;
 };
 
 }  // namespace
@@ -113,8 +126,8 @@ void Connection::receive() {
     isReceiving_ = true;
     auto const atEnd = [this](void*) { isReceiving_ = false; };
     std::unique_ptr<void, decltype(atEnd)> const receiving(this, atEnd);
-    for (std::size_t received = 0; !isOver();) {
-        if (received >= turn) {
+    for (Turn mine; !isOver();) {
+        if (mine.isOver()) {
             receivesMore_ = true;
             return wake();
         }
@@ -125,7 +138,7 @@ void Connection::receive() {
             bool const isCut = phase_ == Phase::carrying && peer_->inputHeld() != 0;
             return endLater(isCut ? String("the connection was cut in the middle of a message") : peer_->error());
         }
-        received += outcome.bytes;
+        mine.done(outcome.bytes);
         bytesIn_ += outcome.bytes;
         if (phase_ != Phase::carrying) continue;  // nobody listens any more
         peer_->input(buffer.bytes().first(outcome.bytes));
@@ -135,8 +148,8 @@ void Connection::receive() {
 
 void Connection::send() {
     sendAwaits_ = Awaits::nothing;
-    for (std::size_t sent = 0; !isOver();) {
-        if (sent >= turn) return wake();
+    for (Turn mine; !isOver();) {
+        if (mine.isOver()) return wake();
         if (outgoing_.empty()) {
             bool const isScarce = memory_ && memory_->held > memory_->limit / 2;
             outgoing_ = peer_->output(isScarce ? scarceSize : bufferSize);
@@ -153,7 +166,7 @@ void Connection::send() {
             if (phase_ == Phase::carrying && !isReceiving_) receive();
             return endLater(channel_->error());
         }
-        sent += outcome.bytes;
+        mine.done(outcome.bytes);
         bytesOut_ += outcome.bytes;
         peer_->outputTaken(outcome.bytes);
         outgoing_ = outgoing_.subspan(outcome.bytes);
