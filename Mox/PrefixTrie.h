@@ -245,6 +245,8 @@ public:
     std::default_sentinel_t end() const { return {}; }
     U32 size() const { return trie_->members_.size(which); }
     bool empty() const { return size() == 0; }
+    // Visits a part of the members: see Vel::NboAttrLog::RangeOfParts. They may not change meanwhile.
+    template <class F> U64 visitPart(U64 part, F f) const { return trie_->members_.visitPart(part, which, f); }
     static constexpr U32 velHashConstant = hashConstant;  // sets the collection apart from every other one
 
 private:

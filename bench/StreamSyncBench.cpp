@@ -12,6 +12,8 @@
 
 #include <malloc.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -259,6 +261,43 @@ void addSync(Vel::U32 prefixes) {
     });
 }
 
+// The longest output() of a source, for others wait that long: in a directory or trie of so many entities, the tables of
+// which grow meanwhile. In seconds, beside the time of the whole.
+void addTurns(Vel::U32 entities) {
+    using Clock = std::chrono::steady_clock;
+    std::string const group = "the longest turn of a first copy of " + std::to_string(entities);
+    auto const measure = [](benchmark::State& state, Vel::Ptr<Vel::Entity> const& root) {
+        auto total = Clock::duration::zero();
+        for (auto _ : state) {
+            Vel::AttrLogSource source(root);
+            Vel::AttrLogReplica replica(Vel::Dir::newEntity(""), root->name(), {});
+            replica.connected();
+            auto const reader = source.newReader();
+            auto longest = Clock::duration::zero();
+            reader->input(replica.output(1 << 16));
+            while (reader->wantsOutput()) {
+                auto const start = Clock::now();
+                auto const bytes = reader->output(256 << 10);
+                longest = std::max(longest, Clock::now() - start);
+                reader->outputTaken(bytes.size());
+            }
+            total += longest;
+        }
+        state.counters["longest"] =
+            std::chrono::duration<double>(total).count() / static_cast<double>(state.iterations());
+    };
+    Bench::add(group, "in a directory", [=](benchmark::State& state) {
+        auto const dir = Vel::Dir::newEntity("dir");
+        for (Vel::U32 i = 0; i < entities; ++i) dir->entryIs(Level::newEntity(Vel::format("e%u", i)));
+        measure(state, dir);
+    });
+    Bench::add(group, "in a trie", [=](benchmark::State& state) {
+        auto const trie = Mox::prefixTrieFactory("trie");
+        for (Vel::U32 i = 0; i < entities; ++i) trie->newChildIs(Vel::format("e%u", i));
+        measure(state, trie);
+    });
+}
+
 }  // namespace
 }  // namespace Bench
 
@@ -268,6 +307,7 @@ int main(int argc, char** argv) {
     Bench::addUpdates();
     Bench::addPaths();
     Bench::addSync(100'000);
+    Bench::addTurns(500'000);
     int const status = Bench::run(argc, argv);
     if (status == 0) Bench::tellMemory();
     return status;

@@ -110,6 +110,31 @@ public:
         ::operator delete(t);
     }
 
+    // Calls f(node) for those members of which the hash begins, from its low bits on, as `part` does, and gives the
+    // next part: the first is 0, and so is what follows the last. Parts are counted from their highest bit on, so that
+    // what a table had in one part is in few when it has grown, and none that were visited are: "reverse binary
+    // iteration", by which Redis scans its tables. Members that are there all the time are visited, and if the table
+    // shrinks some perhaps twice.
+    template <class F> U64 visitPart(U64 part, Collection which, F f) const {
+        if (size(which) == 0) return 0;
+        Table* const t = table();
+        if (!t || !t->hashed()) {
+            if (isSlot() && (word_ & bit(which))) f(nodeOf(word_));
+            if (t)
+                for (U64 const slot : *t)
+                    if (slot & bit(which)) f(nodeOf(slot));
+            return 0;
+        }
+        U64 const home = part & t->mask();
+        for (U64 i = home; U64 const slot = t->slots()[i]; i = (i + 1) & t->mask())
+            if ((slot & bit(which)) && (hashBesideOthers(nodeOf(slot)->velKey()) & t->mask()) == home) f(nodeOf(slot));
+        for (U64 at = capacityOf(t->sizeClass) / 2; at != 0; at /= 2) {
+            part ^= at;
+            if (part & at) return part & t->mask();
+        }
+        return 0;
+    }
+
     std::size_t memory() const noexcept { return table() ? bytesOf(table()->sizeClass) : 0; }  // bytes allocated
 
 private:

@@ -16,15 +16,17 @@ namespace NboAttrLog {
 
 class FlowOut;
 
-// How far a collection has been flowed out: the keys that are left.
+// How far a collection has been flowed out. It gives every key that is there all the time. What comes or goes meanwhile
+// it may give or not: whoever lets the collection change looks after that, and looks whether a key is there.
 class VEL_API Bookmark {
 public:
     virtual ~Bookmark();
-    virtual std::size_t left() const = 0;
+    virtual std::size_t left() const = 0;  // keys that are noted; 0: there are no more
     virtual void next(Out& key) = 0;  // appends the encoding of the next key, and removes it. REQUIRES: left() != 0
 };
 
-template <class Key> class velFlowOutBookmarkDeq final : public Bookmark {
+// Keys that are noted: all that there were, of a collection that a function visits, for only a whole visit gives all.
+template <class Key> class velFlowOutBookmarkDeq : public Bookmark {
 public:
     void add(Key key) { keys_.push_back(std::move(key)); }
     std::deque<Key> const& keys() const { return keys_; }
@@ -36,6 +38,71 @@ public:
 
 private:
     std::deque<Key> keys_;
+};
+
+// Of collections that can be visited from where a visit stopped, the next few keys are noted, and behind them comes
+// whatever is there then: to begin takes no time, and no memory to speak of, however many keys there are.
+inline constexpr std::size_t fewKeys = 64;
+
+// A map or a set, in the order of its keys; std::map calls the first element behind a key so, and Vel::OrderedMap.
+template <class Range, class Key>
+concept OrderedRange = requires(Range const& range, Key const& key) {
+    range.upper_bound(key);
+}
+|| requires(Range const& range, Key const& key) { range.upperBound(key); };
+
+// REQUIRES: the range outlives it.
+template <class Key, class Range> class OrderedBookmark final : public velFlowOutBookmarkDeq<Key> {
+public:
+    explicit OrderedBookmark(Range const& range) : range_(range) { note(range.begin()); }
+    void next(Out& key) override {
+        Key const given = this->keys().front();
+        velFlowOutBookmarkDeq<Key>::next(key);
+        if (!this->keys().empty()) return;
+        if constexpr (requires { range_.upper_bound(given); })
+            note(range_.upper_bound(given));
+        else
+            note(range_.upperBound(given));
+    }
+
+private:
+    template <class At> void note(At at) {
+        for (; this->left() < fewKeys && at != range_.end(); ++at) {
+            if constexpr (requires { (*at).first; })
+                this->add((*at).first);
+            else if constexpr (requires { (*at).key; })
+                this->add((*at).key);
+            else
+                this->add(*at);
+        }
+    }
+    Range const& range_;
+};
+
+// A range in no order that can be visited in parts: visitPart(part, f) calls f(member) for each of the part, and gives
+// the next part; the first is 0, and so is what follows the last. Whatever is in the range all the time is in one part
+// or more.
+template <class Range>
+concept RangeOfParts = requires(Range const& range) {
+    range.visitPart(U64(0), [](auto const&) {});
+};
+
+// REQUIRES: what the range is of outlives it.
+template <class Key, class Range> class PartsBookmark final : public velFlowOutBookmarkDeq<Key> {
+public:
+    explicit PartsBookmark(Range range) : range_(std::move(range)) { note(); }
+    void next(Out& key) override {
+        velFlowOutBookmarkDeq<Key>::next(key);
+        if (this->keys().empty() && part_ != 0) note();
+    }
+
+private:
+    void note() {
+        do part_ = range_.visitPart(part_, [this](auto const& member) { this->add(member->name()); });
+        while (part_ != 0 && this->left() < fewKeys);
+    }
+    Range range_;
+    U64 part_ = 0;
 };
 
 // Where the values of an entity's attributes are written to.

@@ -34,9 +34,9 @@ public:
     Ptr<Entity> velChild(std::string_view name) const override;
 
     static constexpr auto description() {
-        return Vel::entity("Vel::Dir",
-            Vel::references<&Dir::visitEntries>(Vel::collection<String, Ptr<Entity>, &Dir::entry, &Dir::entryIs,
-                &Dir::entryDel, &Dir::entries, &Dir::entryChangeCounter, &Dir::entryExists>("entry")));
+        return Vel::entity(
+            "Vel::Dir", Vel::references<&Dir::entries_>(Vel::collection<String, Ptr<Entity>, &Dir::entry, &Dir::entryIs,
+                            &Dir::entryDel, &Dir::entries, &Dir::entryChangeCounter, &Dir::entryExists>("entry")));
     }
 
 private:

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -283,6 +284,49 @@ TEST(TrieMembersSizeTest, WhatMembersHoldForTheWholeProgramIsNoLeak) {
     for (int i = 0; i < 5; ++i) few->put(*new Node(std::to_string(i)), Collection::child);
     for (int i = 0; i < 50; ++i) many->put(*new Node(std::to_string(i)), Collection::prefixChild);
     EXPECT_EQ(one->size(Collection::child) + few->size(Collection::child) + many->size(Collection::prefixChild), 56u);
+}
+
+// Others come until the table has grown five times, and go until it has shrunk.
+TEST(NamedMembersPartsTest, WhatIsThereAllTheTimeIsInSomePart) {
+    for (std::size_t const first : {0u, 40u, 3000u}) {
+        std::vector<std::unique_ptr<Node>> nodes;
+        for (int i = 0; i < 3000; ++i) nodes.push_back(std::make_unique<Node>(std::to_string(i)));
+        Members members;
+        auto const put = [&](std::size_t i) { members.put(*nodes[i], Collection::child); };
+        for (std::size_t i = 0; i < std::max<std::size_t>(first, 100); ++i) put(i);
+        std::map<std::string, int> visited;
+        std::size_t count = std::max<std::size_t>(first, 100);
+        std::size_t const change = first == 3000 ? 0 : 7;
+        U64 part = 0;
+        do {
+            part = members.visitPart(part, Collection::child, [&](Node* node) { ++visited[node->key]; });
+            for (std::size_t i = 0; i < change && count < nodes.size(); ++i) put(count++);
+            for (std::size_t i = 0; first == 3000 && i < 5 && count > 100; ++i)
+                if (Node* const taken = members.take(nodes[--count]->key, Collection::child)) taken->deleteRef();
+        } while (part != 0);
+        for (std::size_t i = 0; i < 100; ++i) EXPECT_GE(visited[nodes[i]->key], 1) << i << " of " << first;
+    }
+}
+
+TEST(NamedMembersPartsTest, OfWhatDoesNotChangeEachIsInOnePart) {
+    for (std::size_t const size : {0u, 1u, 2u, 7u, 8u, 500u}) {
+        std::vector<std::unique_ptr<Node>> nodes;
+        Members members;
+        for (std::size_t i = 0; i < size; ++i) {
+            nodes.push_back(std::make_unique<Node>(std::to_string(i)));
+            for (Collection const which : both)
+                if (which == Collection::child || i % 3 == 0) members.put(*nodes[i], which);
+        }
+        for (Collection const which : both) {
+            std::map<std::string, int> visited, expected;
+            for (std::size_t i = 0; i < size; ++i)
+                if (which == Collection::child || i % 3 == 0) expected[nodes[i]->key] = 1;
+            U64 part = 0;
+            do part = members.visitPart(part, which, [&](Node* node) { ++visited[node->key]; });
+            while (part != 0);
+            EXPECT_EQ(visited, expected);
+        }
+    }
 }
 
 }  // namespace

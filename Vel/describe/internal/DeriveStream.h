@@ -62,6 +62,24 @@ template <class T, class A> struct StreamedKeys {
             for (auto const& member : std::invoke(A::visit, object)) f(member);
     }
     static NboAttrLog::Bookmark* bookmark(Entity const& entity) {
+        T const& object = static_cast<T const&>(entity);
+        if constexpr (std::is_member_object_pointer_v<std::remove_const_t<decltype(A::visit)>>) {
+            using Range = std::remove_cvref_t<decltype(object.*A::visit)>;
+            if constexpr (NboAttrLog::OrderedRange<Range, Key>)
+                return new NboAttrLog::OrderedBookmark<Key, Range>(object.*A::visit);
+            else
+                return allKeys(entity);
+        } else if constexpr (std::is_invocable_v<decltype(A::visit), T const&>) {
+            using Range = std::invoke_result_t<decltype(A::visit), T const&>;
+            if constexpr (NboAttrLog::RangeOfParts<Range>)
+                return new NboAttrLog::PartsBookmark<Key, Range>(std::invoke(A::visit, object));
+            else
+                return allKeys(entity);
+        } else {
+            return allKeys(entity);
+        }
+    }
+    static NboAttrLog::Bookmark* allKeys(Entity const& entity) {
         auto made = std::make_unique<NboAttrLog::velFlowOutBookmarkDeq<Key>>();
         each(entity, [&](auto const& m) {
             if constexpr (requires { m.first; })

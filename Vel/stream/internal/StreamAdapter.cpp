@@ -288,7 +288,10 @@ bool Sa::flowOutAllKeys(FlowConnection& connection, FlowOut& flow, StreamAttribu
         if (!isOkToSerialize()) return false;
         key.clear();
         flow.bookmark()->next(key);
-        connection.sendKey(*this, attribute, {reinterpret_cast<char const*>(key.data()), key.size()}, !again);
+        std::string_view const view(reinterpret_cast<char const*>(key.data()), key.size());
+        connection.sendKey(*this, attribute, view, !again);
+        // A value is told with its key, and not again for a change before that; of a member more than that may be flagged.
+        if (attribute.kind == StreamKind::values) flow.velDirtyKeyDel(attribute.id, view);
     }
     if (again) connection.sendKeysEnd(*this, attribute);
     flow.bookmarkIs(nullptr);

@@ -162,6 +162,34 @@ TEST_F(StreamValuesTest, KeysThatComeAndGoWhileTheCollectionIsSentArriveAsTheyAr
     pair.expectEqual();
 }
 
+// Keys in order are not listed at one go: what is sent next is looked for then, and a change that is sent is not flagged.
+TEST_F(StreamValuesTest, ChangesBehindAndInFrontOfWhatIsSentAreToldOnce) {
+    pair.disconnect();
+    for (unsigned i = 0; i < 250; i += 2) table->markIs(static_cast<U8>(i), i);
+    pair.connect();
+    pair.reader->input(takeOutput(pair.replica));
+    Bytes all;
+    auto const take = [&] {
+        auto const bytes = pair.reader->output(1);
+        all.insert(all.end(), bytes.begin(), bytes.end());
+        pair.replica.input(bytes);
+        pair.reader->outputTaken(bytes.size());
+    };
+    while (!copy()->markExists(100)) take();
+    for (unsigned const i : {51u, 201u, 150u, 248u}) table->markIs(static_cast<U8>(i), i + 1);
+    table->markDel(202);
+    table->markDel(20);
+    while (pair.reader->wantsOutput()) take();
+    Strings const sent = messages(all);
+    auto const says = [&](unsigned key, unsigned mark) {
+        U8 const bytes[] = {6, 1, 0x41, 4, static_cast<U8>(key), 0, 0, 0, static_cast<U8>(mark)};
+        return std::count(sent.begin(), sent.end(), hex(bytes));
+    };
+    for (unsigned const i : {51u, 201u, 150u, 248u}) EXPECT_EQ(says(i, i + 1), 1) << i;
+    EXPECT_EQ(says(202, 202), 0);
+    pair.expectEqual();
+}
+
 // --- what a peer must not send ---
 
 class HostileValuesTest : public testing::Test {
