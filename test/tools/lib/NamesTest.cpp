@@ -18,7 +18,7 @@ TEST(NamesTest, TheNearestComesFirst) {
     EXPECT_THAT(nearest("cellid", known), ElementsAre("cellId"));
     EXPECT_THAT(nearest("seqno", known), ElementsAre("Mox::Seqno16", "Mox::Seqno32"));
     EXPECT_THAT(nearest("Seqno32", known), ElementsAre("Mox::Seqno32"));
-    EXPECT_THAT(nearest("Vel::Dri", known), ElementsAre("Vel::Dir"));
+    EXPECT_THAT(nearest("Vel::Dirr", known), ElementsAre("Vel::Dir"));
 }
 
 TEST(NamesTest, WhatIsFarFromAllIsNearNone) {

@@ -16,7 +16,7 @@ namespace {
 using namespace Tool;
 using namespace ToolTest;
 
-std::string setOf(std::string_view text) { return Tags::checkedTags(text).value().stdString(); }
+std::string setOf(std::string_view text) { return Tags::checkedTags(text)->stdString(); }
 
 std::string mistakeIn(std::string_view tags) {
     auto const set = Tags::checkedTags(tags);
