@@ -36,8 +36,8 @@ struct Source {
     std::vector<Asked> asked{};  // in this order
 };
 
-// The facts as the functions of the same names in Cell.h give them. Each sets `from` to where its answer comes from, and
-// when it throws, to what failed.
+// The facts as the functions of the same names in Cell.h give them. Each sets `from` to where its answer comes from,
+// and when it throws, to what failed.
 struct VEL_API Explained {
     static Vel::U32 cellId(Source& from);
     static Vel::U32 activeCellId(Source& from);

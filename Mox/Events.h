@@ -2,8 +2,8 @@
 
 #include "Mox/Types.h"
 
-// Events: records that report one observation, with the time of its moment, in seconds. What is kept of a stream of them
-// is in Statistics.h, which comes with this header: events and statistics are one module.
+// Events: records that report one observation, with the time of its moment, in seconds. What is kept of a stream of
+// them is in Statistics.h, which comes with this header: events and statistics are one module.
 // Plain values: as thread-safe as a structure of their fields.
 namespace Mox {
 

@@ -22,8 +22,8 @@ private:
     std::uint64_t seen_ = 0;  // bytes
 };
 
-// Shows the first mistakes as they are found, and counts the others by their kinds. The first one in what is no text says
-// what it is, and ends the complaints.
+// Shows the first mistakes as they are found, and counts the others by their kinds. The first one in what is no text
+// says what it is, and ends the complaints.
 class Complaints {
 public:
     static constexpr std::uint64_t mostShown = 20;

@@ -36,8 +36,8 @@ std::string adviceFor(std::string_view error);
 // The error, behind the address unless that is its beginning anyway.
 std::string withAddress(ConnectionOptions const& options, std::string const& error);
 
-// A directory for a copy, which is left to the end of the process: taking a large copy apart takes as long as it took to
-// make it, and entities that refer to each other in a circle would stay anyway.
+// A directory for a copy, which is left to the end of the process: taking a large copy apart takes as long as it took
+// to make it, and entities that refer to each other in a circle would stay anyway.
 Vel::Ptr<Vel::Dir> placeForCopy();
 
 // A copy of what is at a path of a server, made for a command that asks once.

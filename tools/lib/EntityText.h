@@ -19,8 +19,8 @@ inline Vel::StreamTable const* streamTableOf(Vel::Entity const& entity) {
     auto* const stream = entity.fwkType().glue().stream;
     return stream ? &stream() : nullptr;
 }
-// By which the entities below one are named: the first collection that makes its members, else the first one, with names
-// as keys. Null: the type has none.
+// By which the entities below one are named: the first collection that makes its members, else the first one, with
+// names as keys. Null: the type has none.
 Vel::StreamAttribute const* namingCollection(Vel::StreamTable const& table);
 
 std::string attributeName(Vel::VelType type, Vel::AttributeId id);
@@ -42,8 +42,8 @@ std::optional<Vel::GenericValue> storedItem(
     Vel::Entity const& entity, Vel::StreamAttribute const& collection, std::string_view key);
 // Through the mutator, which may throw what it likes.
 void storedValueIs(Vel::Entity& entity, Vel::StreamAttribute const& attribute, Vel::GenericValue const& value);
-// Numbers, booleans and strings as such, records as objects of their fields, others as their text; a number that JSON does
-// not have as its text.
+// Numbers, booleans and strings as such, records as objects of their fields, others as their text; a number that JSON
+// does not have as its text.
 Json jsonValue(Vel::GenericValue const& value);
 
 // --- keys ---
@@ -63,9 +63,9 @@ Vel::Entity* memberOf(Vel::Entity const& entity, Vel::StreamAttribute const& col
 // --- paths ---
 
 // A path has a "/" before each step. A step is the name of an entity in the naming collection of the one above it, or
-// "@attribute" for what a pointer refers to, or "@collection[key]" for the member of another collection, the key as text.
-// What would end a step, or is not for a terminal (see Clean.h), stands as %XX: "/" and "%", blanks, control bytes, what is
-// no UTF-8, and an "@" at the beginning. So a path is one word, and JSON can hold it.
+// "@attribute" for what a pointer refers to, or "@collection[key]" for the member of another collection, the key as
+// text. What would end a step, or is not for a terminal (see Clean.h), stands as %XX: "/" and "%", blanks, control
+// bytes, what is no UTF-8, and an "@" at the beginning. So a path is one word, and JSON can hold it.
 std::string stepText(Vel::VelType above, Vel::StreamAttribute const& attribute, std::string_view key);
 std::string decodedStep(std::string_view step);  // a "%" that two digits do not follow stands for itself
 

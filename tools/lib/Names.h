@@ -14,8 +14,8 @@ std::vector<std::string> nearest(std::string_view name, std::vector<std::string>
 // "A", "A or B", "A, B or C"
 std::string alternatives(std::vector<std::string> const& names);
 
-// What goes behind "there is no NAME": "; did you mean A or B?", or, when no name is near, `otherwise`; by default ", only A,
-// B, C" with all that are known, if any are.
+// What goes behind "there is no NAME": "; did you mean A or B?", or, when no name is near, `otherwise`; by default ",
+// only A, B, C" with all that are known, if any are.
 std::string orNearest(std::string_view name, std::vector<std::string> const& known, std::string const& otherwise);
 std::string orNearest(std::string_view name, std::vector<std::string> const& known);
 

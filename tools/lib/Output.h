@@ -29,8 +29,8 @@ private:
     int exitCode_;
 };
 
-// "mox: TEXT" to standard error. Further lines of the text begin with four blanks, as those of caretBelow() do; any other
-// newline is no line's end, but shown like all else that is not for a terminal.
+// "mox: TEXT" to standard error. Further lines of the text begin with four blanks, as those of caretBelow() do; any
+// other newline is no line's end, but shown like all else that is not for a terminal.
 void complain(std::string_view text);
 void verboseIs(bool wanted);
 bool isVerbose();
@@ -47,14 +47,14 @@ std::string bold(std::string_view text);
 std::string red(std::string_view text);
 std::string green(std::string_view text);
 
-// A text as people should see it: as it stands, or as a strep when that would hide something (what is not for a terminal,
-// blanks at the ends, nothing at all) or when it could be taken for a strep.
+// A text as people should see it: as it stands, or as a strep when that would hide something (what is not for a
+// terminal, blanks at the ends, nothing at all) or when it could be taken for a strep.
 std::string shown(std::string_view text);
 std::string shortened(std::string text, std::size_t size);  // at most about `size` bytes; says how long it really is
 std::string joined(std::vector<std::string> const& texts, std::string_view separator);
 
-// Two lines: the part of the text around `offset`, and a caret below the character there. Tabs are shown as blanks, what
-// else is not for a terminal as \xNN. For an empty text one line that says so.
+// Two lines: the part of the text around `offset`, and a caret below the character there. Tabs are shown as blanks,
+// what else is not for a terminal as \xNN. For an empty text one line that says so.
 std::string caretBelow(std::string_view text, std::size_t offset);
 
 // Left-aligned columns, two blanks between them.

@@ -308,7 +308,8 @@ private:
         lastEntity_ = last_ = nullptr;  // it may have moved
     }
 
-    // A collection that makes its members has those only that are nowhere else, and what is named in an entity is not around it.
+    // A collection that makes its members has those only that are nowhere else, and what is named in an entity is not
+    // around it.
     void checkPlace(Reference const& reference, Entity const* target, Word const& path) const {
         if (!target || !reference.attribute->isCollection()) return;
         if (reference.attribute->kind == StreamKind::instances && target->parent())

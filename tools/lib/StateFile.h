@@ -28,8 +28,8 @@ struct StateMistake {
 };
 
 struct StateListener {
-    // Told of each mistake, whose line is left out, with all that is about an entity that is missing by that. Empty: the
-    // first mistake is thrown.
+    // Told of each mistake, whose line is left out, with all that is about an entity that is missing by that. Empty:
+    // the first mistake is thrown.
     std::function<void(StateMistake const&)> mistake;
     std::function<void(StateMistake const&)> taken;  // told of what was taken for something else: see ValueText.h
 };

@@ -6,12 +6,12 @@
 
 #include <string_view>
 
-// The trie that the tool makes of files: the state of a prefix is a set of tags, what is below a prefix inherits its tags,
-// and two sets merge into their union. Made for files of a million prefixes: equal sets share their text.
+// The trie that the tool makes of files: the state of a prefix is a set of tags, what is below a prefix inherits its
+// tags, and two sets merge into their union. Made for files of a million prefixes: equal sets share their text.
 namespace Tags {
 
-// Tags are texts without blanks, control bytes, commas and braces. A set of them is the text "a,b": each tag once, in the
-// order of their bytes, with commas between them; nothing for no tags.
+// Tags are texts without blanks, control bytes, commas and braces. A set of them is the text "a,b": each tag once, in
+// the order of their bytes, with commas between them; nothing for no tags.
 
 // The set that `text` lists in any order, with braces around it or without; or what is wrong with it.
 Vel::Checked<Vel::String> checkedTags(std::string_view text);
@@ -19,8 +19,8 @@ Vel::Checked<Vel::String> checkedTags(std::string_view text);
 // The union of two sets. When it is equal to one of them, it shares that one's storage; equal results share theirs.
 Vel::String unitedTags(Vel::String const& a, Vel::String const& b);
 
-// The state of a prefix. Takes 48 bytes, 64 with what the allocator adds, and shares the text of its set with all states
-// that have the same one: a state without tags takes nothing more.
+// The state of a prefix. Takes 48 bytes, 64 with what the allocator adds, and shares the text of its set with all
+// states that have the same one: a state without tags takes nothing more.
 // Threads: as the trie that it belongs to.
 class TagState : public Vel::EntityOf<TagState, Mox::PrefixTrieState> {
 public:

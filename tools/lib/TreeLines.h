@@ -7,8 +7,8 @@
 
 namespace Tool {
 
-// What is in a tree, and what happens to it, one line each: as lines of a state file (see StateFile.h), with "+ " before
-// what has appeared and "- " before what has gone, or as JSON objects with a member "event".
+// What is in a tree, and what happens to it, one line each: as lines of a state file (see StateFile.h), with "+ "
+// before what has appeared and "- " before what has gone, or as JSON objects with a member "event".
 class TreeLines {
 public:
     using Node = EntityTree::Node;
@@ -60,8 +60,8 @@ void eachReference(EntityTree::Node const& node,
 void eachItem(EntityTree::Node const& node,
     std::function<void(Vel::StreamAttribute const&, std::string const&, Vel::GenericValue const&)> const& f);
 
-// What the entity's pointers, and the keys that eachReference() goes through, refer to: "attribute" or "@collection[key]", and
-// a path or "None".
+// What the entity's pointers, and the keys that eachReference() goes through, refer to: "attribute" or
+// "@collection[key]", and a path or "None".
 std::vector<std::pair<std::string, std::string>> referencesOf(EntityTree const& tree, EntityTree::Node const& node);
 
 // The entity and all that it holds, but not what is below it.

@@ -9,8 +9,8 @@
 #include <string>
 #include <string_view>
 
-// Files of path prefixes: one on each line, perhaps with tags behind it: "a*/b.c {lab,north}". In them \xNN stands for a
-// byte from 0x80 up, as the tool writes those that are not for a terminal.
+// Files of path prefixes: one on each line, perhaps with tags behind it: "a*/b.c {lab,north}". In them \xNN stands for
+// a byte from 0x80 up, as the tool writes those that are not for a terminal.
 namespace Tool {
 
 // Appending and pushing states down recurse once for each component.

@@ -30,8 +30,8 @@ Vel::GenericValue valueFrom(Vel::VelType type, std::string_view text, Taken cons
 // Tells of it with --verbose: "PLACE: 1 is taken for 1.0".
 Taken remarking(std::string const& place);
 
-// The value that the command line gives as a text. Throws Failure with that exit code, which says what is wrong and where,
-// behind `errorPlace`. remarkPlace: as of remarking().
+// The value that the command line gives as a text. Throws Failure with that exit code, which says what is wrong and
+// where, behind `errorPlace`. remarkPlace: as of remarking().
 Vel::GenericValue givenValue(Vel::VelType type, std::string const& text, int exitCode,
     std::string const& remarkPlace = "", std::string const& errorPlace = "");
 
