@@ -230,7 +230,8 @@ TEST(NestedTriesManyTest, AnyNumberOfNestingsMayBeTurnedRoundAtOnce) {
 // A source that says that t > a > b.
 class CircularSourceTest : public testing::Test {
 protected:
-    CircularSourceTest() {
+    CircularSourceTest() { connect(); }
+    void connect() {
         replica.connected();
         takeOutput(replica);
         send(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; });
@@ -320,6 +321,37 @@ TEST_F(CircularSourceTest, MembersThatWaitAreHeldToTheSizeOfACopy) {
     EXPECT_EQ(replica.error(), "");
     keySet(3, (key + "y").c_str(), 1);
     EXPECT_EQ(replica.error(), "a copy of more than 4096 bytes");
+}
+
+TEST_F(CircularSourceTest, WhatWaitsIsForgottenWithTheConnection) {
+    keySet(3, "a", 2);
+    connect();
+    send(MessageKind::synced, [](Out&) {});
+    EXPECT_EQ(replica.error(), "");
+    EXPECT_EQ(replica.root()->entity("a/b")->parent()->name(), "a");
+}
+
+// "d" leaves "b" at the sync mark, which lets "b" go into "d" and so leave "a", which lets "a" go into "c".
+TEST_F(CircularSourceTest, MemberThatIsPutAtTheSyncMarkMakesRoomForOthers) {
+    announce(4, 3, "c");
+    announce(5, 3, "d");
+    send(MessageKind::keySet, [](Out& out) { out << Compact{1} << Compact{261} << String("d") << Compact{5}; });
+    keySet(4, "a", 2);
+    keySet(5, "b", 3);
+    send(MessageKind::keysAgain, [](Out& out) { out << Compact{3} << Compact{262}; });
+    keySet(3, "c", 4);
+    send(MessageKind::keysEnd, [](Out& out) { out << Compact{3} << Compact{262}; });
+    send(MessageKind::synced, [](Out&) {});
+    EXPECT_EQ(replica.error(), "");
+    auto const d = Vel::ptr_cast<Mox::PrefixTrie>(replica.root())->child("d");
+    EXPECT_TRUE(d && d->entity("b/c/a"));
+}
+
+TEST_F(CircularSourceTest, MemberThatMovesCountsOnce) {
+    std::size_t const before = replica.copySize();
+    keySet(1, "b", 3);
+    EXPECT_TRUE(replica.root()->entity("b"));
+    EXPECT_EQ(replica.copySize(), before);
 }
 
 TEST_F(CircularSourceTest, WhatWaitsForAPlaceInWhatHasGoneIsForgotten) {

@@ -56,6 +56,21 @@ void expectSame(Pair& pair) {
 
 // --- what has been sent ---
 
+TEST(OutputRoomTest, EmptyOutputKeepsNoLargeRoom) {
+    if (!ALLOCATIONS_ARE_COUNTED) GTEST_SKIP() << "allocations are not counted in this build";
+    Vel::NboAttrLog::BufferSm output;
+    auto const send = [&] {
+        output.begin(MessageKind::value, 100'000).append(100'000);
+        output.commit();
+        output.take(output.size());
+    };
+    send();
+    output.compact(1 << 20);
+    EXPECT_EQ(allocationsOf(send), 0u);
+    output.compact(4096);
+    EXPECT_GT(allocationsOf(send), 0u);
+}
+
 // A directory with 200 texts of 20 kB, and a reader that has said hello when another has synchronised.
 class SlowReaderTest : public testing::Test {
 protected:

@@ -200,6 +200,15 @@ TEST(HashMapTest, MapsShrinkAsTheyAreEmptied) {
     EXPECT_EQ(map.find(keyText(995))->number(), 995);
 }
 
+TEST(HashMapTest, GapsAreClosedWhereAMapGrows) {
+    Map map = filled<Map>(40);
+    for (unsigned i = 10; i < 20; ++i) map.erase(keyText(i));
+    for (unsigned i = 40; i < 200; ++i) map.insert(keyText(i), int(i));
+    EXPECT_EQ(map.size(), 190u);
+    EXPECT_EQ(map.brokenInvariant(), "");
+    for (unsigned i = 0; i < 200; ++i) EXPECT_EQ(map.contains(keyText(i)), i < 10 || i >= 20) << i;
+}
+
 TEST(HashMapTest, InsertionLeavesAnExistingElementAlone) {
     HashMap<String, int> map;
     EXPECT_TRUE(map.insert("a", 1).second);

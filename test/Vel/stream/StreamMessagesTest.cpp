@@ -295,6 +295,15 @@ TEST_F(HostileSourceTest, AttributeThatTheTypeHasNotIsRefused) {
         "Fixture::Leaf has no value or pointer 261");
 }
 
+TEST_F(HostileSourceTest, PlaceThatIsNoneIsRefused) {
+    for (U32 const attribute : {258u, 1000u}) {
+        replica.connected();
+        sendTypes();
+        send(message(MessageKind::keySet, [&](Out& out) { out << Compact{2} << Compact{attribute} << Compact{2}; }));
+        EXPECT_EQ(replica.error(), Vel::format("Fixture::Leaf has no references at %u", attribute));
+    }
+}
+
 TEST_F(HostileSourceTest, ValueThatIsTooLongChangesNothing) {
     sendTypes();
     expectRefused(message(MessageKind::value, [](Out& out) { out << Compact{2} << Compact{258} << 1u << U8(0); }),

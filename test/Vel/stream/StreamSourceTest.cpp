@@ -132,6 +132,34 @@ TEST_F(StreamSourceTest, WakesOnceWhoeverHasTakenAll) {
     EXPECT_EQ(woken, 2);
 }
 
+TEST_F(StreamSourceTest, NothingIsWrittenToTheLogWhenNobodyReadsIt) {
+    a->sizeIs(1);
+    Vel::U64 const before = pair.source.log().messages();
+    EXPECT_GT(before, 0u);
+    pair.reader->closed("gone");
+    a->sizeIs(2);
+    EXPECT_EQ(pair.source.log().messages(), before);
+}
+
+// A longer form of a length would be read as well, and cost every reader.
+TEST(StreamLengthTest, LengthsTakeAsFewBytesAsTheyCan) {
+    for (std::size_t n = 20; n <= 64; ++n) {
+        String const name(std::string(n, 'x'));
+        auto const root = Dir::newEntity(name);
+        root->entryIs(Leaf::newEntity(name));
+        Pair pair(root);
+        pair.connect();
+        pair.reader->input(takeOutput(pair.replica));
+        Bytes const bytes = takeOutput(*pair.reader);
+        for (std::span<Vel::U8 const> rest = bytes; !rest.empty();) {
+            auto const [head, length] = Vel::NboAttrLog::messageLength(rest);
+            EXPECT_EQ(head, Vel::NboAttrLog::compactSize(static_cast<U32>(length))) << n;
+            rest = rest.subspan(head + length);
+        }
+        root->entryDelAll();
+    }
+}
+
 class SmallLogTest : public StreamSourceTest {
 protected:
     SmallLogTest() : StreamSourceTest(Vel::AttrLogSource::Options{.logSize = 1000}) {}
