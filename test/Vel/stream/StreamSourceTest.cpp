@@ -132,6 +132,30 @@ TEST_F(StreamSourceTest, WakesOnceWhoeverHasTakenAll) {
     EXPECT_EQ(woken, 2);
 }
 
+TEST_F(StreamSourceTest, WakesWhenAnEntityThatWasKeptIsDestroyed) {
+    root->entryDel("a");
+    pair.run();
+    int woken = 0;
+    pair.reader->wakeIs([&] { ++woken; });
+    a = nullptr;
+    EXPECT_EQ(woken, 1);
+}
+
+TEST_F(StreamSourceTest, IsSweptWhenHalfAsManyReferencesWereDroppedAsThereAreEntities) {
+    std::vector<Ptr<Leaf>> kept;
+    for (int i = 0; i < 300; ++i) {
+        kept.push_back(Leaf::newEntity(Vel::format("%d", i)));
+        root->entryIs(kept.back());
+    }
+    pair.run();
+    for (int i = 0; i < 140; ++i) root->entryDel(kept[i]->name());
+    pair.run();
+    EXPECT_EQ(pair.source.entities(), 302u);
+    for (int i = 140; i < 160; ++i) root->entryDel(kept[i]->name());
+    pair.run();
+    EXPECT_EQ(pair.source.entities(), 142u);
+}
+
 TEST_F(StreamSourceTest, NothingIsWrittenToTheLogWhenNobodyReadsIt) {
     a->sizeIs(1);
     Vel::U64 const before = pair.source.log().messages();

@@ -385,6 +385,12 @@ TEST(DoubleStrepTest, PowersAndTheirNeighboursReadBack) {
     for (int power = -1074; power <= 1023; ++power) expectRoundTripAround(std::ldexp(1.0, power));
 }
 
+TEST(DoubleStrepTest, WholeNumbersBetweenDoublesAreRefused) {
+    EXPECT_EQ(parse<double>("9007199254740992.0"), 9007199254740992.0);  // 2^53
+    expectRefused<double>({"9007199254740993.0", "9007199254740995.0"});
+    EXPECT_EQ(parse<double>("9007199254740994.0"), 9007199254740994.0);
+}
+
 // A text that is accepted is the text of the value read, whatever was done to it.
 TEST(DoubleStrepTest, DamagedTextsAreRefusedOrCanonical) {
     std::mt19937_64 random(20261121);
