@@ -41,6 +41,7 @@ public:
 
     Address listen(Address const& address);
     void start() { scheduleStatus(); }
+    void checkFiles();
     void close();
 
     Loop& loop() { return loop_; }
@@ -131,6 +132,14 @@ Address Server::Impl::listen(Address const& address) {
     }
     updateStatus();
     return made.front()->address();
+}
+
+void Server::Impl::checkFiles() {
+    for (auto const& listener : listeners_) try {
+            listener->checkFile();
+        } catch (Vel::ErrnoException const& error) {
+            lastError_ = error.text();
+        }
 }
 
 void Server::Impl::close() {
@@ -250,6 +259,7 @@ void Server::Impl::scheduleStatus() {
         if (error || !self || self->isClosed_) return;
         self->scheduleStatus();  // first, since observers may throw
         self->server_.checkPaths();
+        self->checkFiles();
         self->updateStatus();
     });
 }

@@ -19,12 +19,13 @@ constexpr int atOnce = 64;  // connections, before others have their turn
 
 Listener::Listener(asio::io_context& context, Address const& address, SocketAddress const& where, U32 mode)
     : address_(address),
-      family_(where.family()),
-      file_(family_ == AF_UNIX ? std::make_unique<SocketFile>(address) : nullptr),
+      where_(where),
+      mode_(mode),
+      file_(where.family() == AF_UNIX ? std::make_unique<SocketFile>(address) : nullptr),
       socket_(context, listenAt(address, where).release()),
       timer_(context) {
     if (file_) {
-        file_->listen(socket_.native_handle(), mode);
+        file_->listen(socket_.native_handle(), mode_);
         return;
     }
     SocketAddress bound;
@@ -41,8 +42,18 @@ void Listener::start(Accepted accepted) {
     wait();
 }
 
+void Listener::checkFile() {
+    if (!file_ || !file_->isGone()) return;
+    if (!file_->hasLock()) file_ = std::make_unique<SocketFile>(address_);
+    Descriptor made = listenAt(address_, where_);
+    file_->listen(made.get(), mode_);
+    std::error_code ignored;
+    socket_.close(ignored);  // who was not let in yet connects again
+    socket_.assign(made.release());
+    wait();
+}
+
 void Listener::stop() {
-    if (!socket_.is_open()) return;
     file_ = nullptr;
     std::error_code ignored;
     socket_.close(ignored);
@@ -63,12 +74,12 @@ void Listener::accept() {
         Descriptor socket(::accept4(socket_.native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (socket.get() >= 0) {
             int const yes = 1;
-            if (family_ != AF_UNIX) ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
-            accepted(std::move(socket), family_);
+            if (where_.family() != AF_UNIX) ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+            accepted(std::move(socket), where_.family());
             continue;
         }
         if (errno == EINTR || errno == ECONNABORTED) continue;
-        if (errno == EAGAIN || errno == EWOULDBLOCK) break;
+        if (errno == EAGAIN) break;
         // No descriptors or memory are left. The connection waits; asking at once again would only burn time.
         timer_.expires_after(std::chrono::milliseconds(100));
         timer_.async_wait([self = shared_from_this()](std::error_code const& error) {

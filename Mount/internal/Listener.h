@@ -19,6 +19,9 @@ public:
     ~Listener();
 
     void start(Accepted accepted);
+    // Puts the file of a Unix socket back where somebody has taken it away, as whatever cleans up a folder does: nobody
+    // could connect any more, and nobody else serve there. Throws ErrnoException when that fails; to be tried again.
+    void checkFile();
     void stop();                                         // also takes the file of a Unix socket away
     Address const& address() const { return address_; }  // with the port
 
@@ -27,7 +30,8 @@ private:
     void accept();
 
     Address address_;
-    int family_;
+    SocketAddress where_;
+    U32 mode_;
     std::unique_ptr<SocketFile> file_;  // of a Unix socket
     asio::posix::stream_descriptor socket_;
     asio::steady_timer timer_;

@@ -2,7 +2,12 @@
 
 #include "Vel/base/Exception.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <string>
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -36,6 +41,24 @@ Descriptor openedLock(String const& path) {
     }
 }
 
+// So that others can be told who is in their way.
+void writeHolder(int lock) {
+    std::string const id = std::to_string(::getpid()) + "\n";
+    if (::ftruncate(lock, 0) != 0) return;
+    [[maybe_unused]] ssize_t const written = ::pwrite(lock, id.data(), id.size(), 0);
+}
+
+// Who holds the lock, as far as its file tells: what was locked by other means, or by a process that has ended since and
+// left it to one that it had started, does not.
+String holderOf(int lock) {
+    char text[16];
+    ssize_t const size = ::pread(lock, text, sizeof text, 0);
+    pid_t id = 0;
+    std::from_chars(text, text + std::max<ssize_t>(size, 0), id);
+    bool const isThere = id > 0 && (::kill(id, 0) == 0 || errno == EPERM);
+    return isThere ? String("process " + std::to_string(id)) : String("another process");
+}
+
 // Nobody listens at a socket's file that refuses connections: its owner is gone without having removed it. So does any
 // other file, which is somebody's.
 bool isLeftBehind(String const& path) {
@@ -53,13 +76,13 @@ SocketFile::SocketFile(Address const& address) : path_(address.path()), lockPath
         lock_ = openedLock(lockPath_);
         if (int const error = errno; lock_.get() < 0) fail(error, fileAt(lockPath_).second != 0 ? lockPath_ : path_);
         if (::flock(lock_.get(), LOCK_EX | LOCK_NB) == 0) {
-            if (fileOf(lock_.get()) == fileAt(lockPath_)) return;
-            continue;  // whoever held it has just taken the file away
+            if (!hasLock()) continue;  // whoever held it has just taken the file away
+            writeHolder(lock_.get());
+            return;
         }
         if (errno == EINTR) continue;
         int const error = errno;
-        lock_ = Descriptor();
-        if (error == EWOULDBLOCK) fail(EADDRINUSE, path_);
+        if (error == EWOULDBLOCK) failInUse();
         fail(error, lockPath_);
     }
 }
@@ -67,11 +90,23 @@ SocketFile::SocketFile(Address const& address) : path_(address.path()), lockPath
 // The lock is released, and not only closed: a process that was forked meanwhile has it, too, and the file may have to stay.
 SocketFile::~SocketFile() {
     if (socketId_.second != 0 && fileAt(path_) == socketId_) ::unlink(path_.charPtr());
-    if (fileOf(lock_.get()) == fileAt(lockPath_)) ::unlink(lockPath_.charPtr());
+    if (hasLock()) ::unlink(lockPath_.charPtr());
     ::flock(lock_.get(), LOCK_UN);
 }
 
 void SocketFile::fail(int error, String const& path) const { throw Vel::ErrnoException(error, "unix:" + path); }
+
+void SocketFile::failInUse() const {
+    String const holder = holderOf(lock_.get());
+    throw Vel::ErrnoException(EADDRINUSE, "unix:" + path_,
+        isGone()
+            ? holder + " holds " + lockPath_ + ", though the socket is gone; nobody else can serve there until it ends"
+            : holder + " serves there");
+}
+
+bool SocketFile::isGone() const { return fileAt(path_).second == 0; }
+
+bool SocketFile::hasLock() const { return fileOf(lock_.get()) == fileAt(lockPath_); }
 
 bool SocketFile::isFree(String const& path) const { return fileAt(path).second == 0 || isLeftBehind(path); }
 

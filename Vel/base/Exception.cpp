@@ -32,6 +32,8 @@ String errnoText(int error) {
 ErrnoException::ErrnoException(int error) : Exception(errnoText(error)), error_(error) {}
 ErrnoException::ErrnoException(int error, String const& subject)
     : Exception(subject + ": " + errnoText(error)), error_(error) {}
+ErrnoException::ErrnoException(int error, String const& subject, String const& detail)
+    : Exception(subject + ": " + errnoText(error) + "; " + detail), error_(error) {}
 
 void throwRangeException(String const& text) { throw RangeException(text); }
 

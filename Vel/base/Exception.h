@@ -57,6 +57,7 @@ class VEL_API ErrnoException : public Exception {
 public:
     explicit ErrnoException(int error);                // "Permission denied (EACCES)"
     ErrnoException(int error, String const& subject);  // "/etc/product: Permission denied (EACCES)"
+    ErrnoException(int error, String const& subject, String const& detail);  // the same; and "; " with the detail
     ~ErrnoException() override;
 
     int error() const noexcept { return error_; }  // the errno value

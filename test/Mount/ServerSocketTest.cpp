@@ -1,4 +1,5 @@
 #include "MountFixture.h"
+#include "SystemFailures.h"
 
 #include "Vel/base/Exception.h"
 
@@ -71,7 +72,8 @@ TEST_F(ServerSocketTest, ASocketThatNobodyListensAtAnyMoreIsTakenOver) {
 TEST_F(ServerSocketTest, ASocketThatIsServedIsNotTakenOver) {
     Server server(loop, served);
     server.listen(address());
-    EXPECT_EQ(refusal(address()), address().text() + ": Address already in use (EADDRINUSE)");
+    EXPECT_EQ(refusal(address()),
+        address().text() + Vel::format(": Address already in use (EADDRINUSE); process %d serves there", ::getpid()));
     EXPECT_TRUE(exists(address()));
     EXPECT_TRUE(isServed(address()));
 }
@@ -154,7 +156,8 @@ TEST_F(ServerSocketTest, ASocketWhoseLockIsHeldIsNotTakenOver) {
     leaveSocketAt(address());
     int const lock = ::open(folder.path("socket.lock").charPtr(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_EQ(::flock(lock, LOCK_EX), 0);
-    EXPECT_EQ(refusal(address()), address().text() + ": Address already in use (EADDRINUSE)");
+    EXPECT_EQ(
+        refusal(address()), address().text() + ": Address already in use (EADDRINUSE); another process serves there");
     EXPECT_TRUE(exists(address()));
     ::close(lock);
     EXPECT_EQ(refusal(address()), "listens at " + address().text().stdString());
@@ -164,7 +167,55 @@ TEST_F(ServerSocketTest, AServerWhoseSocketWasTakenAwayKeepsItsPlace) {
     Server server(loop, served);
     server.listen(address());
     ASSERT_EQ(::unlink(folder.path("socket").charPtr()), 0);
-    EXPECT_EQ(refusal(address()), address().text() + ": Address already in use (EADDRINUSE)");
+    EXPECT_EQ(refusal(address()),
+        address().text() + Vel::format(": Address already in use (EADDRINUSE); process %d holds ", ::getpid()) +
+            folder.path("socket.lock") + ", though the socket is gone; nobody else can serve there until it ends");
+}
+
+TEST_F(ServerSocketTest, ASocketThatWasTakenAwayIsPutBack) {
+    generation(served, "g", 3);
+    Server server(loop, served, quickServer());
+    server.listen(address());
+    Client client(loop, address(), here, "copy", quick());
+    ASSERT_TRUE(client.sync(enough)) << client.error();
+    for (bool const alsoLock : {false, true}) {
+        ASSERT_EQ(::unlink(folder.path("socket").charPtr()), 0);
+        if (alsoLock) {
+            ASSERT_EQ(::unlink(folder.path("socket.lock").charPtr()), 0);
+        }
+        EXPECT_TRUE(untilSeen([&] { return exists(address()); }));
+        EXPECT_TRUE(exists(address("socket.lock")));
+        EXPECT_EQ(modeOf(address()), 0600u);
+        EXPECT_TRUE(isServed(address()));
+    }
+    EXPECT_EQ(client.status()->connects(), 1u) << "who was connected stays so";
+}
+
+TEST_F(ServerSocketTest, APlaceThatAnotherServerHasTakenIsLeftToItAndTold) {
+    Server server(loop, served, quickServer());
+    server.listen(address());
+    for (std::string const file : {"socket", "socket.lock"}) ASSERT_EQ(::unlink(folder.path(file).charPtr()), 0);
+    int const lock = ::open(folder.path("socket.lock").charPtr(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_EQ(::flock(lock, LOCK_EX), 0);
+    EXPECT_TRUE(untilSeen([&] { return !server.status()->error().empty(); }));
+    EXPECT_EQ(server.status()->error().view().find(
+                  address().text().stdString() + ": Address already in use (EADDRINUSE); another process holds "),
+        0u);
+    EXPECT_FALSE(exists(address()));
+    ::close(lock);
+    EXPECT_TRUE(untilSeen([&] { return exists(address()); })) << "when it has ended, it is this one's again";
+}
+
+// A process that holds the lock because the one that has ended had started it is not known.
+TEST_F(ServerSocketTest, AHolderThatHasEndedIsNotNamed) {
+    int const lock = ::open(folder.path("socket.lock").charPtr(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_EQ(::flock(lock, LOCK_EX), 0);
+    for (std::string const text : {"", "x", "0", "-1", "2147483647\n", "99999999999999999999"}) {
+        ASSERT_EQ(::ftruncate(lock, 0), 0);
+        ASSERT_EQ(::pwrite(lock, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
+        EXPECT_NE(refusal(address()).find("; another process holds "), std::string::npos) << text;
+    }
+    ::close(lock);
 }
 
 // As when the server that held it ends just then.
@@ -242,7 +293,8 @@ TEST_F(ServerSocketTest, TheLongestPathIsServedAndTakenOver) {
     Server server(loop, served);
     server.listen(longest);
     EXPECT_TRUE(isServed(longest));
-    EXPECT_EQ(refusal(longest), longest.text() + ": Address already in use (EADDRINUSE)");
+    EXPECT_EQ(refusal(longest),
+        longest.text() + Vel::format(": Address already in use (EADDRINUSE); process %d serves there", ::getpid()));
 }
 
 TEST_F(ServerSocketTest, APathThatDoesNotFitIsRefused) {
@@ -285,6 +337,19 @@ TEST_F(ServerSocketTest, ThePortThatWasChosenIsTold) {
     EXPECT_EQ(server.status()->address(), first.text() + " " + second.text());
     EXPECT_TRUE(isServed(first));
     EXPECT_TRUE(isServed(second));
+}
+
+TEST_F(ServerSocketTest, TheOtherLoopbackIsServedToo) {
+    Server server(loop, served);
+    try {
+        server.listen("tcp:[::1]:0");
+    } catch (Vel::ErrnoException const& error) {
+        GTEST_SKIP() << error.text();
+    }
+    Address const place = server.status()->address();
+    EXPECT_TRUE(place.text().view().starts_with("tcp:[::1]:")) << place.text();
+    EXPECT_NE(place.port(), 0u);
+    EXPECT_TRUE(isServed(place));
 }
 
 TEST_F(ServerSocketTest, APortThatIsTakenIsAnError) {
@@ -362,6 +427,79 @@ TEST_F(ServerSocketTest, AServerOutOfDescriptorsGoesOnWhenThereAreSomeAgain) {
     peers.clear();
     EXPECT_TRUE(client.sync(enough)) << client.error();
     EXPECT_EQ(idAt("copy/g"), 3u);
+}
+
+TEST_F(ServerSocketTest, ADescriptorThatIsMissingToListenIsAnError) {
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    int const next = ::dup(0);
+    ::close(next);
+    rlimit none = before;
+    none.rlim_cur = static_cast<rlim_t>(next);
+    Server server(loop, served);
+    std::vector<std::string> errors;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    for (Address const& place : {address(), Address("tcp:127.0.0.1:0")}) {
+        try {
+            server.listen(place);
+        } catch (Vel::ErrnoException const& error) {
+            errors.emplace_back(error.what());
+        }
+    }
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    ASSERT_EQ(errors.size(), 2u);
+    EXPECT_EQ(errors[0], address().text() + ": Too many open files (EMFILE)");
+    EXPECT_EQ(errors[1], "tcp:127.0.0.1:0: Too many open files (EMFILE)");
+    EXPECT_EQ(server.listen(address()), address());
+}
+
+TEST_F(ServerSocketTest, WhatTheSystemRefusesIsToldAndLeavesNothingBehind) {
+    for (std::string const call : {"socket", "listen", "rename"}) {
+        SystemFailure const failure(call, ENOBUFS);
+        EXPECT_EQ(refusal(address()), address().text() + ": No buffer space available (ENOBUFS)");
+        EXPECT_EQ(failure.left(), 0) << call;
+        for (std::string const file : {"socket", "socket~", "socket.lock"}) EXPECT_FALSE(exists(address(file))) << call;
+    }
+    for (std::string const call : {"socket", "listen"}) {
+        SystemFailure const failure(call, ENOBUFS);
+        EXPECT_EQ(refusal("tcp:127.0.0.1:0"), "tcp:127.0.0.1:0: No buffer space available (ENOBUFS)");
+        EXPECT_EQ(failure.left(), 0) << call;
+    }
+}
+
+// Until it works: with the error in the status meanwhile, and with who was connected.
+TEST_F(ServerSocketTest, ASocketThatCannotBePutBackIsTriedAgain) {
+    Server server(loop, served, quickServer());
+    server.listen(address());
+    ASSERT_EQ(::unlink(folder.path("socket").charPtr()), 0);
+    SystemFailure const failure("socket", ENOBUFS, 2);
+    EXPECT_TRUE(untilSeen([&] { return exists(address()); }));
+    EXPECT_EQ(failure.left(), 0);
+    EXPECT_EQ(server.status()->error(), address().text() + ": No buffer space available (ENOBUFS)");
+    EXPECT_TRUE(isServed(address()));
+}
+
+TEST_F(ServerSocketTest, AConnectionThatCannotBeAcceptedKeepsNobodyWaiting) {
+    Server server(loop, served, quickServer());
+    server.listen(address());
+    for (int const error : {ECONNABORTED, EINTR, ENOBUFS}) {
+        SystemFailure const failure("accept4", error, 2);
+        EXPECT_TRUE(isServed(address())) << error;
+        EXPECT_EQ(failure.left(), 0) << error;
+    }
+}
+
+TEST_F(ServerSocketTest, AServerThatGoesWhileThereAreNoDescriptorsLeavesNothingBehind) {
+    std::optional<Server> server(std::in_place, loop, served, quickServer());
+    server->listen(address());
+    RawPeer const peer(address());
+    {
+        SystemFailure const failure("accept4", EMFILE);
+        EXPECT_TRUE(untilSeen([&] { return failure.left() == 0; }));
+        server.reset();
+    }
+    loop.run();  // which ends, since nothing waits any more
+    EXPECT_FALSE(exists(address()));
 }
 
 }  // namespace

@@ -4,8 +4,9 @@
 
 namespace MountTest {
 
-// Has calls of the system fail that seldom do: the next `times` calls of that name, whoever makes them in this
-// thread. The name is one of accept4, getsockopt, listen, recv, rename, send, socket. Afterwards, and when this is gone, they work.
+// Has calls of the system fail that seldom do: the next `times` calls of that name, whoever makes them in this thread.
+// The name is one of accept4, getsockopt, listen, recv, rename, send, socket. Afterwards, and when this is gone, they
+// work.
 class SystemFailure {
 public:
     SystemFailure(std::string_view call, int error, int times = 1);
