@@ -29,7 +29,7 @@ public:
     Channel& operator=(Channel const&) = delete;
     virtual ~Channel() = default;
 
-    // To be called until it says done, before anything else. The bytes mean nothing.
+    // To be called until it says done, before anything else; it never says end. The bytes mean nothing.
     virtual Outcome handshake() { return {Result::done}; }
     virtual Outcome receive(std::span<U8> into) = 0;
     // After wantsRead or wantsWrite the next call must be given the same bytes again, and perhaps more behind them.

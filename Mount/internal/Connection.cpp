@@ -111,8 +111,7 @@ bool Connection::hasToWait(Channel::Outcome outcome, Awaits& awaits) {
 void Connection::handshake() {
     auto const outcome = channel_->handshake();
     if (hasToWait(outcome, receiveAwaits_)) return;
-    if (outcome.result == Channel::Result::end) return endLater("the other side has left before anything was said");
-    if (outcome.result == Channel::Result::failed) return endLater(channel_->error());
+    if (outcome.result != Channel::Result::done) return endLater(channel_->error());
     phase_ = Phase::carrying;
     peer_ = &ready_(*this);
     peer_->wakeIs([this] { wake(); });

@@ -36,7 +36,7 @@ public:
 
 private:
     Outcome failed(Result wants) {
-        if (errno == EAGAIN || errno == EWOULDBLOCK) return {wants};
+        if (errno == EAGAIN) return {wants};
         error_ = Vel::ErrnoException(errno).text();
         return {Result::failed};
     }

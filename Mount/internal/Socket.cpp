@@ -123,33 +123,41 @@ std::string peerOf(int socket) {
     return "user " + std::to_string(userOf(socket));
 }
 
-String userName(uid_t user) {
-    std::vector<char> room(1024);
-    passwd entry{};
+namespace {
+
+// Whether find(entry, room, size, found) finds somebody: with as much room as it asks for, up to a mebibyte.
+template <class Find> bool findUser(passwd& entry, std::vector<char>& room, Find find) {
     passwd* found = nullptr;
-    while (::getpwuid_r(user, &entry, room.data(), room.size(), &found) == ERANGE && room.size() < (1u << 20))
+    room.resize(1024);
+    while (find(&entry, room.data(), room.size(), &found) == ERANGE && room.size() < (1u << 20))
         room.resize(room.size() * 2);
-    return found ? String(found->pw_name) : String(std::to_string(user));
+    return found != nullptr;
+}
+
+uid_t userOf(String const& name) {
+    uid_t user = 0;
+    auto const end = name.data() + name.size();
+    if (auto const [at, error] = std::from_chars(name.data(), end, user); error == std::errc() && at == end)
+        return user;
+    std::vector<char> room;
+    passwd entry{};
+    auto const find = [&](auto... to) { return ::getpwnam_r(name.charPtr(), to...); };
+    if (findUser(entry, room, find)) return entry.pw_uid;
+    throw Vel::RangeException("there is no user " + Vel::valueToStrep(name) + " on this machine");
+}
+
+}  // namespace
+
+String userName(uid_t user) {
+    std::vector<char> room;
+    passwd entry{};
+    auto const find = [&](auto... to) { return ::getpwuid_r(user, to...); };
+    return findUser(entry, room, find) ? String(entry.pw_name) : String(std::to_string(user));
 }
 
 std::vector<uid_t> usersOf(std::vector<String> const& names) {
     std::vector<uid_t> users;
-    for (String const& name : names) {
-        uid_t user = 0;
-        auto const end = name.data() + name.size();
-        if (auto const [at, error] = std::from_chars(name.data(), end, user); error == std::errc() && at == end) {
-            users.push_back(user);
-            continue;
-        }
-        std::vector<char> room(1024);
-        passwd entry{};
-        passwd* found = nullptr;
-        while (::getpwnam_r(name.charPtr(), &entry, room.data(), room.size(), &found) == ERANGE &&
-               room.size() < (1u << 20))
-            room.resize(room.size() * 2);
-        if (!found) throw Vel::RangeException("there is no user " + Vel::valueToStrep(name) + " on this machine");
-        users.push_back(found->pw_uid);
-    }
+    for (String const& name : names) users.push_back(userOf(name));
     return users;
 }
 

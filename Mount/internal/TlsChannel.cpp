@@ -155,7 +155,7 @@ int TlsChannel::readSocket(BIO* bio, char* into, int size) {
         channel.mayRead_ -= static_cast<std::size_t>(got);
     } else if (got == 0) {
         channel.isAtEnd_ = true;
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+    } else if (errno == EAGAIN) {
         BIO_set_retry_read(bio);
     } else {
         channel.systemError_ = errno;
@@ -170,7 +170,7 @@ int TlsChannel::writeSocket(BIO* bio, char const* bytes, int size) {
     do sent = ::send(channel.socket_, bytes, static_cast<std::size_t>(size), MSG_NOSIGNAL);
     while (sent < 0 && errno == EINTR);
     if (sent < 0) {
-        if (errno == EAGAIN || errno == EWOULDBLOCK)
+        if (errno == EAGAIN)
             BIO_set_retry_write(bio);
         else
             channel.systemError_ = errno;

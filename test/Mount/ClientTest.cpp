@@ -1,4 +1,5 @@
 #include "MountFixture.h"
+#include "SystemFailures.h"
 
 #include "Redundancy/RedundancyStatus.h"
 #include "Vel/base/Exception.h"
@@ -208,6 +209,70 @@ TEST_F(ClientTest, ASocketWithoutRoomIsTriedAgain) {
     for (auto const& error : errors) EXPECT_EQ(error, address().text() + ": too many are waiting to be let in there");
     clients.clear();
     ::close(listener);
+}
+
+// Whoever comes first has all the room there is, so that the system does not even refuse the others.
+TEST_F(ClientTest, APlaceThatDoesNotAnswerIsGivenUpAfterTheTimeThatIsGiven) {
+    int const listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in where{};
+    socklen_t size = sizeof where;
+    where.sin_family = AF_INET;
+    where.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&where), sizeof where), 0);
+    ASSERT_EQ(::listen(listener, 0), 0);
+    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&where), &size), 0);
+    Address const place = Address::tcp("127.0.0.1", ntohs(where.sin_port));
+    RawPeer const first(place);
+    Client::Options options = quick();
+    options.connectTimeout = 20ms;
+    std::deque<Client> clients;
+    for (int i = 0; i < 3; ++i) clients.emplace_back(loop, place, here, Vel::format("copy%d", i), options);
+    EXPECT_TRUE(until([&] { return !clients.back().error().empty(); }));
+    EXPECT_EQ(clients.back().error(), place.text() + ": no connection within the time that is given");
+    EXPECT_GE(clients.back().status()->attempts(), 1u);
+    clients.clear();
+    ::close(listener);
+}
+
+TEST_F(ClientTest, AHostThatHasNoAddressIsTold) {
+    Client client(loop, "tcp:[1.2.3.4.5:x]:1", here, "copy", quick());
+    ASSERT_TRUE(until([&] { return !client.error().empty(); }));
+    EXPECT_EQ(client.error().view().find("tcp:[1.2.3.4.5:x]:1: no address of the host: "), 0u) << client.error();
+    EXPECT_EQ(client.status()->connects(), 0u);
+}
+
+TEST_F(ClientTest, AClientMayGoWhileAHostIsLookedUp) {
+    { Client const client(loop, "tcp:[1.2.3.4.5:x]:1", here, "copy", quick()); }
+    loop.run();  // which ends, since nothing waits any more
+    EXPECT_EQ(here->entries(), 0u);
+}
+
+TEST_F(ClientTest, CallsThatASignalInterruptsAreMadeAgain) {
+    generation(served, "g", 1);
+    Server server(loop, served);
+    server.listen(address());
+    for (std::string const call : {"recv", "send"}) {
+        SystemFailure const failure(call, EINTR, 5);
+        Client client(loop, address(), here, String(call), quick());
+        ASSERT_TRUE(client.sync(enough)) << client.error();
+        EXPECT_EQ(failure.left(), 0) << call;
+        EXPECT_EQ(client.status()->connects(), 1u);
+    }
+}
+
+TEST_F(ClientTest, WhatTheSystemRefusesIsToldAndTriedAgain) {
+    generation(served, "g", 1);
+    Server server(loop, served);
+    server.listen(address());
+    for (std::string const call : {"recv", "send", "socket"}) {
+        SystemFailure const failure(call, ENOBUFS);
+        Client client(loop, address(), here, String(call), quick());
+        std::vector<String> errors;
+        client.onErrorIs([&](String const& error) { errors.push_back(error); });
+        ASSERT_TRUE(client.sync(enough)) << client.error();
+        EXPECT_EQ(failure.left(), 0) << call;
+        EXPECT_EQ(errors.size(), 1u) << call;
+    }
 }
 
 // --- coming back ---

@@ -1,4 +1,5 @@
 #include "Mount/internal/Connection.h"
+#include "Mount/internal/HandlerMemory.h"
 
 #include "MountFixture.h"
 
@@ -93,6 +94,19 @@ protected:
     int otherEnd = -1;
     std::shared_ptr<Connection> connection;
 };
+
+TEST(HandlerMemoryTest, OneHandlerThatFitsIsKeptThereAndOthersElsewhere) {
+    Mount::HandlerMemory memory;
+    void* const first = memory.allocate(100);
+    void* const second = memory.allocate(100);
+    EXPECT_NE(first, second);
+    memory.deallocate(first);
+    void* const large = memory.allocate(100'000);
+    EXPECT_NE(large, first);
+    EXPECT_EQ(memory.allocate(256), first) << "which is free again";
+    for (void* const one : {first, second, large}) memory.deallocate(one);
+    EXPECT_EQ(memory.allocate(1), first);
+}
 
 TEST_F(ConnectionTest, OthersHaveTheirTurnWhileOneHasMoreToReceive) {
     channel->isReadable = true;

@@ -5,7 +5,10 @@
 
 #include <asio/io_context.hpp>
 
+#include "Vel/Exception.h"
+
 #include <atomic>
+#include <csignal>
 #include <thread>
 
 namespace {
@@ -112,6 +115,44 @@ TEST(LoopTest, AnotherThreadMayStopIt) {
     });
     EXPECT_FALSE(loop.runFor(enough));
     thread.join();
+}
+
+// --- signals ---
+
+TEST(LoopTest, ASignalIsACallOutOfTheLoopEachTimeThatItComes) {
+    Loop loop;
+    std::vector<int> calls;
+    loop.onSignal(SIGUSR1, [&] { calls.push_back(1); });
+    loop.onSignal(SIGUSR2, [&] { calls.push_back(2); });
+    for (int const signal : {SIGUSR1, SIGUSR2, SIGUSR1}) {
+        std::size_t const before = calls.size();
+        ASSERT_EQ(::raise(signal), 0);
+        EXPECT_EQ(calls.size(), before) << "the loop does not run";
+        ASSERT_TRUE(loop.runUntil([&] { return calls.size() > before; }, enough));
+    }
+    EXPECT_EQ(calls, (std::vector<int>{1, 2, 1}));
+}
+
+TEST(LoopTest, ASignalThatCannotBeCaughtIsAnError) {
+    Loop loop;
+    try {
+        loop.onSignal(SIGKILL, [] {});
+        ADD_FAILURE();
+    } catch (Vel::ErrnoException const& error) {
+        EXPECT_EQ(error.text(), "signal 9: Invalid argument (EINVAL)");
+    }
+    loop.run();  // which awaits nothing
+}
+
+TEST(LoopTest, ALoopThatIsGoneAwaitsNoSignal) {
+    asio::io_context context;
+    int calls = 0;
+    {
+        Loop loop(context);
+        loop.onSignal(SIGUSR1, [&] { ++calls; });
+    }
+    context.run();
+    EXPECT_EQ(calls, 0);
 }
 
 class BorrowedLoopTest : public SharedTest {};

@@ -1,4 +1,5 @@
 #include "MountFixture.h"
+#include "SystemFailures.h"
 
 #include <deque>
 
@@ -18,9 +19,9 @@ protected:
         return made;
     }
     // What a process of another user is told; empty when it got a copy.
-    std::string toldToNobody() {
+    std::string toldToNobody(uid_t user = 65534) {
         Child child([&](int socket) {
-            if (::setgid(65534) != 0 || ::setuid(65534) != 0) return say(socket, "can't be another user");
+            if (::setgid(user) != 0 || ::setuid(user) != 0) return say(socket, "can't be another user");
             Loop own;
             auto const place = Dir::newEntity("");
             Client client(own, address(), place, "copy", quick());
@@ -67,6 +68,17 @@ TEST_F(ServerPeersTest, TheOwnUserIsRefusedWhenOthersAreNamed) {
     ASSERT_TRUE(until([&] { return !client.error().empty() || client.state() == Client::State::synced; }));
     EXPECT_NE(client.error().view().find(": refused: user "), std::string_view::npos) << client.error();
     EXPECT_FALSE(here->entry("copy"));
+}
+
+TEST_F(ServerPeersTest, AUserWithoutANameIsCalledByNumber) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can be another user";
+    everybodyReachesTheFolder();
+    Server::Options options;
+    options.peer.users = {"54321"};
+    Server server(loop, served, options);
+    server.listen(address());
+    EXPECT_EQ(toldToNobody(54322), address().text() + ": refused: user 54322 may not connect");
+    EXPECT_EQ(toldToNobody(54321), "");
 }
 
 TEST_F(ServerPeersTest, AUserWhoIsNamedIsServed) {
@@ -116,6 +128,15 @@ TEST_F(ServerPeersTest, AUserWhoDoesNotExistIsAnError) {
     } catch (Vel::RangeException const& error) {
         EXPECT_EQ(error.text(), "there is no user 'no such user' on this machine");
     }
+}
+
+TEST_F(ServerPeersTest, WhomTheSystemDoesNotTellIsNotLetIn) {
+    Server server(loop, served, quickServer());
+    server.listen(address());
+    auto const stranger = peer();
+    SystemFailure const failure("getsockopt", EOPNOTSUPP, 2);  // it is asked who connects, and once more who has most
+    EXPECT_TRUE(untilSeen([&] { return stranger->isClosed(); }));
+    EXPECT_NE(stranger->received().find("user 4294967295 may not connect"), std::string::npos);
 }
 
 TEST_F(ServerPeersTest, ConnectionsBeyondTheLimitAreTold) {
