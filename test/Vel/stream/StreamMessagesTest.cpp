@@ -545,6 +545,16 @@ TEST(HostileReaderTest, WriteToWhatIsNotThereChangesNothing) {
     EXPECT_EQ(reader->error(), "");
 }
 
+TEST(HostileReaderTest, WriteToWhatIsNoValueIsRefused) {
+    Vel::AttrLogSource source(Leaf::newEntity("x"));
+    for (U32 const attribute : {260u, 300u}) {  // a pointer, and none at all
+        auto const reader = source.newReader();
+        reader->input(helloWith(Vel::streamMagic));
+        reader->input(message(MessageKind::write, [&](Out& out) { out << Compact{1} << Compact{attribute} << 1u; }));
+        EXPECT_EQ(reader->error(), Vel::format("Fixture::Leaf has no value attribute %u", attribute));
+    }
+}
+
 // --- pings ---
 
 TEST(StreamPeerTest, AnswersPingsAtAnyTimeOnceItIsGreeted) {
