@@ -180,7 +180,7 @@ private:
             out.put(slots[i] & Members::memberBits);
         }
     }
-    using Members = Mox::Detail::NamedMembers<PrefixTrie>;
+    using Members = Mox::Detail::TrieMembers<PrefixTrie>;
 
     void putOriginal(PrefixTrie const& trie) {
         putTrie(out_, originals_, trie, false);
@@ -189,14 +189,14 @@ private:
         out_.put(adapter ? 1 : 0);
         if (!adapter) return;
         out_.put(ranks_.of(adapter->id()));
-        out_.put(adapter->slot());
+        out_.put(adapter->slot());  // and so is in the one view that there is
         out_.put(source_.adapter(adapter->owner()) ? ranks_.of(adapter->owner()) : 0);
     }
 
     // --- ids and messages ---
 
     void findIds() {
-        for (auto const* const adapter : source_.bySlot_)
+        for (auto const* const adapter : source_.demuxer().bySlot_)
             if (adapter) ranks_.add(adapter->id());
         for (auto const& [id, known] : replica_.known_) ranks_.add(id);
         if (!reader_) return;
@@ -221,8 +221,8 @@ private:
     // --- the source ---
 
     void putSource() {
-        std::size_t slots = source_.bySlot_.size();
-        auto free = source_.freeSlots_;  // the last is used first
+        std::size_t slots = source_.demuxer().bySlot_.size();
+        auto free = source_.demuxer().freeSlots_;  // the last is used first
         while (!free.empty() && free.front() + 1 == slots) {
             free.erase(free.begin());
             --slots;
@@ -230,20 +230,20 @@ private:
         out_.put(slots);
         out_.put(free.size());
         for (U32 const slot : free) out_.put(slot);
-        out_.put(source_.types_.size());
-        for (Vel::VelType const type : source_.types_) out_.put(type == Vel::typeOf<Trie>());
+        out_.put(source_.demuxer().types_.size());
+        for (Vel::VelType const type : source_.demuxer().types_) out_.put(type == Vel::typeOf<Trie>());
         auto const& log = source_.log_;
         auto const& last = *log.chunks_.back();
         out_.put(last.size() == 0 ? 254 : last.capacity() - last.size());
         out_.put(source_.live_.announced_.words_.empty() ? 0 : 1);
-        if (!source_.live()) return;
+        if (source_.liveReaders_ == 0) return;
         putFlows(source_.live_);
         out_.put(source_.lastChunk_ == log.head().chunk);
         out_.put(source_.awaiting_.size());
     }
     void putFlows(FlowConnection const& flows) {
-        for (U32 slot = 0; slot < source_.bySlot_.size(); ++slot) {
-            auto const* const adapter = source_.bySlot_[slot];
+        for (U32 slot = 0; slot < source_.demuxer().bySlot_.size(); ++slot) {
+            auto const* const adapter = source_.demuxer().bySlot_[slot];
             if (!adapter) continue;
             out_.put(4u * flows.announced_.has(slot) + 2u * flows.notBegun_.has(slot) + flows.instantiated_.has(slot));
             auto const* const flow = flows.flow(*adapter);
@@ -271,7 +271,7 @@ private:
 
     void putReader() {
         out_.put(reader_->source_ ? 1 : 0);
-        out_.put(4u * reader_->isLive_ + 2u * reader_->isAwaiting_ + reader_->hasSynced_);
+        out_.put(2u * reader_->isLive_ + reader_->isAwaiting_);
         for (EntityId const id : reader_->gone_) out_.put(ranks_.of(id));
         out_.put(0);
         if (reader_->source_ && !reader_->isLive_) putFlows(*reader_);
@@ -314,11 +314,12 @@ private:
             out_.putKeys(unmentioned.mentioned);
         }
         out_.put(replica_.blocked_.size());
-        for (auto const& [member, at] : replica_.blocked_) {
+        for (auto const& [at, member] : replica_.blocked_) {
+            auto const& [owner, attribute, key] = at;
             out_.put(ranks_.of(member));
-            out_.put(ranks_.of(at.owner));
-            out_.put(at.attribute);
-            out_.put(at.key);
+            out_.put(ranks_.of(owner));
+            out_.put(attribute);
+            out_.put(key);
         }
     }
 

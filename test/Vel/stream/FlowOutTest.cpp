@@ -1,7 +1,8 @@
-#include "Vel/FlowOut.h"
+#include "Vel/stream/FlowOut.h"
 
-#include "Fixtures.h"
-#include "Vel/Dir.h"
+#include "test/Vel/describe/Fixtures.h"
+
+#include "Vel/entity/Dir.h"
 
 #include <gtest/gtest.h>
 
