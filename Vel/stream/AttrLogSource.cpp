@@ -8,6 +8,7 @@ namespace Vel {
 
 using NboAttrLog::FlowConnection;
 using NboAttrLog::MessageKind;
+using NboAttrLog::OutSm;
 
 namespace {
 
@@ -21,7 +22,9 @@ std::size_t chunkSizeOf(AttrLogSource::Options const& options) {
 AttrLogSource::AttrLogSource(Ptr<Entity> root, Options const& options)
     : AttrLogSource(std::make_shared<StreamDemuxer>(), std::move(root), options) {}
 AttrLogSource::AttrLogSource(std::shared_ptr<StreamDemuxer> demuxer, Ptr<Entity> root, Options const& options)
-    : StreamView(std::move(demuxer), std::move(root)), options_(options), log_(chunkSizeOf(options)), live_(*this) {}
+    : StreamView(std::move(demuxer), std::move(root)), options_(options), log_(chunkSizeOf(options)), live_(*this) {
+    this->demuxer().sharedSizeIs(chunkSizeOf(options));
+}
 
 AttrLogSource::~AttrLogSource() {
     for (AttrLogReader* const reader : std::vector(readers_)) reader->leaveSource("what was served is gone");
@@ -56,7 +59,7 @@ void AttrLogSource::clear() {
 void AttrLogSource::goLive(AttrLogReader& reader) {
     if (liveReaders_++ == 0) {
         live_.knowledgeIs(reader);
-        demuxer().liveIs(live_, true);
+        demuxer().liveIs(live_, log_, true);
         lastChunk_ = log_.head().chunk;
     }
     demuxer().catchingUpIs(reader, false);
@@ -67,12 +70,15 @@ void AttrLogSource::leaveLive(AttrLogReader& reader, bool catchesUp) {
     std::erase(awaiting_, &reader);
     if (catchesUp) demuxer().catchingUpIs(reader, true);
     if (--liveReaders_ != 0) return;
-    demuxer().liveIs(live_, false);
+    demuxer().liveIs(live_, log_, false);
     live_.clear();
     log_.drop(log_.head());
 }
 
-void AttrLogSource::awaits(AttrLogReader& reader) { awaiting_.push_back(&reader); }
+void AttrLogSource::awaits(AttrLogReader& reader) {
+    awaiting_.push_back(&reader);
+    demuxer().lookAfterLogs();
+}
 
 void AttrLogSource::Live::typeIsNeeded(VelType type) {
     for (AttrLogReader* const reader : source_.readers_) {
@@ -82,22 +88,27 @@ void AttrLogSource::Live::typeIsNeeded(VelType type) {
 }
 
 void AttrLogSource::Live::entityHasGone(EntityId id, bool) {
-    source_.log_.begin(MessageKind::gone, NboAttrLog::compactSize(id)) << NboAttrLog::Compact{id};
-    source_.log_.commit();
+    OutSm& log = nboAttrLogOut();
+    log.begin(MessageKind::gone, NboAttrLog::compactSize(id)) << NboAttrLog::Compact{id};
+    log.commit();
 }
 
-void AttrLogSource::changesAreWritten() {
-    if (log_.messages() == lastMessages_ && !live_.hasWaiting()) return;
+void AttrLogSource::Live::changesAreWritten() {
+    AttrLogSource& source = source_;
+    if (source.log_.messages() == source.lastMessages_ && !hasWaiting()) return;
     try {
-        while (liveReaders_ != 0 && live_.hasWaiting()) {
-            live_.continueFlowOut();
-            trimLog();
+        while (source.liveReaders_ != 0 && hasWaiting()) {
+            continueFlowOut();
+            source.trimLog();
         }
     } catch (FlowConnection::Refusal const&) {}  // no ids are left; of readers each is refused by itself
-    if (demuxer().idsAreOut()) return demuxer().startOver();
-    lastMessages_ = log_.messages();
-    if (log_.head().chunk != lastChunk_) trimLog();
-    if (awaiting_.empty()) return;
+    if (source.demuxer().idsAreOut()) return source.demuxer().startOver();
+    source.lastMessages_ = source.log_.messages();
+    if (source.log_.head().chunk != source.lastChunk_) source.trimLog();
+    if (!source.awaiting_.empty()) source.wakeAwaiting();
+}
+
+void AttrLogSource::wakeAwaiting() {
     waking_.clear();
     waking_.swap(awaiting_);  // both keep their room
     for (AttrLogReader* const reader : waking_) {
@@ -109,7 +120,7 @@ void AttrLogSource::changesAreWritten() {
 std::size_t AttrLogSource::backlog() const {
     std::size_t most = 0;
     for (AttrLogReader const* const reader : readers_)
-        if (reader->isLive()) most = std::max(most, log_.sizeFrom(reader->position()));
+        if (reader->isLive()) most = std::max(most, log().sizeFrom(reader->position()));
     return most;
 }
 

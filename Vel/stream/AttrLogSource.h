@@ -47,7 +47,10 @@ public:
     std::size_t backlog() const;  // bytes of the log that the slowest live reader has still to be sent
     Options const& options() const { return options_; }
 
-    NboAttrLog::AttrLog const& log() const { return log_; }
+    NboAttrLog::AttrLog const& log() const {
+        demuxer().giveOut();
+        return log_;
+    }
     U64 coalesced() const { return demuxer().coalesced(); }  // changes that needed no flag of their own
     // See StreamDemuxer. REQUIRES: no reader has been there yet.
     void multicastIs(StreamDemuxer::Multicast deliver) { demuxer().multicastIs(std::move(deliver)); }
@@ -68,17 +71,20 @@ private:
     class Live final : public NboAttrLog::FlowConnection {
     public:
         explicit Live(AttrLogSource& source) : FlowConnection(&source), source_(source) {}
-        NboAttrLog::OutSm& nboAttrLogOut() override { return source_.log_; }
+        NboAttrLog::OutSm& nboAttrLogOut() override {
+            source_.demuxer().logIsWritten();
+            return source_.log_;
+        }
         bool isOkToSerialize() const override { return true; }
         void typeIsNeeded(VelType type) override;
         void entityHasGone(EntityId id, bool mayReturn) override;
-        void changesAreWritten() override { source_.changesAreWritten(); }
+        void changesAreWritten() override;
 
     private:
         AttrLogSource& source_;
     };
 
-    void changesAreWritten();
+    void wakeAwaiting();
     void trimLog();
 
     Options options_;

@@ -3,7 +3,6 @@
 #include "Vel/base/Exception.h"
 
 #include <limits>
-#include <utility>
 
 namespace Vel::NboAttrLog {
 
@@ -11,7 +10,7 @@ OutSm::~OutSm() = default;
 BufferSm::~BufferSm() = default;
 
 Out& OutSm::begin(MessageKind kind, std::size_t bodySize) {
-    if (out_) std::exchange(out_, nullptr)->sizeIs(start_);
+    abandon();
     std::size_t const lengthSize = compactSize(static_cast<U32>(1 + bodySize));
     Out& out = room(lengthSize + 1 + bodySize);
     start_ = out.size();
@@ -32,12 +31,12 @@ void OutSm::commit() {
         lengthSize_ = needed;
     }
     storeCompact(const_cast<U8*>(out.data()) + start_, static_cast<U32>(length), lengthSize_);
-    committed(out.size() - start_);
+    committed(out.size() - start_, 1);
 }
 
-void OutSm::addMessage(std::span<U8 const> message) {
-    std::memcpy(room(message.size()).append(message.size()), message.data(), message.size());
-    committed(message.size());
+void OutSm::addMessages(std::span<U8 const> messages, std::size_t count) {
+    std::memcpy(room(messages.size()).append(messages.size()), messages.data(), messages.size());
+    committed(messages.size(), count);
 }
 
 U32 nextCompact(In& in) {

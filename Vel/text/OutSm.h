@@ -2,6 +2,8 @@
 
 #include "Vel/text/NboAttrLog.h"
 
+#include <utility>
+
 // Messages of an attribute log: a length of what follows, a kind, a body of compact numbers and items. See
 // docs/streaming.md.
 namespace Vel::NboAttrLog {
@@ -94,11 +96,14 @@ public:
     Out& begin(MessageKind kind, std::size_t bodySize);  // bytes, at least as many, so that the body need not be moved
     Out& out() { return *out_; }                         // of the message begun
     void commit();
-    void addMessage(std::span<U8 const> message);  // a whole one, as another output has it
+    void addMessages(std::span<U8 const> messages, std::size_t count);  // whole ones, as another output has them
 
 protected:
     virtual Out& room(std::size_t size) = 0;  // where the next message goes, with room for `size` bytes
-    virtual void committed(std::size_t) {}    // the last `size` bytes are a message
+    virtual void committed(std::size_t /*size*/, std::size_t /*messages*/) {}  // the last `size` bytes are so many
+    void abandon() {                                                           // what was begun and not committed
+        if (out_) std::exchange(out_, nullptr)->sizeIs(start_);
+    }
 
 private:
     Out* out_ = nullptr;  // of a message begun and not committed, else null
@@ -135,7 +140,7 @@ public:
 
 private:
     Out& room(std::size_t) override { return out_; }
-    void committed(std::size_t) override { ++messages_; }
+    void committed(std::size_t, std::size_t messages) override { messages_ += messages; }
     Out out_;
     std::size_t taken_ = 0;
     U64 messages_ = 0;

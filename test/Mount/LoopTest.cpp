@@ -5,7 +5,7 @@
 
 #include <asio/io_context.hpp>
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <atomic>
 #include <csignal>

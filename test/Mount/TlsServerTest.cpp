@@ -2,7 +2,7 @@
 #include "MountFixture.h"
 #include "SystemFailures.h"
 
-#include "Vel/Exception.h"
+#include "Vel/base/Exception.h"
 
 #include <deque>
 

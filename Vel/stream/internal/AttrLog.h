@@ -54,9 +54,9 @@ public:
 
 private:
     Out& room(std::size_t size) override;
-    void committed(std::size_t size) override {
+    void committed(std::size_t size, std::size_t messages) override {
         size_ += size;
-        ++messages_;
+        messages_ += messages;
     }
 
     // Never empty: the head is in the last one. Messages do not cross chunks.

@@ -158,6 +158,15 @@ void FlowConnection::instantiatedIs(Adapter& member, Adapter const& owner) {
     instantiated_.add(member.slot());
 }
 
+void FlowConnection::sendPtr(Adapter& adapter, StreamAttribute const& attribute, Entity* target) {
+    EntityId const targetId = idOf(target, {&adapter, &attribute, {}});
+    OutSm& sm = nboAttrLogOut();
+    Out& out = sm.begin(MessageKind::value, placeSize(adapter, attribute) + 4);
+    putPlace(out, adapter, attribute, {});
+    out << targetId;
+    Impl::outSmCommitMessage(sm);
+}
+
 void FlowConnection::sendKey(Adapter& adapter, StreamAttribute const& attribute, std::string_view key, bool isNew) {
     In in(bytesOf(key));
     if (attribute.kind == StreamKind::values) {

@@ -47,6 +47,7 @@ public:
     EntityId idOf(Entity* entity, Via const& via);
     void announce(Adapter& adapter, Via const& via);
 
+    void sendPtr(Adapter& adapter, StreamAttribute const& attribute, Entity* target);
     // Sends what the collection holds at the key. `isNew`: the key comes from a bookmark, its member may have brought
     // it along when it was announced. REQUIRES: of a collection of values, that this connection is being flowed out to.
     void sendKey(Adapter& adapter, StreamAttribute const& attribute, std::string_view key, bool isNew);

@@ -155,18 +155,17 @@ OutSm* flowingSm(StreamDemuxer const& demuxer) {
     return flowing ? &flowing->nboAttrLogOut() : nullptr;
 }
 
-Out& begin(OutSm& sm, MessageKind kind, Sa const& adapter, AttributeId id, std::size_t encodedSize) {
-    std::size_t const size = NboAttrLog::compactSize(adapter.id()) + NboAttrLog::compactSize(id) + encodedSize;
-    return sm.begin(kind, size) << NboAttrLog::Compact{adapter.id()} << NboAttrLog::Compact{id};
-}
-
 }  // namespace
 
 bool Sa::doMessageMulticast(AttributeId id) { return streamDemuxer().multicast(*this, id); }
 
 OutSm* Sa::singletonSerializeCheck(AttributeId id, bool flowingOut, bool, std::size_t encodedSize, bool isKey) {
     OutSm* const sm = flowingOut ? flowingSm(streamDemuxer()) : streamDemuxer().liveSm(*this);
-    if (sm) begin(*sm, isKey ? MessageKind::keySet : MessageKind::value, *this, id, encodedSize);
+    if (!sm) return nullptr;
+    EntityId const self = this->id();
+    std::size_t const size = NboAttrLog::compactSize(self) + NboAttrLog::compactSize(id) + encodedSize;
+    sm->begin(isKey ? MessageKind::keySet : MessageKind::value, size)
+        << NboAttrLog::Compact{self} << NboAttrLog::Compact{id};
     return sm;
 }
 
@@ -179,16 +178,8 @@ template <class F> void Sa::eachLive(F f) const {
 }
 
 void Sa::handlePtrSerialization(StreamAttribute const& attribute, Entity* target, bool flowingOut) {
-    if (!flowingOut) return eachLive([&](FlowConnection& live) { sendPtr(live, attribute, target); });
-    if (FlowConnection* const connection = streamDemuxer().flowing()) sendPtr(*connection, attribute, target);
-}
-
-// By itself to each connection, which may have to be told of the target first.
-void Sa::sendPtr(FlowConnection& connection, StreamAttribute const& attribute, Entity* target) {
-    EntityId const targetId = connection.idOf(target, {this, &attribute, {}});
-    OutSm& sm = connection.nboAttrLogOut();
-    begin(sm, MessageKind::value, *this, attribute.id, 4) << targetId;
-    NboAttrLog::Impl::outSmCommitMessage(sm);
+    if (!flowingOut) return eachLive([&](FlowConnection& live) { live.sendPtr(*this, attribute, target); });
+    if (FlowConnection* const connection = streamDemuxer().flowing()) connection->sendPtr(*this, attribute, target);
 }
 
 void Sa::handleCollectionKeySerialization(StreamAttribute const& attribute, std::string_view key, bool flowingOut) {

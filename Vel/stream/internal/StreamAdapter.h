@@ -32,6 +32,10 @@ public:
     EntityId owner() const { return owner_; }
     void ownerIs(EntityId id) { owner_ = id; }
 
+    // A number for the views whose readers are told of the entity: see StreamDemuxer::liveSm(). 0: it is not known.
+    U64 audience() const { return audience_; }
+    void audienceIs(U64 number) { audience_ = number; }
+
     // Applies an attribute that came in. REQUIRES: as needInactive().
     void onAttributeForConnection(AttributeId id, NboAttrLog::In& in);
 
@@ -49,6 +53,7 @@ private:
     EntityId id_;
     U32 slot_;
     EntityId owner_ = 0;
+    U64 audience_ = 0;
 };
 
 // Writes the attributes of one entity: one that has changed to the logs of all views that have the entity, or those that
@@ -88,7 +93,6 @@ public:
     [[noreturn]] void throwWriteUpdateFromReadOnlyProxyException() const;
 
 private:
-    void sendPtr(NboAttrLog::FlowConnection& connection, StreamAttribute const& attribute, Entity* target);
     void shareKey(StreamAttribute const& attribute, std::string_view key);
     template <class F> void eachLive(F f) const;
     AttributeId flowOutCollection(

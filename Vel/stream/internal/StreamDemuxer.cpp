@@ -121,20 +121,56 @@ void StreamDemuxer::catchingUpIs(FlowConnection& connection, bool on) {
     if (on) catchingUp_.push_back(&connection);
 }
 
-void StreamDemuxer::liveIs(FlowConnection& connection, bool on) {
+void StreamDemuxer::liveIs(FlowConnection& connection, NboAttrLog::OutSm& log, bool on) {
+    logIsWritten();
     std::erase(live_, &connection);
-    if (on) live_.push_back(&connection);
+    std::erase(logs_, &log);
+    if (!on) return;
+    live_.push_back(&connection);
+    logs_.push_back(&log);
 }
 
-NboAttrLog::OutSm* StreamDemuxer::liveSm(Adapter const& adapter) {
-    shared_.clear();
-    for (FlowConnection* const connection : live_)
-        if (connection->isAnnounced(adapter)) shared_.add(connection->nboAttrLogOut());
-    return shared_.output();
+NboAttrLog::OutSm* StreamDemuxer::sharedSm(Adapter& adapter) {
+    if (audience_ != 0 && hasAudience(adapter)) return &shared_;
+    logIsWritten();
+    isTarget_.assign(live_.size(), false);
+    for (std::size_t i = 0; i < live_.size(); ++i) {
+        if (!live_[i]->isAnnounced(adapter)) continue;
+        isTarget_[i] = true;
+        shared_.targetIs(*logs_[i]);
+    }
+    if (shared_.targets().empty()) return nullptr;
+    audience_ = ++lastAudience_;
+    adapter.audienceIs(audience_);
+    return &shared_;
+}
+
+// Whether those who know of the entity are the targets. Only where that has not been seen yet all of them are asked.
+bool StreamDemuxer::hasAudience(Adapter& adapter) {
+    if (adapter.audience() == audience_) return true;
+    for (std::size_t i = 0; i < live_.size(); ++i)
+        if (live_[i]->isAnnounced(adapter) != isTarget_[i]) return false;
+    adapter.audienceIs(audience_);
+    return true;
+}
+
+void StreamDemuxer::giveOut() {
+    if (shared_.waiting() == 0) return;
+    shared_.giveOut();
+    logsAreLookedAfter_ = false;
+}
+
+void StreamDemuxer::logIsWritten() {
+    shared_.targetsDel();
+    audience_ = 0;
+    logsAreLookedAfter_ = false;
 }
 
 // Backwards, since a connection, or all of them, may cease to be live meanwhile.
-void StreamDemuxer::changesAreWritten() {
+void StreamDemuxer::lookAfterChanges() {
+    if (logsAreLookedAfter_ && shared_.waiting() < sharedSize_) return;
+    giveOut();
+    logsAreLookedAfter_ = true;
     for (std::size_t i = live_.size(); i-- > 0;)
         if (i < live_.size()) live_[i]->changesAreWritten();
 }

@@ -4,6 +4,7 @@
 #include "Vel/stream/internal/GradualMap.h"
 #include "Vel/stream/internal/SharedSm.h"
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -52,7 +53,12 @@ public:
     Adapter* newAdapter(Entity& entity);  // null: there is no id left. REQUIRES: it has none
     void adapterDel(Adapter& adapter);    // connections that were told of the entity are told that it has gone
     void catchingUpIs(NboAttrLog::FlowConnection& connection, bool on);
-    void liveIs(NboAttrLog::FlowConnection& connection, bool on);
+    void liveIs(NboAttrLog::FlowConnection& connection, NboAttrLog::OutSm& log, bool on);
+    // At most so many bytes of messages wait to be given to several logs; the least of what views ask for.
+    void sharedSizeIs(std::size_t bytes) { sharedSize_ = std::min(sharedSize_, bytes); }
+    void giveOut();                                        // so that logs have all of their messages
+    void logIsWritten();                                   // by itself, and who knows of which entities may change
+    void lookAfterLogs() { logsAreLookedAfter_ = false; }  // at the next change
     void remoteMayWriteIs(bool on) { remoteMayWrite_ = on; }
     void multicastIs(Multicast deliver);  // REQUIRES: there is no adapter yet
 
@@ -63,8 +69,14 @@ public:
     NboAttrLog::FlowConnection* flowing() const { return flowing_; }  // the one that is being flowed out to, or null
     void flowingIs(NboAttrLog::FlowConnection* connection) { flowing_ = connection; }
     // Where to write what each live connection gets that was told of the entity; null when there is none.
-    NboAttrLog::OutSm* liveSm(Adapter const& adapter);
-    void changesAreWritten();  // something may have been
+    NboAttrLog::OutSm* liveSm(Adapter& adapter) {
+        if (live_.size() != 1) return sharedSm(adapter);
+        return live_[0]->isAnnounced(adapter) ? logs_[0] : nullptr;
+    }
+    void changesAreWritten() {  // something may have been
+        if (live_.size() == 1) return live_[0]->changesAreWritten();
+        lookAfterChanges();
+    }
     // Takes the entity into the views that have the one that refers to it now. Null when its type can't be streamed, or
     // there is no id left: idsAreOut() then.
     Adapter* referredIs(Adapter const& referrer, Entity& entity);
@@ -85,6 +97,9 @@ public:
 
 private:
     void clear();
+    NboAttrLog::OutSm* sharedSm(Adapter& adapter);
+    bool hasAudience(Adapter& adapter);
+    void lookAfterChanges();
 
     Detail::GradualMap<EntityId, std::unique_ptr<Adapter>> adapters_;
     Detail::GradualMap<Entity const*, Adapter*> byEntity_;
@@ -95,7 +110,13 @@ private:
     Connections catchingUp_;
     Connections live_;
     NboAttrLog::FlowConnection* flowing_ = nullptr;
+    std::vector<NboAttrLog::OutSm*> logs_;  // of the live connections
     NboAttrLog::SharedSm shared_;
+    std::vector<bool> isTarget_;  // by live connection: its log is a target of shared_
+    U64 audience_ = 0;            // the number of these targets; of other ones it is another
+    U64 lastAudience_ = 0;
+    std::size_t sharedSize_ = 4096;    // bytes
+    bool logsAreLookedAfter_ = false;  // nobody waits for what is in shared_
     NboAttrLog::Out keyOut_;
     Multicast multicast_;
     EntityId lastId_ = 0;  // given

@@ -87,7 +87,9 @@ void StreamView::sweep() {
     });
     std::sort(unreached.begin(), unreached.end(), [](Adapter* a, Adapter* b) { return a->id() < b->id(); });
     for (Adapter* const a : unreached) leave(*a);
-    if (!unreached.empty()) demuxer_->changesAreWritten();
+    if (unreached.empty()) return;
+    forgetOwners();
+    demuxer_->changesAreWritten();
 }
 
 SlotSet StreamView::reached(Adapter const& top) const {
@@ -112,12 +114,26 @@ SlotSet StreamView::reached(Adapter const& top) const {
     return reached;
 }
 
+template <class F> void StreamView::eachConnection(F f) const {
+    for (auto const* const connections : {&demuxer_->catchingUp(), &demuxer_->live()})
+        for (FlowConnection* const connection : *connections)
+            if (&connection->view() == this) f(*connection);
+}
+
 void StreamView::leave(Adapter& adapter) {
     forget(adapter);
     if (!demuxer_->isInAView(adapter.slot())) return demuxer_->adapterDel(adapter);
-    for (auto const* const connections : {&demuxer_->catchingUp(), &demuxer_->live()})
-        for (FlowConnection* const connection : *connections)
-            if (&connection->view() == this) connection->forget(adapter, true);
+    eachConnection([&](FlowConnection& connection) { connection.forget(adapter, true); });
+}
+
+// An owner that comes back under its id has none of the members that it brought along before.
+void StreamView::forgetOwners() {
+    members_.eachNotIn({}, [&](U32 slot) {
+        Adapter const& member = *demuxer_->adapterAt(slot);
+        if (member.owner() != 0 && !adapter(member.owner()))
+            eachConnection([&](FlowConnection& connection) { connection.notInstantiated(member); });
+        return false;
+    });
 }
 
 }  // namespace Vel

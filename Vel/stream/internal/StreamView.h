@@ -53,6 +53,8 @@ private:
     bool canHave(Entity const& entity) const;
     NboAttrLog::SlotSet reached(Adapter const& top) const;
     void leave(Adapter& adapter);
+    void forgetOwners();
+    template <class F> void eachConnection(F f) const;  // f(connection) for each of the view's
 
     std::shared_ptr<StreamDemuxer> demuxer_;
     Ptr<Entity> root_;
