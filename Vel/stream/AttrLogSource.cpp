@@ -77,6 +77,7 @@ void AttrLogSource::leaveLive(AttrLogReader& reader, bool catchesUp) {
 
 void AttrLogSource::awaits(AttrLogReader& reader) {
     awaiting_.push_back(&reader);
+    lastMessages_ = log_.messages();  // it has all of these
     demuxer().lookAfterLogs();
 }
 

@@ -106,6 +106,42 @@ TEST_F(StreamPathsTest, ChangeReachesThePathsThatHaveTheEntity) {
     expectAllEqual();
 }
 
+TEST_F(StreamPathsTest, ChangesComeInTheirOrderWhateverIsSharedOfThem) {
+    ofA->take();
+    x->sizeIs(1);
+    x->sizeIs(2);
+    auto const w = Leaf::newEntity("w");
+    a->entryIs(w);
+    w->sizeIs(3);
+    y->sizeIs(4);
+    x->sizeIs(5);
+    std::string const ofX = "value " + idOf(*x) + ".258 ", ofW = "value " + idOf(*w) + ".258 ";
+    Strings values;
+    for (std::string const& message : ofA->take())
+        if (message.find(".258 0") != std::string::npos) values.push_back(message);
+    EXPECT_EQ(
+        values, (Strings{ofX + "00000001", ofX + "00000002", ofW + "00000000", ofW + "00000003", ofX + "00000005"}));
+    expectAllEqual();
+}
+
+TEST_F(StreamPathsTest, ReadersThatHaveAllAreWokenByEachPathsNextChange) {
+    ofA->take();
+    std::string woken;
+    all->reader->wakeIs([&] { woken += "all "; });
+    ofA->reader->wakeIs([&] { woken += "a "; });
+    for (int round = 0; round < 3; ++round) {
+        all->take();
+        ofA->take();
+        woken.clear();
+        y->sizeIs(y->size() + 1);
+        EXPECT_EQ(woken, "all ");
+        x->sizeIs(x->size() + 1);
+        EXPECT_EQ(woken, "all a ");
+        x->sizeIs(x->size() + 1);
+        EXPECT_EQ(woken, "all a ") << "but once";
+    }
+}
+
 TEST_F(StreamPathsTest, ReaderIsToldOfNothingOutsideOfItsPath) {
     b->entryIs(Fixture::Twig::newEntity("t"));
     all->take();
@@ -186,6 +222,18 @@ TEST_F(StreamPathsTest, IdsThatRunOutDoSoForAllPaths) {
     Reading again(server, "a");
     again.take();
     again.expectEqual(*a);
+}
+
+TEST_F(StreamPathsTest, ReaderThatStandsStillDoesNotMakeItsLogGrowWhileOthersRead) {
+    ofA->take();
+    std::size_t most = 0;
+    for (U32 i = 1; i <= 200'000; ++i) {
+        x->sizeIs(i);
+        all->reader->outputTaken(all->reader->output(1000).size());
+        most = std::max(most, server.source("a")->log().size());
+    }
+    EXPECT_LE(most, server.source("a")->options().logSize + (64u << 10));
+    EXPECT_EQ(server.source("a")->liveReaders(), 0u);
 }
 
 // Readers are behind with the first message that they have not read.
