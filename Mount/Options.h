@@ -15,7 +15,7 @@ using Milliseconds = std::chrono::milliseconds;
 struct TlsFiles {
     String certificate{};  // this side's, perhaps with those that lead to the authority's
     String key{};
-    String authority{};  // certificates of who may sign the other side's
+    String authority{};  // CA certificates that the peer's must be signed by
 };
 
 // Who may be on the other side, and how long it may be silent. Who is at a Unix socket the system tells: a user's name,

@@ -157,7 +157,7 @@ private:
     static void write(Vel::NboAttrLog::Out& out, IdSet const& set);
     static void readInto(IdSet& set, LogIn& in);
     bool truth() const { return bool(*this); }
-    // Of functions with several forms those that reflection takes.
+    // Overloaded functions under one name each, for the description.
     U64 deleteBucket(BucketId b) & { return bucketDel(b); }
     U64 deleteBucketAt(BucketIterator const& at) & { return bucketDel(at); }
     IdIteratorConst walkIds() const;

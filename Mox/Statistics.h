@@ -203,7 +203,8 @@ private:
     Seconds lastChange_;
 };
 
-// A condition that is observed together with whether it has changed: true and unchanged in state means two changes.
+// A condition that is observed together with whether it has changed. If `changed` is set but the state is the same, it
+// changed and changed back: two transitions.
 class VEL_API ConditionOrChangedStat {
 public:
     constexpr ConditionOrChangedStat() = default;

@@ -6,8 +6,7 @@
 
 namespace Mount {
 
-// Does what a destructor has to. What an observer throws meanwhile would end the process there, so the loop throws it,
-// when it is run the next time.
+// Runs `work` for a destructor. An observer's exception is rethrown by the loop's next run, instead of ending the process.
 template <class Work> void destroy(Loop& loop, Work work) noexcept {
     try {
         work();

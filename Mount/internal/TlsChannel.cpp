@@ -231,7 +231,8 @@ Channel::Outcome TlsChannel::handshake() {
         Outcome const outcome = unfinished(returned);
         return outcome.result == Result::end ? fail(closedEarly) : outcome;
     }
-    if (!isVerified_) return fail("the other side's certificate was not verified");  // by no way known
+    if (!isVerified_)
+        return fail("the other side's certificate was not verified");  // defensive: no known path leads here
     peerName_ = verifiedName_;
     stage_ = Stage::open;
     return {Result::done};

@@ -38,7 +38,7 @@ constexpr U32 opBit(AttributeOp op) { return U32(1) << static_cast<U32>(op); }
 enum class AttributeKind : U8 {
     field = 0,           // a stored part of the value: in its text and its stream form
     derived = 1,         // computed from the value
-    constant = 2,        //
+    constant = 2,        // the same for all values
     setter = 3,          // write-only
     method = 4,          // callable
     collection = 5,      // members reached by key

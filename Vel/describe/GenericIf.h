@@ -155,7 +155,7 @@ struct TypeGlue {
     void* (*genericIfVoidPtrIs)(void* object, VelType have, VelType want);  // as GenericIfImpl's
 };
 
-// What reaches an attribute by its number is inline: that is the way of a program that does so all the time.
+// Inline: access by attribute number is the hot path.
 
 inline TypeRecord const& VelTypeBase::record() const { return at<TypeRecord>(*module_, module_->types)[index_]; }
 inline TypeGlue const& VelTypeBase::glue() const { return *at<TypeGlue const*>(*module_, module_->glue)[index_]; }

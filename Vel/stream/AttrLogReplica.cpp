@@ -384,7 +384,7 @@ Ptr<Entity> AttrLogReplica::instantiate(VelType type, Place const& place, String
     return made;
 }
 
-// Whether what is there was told of already under another id: then it has gone at the source, and another has come.
+// True if the entity at the key is already bound to another id: the source has deleted it and made a new one.
 bool AttrLogReplica::checkEphemeralEntityDeletion(Place const&, Entity* there) { return ids_.contains(there); }
 
 void AttrLogReplica::bind(EntityId id, Ptr<Entity> entity, bool isNew) {
@@ -548,7 +548,7 @@ void AttrLogReplica::checkDepth(Entity const& entity) const {
             throw StreamException(format("an entity that is moved within more than %zu others", limits().depth), 0);
 }
 
-// Where an entity has moved, what made room for it may be told later than where it went.
+// A move can arrive before the removal that makes room for it, so make room here.
 void AttrLogReplica::put(Place const& place, EntityId id, Entity& member) {
     if (member.parent() || member.hasBeenParent()) {
         checkDepth(*place.entity);

@@ -55,7 +55,7 @@ void AttrLogSource::clear() {
     StreamView::clear();
 }
 
-// The reader has been told of everything. Whoever reads the log has, too: the first one brings what is known of them.
+// The reader is up to date. If it is the first live one, what it was told becomes what live_ knows.
 void AttrLogSource::goLive(AttrLogReader& reader) {
     if (liveReaders_++ == 0) {
         live_.knowledgeIs(reader);
@@ -169,7 +169,7 @@ std::string plainPath(std::string_view path) {
 
 Ptr<Entity> AttrLogServer::entityAt(std::string const& path) const { return root_->entity(String(path)); }
 
-// A source that somebody is about to ask for stays without readers.
+// Keeps the source for `wanted` even if nobody reads it.
 void AttrLogServer::checkPathsBut(std::optional<std::string_view> wanted) {
     std::vector<std::unique_ptr<AttrLogSource>> gone;  // destroyed when the map is in order again
     for (auto at = sources_.begin(); at != sources_.end();) {

@@ -55,8 +55,8 @@ private:
 };
 
 struct TraceRecord {
-    double time;    // seconds since 1970-01-01 00:00 UTC
-    int processId;  //
+    double time;  // seconds since 1970-01-01 00:00 UTC
+    int processId;
     char const* facility;
     unsigned level;
     char const* file;

@@ -109,8 +109,7 @@ template <class T> void printValue(StrepOut& out, T const& value) {
     }
 }
 
-// The quick way of a parse: returns the end of the value, or null when anything is amiss. The slow way finds out what.
-// Compares the N bytes in words, which a call of memcmp for a short text takes longer than.
+// Compares N bytes in words; for short literals faster than memcmp.
 template <class Word, std::size_t N> inline bool sameWords(char const* a, char const* b) {
     auto const difference = [&](std::size_t at) {
         Word x;
@@ -161,6 +160,7 @@ template <class T> char const* readRecord(char const* from, char const* end, T& 
 }
 
 // Of a value of form number or record; null also for a type with a text form of its own.
+// The quick way of a parse: returns the end of the value, or null when anything is amiss. The slow way finds out what.
 template <class T> char const* readText(T& value, char const* from, char const* end) {
     if constexpr (hasOption<T, OptionId::text> || !hasScalarsOnly<T>()) {
         return nullptr;

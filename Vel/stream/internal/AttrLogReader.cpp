@@ -244,7 +244,7 @@ void AttrLogReader::sendGone(std::vector<EntityId>& gone) {
     if (gone.empty()) std::vector<EntityId>().swap(gone);
 }
 
-// What is on its way goes on from the reader's own output, which takes over.
+// Copies the log bytes that output() has handed out to out_, so that sending can go on without the log.
 void AttrLogReader::ownOutstanding() {
     if (outstanding_ == 0) return;
     out_.add(source_->log().read(position_, outstanding_));
@@ -252,7 +252,7 @@ void AttrLogReader::ownOutstanding() {
     outstanding_ = 0;
 }
 
-// So that something else can be said: what is left of the message that the reader is in goes to its own output.
+// Before anything else is sent: moves the rest of a half-sent log message to out_.
 void AttrLogReader::finishLogMessage() {
     if (!isLive_) return;
     ownOutstanding();

@@ -35,7 +35,7 @@ public:
     bool idsAreOut() const { return idsAreOut_; }
     // Empties all views; ids begin at 1 again. Their readers are closing then. Destroys all adapters.
     void startOver();
-    // As though the ids up to this one had been given. REQUIRES: none above it has.
+    // For tests of exhaustion: the next id will be id + 1. REQUIRES: id >= every id given so far.
     void lastIdIs(EntityId id) { lastId_ = id; }
 
     std::vector<VelType> const& types() const { return types_; }
