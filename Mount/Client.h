@@ -11,8 +11,8 @@
 
 namespace Mount {
 
-// Mounts what a server has at a path: keeps a copy of it that follows, in this process's own entities. While the server is
-// away the copy stays as it was, and connecting is tried again, less and less often.
+// Mounts what a server has at a path: keeps a copy of it that follows, in this process's own entities. While the server
+// is away the copy stays as it was, and connecting is tried again, less and less often.
 // Threads: the one that runs the loop.
 class VEL_API Client {
 public:

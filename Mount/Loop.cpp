@@ -31,8 +31,8 @@ private:
     std::function<void()> call_;
 };
 
-// No concurrency hint of 1: with it Asio withholds what a handler posts until the handler returns, so a nested run() would
-// hang or stop the loop.
+// No concurrency hint of 1: with it Asio withholds what a handler posts until the handler returns, so a nested run()
+// would hang or stop the loop.
 Loop::Loop() : own_(std::make_unique<asio::io_context>()), context_(own_.get()) {}
 Loop::Loop(asio::io_context& context) : context_(&context) {}
 Loop::~Loop() = default;

@@ -12,9 +12,9 @@ namespace Mount {
 // Serves an entity, and all that it leads to, to other processes; each asks for a path below it, or for all. Changes go
 // out by themselves while the loop runs.
 //
-// A slow reader gets fewer, newer values; memory stays bounded. A producer that outpaces its readers can throttle itself:
-// run the loop while backlog() is high, but with a time limit, since a stalled reader keeps it high until it is a whole log
-// behind.
+// A slow reader gets fewer, newer values; memory stays bounded. A producer that outpaces its readers can throttle
+// itself: run the loop while backlog() is high, but with a time limit, since a stalled reader keeps it high until it is
+// a whole log behind.
 // Threads: the one that runs the loop.
 class VEL_API Server {
 public:

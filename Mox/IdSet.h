@@ -19,8 +19,8 @@ namespace Mox {
 //
 // Bucket numbers have 8 bits, so sizes up to 16320 are covered in full. Beyond that, on purpose: an id from 16384 up
 // shares its bit with its value modulo 16384; what visits all buckets takes their number modulo 256; idSetRange fills
-// the buckets from the one behind its first id's (0 behind 255) while they are below its last id's; and bucket 255 cannot
-// be written to the attribute log. A set's text and iteration end at the first bit at or above its size.
+// the buckets from the one behind its first id's (0 behind 255) while they are below its last id's; and bucket 255
+// cannot be written to the attribute log. A set's text and iteration end at the first bit at or above its size.
 //
 // REQUIRES is checked: a broken precondition says so and aborts. Text and bytes from outside go through checked() and
 // Vel::checkedRead, which never do.

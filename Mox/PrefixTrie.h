@@ -18,8 +18,8 @@ class FlowOut;
 
 // A set of path prefixes with a state for each, which everything below a prefix inherits.
 //
-// Both classes are made to be derived from: a state says what it holds, how it merges and how it prints; a trie says which
-// states and which children it makes. docs/trie.md derives a pair from scratch.
+// Both classes are made to be derived from: a state says what it holds, how it merges and how it prints; a trie says
+// which states and which children it makes. docs/trie.md derives a pair from scratch.
 namespace Mox {
 
 // What a prefix applies to everything that it encloses.
@@ -51,13 +51,14 @@ VEL_API Vel::Ptr<PrefixTrieState> prefixTrieStateFactory();
 // star before the next separator ("a*/b") is a mount point, as is the last one of every path; the star is no part of
 // the key.
 //
-// Two collections hold the children. `prefixChild` makes and owns them; `child` has those that take part in what the trie
-// answers. A child whose prefix is deleted, and which encloses no other, leaves `child` only: it is found again when its
-// path is added again, unless childInstanceDel takes it out of `prefixChild` too.
+// Two collections hold the children. `prefixChild` makes and owns them; `child` has those that take part in what the
+// trie answers. A child whose prefix is deleted, and which encloses no other, leaves `child` only: it is found again
+// when its path is added again, unless childInstanceDel takes it out of `prefixChild` too.
 //
-// Queries never allocate, but for a result that is a string; they, prefixDel and the release of a trie take any depth, as
-// does adding unless a derived class overrides prefixIs. Appending and pushing states down call themselves once for each
-// component: 10 000 components are fine on a stack of 8 MB. REQUIRES, for all operations on paths: no node is below itself.
+// Queries never allocate, but for a result that is a string; they, prefixDel and the release of a trie take any depth,
+// as does adding unless a derived class overrides prefixIs. Appending and pushing states down call themselves once for
+// each component: 10 000 components are fine on a stack of 8 MB. REQUIRES, for all operations on paths: no node is
+// below itself.
 // Threads: a trie and the states in it are used by one thread at a time.
 class VEL_API PrefixTrie : public Vel::EntityOf<PrefixTrie> {
     using Members = Detail::TrieMembers<PrefixTrie>;
@@ -83,7 +84,8 @@ public:
     // Merges into the state of this node, when it is present, and pushes the outcome down.
     // REQUIRES: a present node has a state; one that prefixIs or append made present has.
     virtual void upgradeState(Vel::Ptr<State> const& inheritedState, bool inheritedOnly);
-    // Takes all of `target` into this trie: its prefixes, their flags, and their states as if given for the prefixes here.
+    // Takes all of `target` into this trie: its prefixes, their flags, and their states as if given for the prefixes
+    // here.
     virtual void append(Vel::Ptr<PrefixTrie const> const& target);
     virtual void childInstanceDel(String const& key);  // called when prefixDel has taken `key` out of `child`
 
@@ -98,7 +100,8 @@ public:
     bool hasPrefix(std::string_view path) const;        // the path or one that encloses it is in the set
     bool hasProperPrefix(std::string_view path) const;  // one that encloses it is in the set
     bool hasPrefixInternal(std::string_view path, bool proper) const;
-    // The longest prefix of the path that is in the set, without stars that mark mount points; empty when there is none.
+    // The longest prefix of the path that is in the set, without stars that mark mount points; empty when there is
+    // none.
     String enclosingPrefix(std::string_view path) const;
     String properEnclosingPrefix(std::string_view path) const;  // shorter than the path
     String enclosingPrefixInternal(std::string_view path, bool proper) const;

@@ -1,5 +1,6 @@
-// Entities that follow others over the attribute log: a copy of a trie from nothing, and changes that are encoded, carried
-// through memory, applied and told to an observer; and what readers of one server cost it that ask for different paths.
+// Entities that follow others over the attribute log: a copy of a trie from nothing, and changes that are encoded,
+// carried through memory, applied and told to an observer; and what readers of one server cost it that ask for
+// different paths.
 
 #include "Bench.h"
 #include "Level.h"
@@ -261,8 +262,8 @@ void addSync(Vel::U32 prefixes) {
     });
 }
 
-// The longest output() of a source, for others wait that long: in a directory or trie of so many entities, the tables of
-// which grow meanwhile. In seconds, beside the time of the whole.
+// The longest output() of a source, for others wait that long: in a directory or trie of so many entities, the tables
+// of which grow meanwhile. In seconds, beside the time of the whole.
 void addTurns(Vel::U32 entities) {
     using Clock = std::chrono::steady_clock;
     std::string const group = "the longest turn of a first copy of " + std::to_string(entities);

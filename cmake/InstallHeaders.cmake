@@ -1,5 +1,5 @@
-# Runs when a library is installed: its public headers, and those of its private ones that a public one includes, however
-# indirectly, since a template needs them. A header is private when it is in a folder internal/.
+# Runs when a library is installed: its public headers, and those of its private ones that a public one includes,
+# however indirectly, since a template needs them. A header is private when it is in a folder internal/.
 #
 # root         of the source tree, which includes are relative to
 # folder       of the library, below it

@@ -2,11 +2,12 @@
 
 # mox_add_module(NAME SOURCES... [STATIC] [LINK TARGETS...] [HEADERS FILES...] [PACKAGE PACKAGE])
 #
-# Makes the library NAME of sources with modules of their own (VEL_MODULE). Whoever links it has its types in the registry
-# at run time, also a program that calls nothing in it, which the linker would otherwise build without the library.
+# Makes the library NAME of sources with modules of their own (VEL_MODULE). Whoever links it has its types in the
+# registry at run time, also a program that calls nothing in it, which the linker would otherwise build without the
+# library.
 #
-# It is a shared library where Mox is shared; else, with STATIC, and with BUILD_SHARED_LIBS set to OFF, a static one. Both
-# are C++20 and hide what is not marked VEL_API.
+# It is a shared library where Mox is shared; else, with STATIC, and with BUILD_SHARED_LIBS set to OFF, a static one.
+# Both are C++20 and hide what is not marked VEL_API.
 #
 #     STATIC     a static library, though Mox is shared
 #     LINK       what it and its users link, Mox::mox if nothing is told
@@ -45,8 +46,8 @@ function(mox_add_module name)
     set(file "$<TARGET_FILE:$<TARGET_NAME:${name}>>")
     if(kind STREQUAL "SHARED")
         target_link_options(${name} INTERFACE "LINKER:--push-state,--no-as-needed,${file},--pop-state")
-        # What is missing, such as a type that VEL_MODULE does not list, is told here, and not when the library is loaded;
-        # but not with a sanitizer, whose functions are in the program.
+        # What is missing, such as a type that VEL_MODULE does not list, is told here, and not when the library is
+        # loaded; but not with a sanitizer, whose functions are in the program.
         get_directory_property(options COMPILE_OPTIONS)
         if(NOT "${CMAKE_CXX_FLAGS} ${options}" MATCHES "-fsanitize")
             target_link_options(${name} PRIVATE "LINKER:-z,defs")

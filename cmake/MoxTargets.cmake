@@ -19,8 +19,8 @@ if(PROJECT_VERSION_MAJOR EQUAL 0)
     set(MOX_COMPATIBLE_VERSION 0.${PROJECT_VERSION_MINOR})
 endif()
 
-# mox_library(target Namespace [OUTPUT name] [EXPORT name] [LINK targets...]): the library of the current folder, with the
-# alias Namespace::target, its install rules and its export set, which is named after the namespace unless told.
+# mox_library(target Namespace [OUTPUT name] [EXPORT name] [LINK targets...]): the library of the current folder, with
+# the alias Namespace::target, its install rules and its export set, which is named after the namespace unless told.
 function(mox_library target namespace)
     cmake_parse_arguments(PARSE_ARGV 2 arg "" "OUTPUT;EXPORT" "LINK")
     if(NOT arg_EXPORT)

@@ -29,7 +29,8 @@ int main(int argc, char** argv) {
                       << std::endl;
         };
         tell("nothing is mounted yet");
-        // The database may go, and what it holds may be replaced: look where the status is whenever the copy is complete.
+        // The database may go, and what it holds may be replaced: look where the status is whenever the copy is
+        // complete.
         std::unique_ptr<Vel::Notifiee> observer;
         database.onStateIs([&](Mount::Client::State state) {
             if (state == Mount::Client::State::stale) tell("the database is away");

@@ -1,5 +1,5 @@
-// A module in a library of its own, made by mox_add_module (CMakeLists.txt): this program names no type of it, and finds
-// them all the same, by name.
+// A module in a library of its own, made by mox_add_module (CMakeLists.txt): this program names no type of it, and
+// finds them all the same, by name.
 #include "Vel/describe/Module.h"
 #include "Vel/entity/Dir.h"
 

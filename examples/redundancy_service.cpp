@@ -1,5 +1,5 @@
-// A redundancy service: makes the other cell the active one whenever it gets SIGUSR1, in the state database, where every
-// agent sees it.
+// A redundancy service: makes the other cell the active one whenever it gets SIGUSR1, in the state database, where
+// every agent sees it.
 //
 //     $ redundancy_service unix:/run/mox/state.sock & kill -USR1 $!
 #include "Mount/Client.h"

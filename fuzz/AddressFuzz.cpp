@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <string_view>
 
-// Texts of addresses, which come from configurations and command lines. What is accepted reads back from its own text as
-// the same, and whatever is not says what it was.
+// Texts of addresses, which come from configurations and command lines. What is accepted reads back from its own text
+// as the same, and whatever is not says what it was.
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
     std::string_view const text(reinterpret_cast<char const*>(data), size);

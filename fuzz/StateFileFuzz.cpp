@@ -9,8 +9,8 @@
 #include <string>
 #include <string_view>
 
-// Any text is a state file or has a mistake within it; what a file says is written as a file that says the same. Who wants
-// to know of all mistakes is told of that one first, and gets what the other lines say.
+// Any text is a state file or has a mistake within it; what a file says is written as a file that says the same. Who
+// wants to know of all mistakes is told of that one first, and gets what the other lines say.
 
 namespace {
 

@@ -9,8 +9,9 @@
 #include <cstdint>
 #include <cstdlib>
 
-// What a reader sends, to a source that takes changes. Each step begins with a byte: bytes from the reader (its low bits
-// say how many), a change of what is served, or some output taken. A replica beside it, which behaves, has to follow.
+// What a reader sends, to a source that takes changes. Each step begins with a byte: bytes from the reader (its low
+// bits say how many), a change of what is served, or some output taken. A replica beside it, which behaves, has to
+// follow.
 
 namespace {
 

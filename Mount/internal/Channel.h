@@ -57,8 +57,8 @@ public:
     TlsContext(Side side, PeerOptions const& options);
     ~TlsContext();
 
-    // The handshake fails unless the other side shows a certificate that the authority has signed, one of `options.names`
-    // if there are any; for a client, one that is for the host that it connects to.
+    // The handshake fails unless the other side shows a certificate that the authority has signed, one of
+    // `options.names` if there are any; for a client, one that is for the host that it connects to.
     std::unique_ptr<Channel> channel(int socket, String const& host) const;
 
 private:

@@ -22,11 +22,11 @@ struct SharedMemory {
     std::function<void()> exceeded{};  // called when it holds more than the limit; ends connections
 };
 
-// Carries one side of a stream over a socket: sends what the side has to say, gives it what comes in, asks the other side
-// for a sign of life when it has long been silent, and ends when either side is done.
+// Carries one side of a stream over a socket: sends what the side has to say, gives it what comes in, asks the other
+// side for a sign of life when it has long been silent, and ends when either side is done.
 //
-// It lives while something is awaited for it. An observer may close a connection, or destroy what owns it, out of the very
-// message that it is told by: what follows from that waits until the message is done with.
+// It lives while something is awaited for it. An observer may close a connection, or destroy what owns it, out of the
+// very message that it is told by: what follows from that waits until the message is done with.
 class VEL_API Connection : public std::enable_shared_from_this<Connection> {
 public:
     using Socket = asio::generic::stream_protocol::socket;

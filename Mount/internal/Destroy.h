@@ -6,7 +6,8 @@
 
 namespace Mount {
 
-// Runs `work` for a destructor. An observer's exception is rethrown by the loop's next run, instead of ending the process.
+// Runs `work` for a destructor. An observer's exception is rethrown by the loop's next run, instead of ending the
+// process.
 template <class Work> void destroy(Loop& loop, Work work) noexcept {
     try {
         work();

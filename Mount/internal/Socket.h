@@ -54,8 +54,8 @@ std::vector<SocketAddress> resolve(Address const& address, bool forServer);
 // Checks that plain TCP stays on this machine, and that there are files for TLS.
 void checkAddress(Address const& address, PeerOptions const& options, std::span<SocketAddress const> found);
 
-// A socket that does not block, and is not inherited. It listens, unless it is a Unix socket, which its SocketFile makes
-// listen. Throws ErrnoException that names the address.
+// A socket that does not block, and is not inherited. It listens, unless it is a Unix socket, which its SocketFile
+// makes listen. Throws ErrnoException that names the address.
 Descriptor listenAt(Address const& address, SocketAddress const& where);
 
 // --- who is there ---

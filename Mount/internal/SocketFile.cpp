@@ -48,8 +48,8 @@ void writeHolder(int lock) {
     [[maybe_unused]] ssize_t const written = ::pwrite(lock, id.data(), id.size(), 0);
 }
 
-// Who holds the lock, as far as its file tells: what was locked by other means, or by a process that has ended since and
-// left it to one that it had started, does not.
+// Who holds the lock, as far as its file tells: what was locked by other means, or by a process that has ended since
+// and left it to one that it had started, does not.
 String holderOf(int lock) {
     char text[16];
     ssize_t const size = ::pread(lock, text, sizeof text, 0);
@@ -87,7 +87,8 @@ SocketFile::SocketFile(Address const& address) : path_(address.path()), lockPath
     }
 }
 
-// The lock is released, and not only closed: a process that was forked meanwhile has it, too, and the file may have to stay.
+// The lock is released, and not only closed: a process that was forked meanwhile has it, too, and the file may have to
+// stay.
 SocketFile::~SocketFile() {
     if (socketId_.second != 0 && fileAt(path_) == socketId_) ::unlink(path_.charPtr());
     if (hasLock()) ::unlink(lockPath_.charPtr());

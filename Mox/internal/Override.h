@@ -6,13 +6,13 @@
 
 namespace Mox::Detail {
 
-// Whether calling the virtual `function` of `object` would run something else than it would for `base`, an object of the
-// class that declares it. It may say true without need, and never says false wrongly. So a recursion through a virtual
-// function can become a loop where no derived class takes part in it.
+// Whether calling the virtual `function` of `object` would run something else than it would for `base`, an object of
+// the class that declares it. It may say true without need, and never says false wrongly. So a recursion through a
+// virtual function can become a loop where no derived class takes part in it.
 //
-// Reads the virtual tables, whose layout the Itanium C++ ABI fixes: their address is the first word of an object. A pointer
-// to a virtual member function holds an offset into them plus 1, and how far its object is from the one at hand. On arm64
-// twice as far, and there the 1 is. On other processors every answer is true.
+// Reads the virtual tables, whose layout the Itanium C++ ABI fixes: their address is the first word of an object. A
+// pointer to a virtual member function holds an offset into them plus 1, and how far its object is from the one at
+// hand. On arm64 twice as far, and there the 1 is. On other processors every answer is true.
 #if defined(__GXX_ABI_VERSION) && (defined(__x86_64__) || defined(__s390x__) || defined(__aarch64__))
 template <class Base, class F> bool overrides(Base const& object, Base const& base, F Base::*function) {
     static_assert(std::is_polymorphic_v<Base>);

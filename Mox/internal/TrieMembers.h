@@ -24,7 +24,8 @@ using Vel::U64;
 // `prefixChild` owns them; `child` is a second index over mostly the same ones. One word, and nothing else while there
 // is at most one child; about 20 bytes a child beyond that, for both collections together.
 //
-// A leak detector does not take a word with hash bits for an address, and is told to leave out what is only found there.
+// A leak detector does not take a word with hash bits for an address, and is told to leave out what is only found
+// there.
 //
 // Node has velKey(), a std::string_view that never changes, newRef() and deleteRef().
 //
@@ -35,8 +36,8 @@ using Vel::U64;
 // 2. No two slots name the same node, and each collection has at most one node with a key.
 // 3. The word is 0 (no slot), a slot, or the address of the slots of a table with two slots or more, marked by its own
 //    bit, and the table's size class where a slot has the hash: look-ups need not touch the table's header.
-// 4. Tables of up to 7 slots are filled from the front. Larger ones are powers of two, probed linearly from the low bits
-//    of the hash, at most three quarters full.
+// 4. Tables of up to 7 slots are filled from the front. Larger ones are powers of two, probed linearly from the low
+//    bits of the hash, at most three quarters full.
 template <class Node> class TrieMembers {
 public:
     enum class Collection : U64 { child = 1, prefixChild = 2 };

@@ -14,7 +14,8 @@ namespace Mox::Detail {
 inline std::size_t getSeparatorPos(std::string_view path) {
     static_assert('.' + 1 == '/' && '.' % 2 == 0);  // so that one comparison finds both
     std::size_t i = 1;
-    // Eight bytes at a time: the lowest byte of `different` that is 0 is the first separator, and gets its high bit set.
+    // Eight bytes at a time: the lowest byte of `different` that is 0 is the first separator, and gets its high bit
+    // set.
     constexpr Vel::U64 ones = 0x0101010101010101ul;
     if constexpr (std::endian::native == std::endian::little)
         for (; i + 8 <= path.size(); i += 8) {

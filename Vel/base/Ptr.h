@@ -100,8 +100,8 @@ protected:
     PtrInterface(PtrInterface const&) noexcept {}  // a copy has no references and no flags of its own
     PtrInterface& operator=(PtrInterface const&) noexcept { return *this; }
 
-    // Tells zeroReferencesIs(true) and destroys the object. References taken and dropped meanwhile are allowed; one that
-    // is kept dangles.
+    // Tells zeroReferencesIs(true) and destroys the object. References taken and dropped meanwhile are allowed; one
+    // that is kept dangles.
     void handleZeroRef();
 
 private:
@@ -115,8 +115,8 @@ private:
 };
 
 // What a reference-counted type that is no entity derives from, so that its objects are tracked as entities are: class
-// Node : public Vel::TrackedOf<Node>. T has a static function velAllocTrack() that yields T's AllocTrackTypeInfo; defined
-// in a source file, it is one for the whole process.
+// Node : public Vel::TrackedOf<Node>. T has a static function velAllocTrack() that yields T's AllocTrackTypeInfo;
+// defined in a source file, it is one for the whole process.
 template <class T> class TrackedOf : public PtrInterface {
 public:
     static void* operator new(std::size_t size) {

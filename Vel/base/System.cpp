@@ -42,8 +42,8 @@ double SystemCalls::currentTime() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// Never waits: early while a machine starts, and where a filter forbids the call, the 16 random bytes do that the kernel
-// gives each program.
+// Never waits: early while a machine starts, and where a filter forbids the call, the 16 random bytes do that the
+// kernel gives each program.
 void SystemCalls::random(void* to, std::size_t size) noexcept {
     auto* at = static_cast<char*>(to);
     char* const end = at + size;

@@ -79,10 +79,10 @@ inline U64 foldedProduct(U64 a, U64 b) {
     return static_cast<U64>(product) ^ static_cast<U64>(product >> 64);
 }
 
-// The hashes are built like Wang Yi's wyhash (public domain, github.com/wangyi-fudan/wyhash): words, each exclusive-or'd
-// with a word of the secret, are multiplied in pairs, and the result passes one more such step with the length. The
-// constants that wyhash publishes are replaced by the secret: who knows the constant can make a factor 0, and then the
-// other factor is lost. The result is good in all its bits. It depends on the byte order.
+// The hashes are built like Wang Yi's wyhash (public domain, github.com/wangyi-fudan/wyhash): words, each
+// exclusive-or'd with a word of the secret, are multiplied in pairs, and the result passes one more such step with the
+// length. The constants that wyhash publishes are replaced by the secret: who knows the constant can make a factor 0,
+// and then the other factor is lost. The result is good in all its bits. It depends on the byte order.
 //
 // `seed` tells one table's hashes from another's.
 inline U64 tableHash(std::string_view text, U32 seed, TableSecret const& secret) {

@@ -280,8 +280,8 @@ template <auto Visit, auto Adopt, class A> constexpr auto instances(A collection
     else
         return StreamedCollection<A, Members::instances, Visit, Adopt>{collection};
 }
-// A collection of values that travels to replicas. It needs Get, Set, Del and Exists, and tells of each key that it sets
-// to another value or deletes: velNotify<"name">(key).
+// A collection of values that travels to replicas. It needs Get, Set, Del and Exists, and tells of each key that it
+// sets to another value or deletes: velNotify<"name">(key).
 template <auto Visit, class A> constexpr auto values(A collection) {
     if constexpr (Detail::isBroken<A>) {
         return collection;

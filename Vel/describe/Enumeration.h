@@ -23,7 +23,8 @@
 //     };
 //
 // The text is the name in quotes, 'rain'. A number without a name, as another version of a program may send it, stays
-// what it is, and prints as that number, 7. The bytes are those of the unsigned integer, which is also attribute 2, `value`.
+// what it is, and prints as that number, 7. The bytes are those of the unsigned integer, which is also attribute 2,
+// `value`.
 namespace Vel {
 
 namespace Detail {

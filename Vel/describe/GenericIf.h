@@ -52,8 +52,8 @@ public:
     VelAttr attribute(U32 index) const;
     std::optional<VelAttr> attribute(std::string_view name) const;  // also a base's
     std::optional<VelAttr> attributeOfId(AttributeId id) const;     // also a base's
-    // An operation on the attribute of that number of an object of this type, as TypeGlue::genericIfAttributeOp; codes as
-    // AttributeResult.
+    // An operation on the attribute of that number of an object of this type, as TypeGlue::genericIfAttributeOp; codes
+    // as AttributeResult.
     int attributeOp(void* result, void* object, AttributeId id, AttributeOp op, void const* other = nullptr,
         void const* arg = nullptr) const;
     std::string_view moduleName() const;
@@ -86,7 +86,8 @@ public:
     VelType valueType() const;   // null for a method, and for what is only declared
     VelType keyType() const;     // of a collection; else null
     VelType resultType() const;  // of a method that yields something; else null
-    // On the first member of this collection in `object`, given as for genericIfAttributeOp; null when it cannot be walked.
+    // On the first member of this collection in `object`, given as for genericIfAttributeOp; null when it cannot be
+    // walked.
     std::unique_ptr<CollectionIterator> iterator(void* object) const;
     U32 parameterCount() const;
     char const* parameterName(U32 i) const;

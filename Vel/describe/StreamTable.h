@@ -108,8 +108,8 @@ private:
 // Where the values of an entity's attributes are written to.
 class VEL_API SerializeSink {
 public:
-    // Bits of attrLogFlags(). The first: the entity's changes may be delivered by multicastIs() instead of the log. The others
-    // suspend it, while the entity is flowed out to one reader, and while a reader's change is applied.
+    // Bits of attrLogFlags(). The first: the entity's changes may be delivered by multicastIs() instead of the log. The
+    // others suspend it, while the entity is flowed out to one reader, and while a reader's change is applied.
     static constexpr U32 multicastBit = 0x4000;
     static constexpr U32 flowingOutBit = 0x80000;
     static constexpr U32 fromRemoteBit = 0x100000;

@@ -31,8 +31,8 @@ class VelType;
 // --- what the module's source instantiates ---
 
 // The parts of a type's contract that are worth compiling once: VEL_MODULE instantiates them where the type's module
-// stands, and everybody else only calls them. The linker says this name when it misses one: no VEL_MODULE that was linked
-// lists T.
+// stands, and everybody else only calls them. The linker says this name when it misses one: no VEL_MODULE that was
+// linked lists T.
 template <class T> struct VEL_API DefinedByVEL_MODULE {
     static VelType type();  // T's type record
     static void print(StrepOut& out, T const& value);

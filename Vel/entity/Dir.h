@@ -20,8 +20,8 @@ public:
     Ptr<Entity> createEntity(VelType type, std::string_view name, void const* const* arguments = nullptr);
 
     Ptr<Entity> entry(std::string_view name) const { return velChild(name); }  // or null
-    // Adds an entity under its own name. Throws NameInUseException when another has it, MutatorArgNullPointerException for
-    // null, RangeException for a bad name, an entity that is in another directory, and one that this one is within.
+    // Adds an entity under its own name. Throws NameInUseException when another has it, MutatorArgNullPointerException
+    // for null, RangeException for a bad name, an entity that is in another directory, and one that this one is within.
     void entryIs(Ptr<Entity> const& entity);
     Ptr<Entity> entryDel(std::string_view name);  // removes the entry and returns it; null when there was none
     void entryDelAll();

@@ -21,9 +21,9 @@ namespace Vel {
 // The hash of a text in tables of this process.
 VEL_API U32 hashText(std::string_view text, U32 seed) noexcept;
 
-// The hash of a key as it is looked up, keyed with the process's secret: nobody outside can choose texts or numbers that
-// collide. Of other types it takes the type's own hash(seed), or std::hash, and keys what they yield: two keys for which
-// these are equal collide all the same.
+// The hash of a key as it is looked up, keyed with the process's secret: nobody outside can choose texts or numbers
+// that collide. Of other types it takes the type's own hash(seed), or std::hash, and keys what they yield: two keys for
+// which these are equal collide all the same.
 template <class Key> struct KeyHash {
     static U32 hash(Detail::KeyView<Key> const& view, U32 seed) {
         if constexpr (Detail::isText<Key>)
@@ -43,7 +43,8 @@ private:
 };
 
 // A map in no particular order, made to be a collection in an entity: empty it is one pointer and owns nothing; with 1
-// to 8 elements of 16 bytes it takes 28 to 48 bytes an element, beyond that 35 to 71 (what the allocator adds included).
+// to 8 elements of 16 bytes it takes 28 to 48 bytes an element, beyond that 35 to 71 (what the allocator adds
+// included).
 //
 // Values may be changed in place; that does not count as a change. Pointers to keys and values last until the next
 // insertion or erasure of any element. Keys and values move without throwing. Arguments of the constructors that insert

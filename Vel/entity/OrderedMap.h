@@ -36,8 +36,8 @@ private:
 // A map ascending by the key's operator< (texts: byte-wise), made to be a collection in an entity or a value: empty it
 // is one pointer and owns nothing. An element costs a node: 24 bytes, the key and the value.
 //
-// A collection may bring a node type of its own: one like OrderedMapNode, derived from RbTreeMapGeneric::Node too. If it
-// derives from PtrInterface, the map holds one reference to each node, and a node may outlive its time in the map.
+// A collection may bring a node type of its own: one like OrderedMapNode, derived from RbTreeMapGeneric::Node too. If
+// it derives from PtrInterface, the map holds one reference to each node, and a node may outlive its time in the map.
 //
 // Values may be changed in place; that does not count as a change. Pointers to keys and values last as long as their
 // element. Constructors that insertion runs must not change this very map; destructors may.

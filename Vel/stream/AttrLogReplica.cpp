@@ -54,8 +54,8 @@ struct AttrLogReplica::Place {
         }
         return true;
     }
-    // In the place of what is there, of which observers are told once unless the collection takes no other member under a
-    // key that is in use.
+    // In the place of what is there, of which observers are told once unless the collection takes no other member under
+    // a key that is in use.
     void replacementIs(Entity& member) const {
         Ptr<Entity> const before = there();
         try {
@@ -637,7 +637,8 @@ void AttrLogReplica::loosenedIs(Link const& before) {
     if (loosened_.empty() || loosened_.back() != before.parent) loosened_.push_back(before.parent);
 }
 
-// Ways up are walked as far as members may wait; what is missed, since what is above has moved, is found at the sync mark.
+// Ways up are walked as far as members may wait; what is missed, since what is above has moved, is found at the sync
+// mark.
 void AttrLogReplica::putLoosened() {
     while (!loosened_.empty()) {
         Ptr<Entity> above = loosened_.back();

@@ -150,8 +150,8 @@ private:
     std::size_t size_ = 0;  // of these, and of those that are left
     // Of what was there before, and of collections that come again.
     std::map<std::pair<EntityId, AttributeId>, Unmentioned> unmentioned_;
-    // Members that can't go yet where the source has them, for here their new owner is still within them. Each waits for
-    // one place, and in a place there is one.
+    // Members that can't go yet where the source has them, for here their new owner is still within them. Each waits
+    // for one place, and in a place there is one.
     using Blocked = std::map<std::tuple<EntityId, AttributeId, std::string>, EntityId, std::less<>>;
     Blocked blocked_;
     std::map<EntityId, Blocked::iterator> blockedMembers_;

@@ -28,8 +28,8 @@ public:
         std::size_t logSize = 1u << 20;  // bytes that a reader may fall behind
         bool mayWrite = false;           // readers that want to may change values
         StreamLimits limits{};
-        // Bytes of one piece of the log; 0: as fits its size. Readers that are behind are looked for when a piece is full,
-        // so that tests can have them fall behind by one message.
+        // Bytes of one piece of the log; 0: as fits its size. Readers that are behind are looked for when a piece is
+        // full, so that tests can have them fall behind by one message.
         std::size_t chunkSize = 0;
     };
 
@@ -121,9 +121,9 @@ private:
 // Serves what is below an entity: each reader gets what is at the path that it asks for, when it says hello. What is at
 // several of these paths is observed once, and its changes of values are encoded once.
 //
-// Nothing tells when the entity at a path is replaced or taken out; its readers would go on with it for ever. So whoever
-// runs the transport calls checkPaths() now and then, once a second for instance: readers of what is not at its path any
-// more are refused, and find what is there now when they connect again.
+// Nothing tells when the entity at a path is replaced or taken out; its readers would go on with it for ever. So
+// whoever runs the transport calls checkPaths() now and then, once a second for instance: readers of what is not at its
+// path any more are refused, and find what is there now when they connect again.
 class VEL_API AttrLogServer {
 public:
     explicit AttrLogServer(Ptr<Entity> root, AttrLogSource::Options const& options = AttrLogSource::Options());

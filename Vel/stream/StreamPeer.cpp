@@ -102,7 +102,8 @@ std::size_t StreamPeer::inputFrames(std::span<U8 const> bytes) {
             throw StreamException(format("a message of %lu bytes, where at most %zu are taken", length, most), used);
         }
         if (bytes.size() - used - size < length) {
-            // Refuse an unknown kind as soon as its byte is here: do not wait for `length` bytes of some other protocol.
+            // Refuse an unknown kind as soon as its byte is here: do not wait for `length` bytes of some other
+            // protocol.
             if (bytes.size() - used == size) break;
             U8 const kind = bytes[used + size];
             if (kind == 0 || kind > static_cast<U8>(NboAttrLog::lastMessageKind))

@@ -11,8 +11,8 @@ namespace Vel {
 
 // Bounds on what a peer may ask for.
 //
-// The first message of either side is a hello or a welcome, and has a bound of its own, since nothing is known of who sends
-// it. 1024 modules take 12 bytes each and their names, so that names of 50 bytes fit, and a path.
+// The first message of either side is a hello or a welcome, and has a bound of its own, since nothing is known of who
+// sends it. 1024 modules take 12 bytes each and their names, so that names of 50 bytes fit, and a path.
 struct StreamLimits {
     std::size_t frame = 16u << 20;     // bytes of one message behind its length; bounds every string in it too
     std::size_t entities = 16u << 20;  // known at one time
@@ -41,10 +41,10 @@ public:
     StreamPeer& operator=(StreamPeer const&) = delete;
     virtual ~StreamPeer();
 
-    // What is to be sent next, at most `limit` bytes; empty when there is nothing. It may also be empty when there was much
-    // to look at and nothing to say yet: wantsOutput() is true then, and wake is called for another turn. It stays in place
-    // until output() is called again or the peer destroyed, whatever else happens, so it can be sent while input comes and
-    // entities change. REQUIRES: limit != 0.
+    // What is to be sent next, at most `limit` bytes; empty when there is nothing. It may also be empty when there was
+    // much to look at and nothing to say yet: wantsOutput() is true then, and wake is called for another turn. It stays
+    // in place until output() is called again or the peer destroyed, whatever else happens, so it can be sent while
+    // input comes and entities change. REQUIRES: limit != 0.
     virtual std::span<U8 const> output(std::size_t limit);
     virtual void outputTaken(std::size_t count);  // bytes from the front of output(). REQUIRES: count <= its size
     virtual bool wantsOutput() const { return out_.size() != 0 || control_.size() != 0; }
@@ -66,8 +66,8 @@ public:
     U32 pongs() const { return pongs_; }                       // answers that came
     U64 messagesIn() const { return messagesIn_; }             // applied
     std::size_t inputHeld() const { return pending_.size(); }  // bytes of a message that has not come wholly
-    // Bytes of memory that the connection takes: of a message that has not come wholly, and of what waits to be sent, with
-    // the room that both keep.
+    // Bytes of memory that the connection takes: of a message that has not come wholly, and of what waits to be sent,
+    // with the room that both keep.
     virtual std::size_t held() const { return pending_.capacity() + control_.capacity() + out_.capacity(); }
     StreamLimits const& limits() const { return limits_; }
 

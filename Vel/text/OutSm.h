@@ -9,8 +9,8 @@
 namespace Vel::NboAttrLog {
 
 // A number in 1, 2, 4 or 8 bytes, which it says in the first two bits; the rest is in network byte order. Small numbers
-// are the common ones, and what a change costs each reader goes with its bytes. The variable-length integers of RFC 9000,
-// section 16.
+// are the common ones, and what a change costs each reader goes with its bytes. The variable-length integers of RFC
+// 9000, section 16.
 struct Compact {
     U32 number;
     friend Out& operator<<(Out& out, Compact value) { return value.append(out); }
@@ -128,7 +128,8 @@ public:
     }
     void add(std::span<U8 const> bytes);  // whole messages, or the rest of one
     // Drops what was taken, when that is at least as much as is left: so no byte is moved for more than one that was
-    // taken, and never more than twice what is left is held. Memory beyond `kept` bytes goes when half of those would do.
+    // taken, and never more than twice what is left is held. Memory beyond `kept` bytes goes when half of those would
+    // do.
     // REQUIRES: bytes that bytes() gave are not needed any more.
     void compact(std::size_t kept);
     void clear() {

@@ -7,8 +7,8 @@
 namespace Vel {
 
 // How many bytes the character takes that `text` begins with, if it shows as itself wherever it is printed. 0: it does
-// not, and is no more than one byte then. What does not show are control characters of both sets, what is no UTF-8, what
-// separates lines, and what changes the direction of a text. REQUIRES: text is not empty.
+// not, and is no more than one byte then. What does not show are control characters of both sets, what is no UTF-8,
+// what separates lines, and what changes the direction of a text. REQUIRES: text is not empty.
 VEL_API std::size_t shownSize(std::string_view text);
 
 // What a peer has said, fit for a log, a terminal and an entity that is served on: at most `most` bytes, of UTF-8 that

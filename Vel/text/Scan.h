@@ -10,8 +10,9 @@
 #include <string_view>
 
 // Writing and reading single scalars at a char pointer: what Strep.h and the derived record printers and parsers share,
-// for types with a text form of their own. A writer returns the end of what it wrote, into room that the caller has made.
-// A reader returns the end of what it read, or null, with nothing stored, when the text there is not in canonical form.
+// for types with a text form of their own. A writer returns the end of what it wrote, into room that the caller has
+// made. A reader returns the end of what it read, or null, with nothing stored, when the text there is not in canonical
+// form.
 namespace Vel::Scan {
 
 inline constexpr std::size_t maxUnsigned = 20;  // bytes of the longest U64
@@ -86,7 +87,8 @@ inline U64 loadEight(char const* from) {
     return bytes;
 }
 
-// The number that eight digits say, each a byte less its '0': neighbours are joined to pairs, those to fours, and so on.
+// The number that eight digits say, each a byte less its '0': neighbours are joined to pairs, those to fours, and so
+// on.
 constexpr U64 eightDigits(U64 digits) {
     constexpr U64 mask = 0x000000FF000000FFul;
     digits = digits * 10 + (digits >> 8);

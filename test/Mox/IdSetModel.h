@@ -69,8 +69,8 @@ struct IdSetModel {
         buckets[static_cast<Key>(maxBuckets() - 1)] = ones >> ((63 - r) % 64);
     }
     // Adds the ids of [begin, end): in the first id's word those from begin on, in the last id's word those up to the
-    // last, and the whole words between. Numbers of buckets are counted modulo 256. So the words between are those whose
-    // number is at least that behind the first and below the last: none where counting up meets 255 on the way.
+    // last, and the whole words between. Numbers of buckets are counted modulo 256. So the words between are those
+    // whose number is at least that behind the first and below the last: none where counting up meets 255 on the way.
     void setRange(unsigned begin, unsigned end) {
         unsigned const stop = end - 1;
         unsigned const first = begin / 64 % 256;

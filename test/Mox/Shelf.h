@@ -7,8 +7,8 @@
 #include <set>
 #include <vector>
 
-// An entity with two collections of entities that others own: under keys of their own choice, and under numbers. Putting
-// a member where another is replaces it, and tells observers once.
+// An entity with two collections of entities that others own: under keys of their own choice, and under numbers.
+// Putting a member where another is replaces it, and tells observers once.
 class Shelf : public Vel::EntityOf<Shelf> {
     using Member = Vel::Ptr<Vel::Entity>;
 

@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <cstring>
 
-// Where a virtual operation stands in the table of its class, as the C++ ABI puts it into a pointer to member: in bytes,
-// marked by a 1 that is added. On arm64 the mark is in the second word.
+// Where a virtual operation stands in the table of its class, as the C++ ABI puts it into a pointer to member: in
+// bytes, marked by a 1 that is added. On arm64 the mark is in the second word.
 template <class F> std::ptrdiff_t slotOf(F operation) {
     std::ptrdiff_t words[2];
     static_assert(sizeof operation == sizeof words);

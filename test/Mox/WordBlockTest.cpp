@@ -16,8 +16,8 @@
 #include <utility>
 #include <vector>
 
-// Sets of many words on several threads: each thread keeps blocks of words for its next sets, also those of sets that it
-// got from another.
+// Sets of many words on several threads: each thread keeps blocks of words for its next sets, also those of sets that
+// it got from another.
 namespace {
 
 using Mox::IdSet;

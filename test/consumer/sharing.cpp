@@ -1,5 +1,5 @@
-// A user's program that serves and mounts: the installed package must bring along what that needs, and the types must be
-// there although nothing here names them.
+// A user's program that serves and mounts: the installed package must bring along what that needs, and the types must
+// be there although nothing here names them.
 #include "Mount/Client.h"
 #include "Mount/Server.h"
 #include "Mox/Generation.h"

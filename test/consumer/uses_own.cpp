@@ -1,5 +1,5 @@
-// A user's program that links a library with a module of its own, and calls nothing in it: the module's types must be in
-// the registry all the same, once.
+// A user's program that links a library with a module of its own, and calls nothing in it: the module's types must be
+// in the registry all the same, once.
 #include "Vel/describe/Module.h"
 
 #include <iostream>

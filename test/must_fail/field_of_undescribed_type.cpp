@@ -1,4 +1,5 @@
-// expect only: &My::Point::y(;|,).* My::Pair(\]|>).*the type of an attribute is a scalar, or describes itself: give the class a description
+// expect only: &My::Point::y(;|,).* My::Pair(\]|>).*the type of an attribute is a scalar, or describes itself: give the
+// class a description
 namespace My {
 struct Pair {
     unsigned a = 0;

@@ -19,7 +19,8 @@ using namespace ToolTest;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-// ESC, CR, LF, NUL, BEL, DEL, a C1 control in UTF-8 and as a byte, an override of direction, an isolate, a line separator.
+// ESC, CR, LF, NUL, BEL, DEL, a C1 control in UTF-8 and as a byte, an override of direction, an isolate, a line
+// separator.
 constexpr char hostileBytes[] =
     "\x1b[31m\r\n+ /forged Vel::Dir\n\0\x07\x7f\xc2\x9b\x9b\xe2\x80\xae\xe2\x81\xa6\xe2\x80\xa8";
 std::string const hostile(hostileBytes, sizeof hostileBytes - 1);

@@ -12,13 +12,13 @@ namespace Vel {
 //
 // Invariants:
 // 1. There is a block if and only if there is an element.
-// 2. A block holds buckets (a header and an element each) densely, in order of insertion; of more than 8 buckets it also
-//    holds hash slots, each naming a bucket, probed linearly, at most three quarters of them used.
+// 2. A block holds buckets (a header and an element each) densely, in order of insertion; of more than 8 buckets it
+//    also holds hash slots, each naming a bucket, probed linearly, at most three quarters of them used.
 // 3. Headers carry the value that the change counter had after the bucket's insertion: they ascend strictly.
 // 4. Up to 8 buckets have no gaps. More may have gaps (erased buckets), which the next rebuild drops.
 //
-// Keys whose hashes are equal take linear time to look up. Who chooses them cannot foretell which are if hash() is keyed
-// with the process's secret, as KeyHash does.
+// Keys whose hashes are equal take linear time to look up. Who chooses them cannot foretell which are if hash() is
+// keyed with the process's secret, as KeyHash does.
 // Threads: none; as with the standard containers, changes must be alone.
 class VEL_API HashMap2018Generic {
 public:

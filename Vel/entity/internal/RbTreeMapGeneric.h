@@ -68,7 +68,8 @@ public:
     Node* last() const noexcept { return empty() ? nullptr : outermost(true); }
     static Node* next(Node* node) noexcept;  // null after the last
 
-    // Throws std::bad_alloc; then nothing has changed. REQUIRES: `place` is new and found nothing; `node` is in no tree.
+    // Throws std::bad_alloc; then nothing has changed. REQUIRES: `place` is new and found nothing; `node` is in no
+    // tree.
     void insert(Place const& place, Node* node);
     void remove(Node* node) noexcept;  // hands the node back to the owner. REQUIRES: it is in this tree
     void clear(Type const& type) noexcept;

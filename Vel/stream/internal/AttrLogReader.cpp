@@ -283,8 +283,8 @@ template <class F> void AttrLogReader::eachUnread(F f) const {
         position_, [](std::span<U8 const>) {}, f);
 }
 
-// The reader does not know what was announced, and does know what has gone. An entity may have gone and come back, or come
-// and gone and come back: what happened to it first says whether the reader knows it from before.
+// The reader does not know what was announced, and does know what has gone. An entity may have gone and come back, or
+// come and gone and come back: what happened to it first says whether the reader knows it from before.
 void AttrLogReader::knowNothingUnread() {
     std::unordered_set<EntityId> seen;
     eachUnread([&](std::span<U8 const> message) {

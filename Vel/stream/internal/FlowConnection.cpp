@@ -44,8 +44,8 @@ FlowOut& FlowConnection::flowIs(Adapter const& adapter, AttributeId from) {
     return *flow;
 }
 
-// Those that have gone, or stand there twice since they came back, are looked for when they may be half of all: where the
-// one in front is never done, since it changes faster than it is sent, they would grow more and more.
+// Those that have gone, or stand there twice since they came back, are looked for when they may be half of all: where
+// the one in front is never done, since it changes faster than it is sent, they would grow more and more.
 void FlowConnection::wait(Adapter const& adapter) {
     if (waiting_.size() > 64 && waiting_.size() > 2 * view_->entities()) {
         SlotSet seen;

@@ -6,8 +6,8 @@
 #include <memory>
 #include <span>
 
-// What a copy takes, estimated, rather more than less: the memory of an entity and of what is known of it, of a key and of
-// noting it down once more, and the bytes of names, keys and values of no fixed size as they are encoded.
+// What a copy takes, estimated, rather more than less: the memory of an entity and of what is known of it, of a key and
+// of noting it down once more, and the bytes of names, keys and values of no fixed size as they are encoded.
 namespace Vel::ReplicaSize {
 
 inline constexpr std::size_t entityCost = 192;  // bytes, and the object itself

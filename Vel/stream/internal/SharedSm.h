@@ -6,8 +6,8 @@
 
 namespace Vel::NboAttrLog {
 
-// Messages that several outputs get. Each is encoded once, and waits, so that what comes in a row is copied to all of them
-// at one go.
+// Messages that several outputs get. Each is encoded once, and waits, so that what comes in a row is copied to all of
+// them at one go.
 class VEL_API SharedSm final : public OutSm {
 public:
     ~SharedSm() override;

@@ -18,7 +18,8 @@ public:
     void del(U32 slot) {
         if (slot / 64 < words_.size()) words_[slot / 64] &= ~(U64(1) << slot % 64);
     }
-    // Calls f(slot) for those that this set has and `other` has not, in their order, until one call gives true, or none.
+    // Calls f(slot) for those that this set has and `other` has not, in their order, until one call gives true, or
+    // none.
     template <class F> void eachNotIn(SlotSet const& other, F f) const {
         for (std::size_t i = 0; i < words_.size(); ++i) {
             U64 left = words_[i] & ~(i < other.words_.size() ? other.words_[i] : 0);

@@ -26,8 +26,8 @@ FlowOut& StreamAdapter::flowOut(FlowConnection& connection) {
     return connection.flowIs(static_cast<Entity::VelNboAttrLogSa&>(*this), FlowOut::fromEnd);
 }
 
-// Of the entity, and not of one adapter: what a source writes may be a replica, and have several sources. Whoever writes
-// stands in a list, which is empty but while a message is written.
+// Of the entity, and not of one adapter: what a source writes may be a replica, and have several sources. Whoever
+// writes stands in a list, which is empty but while a message is written.
 class StreamAdapter::Active {
 public:
     explicit Active(Entity const& entity) : entity_(entity), before_(innermost_) { innermost_ = this; }
@@ -169,8 +169,8 @@ OutSm* Sa::singletonSerializeCheck(AttributeId id, bool flowingOut, bool, std::s
     return sm;
 }
 
-// Calls f(connection) for the logs of all views that have the entity. Backwards, since entities' code, which f runs, may
-// have one of them fall behind.
+// Calls f(connection) for the logs of all views that have the entity. Backwards, since entities' code, which f runs,
+// may have one of them fall behind.
 template <class F> void Sa::eachLive(F f) const {
     auto const& live = streamDemuxer().live();
     for (std::size_t i = live.size(); i-- > 0;)
@@ -281,7 +281,8 @@ bool Sa::flowOutAllKeys(FlowConnection& connection, FlowOut& flow, StreamAttribu
         flow.bookmark()->next(key);
         std::string_view const view(reinterpret_cast<char const*>(key.data()), key.size());
         connection.sendKey(*this, attribute, view, !again);
-        // A value is told with its key, and not again for a change before that; of a member more than that may be flagged.
+        // A value is told with its key, and not again for a change before that; of a member more than that may be
+        // flagged.
         if (attribute.kind == StreamKind::values) flow.velDirtyKeyDel(attribute.id, view);
     }
     if (again) connection.sendKeysEnd(*this, attribute);

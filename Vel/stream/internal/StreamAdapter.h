@@ -39,8 +39,8 @@ public:
     // Applies an attribute that came in. REQUIRES: as needInactive().
     void onAttributeForConnection(AttributeId id, NboAttrLog::In& in);
 
-    // Called before whatever came in is applied to the entity, by a source and by a replica. REQUIRES: the entity is not
-    // being written out at the same time ("!_isActive"), by whatever source.
+    // Called before whatever came in is applied to the entity, by a source and by a replica. REQUIRES: the entity is
+    // not being written out at the same time ("!_isActive"), by whatever source.
     static void needInactive(Entity const& entity);
 
 protected:
@@ -56,8 +56,8 @@ private:
     U64 audience_ = 0;
 };
 
-// Writes the attributes of one entity: one that has changed to the logs of all views that have the entity, or those that
-// are flagged to the reader that is being flowed out to.
+// Writes the attributes of one entity: one that has changed to the logs of all views that have the entity, or those
+// that are flagged to the reader that is being flowed out to.
 class VEL_API Entity::VelNboAttrLogSa : public StreamAdapter, public NboAttrLog::SerializeSink {
 public:
     VelNboAttrLogSa(StreamDemuxer& demuxer, Entity& entity, EntityId id, U32 slot);
@@ -81,8 +81,8 @@ public:
     bool isOkToSerialize() const;              // the connection that is flowed out to takes another message
     NboAttrLog::OutSm& nboAttrLogOut() const;  // its output
 
-    // Flags a change for a connection that catches up. Whether it was clean before. `member`: what is at the key now, or
-    // null when that can't be looked up.
+    // Flags a change for a connection that catches up. Whether it was clean before. `member`: what is at the key now,
+    // or null when that can't be looked up.
     bool flowOutOnAttributeForConnection(NboAttrLog::FlowConnection& connection, StreamAttribute const& attribute);
     bool flowOutOnAttributeForConnection(NboAttrLog::FlowConnection& connection, StreamAttribute const& attribute,
         std::string_view key, bool isThere, VelNboAttrLogSa const* member);

@@ -13,8 +13,8 @@ namespace Vel {
 
 // The entities of all views that share it, by number, and the connections that they are streamed to.
 //
-// An entity has an adapter while it is in a view. Its id is its own until all ids, 2^32 - 1 of them, have been given; all
-// views start over then.
+// An entity has an adapter while it is in a view. Its id is its own until all ids, 2^32 - 1 of them, have been given;
+// all views start over then.
 class VEL_API StreamDemuxer {
 public:
     using Adapter = Entity::VelNboAttrLogSa;

@@ -10,9 +10,9 @@ namespace Vel {
 
 // What an entity, the root, leads to: which of the entities of a demuxer its readers are told of.
 //
-// An entity that can be reached from the root, through pointers and collections, comes into the view when a connection is
-// first told of what refers to it, or a change makes something refer to it: so the work is spread over what is sent. It
-// stays while it can be reached. One that views share has one adapter, and one id.
+// An entity that can be reached from the root, through pointers and collections, comes into the view when a connection
+// is first told of what refers to it, or a change makes something refer to it: so the work is spread over what is sent.
+// It stays while it can be reached. One that views share has one adapter, and one id.
 class VEL_API StreamView {
 public:
     using Adapter = Entity::VelNboAttrLogSa;

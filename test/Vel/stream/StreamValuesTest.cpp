@@ -162,7 +162,8 @@ TEST_F(StreamValuesTest, KeysThatComeAndGoWhileTheCollectionIsSentArriveAsTheyAr
     pair.expectEqual();
 }
 
-// Keys in order are not listed at one go: what is sent next is looked for then, and a change that is sent is not flagged.
+// Keys in order are not listed at one go: what is sent next is looked for then, and a change that is sent is not
+// flagged.
 TEST_F(StreamValuesTest, ChangesBehindAndInFrontOfWhatIsSentAreToldOnce) {
     pair.disconnect();
     for (unsigned i = 0; i < 250; i += 2) table->markIs(static_cast<U8>(i), i);
