@@ -287,7 +287,7 @@ TEST(TrieMembersSizeTest, WhatMembersHoldForTheWholeProgramIsNoLeak) {
 }
 
 // Others come until the table has grown five times, and go until it has shrunk.
-TEST(NamedMembersPartsTest, WhatIsThereAllTheTimeIsInSomePart) {
+TEST(TrieMembersPartsTest, WhatIsThereAllTheTimeIsInSomePart) {
     for (std::size_t const first : {0u, 40u, 3000u}) {
         std::vector<std::unique_ptr<Node>> nodes;
         for (int i = 0; i < 3000; ++i) nodes.push_back(std::make_unique<Node>(std::to_string(i)));
@@ -308,7 +308,7 @@ TEST(NamedMembersPartsTest, WhatIsThereAllTheTimeIsInSomePart) {
     }
 }
 
-TEST(NamedMembersPartsTest, OfWhatDoesNotChangeEachIsInOnePart) {
+TEST(TrieMembersPartsTest, OfWhatDoesNotChangeEachIsInOnePart) {
     for (std::size_t const size : {0u, 1u, 2u, 7u, 8u, 500u}) {
         std::vector<std::unique_ptr<Node>> nodes;
         Members members;
