@@ -1,5 +1,4 @@
-// expect only: My::Point(;|,).*(.how far.|'h', 'o', 'w', ' ', 'f', 'a', 'r').*the name of an attribute or a parameter
-// is an identifier
+// expect only: My::Point(;|,).*(.how far.|'h', 'o', 'w', ' ', 'f', 'a', 'r').*the name of an attribute or a parameter is an identifier
 #define NAME_OF_Y "how far"
 #include "Given.h"
 

@@ -1,5 +1,4 @@
-// expect only: &My::Point::y(;|,).* My::Colour(\]|>).*an enumeration has no description: use a class that derives from
-// Vel::EnumerationOf
+// expect only: &My::Point::y(;|,).* My::Colour(\]|>).*an enumeration has no description: use a class that derives from Vel::EnumerationOf
 namespace My {
 enum class Colour : unsigned char { red, green };
 }

@@ -1,5 +1,4 @@
-// expect only: &My::Point::y(;|,).* int(\]|>).*the integers of attributes are Vel::U8, Vel::U16, Vel::U32 and Vel::U64;
-// for one with a sign use double, or a number type of your own
+// expect only: &My::Point::y(;|,).* int(\]|>).*the integers of attributes are Vel::U8, Vel::U16, Vel::U32 and Vel::U64; for one with a sign use double, or a number type of your own
 #define MEMBER_Y int y = 0
 #include "Given.h"
 

@@ -1,5 +1,4 @@
-// expect only: &My::Point::y(;|,).*std::vector<unsigned int.*an attribute is one value: describe several as a
-// Vel::collection
+// expect only: &My::Point::y(;|,).*std::vector<unsigned int.*an attribute is one value: describe several as a Vel::collection
 #include <vector>
 
 #define MEMBER_Y std::vector<Vel::U32> y

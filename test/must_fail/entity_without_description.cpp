@@ -1,5 +1,4 @@
-// expect only: My::Place.*a class that derives from EntityOf needs a description\(\) of its own: this one has that of
-// its base
+// expect only: My::Place.*a class that derives from EntityOf needs a description\(\) of its own: this one has that of its base
 #define PLACE_WITHOUT_DESCRIPTION
 #include "Given.h"
 

@@ -1,5 +1,4 @@
-// expect only: &My::Point::y(;|,).* My::Pair(\]|>).*the type of an attribute is a scalar, or describes itself: give the
-// class a description
+// expect only: &My::Point::y(;|,).* My::Pair(\]|>).*the type of an attribute is a scalar, or describes itself: give the class a description
 namespace My {
 struct Pair {
     unsigned a = 0;

@@ -1,5 +1,4 @@
-// expect only: My::Point(;|,).*(.move.|'m', 'o', 'v', 'e').*(.d-y.|'d', '-', 'y').*the name of an attribute or a
-// parameter is an identifier
+// expect only: My::Point(;|,).*(.move.|'m', 'o', 'v', 'e').*(.d-y.|'d', '-', 'y').*the name of an attribute or a parameter is an identifier
 #define PARAMETERS_OF_MOVE "dx", "d-y"
 #include "Given.h"
 
