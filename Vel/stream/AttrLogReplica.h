@@ -11,6 +11,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <unordered_map>
 #include <vector>
@@ -152,7 +153,15 @@ private:
     std::map<std::pair<EntityId, AttributeId>, Unmentioned> unmentioned_;
     // Members that can't go yet where the source has them, for here their new owner is still within them. Each waits
     // for one place, and in a place there is one.
-    using Blocked = std::map<std::tuple<EntityId, AttributeId, std::string>, EntityId, std::less<>>;
+    struct InOrder {  // of places: owner, attribute, key as a string or a view of one
+        using is_transparent = void;
+        template <class A, class B> bool operator()(A const& a, B const& b) const {
+            if (std::get<0>(a) != std::get<0>(b)) return std::get<0>(a) < std::get<0>(b);
+            if (std::get<1>(a) != std::get<1>(b)) return std::get<1>(a) < std::get<1>(b);
+            return std::string_view(std::get<2>(a)) < std::string_view(std::get<2>(b));
+        }
+    };
+    using Blocked = std::map<std::tuple<EntityId, AttributeId, std::string>, EntityId, InOrder>;
     Blocked blocked_;
     std::map<EntityId, Blocked::iterator> blockedMembers_;
     std::vector<Ptr<Entity>> loosened_;  // those that something has left, for which a member above may be waiting
