@@ -5,6 +5,7 @@
 #include "Mount/internal/Listener.h"
 
 #include "Vel/base/Exception.h"
+#include "Vel/stream/AttrLogServer.h"
 #include "Vel/text/Strep.h"
 
 #include <asio/io_context.hpp>

@@ -9,7 +9,7 @@
 
 #include "Vel/describe/Module.h"
 #include "Vel/stream/AttrLogReplica.h"
-#include "Vel/stream/AttrLogSource.h"
+#include "Vel/stream/AttrLogServer.h"
 
 #include <malloc.h>
 

@@ -1,6 +1,8 @@
 #include "StreamTools.h"
 #include "test/Vel/describe/Fixtures.h"
 
+#include "Vel/stream/AttrLogServer.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>

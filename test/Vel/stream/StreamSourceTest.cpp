@@ -2,6 +2,7 @@
 #include "ValueTable.h"
 #include "Vel/base/Exception.h"
 #include "Vel/describe/Module.h"
+#include "Vel/stream/AttrLogServer.h"
 #include "Vel/stream/internal/StreamProtocol.h"
 #include "test/Vel/describe/Fixtures.h"
 
@@ -148,10 +149,10 @@ TEST_F(StreamSourceTest, IsSweptWhenHalfAsManyReferencesWereDroppedAsThereAreEnt
         root->entryIs(kept.back());
     }
     pair.run();
-    for (int i = 0; i < 140; ++i) root->entryDel(kept[i]->name());
+    for (std::size_t i = 0; i < 140; ++i) root->entryDel(kept[i]->name());
     pair.run();
     EXPECT_EQ(pair.source.entities(), 302u);
-    for (int i = 140; i < 160; ++i) root->entryDel(kept[i]->name());
+    for (std::size_t i = 140; i < 160; ++i) root->entryDel(kept[i]->name());
     pair.run();
     EXPECT_EQ(pair.source.entities(), 142u);
 }

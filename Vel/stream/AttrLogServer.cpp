@@ -1,0 +1,67 @@
+#include "Vel/stream/AttrLogServer.h"
+
+#include "Vel/stream/internal/AttrLogReader.h"
+
+#include <algorithm>
+
+namespace Vel {
+
+AttrLogServer::AttrLogServer(Ptr<Entity> root, AttrLogSource::Options const& options)
+    : root_(std::move(root)), options_(options) {}
+AttrLogServer::~AttrLogServer() = default;
+
+namespace {
+
+// The names on the way, with one separator between each two: all spellings of a path are one.
+std::string plainPath(std::string_view path) {
+    std::string plain;
+    while (!path.empty()) {
+        std::string_view const name = path.substr(0, path.find('/'));
+        path.remove_prefix(std::min(path.size(), name.size() + 1));
+        if (name.empty()) continue;
+        if (!plain.empty()) plain += '/';
+        plain += name;
+    }
+    return plain;
+}
+
+}  // namespace
+
+Ptr<Entity> AttrLogServer::entityAt(std::string const& path) const { return root_->entity(String(path)); }
+
+// Keeps the source for `wanted` even if nobody reads it.
+void AttrLogServer::checkPathsBut(std::optional<std::string_view> wanted) {
+    std::vector<std::unique_ptr<AttrLogSource>> gone;  // destroyed when the map is in order again
+    for (auto at = sources_.begin(); at != sources_.end();) {
+        auto& [path, source] = *at;
+        bool const isWanted = source->readers() != 0 || path == wanted;
+        if (source->isBeingWritten() || (isWanted && entityAt(path).get() == &source->root())) {
+            ++at;
+        } else {
+            gone.push_back(std::move(source));
+            at = sources_.erase(at);
+        }
+    }
+}
+
+AttrLogSource* AttrLogServer::source(String const& path) {
+    std::string const plain = plainPath(path.view());
+    checkPathsBut(plain);
+    if (auto const found = sources_.find(plain); found != sources_.end()) return found->second.get();
+    Ptr<Entity> const entity = entityAt(plain);
+    if (!entity) return nullptr;
+    return sources_.emplace(plain, std::make_unique<AttrLogSource>(demuxer_, entity, options_)).first->second.get();
+}
+
+std::size_t AttrLogServer::backlog() const {
+    std::size_t most = 0;
+    for (auto const& [path, source] : sources_) most = std::max(most, source->backlog());
+    return most;
+}
+
+std::unique_ptr<StreamPeer> AttrLogServer::newReader(bool mayWrite, std::function<String()> admission) {
+    return std::make_unique<AttrLogReader>(
+        [this](String const& path) { return source(path); }, options_.limits, mayWrite, std::move(admission));
+}
+
+}  // namespace Vel
