@@ -202,12 +202,12 @@ TEST(NestedDirsTest, NestingThatIsTurnedRoundKeepsWhatIsInIt) {
 
 // All of the inner ones are sent before anything else, so that as many members wait.
 TEST(NestedTriesManyTest, AnyNumberOfNestingsMayBeTurnedRoundAtOnce) {
-    constexpr int many = 1500;
+    constexpr std::size_t many = 1500;
     auto const t = Trie::newEntity("t");
     std::vector<Ptr<Trie>> outer, inner;
-    for (int i = 0; i < many; ++i) {
-        outer.push_back(Trie::newEntity(Vel::format("o%d", i)));
-        inner.push_back(Trie::newEntity(Vel::format("i%d", i)));
+    for (std::size_t i = 0; i < many; ++i) {
+        outer.push_back(Trie::newEntity(Vel::format("o%zu", i)));
+        inner.push_back(Trie::newEntity(Vel::format("i%zu", i)));
         t->adopt(outer.back());
         outer.back()->adopt(inner.back());
     }
@@ -215,7 +215,7 @@ TEST(NestedTriesManyTest, AnyNumberOfNestingsMayBeTurnedRoundAtOnce) {
     pair.connect();
     pair.run();
     for (auto const& trie : inner) trie->presentIs(true);
-    for (int i = 0; i < many; ++i) {
+    for (std::size_t i = 0; i < many; ++i) {
         outer[i]->prefixChildDel(inner[i]->name());
         t->prefixChildDel(outer[i]->name());
         inner[i]->adopt(outer[i]);
