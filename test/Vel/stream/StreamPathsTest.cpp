@@ -106,6 +106,9 @@ TEST_F(StreamPathsTest, ChangeReachesThePathsThatHaveTheEntity) {
     Strings const ofX{"value " + idOf(*x) + ".258 00000007", "value " + idOf(*x) + ".260 " + idOf(*x)};
     EXPECT_EQ(ofA->take().front(), ofX.front());
     expectAllEqual();
+    x->peerIs(nullptr);  // who refers to itself is never freed, nor are its copies
+    all->take();
+    ofA->take();
 }
 
 TEST_F(StreamPathsTest, ChangesComeInTheirOrderWhateverIsSharedOfThem) {
