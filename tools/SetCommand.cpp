@@ -24,7 +24,6 @@ Examples:
 Values that begin with a dash go behind --.
 Exit code 1 when the server does not take the value, 2 when the text is no such value.)~";
 
-using Vel::Entity;
 using Vel::StreamAttribute;
 
 class SetCommand final : public LiveCommand {

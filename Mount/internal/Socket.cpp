@@ -157,6 +157,7 @@ String userName(uid_t user) {
 
 std::vector<uid_t> usersOf(std::vector<String> const& names) {
     std::vector<uid_t> users;
+    users.reserve(names.size());
     for (String const& name : names) users.push_back(userOf(name));
     return users;
 }

@@ -127,8 +127,10 @@ public:
             return 0;
         }
         U64 const home = part & t->mask();
-        for (U64 i = home; U64 const slot = t->slots()[i]; i = (i + 1) & t->mask())
+        for (U64 i = home; t->slots()[i] != 0; i = (i + 1) & t->mask()) {
+            U64 const slot = t->slots()[i];
             if ((slot & bit(which)) && (hashBesideOthers(nodeOf(slot)->velKey()) & t->mask()) == home) f(nodeOf(slot));
+        }
         for (U64 at = capacityOf(t->sizeClass) / 2; at != 0; at /= 2) {
             part ^= at;
             if (part & at) return part & t->mask();
