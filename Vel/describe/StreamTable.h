@@ -4,6 +4,7 @@
 #include "Vel/describe/Value.h"
 #include "Vel/text/OutSm.h"
 
+#include <concepts>
 #include <deque>
 #include <span>
 
@@ -77,6 +78,31 @@ private:
         }
     }
     Range const& range_;
+};
+
+// A map in no order with iterators that stay good while it changes, as those of Vel::HashMap.
+template <class Range>
+concept SteadyRange = requires(Range const& range) {
+    { range.begin().exists() } -> std::same_as<bool>;
+    range.begin().key();
+    range.begin().atEnd();
+};
+
+// Lists the keys that there were at the beginning and still are. REQUIRES: the range outlives it.
+template <class Key, class Range> class SteadyBookmark final : public velFlowOutBookmarkDeq<Key> {
+public:
+    explicit SteadyBookmark(Range const& range) : at_(range.begin()) { note(); }
+    void next(Out& key) override {
+        velFlowOutBookmarkDeq<Key>::next(key);
+        if (this->keys().empty()) note();
+    }
+
+private:
+    void note() {
+        for (; this->left() < fewKeys && !at_.atEnd(); ++at_)
+            if (at_.exists()) this->add(at_.key());
+    }
+    decltype(std::declval<Range const&>().begin()) at_;
 };
 
 // A range in no order that can be visited in parts: visitPart(part, f) calls f(member) for each of the part, and gives

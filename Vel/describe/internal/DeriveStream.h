@@ -67,6 +67,8 @@ template <class T, class A> struct StreamedKeys {
             using Range = std::remove_cvref_t<decltype(object.*A::visit)>;
             if constexpr (NboAttrLog::OrderedRange<Range, Key>)
                 return new NboAttrLog::OrderedBookmark<Key, Range>(object.*A::visit);
+            else if constexpr (NboAttrLog::SteadyRange<Range>)
+                return new NboAttrLog::SteadyBookmark<Key, Range>(object.*A::visit);
             else
                 return allKeys(entity);
         } else if constexpr (std::is_invocable_v<decltype(A::visit), T const&>) {

@@ -41,7 +41,7 @@ public:
 
     // What one output() does at most while the reader catches up, in messages and in entities that are done with, so
     // that others have their turn after a millisecond or two.
-    static constexpr U64 mostSteps = 4096;
+    static constexpr U64 mostSteps = 1024;
 
 private:
     NboAttrLog::OutSm& nboAttrLogOut() override { return out_; }

@@ -7,6 +7,8 @@
 #include <random>
 #include <vector>
 
+#include <malloc.h>
+
 namespace {
 
 using Vel::U32;
@@ -56,6 +58,22 @@ TEST(GradualMapTest, PointersAreKeysAndValuesStayWhereTheyAre) {
     std::vector<std::unique_ptr<int>*> places;
     for (int const& key : keys) places.push_back(&map.add(&key, std::make_unique<int>(1)));
     for (std::size_t i = 0; i < keys.size(); ++i) EXPECT_EQ(map.find(&keys[i]), places[i]);
+}
+
+// Of half a million buckets only those pages are cleared that are needed at once: 32 KiB at a time.
+TEST(GradualMapTest, NoInsertionTakesMuchMemoryAtOnce) {
+    GradualMap<U32, U32> map;
+    std::size_t most = 0;  // bytes, and 1 MiB, for pages may be given back as well
+    for (U32 i = 0; i < 300'000; ++i) {
+        auto const before = mallinfo2();
+        map.add(i, i);
+        auto const after = mallinfo2();
+        most = std::max(most, after.uordblks + after.hblkhd - before.uordblks - before.hblkhd + (1u << 20));
+    }
+    EXPECT_LE(most, (1u << 20) + 4 * (32u << 10));
+    for (U32 i = 0; i < 300'000; ++i) ASSERT_TRUE(map.find(i) && *map.find(i) == i);
+    for (U32 i = 0; i < 300'000; i += 2) ASSERT_TRUE(map.erase(i));
+    EXPECT_EQ(map.size(), 150'000u);
 }
 
 struct Counted {
