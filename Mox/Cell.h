@@ -35,7 +35,7 @@ public:
 
     constexpr Vel::U16 value() const { return value_; }
     constexpr Vel::U32 hash() const { return value_; }
-    constexpr Vel::U32 hash(unsigned) const { return value_; }  // the value, whatever the seed
+    constexpr Vel::U32 hash(unsigned) const { return value_; }  // ignores the seed
 
     friend constexpr bool operator==(CellId, CellId) = default;
     friend constexpr auto operator<=>(CellId, CellId) = default;

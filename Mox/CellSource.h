@@ -25,7 +25,7 @@ struct Source {
     // A variable or a file that was asked, and what came back.
     struct Asked {
         bool isVariable = false;
-        std::string name;                   // of the variable; the path of the file
+        std::string name;                   // the variable's name, or the file's path
         bool found = false;                 // whether the variable is set, or the file was opened
         std::optional<std::string> text{};  // the variable's value, or the bytes read; empty if the file was not read
         int error = 0;                      // errno of the open or read that failed; 0 if none did

@@ -21,7 +21,7 @@ public:
     constexpr U32 changes() const { return changes_; }  // transitions
     constexpr void changesIs(U32 v) & { changes_ = v; }
     constexpr void changesInc(unsigned n) & { changes_ += n; }    // moves no time stamp
-    constexpr Seconds lastChange() const { return lastChange_; }  // of the last transition; 0.0: never
+    constexpr Seconds lastChange() const { return lastChange_; }  // time of the last transition; 0.0 if there was none
     constexpr void lastChangeIs(Seconds v) & { lastChange_ = v; }
 
     constexpr void updateIs(Event const& e) & { doUpdate(e.value(), e.when()); }
@@ -61,7 +61,7 @@ public:
     constexpr U32 count() const { return count_; }  // occurrences
     constexpr void countIs(U32 v) & { count_ = v; }
     constexpr void countInc(unsigned n) & { count_ += n; }  // moves no time stamp
-    constexpr Seconds last() const { return last_; }        // of the last occurrence; 0.0: never
+    constexpr Seconds last() const { return last_; }        // time of the last occurrence; 0.0 if there was none
     constexpr void lastIs(Seconds v) & { last_ = v; }
 
     constexpr void updateIs(Event const& e) & { doUpdate(e.value(), e.when()); }
@@ -98,7 +98,7 @@ public:
     constexpr U32 count() const { return count_; }  // occurrences
     constexpr void countIs(U32 v) & { count_ = v; }
     constexpr void countInc(unsigned n) & { count_ += n; }  // moves no time stamp
-    constexpr Seconds last() const { return last_; }        // of the last occurrence; 0.0: never
+    constexpr Seconds last() const { return last_; }        // time of the last occurrence; 0.0 if there was none
     constexpr void lastIs(Seconds v) & { last_ = v; }
 
     constexpr void updateIs(Count const& e) & { doUpdate(e.count(), e.when()); }
@@ -133,7 +133,7 @@ public:
     constexpr U32 count() const { return count_; }  // occurrences
     constexpr void countIs(U32 v) & { count_ = v; }
     constexpr void countInc(unsigned n) & { count_ += n; }  // moves no time stamp
-    constexpr Seconds last() const { return last_; }        // of the last occurrence; 0.0: never
+    constexpr Seconds last() const { return last_; }        // time of the last occurrence; 0.0 if there was none
     constexpr void lastIs(Seconds v) & { last_ = v; }
 
     constexpr void updateIs(EventOrCount const& e) & { doUpdate(e.value(), e.count(), e.when()); }
@@ -172,7 +172,7 @@ public:
     constexpr U32 changes() const { return changes_; }  // transitions
     constexpr void changesIs(U32 v) & { changes_ = v; }
     constexpr void changesInc(unsigned n) & { changes_ += n; }    // moves no time stamp
-    constexpr Seconds lastChange() const { return lastChange_; }  // of the last transition; 0.0: never
+    constexpr Seconds lastChange() const { return lastChange_; }  // time of the last transition; 0.0 if there was none
     constexpr void lastChangeIs(Seconds v) & { lastChange_ = v; }
 
     constexpr void updateIs(EventOrCount const& e) & { doUpdate(e.value(), e.count(), e.when()); }
@@ -220,7 +220,7 @@ public:
     constexpr U32 changes() const { return changes_; }  // transitions
     constexpr void changesIs(U32 v) & { changes_ = v; }
     constexpr void changesInc(unsigned n) & { changes_ += n; }    // moves no time stamp
-    constexpr Seconds lastChange() const { return lastChange_; }  // of the last transition; 0.0: never
+    constexpr Seconds lastChange() const { return lastChange_; }  // time of the last transition; 0.0 if there was none
     constexpr void lastChangeIs(Seconds v) & { lastChange_ = v; }
 
     constexpr void updateIs(ConditionOrChanged const& e) & { doUpdate(e.current(), e.changed(), e.when()); }
@@ -261,7 +261,7 @@ public:
     constexpr U32 changes() const { return changes_; }  // reports other than zero
     constexpr void changesIs(U32 v) & { changes_ = v; }
     constexpr void changesInc(unsigned n) & { changes_ += n; }    // moves no time stamp
-    constexpr Seconds lastChange() const { return lastChange_; }  // of the last such report; 0.0: never
+    constexpr Seconds lastChange() const { return lastChange_; }  // time of the last such report; 0.0 if there was none
     constexpr void lastChangeIs(Seconds v) & { lastChange_ = v; }
 
     constexpr void updateIs(Count const& e) & { doUpdate(e.count(), e.when()); }

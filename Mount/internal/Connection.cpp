@@ -87,7 +87,7 @@ void Connection::start(Ready ready, Ended ended) {
 void Connection::close(String const& reason) {
     run([&] {
         endLater(reason);
-        if (peer_) peer_->refuse(reason);  // so that no message is applied after this one
+        if (peer_) peer_->refuse(reason);  // so that the peer applies no further messages
     });
 }
 

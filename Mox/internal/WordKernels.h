@@ -24,21 +24,21 @@ inline constexpr unsigned bitCount(U64 word) {
 #endif
 }
 
-// Which of the 256 buckets are stored.
+// The set of those of the 256 buckets that are stored.
 class Presence {
 public:
     static constexpr unsigned buckets = 256;
     static constexpr unsigned groups = 4;
 
-    U64 bits[groups] = {};  // whoever writes to it directly has to call recount()
+    U64 bits[groups] = {};  // code that writes to it directly must call recount()
 
     unsigned count() const { return static_cast<unsigned>(ranks_ >> 32); }
-    unsigned before(unsigned group) const { return ranks_ >> (group * 8) & 255; }  // stored in the groups before it
+    unsigned before(unsigned group) const { return ranks_ >> (group * 8) & 255; }  // stored in the groups before this
     bool contains(unsigned bucket) const { return bits[bucket / 64] >> (bucket % 64) & 1; }
-    unsigned rank(unsigned bucket) const {  // stored buckets below this one
+    unsigned rank(unsigned bucket) const {  // number of stored buckets below this one
         return before(bucket / 64) + bitCount(bits[bucket / 64] & ((U64(1) << (bucket % 64)) - 1));
     }
-    unsigned next(unsigned from) const {  // the first stored one at or above `from`; buckets when there is none
+    unsigned next(unsigned from) const {  // the first stored one at or above `from`, or `buckets` if there is none
         for (unsigned group = from / 64; group < groups; ++group) {
             U64 const rest = group == from / 64 ? bits[group] >> (from % 64) << (from % 64) : bits[group];
             if (rest) return group * 64 + static_cast<unsigned>(std::countr_zero(rest));

@@ -24,7 +24,7 @@ public:
     class Cursor;
 
     WordMap() noexcept : inline_{} {}  // not defaulted, so that a const map needs no braces
-    WordMap(WordMap const& other);     // allocates once at most, exactly sized
+    WordMap(WordMap const& other);     // allocates at most once, for exactly the words
     WordMap(WordMap&& other) noexcept { take(other); }
     enum class Others : bool { zero, any };                       // what a block has at buckets that are not stored
     WordMap(Block block, Presence const& stored, Others others);  // packs few words, else keeps the block

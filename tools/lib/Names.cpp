@@ -61,7 +61,7 @@ std::vector<std::string> nearest(std::string_view name, std::vector<std::string>
     std::sort(found.begin(), found.end());
     std::vector<std::string> result;
     for (auto const& [d, candidate] : found) {
-        // Whoever only left out the namespace meant just that.
+        // If a candidate differs only by its namespace, lists only such candidates.
         bool const worse = found[0].first == 0 && d > 0;
         bool const isRepeated = std::find(result.begin(), result.end(), candidate) != result.end();
         if (result.size() < 3 && !worse && !isRepeated) result.push_back(candidate);
