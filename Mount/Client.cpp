@@ -85,7 +85,7 @@ private:
     std::unique_ptr<TlsContext> tls_;
     AttrLogReplica replica_;
     tcp::resolver resolver_;
-    asio::steady_timer timer_;  // until the attempt is given up, or the next one
+    asio::steady_timer timer_;  // limits the attempt under way, or delays the next one
     asio::steady_timer statusTimer_;
     std::vector<SocketAddress> places_;
     Connection::Socket socket_;
@@ -96,7 +96,7 @@ private:
     String error_;
     U64 attempts_ = 0;
     U64 connects_ = 0;
-    U64 attempt_ = 0;  // which one is under way; 0: none
+    U64 attempt_ = 0;  // number of the attempt under way; 0 if there is none
     U64 bytesInBefore_ = 0;
     U64 bytesOutBefore_ = 0;
     bool isClosed_ = false;
@@ -132,7 +132,7 @@ void Client::Impl::attempt() {
         if (!error && self->attempt_ == attempt) self->failed("no connection within the time that is given");
     });
     if (address_.kind() == Address::Kind::unixSocket) return resolved({unixAddress(address_.path())});
-    // Plain TCP stays on this machine, whatever name servers say.
+    // Plain TCP must stay on this machine: "localhost" is 127.0.0.1, and no name server is asked.
     String const host = address_.kind() == Address::Kind::tcp && address_.host() == String("localhost")
                             ? String("127.0.0.1")
                             : address_.host();
@@ -177,7 +177,7 @@ void Client::Impl::connect(std::size_t place) {
                 return self->failed("there is no such socket; nobody serves there");
             case ECONNREFUSED:
                 return self->failed("nobody listens there");
-            case ENOBUFS:  // Asio's word for a Unix socket's EAGAIN
+            case ENOBUFS:  // a Unix socket's EAGAIN, which Asio reports like this
                 return self->failed("too many are waiting to be let in there");
             default:
                 return self->failed(Vel::ErrnoException(error.value()).text());
@@ -202,7 +202,7 @@ void Client::Impl::connected(SocketAddress const& place) {
     try {
         channel = tls_ ? tls_->channel(socket_.native_handle(), address_.host())
                        : plainChannel(socket_.native_handle(), String());
-    } catch (Vel::RangeException const& error) {  // no certificate can be for such a host
+    } catch (Vel::RangeException const& error) {  // the host's text is not a name that a certificate can have
         return failed(error.text());
     }
     connection_ = std::make_shared<Connection>(std::move(socket_), std::move(channel), options_.peer);
@@ -222,13 +222,14 @@ void Client::Impl::ended(Connection& connection, String const& error) {
     if (!isClosed_) failed(error.empty() ? String("the server has closed the connection") : error);
 }
 
-// Tries again after a while. All clients of a server that comes back would do so at once but for the chance in it.
+// Schedules the next attempt. The delay is partly random, so that the clients of a server that comes back do not all
+// connect at the same moment.
 void Client::Impl::failed(String const& error) {
     attempt_ = 0;
     resolver_.cancel();
     std::error_code ignored;
     socket_.close(ignored);
-    // What says what is wrong with an address begins with it.
+    // Some errors already begin with the address; do not write it twice.
     String const place = address_.text() + ": ";
     error_ = error.view().starts_with(place.view()) ? error : place + error;
     double const part = std::uniform_real_distribution<double>(0.75, 1.25)(random_);
@@ -257,13 +258,13 @@ void Client::Impl::scheduleStatus() {
     statusTimer_.async_wait([weak = weak_from_this()](std::error_code const& error) {
         auto const self = weak.lock();
         if (error || !self || self->isClosed_) return;
-        self->scheduleStatus();  // first, since observers may throw
+        self->scheduleStatus();  // before updateStatus(), whose observers may throw
         self->updateStatus();
     });
 }
 
 void Client::Impl::updateStatus() {
-    auto const status = status_;  // whatever its observers do
+    auto const status = status_;  // keeps the status alive even if an observer destroys the client
     if (auto const* const state = stateName(replica_.state()); status->state() != state) status->stateIs(state);
     status->attemptsIs(attempts_);
     status->connectsIs(connects_);

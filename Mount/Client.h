@@ -11,34 +11,36 @@
 
 namespace Mount {
 
-// Mounts what a server has at a path: keeps a copy of it that follows, in this process's own entities. While the server
-// is away the copy stays as it was, and connecting is tried again, less and less often.
+// Mounts what a server has at a path: keeps a copy of it in this process's own entities, and applies the server's
+// changes to the copy. While the server is away the copy stays as it was, and the client tries to connect again, with
+// longer and longer pauses.
 // Threads: the one that runs the loop.
 class VEL_API Client {
 public:
     using Options = ClientOptions;
     using State = Vel::AttrLogReplica::State;
 
-    // The copy is made in the directory, under that name; or it is `root`, which must be of the type that is served.
-    // Throws what is wrong with the address or the files; whatever else fails is tried again.
+    // The first form makes the copy in `parent` under `name`. The second uses `root` as the copy; `root` must be of the
+    // type that is served. Both throw if the address or the TLS files are wrong, and retry whatever else fails.
     Client(Loop& loop, Address const& address, Vel::Ptr<Vel::Dir> parent, String const& name, Options options = {});
     Client(Loop& loop, Address const& address, Vel::Ptr<Vel::Entity> root, Options options = {});
     Client(Client const&) = delete;
     Client& operator=(Client const&) = delete;
     ~Client();  // the copy stays
 
-    // Runs the loop until the copy is complete. False when it was not in that time: error() says why.
+    // Runs the loop until the copy is complete. Returns false if it is not complete after `time`; error() says why.
     bool sync(Loop::Duration time);
 
-    // For root(), write() and what else it tells. Its onStateIs() is taken; onStateIs() here serves instead.
+    // For root(), write() and the like. The client itself uses the replica's onStateIs(): use onStateIs() below
+    // instead.
     Vel::AttrLogReplica& replica();
     State state() const;
     void onStateIs(std::function<void(State)> told);
     bool isConnected() const;
-    String const& error() const;  // what the last attempt failed by; empty once synced
-    // Told whenever an attempt fails or a connection is lost.
+    String const& error() const;  // why the last attempt failed; empty once synced
+    // `told` is called whenever an attempt fails or a connection is lost.
     void onErrorIs(std::function<void(String const& error)> told);
-    Vel::Ptr<ClientStatus> status() const;  // kept up to date; make it an entry of a directory to have it found
+    Vel::Ptr<ClientStatus> status() const;  // the client updates it; add it to a directory so that others can find it
 
     class Impl;
 
@@ -46,7 +48,7 @@ private:
     std::shared_ptr<Impl> impl_;
 };
 
-// The word for it: "empty", "syncing", "synced", "stale".
+// The state's name: "empty", "syncing", "synced" or "stale".
 VEL_API char const* stateName(Client::State state);
 
 }  // namespace Mount

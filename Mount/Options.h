@@ -13,42 +13,48 @@ using Milliseconds = std::chrono::milliseconds;
 
 // The files that an address of kind tls needs, in PEM form.
 struct TlsFiles {
-    String certificate{};  // this side's, perhaps with those that lead to the authority's
+    String certificate{};  // this side's certificate, followed by intermediate ones if there are any
     String key{};
     String authority{};  // CA certificates that the peer's must be signed by
 };
 
-// Who may be on the other side, and how long it may be silent. Who is at a Unix socket the system tells: a user's name,
-// or number when it has no name. At a TLS connection it is the common name of the certificate.
+// Who may be on the other side, and how long that side may be silent. At a Unix socket the system identifies the other
+// side: by the user's name, or by its number if it has no name. In TLS the certificate's common name identifies it.
 struct PeerOptions {
-    std::vector<String> users{};  // of a Unix socket, by name or number; none: this process's user, and root
-    std::vector<String> names{};  // of certificates; none: all that the authority has signed
+    // Users that a server admits at a Unix socket, by name or number; if empty, this process's user and root. A client
+    // accepts a server of these users only; if empty, of any user.
+    std::vector<String> users{};
+    std::vector<String> names{};  // common names that are admitted; if empty, all that the authority has signed
     TlsFiles tls{};
-    Milliseconds helloTimeout{10'000};  // until the first message has come wholly, handshakes included
-    Milliseconds idleTimeout{30'000};   // without a byte that comes, after a third of which the other side is asked for
-                                        // one; or without a byte that is taken, where some wait to be
+    Milliseconds helloTimeout{10'000};  // from the connection to the whole first message, handshakes included
+    // Ends the connection when for that long no byte has come, or no byte was taken although some wait to be sent.
+    // After a third of it without a byte, the other side is pinged.
+    Milliseconds idleTimeout{30'000};
 };
 
 struct ServerOptions {
     Vel::AttrLogSource::Options source{};  // the log, what readers may write, bounds on what they may send
     PeerOptions peer{};
-    std::vector<String> writers{};   // who may write if source.mayWrite, as in PeerOptions; none: all who may connect
-    std::size_t connections = 1024;  // that have said hello; more are refused
-    std::size_t newcomers =
-        64;              // that have not; when there is another, the peer that has most of them loses its oldest
-    U32 socketMode = 0;  // of a Unix socket's file; 0: 0600, or 0666 when `users` says who may connect
-    Milliseconds statusInterval{1000};  // how often what has changed of the status is published
+    // Users or common names that may write if source.mayWrite is set; if empty, all who may connect.
+    std::vector<String> writers{};
+    std::size_t connections = 1024;  // that have said hello; further ones are refused
+    // Connections that have not said hello. When there is one too many, the peer that has most of them loses its
+    // oldest.
+    std::size_t newcomers = 64;
+    U32 socketMode = 0;                 // of a Unix socket's file; 0 means 0600, or 0666 if peer.users is not empty
+    Milliseconds statusInterval{1000};  // between two updates of Server::status()
 };
 
 struct ClientOptions {
-    String path{};              // of what is wanted, at the server
+    String path{};              // of the entity to mount, at the server; empty means all that is served
     bool wantsToWrite = false;  // see AttrLogReplica::write()
     Vel::StreamLimits limits{};
     PeerOptions peer{};
     Milliseconds connectTimeout{5'000};
-    Milliseconds firstDelay{100};   // before the second attempt; doubled each time, and up to a quarter more or less,
-    Milliseconds lastDelay{5'000};  // up to this
-    Milliseconds statusInterval{1000};
+    // Delay before the second attempt. It doubles with each failure up to lastDelay, and varies by up to a quarter.
+    Milliseconds firstDelay{100};
+    Milliseconds lastDelay{5'000};
+    Milliseconds statusInterval{1000};  // between two updates of Client::status()
 };
 
 }  // namespace Mount

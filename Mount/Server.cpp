@@ -54,7 +54,7 @@ private:
     struct Served {
         std::shared_ptr<Connection> connection;
         std::unique_ptr<Vel::StreamPeer> reader;
-        std::string peer;  // whose it is, as far as that is known
+        std::string peer;  // identifies the other side: peerOf(), or the certificate's name once that is known
         bool isRefused = false;
     };
 
@@ -79,9 +79,9 @@ private:
     std::unique_ptr<TlsContext> tls_;
     Vel::AttrLogServer server_;
     std::vector<std::shared_ptr<Listener>> listeners_;
-    String addresses_;  // of all of them
+    String addresses_;  // of all listeners, separated by blanks
     std::map<Connection*, Served> connections_;
-    std::vector<Connection*> newcomers_;  // of them, those that have not said hello, or not with success; oldest first
+    std::vector<Connection*> newcomers_;  // connections that have not yet said a hello that was accepted; oldest first
     SharedMemory memory_;
     asio::steady_timer timer_;
     Vel::Ptr<ServerStatus> status_;
@@ -96,7 +96,7 @@ private:
 
 // --- listening ---
 
-// Writers may be certificates' names as well, which need not be users here.
+// Returns the users among `names`. The other names may be common names of certificates.
 std::vector<uid_t> Server::Impl::usersThere(std::vector<String> const& names) {
     std::vector<uid_t> users;
     for (String const& name : names) {
@@ -119,7 +119,7 @@ Address Server::Impl::listen(Address const& address) {
         try {
             made.push_back(std::make_shared<Listener>(loop_.context(), address, place, options_.socketMode));
         } catch (Vel::ErrnoException const& error) {
-            // A host may have a kind of address that this machine does not speak.
+            // A host's name may stand for IPv4 and IPv6 addresses, and this machine may have only one of the kinds.
             bool const isLast = &place == &places.back();
             if (error.error() != EAFNOSUPPORT && error.error() != EADDRNOTAVAIL) throw;
             if (isLast && made.empty()) throw;
@@ -170,7 +170,7 @@ void Server::Impl::accepted(Descriptor socket, int family, Address::Kind kind) {
     auto const self = shared_from_this();
     connection->start([self, user](Connection& c) -> Vel::StreamPeer& { return self->ready(c, user); },
         [self](Connection& c, String const& error) { self->ended(c, error); });
-    // After the start, since most have said hello by the time that they are accepted.
+    // After start(), which reads the hello if it is there already: then this connection is no newcomer any more.
     if (newcomers_.size() > std::max<std::size_t>(options_.newcomers, 1))
         refuse(*newcomerToGo(), format("too many connections say no hello: more than %zu", options_.newcomers));
 }
@@ -185,7 +185,8 @@ Vel::StreamPeer& Server::Impl::ready(Connection& connection, std::optional<uid_t
     return *served.reader;
 }
 
-// Those who are refused stay newcomers while they are told.
+// Called when the hello is here. Returns why the connection is refused, or an empty text. A refused connection stays a
+// newcomer until it has been told.
 String Server::Impl::admission(Connection& connection) {
     if (connections_.size() - newcomers_.size() >= options_.connections)
         return format("the server has %zu connections already", options_.connections);
@@ -209,16 +210,16 @@ void Server::Impl::ended(Connection& connection, String const& error) {
 
 // --- too much ---
 
-// Ends it for the sake of others.
+// Ends a connection to make room for others.
 void Server::Impl::refuse(Connection& connection, String const& reason) {
     std::erase(newcomers_, &connection);
     Served& served = connections_[&connection];
     served.isRefused = true;
-    auto const kept = served.connection;  // while it ends
+    auto const kept = served.connection;  // keeps the connection alive while it ends
     kept->refuse(reason);
 }
 
-// The oldest of the peer that has most: whoever else comes finds room.
+// Returns the oldest newcomer of the peer that has most of them, so that one peer can't keep the others out.
 Connection* Server::Impl::newcomerToGo() const {
     std::map<std::string_view, std::size_t> counts;
     auto const peerAt = [&](Connection* c) { return std::string_view(connections_.find(c)->second.peer); };
@@ -237,7 +238,7 @@ void Server::Impl::freeMemory() {
     }
 }
 
-// Where users are kept elsewhere, asking for a name takes its time.
+// Caches users' names: a look-up is slow where users are kept on another machine.
 String const& Server::Impl::nameOf(uid_t user) {
     if (userNames_.size() > usersRemembered) userNames_.clear();
     auto const [at, isNew] = userNames_.try_emplace(user);
@@ -258,7 +259,7 @@ void Server::Impl::scheduleStatus() {
     timer_.async_wait([weak = weak_from_this()](std::error_code const& error) {
         auto const self = weak.lock();
         if (error || !self || self->isClosed_) return;
-        self->scheduleStatus();  // first, since observers may throw
+        self->scheduleStatus();  // before updateStatus(), whose observers may throw
         self->server_.checkPaths();
         self->checkFiles();
         self->updateStatus();
@@ -272,7 +273,7 @@ void Server::Impl::updateStatus() {
         in += connection->bytesIn();
         out += connection->bytesOut();
     }
-    auto const status = status_;  // whatever its observers do
+    auto const status = status_;  // keeps the status alive even if an observer destroys the server
     status->addressIs(isClosed_ ? String() : addresses_);
     status->connectionsIs(static_cast<U32>(connections_.size()));
     status->acceptedIs(accepted_);
@@ -295,7 +296,7 @@ Server::~Server() {
 }
 
 Address Server::listen(Address const& address) {
-    auto const impl = impl_;  // whatever observers of the status do
+    auto const impl = impl_;  // keeps it alive even if an observer of the status destroys the server
     return impl->listen(address);
 }
 std::size_t Server::connections() const { return impl_->connections(); }

@@ -9,8 +9,8 @@
 
 namespace Mount {
 
-// Serves an entity, and all that it leads to, to other processes; each asks for a path below it, or for all. Changes go
-// out by themselves while the loop runs.
+// Serves an entity, and all that it leads to, to other processes. Each of them asks for a path below the entity, or for
+// all of it. The server sends changes while the loop runs.
 //
 // A slow reader gets fewer, newer values; memory stays bounded. A producer that outpaces its readers can throttle
 // itself: run the loop while backlog() is high, but with a time limit, since a stalled reader keeps it high until it is
@@ -25,14 +25,15 @@ public:
     Server& operator=(Server const&) = delete;
     ~Server();  // closes all connections; what was not sent is lost
 
-    // Listens at one more address; returns it with the port that was chosen. The file of a Unix socket that nobody
-    // listens at any more is taken over. Throws ErrnoException, and RangeException for an address that is not to be
-    // served: plain TCP that is not loopback, tls without its files.
+    // Listens at one more address; returns it with the port that was chosen. Takes over the file of a Unix socket at
+    // which nobody listens any more. Throws ErrnoException; throws RangeException for an address that may not be
+    // served: plain TCP that is not loopback, or TLS without its files.
     Address listen(Address const& address);
 
     std::size_t connections() const;
-    std::size_t backlog() const;            // bytes that the slowest reader of those that keep up has still to be sent
-    Vel::Ptr<ServerStatus> status() const;  // kept up to date; make it an entry of a directory to have it found
+    // Bytes of the log that still have to be sent to the slowest reader that is less than a whole log behind.
+    std::size_t backlog() const;
+    Vel::Ptr<ServerStatus> status() const;  // the server updates it; add it to a directory so that others can find it
 
     class Impl;
 

@@ -8,30 +8,30 @@ using Vel::String;
 using Vel::U32;
 using Vel::U64;
 
-// What a server has done so far. Kept up to date about once a second; it may be served like any other entity.
+// What a server has done so far. The server updates it about once a second. It may be served like any other entity.
 class VEL_API ServerStatus : public Vel::EntityOf<ServerStatus> {
 public:
     explicit ServerStatus(String const& name);
     ~ServerStatus() override;
 
-    String address() const { return address_; }  // of what it listens at; several are separated by blanks
+    String address() const { return address_; }  // the addresses at which it listens, separated by blanks
     void addressIs(String const& v) { velSet<&ServerStatus::address_>(v); }
     U32 connections() const { return connections_; }  // now
     void connectionsIs(U32 v) { velSet<&ServerStatus::connections_>(v); }
-    U64 accepted() const { return accepted_; }  // connections, whatever became of them
+    U64 accepted() const { return accepted_; }  // all connections so far
     void acceptedIs(U64 v) { velSet<&ServerStatus::accepted_>(v); }
-    // That the server turned away: for who they were, for what they asked, or for the sake of others. They have ended.
+    // Connections that the server ended: for who they were, for what they asked, or to make room for others.
     U64 refused() const { return refused_; }
     void refusedIs(U64 v) { velSet<&ServerStatus::refused_>(v); }
-    U64 failed() const { return failed_; }  // that ended by any other error
+    U64 failed() const { return failed_; }  // connections that ended by any other error
     void failedIs(U64 v) { velSet<&ServerStatus::failed_>(v); }
     U64 bytesIn() const { return bytesIn_; }
     void bytesInIs(U64 v) { velSet<&ServerStatus::bytesIn_>(v); }
     U64 bytesOut() const { return bytesOut_; }
     void bytesOutIs(U64 v) { velSet<&ServerStatus::bytesOut_>(v); }
-    U64 coalesced() const { return coalesced_; }  // changes that slow readers were spared
+    U64 coalesced() const { return coalesced_; }  // changes that slow readers skipped, since newer ones replaced them
     void coalescedIs(U64 v) { velSet<&ServerStatus::coalesced_>(v); }
-    String error() const { return error_; }  // the last one
+    String error() const { return error_; }  // the last error of a connection or of a socket's file
     void errorIs(String const& v) { velSet<&ServerStatus::error_>(v); }
 
     static constexpr auto description();
@@ -48,7 +48,7 @@ private:
     String error_;
 };
 
-// What a client has done so far, kept up to date like a server's.
+// What a client has done so far. The client updates it about once a second, and when its state changes.
 class VEL_API ClientStatus : public Vel::EntityOf<ClientStatus> {
 public:
     explicit ClientStatus(String const& name);
@@ -68,11 +68,11 @@ public:
     void bytesInIs(U64 v) { velSet<&ClientStatus::bytesIn_>(v); }
     U64 bytesOut() const { return bytesOut_; }
     void bytesOutIs(U64 v) { velSet<&ClientStatus::bytesOut_>(v); }
-    U64 messages() const { return messages_; }  // applied
+    U64 messages() const { return messages_; }  // that were received and applied
     void messagesIs(U64 v) { velSet<&ClientStatus::messages_>(v); }
     U64 entities() const { return entities_; }  // of the copy, now
     void entitiesIs(U64 v) { velSet<&ClientStatus::entities_>(v); }
-    String error() const { return error_; }  // what the last attempt failed by; empty once synced
+    String error() const { return error_; }  // why the last attempt failed; empty once synced
     void errorIs(String const& v) { velSet<&ClientStatus::error_>(v); }
 
     static constexpr auto description();

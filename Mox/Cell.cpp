@@ -29,7 +29,7 @@ namespace {
     throw Vel::TypeException(system + (isDir ? "/cell is no Cell::Status" : " is no Vel::Dir"));
 }
 
-// For those that cannot do without. Throws Vel::TypeException.
+// Returns the process's status. Throws Vel::TypeException if an entity of another type is at its path.
 Vel::Ptr<Status> neededStatus() {
     auto status = cellDir();
     if (!status) throwNoStatus();
@@ -117,7 +117,7 @@ bool cpuBmcMode() { return neededStatus()->cpuBmcMode(); }
 
 namespace {
 
-// What is told when no resolver says otherwise.
+// Resets `from` to Kind::status, which stays if the status has the answer cached.
 Source* anew(Source& from) {
     from = Source();
     return &from;

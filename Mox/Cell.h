@@ -14,9 +14,10 @@
 //     election manager supported  ELECTIONMGRSUPPORTED   /etc/electionMgrSupported  false
 //     CPU/BMC mode                CPUBMCMODE             /etc/cpuBmcMode            false
 //
-// Files are read once, at most 32 bytes, and taken exactly as they stand: a trailing newline is part of them.
+// At most 32 bytes of a file are read, by one read. They are taken as they are: a trailing newline is part of the text.
 // The facts are read on first use and cached in the process's Cell::Status; the active cell is resolved on every call.
-// Threads: nothing is locked. Two threads that fill the cache at once read the same sources and store the same value.
+// Threads: nothing is locked. Two threads that fill the cache at once read the same sources, so they store the same
+// value.
 namespace Cell {
 
 using Vel::valueToStrep;
@@ -34,7 +35,7 @@ public:
 
     constexpr Vel::U16 value() const { return value_; }
     constexpr Vel::U32 hash() const { return value_; }
-    constexpr Vel::U32 hash(unsigned) const { return value_; }  // the value, whatever the seed
+    constexpr Vel::U32 hash(unsigned) const { return value_; }  // ignores the seed
 
     friend constexpr bool operator==(CellId, CellId) = default;
     friend constexpr auto operator<=>(CellId, CellId) = default;
@@ -51,21 +52,21 @@ private:
     Vel::U16 value_ = 0;
 };
 
-struct Source;  // where an answer comes from, for the tool
+struct Source;  // where an answer comes from, in CellSource.h
 
-// The process's cache of its identity, at /<system>/cell in its directory tree. Accessors read what they do not know
-// yet, and throw as the free functions below do; lazy reads tell no observer. Mutators override what was read, and tell
-// the observers of the attribute when the value really changes.
+// The process's cache of its identity, at /<system>/cell in its directory tree. An accessor reads a fact that is not
+// cached yet, and throws as the free functions below do; such a read notifies no observer. A mutator overrides what was
+// read, and notifies the observers of the attribute if the value changes.
 class VEL_API Status : public Vel::EntityOf<Status> {
 public:
     explicit Status(Vel::String const& name);
     ~Status() override;
-    static Vel::Ptr<Status> StatusIs(Vel::String const& name);  // as statusFactory
+    static Vel::Ptr<Status> StatusIs(Vel::String const& name);  // the same as statusFactory()
 
-    CellId cellId() const;         // read again while it is 0
+    CellId cellId() const;         // while the cached value is 0, read on every call
     CellId activeCellId() const;   // resolved on every call; the attribute records the answer
-    Vel::String cellType() const;  // read again while it is empty
-    Vel::String product() const;   // read again while it is empty
+    Vel::String cellType() const;  // while the cached value is empty, read on every call
+    Vel::String product() const;   // while the cached value is empty, read on every call
     bool electionMgrSupported() const;
     bool electionMgrSupportedInitialized() const { return electionMgrSupportedInitialized_; }
     bool cpuBmcMode() const;
@@ -99,7 +100,7 @@ public:
 private:
     friend struct Explained;
 
-    // As the accessors. from: set to where the answer comes from, unless it is null.
+    // Do the work of the accessors. Set `from`, unless it is null, to where the answer comes from.
     CellId cellIdFrom(Source* from) const;
     CellId activeCellIdFrom(Source* from) const;
     Vel::String cellTypeFrom(Source* from) const;
@@ -119,20 +120,20 @@ private:
 
 VEL_API Vel::Ptr<Status> statusFactory(Vel::String const& name);
 
-// The facts, through the process's Cell::Status. All throw Vel::ErrnoException when a file cannot be opened (but for
-// one that does not exist) or read; nothing is cached then, and the next call tries again.
-VEL_API Vel::U32 cellId();  // [0, 65536). Vel::RangeException when variable or file holds no such number
+// Return the facts, through the process's Cell::Status. All throw Vel::ErrnoException if a file exists but can't be
+// opened or read. Then nothing is cached, and the next call tries again.
+VEL_API Vel::U32 cellId();  // [0, 65536). Vel::RangeException if the variable or file holds no such number
 VEL_API Vel::String cellType();
 VEL_API Vel::String product();
-VEL_API bool electionMgrSupported();  // Vel::ErrnoException(EINVAL) unless variable or file says TRUE or FALSE
+VEL_API bool electionMgrSupported();  // Vel::ErrnoException(EINVAL) unless the variable or file holds TRUE or FALSE
 VEL_API bool cpuBmcMode();            // the same
 
-// The active cell, [0, 65536): what ACTIVE_CELLID says; else what the redundancy status of the own cell says, where
-// it is known; else what the election manager's two mode files say; else the own cell.
+// Returns the active cell, [0, 65536). Asks in this order: the variable ACTIVE_CELLID; the redundancy status of the own
+// cell, if it knows; the election manager's two mode files. If nothing of that is there, returns the own cell.
 VEL_API Vel::U32 activeCellId();
 
-// Where state of one cell is kept, below a database root such as "/ql/Zendb/": "cell/<cell id>/<name>". Cell id 0
-// stands for the own cell. mountpath gives the same as path.
+// Return the path of one cell's state below a database root such as "/ql/Zendb/": "cell/<cell id>/<name>". Cell id 0
+// stands for the own cell. mountpath() returns the same as path().
 VEL_API Vel::String path(char const* name, unsigned int cellId);
 VEL_API Vel::String mountpath(char const* name, unsigned int cellId);
 

@@ -15,8 +15,8 @@ namespace Mox {
 
 // Number of a chip, or one of two reserved numbers.
 //
-// Whatever sets the value stores it before it is checked: a number above null() throws Vel::RangeException and stays
-// stored. Setting the number that is already there does nothing.
+// A value is stored before it is checked: a number above null() throws Vel::RangeException and stays stored. Setting
+// the number that is stored already does nothing, not even the check.
 class VEL_API ChipId {
 public:
     constexpr ChipId() = default;
@@ -29,7 +29,7 @@ public:
 
     static constexpr U8 min() { return 0; }
     static constexpr U8 max() { return 126; }       // the last real chip
-    static constexpr U8 allChips() { return 127; }  // reserved; in a set, simply a member
+    static constexpr U8 allChips() { return 127; }  // reserved; a set treats it like any other member
     static constexpr U8 null() { return 128; }      // no chip; where iteration ends
 
     constexpr U8 value() const { return value_; }
@@ -40,7 +40,7 @@ public:
     }
     constexpr void valueInc(U8 n) & { valueIs(static_cast<U8>(value_ + n)); }  // modulo 256, before the check
     constexpr U32 hash() const { return value_; }
-    constexpr U32 hash(unsigned) const { return value_; }  // the value, whatever the seed
+    constexpr U32 hash(unsigned) const { return value_; }  // ignores the seed
 
     friend constexpr bool operator==(ChipId, ChipId) = default;
     friend constexpr auto operator<=>(ChipId, ChipId) = default;
@@ -66,7 +66,7 @@ private:
 };
 
 // Any subset of the chips, as a bitmap of two words: chip c is bit c % 64 of valueLo or, from 64 up, of valueHi.
-// Sets are ordered as the numbers of 128 bits that they are.
+// Sets are ordered like numbers of 128 bits.
 class VEL_API ChipSet {
 public:
     class Iterator;
@@ -94,7 +94,8 @@ public:
     constexpr void valueHiOr(U64 v) & { valueHi_ |= v; }
     constexpr void valueHiXor(U64 v) & { valueHi_ ^= v; }
 
-    // Membership. Not checked: from 64 up, the id modulo 64 is looked up in valueHi, so null() answers for chip 64.
+    // Returns whether `id` is a member. Does not check the range: an id from 64 up is looked up modulo 64 in valueHi,
+    // so null() gives the answer for chip 64.
     constexpr bool chipId(ChipId id) const { return word(id) >> (id.value() % 64) & 1; }
     constexpr void chipIdIs(ChipId id, bool on) & {  // REQUIRES: id below null()
         if (id.value() & 0x80) [[unlikely]]
@@ -103,7 +104,7 @@ public:
         U64& word = id.value() < 64 ? valueLo_ : valueHi_;
         word = on ? word | bit : word & ~bit;
     }
-    constexpr bool chipIdDel(ChipId id) & {  // whether it was a member. REQUIRES: id below null()
+    constexpr bool chipIdDel(ChipId id) & {  // returns whether it was a member. REQUIRES: id below null()
         bool const was = chipId(id);
         chipIdIs(id, false);
         return was;
@@ -112,7 +113,8 @@ public:
         return static_cast<U32>(std::popcount(valueLo_) + std::popcount(valueHi_));
     }
     constexpr ChipId firstChipId() const { return nextChipId(ChipId(ChipId::null())); }
-    // The smallest member above `id`; of null(), the smallest of all. null() when there is none. REQUIRES: id <= null()
+    // Returns the smallest member above `id`, or the smallest of all if `id` is null(). Returns null() if there is
+    // none. REQUIRES: id <= null()
     constexpr ChipId nextChipId(ChipId id) const {
         unsigned const from = id.value() == ChipId::null() ? 0 : id.value() + 1u;
         if (from < 64) {
@@ -162,7 +164,8 @@ constexpr auto ChipSet::description() {
 
 constexpr U32 ChipSet::hash(unsigned seed) const { return Vel::hashFields(*this, seed); }
 
-// Walks the members of a copy of the set: what remains of it is the whole state.
+// Walks the members of a set in ascending order. Its state is a copy of the set, from which it removes each member that
+// it has passed.
 class ChipSet::Iterator {
 public:
     using iterator_concept = std::forward_iterator_tag;

@@ -6,7 +6,7 @@ namespace Mox {
 
 namespace {
 
-std::ios_base::Init streams;  // as every module: initialisers of its users may use the standard streams
+std::ios_base::Init streams;  // as in every module, so that initialisers of its users may use the standard streams
 
 }  // namespace
 

@@ -4,7 +4,7 @@
 
 namespace Mox {
 
-// Walks the members of a set in ascending order. It holds the set by value, so the original may change or go.
+// Walks the members of a set in ascending order. It has a copy of the set, so the original may change or be destroyed.
 class VEL_API ChipSetIter {
 public:
     constexpr explicit ChipSetIter(ChipSet const& set) : set_(set), chipId_(set.firstChipId()), finished_(!inRange()) {}
@@ -16,7 +16,7 @@ public:
             fail(18, "Mox::ChipId Mox::ChipSetIter::key() const");
         return chipId_;
     }
-    constexpr bool operator*() const {  // the membership of the current chip, which is true. REQUIRES: inRange()
+    constexpr bool operator*() const {  // always true: the current chip is a member. REQUIRES: inRange()
         if (!inRange()) [[unlikely]]
             fail(24, "bool Mox::ChipSetIter::operator*() const");
         return true;

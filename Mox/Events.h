@@ -2,8 +2,8 @@
 
 #include "Mox/Types.h"
 
-// Events: records that report one observation, with the time of its moment, in seconds. What is kept of a stream of
-// them is in Statistics.h, which comes with this header: events and statistics are one module.
+// Events: records that report one observation and its time, in seconds. Statistics.h, which this header includes, sums
+// up streams of them; events and statistics are one module.
 // Plain values: as thread-safe as a structure of their fields.
 namespace Mox {
 
@@ -15,7 +15,7 @@ public:
     Event(StrepIterator& it, StrepIterator const& end) { Vel::parse(*this, it, end); }
     Event(LogIn* in, StreamBogon) { Vel::read(*this, *in); }
 
-    constexpr bool value() const { return value_; }  // whether it occurred, or the new state
+    constexpr bool value() const { return value_; }  // whether the event occurred, or the new state of a condition
     constexpr void valueIs(U1 v) & { value_ = v; }
     constexpr Seconds when() const { return when_; }
     constexpr void whenIs(Seconds v) & { when_ = v; }
@@ -83,7 +83,7 @@ private:
     Seconds when_;
 };
 
-// The state of a condition, and whether it has changed, also when it has changed back.
+// The state of a condition, and whether it has changed since the last observation, even if it has changed back.
 class VEL_API ConditionOrChanged {
 public:
     constexpr ConditionOrChanged() = default;
@@ -114,4 +114,4 @@ private:
 
 }  // namespace Mox
 
-#include "Mox/Statistics.h"  // behind the events, which it needs
+#include "Mox/Statistics.h"  // at the end, since it needs the events

@@ -9,7 +9,7 @@ namespace Mox {
 // A plain value: as thread-safe as a structure of its fields.
 class VEL_API GenTime {
 public:
-    static constexpr double tolerance = 0.001;  // seconds; a difference of this much is too much
+    static constexpr double tolerance = 0.001;  // seconds; times that differ by less than this are equal
 
     constexpr GenTime() = default;
     constexpr GenTime(Seconds value, Seconds dummyValue) : value_(value), dummyValue_(dummyValue) {}
@@ -17,10 +17,12 @@ public:
     GenTime(LogIn* in, StreamBogon) { Vel::read(*this, *in); }
 
     constexpr Seconds value() const { return value_; }
-    constexpr Seconds dummyValue() const { return dummyValue_; }  // carried along; takes part in no comparison
+    constexpr Seconds dummyValue() const { return dummyValue_; }  // stored only: no comparison uses it
     constexpr void dummyValueIs(Seconds v) & { dummyValue_ = v; }
 
-    constexpr bool isActive() const { return !(value_ == Seconds(0.0)); }  // exactly: also for a NaN, and for 0.0005
+    constexpr bool isActive() const {
+        return !(value_ == Seconds(0.0));
+    }  // without tolerance: 0.0005 and NaN are active
     constexpr bool equals(Seconds t) const { return isClose(value_, t); }
     constexpr bool lessThanOrEqualTo(Seconds t) const { return isClose(value_, t) || value_ < t; }
     constexpr bool greaterThanOrEqualTo(Seconds t) const { return isClose(value_, t) || value_ > t; }

@@ -38,7 +38,7 @@ class VEL_API GenerationEntity : public Vel::EntityOf<GenerationEntity> {
 public:
     explicit GenerationEntity(String const& name);
     ~GenerationEntity() override;
-    static Vel::Ptr<GenerationEntity> GenerationEntityIs(String const& name);  // as generationEntityFactory
+    static Vel::Ptr<GenerationEntity> GenerationEntityIs(String const& name);  // the same as generationEntityFactory()
 
     Generation generation() const { return generation_; }
     void generationIs(Generation const& g) { velSet<&GenerationEntity::generation_>(g); }

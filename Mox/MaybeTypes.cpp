@@ -34,8 +34,8 @@ void MaybeU63::stringValueIs(String const& s) & {
 
 MaybeU63 MaybeU63::quotient(MaybeU63 a, MaybeU63 b) {
     if (b.value_ == 0) {
-        // What the processor does on most machines and the language leaves open; a handler that returns changes
-        // nothing.
+        // Most processors raise this signal; the language leaves the result undefined. If a handler returns, the
+        // process is aborted.
         std::raise(SIGFPE);
         std::abort();
     }

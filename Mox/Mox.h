@@ -1,6 +1,6 @@
 #pragma once
 
-// The whole library.
+// Includes all public headers of the library.
 #include "Mox/Cell.h"
 #include "Mox/CellSource.h"
 #include "Mox/ChipSet.h"

@@ -2,8 +2,8 @@
 
 #include "Mox/Events.h"
 
-// Statistics: what is kept of a stream of observations. A statistic takes an observation whole (updateIs) or in parts
-// (doUpdate). It never reads a clock: times are the caller's, in seconds. Counters wrap around modulo 2^32.
+// Statistics: each sums up a stream of observations. It takes an observation as an event (updateIs), or as the event's
+// parts (doUpdate). It never reads a clock: the caller passes times, in seconds. Counters wrap around modulo 2^32.
 // Plain values: as thread-safe as a structure of their fields.
 namespace Mox {
 
@@ -21,7 +21,7 @@ public:
     constexpr U32 changes() const { return changes_; }  // transitions
     constexpr void changesIs(U32 v) & { changes_ = v; }
     constexpr void changesInc(unsigned n) & { changes_ += n; }    // moves no time stamp
-    constexpr Seconds lastChange() const { return lastChange_; }  // of the last transition; 0.0: never
+    constexpr Seconds lastChange() const { return lastChange_; }  // time of the last transition; 0.0 if there was none
     constexpr void lastChangeIs(Seconds v) & { lastChange_ = v; }
 
     constexpr void updateIs(Event const& e) & { doUpdate(e.value(), e.when()); }
@@ -61,7 +61,7 @@ public:
     constexpr U32 count() const { return count_; }  // occurrences
     constexpr void countIs(U32 v) & { count_ = v; }
     constexpr void countInc(unsigned n) & { count_ += n; }  // moves no time stamp
-    constexpr Seconds last() const { return last_; }        // of the last occurrence; 0.0: never
+    constexpr Seconds last() const { return last_; }        // time of the last occurrence; 0.0 if there was none
     constexpr void lastIs(Seconds v) & { last_ = v; }
 
     constexpr void updateIs(Event const& e) & { doUpdate(e.value(), e.when()); }
@@ -98,12 +98,12 @@ public:
     constexpr U32 count() const { return count_; }  // occurrences
     constexpr void countIs(U32 v) & { count_ = v; }
     constexpr void countInc(unsigned n) & { count_ += n; }  // moves no time stamp
-    constexpr Seconds last() const { return last_; }        // of the last occurrence; 0.0: never
+    constexpr Seconds last() const { return last_; }        // time of the last occurrence; 0.0 if there was none
     constexpr void lastIs(Seconds v) & { last_ = v; }
 
     constexpr void updateIs(Count const& e) & { doUpdate(e.count(), e.when()); }
     constexpr void doUpdate(U32 val, Seconds timestamp) & {
-        if (val == 0) return;  // a zero report moves nothing
+        if (val == 0) return;  // a report of zero occurrences changes nothing
         count_ += val;
         last_ = timestamp;
     }
@@ -121,7 +121,8 @@ private:
     Seconds last_;
 };
 
-// Running total of occurrences that are reported one by one or counted. A count takes precedence over the flag.
+// Running total of occurrences that are reported one by one or counted. If an observation has both the flag and a
+// count, the count is used.
 class VEL_API EventOrCountStat {
 public:
     constexpr EventOrCountStat() = default;
@@ -132,7 +133,7 @@ public:
     constexpr U32 count() const { return count_; }  // occurrences
     constexpr void countIs(U32 v) & { count_ = v; }
     constexpr void countInc(unsigned n) & { count_ += n; }  // moves no time stamp
-    constexpr Seconds last() const { return last_; }        // of the last occurrence; 0.0: never
+    constexpr Seconds last() const { return last_; }        // time of the last occurrence; 0.0 if there was none
     constexpr void lastIs(Seconds v) & { last_ = v; }
 
     constexpr void updateIs(EventOrCount const& e) & { doUpdate(e.value(), e.count(), e.when()); }
@@ -156,8 +157,8 @@ private:
     Seconds last_;
 };
 
-// A condition whose rises between two observations are counted for it: `count` is how often it became true since the
-// last observation, `val` its state now.
+// A condition whose observations say how often it became true since the last one: `count` is that number, `val` the
+// state now.
 class VEL_API ConditionOrCountStat {
 public:
     constexpr ConditionOrCountStat() = default;
@@ -171,13 +172,14 @@ public:
     constexpr U32 changes() const { return changes_; }  // transitions
     constexpr void changesIs(U32 v) & { changes_ = v; }
     constexpr void changesInc(unsigned n) & { changes_ += n; }    // moves no time stamp
-    constexpr Seconds lastChange() const { return lastChange_; }  // of the last transition; 0.0: never
+    constexpr Seconds lastChange() const { return lastChange_; }  // time of the last transition; 0.0 if there was none
     constexpr void lastChangeIs(Seconds v) & { lastChange_ = v; }
 
     constexpr void updateIs(EventOrCount const& e) & { doUpdate(e.value(), e.count(), e.when()); }
     constexpr void doUpdate(U1 val, U32 count, Seconds timestamp) & {
         if (count != 0) {
-            // A fall comes before each rise, except the first when it was down; one more comes last when it is down.
+            // Each rise is preceded by a fall, except the first one if the condition was false. If it is false now,
+            // there was one more fall.
             changes_ += 2 * count - (current_ ? 0 : 1) + (val ? 0 : 1);
             lastChange_ = timestamp;
         } else if (val != current_) {
@@ -218,7 +220,7 @@ public:
     constexpr U32 changes() const { return changes_; }  // transitions
     constexpr void changesIs(U32 v) & { changes_ = v; }
     constexpr void changesInc(unsigned n) & { changes_ += n; }    // moves no time stamp
-    constexpr Seconds lastChange() const { return lastChange_; }  // of the last transition; 0.0: never
+    constexpr Seconds lastChange() const { return lastChange_; }  // time of the last transition; 0.0 if there was none
     constexpr void lastChangeIs(Seconds v) & { lastChange_ = v; }
 
     constexpr void updateIs(ConditionOrChanged const& e) & { doUpdate(e.current(), e.changed(), e.when()); }
@@ -245,7 +247,7 @@ private:
     Seconds lastChange_;
 };
 
-// The last count reported, and how often one was. Unlike CountStat it keeps no sum.
+// The last count other than zero that was reported, and the number of such reports. Unlike CountStat it keeps no sum.
 class VEL_API CountOrChangedStat {
 public:
     constexpr CountOrChangedStat() = default;
@@ -259,12 +261,12 @@ public:
     constexpr U32 changes() const { return changes_; }  // reports other than zero
     constexpr void changesIs(U32 v) & { changes_ = v; }
     constexpr void changesInc(unsigned n) & { changes_ += n; }    // moves no time stamp
-    constexpr Seconds lastChange() const { return lastChange_; }  // of the last such report; 0.0: never
+    constexpr Seconds lastChange() const { return lastChange_; }  // time of the last such report; 0.0 if there was none
     constexpr void lastChangeIs(Seconds v) & { lastChange_ = v; }
 
     constexpr void updateIs(Count const& e) & { doUpdate(e.count(), e.when()); }
     constexpr void doUpdate(U32 val, Seconds timestamp) & {
-        if (val == 0) return;  // a zero report moves nothing
+        if (val == 0) return;  // a report of zero occurrences changes nothing
         ++changes_;
         count_ = val;
         lastChange_ = timestamp;

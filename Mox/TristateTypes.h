@@ -6,8 +6,8 @@
 #include <type_traits>
 #include <utility>
 
-// Tristate values: a scalar together with whether it has been set, so that what was never configured can be told from
-// any value, zero included. A tristate is never changed in part: valueSet and valueInvalid make a new one.
+// Tristate values: a scalar together with whether it has been set. So a scalar that was never configured differs from
+// every value, even from zero. A tristate has no mutators: valueSet and valueInvalid make a new one.
 // Plain values: as thread-safe as a structure of their fields.
 namespace Mox {
 
@@ -22,7 +22,7 @@ template <> struct TristateName<U16> { static constexpr char const* value = "Mox
 template <> struct TristateName<U32> { static constexpr char const* value = "Mox::TristateU32"; };
 template <> struct TristateName<U64> { static constexpr char const* value = "Mox::TristateU64"; };
 
-// The short text forms of what is set.
+// Return the text forms of scalars that are set.
 VEL_API String tristateText(bool value);
 VEL_API String tristateText(U64 value);
 VEL_API String tristateText(F64 value);
@@ -39,7 +39,7 @@ public:
     Tristate(StrepIterator& it, StrepIterator const& end) { Vel::parse(*this, it, end); }
     Tristate(LogIn* in, StreamBogon) { Vel::read(*this, *in); }
 
-    constexpr S const& value() const { return value_; }  // means something only when set
+    constexpr S const& value() const { return value_; }  // has a meaning only if isSet()
     constexpr bool isSet() const { return isSet_; }
     constexpr std::optional<S> optional() const { return isSet_ ? std::optional<S>(value_) : std::nullopt; }
 
@@ -47,7 +47,7 @@ public:
     static constexpr S valueDefault() { return S(); }
     static constexpr Tristate valueInvalid() { return Tristate(); }
 
-    // "unset", or the value: "true" or "false", decimal digits, or a double with six places.
+    // Returns "unset", or the value: "true" or "false", decimal digits, or a double with six decimals.
     String toStrep() const requires(!isString) {
         if (!isSet_) return "unset";
         if constexpr (std::is_same_v<S, bool> || std::is_same_v<S, F64>)
@@ -60,7 +60,7 @@ public:
 
     // Field by field: two unset values with different scalars are unequal.
     friend bool operator==(Tristate const&, Tristate const&) = default;
-    // There is no order, and none by way of the string's conversion to bool.
+    // There is no order. Deleted, since a TristateString would otherwise be compared by its conversion to bool.
     friend void operator<=>(Tristate const&, Tristate const&) = delete;
 
     static constexpr auto description() {

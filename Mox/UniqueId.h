@@ -5,12 +5,12 @@
 namespace Mox {
 
 // An identifier that a process mints without asking anybody: the time in whole seconds, the process id, and a number
-// within that second. Ids minted by one process ascend, at most 65536 of them with one time stamp; when a second is
-// used up, or the clock goes back, they run ahead of the clock rather than repeat. They start over when 2^32 seconds
-// have passed since 1970.
+// within that second. The ids that one process mints ascend. At most 65536 of them have the same time stamp; after
+// that, or if the clock goes back, the time stamps run ahead of the clock, so that no id repeats. The time stamp
+// overflows when 2^32 seconds have passed since 1970.
 //
-// All ones stands for "not yet minted": every path that builds an id from outside data replaces it by a fresh id,
-// except reading from an attribute log.
+// An id of all ones means "not yet minted". A constructor replaces it by a fresh id, except the one that reads from an
+// attribute log.
 //
 // Threads: minting uses two process-wide variables without a lock; callers on several threads must take turns.
 class VEL_API UniqueId {
@@ -24,7 +24,7 @@ public:
     UniqueId(LogIn* in, StreamBogon) { Vel::read(*this, *in); }
 
     static UniqueId generateUniqueId() { return UniqueId(); }
-    // The id that val() packs; a fresh one for all ones.
+    // The inverse of val(). Returns a fresh id if `val` is all ones.
     static UniqueId uniqueIdIs(U64 val) {
         return UniqueId(static_cast<U32>(val >> 32), static_cast<U16>(val >> 16), static_cast<U16>(val));
     }
@@ -60,7 +60,7 @@ constexpr auto UniqueId::description() {
         Vel::derived<&UniqueId::val>("val"), Vel::method<&UniqueId::doInit>("doInit"),
         Vel::method<&UniqueId::toStrep>("toStrep"), Vel::method<&UniqueId::generateUniqueId>("generateUniqueId"),
         Vel::method<&UniqueId::uniqueIdIs>("uniqueIdIs", "val"))
-        // The truth test compares with a fresh id, which uses one up; in practice it is true for every id.
+        // The truth test mints a fresh id and compares with it, so in practice it is true for every id.
         .with(Vel::truth<&UniqueId::differsFromFresh>, Vel::ordered, Vel::hashBy<&UniqueId::hash>,
             Vel::constructor<U32, U16, U16>);
 }

@@ -2,8 +2,8 @@
 
 #include "Vel/entity/Entity.h"
 
-// Stands in for the platform's redundancy library: the one entity that its service publishes for each cell, at
-// /<system>/Zendb/cell/<cell id>/redundancy/status in the state database.
+// Replaces the platform's redundancy library. It has only the entity that the redundancy service publishes for each
+// cell, at /<system>/Zendb/cell/<cell id>/redundancy/status in the state database.
 namespace Redundancy {
 
 class VEL_API RedundancyStatus : public Vel::EntityOf<RedundancyStatus> {
@@ -13,7 +13,7 @@ public:
     explicit RedundancyStatus(Vel::String const& name);
     ~RedundancyStatus() override;
 
-    Vel::U32 activeCellId() const { return activeCellId_; }  // unknownCell: not known
+    Vel::U32 activeCellId() const { return activeCellId_; }  // unknownCell if the service does not know it
     void activeCellIdIs(Vel::U32 cellId) const { velSet<&RedundancyStatus::activeCellId_>(cellId); }
 
     static constexpr auto description() {

@@ -3,7 +3,7 @@
 #include "Vel/describe/Enumeration.h"
 #include "Vel/entity/Entity.h"
 
-// Types in a library of their own: own_module.cpp shows how a program comes by them.
+// Types in a library of their own. own_module.cpp shows how a program uses them.
 namespace Weather {
 
 enum class SkyName : Vel::U8 { clear, cloudy, rain };
@@ -17,7 +17,7 @@ public:
     }
 };
 
-// What is seen from a place.
+// The sky as it is seen from one place.
 class VEL_API View : public Vel::EntityOf<View> {
 public:
     explicit View(Vel::String const& name) : EntityOf(name) {}

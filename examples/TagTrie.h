@@ -4,12 +4,13 @@
 
 #include <string_view>
 
-// A prefix trie to copy from: the state of a prefix is a set of tags, what is below a prefix inherits its tags, and two
-// sets merge into their union. Tries from "mox serve --trie" are of types with the same names and attributes.
+// A prefix trie to copy from. The state of a prefix is a set of tags. A path below a prefix inherits its tags, and two
+// sets merge into their union. The types of "mox serve --trie" have the same names and attributes as these.
 namespace Tags {
 
-// A set of tags is the text "a,b": each tag once, in the order of their bytes; nothing for no tags.
-Vel::String tagSet(std::string_view list);  // of tags in any order
+// Returns the set of the tags in a list, which may have any order. A set is the text "a,b": each tag once, in the order
+// of their bytes. The empty set is the empty text.
+Vel::String tagSet(std::string_view list);
 
 // The state of a prefix.
 class TagState : public Vel::EntityOf<TagState, Mox::PrefixTrieState> {
@@ -18,9 +19,9 @@ public:
     ~TagState() override;
 
     Vel::String tags() const { return tags_; }
-    void tagsIs(Vel::String const& v) { velSet<&TagState::tags_>(v); }  // REQUIRES: a set
+    void tagsIs(Vel::String const& v) { velSet<&TagState::tags_>(v); }  // REQUIRES: a set as tagSet() returns it
 
-    // Takes on the tags of `inheritedState`, a TagState. It makes no difference where they come from.
+    // Adds the tags of `inheritedState`, which must be a TagState. Ignores `inheritedOnly`.
     bool upgradeState(Vel::Ptr<Mox::PrefixTrieState> const& inheritedState, bool inheritedOnly) override;
     Vel::String outputForm() override;  // "{a,b}"
 
@@ -34,13 +35,14 @@ private:
     Vel::String tags_;
 };
 
-// A trie of TagStates. Threads: one at a time.
+// A trie of TagStates. Threads: one thread at a time.
 class TagTrie : public Vel::EntityOf<TagTrie, Mox::PrefixTrie> {
 public:
     explicit TagTrie(Vel::String const& name);
     ~TagTrie() override;
 
-    // The tags that apply to the path: those of the longest prefix in the trie that encloses it, or of the path itself.
+    // Returns the tags that apply to the path: those of the longest prefix in the trie that encloses it, which may be
+    // the path itself.
     Vel::String tagsOf(std::string_view path) const;
 
     Vel::Ptr<State> newStateIs() override;

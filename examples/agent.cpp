@@ -1,4 +1,4 @@
-// An agent: has the state database mounted at /ql/Zendb, and tells which cell is active, whenever that changes.
+// An agent: mounts the state database at /ql/Zendb, and prints which cell is active whenever that changes.
 //
 //     $ CELLID=1 agent unix:/run/mox/state.sock
 #include "Mount/Client.h"
@@ -29,8 +29,8 @@ int main(int argc, char** argv) {
                       << std::endl;
         };
         tell("nothing is mounted yet");
-        // The database may go, and what it holds may be replaced: look where the status is whenever the copy is
-        // complete.
+        // The database may go away, and its entities may be replaced, so this looks for the status again whenever the
+        // copy is complete.
         std::unique_ptr<Vel::Notifiee> observer;
         database.onStateIs([&](Mount::Client::State state) {
             if (state == Mount::Client::State::stale) tell("the database is away");

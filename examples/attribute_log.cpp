@@ -1,4 +1,4 @@
-// The attribute log: values as bytes in network order, written and read in the same sequence.
+// The attribute log: values as bytes in network byte order, which are read in the order in which they were written.
 #include "Mox/Cell.h"
 #include "Mox/Seqno.h"
 
@@ -18,7 +18,7 @@ int main() {
     bool const flag = in.nextbool();
     bool const good = seqno == Mox::Seqno32(258) && cell == Cell::CellId(1) && name == "roof" && flag && in.left() == 0;
 
-    // A log that ends too early is refused where it ends, and the position stays before the item.
+    // If a log ends too early, reading throws, and the position stays before the item.
     Vel::NboAttrLog::In cut(out.bytes().first(3));
     try {
         Mox::Seqno32 const never(&cut, Vel::StreamBogon());

@@ -1,4 +1,4 @@
-// An entity of your own: created in the directory tree by the name of its type, found by its path.
+// Defines an entity type, creates an entity in the directory tree by the name of its type, and finds it by its path.
 #include "Vel/describe/Module.h"
 #include "Vel/entity/Dir.h"
 
@@ -40,7 +40,7 @@ int main() {
     roof->placeIs("north wing");
     std::cout << roof->path() << ": " << roof->place() << ", every " << roof->interval() << " seconds\n";
 
-    bool const sameAgain = weather->createEntity("Weather::Station", "roof") == roof;  // found, not made anew
+    bool const sameAgain = weather->createEntity("Weather::Station", "roof") == roof;  // returns the existing entity
     weather->entryDel("roof");
     bool const gone = !Vel::globalDir()->entity("/weather/roof");
     std::cout << "still " << roof->place() << ": the reference keeps it, though it is out of the tree\n";

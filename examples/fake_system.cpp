@@ -1,4 +1,4 @@
-// Answering for the machine: in a test, environment and files are whatever the test says.
+// Replaces the system calls, so that a test decides what the environment and the files hold.
 #include "Mox/Cell.h"
 
 #include "Vel/base/System.h"
@@ -50,6 +50,6 @@ int main() {
     };
     bool const asExpected =
         active("active", "standby") == 1 && active("standby", "active") == 2 && active("active", "active") == 2;
-    Vel::System::callsIs(nullptr);  // the real ones again
+    Vel::System::callsIs(nullptr);  // puts the real system calls back
     return asExpected ? 0 : 1;
 }

@@ -1,4 +1,4 @@
-// Which ports are free, which are taken twice: sets of ids, their algebra, their text and their bytes.
+// Sets of ids: calculates which ports are free and which are taken twice, and shows the text and the bytes of a set.
 #include "Mox/IdSet.h"
 
 #include <iostream>
@@ -27,7 +27,7 @@ int main() {
     for (Id const id : web) sum += id.value();
     std::cout << "sum of the web's: " << sum << '\n';
 
-    // What comes from outside is checked: no text aborts.
+    // Parses a text from outside with a check: no text can abort the process.
     auto const read = IdSet::checked(ports, "(80,443,2000)");
     if (!read) std::cout << "refused: " << read.error().text << '\n';
 

@@ -1,4 +1,4 @@
-// Observers: a lambda is told of each change of an entity, for as long as what notifieeOf() returns lives.
+// Observers: calls a lambda for each change of an entity, as long as the result of notifieeOf() lives.
 #include "Mox/Cell.h"
 
 #include "Vel/entity/Dir.h"
@@ -14,14 +14,14 @@ int main() {
         auto const attr = status->fwkType().attributeOfId(attribute);
         std::cout << attr->name() << " (attribute " << attribute << ") has changed\n";
     });
-    status->productIs("tabletop");  // told
-    status->productIs("tabletop");  // no change: not told
-    status->cellIdIs(2);            // told
+    status->productIs("tabletop");  // notifies
+    status->productIs("tabletop");  // does not notify, since nothing changes
+    status->cellIdIs(2);            // notifies
 
     observer.reset();
-    status->productIs("rack");  // nobody left to tell
+    status->productIs("rack");  // does not notify, since no observer is left
 
-    // A directory tells which of its entries came or went.
+    // A directory notifies with the name of each entry that is added or removed.
     int entries = 0;
     auto const dir = Vel::globalDir();
     auto const watch = Vel::notifieeOf(*dir, [&](Vel::AttributeId, Vel::NotifieeKey const* key) {

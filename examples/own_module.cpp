@@ -1,5 +1,5 @@
-// A module in a library of its own, made by mox_add_module (CMakeLists.txt): this program names no type of it, and
-// finds them all the same, by name.
+// Uses a module in a library of its own, made by mox_add_module (CMakeLists.txt). The program includes no header of it,
+// and finds its types by their names.
 #include "Vel/describe/Module.h"
 #include "Vel/entity/Dir.h"
 

@@ -1,4 +1,4 @@
-// A set of path prefixes with tags that everything below inherits. TagTrie.h is the trie; docs/trie.md derives one.
+// A set of path prefixes with tags, which all paths below inherit. The trie is in TagTrie.h; docs/trie.md explains it.
 #include "examples/TagTrie.h"
 
 #include <iostream>
@@ -6,7 +6,7 @@
 namespace {
 
 void add(Tags::TagTrie& trie, Vel::String const& path, Vel::String const& tags) {
-    // A state for each prefix: on its way down it takes on the tags that it meets.
+    // Each prefix needs a state of its own, since prefixIs() adds the tags of the prefixes above to it.
     auto const state = Tags::TagState::newEntity();
     state->tagsIs(tags);
     trie.prefixIs(path, state);
@@ -20,8 +20,8 @@ void show(Tags::TagTrie const& trie, char const* path) {
 
 int main() {
     auto const paths = Tags::TagTrie::newEntity("paths");
-    add(*paths, "site*/rack1.port7", "10g");  // "site" becomes a mount point, too
-    add(*paths, "site/rack1", "indoors");     // reaches what is already below it
+    add(*paths, "site*/rack1.port7", "10g");  // also makes "site" a mount point
+    add(*paths, "site/rack1", "indoors");     // also adds the tag to the prefix that is already below it
     show(*paths, "site/rack1.port7");
     show(*paths, "site/rack1.port8.lane2");
     show(*paths, "site/rack2");
@@ -31,7 +31,7 @@ int main() {
     paths->append(more);
     show(*paths, "site/rack1.port7");
 
-    paths->prefixDel("site");  // what is below keeps its tags
+    paths->prefixDel("site");  // the prefixes below keep the tags that they inherited
     show(*paths, "site/rack1.port7");
     show(*paths, "site/rack2");
 

@@ -1,5 +1,5 @@
-// A redundancy service: makes the other cell the active one whenever it gets SIGUSR1, in the state database, where
-// every agent sees it.
+// A redundancy service: whenever it gets SIGUSR1, makes the other cell active in the state database, where all agents
+// see it.
 //
 //     $ redundancy_service unix:/run/mox/state.sock & kill -USR1 $!
 #include "Mount/Client.h"
@@ -19,7 +19,7 @@ Vel::Ptr<RedundancyStatus> statusOf(unsigned cell, Mount::Client& database) {
         database.replica().root()->entity(Vel::format("cell/%u/redundancy/status", cell)));
 }
 
-// Asks for the change: the service's own copy follows like everybody else's.
+// Asks the database for the change. The service's own copy changes when the database sends the change back.
 void flip(Mount::Client& database) {
     Vel::U32 const active = statusOf(1, database)->activeCellId() == 1 ? 2 : 1;
     for (unsigned const cell : {1u, 2u})

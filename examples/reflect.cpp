@@ -1,4 +1,4 @@
-// Reflection: every type of the process by name, without its header. Then a value and an entity handled through it.
+// Reflection: lists every type of the process, and uses a value and an entity without the headers of their types.
 #include "Vel/describe/Module.h"
 #include "Vel/entity/Dir.h"
 
@@ -15,14 +15,14 @@ int main() {
         }
     }
 
-    // A value: from its text to its bytes, comparing as its type compares.
+    // A value: parses it, compares it by its type's order, and shows its bytes.
     Vel::VelType const seqno = Vel::Registry::type("Mox::Seqno16");
     Vel::GenericValue const last(seqno, "65535");
     Vel::GenericValue const next(seqno, "0");
     bool const wrapped = last.test(Vel::AttributeOp::less, &next).value();
     std::cout << last.strep() << (wrapped ? " comes before " : " comes after ") << next.strep() << '\n';
 
-    // An entity: set one attribute, read it back. Both go through the accessor and the mutator.
+    // An entity: sets an attribute and reads it back, by the type's mutator and accessor.
     auto const status = Vel::globalDir()->createEntity("Cell::Status", "cell");
     Vel::VelAttr const product = status->fwkType().attribute("product").value();
     Vel::String const given = "tabletop";

@@ -1,4 +1,4 @@
-// A trie that is filled in one process and asked in others.
+// A trie that one process fills, and that others mount and query.
 //
 //     $ shared_trie serve unix:/tmp/racks.sock site=north site/rack1.port7=10g,lab &
 //     $ shared_trie ask unix:/tmp/racks.sock site/rack1.port7.lane2

@@ -1,4 +1,4 @@
-// A value type of your own: one description gives it text, parser, bytes, reflection and a registered name.
+// Defines a value type: its description gives it a text form, a parser, bytes, reflection and a registered name.
 #include "Vel/describe/Module.h"
 
 #include <iostream>

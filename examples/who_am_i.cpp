@@ -14,7 +14,7 @@ int main() {
         std::cout << "election manager " << (Cell::electionMgrSupported() ? "arbitrates" : "absent")
                   << ", CPU/BMC mode " << (Cell::cpuBmcMode() ? "on" : "off") << '\n';
         std::cout << "state of this cell is at " << Cell::path("redundancy/status", 0) << '\n';
-    } catch (Vel::Exception const& error) {  // a variable or file that says nothing sensible, or cannot be read
+    } catch (Vel::Exception const& error) {  // a variable or file holds a wrong text, or cannot be read
         std::cerr << "who_am_i: " << error.what() << '\n';
         return 1;
     }

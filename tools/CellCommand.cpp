@@ -49,18 +49,18 @@ REDSUPDUT_LOCAL_REDMODE and REDSUPDUT_PEER_REDMODE name, when both are set. File
 trailing newline counts. Exit code 1 when a fact has no answer.)~";
 
 struct Options {
-    std::string root;                             // the files are looked for below this folder; empty: "/"
-    bool noEnvironment = false;                   // take all variables but those for tracing as unset
+    std::string root;                             // look for files below this folder; empty means "/"
+    bool noEnvironment = false;                   // treat all variables except those for tracing as unset
     std::string system = "ql";                    // the activity manager's system name
-    std::optional<std::string> redundancyStatus;  // publish a status with this active cell; "none": not known
+    std::optional<std::string> redundancyStatus;  // publish a status with this active cell; "none" means unknown
     bool trace = false;
     bool json = false;
 };
 
 struct Fact {
-    char const* key;                    // in JSON
-    char const* label;                  // for people
-    char const* demands;                // what its sources must hold; null: anything goes
+    char const* key;                    // name in JSON
+    char const* label;                  // name for people
+    char const* demands;                // what its sources must hold; null if they may hold any text
     Json (*ask)(Cell::Source& source);  // throws what the library throws
 };
 
@@ -83,13 +83,13 @@ Fact const facts[] = {
 struct Answer {
     Fact const* fact;
     Json value;
-    std::string error;  // empty: none
-    Source source;      // its files as they are called here
+    std::string error;  // empty if there is a value
+    Source source;      // with the real paths of its files, below --root
 };
 
 // --- asking ---
 
-// A number from 0 to 0xFFFFFFFF, or "none".
+// Parses a number from 0 to 0xFFFFFFFF, or "none". Throws Failure.
 std::uint32_t redundancyStatusFrom(std::string const& text) {
     if (text == "none") return Redundancy::RedundancyStatus::unknownCell;
     if (auto const id = numberFrom<std::uint32_t>(text)) return *id;
@@ -97,7 +97,7 @@ std::uint32_t redundancyStatusFrom(std::string const& text) {
         badUsage, "--redundancy-status: " + shown(text) + " is neither a number from 0 to 4294967295 nor none");
 }
 
-// Publishes the status that the redundancy service would.
+// Publishes a redundancy status, in place of the redundancy service.
 void publishStatus(std::string const& system, Vel::U32 activeCell) {
     Vel::Ptr<Vel::Dir> folder = Vel::globalDir();
     std::string const path = system + "/Zendb/" + Cell::path("redundancy/status", 0).stdString();
@@ -125,7 +125,8 @@ std::vector<Answer> askAll(Options const& options, RootedCalls const& calls) {
     std::vector<Answer> answers;
     for (Fact const& fact : facts) {
         answers.push_back(ask(fact, calls));
-        // The status stands below the own cell's number, so that comes first. Without one, nobody will look for it.
+        // The status is below the own cell's number, so that fact is asked first. If it fails, no status is needed,
+        // since nobody can look for it.
         if (answers.size() == 1 && options.redundancyStatus && answers[0].error.empty())
             publishStatus(options.system, redundancyStatusFrom(*options.redundancyStatus));
     }
@@ -146,7 +147,8 @@ std::string quoted(std::optional<std::string> const& text) {
     return shortened(cleaned(Vel::valueToStrep(Vel::String(text.value_or(""))).view()), 80);
 }
 
-// "no CELLID, no /etc/cellid"; of mode files that did not both open, the one that was missing.
+// Returns what was asked and is not there: "no CELLID, no /etc/cellid". Of the mode files, names those that could not
+// be opened.
 std::string missingText(std::vector<Source::Asked> const& asked) {
     std::vector<std::string> texts;
     for (Source::Asked const& one : asked) {
@@ -193,7 +195,7 @@ std::string textOf(std::vector<Answer> const& answers) {
     return table.text();
 }
 
-// What to do about a fact that has no answer.
+// Says what the user can do about a fact that has no answer.
 std::string advice(Answer const& answer) {
     Source const& source = answer.source;
     std::string const subject = std::string(answer.fact->label) + ": ";

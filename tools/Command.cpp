@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::string_view mark = "]\n";
 
-// Whose value is what was given, without marks.
+// Makes an option's value what the user gave, without the marks of markedArgument().
 CLI::Option& plain(CLI::Option* option) { return *option->transform(unmarked); }
 
 }  // namespace
@@ -58,7 +58,7 @@ void Command::options(char const* name, std::vector<std::string>& to, char const
     plain(line_.add_option(name, to, what)).type_name(unit)->take_all()->expected(1)->allow_extra_args(false);
 }
 
-// Digits only: the parser's own conversion takes "-1" for the largest number, and cuts what is larger.
+// Accepts digits only. CLI11's own conversion would accept "-1" as the largest number, and truncate larger ones.
 void Command::number(char const* name, std::optional<std::uint64_t>& to, char const* what) {
     auto const take = [&to, name](std::string const& text) {
         to = numberFrom<std::uint64_t>(unmarked(text));

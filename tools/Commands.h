@@ -2,7 +2,7 @@
 
 #include "tools/Command.h"
 
-// All commands, in the order of "mox --help". Each is in the file of its name; a new one is added here.
+// All commands, in the order of "mox --help". Each is in NameCommand.cpp. Add the maker of a new command here.
 namespace Tool {
 
 using Maker = std::unique_ptr<Command>(CLI::App& app);

@@ -69,7 +69,7 @@ public:
     }
 
 private:
-    std::string attribute_;  // empty: all
+    std::string attribute_;  // empty means all
 };
 
 }  // namespace

@@ -37,7 +37,7 @@ Ids are below the size (--size, at most 16320: beyond, ids share bits). Exit cod
 or the files.)~";
 
 struct Options {
-    std::vector<std::string> expression;  // its parts, as if blanks stood between them
+    std::vector<std::string> expression;  // its parts; they are joined with blanks
     std::string size = "16320";
     bool count = false;
     bool list = false;
@@ -50,10 +50,10 @@ using Mox::Id;
 using Mox::IdSet;
 using Vel::U16;
 
-// Beyond, ids share bits.
+// In sets of a larger size, ids share bits.
 constexpr unsigned largestSize = 16320;
 
-// Every mistake is exit code 2: 1 says that --contains has not found the id.
+// Parses a number below `end`. Every mistake has exit code 2, since 1 means that --contains has not found the id.
 unsigned idFrom(std::string const& option, std::string const& text, unsigned end, std::string const& what) {
     auto const number = numberFrom<unsigned>(text);
     if (number && *number < end) return *number;
@@ -66,7 +66,7 @@ Id lastId(IdSet const& set) {
     return last;
 }
 
-// Ids in a row: 64, or on a terminal the power of two that fits.
+// Returns how many ids are drawn in a row: 64, or on a terminal the largest power of two from 8 to 128 that fits.
 unsigned idsPerRow() {
     constexpr unsigned label = 7;
     winsize window{};
@@ -129,7 +129,7 @@ public:
         flag("--json", options_.json, "Answer in JSON");
     }
 
-    // somethingWrong only when the set does not hold the id asked for
+    // Returns somethingWrong only if the set does not have the id of --contains.
     int run() override {
         checkOptions(options_);
         U16 const size = static_cast<U16>(

@@ -5,7 +5,8 @@
 
 namespace Tool {
 
-// What the commands on a server's live state have in common: its address, and the files for TLS.
+// Base of the commands that access a server's live state. It has their common options: the address, the timeout, and
+// the files for TLS.
 class LiveCommand : public Command {
 protected:
     LiveCommand(CLI::App& app, char const* name, char const* what, char const* help);

@@ -47,7 +47,7 @@ A state file, and a file of prefixes, has at most 256 MiB. Of its mistakes the f
 Exit code 0 after a signal, 1 when it cannot listen, 2 when the command line or a file is wrong.)~";
 
 struct Options {
-    std::string state;               // file; "-": standard input; empty: none
+    std::string state;               // path of the state file; "-" means standard input; empty means none
     std::vector<std::string> tries;  // "PATH=FILE"
     bool writable = false;
     std::vector<std::string> users, writers;
@@ -79,7 +79,7 @@ Ptr<Entity> rootFrom(std::string const& file) {
     return root;
 }
 
-// A trie from a file of prefixes, at a path below directories.
+// Adds a trie, read from a file of prefixes, to the tree at a path. Makes the directories above it.
 void addTrie(Ptr<Entity>& root, std::string const& argument) {
     auto const equals = argument.find('=');
     if (!argument.starts_with('/') || equals == std::string::npos)
@@ -125,8 +125,8 @@ Mount::ServerOptions serverOptions(Options const& options, ConnectionOptions con
     return server;
 }
 
-// SIGINT, SIGTERM and SIGHUP end the loop, and nothing else: what listens is to be taken away again. Who wants to go on
-// without a terminal has SIGHUP ignored, as nohup does.
+// Makes SIGINT, SIGTERM and SIGHUP end the loop instead of the process, so that the server removes its socket. If
+// SIGHUP is ignored, as under nohup, it stays ignored.
 class Signals {
 public:
     Signals() {
@@ -142,7 +142,7 @@ public:
             int signal = 0;
             while (::sigwait(&set, &signal) != 0) {}
             loop.post([&loop] { loop.stop(); });
-        }).detach();  // waits until the process ends
+        }).detach();  // the thread waits for signals until the process ends
     }
 
 private:
@@ -167,7 +167,7 @@ public:
         Ptr<Entity> root = rootFrom(options_.state);
         for (std::string const& trie : options_.tries) addTrie(root, trie);
         Signals signals;
-        static Mount::Loop loop;  // the thread that waits for signals may still know it while the process ends
+        static Mount::Loop loop;  // static, since the thread that waits for signals may use it until the process ends
         try {
             Mount::Server server(loop, root, how);
             Mount::Address const listening = server.listen(address);

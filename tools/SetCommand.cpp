@@ -45,7 +45,7 @@ public:
             throw Failure(somethingWrong, where_.address +
                                               " is read-only for you: its server takes no changes, or not from "
                                               "this user (\"mox serve\" has --writable and --writer)");
-        // Where it has the value already, nothing would come back.
+        // If the attribute has the value already, the server would send no change to wait for.
         bool const isSame = storedValue(found.entity(), attribute).strep() == value.strep();
         if (!isSame) change(found, attribute, value);
         if (json_)
@@ -80,7 +80,7 @@ private:
                                     " after " + Vel::format("%g", where_.timeout).stdString() + " s"};
     }
 
-    std::string attribute_, value_;  // the value as a text
+    std::string attribute_, value_;  // the attribute's name, and the value as text
 };
 
 }  // namespace

@@ -44,10 +44,10 @@ of more it is told how many there are of which kind; of a file that is compresse
 with all fields; with --each, one on each line.)~";
 
 struct Options {
-    std::string type;                 // the statistic's, perhaps without its namespace
-    std::optional<std::string> file;  // of observations; nothing or "-": standard input
-    std::optional<std::string> from;  // text form of the statistic to begin with
-    bool each = false;                // answer after each observation, not at the end
+    std::string type;                 // the statistic's type, with or without its namespace
+    std::optional<std::string> file;  // file of observations; empty or "-" means standard input
+    std::optional<std::string> from;  // text form of the statistic to start with
+    bool each = false;                // answer after each observation, instead of at the end
     bool json = false;
 };
 
@@ -59,7 +59,7 @@ using Vel::VelType;
 
 // --- which statistic ---
 
-// What takes the observations; nothing when the type is no statistic.
+// Returns the attribute that takes observations, or nothing if the type is no statistic.
 std::optional<VelAttr> updateOf(VelType type) {
     if (type.isEntity()) return std::nullopt;
     auto const attr = type.attribute("update");
@@ -75,7 +75,8 @@ std::vector<std::string> statisticNames() {
     return names;
 }
 
-// The type of that name, or the one whose name ends so, those of Mox first.
+// Returns the type with this name, or else the one with this name in Mox, or else the only one with it in another
+// namespace.
 VelType typeOfShortName(std::string const& name) {
     if (VelType const type = Vel::Registry::type(name)) return type;
     if (VelType const type = Vel::Registry::type("Mox::" + name)) return type;
@@ -107,8 +108,8 @@ GenericValue startOf(VelType type, std::optional<std::string> const& text) {
 
 // --- answers on the way ---
 
-// A type may have texts that break a precondition of its parser, which ends the process. Its assertion has just been
-// printed; what has been answered before must not be lost with it.
+// Some text may break a precondition of a type's parser, which aborts the process. Then the handler prints the answers
+// so far, and says at which line it happened; the assertion was printed before.
 LineReader const* readingLines = nullptr;
 std::string unprinted;
 
@@ -183,7 +184,7 @@ private:
         try {
             GenericValue const observation = valueFrom(update_.valueType(), lines_.text(),
                 [this](std::string const& note, std::size_t offset) { remarkOn(note, offset); });
-            GenericValue updated(statistic_);  // an observation counts in full or not at all
+            GenericValue updated(statistic_);  // a copy, so that an observation is taken in full or not at all
             int const code = updated.type().glue().genericIfAttributeOp(
                 nullptr, updated.data(), update_, AttributeOp::set, nullptr, observation.data());
             if (code != 0) throw Vel::TypeException("the statistic does not take it");
@@ -192,7 +193,7 @@ private:
             return reject(what + error.text().stdString(), error.offset());
         } catch (Vel::Exception const& error) {
             return reject(error.text().stdString(), 0);
-        } catch (std::logic_error const& error) {  // the standard library's conversions
+        } catch (std::logic_error const& error) {  // thrown by the standard library's conversions
             return reject(what + error.what(), 0);
         }
         ++taken_;
@@ -203,7 +204,7 @@ private:
         complaints_.add(lines_.place(offset), why, lines_.text(), offset);
     }
 
-    // The first ones only, as of mistakes: a file that one thing differs in has it in each line.
+    // Shows only the first remarks, as is done for mistakes: such a difference is often in every line of a file.
     void remarkOn(std::string const& note, std::size_t offset) {
         if (!isVerbose() || remarks_++ > Complaints::mostShown) return;
         progress_.clear();
@@ -226,7 +227,7 @@ private:
         std::string text = jsonText({{"type", type.name()}, {"observationType", update_.valueType().name()},
             {"observations", taken_}, {"bad", complaints_.count()}, {"text", statistic_.strep().stdString()},
             {"attributes", std::move(attributes)}});
-        text.pop_back();  // the newline, which answer() adds
+        text.pop_back();  // removes the newline, since answer() adds one
         return text;
     }
 

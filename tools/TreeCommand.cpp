@@ -54,8 +54,8 @@ private:
     }
 
     bool ascii_ = false;
-    bool state_ = false;                  // as a state file
-    std::optional<std::uint64_t> depth_;  // levels to draw below the first
+    bool state_ = false;                  // print a state file
+    std::optional<std::uint64_t> depth_;  // levels to draw below the first; all if it is empty
 };
 
 }  // namespace

@@ -47,9 +47,9 @@ standard error, more are counted. A file has at most 256 MiB.
 Exit code 2: the command line is wrong, or a file cannot be read. Paths that begin with a dash go behind --.)~";
 
 struct Options {
-    std::string file;                    // "-": standard input
-    std::string command;                 // empty: counts only
-    std::vector<std::string> arguments;  // paths, or the other file
+    std::string file;                    // "-" means standard input
+    std::string command;                 // empty means to print the counts only
+    std::vector<std::string> arguments;  // paths, or the second file
     bool ascii = false;
     bool dot = false;
     bool json = false;
@@ -87,7 +87,8 @@ constexpr std::pair<std::string_view, Question> questions[] = {
     {"state", stateOrNone},
 };
 
-// Answers as they come, since there may be many: to a single path its answer only, else "PATH ANSWER" for each.
+// Prints the answers one by one, since there may be many. For a single path prints only the answer, for several "PATH
+// ANSWER" for each.
 class Asking {
 public:
     Asking(Answers& answers, TagTrie const& trie, Question question, bool json, bool isOnly)
@@ -240,7 +241,8 @@ private:
         return done();
     }
 
-    // As a file that makes the same trie. What is in the set is a mount point without a star.
+    // Writes a file that makes the same trie. Only a mount point that is not in the set needs a star, since a prefix in
+    // the set is a mount point anyway.
     void writeLines(TagTrie const& trie) {
         std::optional<JsonList> list;
         if (options_.json) list.emplace(answers_, "\"prefixes\": ");
@@ -249,7 +251,7 @@ private:
             if (!node.present()) return;
             if (list)
                 list->add({{"path", path}, {"tags", tagList(tagsOf(node))}});
-            else  // a line that begins with # is a comment
+            else  // a blank before "#", or the line would be a comment
                 answers_.add((path.starts_with('#') ? " " : "") + cleaned(path) + tagsBehind(node) + "\n");
         });
         if (list) list->close(bad_);
@@ -258,7 +260,7 @@ private:
     Options const& options_;
     std::string name_;
     Ptr<TagTrie> trie_;
-    std::uint64_t bad_ = 0;  // lines
+    std::uint64_t bad_ = 0;  // number of bad lines
     Answers answers_;
 };
 
@@ -273,7 +275,7 @@ public:
         flag("--json", options_.json, "Answer in JSON");
     }
 
-    // somethingWrong also when an answer is no, and when tries differ
+    // Returns somethingWrong if lines are bad, if an answer is no, or if the tries differ.
     int run() override { return Run(options_).run(); }
 
 private:

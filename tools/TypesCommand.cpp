@@ -33,7 +33,7 @@ using Vel::AttributeOp;
 using Vel::VelAttr;
 using Vel::VelType;
 
-// --- words for what the records hold ---
+// --- words for the contents of records ---
 
 constexpr std::pair<AttributeOp, char const*> operationNames[] = {{AttributeOp::get, "get"}, {AttributeOp::set, "set"},
     {AttributeOp::del, "delete"}, {AttributeOp::count, "count"}, {AttributeOp::changeCounter, "change counter"},
@@ -66,7 +66,7 @@ char const* kindText(VelType type) {
     return has(type, Vel::TypeFlag::ownText) ? "value with a text form of its own" : "record";
 }
 
-std::string nameOf(VelType type) { return type ? cleaned(type.name()) : "-"; }  // a library may say any name
+std::string nameOf(VelType type) { return type ? cleaned(type.name()) : "-"; }  // cleaned: a library may have any name
 
 std::string sizeText(VelType type) {
     if (type.isEntity()) return "-";
@@ -83,7 +83,7 @@ std::string parametersText(VelAttr attr) {
     return "(" + joined(texts, ", ") + ")";
 }
 
-// "U32", "Vel::Entity by Vel::String", "(U32 val) -> bool"
+// Returns an attribute's type: "U32", "Vel::Entity by Vel::String" or "(U32 val) -> bool".
 std::string typeText(VelAttr attr) {
     std::string text = attr.valueType() ? nameOf(attr.valueType()) : "";
     if (attr.keyType()) text += " by " + nameOf(attr.keyType());
@@ -106,7 +106,7 @@ Json attributeJson(VelAttr attr) {
 
 // --- one type ---
 
-// The type and those it derives from, the most basic first: the order of the attribute ids.
+// Returns the type and its bases, the most basic first, which is the order of the attribute ids.
 std::vector<VelType> lineage(VelType type) {
     std::vector<VelType> types;
     for (; type; type = type.base()) types.insert(types.begin(), type);
@@ -158,9 +158,9 @@ Json typeJson(VelType type) {
 
 // --- modules ---
 
-using Module = std::vector<VelType>;  // its types; a module has at least one
+using Module = std::vector<VelType>;  // the module's types, of which there is at least one
 
-std::vector<Module> modulesNamed(std::string_view name) {  // all when the name is empty
+std::vector<Module> modulesNamed(std::string_view name) {  // all if the name is empty
     std::vector<Module> modules;
     for (VelType const& type : Vel::Registry::types()) {
         if (!name.empty() && type.moduleName() != name) continue;
@@ -201,7 +201,8 @@ Json modulesJson(std::vector<Module> const& modules) {
                                 orNearest(name, known, "; \"mox types\" lists all"));
 }
 
-// The registry has told on standard error which modules it refuses, when it first looked at them.
+// Returns the exit code, and warns if modules were refused. The registry has already reported each of them on standard
+// error.
 int codeForRefusals() {
     auto const count = Vel::Registry::refusals().size();
     if (count == 0) return fine;
@@ -229,7 +230,7 @@ public:
     }
 
 private:
-    std::string name_;  // of a type or module; empty: all
+    std::string name_;  // name of a type or module; empty means all
     bool json_ = false;
 };
 

@@ -35,9 +35,9 @@ A word needs no quotes where a string is meant, and a whole number will do for a
 tells what was taken for what. The text of a type: see "text form" in "mox types TYPE". Exit code 1 when text or bytes are not a value of the type.)~";
 
 struct Options {
-    std::optional<std::string> text;  // "-": from standard input
-    std::optional<std::string> hex;   // the same
-    std::string type;                 // empty: the one that the text names
+    std::optional<std::string> text;  // "-" means standard input
+    std::optional<std::string> hex;   // "-" means standard input
+    std::string type;                 // empty means the type that the text names
     bool json = false;
 };
 
@@ -49,9 +49,9 @@ using Vel::VelType;
 
 // --- input ---
 
-// Without its last newline, which is what the shell's tools add.
+// Reads standard input. Drops one newline at the end, which the shell's tools add.
 std::string standardInput() {
-    constexpr std::size_t most = 16u << 20;  // bytes, more than any value needs
+    constexpr std::size_t most = 16u << 20;  // limit in bytes, more than any value needs
     Input input("-");
     std::optional<std::string> text = input.all(most);
     if (!text) throw Failure(somethingWrong, input.tooLarge(most) + ", which no value needs");
@@ -61,7 +61,7 @@ std::string standardInput() {
 
 std::string input(std::string const& argument) { return argument == "-" ? standardInput() : argument; }
 
-// The T of a text that begins "Value('T', "; empty for any other.
+// Returns the T of a text that begins "Value('T", or an empty text for any other.
 std::string_view typeNameIn(std::string_view text) {
     constexpr std::string_view begin = "Value('";
     if (!text.starts_with(begin)) return {};
@@ -88,8 +88,8 @@ VelType typeFor(Options const& options, std::string_view text) {
     return valueTypeNamed(name);
 }
 
-// A type may have texts or bytes that break a precondition of its operations, which ends the process; its assertion has
-// just been printed. The answer is printed at the very end, so nothing of it has been seen.
+// Some text or bytes may break a precondition of a type's operations, which aborts the process. Then the handler
+// explains it; the assertion was printed before. The answer is printed at the very end, so no part of it was.
 extern "C" void explainAbort(int) {
     static constexpr char text[] = "mox: this breaks a precondition of the type, as the assertion above says\n";
     [[maybe_unused]] auto const written = ::write(STDERR_FILENO, text, sizeof text - 1);
@@ -139,7 +139,8 @@ struct Field {
     std::string strep;
 };
 
-// A computed attribute may have preconditions (the first member of an empty set has no value).
+// Returns the text of an attribute, or nothing if it has no value. A computed attribute is read in a child process,
+// since it may have preconditions, such as that a set is not empty.
 std::optional<std::string> strepOf(GenericValue const& value, VelAttr attr) {
     auto const read = [&] {
         auto const part = value.get(attr);
@@ -177,7 +178,7 @@ char const* kindText(AttributeKind kind) {
 std::string hashText(GenericValue const& value) { return Vel::format("%08x", value.hash()).stdString(); }
 
 std::string textOf(GenericValue const& value) {
-    constexpr std::size_t most = 4000;  // bytes of one entry
+    constexpr std::size_t most = 4000;  // bytes of one entry; more are shortened
     VelType const type = value.type();
     auto const truth = value.test(AttributeOp::truth);
     Table table;

@@ -58,10 +58,10 @@ Bytes of a peer or a type that a terminal would obey, such as escape sequences, 
 Exit code 1 when --timeout ends it before it was synced, or before --count changes.)~";
 
 struct Options {
-    std::optional<std::uint64_t> count;  // of changes
+    std::optional<std::uint64_t> count;  // number of changes after which to end
     bool untilSynced = false;
-    std::optional<double> duration;  // seconds
-    std::string time = "local";      // how times are told: see Moments.h
+    std::optional<double> duration;  // seconds after which to end
+    std::string time = "local";      // form of the times: see Moments.h
     bool json = false;
 };
 
@@ -70,7 +70,8 @@ using Node = EntityTree::Node;
 using State = Mount::Client::State;
 using Vel::StreamAttribute;
 
-// Nobody reads on: better to end now than at the next change, which may be far off.
+// Whether the reader of standard output has gone. Then the command ends now, and does not wait for the next change to
+// find out.
 bool isOutputClosed() {
     pollfd output{STDOUT_FILENO, 0, 0};
     return ::poll(&output, 1, 0) == 1 && (output.revents & POLLERR);
@@ -103,7 +104,8 @@ public:
     }
 
 private:
-    // A server knows names only.
+    // Returns the path for which the server is asked. Throws Failure if it has steps that are not names, since a server
+    // only knows names.
     std::string askedPath() const {
         std::string asked;
         for (Step const& step : stepsOf(path_)) {
@@ -127,8 +129,8 @@ private:
         return somethingWrong;
     }
 
-    // What comes in at once has happened at one time. Up to the first mark the lines are a state file, without times,
-    // and nothing in it is a change.
+    // Returns the time that is put before a line. All lines of one batch have the same time. Until the first "synced"
+    // they have none, since they are the lines of a state file, and not changes.
     std::string time(bool isNote) {
         if (!hasSynced_ && !(isNote && options_.json)) return "";
         if (now_.empty()) now_ = options_.json ? moments_.isoText() : moments_.text();
@@ -137,7 +139,7 @@ private:
 
     // --- what happens ---
 
-    // Called after everything that has come in. Whether that was all that is wanted.
+    // Called after each batch that has come in. Returns whether the command is done.
     bool followed() {
         auto const& root = client_->replica().root();
         if (tree_ && (!root || tree_->find(*root) != &tree_->root())) {
@@ -186,14 +188,14 @@ private:
 
     void failed(std::string const& error) {
         std::string const text = (error.empty() ? "the connection was closed" : error) + adviceFor(error);
-        if (text == error_) return;  // once is enough, however often it is tried
+        if (text == error_) return;  // prints an error once, however often the client tries again
         error_ = text;
-        // What a connection was lost by is told with that.
+        // If a connection was lost, its error is printed together with that.
         if (state_ == State::synced) return;
         lines_.note("error", text, {{"error", text}});
     }
 
-    // Each change counts once; when there were enough, nothing more is told.
+    // Counts a change. Returns false if there were enough changes before, so that this one is not printed.
     bool counts() {
         if (isDone_) return false;
         ++changes_;
@@ -203,7 +205,7 @@ private:
 
     void reportFresh() {
         if (fresh_.empty()) return;
-        // In the order of the tree: those first that are below what has been there before.
+        // Prints in the order of the tree, starting with the new entities whose parent is not new.
         std::vector<Node*> tops;
         for (Node* const node : appeared_)
             if (fresh_.contains(node) && !fresh_.contains(node->above())) tops.push_back(node);
@@ -234,13 +236,13 @@ private:
     ConnectionOptions const& where_;
     std::string path_, now_;
     Moments moments_;
-    Answers answers_{std::numeric_limits<std::size_t>::max()};  // never flushed in the middle of a change
+    Answers answers_{std::numeric_limits<std::size_t>::max()};  // no limit, so it is never flushed amid a change
     TreeLines lines_;
     Mount::Loop loop_;
     Vel::Ptr<Vel::Dir> place_ = placeForCopy();
     std::optional<EntityTree> tree_;
     std::optional<Mount::Client> client_;
-    // Entities that have come since the last batch; they are told of with the values that they have at its end.
+    // Entities that have appeared in this batch. They are printed at its end, with the values that they have then.
     std::unordered_set<Node*> fresh_;
     std::vector<Node*> appeared_;
     State state_ = State::empty;

@@ -41,7 +41,7 @@ public:
         app_.require_subcommand(1);
         app_.get_formatter()->column_width(32);
         app_.set_version_flag("--version", "mox " MOX_VERSION, "Show the version and leave");
-        // One library a time, so that the command's name is not taken for another.
+        // Each --module takes one library only, so that the command's name is not parsed as a second one.
         app_.add_option(
                 "--module", modules_, "Load a shared library of further types first; may be given several times")
             ->transform(unmarked)
@@ -79,7 +79,7 @@ private:
     void parse(int argc, char** argv) {
         std::vector<std::string> arguments;
         for (int i = 1; i < argc; ++i) arguments.push_back(markedArgument(argv[i]));
-        std::reverse(arguments.begin(), arguments.end());  // as CLI11 wants them
+        std::reverse(arguments.begin(), arguments.end());  // CLI11 expects them in reverse order
         app_.parse(std::move(arguments));
     }
 

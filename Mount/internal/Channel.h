@@ -9,13 +9,13 @@ namespace Mount {
 
 using Vel::U8;
 
-// What carries bytes over a socket that does not block: the socket alone, or TLS on it. The channel does not own it.
+// Carries bytes over a socket that does not block: plain, or by TLS. The channel does not own the socket.
 class VEL_API Channel {
 public:
     enum class Result : U8 {
-        done,        // the bytes that are told, at least one
-        wantsRead,   // nothing until the socket can be read; without it the channel itself may hold more
-        wantsWrite,  // nothing until it can be written to
+        done,        // Outcome::bytes were carried, at least one
+        wantsRead,   // call again when the socket is readable; until receive() says so, the channel may hold more bytes
+        wantsWrite,  // call again when the socket is writable
         end,         // the other side sends no more
         failed       // for good; error() says why
     };
@@ -29,12 +29,12 @@ public:
     Channel& operator=(Channel const&) = delete;
     virtual ~Channel() = default;
 
-    // To be called until it says done, before anything else; it never says end. The bytes mean nothing.
+    // To be called before anything else, until it returns `done`. Never returns `end`; the bytes mean nothing.
     virtual Outcome handshake() { return {Result::done}; }
     virtual Outcome receive(std::span<U8> into) = 0;
-    // After wantsRead or wantsWrite the next call must be given the same bytes again, and perhaps more behind them.
+    // After wantsRead or wantsWrite the next call must pass the same bytes again; more bytes may follow them.
     virtual Outcome send(std::span<U8 const> bytes) = 0;
-    virtual void finish() = 0;  // nothing more will be sent: tells the other side, as far as that takes no waiting
+    virtual void finish() = 0;  // tells the other side that nothing more is sent, unless that would have to wait
 
     String const& error() const { return error_; }
     String const& peerName() const { return peerName_; }  // who the other side is, once the handshake is done
@@ -45,7 +45,7 @@ protected:
     String peerName_;
 };
 
-// The socket alone. `peerName` is what else tells of the other side.
+// A channel without TLS. `peerName` becomes its peerName().
 std::unique_ptr<Channel> plainChannel(int socket, String const& peerName);
 
 // The certificates of one side, read once for all its connections.
@@ -57,8 +57,8 @@ public:
     TlsContext(Side side, PeerOptions const& options);
     ~TlsContext();
 
-    // The handshake fails unless the other side shows a certificate that the authority has signed, one of
-    // `options.names` if there are any; for a client, one that is for the host that it connects to.
+    // The handshake fails unless the other side shows a certificate that the authority has signed, and whose common
+    // name is in `options.names`, if those are not empty. A client also requires that the certificate is for `host`.
     std::unique_ptr<Channel> channel(int socket, String const& host) const;
 
 private:

@@ -10,12 +10,13 @@ namespace Mount {
 namespace {
 
 constexpr std::size_t bufferSize = 256u << 10;
-constexpr std::size_t scarceSize = 16u << 10;     // of output, when others need the memory
-constexpr std::size_t turn = 1u << 20;            // bytes either way before others have theirs
-constexpr std::chrono::milliseconds turnTime{3};  // and so long: of small messages, fewer bytes take as long
+constexpr std::size_t scarceSize = 16u << 10;     // most output at once while memory is scarce
+constexpr std::size_t turn = 1u << 20;            // bytes received or sent before other connections have their turn
+constexpr std::chrono::milliseconds turnTime{3};  // longest turn: small messages take longer a byte
 constexpr std::chrono::seconds finishTime{1};
 
-// Room for what comes in. One for all connections of the thread, as long as none of them runs the loop from within.
+// Room for what comes in. All connections of a thread share one buffer. A further one is allocated only while an
+// observer runs the loop from within receive().
 class Buffer {
 public:
     Buffer() : bytes_(kept() ? std::move(kept()) : std::make_unique_for_overwrite<U8[]>(bufferSize)) {}
@@ -32,7 +33,7 @@ private:
     std::unique_ptr<U8[]> bytes_;
 };
 
-// What one connection does before others have their turn. The first piece is always done.
+// Measures how long one connection works before others have their turn. A turn is never over before its first bytes.
 class Turn {
 public:
     void done(std::size_t bytes) { bytes_ += bytes; }
@@ -55,7 +56,8 @@ Connection::Connection(
       memory_(memory) {}
 Connection::~Connection() = default;
 
-// Does some work for which the peer may be called, and ends afterwards if it has come to that.
+// Does some work that may call the peer. Afterwards ends the connection if endLater() was called, or else waits for the
+// socket.
 template <class Work> void Connection::run(Work work) {
     if (phase_ == Phase::ended) return;
     auto const self = shared_from_this();
@@ -63,7 +65,7 @@ template <class Work> void Connection::run(Work work) {
     try {
         if (!isToEnd_) work();
         if (!wasBusy && !isToEnd_ && peer_) heldIs(peer_->held());
-    } catch (std::exception const& error) {  // of an observer, or no memory: nothing can be told to whoever waits
+    } catch (std::exception const& error) {  // thrown by an observer, or for lack of memory; no caller can handle it
         endLater(error.what());
     }
     isBusy_ = wasBusy;
@@ -85,7 +87,7 @@ void Connection::start(Ready ready, Ended ended) {
 void Connection::close(String const& reason) {
     run([&] {
         endLater(reason);
-        if (peer_) peer_->refuse(reason);  // so that no message is applied after this one
+        if (peer_) peer_->refuse(reason);  // so that the peer applies no further messages
     });
 }
 
@@ -100,7 +102,7 @@ void Connection::refuse(String const& reason) {
 
 // --- work ---
 
-// Whether the channel can't go on before something comes, and what.
+// Returns whether the channel has to wait for the socket, and sets `awaits` to what it waits for.
 bool Connection::hasToWait(Channel::Outcome outcome, Awaits& awaits) {
     awaits = outcome.result == Channel::Result::wantsRead    ? Awaits::toRead
              : outcome.result == Channel::Result::wantsWrite ? Awaits::toWrite
@@ -139,7 +141,7 @@ void Connection::receive() {
         }
         mine.done(outcome.bytes);
         bytesIn_ += outcome.bytes;
-        if (phase_ != Phase::carrying) continue;  // nobody listens any more
+        if (phase_ != Phase::carrying) continue;  // the peer is done: drop the bytes
         peer_->input(buffer.bytes().first(outcome.bytes));
         checkClosing();
     }
@@ -161,7 +163,7 @@ void Connection::send() {
         auto const outcome = channel_->send(outgoing_);
         if (hasToWait(outcome, sendAwaits_)) return;
         if (outcome.result != Channel::Result::done) {
-            // What the other side has said last tells why better than that it does not listen.
+            // The other side may have sent its reason before it closed; that says more than the failed send.
             if (phase_ == Phase::carrying && !isReceiving_) receive();
             return endLater(channel_->error());
         }
@@ -172,7 +174,7 @@ void Connection::send() {
     }
 }
 
-// When the peer wants to end it is given a moment to say so.
+// When the peer wants to end, gives it up to finishTime to send its last message.
 void Connection::checkClosing() {
     if (phase_ != Phase::carrying || !peer_->isClosing()) return;
     phase_ = Phase::finishing;
@@ -182,10 +184,10 @@ void Connection::checkClosing() {
 
 // --- waiting ---
 
-// Called out of a mutator, perhaps for each of many changes: only notes that there is something to do.
+// Called by mutators, perhaps for each of many changes: only posts goOn(), once.
 void Connection::wake() {
     if (std::exchange(isWoken_, true) || phase_ == Phase::ended) return;
-    // To the context itself: the socket's executor, which may be of any type, has no use for the memory given.
+    // Posts to the context itself: the socket's type-erased executor would not use wakeMemory_.
     auto& context = static_cast<asio::io_context&>(asio::query(socket_.get_executor(), asio::execution::context));
     asio::post(context.get_executor(), KeptHandler(wakeMemory_, [self = shared_from_this()] { self->goOn(); }));
 }
@@ -211,7 +213,7 @@ void Connection::waitFor(Awaits what, bool& isWaiting, HandlerMemory& memory) {
     socket_.async_wait(
         kind, KeptHandler(memory, [self = shared_from_this(), what, &isWaiting](std::error_code const& error) {
             isWaiting = false;
-            if (error) return;  // closed meanwhile
+            if (error) return;  // the socket was closed meanwhile
             self->run([&] {
                 if (self->phase_ == Phase::handshake) return self->handshake();
                 if (self->sendAwaits_ == what) self->send();
@@ -229,7 +231,8 @@ void Connection::scheduleTick(Clock::duration time) {
 
 void Connection::tick() {
     if (phase_ == Phase::finishing) return endLater(peer_->error());
-    // What has come or could go while the process was busy counts, although its turn would be only after this.
+    // Receives and sends what it can first: while the process was busy, bytes may have come whose handler is still
+    // queued.
     if (phase_ == Phase::carrying && receiveAwaits_ == Awaits::toRead) receive();
     if (phase_ == Phase::carrying && sendAwaits_ == Awaits::toWrite && !isOver()) send();
     if (isOver() || phase_ == Phase::finishing) return;
@@ -242,7 +245,8 @@ void Connection::tick() {
     scheduleTick(std::max<Clock::duration>(next - now, std::chrono::milliseconds(1)));
 }
 
-// What the other side has waited too long with. That it sends is no sign that it takes what is sent to it.
+// Returns the error if the other side has been silent, or has taken nothing, for too long; else an empty text. The two
+// are checked apart: a peer that sends may still take nothing.
 String Connection::lateness(Clock::time_point now) {
     auto const in = [](Milliseconds time) {
         return Vel::valueToStrep(static_cast<double>(time.count()) / 1000) + " s";
@@ -284,7 +288,7 @@ void Connection::end() {
         if (hasError) reason_ = peer_->error();
         try {
             peer_->closed(reason_);
-        } catch (std::exception const& error) {  // of somebody who was told; what follows has to happen all the same
+        } catch (std::exception const& error) {  // thrown by an observer; ended_ must be called all the same
             reason_ = error.what();
         }
     }

@@ -15,39 +15,39 @@ namespace Mount {
 
 using Vel::U64;
 
-// Bytes that connections hold together for their peers: parts of messages, and what was not taken yet.
+// Counts the bytes that all connections of a server hold: incomplete messages, and output that was not taken yet.
 struct SharedMemory {
     std::size_t limit = 0;
     std::size_t held = 0;
-    std::function<void()> exceeded{};  // called when it holds more than the limit; ends connections
+    std::function<void()> exceeded{};  // called when `held` has grown above `limit`; ends connections
 };
 
-// Carries one side of a stream over a socket: sends what the side has to say, gives it what comes in, asks the other
-// side for a sign of life when it has long been silent, and ends when either side is done.
+// Carries a StreamPeer over a socket: sends the peer's output, passes it what comes in, pings the other side when that
+// has long been silent, and ends when either side is done.
 //
-// It lives while something is awaited for it. An observer may close a connection, or destroy what owns it, out of the
-// very message that it is told by: what follows from that waits until the message is done with.
+// Handlers that wait for the socket or a timer keep the connection alive. An observer may close the connection, or
+// destroy its owner, while a message is being applied: the connection then ends after the message.
 class VEL_API Connection : public std::enable_shared_from_this<Connection> {
 public:
     using Socket = asio::generic::stream_protocol::socket;
-    // Called after the handshake: gives the side to be carried, which must stay until `ended` was called.
+    // Called after the handshake: returns the peer to be carried, which must live until `Ended` was called.
     using Ready = std::function<Vel::StreamPeer&(Connection&)>;
-    // Called once: the error, empty when it was closed in good order.
+    // Called once, at the end. The error is empty if the connection was closed in good order.
     using Ended = std::function<void(Connection&, String const& error)>;
 
-    // `options`, and `memory` if there is one, must stay until `ended` was called.
+    // `options`, and `memory` if it is not null, must live until `Ended` was called.
     Connection(
         Socket socket, std::unique_ptr<Channel> channel, PeerOptions const& options, SharedMemory* memory = nullptr);
     ~Connection();
 
     void start(Ready ready, Ended ended);
     void close(String const& reason);   // at once; what was not sent is lost
-    void refuse(String const& reason);  // the same, but the other side is told why, as far as that takes no waiting
+    void refuse(String const& reason);  // the same, but sends the reason first, unless that would have to wait
 
     String const& peerName() const { return channel_->peerName(); }
     U64 bytesIn() const { return bytesIn_; }
     U64 bytesOut() const { return bytesOut_; }
-    std::size_t held() const { return held_; }  // of the shared memory
+    std::size_t held() const { return held_; }  // this connection's part of SharedMemory::held
 
 private:
     enum class Phase : U8 { handshake, carrying, finishing, ended };
@@ -82,28 +82,28 @@ private:
     Ready ready_;
     Ended ended_;
     Vel::StreamPeer* peer_ = nullptr;
-    std::span<U8 const> outgoing_;  // of the peer's output: given to the channel, and not yet taken
+    std::span<U8 const> outgoing_;  // the part of the peer's output that the channel has not taken yet
 
     HandlerMemory readMemory_;
     HandlerMemory writeMemory_;
     HandlerMemory wakeMemory_;
     U64 bytesIn_ = 0;
     U64 bytesOut_ = 0;
-    U64 bytesInHeard_ = 0;   // at heardAt_
-    U64 bytesOutTaken_ = 0;  // at takenAt_
+    U64 bytesInHeard_ = 0;   // bytesIn_ at heardAt_
+    U64 bytesOutTaken_ = 0;  // bytesOut_ at takenAt_
     Clock::time_point startedAt_;
-    Clock::time_point heardAt_;
-    Clock::time_point takenAt_;  // when something was, or nothing was there to be taken
+    Clock::time_point heardAt_;  // when a tick last found that bytes had come
+    Clock::time_point takenAt_;  // when a tick last found that bytes had been taken, or that none waited
     Phase phase_ = Phase::handshake;
-    Awaits receiveAwaits_ = Awaits::nothing;  // what has to come before the work can go on
-    Awaits sendAwaits_ = Awaits::nothing;
-    bool isReadWaiting_ = false;  // the loop has been asked
-    bool isWriteWaiting_ = false;
-    bool isWoken_ = false;       // goOn() will be called
-    bool receivesMore_ = false;  // there was more to receive when others had their turn
-    bool isReceiving_ = false;   // receive() is at work, perhaps in an observer that runs the loop
-    bool isBusy_ = false;        // the peer is at work
-    bool isToEnd_ = false;       // as soon as it is not
+    Awaits receiveAwaits_ = Awaits::nothing;  // what the socket must become before receive() goes on
+    Awaits sendAwaits_ = Awaits::nothing;     // the same for send()
+    bool isReadWaiting_ = false;              // the loop waits until the socket is readable
+    bool isWriteWaiting_ = false;             // the loop waits until the socket is writable
+    bool isWoken_ = false;                    // goOn() is posted
+    bool receivesMore_ = false;               // receive() stopped because its turn was over
+    bool isReceiving_ = false;                // receive() is on the stack, perhaps below an observer that runs the loop
+    bool isBusy_ = false;                     // run() is on the stack, so end() must wait
+    bool isToEnd_ = false;                    // end() is called as soon as isBusy_ is false
     String reason_;
 };
 

@@ -14,7 +14,7 @@ template <class Work> void destroy(Loop& loop, Work work) noexcept {
     } catch (...) {
         try {
             loop.post([error = std::current_exception()] { std::rethrow_exception(error); });
-        } catch (...) {  // no memory: nobody can be told
+        } catch (...) {  // no memory to post it: the exception is lost
             return;
         }
     }

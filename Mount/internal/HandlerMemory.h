@@ -6,7 +6,8 @@
 
 namespace Mount {
 
-// Room for one handler that is awaited again and again, so that waiting allocates nothing.
+// Room for one handler of an asynchronous operation that is started again and again, so that starting it allocates
+// nothing.
 class HandlerMemory {
 public:
     HandlerMemory() = default;
@@ -43,7 +44,7 @@ private:
     HandlerMemory* memory_;
 };
 
-// A handler that is kept in a HandlerMemory, which it keeps alive by what it captures.
+// A handler that Asio stores in a HandlerMemory. REQUIRES: what `f` captures keeps the memory alive.
 template <class F> class KeptHandler {
 public:
     using allocator_type = HandlerAllocator<void>;

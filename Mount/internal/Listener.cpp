@@ -13,7 +13,7 @@ namespace Mount {
 
 namespace {
 
-constexpr int atOnce = 64;  // connections, before others have their turn
+constexpr int atOnce = 64;  // connections that are accepted before other handlers have their turn
 
 }  // namespace
 
@@ -48,7 +48,7 @@ void Listener::checkFile() {
     Descriptor made = listenAt(address_, where_);
     file_->listen(made.get(), mode_);
     std::error_code ignored;
-    socket_.close(ignored);  // who was not let in yet connects again
+    socket_.close(ignored);  // clients that were not accepted yet have to connect again
     socket_.assign(made.release());
     wait();
 }
@@ -69,7 +69,7 @@ void Listener::wait() {
 }
 
 void Listener::accept() {
-    auto const accepted = accepted_;  // which may stop this
+    auto const accepted = accepted_;  // a copy: the call may stop this listener, which clears accepted_
     for (int i = 0; i < atOnce && accepted_; ++i) {
         Descriptor socket(::accept4(socket_.native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (socket.get() >= 0) {
@@ -80,7 +80,8 @@ void Listener::accept() {
         }
         if (errno == EINTR || errno == ECONNABORTED) continue;
         if (errno == EAGAIN) break;
-        // No descriptors or memory are left. The connection waits; asking at once again would only burn time.
+        // No descriptors or memory are left. The connection stays in the queue; trying again at once would only burn
+        // time.
         timer_.expires_after(std::chrono::milliseconds(100));
         timer_.async_wait([self = shared_from_this()](std::error_code const& error) {
             if (!error && self->accepted_) self->wait();

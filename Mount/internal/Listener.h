@@ -10,7 +10,7 @@
 
 namespace Mount {
 
-// Takes connections at one place.
+// Accepts connections at one address.
 class Listener : public std::enable_shared_from_this<Listener> {
 public:
     using Accepted = std::function<void(Descriptor socket, int family)>;
@@ -19,11 +19,12 @@ public:
     ~Listener();
 
     void start(Accepted accepted);
-    // Puts the file of a Unix socket back where somebody has taken it away, as whatever cleans up a folder does: nobody
-    // could connect any more, and nobody else serve there. Throws ErrnoException when that fails; to be tried again.
+    // Makes the file of a Unix socket anew if somebody has removed it, for example a job that cleans up a folder.
+    // Without it nobody could connect, and no other server could take over. Throws ErrnoException if that fails; call
+    // it again later.
     void checkFile();
-    void stop();                                         // also takes the file of a Unix socket away
-    Address const& address() const { return address_; }  // with the port
+    void stop();                                         // also removes the file of a Unix socket
+    Address const& address() const { return address_; }  // with the port that was chosen
 
 private:
     void wait();
@@ -32,7 +33,7 @@ private:
     Address address_;
     SocketAddress where_;
     U32 mode_;
-    std::unique_ptr<SocketFile> file_;  // of a Unix socket
+    std::unique_ptr<SocketFile> file_;  // null unless it is a Unix socket
     asio::posix::stream_descriptor socket_;
     asio::steady_timer timer_;
     Accepted accepted_;

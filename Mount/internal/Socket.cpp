@@ -55,7 +55,7 @@ std::vector<SocketAddress> resolve(Address const& address, bool forServer) {
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICSERV | (forServer ? AI_PASSIVE : 0);
     addrinfo* found = nullptr;
-    // Clients take this one for the name, too.
+    // "localhost" is 127.0.0.1, for servers as for clients (Client::Impl::attempt()).
     bool const isHere = address.kind() == Address::Kind::tcp && address.host() == String("localhost");
     String const host = isHere ? String("127.0.0.1") : address.host();
     std::string const port = std::to_string(address.port());
@@ -125,7 +125,8 @@ std::string peerOf(int socket) {
 
 namespace {
 
-// Whether find(entry, room, size, found) finds somebody: with as much room as it asks for, up to a mebibyte.
+// Calls find(entry, room, size, found), a function like getpwnam_r(), with more and more room up to a mebibyte. Returns
+// whether it finds a user.
 template <class Find> bool findUser(passwd& entry, std::vector<char>& room, Find find) {
     passwd* found = nullptr;
     room.resize(1024);

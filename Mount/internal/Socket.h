@@ -12,7 +12,7 @@
 
 namespace Mount {
 
-// A file descriptor that is closed in the end.
+// Owns a file descriptor: the destructor closes it.
 class Descriptor {
 public:
     explicit Descriptor(int fd = -1) : fd_(fd) {}
@@ -34,7 +34,7 @@ private:
     int fd_;
 };
 
-// The address of a socket as the system takes it.
+// The address of a socket, in the form of the system calls.
 struct SocketAddress {
     sockaddr_storage storage{};
     socklen_t length = 0;
@@ -47,23 +47,25 @@ struct SocketAddress {
 
 SocketAddress unixAddress(String const& path);
 
-// All that a host's name stands for, in the order to be tried. Waits for name servers unless the host is a number.
-// Throws RangeException that says why there are none.
+// Returns all socket addresses of the host, in the order to be tried. Blocks while it asks name servers, unless the
+// host is a number. Throws RangeException that says why there is none.
 std::vector<SocketAddress> resolve(Address const& address, bool forServer);
 
-// Checks that plain TCP stays on this machine, and that there are files for TLS.
+// Throws RangeException if an address of plain TCP is not loopback, or if one of the files for TLS is not named.
 void checkAddress(Address const& address, PeerOptions const& options, std::span<SocketAddress const> found);
 
-// A socket that does not block, and is not inherited. It listens, unless it is a Unix socket, which its SocketFile
-// makes listen. Throws ErrnoException that names the address.
+// Returns a socket that does not block and that child processes do not inherit. It listens already, unless it is a Unix
+// socket: SocketFile::listen() makes that listen. Throws ErrnoException that names the address.
 Descriptor listenAt(Address const& address, SocketAddress const& where);
 
 // --- who is there ---
 
-uid_t userOf(int unixSocket);    // who connected to it, or listens
-std::string peerOf(int socket);  // whose connection it is: the user, or the address, of IPv6 the network's
-String userName(uid_t user);     // its number when it has no name
-// Users by name or number. Throws RangeException for a name that nobody has.
+uid_t userOf(int unixSocket);  // the user of the process on the other side
+// Identifies the other side, to count connections by: the user of a Unix socket, the IPv4 address, or the first half of
+// the IPv6 address, which is its network.
+std::string peerOf(int socket);
+String userName(uid_t user);  // or the number as text, if the user has no name
+// Returns the users with these names or numbers. Throws RangeException for a name that no user has.
 std::vector<uid_t> usersOf(std::vector<String> const& names);
 
 }  // namespace Mount

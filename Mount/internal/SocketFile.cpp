@@ -30,26 +30,27 @@ std::pair<dev_t, ino_t> fileOf(int descriptor) {
     return ::fstat(descriptor, &found) == 0 ? idOf(found) : std::pair<dev_t, ino_t>();
 }
 
-// Not created where it is there, since folders that belong to all forbid to open another user's file like that.
+// Opens the lock's file, and creates it only if it is missing: in a sticky folder such as /tmp, Linux can forbid to
+// open another user's file with O_CREAT.
 Descriptor openedLock(String const& path) {
     for (;;) {
         Descriptor there(::open(path.charPtr(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
         if (there.get() >= 0 || errno != ENOENT) return there;
         Descriptor made(::open(path.charPtr(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-        if (made.get() >= 0) ::fchmod(made.get(), 0600);  // whatever the mask
+        if (made.get() >= 0) ::fchmod(made.get(), 0600);  // the umask may have taken bits away
         if (made.get() >= 0 || errno != EEXIST) return made;
     }
 }
 
-// So that others can be told who is in their way.
+// Writes this process's id into the lock's file, so that another server's error can name the process that holds it.
 void writeHolder(int lock) {
     std::string const id = std::to_string(::getpid()) + "\n";
     if (::ftruncate(lock, 0) != 0) return;
     [[maybe_unused]] ssize_t const written = ::pwrite(lock, id.data(), id.size(), 0);
 }
 
-// Who holds the lock, as far as its file tells: what was locked by other means, or by a process that has ended since
-// and left it to one that it had started, does not.
+// Returns who holds the lock, by the process id in its file. Returns "another process" if that id is missing or its
+// process has ended: the holder may have locked by other means, or may have inherited the lock from the process.
 String holderOf(int lock) {
     char text[16];
     ssize_t const size = ::pread(lock, text, sizeof text, 0);
@@ -59,8 +60,8 @@ String holderOf(int lock) {
     return isThere ? String("process " + std::to_string(id)) : String("another process");
 }
 
-// Nobody listens at a socket's file that refuses connections: its owner is gone without having removed it. So does any
-// other file, which is somebody's.
+// Returns whether the file is a socket at which nobody listens: its owner is gone without having removed it. A file
+// that is no socket also refuses connections, but it belongs to somebody, so it is checked first.
 bool isLeftBehind(String const& path) {
     struct stat found {};
     if (::lstat(path.charPtr(), &found) != 0 || !S_ISSOCK(found.st_mode)) return false;
@@ -76,7 +77,7 @@ SocketFile::SocketFile(Address const& address) : path_(address.path()), lockPath
         lock_ = openedLock(lockPath_);
         if (int const error = errno; lock_.get() < 0) fail(error, fileAt(lockPath_).second != 0 ? lockPath_ : path_);
         if (::flock(lock_.get(), LOCK_EX | LOCK_NB) == 0) {
-            if (!hasLock()) continue;  // whoever held it has just taken the file away
+            if (!hasLock()) continue;  // the previous holder has just removed the file
             writeHolder(lock_.get());
             return;
         }
@@ -87,8 +88,8 @@ SocketFile::SocketFile(Address const& address) : path_(address.path()), lockPath
     }
 }
 
-// The lock is released, and not only closed: a process that was forked meanwhile has it, too, and the file may have to
-// stay.
+// Releases the lock explicitly: a process that was forked meanwhile shares it, so closing would not release it. That
+// matters where the lock's file could not be removed.
 SocketFile::~SocketFile() {
     if (socketId_.second != 0 && fileAt(path_) == socketId_) ::unlink(path_.charPtr());
     if (hasLock()) ::unlink(lockPath_.charPtr());
@@ -112,7 +113,8 @@ bool SocketFile::hasLock() const { return fileOf(lock_.get()) == fileAt(lockPath
 bool SocketFile::isFree(String const& path) const { return fileAt(path).second == 0 || isLeftBehind(path); }
 
 void SocketFile::listen(int socket, U32 mode) {
-    // A path that has no room for another byte is bound to at once, which its clients may notice, but no other server.
+    // If the path has no room for another byte, binds to it directly. Then a client may be refused between bind() and
+    // listen(); other servers stay away, since they do not have the lock.
     bool const hasRoom = path_.size() + 1 < sizeof(sockaddr_un::sun_path);
     String const first = hasRoom ? path_ + "~" : path_;
     for (String const& path : {path_, first})
@@ -121,7 +123,7 @@ void SocketFile::listen(int socket, U32 mode) {
     SocketAddress const where = unixAddress(first);
     if (::bind(socket, where.get(), where.length) != 0) fail(errno, path_);
     socketId_ = fileAt(first);
-    // Nobody can connect before it listens, so there is no moment with another mode.
+    // Nobody can connect before listen(), so no client ever connects under another mode.
     bool const listens = ::chmod(first.charPtr(), mode) == 0 && ::listen(socket, SOMAXCONN) == 0;
     if (listens && (!hasRoom || ::rename(first.charPtr(), path_.charPtr()) == 0)) return;
     int const error = errno;

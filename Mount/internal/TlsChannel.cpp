@@ -18,26 +18,27 @@ using Vel::RangeException;
 
 namespace {
 
-// What a call reads at most: the largest record. There are messages that carry no data and may come without end, but
-// the others of the loop must have their turn. What is left makes the socket readable again at once.
+// The most bytes that one call reads from the socket: those of the largest record. Records without data may come
+// without end, and one call must not read them all, since other handlers must have their turn. If bytes are left, the
+// socket is readable again at once.
 constexpr std::size_t maxRead = 18 * 1024;
 static_assert(maxRead >= SSL3_RT_MAX_PACKET_SIZE);
-constexpr std::size_t maxWrite = SSL3_RT_MAX_PLAIN_LENGTH;  // what makes one record
+constexpr std::size_t maxWrite = SSL3_RT_MAX_PLAIN_LENGTH;  // bytes of data in one record
 
 constexpr char const* closedEarly = "the connection was closed during the TLS handshake";
 
-// What all channels of a context share. They may outlive it.
+// What all channels of a context share; they may outlive the context.
 struct Rules {
     TlsContext::Side side;
-    std::vector<String> names;  // none: everyone that the authority has signed
-    TlsFiles files;             // for texts
+    std::vector<String> names;  // common names that are admitted; if empty, all that the authority has signed
+    TlsFiles files;             // named in errors
 };
 
 bool isIn(std::vector<String> const& names, String const& name) {
     return !name.empty() && std::find(names.begin(), names.end(), name) != names.end();
 }
 
-// The other side refused something, and said so in an alert.
+// Whether OpenSSL's error is an alert of the other side, which says what that refused.
 bool isAlert(unsigned long error) {
     return ERR_GET_LIB(error) == ERR_LIB_SSL && ERR_GET_REASON(error) > SSL_AD_REASON_OFFSET;
 }
@@ -76,17 +77,17 @@ private:
     String host_;
     std::unique_ptr<SSL, Release<&SSL_free>> ssl_;
     String verifiedName_;
-    String refusal_;           // of the other side's certificate
-    std::size_t started_ = 0;  // bytes that OpenSSL has begun to send, and wants to be given again
-    std::size_t mayRead_ = 0;
-    int systemError_ = 0;  // of this call
+    String refusal_;           // why the other side's certificate is refused; empty if it is not
+    std::size_t started_ = 0;  // bytes that OpenSSL has begun to send, and must be passed again
+    std::size_t mayRead_ = 0;  // bytes that the call under way may still read from the socket
+    int systemError_ = 0;      // errno of the socket, in the call under way
     Stage stage_ = Stage::handshake;
     bool isVerified_ = false;
-    bool isAtEnd_ = false;  // of the socket
+    bool isAtEnd_ = false;  // the socket is at its end
     bool hasFinished_ = false;
 };
 
-// OpenSSL's own sockets write(2), so that a connection that is gone would kill the process by SIGPIPE.
+// Replaces OpenSSL's own socket BIO, which calls write(2): on a closed connection that kills the process by SIGPIPE.
 BIO_METHOD const* socketMethod() {
     static BIO_METHOD* const method = [] {
         BIO_METHOD* const made = ::BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "socket without signals");
@@ -105,7 +106,7 @@ BIO_METHOD const* socketMethod() {
 void expectHost(SSL& ssl, String const& host) {
     if (host.empty()) throw RangeException("TLS needs to know which host it connects to");
     X509_VERIFY_PARAM* const rules = ::SSL_get0_param(&ssl);
-    // A common name names a person or a program; only subjectAltName tells what a server may be called.
+    // Only subjectAltName says for which hosts a certificate is. The common name names a person or a program.
     ::X509_VERIFY_PARAM_set_hostflags(
         rules, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS | X509_CHECK_FLAG_NEVER_CHECK_SUBJECT);
 
@@ -181,7 +182,7 @@ int TlsChannel::writeSocket(BIO* bio, char const* bytes, int size) {
 long TlsChannel::control(BIO* bio, int command, long, void*) {
     switch (command) {
     case BIO_CTRL_FLUSH:
-        return 1;  // nothing is kept back
+        return 1;  // success: writes are not buffered
     case BIO_CTRL_EOF:
         return static_cast<TlsChannel*>(::BIO_get_data(bio))->isAtEnd_;
     default:
@@ -189,7 +190,7 @@ long TlsChannel::control(BIO* bio, int command, long, void*) {
     }
 }
 
-// Refusing here, and not after the handshake, tells the other side why.
+// Refuses a certificate during the handshake, and not after it, so that the other side is told why.
 int TlsChannel::verify(X509_STORE_CTX* verification) noexcept {
     if (::X509_verify_cert(verification) != 1) {
         refusal_ = refusalText(*verification, host_, rules_->files.authority);
@@ -215,7 +216,8 @@ int verifyPeer(X509_STORE_CTX* verification, void*) {
 
 // --- the channel ---
 
-// OpenSSL tells how a call ended partly by what is in a queue of the thread, where others may have left something.
+// To be called before each call of OpenSSL. SSL_get_error() also looks at the thread's queue of errors, in which other
+// code may have left some.
 void TlsChannel::begin() {
     ::ERR_clear_error();
     mayRead_ = maxRead;
@@ -250,7 +252,8 @@ Channel::Outcome TlsChannel::receive(std::span<U8> into) {
 Channel::Outcome TlsChannel::send(std::span<U8 const> bytes) {
     if (stage_ == Stage::failed) return {Result::failed};
     if (bytes.empty()) return {Result::done};
-    // A record that has begun is finished before the bytes behind it are looked at: so much is done, and told.
+    // A record that was begun is finished with the same size, as OpenSSL requires. The bytes behind it wait for the
+    // next call.
     std::size_t const size = started_ ? started_ : std::min(bytes.size(), maxWrite);
     if (size > bytes.size()) return fail("fewer bytes are to be sent than when it was tried before");
     begin();
@@ -295,8 +298,8 @@ Channel::Outcome TlsChannel::fail(String const& why) {
     return {Result::failed};
 }
 
-// A connection that ends without the other side's farewell was cut, perhaps by somebody on the way, and is not told as
-// an end in good order. No data depend on that: a message that was cut shows by its length.
+// Says why a call failed. A connection that ends without the other side's close_notify was cut, perhaps by an attacker,
+// so it is reported as an error. No data depend on that: a message that was cut shows by its length.
 String TlsChannel::failure(int sslError) {
     if (!refusal_.empty()) return refusal_;
     bool const isHandshake = stage_ == Stage::handshake;
@@ -320,8 +323,8 @@ String TlsChannel::alertText(unsigned long alert) const {
                : "the other side ended the TLS connection: " + String(reason);
 }
 
-// Who is refused learns of it by an alert that may have come just before the connection was closed: that says more than
-// that nothing can be sent any more.
+// If sending fails because the connection is closed, looks for an alert that came before: it says why the other side
+// refuses this one, which helps more than the error of the send.
 void TlsChannel::preferAlert() {
     if (systemError_ != EPIPE && systemError_ != ECONNRESET) return;
     begin();
@@ -345,19 +348,19 @@ TlsContext::TlsContext(Side side, PeerOptions const& options) : impl_(std::make_
     impl_->context.reset(::SSL_CTX_new(side == Side::server ? ::TLS_server_method() : ::TLS_client_method()));
     impl_->rules = std::make_shared<Rules const>(Rules{side, options.names, options.tls});
     SSL_CTX* const context = impl_->context.get();
-    // Both sides are ours, so that nothing older needs to be understood; TLS 1.3 has no renegotiation.
+    // Both sides are this library, so no older version is needed. TLS 1.3 has no renegotiation.
     if (!context || SSL_CTX_set_min_proto_version(context, TLS1_3_VERSION) != 1) failSetup("TLS can't be set up");
-    // What is weaker than 112 bits is refused, as most systems have it set anyway.
+    // Level 2 refuses keys and ciphers of less than 112 bits of security; most systems have it set anyway.
     if (::SSL_CTX_get_security_level(context) < 2) ::SSL_CTX_set_security_level(context, 2);
-    // A session taken up again would skip the verification.
+    // No sessions are resumed: that would skip the verification.
     ::SSL_CTX_set_options(context, SSL_OP_NO_TICKET);
     ::SSL_CTX_set_num_tickets(context, 0);
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
-    // The other side may ask for short records: one of them is told as soon as it is sent.
-    // What the certificate's file holds is sent, and nothing that happens to be in the authority's.
+    // PARTIAL_WRITE: the other side may ask for short records; then send() returns after each of them.
+    // NO_AUTO_CHAIN: sends the certificates of the certificate's file only, none of the authority's file.
     SSL_CTX_set_mode(
         context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER | SSL_MODE_NO_AUTO_CHAIN);
-    SSL_CTX_set_read_ahead(context, 1);  // one call a record, or for several, instead of two for each
+    SSL_CTX_set_read_ahead(context, 1);  // one system call for one or more records, instead of two for each
     ::SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
     ::SSL_CTX_set_cert_verify_callback(context, &verifyPeer, nullptr);
 

@@ -37,7 +37,7 @@ namespace {
 
 constexpr std::size_t maxFileSize = 1 << 20;  // bytes; some hundred certificates
 
-// What a file holds, which may be a key: nothing of it stays in memory.
+// The bytes of a file. They may be a key, so the destructor wipes them from memory.
 class FileBytes {
 public:
     explicit FileBytes(String const& path)
@@ -85,7 +85,7 @@ void requireName(String const& path, char const* of) {
     if (path.empty()) throw RangeException(format("TLS needs the file of %s, and none is given", of));
 }
 
-// Without this OpenSSL would ask at the terminal, and wait.
+// Replaces OpenSSL's callback, which would ask for a password at the terminal, and wait.
 int noPassword(char*, int, int, void* asked) {
     *static_cast<bool*>(asked) = true;
     return -1;
@@ -160,7 +160,7 @@ void useAuthority(SSL_CTX& context, String const& path) {
         }
     }
     if (!found) fail(path, "no certificate in PEM form");
-    // An authority may itself be signed by one that is not trusted here.
+    // Trusts each certificate in the file by itself, even an intermediate one whose own issuer is not in the file.
     ::X509_STORE_set_flags(store, X509_V_FLAG_PARTIAL_CHAIN);
 }
 

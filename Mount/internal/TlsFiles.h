@@ -14,13 +14,14 @@ template <auto release> struct Release {
 using ContextHolder = std::unique_ptr<SSL_CTX, Release<&SSL_CTX_free>>;
 using BioHolder = std::unique_ptr<BIO, Release<&BIO_free>>;
 
-// What OpenSSL has noted of its last failure, the oldest first; takes it out of its queue.
+// Takes all errors out of OpenSSL's queue of this thread. Returns their texts, the oldest first.
 String takeTlsErrors();
 
-// Give `context` what the files hold. All throw ErrnoException or RangeException, which name the file.
+// Load the files into `context`. All throw ErrnoException or RangeException, which name the file.
 void useCertificate(SSL_CTX& context, String const& path);
-void useKey(SSL_CTX& context, TlsFiles const& files);  // after the certificate, which it must be the key of
-// Whoever is in the file may sign. Once it holds a list of revoked certificates, certificates are looked up there.
+void useKey(SSL_CTX& context, TlsFiles const& files);  // REQUIRES: the certificate is loaded. The key must fit it.
+// The certificates in the file may sign the other side's. If the file also holds a list of revoked certificates, every
+// certificate is checked against it.
 void useAuthority(SSL_CTX& context, String const& path);
 
 }  // namespace Mount

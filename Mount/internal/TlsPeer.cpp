@@ -12,7 +12,7 @@ namespace Mount {
 
 namespace {
 
-constexpr std::size_t maxText = 200;  // bytes of the other side's in one text
+constexpr std::size_t maxText = 200;  // most bytes of the other side's text that are quoted
 
 bool isControl(std::string_view text, std::size_t i) {
     auto const byte = static_cast<unsigned char>(text[i]);
@@ -20,7 +20,7 @@ bool isControl(std::string_view text, std::size_t i) {
     return byte < 0x20 || byte == 0x7F;
 }
 
-// What `print` writes, in printable ASCII.
+// Returns what `print` writes, cut to maxText bytes, with a '?' for each byte that is not printable ASCII.
 template <class F> String printed(F print) {
     BioHolder const out(::BIO_new(::BIO_s_mem()));
     if (!out || !print(out.get())) {
@@ -48,7 +48,7 @@ String hostsText(X509 const& certificate) {
     });
 }
 
-// What the reason alone does not tell.
+// Returns what the text of the reason does not say: the hosts, the date, or the file at fault.
 String detail(int reason, X509 const& certificate, String const& host, String const& authorityPath) {
     switch (reason) {
     case X509_V_ERR_HOSTNAME_MISMATCH:

@@ -8,16 +8,17 @@ namespace Mount {
 
 using Vel::String;
 
-// Who is on the other side of a TLS connection, and texts about it for whoever reads a log. The other side wrote what
-// is in its certificate: whatever could do harm in a log or a terminal is escaped, and what is long is cut.
+// Names the other side of a TLS connection, and describes it in texts for logs. The other side wrote its certificate,
+// so texts of it are cut, and bytes that could do harm in a log or a terminal are replaced.
 
-// The one common name; empty when there is none, several, or one with control characters.
+// Returns the common name. Returns an empty text if there is none, if there are several, or if it is longer than 200
+// bytes or has control characters.
 String commonName(X509 const& certificate);
 
-// "CN = db7, O = Example"
+// Returns a name in the form "CN = db7, O = Example".
 String nameText(X509_NAME const* name);
 
-// Why the verification that has just ended refused the other side's certificate.
+// Says why the verification that has just ended refused the other side's certificate.
 String refusalText(X509_STORE_CTX& verification, String const& host, String const& authorityPath);
 
 }  // namespace Mount

@@ -29,7 +29,7 @@ std::optional<Vel::U32> activeCellFromRedundancyStatus(Source* from) {
     return status->activeCellId();
 }
 
-// The election manager's files say the mode of this cell and of its peer. When both say active, the peer counts.
+// The election manager's files give the mode of this cell and of its peer. If both say active, the answer is the peer.
 CellId activeCellFromModeFiles(Source* from) {
     char const* local = Vel::System::calls().getenv("REDSUPDUT_LOCAL_REDMODE");
     char const* peer = Vel::System::calls().getenv("REDSUPDUT_PEER_REDMODE");
@@ -66,7 +66,7 @@ CellId activeCellFromModeFiles(Source* from) {
 CellId Cell_activeCellId(Source* from) {
     trace(110, resolver, "Cell::CellId Cell_activeCellId()");
     if (char const* const text = variable("ACTIVE_CELLID", from)) {
-        // Not validated: whoever sets this variable decides.
+        // Not validated: the variable overrides everything, whatever it holds.
         auto const value = std::strtol(text, nullptr, 10);
         trace(114, resolver, "Found active cellId from ACTIVE_CELLID env var");
         return CellId(static_cast<Vel::U16>(value));

@@ -4,7 +4,7 @@
 
 namespace Cell {
 
-// The active cell, resolved anew on each call. from: set to where the answer comes from, unless it is null.
+// Returns the active cell, resolved anew on each call. Sets `from`, unless it is null, to where the answer comes from.
 CellId Cell_activeCellId(Source* from = nullptr);
 
 }  // namespace Cell

@@ -6,10 +6,10 @@
 
 namespace Cell {
 
-// Of the directory below which the process's status is, and the database.
+// Name of the directory below the root that holds the process's status and the state database: "ql" by default.
 std::string_view systemName();
 
-// The process's status, made on first use; null when something else stands at its place.
+// Returns the process's status, which is made on first use. Returns null if an entity of another type is at its path.
 VEL_API Vel::Ptr<Status> cellDir();
 
 }  // namespace Cell

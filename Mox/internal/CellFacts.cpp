@@ -51,7 +51,7 @@ char const* variable(char const* name, Source* from) {
 
 namespace {
 
-// The text of a file; nothing when it does not exist.
+// Returns the text of a file, or nothing if the file does not exist. Throws Vel::ErrnoException.
 std::optional<File::Text> fileText(char const* path, Source* from) {
     File const file(path, from);
     bool const isMissing = !file.isOpen() && file.openError() == ENOENT;
@@ -61,7 +61,7 @@ std::optional<File::Text> fileText(char const* path, Source* from) {
     throw Vel::ErrnoException(file.openError(), path);
 }
 
-// A whole number from 0 to 65535 as the C library reads it in base 0, with nothing behind it.
+// Parses a number from 0 to 65535 by strtol() with base 0. Returns nothing if there is another number or more text.
 std::optional<unsigned> cellIdFrom(char const* text, std::size_t size) {
     char* end = nullptr;
     auto const value = static_cast<unsigned long>(std::strtol(text, &end, 0));
@@ -69,7 +69,7 @@ std::optional<unsigned> cellIdFrom(char const* text, std::size_t size) {
     return static_cast<unsigned>(value);
 }
 
-constexpr unsigned defaultCellId = 42;  // says that nothing was configured; no real slot has this number
+constexpr unsigned defaultCellId = 42;  // means that nothing was configured; no real slot has this number
 
 Vel::String textFact(char const* name, char const* path, Source* from) {
     if (char const* const value = variable(name, from)) return value;

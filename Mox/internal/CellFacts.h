@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <string_view>
 
-// The facts of a cell as its variables, files and defaults say them, read anew on each call. Each function that takes a
-// `from` sets it to where the answer comes from, unless it is null.
+// The facts of a cell, read from its variables, files and defaults anew on each call. Each function that takes `from`
+// sets it, unless it is null, to where the answer comes from.
 namespace Cell {
 
 unsigned Cell_cellId(Source* from = nullptr);
@@ -15,13 +15,14 @@ Vel::String Cell_product(Source* from = nullptr);
 bool Cell_electionMgrSupported(Source* from = nullptr);
 bool Cell_cpuBmcMode(Source* from = nullptr);
 
-// The value of a variable; null when it is not set. It is the first that is asked: `from` begins anew.
+// Returns the value of an environment variable, or null if it is not set. A variable is the first source that is asked,
+// so the function clears what `from` had.
 char const* variable(char const* name, Source* from);
 
 // A file that is read once, and closed at the end.
 class File {
 public:
-    // from: told of the file, unless it is null.
+    // Opens the file. Adds it to `from->asked`, unless `from` is null.
     File(char const* path, Source* from);
     File(File const&) = delete;
     File& operator=(File const&) = delete;
@@ -30,13 +31,13 @@ public:
     bool isOpen() const { return file_ >= 0; }
     int openError() const { return error_; }
 
-    static constexpr std::size_t maxText = 32;  // bytes that are read
+    static constexpr std::size_t maxText = 32;  // most bytes that are read
     struct Text {
         char bytes[maxText + 1];  // ends with a NUL
-        std::size_t size;         // without it
+        std::size_t size;         // without that NUL
         std::string_view untilNul() const { return bytes; }
     };
-    // What one read gives. Throws Vel::ErrnoException.
+    // Returns what one read(2) gives. Throws Vel::ErrnoException. REQUIRES: isOpen()
     Text read() const;
 
 private:
@@ -44,7 +45,7 @@ private:
     int file_;
     int error_;
     Source* from_;
-    std::size_t place_ = 0;  // among what was asked
+    std::size_t place_ = 0;  // index in from_->asked
 };
 
 }  // namespace Cell

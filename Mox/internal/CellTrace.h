@@ -6,7 +6,8 @@ namespace Cell {
 
 extern Vel::TraceHandle traceHandle;
 
-// A record at level 0. The line numbers and texts are fixed, so that people and scripts can look for them.
+// Writes a trace record at level 0. The callers pass fixed line numbers and texts, so that people and scripts can
+// search for them.
 template <class... Parts> void trace(unsigned line, char const* function, Parts const&... parts) {
     if (!traceHandle.enabled(0)) [[likely]]
         return;

@@ -6,13 +6,14 @@
 
 namespace Mox::Detail {
 
-// Whether calling the virtual `function` of `object` would run something else than it would for `base`, an object of
-// the class that declares it. It may say true without need, and never says false wrongly. So a recursion through a
-// virtual function can become a loop where no derived class takes part in it.
+// Returns whether the class of `object` overrides the virtual `function`, compared with `base`, an object of the class
+// that declares it. May return true although it is not overridden, but false is always right. Where it is false, a
+// recursion through the virtual function can be written as a loop.
 //
-// Reads the virtual tables, whose layout the Itanium C++ ABI fixes: their address is the first word of an object. A
-// pointer to a virtual member function holds an offset into them plus 1, and how far its object is from the one at
-// hand. On arm64 twice as far, and there the 1 is. On other processors every answer is true.
+// Compares entries of the virtual tables, whose layout the Itanium C++ ABI fixes. The first word of an object is the
+// address of its table. A pointer to a virtual member function has two words: the entry's offset in the table plus 1,
+// and an adjustment of `this`. On arm64 the 1 is in the second word, whose adjustment is doubled. On other processors
+// the function always returns true.
 #if defined(__GXX_ABI_VERSION) && (defined(__x86_64__) || defined(__s390x__) || defined(__aarch64__))
 template <class Base, class F> bool overrides(Base const& object, Base const& base, F Base::*function) {
     static_assert(std::is_polymorphic_v<Base>);

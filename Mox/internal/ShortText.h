@@ -6,7 +6,8 @@
 #include <cstring>
 #include <string_view>
 
-// Comparing and hashing texts of mostly up to 16 bytes, where a call of the C library costs more than the work.
+// Compares and hashes texts that mostly have up to 16 bytes: for these a call of memcmp() costs more than the
+// comparison itself.
 namespace Mox::Detail {
 
 using Vel::U32;
@@ -19,7 +20,7 @@ inline bool sameShortText(std::string_view a, std::string_view b) {
     return Vel::TextEnds(a.data(), a.size()) == Vel::TextEnds(b.data(), b.size());
 }
 
-// For tables within a process only: another one in each.
+// For tables within a process only: the secret, and so the hash, differs from process to process.
 inline U32 hashShortText(std::string_view text, Vel::TableSecret const& secret) {
     return static_cast<U32>(Vel::tableHash(text, 0, secret));
 }

@@ -6,16 +6,16 @@
 #include <cstddef>
 #include <string_view>
 
-// How a path falls into components: cut at "/" and "." where those do not stand first, so that a separator belongs to
-// the component that it begins. "a/b.c" has the components "a", "/b" and ".c"; "a//b" has "a", "/" and "/b".
+// Cuts a path into components. A component ends before the next "/" or ".", so a separator belongs to the component
+// that it begins. "a/b.c" has the components "a", "/b" and ".c"; "a//b" has "a", "/" and "/b".
 namespace Mox::Detail {
 
-// Where the next component of `path` begins; npos when its first is its last.
+// Returns where the second component of `path` begins, or npos if there is only one.
 inline std::size_t getSeparatorPos(std::string_view path) {
     static_assert('.' + 1 == '/' && '.' % 2 == 0);  // so that one comparison finds both
     std::size_t i = 1;
-    // Eight bytes at a time: the lowest byte of `different` that is 0 is the first separator, and gets its high bit
-    // set.
+    // Looks at eight bytes at a time. The lowest byte of `different` that is 0 is the first separator; its high bit is
+    // then the lowest bit of `found`.
     constexpr Vel::U64 ones = 0x0101010101010101ul;
     if constexpr (std::endian::native == std::endian::little)
         for (; i + 8 <= path.size(); i += 8) {
@@ -29,10 +29,10 @@ inline std::size_t getSeparatorPos(std::string_view path) {
 }
 
 struct PathStep {
-    std::string_view head;  // the key of the first component, without the star that marks a mount point
-    std::string_view rest;  // what follows, with its separator; empty after the last component
-    bool last;
-    bool starred;  // the first star of the path ends this component, or it is the last one
+    std::string_view head;  // the first component, without the star at its end that marks a mount point
+    std::string_view rest;  // the other components, with their separators; empty if there are none
+    bool last;              // the first component is the only one
+    bool starred;           // the component is the last one, or it ends with the first star of the path
 
     explicit PathStep(std::string_view path) {
         auto const separator = getSeparatorPos(path);

@@ -28,16 +28,18 @@ constexpr std::size_t blockSize = 256 * sizeof(U64);
 constexpr std::size_t alignment = 64;
 constexpr unsigned maxKept = 8;
 
-// The blocks that this thread keeps. Apart from Cleaner, so that a look at them costs no guard.
+// The freed blocks that this thread keeps. Not a part of Cleaner: it needs no constructor, so an access needs no check
+// whether it is initialised.
 struct Kept {
     U64* blocks[maxKept];
     unsigned count;
-    bool cleaned;  // the thread has begun to end: keep no more
-    bool watched;  // there is a Cleaner
+    bool cleaned;  // the Cleaner has run, since the thread ends: keep no more blocks
+    bool watched;  // the Cleaner is constructed
 };
 constinit thread_local Kept kept = {};
 
-// Frees the kept blocks at the thread's end. Sets that die later, such as static ones, free theirs themselves.
+// Frees the kept blocks at the thread's end. The blocks of sets that are destroyed later, such as static ones, are
+// freed at once.
 struct Cleaner {
     Cleaner() { kept.watched = true; }
     Cleaner(Cleaner const&) = delete;

@@ -5,14 +5,14 @@
 #include <cstddef>
 #include <memory>
 
-// Blocks of 256 words, as an id set with many words keeps them. malloc is slow at this size, while unions and the like
-// need a block each, so every thread keeps a few freed ones for its next sets.
+// Blocks of 256 words, in which an id set with many words stores them. Each union of such sets needs a block, and
+// malloc is slow at this size, so every thread keeps a few freed blocks for its next sets.
 namespace Mox::Detail {
 
 Vel::U64* takeBlock();                     // not initialised; aligned to a cache line; throws std::bad_alloc
-void giveBlock(Vel::U64* block) noexcept;  // on any thread
+void giveBlock(Vel::U64* block) noexcept;  // may be called on another thread than takeBlock()
 
-// Not in line: of a known number, the compiler makes "rep stos", which begins slowly.
+// Not inline: if the compiler knows `count`, it emits "rep stos", which is slow to start.
 void clearWords(Vel::U64* words, std::size_t count) noexcept;
 
 struct GiveBlock {

@@ -19,18 +19,18 @@ using Merged = WordKernels::Merged;
 struct CountSlowly {
     [[gnu::always_inline]] unsigned operator()(U64 word) const { return bitCount(word); }
 };
-struct CountByPopcnt {  // within a function that may use the instruction
+struct CountByPopcnt {  // for functions that may use the instruction, which are marked MOX_AVX2
     [[gnu::always_inline]] unsigned operator()(U64 word) const {
         return static_cast<unsigned>(__builtin_popcountll(word));
     }
 };
 
-// Calls f(word, rank in `all`) for each of the packed words. Without branches on what is stored where, which is hard to
-// foretell.
+// Calls f(word, the bucket's rank in `all`) for each of the packed words. It does not branch on which buckets are
+// stored, since the processor could not predict that.
 template <class Count, class F>
 [[gnu::always_inline]] inline void eachRanked(U64 const* words, Presence const& of, Presence const& all, F f) {
     for (unsigned group = 0; group < Presence::groups; ++group) {
-        U64 const bits = all.bits[group];  // not read again after every store
+        U64 const bits = all.bits[group];  // a copy, or it would be read again after each store of f
         unsigned const before = all.before(group);
         for (U64 rest = of.bits[group]; rest; rest &= rest - 1)
             f(*words++, before + Count()(bits & (rest - 1) & ~rest));
@@ -44,7 +44,7 @@ template <SetOp op, class Count>
         stored.bits[group] = aStored.bits[group] | bStored.bits[group];
     stored.recount(Count());
     if (stored.count() > WordKernels::maxMerged) return Merged::tooMany;
-    unsigned zeros = 0;  // in a, or what b's words came to
+    unsigned zeros = 0;  // words that are 0, in `a` or in the result
     eachRanked<Count>(a, aStored, stored, [&zeros, to](U64 word, unsigned rank) {
         to[rank] = word;
         zeros += word == 0;
@@ -97,7 +97,7 @@ template <SetOp op> MOX_AVX2 inline __m256i combinedVector(__m256i a, __m256i b)
     if constexpr (op == SetOp::exclude) return _mm256_xor_si256(a, b);
 }
 
-// Four words; all ones where the result is 0.
+// Combines four words. Returns all ones in each lane whose result is 0.
 template <SetOp op> MOX_AVX2 inline __m256i combineFour(U64 const* a, U64 const* b, U64* to) {
     __m256i const word = combinedVector<op>(_mm256_loadu_si256(reinterpret_cast<__m256i const*>(a)),
         _mm256_loadu_si256(reinterpret_cast<__m256i const*>(b)));
@@ -105,7 +105,8 @@ template <SetOp op> MOX_AVX2 inline __m256i combineFour(U64 const* a, U64 const*
     return _mm256_cmpeq_epi64(word, _mm256_setzero_si256());
 }
 
-// Sixteen words; two bytes each, in the order of packing: that of the lower two of each four, then of the upper two.
+// Combines sixteen words. Returns two bytes for each, in the order of _mm256_packs: the lower half holds those of the
+// lower two of each four words, the upper half those of the upper two.
 template <SetOp op> MOX_AVX2 inline __m256i combineSixteen(U64 const* a, U64 const* b, U64* to) {
     __m256i const first = _mm256_packs_epi32(combineFour<op>(a, b, to), combineFour<op>(a + 4, b + 4, to + 4));
     __m256i const second =
@@ -113,11 +114,12 @@ template <SetOp op> MOX_AVX2 inline __m256i combineSixteen(U64 const* a, U64 con
     return _mm256_packs_epi16(first, second);
 }
 
-// 32 words; one bit each for those that are 0.
+// Combines 32 words. Returns one bit for each, which is set if the result is 0.
 template <SetOp op> MOX_AVX2 inline U32 combineThirtyTwo(U64 const* a, U64 const* b, U64* to) {
     __m256i const packed =
         _mm256_packs_epi16(combineSixteen<op>(a, b, to), combineSixteen<op>(a + 16, b + 16, to + 16));
-    // Now a byte each: the lower two of every four in the lower half, the upper two in the upper one. Interleave them.
+    // Each word now has one byte: the lower half holds those of the lower two of every four words, the upper half those
+    // of the upper two. Interleave them.
     __m256i const quarters = _mm256_permute4x64_epi64(packed, 0xD8);
     __m256i const order = _mm256_setr_epi8(0, 1, 8, 9, 2, 3, 10, 11, 4, 5, 12, 13, 6, 7, 14, 15,  //
         0, 1, 8, 9, 2, 3, 10, 11, 4, 5, 12, 13, 6, 7, 14, 15);
@@ -166,7 +168,7 @@ std::atomic<WordKernels const*> chosen = nullptr;  // null: not chosen yet
 
 WordKernels const& best() {
 #if defined(__x86_64__)
-    __builtin_cpu_init();  // a set may be made before the constructor runs that does this
+    __builtin_cpu_init();  // a static set may be made before libgcc's own constructor has called this
     if (hasAvx2()) return avx2;
 #endif
     return portable;

@@ -4,7 +4,7 @@
 
 #include <bit>
 
-// What an id set does with all 256 of its words at a time, in the instructions that the processor has.
+// Operations on all 256 words of id sets, chosen at run time by the instructions that the processor has.
 namespace Mox::Detail {
 
 using Vel::U16;
@@ -12,7 +12,7 @@ using Vel::U32;
 using Vel::U64;
 using Vel::U8;
 
-// Number of bits set. Where the build may not assume an instruction for it, std::popcount is a call of a slow function.
+// Returns the number of bits set. Without -mpopcnt, std::popcount calls a slow function of the compiler's library.
 inline constexpr unsigned bitCount(U64 word) {
 #if defined(__x86_64__) && !defined(__POPCNT__)
     word -= word >> 1 & 0x5555555555555555ul;
@@ -24,21 +24,21 @@ inline constexpr unsigned bitCount(U64 word) {
 #endif
 }
 
-// Which of the 256 buckets are stored.
+// The set of those of the 256 buckets that are stored.
 class Presence {
 public:
     static constexpr unsigned buckets = 256;
     static constexpr unsigned groups = 4;
 
-    U64 bits[groups] = {};  // after a change made here, recount()
+    U64 bits[groups] = {};  // code that writes to it directly must call recount()
 
     unsigned count() const { return static_cast<unsigned>(ranks_ >> 32); }
-    unsigned before(unsigned group) const { return ranks_ >> (group * 8) & 255; }  // stored in the groups before it
+    unsigned before(unsigned group) const { return ranks_ >> (group * 8) & 255; }  // stored in the groups before this
     bool contains(unsigned bucket) const { return bits[bucket / 64] >> (bucket % 64) & 1; }
-    unsigned rank(unsigned bucket) const {  // stored buckets below this one
+    unsigned rank(unsigned bucket) const {  // number of stored buckets below this one
         return before(bucket / 64) + bitCount(bits[bucket / 64] & ((U64(1) << (bucket % 64)) - 1));
     }
-    unsigned next(unsigned from) const {  // the first stored one at or above `from`; buckets when there is none
+    unsigned next(unsigned from) const {  // the first stored one at or above `from`, or `buckets` if there is none
         for (unsigned group = from / 64; group < groups; ++group) {
             U64 const rest = group == from / 64 ? bits[group] >> (from % 64) << (from % 64) : bits[group];
             if (rest) return group * 64 + static_cast<unsigned>(std::countr_zero(rest));
@@ -53,7 +53,8 @@ public:
         bits[bucket / 64] &= ~(U64(1) << (bucket % 64));
         ranks_ -= above(bucket);
     }
-    // The bits of a group, where they are given from the first group on: `sum` are stored up to its end.
+    // Sets the bits of a group. REQUIRES: called for the groups in order, on an empty Presence; `sum` buckets are
+    // stored up to the end of this group.
     void append(unsigned group, U64 groupBits, unsigned sum) {
         bits[group] = groupBits;
         ranks_ |= U64(sum) << (group * 8 + 8);
@@ -67,12 +68,13 @@ public:
     }
 
 private:
-    static U64 above(unsigned bucket) {  // one in the byte of each later group, and in the count
+    static U64 above(unsigned bucket) {  // a 1 in the byte of each later group, and in the count
         return U64(0x01010101) << (bucket / 64 * 8 + 8) & 0x01FFFFFFFFul;
     }
 
-    // Byte g: stored buckets in the groups of 64 before g, so that one bit count yields a rank; from bit 32: in all.
-    // One word, so that a copy of what has just been counted need not wait for its parts to be put together.
+    // Byte g is the number of buckets stored in the groups before g, so that a rank takes one bit count. From bit 32 on
+    // is the number of all stored buckets. It is one word, since a copy made right after five narrower stores would
+    // have to wait for all of them.
     U64 ranks_ = 0;
 };
 
@@ -85,14 +87,15 @@ template <SetOp op> constexpr U64 combinedWord(U64 a, U64 b) {
     if constexpr (op == SetOp::exclude) return a ^ b;
 }
 
-// Every implementation gives the same results.
+// The operations; every implementation gives the same results.
 struct WordKernels {
-    // to[i] = a[i] op b[i] for 256 words; those that are not 0 become the stored ones. `to` may be a or b.
+    // Sets to[i] = a[i] op b[i] for 256 words. In `stored`, marks the buckets whose word is not 0. `to` may be a or b.
     using Combine = void(U64 const* a, U64 const* b, U64* to, Presence& stored);
 
-    // The union, or what is in one of them only, of words that lie one after the other: `to` gets them in the same way,
-    // as `stored` then says, unless there are too many, or a word is or comes to 0.
-    // REQUIRES: `to` has room for maxMerged words; as many as a and b have, if there is room, are 0.
+    // Combines two sequences of packed words by union or exclusive or. `to` gets the packed result, whose buckets are
+    // in `stored`. Fails with tooMany if the result has more than maxMerged words, and with withZeros if a word of `a`
+    // or of the result is 0: then `to` must not be used.
+    // REQUIRES: `to` has room for maxMerged words, of which the first min(maxMerged, words of a and b) are 0.
     enum class Merged : U8 { whole, tooMany, withZeros };
     static constexpr unsigned maxMerged = 48;
     using Merge = Merged(
@@ -107,8 +110,8 @@ struct WordKernels {
 
 VEL_API WordKernels const& wordKernels();
 
-// For tests: from now on, all threads use the implementation of that name ("portable", "avx2"); null for the best one.
-// False, and nothing changes, when this processor or build does not have it.
+// For tests: from now on, all threads use the implementation of that name ("portable", "avx2"), or the best one if
+// `name` is null. Returns false and changes nothing if this processor or build does not have it.
 VEL_API bool kernelsIs(char const* name);
 
 }  // namespace Mox::Detail

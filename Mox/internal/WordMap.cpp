@@ -12,7 +12,7 @@ namespace Mox::Detail {
 namespace {
 
 constexpr std::size_t blockBytes = Presence::buckets * sizeof(U64);
-constexpr unsigned repackBelow = WordMap::maxPacked / 2;  // well below the switch, so as not to go to and fro
+constexpr unsigned repackBelow = WordMap::maxPacked / 2;  // well below maxPacked, so that a map seldom switches back
 
 U64* allocateWords(unsigned count) {
     auto* const words = static_cast<U64*>(std::malloc(count * sizeof(U64)));
@@ -20,7 +20,7 @@ U64* allocateWords(unsigned count) {
     return words;
 }
 
-// Buckets [limit, 256) as bits of a group.
+// Returns the bits of those buckets in `group` that are in [limit, 256).
 U64 bitsFrom(unsigned limit, unsigned group) {
     if (limit >= group * 64 + 64) return 0;
     return limit <= group * 64 ? ~U64(0) : ~U64(0) << (limit % 64);
@@ -35,7 +35,7 @@ WordMap::WordMap(WordMap const& other) : stored_(other.stored_), changeCounter_(
         U64* const block = takeBlock();
         heap_ = block;
         capacity_ = buckets;
-        std::memcpy(block, other.heap_, blockBytes);  // with so many words, the other is direct as well
+        std::memcpy(block, other.heap_, blockBytes);  // a map of more than maxPacked words is always direct
         return;
     }
     makeRoom(size());
@@ -80,10 +80,10 @@ void WordMap::release() {
         std::free(heap_);
 }
 
-// Leaves the other one empty.
+// Moves the words of `other`, which becomes empty. REQUIRES: this map owns no memory.
 void WordMap::take(WordMap& other) noexcept {
     stored_ = other.stored_;
-    std::memcpy(inline_, other.inline_, sizeof inline_);  // or the pointer that stands there
+    std::memcpy(inline_, other.inline_, sizeof inline_);  // also copies heap_, which is in the same union
     capacity_ = other.capacity_;
     changeCounter_ = other.changeCounter_;
     other.stored_ = Presence();
@@ -98,7 +98,7 @@ void WordMap::clear() {
     ++changeCounter_;
 }
 
-// Of a map that has none yet: for exactly so many packed words.
+// Allocates room for exactly `count` packed words. REQUIRES: the map has no words and owns no memory.
 void WordMap::makeRoom(unsigned count) {
     if (count <= inlineWords) return;
     heap_ = allocateWords(count);
@@ -134,7 +134,7 @@ void WordMap::makePacked() {
 
 void WordMap::insert(unsigned bucket, U64 word) {
     if (!isDirect() && size() == capacity_) {
-        static constexpr unsigned steps[] = {18, 32, maxPacked};  // few allocations, and little is left unused
+        static constexpr unsigned steps[] = {18, 32, maxPacked};  // few allocations, little unused room
         unsigned const* const step = std::upper_bound(std::begin(steps), std::end(steps), size());
         if (step == std::end(steps))
             makeDirect();
@@ -176,7 +176,7 @@ U64 WordMap::erase(unsigned bucket) {
 
 // --- algebra ---
 
-// The words by bucket: where they are, or in `room`.
+// Returns an array of words by bucket: the map's own if it is direct, else `room`, which is filled.
 U64 const* WordMap::expanded(U64 (&room)[buckets]) const {
     if (isDirect()) return heap_;
     clearWords(room, buckets);
@@ -184,7 +184,7 @@ U64 const* WordMap::expanded(U64 (&room)[buckets]) const {
     return room;
 }
 
-// Of words that lie one after the other.
+// Returns a map of packed words, whose buckets are in `stored`.
 WordMap WordMap::ofPacked(U64 const* words, Presence const& stored) {
     if (stored.count() > maxPacked) return WordMap(stored, [words]() mutable { return *words++; });
     WordMap result;
@@ -194,10 +194,10 @@ WordMap WordMap::ofPacked(U64 const* words, Presence const& stored) {
     return result;
 }
 
-// For results of few words: merges what is stored, without a look at the buckets between.
+// Combines two maps by a walk over their stored words only. For results of few words.
 template <SetOp op> WordMap WordMap::merged(WordMap const& a, WordMap const& b, unsigned limit) {
     constexpr bool ofBoth = op == SetOp::unite || op == SetOp::exclude;
-    U64 words[2 * maxPacked];  // a or b is packed, and both are for a union
+    U64 words[2 * maxPacked];  // enough: a or b is packed, and for a union both are
     unsigned count = 0;
     Presence stored;
     U64 const* aAt = a.words();
@@ -215,7 +215,7 @@ template <SetOp op> WordMap WordMap::merged(WordMap const& a, WordMap const& b, 
             unsigned const bucket = group * 64 + static_cast<unsigned>(std::countr_zero(rest));
             U64 mine = 0;
             U64 theirs = 0;
-            if constexpr (ofBoth) {  // without branches on what is stored where, which is hard to foretell
+            if constexpr (ofBoth) {  // no branches on which buckets are stored: the processor could not predict them
                 bool const inA = (aBits & bit) != 0;
                 bool const inB = (bBits & bit) != 0;
                 mine = *std::min(aAt, aLast) & (~U64(inA) + 1);
@@ -238,8 +238,8 @@ template <SetOp op> WordMap WordMap::merged(WordMap const& a, WordMap const& b, 
     return ofPacked(words, stored);
 }
 
-// The union, or what is in one of them only, of two packed maps. What comes to 0, or is not below the limit, is left to
-// the merge.
+// Returns the union or the exclusive or of two packed maps. Leaves the work to merged() if a word is or becomes 0, or
+// if a bucket at or above the limit is stored.
 template <SetOp op> WordMap WordMap::joined(WordMap const& a, WordMap const& b, unsigned limit) {
     if (a.next(limit) != buckets || b.next(limit) != buckets) return merged<op>(a, b, limit);
     auto* const merge = op == SetOp::unite ? wordKernels().unite : wordKernels().exclude;
@@ -283,7 +283,7 @@ WordMap WordMap::combined(WordMap const& a, WordMap const& b, SetOp op, unsigned
     if (op == SetOp::unite && packed) return joined<SetOp::unite>(a, b, limit);
     if (op == SetOp::exclude && packed) return joined<SetOp::exclude>(a, b, limit);
     if (op == SetOp::subtract && !a.isDirect()) return merged<SetOp::subtract>(a, b, limit);
-    // Above the limit all words of a remain: they must not be too many for the merge.
+    // From the limit up all words of a remain, so a direct map could have too many words for merged().
     if (op == SetOp::intersect && (packed || (!a.isDirect() != !b.isDirect() && limit >= buckets - 1)))
         return merged<SetOp::intersect>(a, b, limit);
     U64 room[buckets];

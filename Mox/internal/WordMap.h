@@ -9,10 +9,11 @@
 namespace Mox::Detail {
 
 // Invariants:
-// 1. stored_ tells which buckets are stored.
-// 2. Packed (capacity_ below 256): the stored words lie in ascending order of their buckets at words()[0, size()).
-// 3. Direct (capacity_ 256): bucket b's word is words()[b], 0 when it is not stored.
-// 4. capacity_ is inlineWords, and the words are within the object, until more are stored; an empty map is so again.
+// 1. stored_ has the buckets that are stored.
+// 2. Packed (capacity_ below 256): the stored words are at words()[0, size()), in ascending order of their buckets.
+// 3. Direct (capacity_ 256): bucket b's word is words()[b], which is 0 if the bucket is not stored.
+// 4. While the map has never had more than inlineWords words, or once it is empty again, capacity_ is inlineWords and
+//    the words are within the object.
 // A stored word may be 0.
 class VEL_API WordMap {
 public:
@@ -23,29 +24,30 @@ public:
     class Cursor;
 
     WordMap() noexcept : inline_{} {}  // not defaulted, so that a const map needs no braces
-    WordMap(WordMap const& other);     // allocates once at most, exactly sized
+    WordMap(WordMap const& other);     // allocates at most once, for exactly the words
     WordMap(WordMap&& other) noexcept { take(other); }
-    enum class Others : bool { zero, any };                       // what stands in a block where nothing is stored
+    enum class Others : bool { zero, any };                       // what a block has at buckets that are not stored
     WordMap(Block block, Presence const& stored, Others others);  // packs few words, else keeps the block
-    // The words of those buckets: next() yields them in ascending order. Packed where possible, and exactly sized.
+    // Makes a map of these buckets; next() returns their words in ascending order. The map is packed if it may be, and
+    // sized exactly.
     template <class Next> WordMap(Presence const& stored, Next next);
     WordMap& operator=(WordMap const& other);
     WordMap& operator=(WordMap&& other) noexcept;
     ~WordMap() { release(); }
 
     unsigned size() const { return stored_.count(); }     // words stored
-    U32 changeCounter() const { return changeCounter_; }  // moves whenever a bucket comes or goes
+    U32 changeCounter() const { return changeCounter_; }  // changes whenever a bucket is added or removed
     std::size_t allocatedBytes() const { return capacity_ > inlineWords ? capacity_ * sizeof(U64) : 0; }
     bool isDirect() const { return capacity_ == buckets; }
     bool contains(unsigned bucket) const { return stored_.contains(bucket); }
     Presence const& stored() const { return stored_; }
-    U64 const* words() const { return capacity_ == inlineWords ? inline_ : heap_; }  // see the invariants
+    U64 const* words() const { return capacity_ == inlineWords ? inline_ : heap_; }  // in the order of invariants 2, 3
 
-    U64 get(unsigned bucket) const {  // 0 when it is not stored
+    U64 get(unsigned bucket) const {  // 0 if the bucket is not stored
         if (isDirect()) return heap_[bucket];
         return contains(bucket) ? words()[stored_.rank(bucket)] : 0;
     }
-    void set(unsigned bucket, U64 word) {  // also 0
+    void set(unsigned bucket, U64 word) {  // stores the word even if it is 0
         if (contains(bucket)) [[likely]]
             word_(bucket) = word;
         else
@@ -62,25 +64,25 @@ public:
         insert(bucket, bits);
         return 0;
     }
-    U64 erase(unsigned bucket);  // what was stored, or 0
+    U64 erase(unsigned bucket);  // returns the word that was stored, or 0
     void clear();
 
-    unsigned next(unsigned from) const { return stored_.next(from); }  // the first stored bucket from there; or buckets
-    // f(bucket, word) for every stored word, ascending. REQUIRES: f changes nothing here.
+    unsigned next(unsigned from) const { return stored_.next(from); }  // the first stored one at or above; or `buckets`
+    // Calls f(bucket, word) for every stored word, in ascending order. REQUIRES: f does not change the map.
     template <class F> void forEach(F f) const {
         if (isDirect())
             forEachBucket([&](unsigned bucket) { f(bucket, heap_[bucket]); });
         else
             forEachBucket([&, at = words()](unsigned bucket) mutable { f(bucket, *at++); });
     }
-    // Whether p(bucket, word) holds for every stored word; looks no further once it does not.
+    // Whether p(bucket, word) holds for every stored word. Stops at the first for which it does not.
     template <class P> bool allOf(P p) const;
     U32 bitsSet() const { return wordKernels().bitsSet(words(), isDirect() ? buckets : size()); }
 
-    // a op b, word by word, in the buckets of [0, limit), where no word that is 0 is stored; what a stores in the
-    // buckets from `limit` up.
+    // Returns a map with `a op b` in the buckets below `limit`, where words that are 0 are not stored, and with the
+    // words of a from `limit` up.
     static WordMap combined(WordMap const& a, WordMap const& b, SetOp op, unsigned limit);
-    WordMap complemented(unsigned limit) const;
+    WordMap complemented(unsigned limit) const;  // all bits inverted in the buckets below `limit`
 
     friend VEL_API bool operator==(WordMap const& a, WordMap const& b);
 
@@ -116,14 +118,14 @@ private:
     U16 capacity_ = inlineWords;
 };
 
-// Walks the stored words in ascending order. Changing the map ends the walk's meaning.
+// Walks the stored words in ascending order of their buckets. REQUIRES: the map does not change during the walk.
 class WordMap::Cursor {
 public:
     Cursor() = default;
     explicit Cursor(WordMap const& map)
         : groups_(map.stored_.bits), at_(map.words()), rest_(groups_[0]), group_(0), isDirect_(map.isDirect()) {}
 
-    // The next bucket and its word; false at the end.
+    // Sets `bucket` and `word` to the next stored ones. Returns false at the end.
     bool next(unsigned& bucket, U64& word) {
         while (rest_ == 0) {
             if (group_ + 1u >= Presence::groups) return false;
@@ -137,8 +139,8 @@ public:
 
 private:
     U64 const* groups_ = nullptr;
-    U64 const* at_ = nullptr;  // packed: the next word; direct: the first
-    U64 rest_ = 0;             // the group's buckets that are still to come
+    U64 const* at_ = nullptr;  // packed: the next word; direct: the word of bucket 0
+    U64 rest_ = 0;             // buckets of the group that are still to be visited
     U8 group_ = Presence::groups;
     bool isDirect_ = false;
 };
@@ -158,7 +160,7 @@ template <class Next> WordMap::WordMap(Presence const& stored, Next next) : stor
         if (rest & (rest + 1)) {
             clearWords(to, 64);
             for (; rest; rest &= rest - 1) to[static_cast<unsigned>(std::countr_zero(rest))] = next();
-        } else {  // without gaps: no search for them
+        } else {  // the stored buckets have no gaps: copy them in one run
             unsigned const count = static_cast<unsigned>(std::countr_one(rest));
             unsigned i = 0;
             for (; i + 4 <= count; i += 4) {

@@ -1,6 +1,6 @@
 #include "Vel/base/Assert.h"
 
-#undef NDEBUG  // which hides the declaration of the function that fails
+#undef NDEBUG  // or <cassert> does not declare __assert_fail()
 #include <cassert>
 #include <string>
 
@@ -10,7 +10,7 @@ namespace Vel {
 
 SassertHelper::~SassertHelper() {
     std::string const text = std::string("Assertion ") + condition_ + " failed: " + message_.str() + "\n";
-    // Straight to the descriptor: buffers of the process may not be trusted any more. Nothing can be done if it fails.
+    // Writes to the descriptor, since the process's own buffers may be corrupt. A failure can't be handled.
     [[maybe_unused]] auto const written = ::write(STDERR_FILENO, text.data(), text.size());
 }
 

@@ -6,7 +6,7 @@
 
 namespace Vel {
 
-// Explains a failed assertion before it aborts the process:
+// Writes an explanation of a failed assertion, before assertionFailed() aborts the process:
 //
 //     { Vel::SassertHelper helper("id < size()"); helper.stream() << "id " << id << " exceeds limit of " << size(); }
 //     Vel::assertionFailed("id < size()", "/src/Mox/IdSet", 0, "bool Mox::IdSet::id(Mox::Id) const");
@@ -26,8 +26,8 @@ private:
     std::ostringstream message_;
 };
 
-// Fails through the C library's assertion failure, which prints these four and aborts; NDEBUG plays no part.
-// The texts are fixed, and the same under every compiler, so that a report found in the field can be searched for.
+// Calls the C library's assertion failure, which prints the four arguments and aborts. NDEBUG has no effect. The
+// callers pass fixed texts, the same under every compiler, so that a failure reported by a user can be found by search.
 [[noreturn]] VEL_API VEL_COLD void assertionFailed(
     char const* condition, char const* source, unsigned line, char const* function);
 

@@ -4,7 +4,8 @@
 
 namespace Vel {
 
-// The destructors stand here so that each class's type information has one home, and catching works across libraries.
+// The destructors are defined here so that the type information of each class exists once, in this library. Otherwise
+// an exception thrown in one library might not be caught in another.
 Exception::~Exception() = default;
 RangeException::~RangeException() = default;
 ParseException::~ParseException() = default;

@@ -21,7 +21,7 @@ private:
     String text_;
 };
 
-// A value is out of its range, or a text does not say a value of the kind expected.
+// A value is out of its range, or a text does not represent a value of the expected kind.
 class VEL_API RangeException : public Exception {
 public:
     using Exception::Exception;
@@ -40,7 +40,7 @@ private:
     std::size_t offset_;
 };
 
-// An attribute log that ends too early or holds what no writer would have written.
+// An attribute log ends too early, or holds bytes that no writer writes.
 class VEL_API StreamException : public RangeException {
 public:
     StreamException(String text, std::size_t offset) noexcept : RangeException(std::move(text)), offset_(offset) {}
@@ -57,7 +57,7 @@ class VEL_API ErrnoException : public Exception {
 public:
     explicit ErrnoException(int error);                // "Permission denied (EACCES)"
     ErrnoException(int error, String const& subject);  // "/etc/product: Permission denied (EACCES)"
-    ErrnoException(int error, String const& subject, String const& detail);  // the same; and "; " with the detail
+    ErrnoException(int error, String const& subject, String const& detail);  // the same with "; " and the detail
     ~ErrnoException() override;
 
     int error() const noexcept { return error_; }  // the errno value
@@ -79,7 +79,7 @@ public:
     ~TypeException() override;
 };
 
-// The hash was asked of a type that has none.
+// The hash of a value was requested whose type has none.
 class VEL_API UnhashableException : public TypeException {
 public:
     using TypeException::TypeException;
@@ -100,14 +100,14 @@ public:
     ~MutatorArgNullPointerException() override;
 };
 
-// A change was sent to a copy, or a source, that takes none.
+// A change was sent to a copy or a source that is read-only.
 class VEL_API ReadOnlyException : public Exception {
 public:
     using Exception::Exception;
     ~ReadOnlyException() override;
 };
 
-// A module descriptor was refused: malformed, or naming a type that another module has registered.
+// A module descriptor was refused: it is malformed, or has a type that another module has registered.
 class VEL_API ModuleException : public Exception {
 public:
     using Exception::Exception;

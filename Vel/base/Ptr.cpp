@@ -46,7 +46,7 @@ void AllocTrackTypeInfo::trackArrayDeallocation(std::size_t count, std::size_t s
 }
 
 void AllocTrackTypeInfo::visitAll(std::function<void(AllocTrackTypeInfo const&)> const& visit) {
-    // Entries are never unlisted, so the lock need not be held while visiting, and `visit` may allocate.
+    // Entries are never removed, so `visit` is called without the lock and may allocate.
     AllocTrackTypeInfo* first = nullptr;
     {
         std::lock_guard const lock(trackedMutex);
@@ -66,12 +66,14 @@ PtrInterface::~PtrInterface() = default;
 
 namespace {
 
-// An object that was the last to hold another destroys that one too, and so on: beyond this depth they wait until the
-// outermost is done, so that a chain of any length takes no stack.
+// The destructor of an object may drop the last reference to another, whose destructor drops the next, and so on.
+// Beyond this depth, objects wait in a list until the outermost is destroyed, so that a long chain does not exhaust the
+// stack.
 constexpr unsigned maxNestedDestruction = 64;
 thread_local unsigned nestedDestruction = 0;
 thread_local std::vector<PtrInterface*>* waitingForDestruction = nullptr;
 
+// Adds the object to the list. Returns false if there is no memory for that.
 bool waits(PtrInterface* object) {
     try {
         if (!waitingForDestruction) waitingForDestruction = new std::vector<PtrInterface*>;
@@ -85,7 +87,7 @@ bool waits(PtrInterface* object) {
 }  // namespace
 
 void PtrInterface::handleZeroRef() {
-    newRef();  // references that come and go while the object is being destroyed must not destroy it again
+    newRef();  // keeps the count above 0: references taken meanwhile must not destroy the object again
     zeroReferencesIs(true);
     if (nestedDestruction >= maxNestedDestruction && waits(this)) return;
     ++nestedDestruction;
@@ -103,7 +105,7 @@ void PtrInterface::handleZeroRef() {
 }
 
 void PtrInterface::flagIs(U32 bit, bool on) noexcept {
-    // Flags share the word with the count, so they follow its rule.
+    // The flags are in the same word as the count, so they must be atomic whenever the count is.
     if (threadSafePointers_) {
         if (on)
             __atomic_fetch_or(&refWord_, bit, __ATOMIC_ACQ_REL);
@@ -115,7 +117,7 @@ void PtrInterface::flagIs(U32 bit, bool on) noexcept {
 }
 
 void* PtrInterface::velMemAlloc(std::size_t size) { return ::operator new(size); }
-// Not the sized form, which clang declares only when asked to.
+// Not the sized form of operator delete: clang 14 declares that only with -fsized-deallocation.
 void PtrInterface::velMemFree(void* memory, std::size_t) noexcept { ::operator delete(memory); }
 
 }  // namespace Vel

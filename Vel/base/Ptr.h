@@ -21,7 +21,7 @@ public:
     static bool threadSafePointers_;
 };
 
-// Adds n to a reference word by the rule of the switch above; returns the word before.
+// Adds n to a reference word, atomically if threadSafePointers_ is set. Returns the word before.
 inline U32 referenceWordAdd(U32& word, U32 n) noexcept {
     if (VFPtrInterface::threadSafePointers_) [[unlikely]]
         return __atomic_fetch_add(&word, n, __ATOMIC_ACQ_REL);
@@ -30,7 +30,7 @@ inline U32 referenceWordAdd(U32& word, U32 n) noexcept {
     return before;
 }
 
-// Allocation statistics of one type. Readable at any time; exact when nothing allocates meanwhile.
+// Allocation statistics of one type. They may be read at any time, and are exact if nothing allocates meanwhile.
 class VEL_API AllocTrackTypeInfo {
 public:
     constexpr explicit AllocTrackTypeInfo(char const* typeName) : typeName_(typeName) {}
@@ -64,18 +64,18 @@ private:
 
 // Base of every reference-counted object.
 //
-// The reference word: the count lives in the bits of countMask, the other two bits are flags. The object destroys
-// itself when a decrement leaves the count at zero; until a Ptr first holds it, the count is zero and nothing happens.
+// The bits of countMask in the reference word are the count; the other two bits are flags. A new object has a count of
+// zero. The object destroys itself when a decrement makes the count zero, so not before a Ptr has held it.
 // Threads: see VFPtrInterface.
 class VEL_API PtrInterface : public VFPtrInterface {
 public:
     static constexpr U32 countMask = 0x5FFFFFFFu;
 
-    // The virtual operations come in this order, which derived classes in other libraries rely on.
-    virtual NotifieeList* notifieeList() const;     // null: not observable
-    virtual void hasNotificationActiveIs(bool on);  // whether mutators tell the observers
-    virtual void zeroReferencesIs(bool zero);       // told true when the last reference has gone, before destruction
-    virtual VelType fwkType() const = 0;            // the registered type; a null type when it has none
+    // Derived classes in other libraries depend on this order of the virtual functions.
+    virtual NotifieeList* notifieeList() const;     // null if the object can't be observed
+    virtual void hasNotificationActiveIs(bool on);  // whether mutators notify the observers
+    virtual void zeroReferencesIs(bool zero);       // called with true after the last reference, before destruction
+    virtual VelType fwkType() const = 0;            // the registered type; a null type if it is not registered
     virtual ~PtrInterface();
 
     bool hasNotificationActive() const noexcept { return refWord_ & notificationActiveBit; }
@@ -100,8 +100,8 @@ protected:
     PtrInterface(PtrInterface const&) noexcept {}  // a copy has no references and no flags of its own
     PtrInterface& operator=(PtrInterface const&) noexcept { return *this; }
 
-    // Tells zeroReferencesIs(true) and destroys the object. References taken and dropped meanwhile are allowed; one
-    // that is kept dangles.
+    // Calls zeroReferencesIs(true), then destroys the object. References may be taken meanwhile, but a reference that
+    // is not dropped before the end dangles.
     void handleZeroRef();
 
 private:
@@ -114,9 +114,9 @@ private:
     mutable U32 refWord_ = 0;
 };
 
-// What a reference-counted type that is no entity derives from, so that its objects are tracked as entities are: class
-// Node : public Vel::TrackedOf<Node>. T has a static function velAllocTrack() that yields T's AllocTrackTypeInfo;
-// defined in a source file, it is one for the whole process.
+// Base of a reference-counted type that is no entity, if its allocations should be counted like those of entities:
+// class Node : public Vel::TrackedOf<Node>. REQUIRES: T has a static function velAllocTrack() that returns T's
+// AllocTrackTypeInfo. Define it in a source file, so that the process has only one.
 template <class T> class TrackedOf : public PtrInterface {
 public:
     static void* operator new(std::size_t size) {
@@ -173,7 +173,7 @@ private:
     T* object_ = nullptr;
 };
 
-// The object as a To when it is one (by its dynamic type), else null.
+// Returns the object as a To if it is one by its dynamic type, else null.
 template <class To, class From> Ptr<To> ptr_cast(Ptr<From> const& from) noexcept {
     return Ptr<To>(dynamic_cast<To*>(from.get()));
 }

@@ -91,7 +91,7 @@ std::size_t String::pos(std::size_t start, char const* text, std::size_t length)
 
 namespace {
 
-// Canonical copies. The pool forgets strings that nobody else holds whenever it would have to grow.
+// The shared copies that dedup() uses. When the pool has reached `sweepAt`, it removes strings that nobody else holds.
 struct DedupPool {
     std::mutex mutex;
     std::unordered_set<String, TableHasher> strings;

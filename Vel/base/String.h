@@ -15,12 +15,12 @@ namespace Vel {
 // An immutable character string with shared storage; one pointer wide.
 //
 // Invariants:
-// 1. rep_ is null or points to the characters; a count and the length stand before them, a NUL after them.
-// 2. A null rep_ and a zero length both mean the empty string; all observers treat them alike.
-// 3. The characters never change after construction: "assignment" lets the string share other storage.
+// 1. rep_ is null or points to the characters. The reference count and the length are before them, a NUL after them.
+// 2. A null rep_ and a zero length both mean the empty string; all functions treat them alike.
+// 3. The characters never change after construction; assignment makes the string share other storage.
 //
-// Threads: the count is atomic only when VFPtrInterface::threadSafePointers_ is set; one String object is used by one
-// thread at a time.
+// Threads: one String object is for one thread at a time. Strings that share storage may be used by several threads
+// only if VFPtrInterface::threadSafePointers_ is set, which makes the count atomic.
 class VEL_API String {
 public:
     static constexpr std::size_t npos = static_cast<std::size_t>(-1);
@@ -28,11 +28,11 @@ public:
     class IteratorConst;
 
     constexpr String() noexcept = default;
-    String(char const* text);  // a null pointer makes the empty string
+    String(char const* text);  // null means the empty string
     String(char const* text, std::size_t length);
     String(std::string_view text) : String(text.data(), text.size()) {}
     String(std::string const& text) : String(text.data(), text.size()) {}
-    // The rest of `other` from `start`, at most `length` bytes. Throws RangeException when start > other.length().
+    // The part of `other` from `start` on, at most `length` bytes. Throws RangeException if start > other.length().
     String(String const& other, std::size_t start, std::size_t length = npos);
     explicit String(IteratorConst const& from);  // up to the end of the string that `from` walks
     String(IteratorConst const& from, IteratorConst const& to);
@@ -44,7 +44,7 @@ public:
     String& operator=(char const* text) { return *this = String(text); }
     ~String() { deleteRef(); }
 
-    // A string of `length` bytes that `fill(char*)` writes in place.
+    // Returns a string of `length` bytes, which `fill(char*)` writes in place. Does not call `fill` if `length` is 0.
     template <class Fill> static String withLength(std::size_t length, Fill fill) {
         String s(Adopt(), allocate(length));
         if (s.rep_) fill(s.rep_);
@@ -69,15 +69,15 @@ public:
     String& operator+=(String const& other);
     String operator+(String const& other) const;
 
-    // Index of the first match at or after `start`; npos when there is none.
+    // Return the index of the first match at or after `start`, or npos if there is none.
     std::size_t pos(std::size_t start, char c) const noexcept;
     std::size_t pos(std::size_t start, char const* text, std::size_t length) const noexcept;
 
-    // Replaces this string by the process's one shared copy of the same characters. Takes a process-wide lock.
+    // Makes this string share the storage of the process's one copy of the same characters. Takes a process-wide lock.
     String& dedup();
     bool sharesStorageWith(String const& other) const noexcept { return rep_ == other.rep_; }
 
-    // Byte-wise, with anything that is a text; a null char pointer compares as empty.
+    // Compare bytes with anything that converts to a string_view. A null char pointer is the empty string.
     template <class S>
     requires std::convertible_to<S const&, std::string_view>
     friend bool operator==(String const& a, S const& b) noexcept { return a.view() == toView(b); }
@@ -91,7 +91,7 @@ private:
         U32 length;
     };
 
-    struct Adopt {};  // keeps String(char*) a copy, as String(char const*) is
+    struct Adopt {};  // marks the constructor that takes over `rep`; String(char*) copies
     String(Adopt, char* rep) noexcept : rep_(rep) {}
     static char* allocate(std::size_t length);  // null for length 0
     template <class S> static std::string_view toView(S const& s) noexcept {
@@ -115,8 +115,9 @@ private:
     char* rep_ = nullptr;
 };
 
-// Walks the characters of one String, and knows where that string begins, so that a parser can say where it stopped.
-// Holds no reference: it must not outlive its string. Both pointers are null for an empty string without storage.
+// Walks the characters of one String. It also has the beginning of that string, so that a parser can say at which byte
+// it stopped. It holds no reference, so it must not outlive its string. Both pointers are null for an empty string
+// without storage.
 class String::IteratorConst {
 public:
     using iterator_concept = std::contiguous_iterator_tag;
@@ -149,7 +150,7 @@ public:
     friend constexpr auto operator<=>(IteratorConst a, IteratorConst b) { return a.at_ <=> b.at_; }
 
     constexpr char const* charPtr() const { return at_; }
-    constexpr void charPtrIs(char const* at) { at_ = at; }                                   // within the same string
+    constexpr void charPtrIs(char const* at) { at_ = at; }  // REQUIRES: `at` is within the same string
     constexpr std::size_t offset() const { return static_cast<std::size_t>(at_ - begin_); }  // bytes from the beginning
     constexpr char const* beginPtr() const { return begin_; }
 
@@ -164,7 +165,7 @@ inline String::IteratorConst String::end() const noexcept { return {rep_, rep_ +
 VEL_API String operator+(char const* a, String const& b);
 VEL_API std::ostream& operator<<(std::ostream& out, String const& s);
 
-// printf-style; the result may be of any length. Throws RangeException when the format or its arguments are malformed.
+// Formats like printf(); the result may have any length. Throws RangeException if printf() fails.
 VEL_API String format(char const* format, ...) __attribute__((format(printf, 1, 2)));
 
 }  // namespace Vel

@@ -21,11 +21,11 @@ int SystemCalls::close(int file) { return ::close(file); }
 
 namespace {
 
-std::atomic<pid_t> cachedPid = 0;  // 0: not asked yet
+std::atomic<pid_t> cachedPid = 0;  // 0 if the kernel was not asked yet
 
 }  // namespace
 
-// Asked once a process: the call is a trip into the kernel. A forked child asks again.
+// Asks the kernel once in each process, since a system call is slow. A forked child asks again.
 pid_t SystemCalls::getpid() {
     pid_t pid = cachedPid.load(std::memory_order_relaxed);
     if (pid == 0) [[unlikely]] {
@@ -42,8 +42,8 @@ double SystemCalls::currentTime() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// Never waits: early while a machine starts, and where a filter forbids the call, the 16 random bytes do that the
-// kernel gives each program.
+// Never blocks. Early while a machine starts, or where a filter forbids getrandom(), it uses the 16 random bytes that
+// the kernel gives each program.
 void SystemCalls::random(void* to, std::size_t size) noexcept {
     auto* at = static_cast<char*>(to);
     char* const end = at + size;

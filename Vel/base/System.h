@@ -8,20 +8,20 @@
 
 namespace Vel {
 
-// The calls by which the framework and the libraries on it learn about the world outside the process. They all go
-// through one replaceable object, so that a test or a tool can give any answer (an error, a short file, a clock that
-// goes back) without touching the real environment. The defaults call the C library.
+// The system calls by which the framework and the libraries on it ask about the world outside the process. They all go
+// through one object that can be replaced, so that a test or a tool can give any answer (an error, a short file, a
+// clock that goes back) without a change of the real environment. The default functions call the C library.
 //
 // The signatures and error conventions are POSIX's: open, read and close return -1 and set errno.
 class VEL_API SystemCalls {
 public:
-    virtual char const* getenv(char const* name);  // null when unset
+    virtual char const* getenv(char const* name);  // null if it is not set
     virtual int open(char const* path, int flags);
     virtual ssize_t read(int file, void* buffer, std::size_t size);
     virtual int close(int file);
-    virtual pid_t getpid();        // fork() is noticed; a raw clone(2) that skips its handlers is not
+    virtual pid_t getpid();        // cached; wrong after a raw clone(2), which skips the handlers of fork()
     virtual double currentTime();  // seconds since 1970-01-01 00:00 UTC
-    virtual void random(void* to, std::size_t size) noexcept;  // bytes that nobody outside the process can foretell
+    virtual void random(void* to, std::size_t size) noexcept;  // bytes that nobody outside the process can predict
     virtual ~SystemCalls();
 
 protected:
@@ -33,8 +33,8 @@ protected:
 class VEL_API System {
 public:
     static SystemCalls& calls() noexcept { return *calls_; }
-    // Puts `calls` (null: the real ones) in force and returns the object that was. The caller keeps ownership.
-    // Switch only while no other thread makes calls.
+    // Replaces the object by `calls`, or by the real one if that is null. Returns the object before, or null if it was
+    // the real one. The caller keeps ownership. REQUIRES: no other thread makes calls meanwhile.
     static SystemCalls* callsIs(SystemCalls* calls) noexcept;
 
     static double currentTime() { return calls_->currentTime(); }  // seconds since 1970-01-01 00:00 UTC

@@ -39,7 +39,7 @@ void ProcessSecret::draw() noexcept {
     if (value_.words[0] == 0) valueIs(TableSecret::drawn());
 }
 
-// The word by which others see that there is a secret comes last.
+// Sets words[0] last: value() takes a non-zero words[0] as the sign that the whole secret is there.
 TableSecret ProcessSecret::valueIs(TableSecret const& secret) noexcept {
     TableSecret const before = value_;
     for (unsigned i = 3; i > 0; --i) value_.words[i] = secret.words[i];

@@ -7,33 +7,33 @@
 #include <cstring>
 #include <string_view>
 
-// Hashes for tables in memory, whose keys may be chosen by somebody who wants them to collide. Each process keys them
-// with a secret of its own, so that nobody outside can tell which keys collide. They differ from process to process:
-// what is stored, sent or shown takes Vel::Hash.
+// Hashes for tables in memory, whose keys may be chosen by somebody who wants them to collide. Each process has a
+// secret that goes into the hashes, so nobody outside can know which keys collide. The hashes therefore differ from
+// process to process: for hashes that are stored, sent or shown use Vel::Hash.
 namespace Vel {
 
-// What a process keys its tables with.
+// The secret that goes into the hashes.
 struct VEL_API TableSecret {
-    alignas(32) U64 words[4];  // each odd; within one line of the cache
+    alignas(32) U64 words[4];  // each is odd; together within one cache line
 
-    static TableSecret drawn() noexcept;             // another one every time; see SystemCalls::random
-    static TableSecret fromSeed(U64 seed) noexcept;  // for tests and the like: the same seed, the same secret
+    static TableSecret drawn() noexcept;             // a new random one, from SystemCalls::random()
+    static TableSecret fromSeed(U64 seed) noexcept;  // for tests: the same seed gives the same secret
     friend bool operator==(TableSecret const&, TableSecret const&) = default;
 };
 
 // The secret of this process.
 class VEL_API ProcessSecret {
 public:
-    // Drawn when first asked for. May be called from any thread.
+    // Returns the secret; the first call draws it. May be called from any thread.
     static TableSecret const& value() noexcept {
         if (__atomic_load_n(&value_.words[0], __ATOMIC_ACQUIRE) == 0) [[unlikely]]
             draw();
         return value_;
     }
-    // The same without the question whether it has been drawn: REQUIRES that value() has been called.
+    // The same without the check whether it is drawn. REQUIRES: value() was called before.
     static TableSecret const& drawn() noexcept { return value_; }
-    // Puts another in force and returns the one before, so that a test, a simulation or a benchmark runs the same way
-    // every time. REQUIRES: no table that has elements now is used before the one before is in force again; one thread.
+    // Replaces the secret and returns the one before, so that a test, a simulation or a benchmark runs the same way
+    // every time. REQUIRES: one thread; tables that have elements now are not used until the secret before is put back.
     static TableSecret valueIs(TableSecret const& secret) noexcept;
 
 private:
@@ -48,8 +48,8 @@ template <class Word> Word wordAt(char const* at) {
     return word;
 }
 
-// The first and the last bytes of a text of up to 16 bytes; together they have them all. Read in words that overlap
-// rather than byte by byte; nothing outside the text is touched.
+// The first and the last bytes of a text of up to 16 bytes; together they have all its bytes. They are read as words,
+// which may overlap, instead of byte by byte. Nothing outside the text is read.
 struct TextEnds {
     U64 first;
     U64 last;
@@ -81,10 +81,10 @@ inline U64 foldedProduct(U64 a, U64 b) {
 
 // The hashes are built like Wang Yi's wyhash (public domain, github.com/wangyi-fudan/wyhash): words, each
 // exclusive-or'd with a word of the secret, are multiplied in pairs, and the result passes one more such step with the
-// length. The constants that wyhash publishes are replaced by the secret: who knows the constant can make a factor 0,
-// and then the other factor is lost. The result is good in all its bits. It depends on the byte order.
+// length. The secret replaces the constants that wyhash publishes: with a known constant an adversary can make a factor
+// 0, and then the other factor has no effect. All bits of the result are equally good. It depends on the byte order.
 //
-// `seed` tells one table's hashes from another's.
+// With different seeds, tables of one process get different hashes for the same key.
 inline U64 tableHash(std::string_view text, U32 seed, TableSecret const& secret) {
     U64 state = U64(seed) << 32;
     char const* at = text.data();

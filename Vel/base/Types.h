@@ -5,9 +5,9 @@
 #include <cstddef>
 #include <cstdint>
 
-// Everything is hidden unless marked: a library's exported symbols are its contract.
+// Exports a symbol from the library. Symbols without it are hidden, so that users can't depend on them.
 #define VEL_API __attribute__((visibility("default")))
-// Keeps error construction out of the instruction stream of the functions that may need it.
+// Marks a function that reports an error, so that its code is not inlined into the functions that call it.
 #define VEL_COLD __attribute__((cold, noinline))
 
 namespace Vel {
@@ -20,17 +20,17 @@ using F64 = double;
 
 static_assert(sizeof(U16) == 2 && sizeof(U32) == 4 && sizeof(U64) == 8, "the framework needs an LP64 platform");
 
-// Number of an attribute within its type: from 2 upward in a value type, from 258 upward in an entity.
+// Number of an attribute within its type. Attributes of a value type are numbered from 2, those of an entity from 258.
 using AttributeId = U32;
 inline constexpr AttributeId firstValueAttributeId = 2;
 inline constexpr AttributeId firstEntityAttributeId = 258;
 
-// A one-bit flag. A type of its own, and no alias of bool, so that it can be parsed and registered by its own name.
-// Exported, like Seconds, since a template over a hidden type is hidden too.
+// A one-bit flag. It is a class and not an alias of bool, so that it can be parsed and registered under its own name.
+// U1 and Seconds are exported, since a template whose argument is a hidden type is hidden too.
 class VEL_API U1 {
 public:
     constexpr U1() = default;
-    template <std::same_as<bool> B>  // no pointer or number turns into a flag unnoticed
+    template <std::same_as<bool> B>  // does not convert pointers and numbers
     constexpr U1(B value) : value_(value) {}
     constexpr operator bool() const { return value_; }
 
@@ -38,7 +38,7 @@ private:
     bool value_ = false;
 };
 
-// What std::chrono::duration looks like, told by its shape so that this header need not include <chrono>.
+// Matches std::chrono::duration by its members, so that this header does not need <chrono>.
 template <class D>
 concept Duration = requires(D d) {
     typename D::rep;
@@ -73,7 +73,7 @@ private:
     double value_ = 0.0;
 };
 
-// Tag of the constructors that read a value from the attribute log; it keeps them from being chosen by accident.
+// Tag of the constructors that read a value from the attribute log, so that they are not called by accident.
 struct StreamBogon {};
 
 }  // namespace Vel

@@ -8,17 +8,19 @@
 #include <tuple>
 #include <type_traits>
 
-// What an attribute of a described type can be, and the functions that say so in a description (see Describe.h).
+// The kinds of attributes that a described type can have, and the functions by which a description lists them (see
+// Describe.h).
 namespace Vel {
 
-// What can be asked of an attribute, or (from truth on) of a value as a whole. The numbers are part of the interface.
+// Operations of reflection on an attribute or, from `truth` on, on a value as a whole. The numbers are part of the
+// interface.
 enum class AttributeOp : U32 {
     get = 0,
     set = 1,
-    del = 2,            // removes a key of a collection; yields what was there
+    del = 2,            // removes a key of a collection; its result is what Del returns
     count = 3,          // number of members of a collection
     changeCounter = 4,  // changes whenever the collection does
-    exists = 5,         // whether a collection holds a key
+    exists = 5,         // whether a collection has a key
     call = 10,
     truth = 11,
     equal = 12,
@@ -34,16 +36,16 @@ enum class AttributeOp : U32 {
 };
 constexpr U32 opBit(AttributeOp op) { return U32(1) << static_cast<U32>(op); }
 
-// What an attribute is. The numbers are part of the module tables.
+// Kind of an attribute. The numbers are part of the module tables.
 enum class AttributeKind : U8 {
-    field = 0,           // a stored part of the value: in its text and its stream form
+    field = 0,           // a stored part of the value, which is in its text and its stream form
     derived = 1,         // computed from the value
     constant = 2,        // the same for all values
     setter = 3,          // write-only
     method = 4,          // callable
-    collection = 5,      // members reached by key
-    ctorParam = 6,       // a constructor's parameter; answers no operation
-    declared = 7,        // named in the tables only; answers no operation
+    collection = 5,      // members that are accessed by key
+    ctorParam = 6,       // a constructor's parameter; has no operation
+    declared = 7,        // a name in the tables only; has no operation
     entityAttribute = 8  // a notifying attribute of an entity
 };
 inline constexpr std::size_t maxParameters = 6;
@@ -52,7 +54,7 @@ class String;
 
 namespace Detail {
 
-// What reflection takes an argument as: a function that takes a text by view is given a String.
+// The type by which reflection passes an argument. For a std::string_view parameter that is a String.
 template <class A> struct ArgumentType { using Type = A; };
 template <> struct ArgumentType<std::string_view> { using Type = String; };
 template <class A> using Argument = typename ArgumentType<std::remove_cvref_t<A>>::Type;
@@ -86,7 +88,7 @@ template <auto Member> using MemberValue = typename MemberType<decltype(Member)>
 
 template <auto F> inline constexpr bool given = !std::is_same_v<std::remove_cv_t<decltype(F)>, None>;
 
-// Result and arguments of a function that an attribute names; of none, None and no arguments.
+// Result and arguments of a function that a description gives for an attribute. If it gives none: None, no arguments.
 template <auto F> struct SignatureOf : Signature<decltype(F)> {};
 template <auto F>
 requires(!given<F>) struct SignatureOf<F> {
@@ -97,8 +99,8 @@ template <auto F> using ResultOf = std::remove_cvref_t<typename SignatureOf<F>::
 
 }  // namespace Detail
 
-// Each attribute type says: its name and kind, which operations it answers, the type of its value, of its key and of a
-// call's result (void: none), and its parameters.
+// Each attribute type has its name and kind, the operations that it supports, the types of its value, its key and a
+// call's result (void if there is none), and its parameters.
 namespace Detail {
 
 struct AttributeBase {
@@ -173,17 +175,18 @@ struct Collection<KeyType, ValueType, CollectionOps<Get, Set, Del, Count, Change
     static constexpr auto exists = Exists;
 };
 
-// How a collection travels to replicas: what is at a key, who makes it there, and how it is visited here.
+// How a collection is sent to replicas.
 enum class Members : U8 {
-    none = 0,        // the collection does not travel
-    references = 1,  // key and member; the member is announced by itself
-    instances = 2,   // the replica's collection makes the member from the key
-    values = 3       // key and value, which is no entity
+    none = 0,        // the collection is not sent
+    references = 1,  // sends the key and the member's id; the member is announced separately
+    instances = 2,   // sends the key; the replica's collection makes the member from it
+    values = 3       // sends the key and the value, which is no entity
 };
 
-// A collection that is streamed. Visit gives its members: a range of Ptr to members that are named by their keys, or a
-// function that calls its argument with each; of values, a range of keys, or of what holds them as `first` or `key`, or
-// such a function. Adopt, of instances, takes a member that was made elsewhere.
+// A collection that is streamed. Visit yields its members, as a range, or as a function that calls its argument with
+// each. Of entities, an element is a Ptr to a member whose name is its key, or has `first` and `second`, or `key` and
+// `value`. Of values, an element is a key, or has it as `first` or `key`. Adopt, for instances, inserts a member that
+// was made elsewhere.
 template <class A, Members How, auto VisitFunction, auto AdoptFunction> struct StreamedCollection : A {
     static constexpr Members members = How;
     static constexpr auto visit = VisitFunction;
@@ -207,7 +210,8 @@ template <auto Member, auto Getter, auto Setter> struct EntityAttribute : Detail
 
 namespace Detail {
 
-// Stands for an attribute that the compiler has complained about, so that nothing else is said because of it.
+// Replaces an attribute for which the compiler has reported an error, so that the same mistake causes no further
+// errors.
 struct Broken : AttributeBase {
     using Value = void;
     static constexpr auto kind = AttributeKind::declared;
@@ -215,7 +219,7 @@ struct Broken : AttributeBase {
 };
 template <class A> inline constexpr bool isBroken = std::is_same_v<A, Broken>;
 
-// Member is what the description names the attribute by.
+// Makes an attribute. Member is the member or function that the description gives for it; an error shows it.
 template <class A, auto Member, class... Names> constexpr auto named(char const* name, Names... parameterNames) {
     constexpr std::size_t parameters = std::tuple_size_v<typename A::Parameters>;
     static_assert(sizeof...(Names) == parameters, "name every parameter of the function");
@@ -232,7 +236,7 @@ template <class A, auto Member, class... Names> constexpr auto named(char const*
 
 }  // namespace Detail
 
-// A stored field, read and written as it is.
+// A stored field, which reflection reads and writes directly.
 template <auto Member> constexpr auto field(char const* name) {
     return Detail::named<Field<Member, Detail::None{}, true>, Member>(name);
 }
@@ -243,7 +247,7 @@ template <auto Member, auto SetterFunction> constexpr auto checkedField(char con
 template <auto Member> constexpr auto readOnlyField(char const* name) {
     return Detail::named<Field<Member, Detail::None{}, false>, Member>(name);
 }
-// A computed attribute: Getter takes the value; with SetterFunction it can be set too.
+// A computed attribute: Getter is called with the value. With SetterFunction it can also be set.
 template <auto Getter, auto SetterFunction = Detail::None{}> constexpr auto derived(char const* name) {
     return Detail::named<Derived<Getter, SetterFunction>, Getter>(name);
 }
@@ -259,29 +263,29 @@ template <auto Function> constexpr auto setter(char const* name) {
 template <auto Function, class... Names> constexpr auto method(char const* name, Names... parameterNames) {
     return Detail::named<Method<Function>, Function>(name, parameterNames...);
 }
-// A keyed collection. Functions that it lacks are Vel::none.
+// A keyed collection. Pass Vel::none for functions that it does not have.
 inline constexpr Detail::None none{};
 template <class Key, class Value, auto Get = none, auto Set = none, auto Del = none, auto Count = none,
     auto ChangeCounter = none, auto Exists = none>
 constexpr auto collection(char const* name) {
     return Detail::named<Collection<Key, Value, CollectionOps<Get, Set, Del, Count, ChangeCounter, Exists>>, Get>(name);
 }
-// A collection that travels to replicas, which put the members that they are sent into it. It needs Set and Del.
+// A collection that is sent to replicas, which insert the members that they receive. It needs Set and Del.
 template <auto Visit, class A> constexpr auto references(A collection) {
     if constexpr (Detail::isBroken<A>)
         return collection;
     else
         return StreamedCollection<A, Members::references, Visit, Detail::None{}>{collection};
 }
-// The same, but the replica's collection makes the members itself: Set takes the key alone.
+// The same, but the replica's collection makes the members itself: Set takes only the key.
 template <auto Visit, auto Adopt, class A> constexpr auto instances(A collection) {
     if constexpr (Detail::isBroken<A>)
         return collection;
     else
         return StreamedCollection<A, Members::instances, Visit, Adopt>{collection};
 }
-// A collection of values that travels to replicas. It needs Get, Set, Del and Exists, and tells of each key that it
-// sets to another value or deletes: velNotify<"name">(key).
+// A collection of values that is sent to replicas. It needs Get, Set, Del and Exists. Set and Del must call
+// velNotify<"name">(key) for each key that they set to another value or delete.
 template <auto Visit, class A> constexpr auto values(A collection) {
     if constexpr (Detail::isBroken<A>) {
         return collection;
@@ -296,17 +300,17 @@ template <auto Visit, class A> constexpr auto values(A collection) {
 template <class Value> constexpr auto ctorParam(char const* name) {
     return Detail::named<Declared<Value, AttributeKind::ctorParam>, Detail::None{}>(name);
 }
-// A name in the tables whose every operation is refused.
+// A name in the tables that has no operation.
 constexpr auto declared(char const* name) {
     return Detail::named<Declared<void, AttributeKind::declared>, Detail::None{}>(name);
 }
-// A notifying attribute of an entity: the member that stores it, its accessor and its mutator.
+// An attribute of an entity that notifies observers: the member that stores it, its accessor and its mutator.
 template <auto Member, auto Getter, auto SetterFunction = Detail::None{}> constexpr auto attribute(char const* name) {
     return Detail::named<EntityAttribute<Member, Getter, SetterFunction>, Member>(name);
 }
 
-// A collection that reflection can walk. Begin gives an iterator that is false at the end and has key() and next(), or
-// ++; Erase, if given, removes the member that an iterator stands on.
+// A collection that reflection can walk. Begin returns an iterator that converts to false at the end, and has key(),
+// and next() or ++. Erase, if given, is called with an iterator and removes its member.
 template <class A, auto BeginFunction, auto EraseFunction> struct IteratedCollection : A {
     static constexpr auto begin = BeginFunction;
     static constexpr auto erase = EraseFunction;

@@ -6,12 +6,13 @@
 #include <span>
 #include <utility>
 
-// Parsing and reading what comes from outside the process, without exceptions: the value, or what is wrong and where.
+// Parses and reads input from outside the process without exceptions. The result is the value, or what is wrong with
+// the input and where.
 namespace Vel {
 
 struct CheckedError {
-    String text;             // what the exception would have said
-    std::size_t offset = 0;  // where, in bytes from the beginning of the input
+    String text;             // the same text that the exception has
+    std::size_t offset = 0;  // place of the error, in bytes from the beginning of the input; 0 if it is not known
 };
 
 template <class T> class Checked {
@@ -20,9 +21,9 @@ public:
     Checked(CheckedError error) : error_(std::move(error)) {}
 
     explicit operator bool() const { return value_.has_value(); }
-    T const& operator*() const { return *value_; }        // REQUIRES: true
-    T const* operator->() const { return &*value_; }      // REQUIRES: true
-    CheckedError const& error() const { return error_; }  // REQUIRES: false
+    T const& operator*() const { return *value_; }        // REQUIRES: it has a value
+    T const* operator->() const { return &*value_; }      // REQUIRES: it has a value
+    CheckedError const& error() const { return error_; }  // REQUIRES: it has no value
     T valueOr(T other) const { return value_.value_or(std::move(other)); }
     std::optional<T> const& optional() const { return value_; }
 
@@ -42,19 +43,19 @@ template <class T, class F> Checked<T> checked(F make) {
         return CheckedError{e.text(), e.offset()};
     } catch (Exception const& e) {
         return CheckedError{e.text(), 0};
-    } catch (std::logic_error const& e) {  // the standard library's conversions
+    } catch (std::logic_error const& e) {  // of the standard library's conversions, in a parser of the type's own
         return CheckedError{e.what(), 0};
     }
 }
 
 }
 
-// As strepToValue: the whole of `text` must be the value's text form.
+// Parses like strepToValue(): all of `text` must be the value's text form.
 template <class T> Checked<T> checkedStrepToValue(String const& text) {
     return Detail::checked<T>([&] { return strepToValue<T>(text); });
 }
 
-// The value that all of `bytes` encode in the attribute log.
+// Reads a value from its bytes in the attribute log; no byte may be left over.
 template <class T> Checked<T> checkedRead(std::span<U8 const> bytes) {
     return Detail::checked<T>([&] {
         NboAttrLog::In in(bytes);

@@ -10,7 +10,7 @@
 #include <type_traits>
 #include <utility>
 
-// The vocabulary in which a type describes itself, once:
+// The functions by which a type describes itself, once:
 //
 //     static constexpr auto description() {
 //         return Vel::record("Mox::CountStat",
@@ -20,8 +20,9 @@
 //             Vel::method<&CountStat::doUpdate>("doUpdate", "val", "timestamp"));    // 5
 //     }
 //
-// The text form and its parser, the stream form, the encoded size, equality and truth by reflection, the type and
-// attribute records, and an entity's notifications all follow from it. Attributes are numbered in the order given.
+// From the description are derived: the text form and its parser, the stream form, the encoded size, equality and truth
+// by reflection, the type and attribute records, and an entity's notifications. Attributes are numbered in the order in
+// which they are given.
 namespace Vel {
 
 // --- whole-value options, given by description.with(...) ---
@@ -60,36 +61,37 @@ template <AttributeOp Op> constexpr auto operatorOf() {
 
 }  // namespace Detail
 
-// Reflection offers less, which is operator<.
+// Reflection has the operation `less`, by operator<.
 inline constexpr Detail::Option<OptionId::ordered> ordered{};
-// Reflection offers less, which is F: bool(T const&, T const&).
+// Reflection has the operation `less`, by F: bool(T const&, T const&).
 template <auto F> inline constexpr Detail::FunctionOption<OptionId::less, F> less{};
-// Reflective equality is F: bool(T const&, T const&), and not operator==.
+// Reflection tests equality by F: bool(T const&, T const&), instead of operator==.
 template <auto F> inline constexpr Detail::FunctionOption<OptionId::equality, F> equality{};
-// The truth test is F: bool(T const&), and not "any field differs from its zero".
+// Reflection tests truth by F: bool(T const&). Without this a value is true if any field differs from its zero.
 template <auto F> inline constexpr Detail::FunctionOption<OptionId::truth, F> truth{};
 // The type is hashable, by F: U32(T const&, U32 seed).
 template <auto F> inline constexpr Detail::FunctionOption<OptionId::hash, F> hashBy{};
-// Reflective construction takes these arguments. A number takes its value without being told, a record takes none.
+// Reflection constructs the type with these arguments. Without this a number takes its value, and a record nothing.
 template <class... A> inline constexpr Detail::ConstructorOption<A...> constructor{};
-// A value operation from sum to complement is F: T(T const&, T const&), the complement T(T const&); if nothing is said,
-// the type's own operator.
+// Reflection has a value operation from `sum` to `complement`, by F: T(T const&, T const&), for the complement
+// T(T const&). Without F it uses the type's own operator.
 template <AttributeOp Op, auto F = Detail::operatorOf<Op>()>
 inline constexpr Detail::ArithmeticOption<Op, F> arithmetic{};
-// A text form of its own: a printer, String(T const&) or, without a String on the way, void(StrepOut&, T const&); and
-// a parser, T(String::IteratorConst&, String::IteratorConst const&, T*).
+// The type has its own text form. Print is String(T const&) or, which saves a String, void(StrepOut&, T const&). Parse
+// is T(String::IteratorConst&, String::IteratorConst const&, T*).
 template <auto Print, auto Parse> inline constexpr Detail::TextOption<Print, Parse> textBy{};
-// A stream form of its own: void(Out&, T const&), void(T&, In&), and its length in bytes, std::size_t(T const&).
+// The type has its own stream form. Write is void(Out&, T const&), Read is void(T&, In&), and Size, which returns the
+// length in bytes, is std::size_t(T const&).
 template <auto Write, auto Read, auto Size> inline constexpr Detail::StreamOption<Write, Read, Size> streamBy{};
-// The entity type that this one derives from, when that is another described one.
+// The described entity type from which this one derives. Not needed if that is Vel::Entity.
 template <class B> inline constexpr Detail::BaseOption<B> base{};
 
 // --- descriptions ---
 
 enum class Form : U8 {
     record = 0,  // prints as Value('Name', ** {'field': ..., ...})
-    number = 1,  // one field; prints as its bare number
-    entity = 2   // lives in the directory tree; its attributes notify
+    number = 1,  // has one field, and prints as that field's value alone
+    entity = 2   // an object of the directory tree, whose attributes notify observers
 };
 
 template <Form F, class Attributes, class... Options> struct Description {
@@ -118,12 +120,13 @@ template <class... A> constexpr Description<Form::entity, std::tuple<A...>> enti
 
 // --- asking a description ---
 
-// Hidden, as every template variable here is: a variable exported from two libraries would tie them together for life.
+// Hidden, like every variable template here: an exported one would be a process-wide unique symbol, and a library that
+// has such a symbol cannot be unloaded.
 template <class T> __attribute__((visibility("hidden"))) inline constexpr auto descriptionOf = T::description();
 
 template <class T> using DescriptionOf = std::remove_cvref_t<decltype(T::description())>;
 
-// Do not test these while the class is incomplete: the answer would stick.
+// Do not test these while the class is incomplete: the compiler would keep the wrong answer.
 template <class T>
 concept Described = requires {
     T::description();
@@ -133,7 +136,7 @@ concept DescribedValue = Described<T> &&(DescriptionOf<T>::form != Form::entity)
 template <class T>
 concept DescribedEntity = Described<T> &&(DescriptionOf<T>::form == Form::entity);
 
-// Whether T's description is its own, and not the one of the class that it derives from by EntityOf.
+// Whether T has a description of its own, and not only the inherited one of its base class.
 template <class T> constexpr bool ownsDescription() {
     if constexpr (requires { typename T::VelBase; })
         return descriptionOf<T>.name != descriptionOf<typename T::VelBase>.name;
@@ -145,7 +148,7 @@ template <class T> inline constexpr std::size_t attributeCount = DescriptionOf<T
 template <class T, std::size_t I>
 using AttributeAt = std::tuple_element_t<I, typename DescriptionOf<T>::AttributeTypes>;
 
-// Whether the compiler has complained about one of T's attributes.
+// Whether the compiler has reported an error for one of T's attributes.
 template <class T> constexpr bool hasBrokenAttribute() {
     return []<class... A>(std::type_identity<std::tuple<A...>>) { return (Detail::isBroken<A> || ...); }(
                std::type_identity<typename DescriptionOf<T>::AttributeTypes>());
@@ -181,7 +184,7 @@ requires(O::id == Id) struct FindOption<Id, std::tuple<O, Rest...>> {
 
 }  // namespace Detail
 
-// The option that T's description gives, or Detail::None.
+// The option of this id in T's description, or Detail::None.
 template <class T, OptionId Id>
 using OptionOf = typename Detail::FindOption<Id, typename DescriptionOf<T>::OptionTypes>::Type;
 template <class T, OptionId Id> inline constexpr bool hasOption = !std::is_same_v<OptionOf<T, Id>, Detail::None>;
@@ -192,7 +195,7 @@ class Entity;
 
 namespace Detail {
 
-// What an entity type derives from: what its description says, else Entity itself.
+// The base of an entity type: the one in its description, or else Entity. For Entity and for value types it is void.
 template <class T> constexpr auto baseTypeOf() {
     if constexpr (!DescribedEntity<T>)
         return std::type_identity<void>();
@@ -205,7 +208,7 @@ template <class T> constexpr auto baseTypeOf() {
 }
 template <class T> using BaseType = typename decltype(baseTypeOf<T>())::type;
 
-// The number of T's first attribute; an entity type continues where its base ends.
+// The number of T's first attribute. The attributes of an entity type are numbered after those of its base.
 template <class T> constexpr AttributeId firstAttributeId() {
     if constexpr (!DescribedEntity<T>)
         return firstValueAttributeId;
@@ -215,7 +218,8 @@ template <class T> constexpr AttributeId firstAttributeId() {
         return firstAttributeId<BaseType<T>>() + static_cast<AttributeId>(attributeCount<BaseType<T>>);
 }
 
-// The number of the attribute of that name, T's or its base's; 0, which no type uses, when there is none.
+// Returns the number of the attribute of T or of its bases with this name. Returns 0, which is no attribute's number,
+// if there is none.
 template <class T> constexpr AttributeId findAttributeId(std::string_view name) {
     AttributeId id = 0;
     forEachAttribute<T>([&](auto index) {
@@ -226,13 +230,14 @@ template <class T> constexpr AttributeId findAttributeId(std::string_view name) 
         if (id == 0) return findAttributeId<BaseType<T>>(name);
     return id;
 }
-// Not defined: the compiler names it where somebody asks for an attribute that is not there.
+// Not defined and not constexpr: the compiler's error shows this name if a program asks for an attribute that does not
+// exist.
 void theDescriptionListsNoAttributeOfThisName();
 
 }  // namespace Detail
 
-// The number of the attribute of that name, T's or its base's: attributeId<CountStat>("last") is 3. Any other name does
-// not compile. Use it behind T's description; a function of T that stands before it notifies by velNotify<"name">().
+// Returns the number of the attribute of T or of its bases with this name: attributeId<CountStat>("last") is 3. Any
+// other name does not compile. Call it after T's description; a function of T before that can call velNotify<"name">().
 template <class T> consteval AttributeId attributeId(std::string_view name) {
     AttributeId const id = Detail::findAttributeId<T>(name);
     if (id == 0) Detail::theDescriptionListsNoAttributeOfThisName();

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <type_traits>
 
-// Enumerations as described values: a number whose text is the name of one of a few.
+// Enumerations as described values: numbers whose text is a name.
 //
 //     enum class SkyName : Vel::U8 { clear, cloudy, rain };
 //
@@ -22,9 +22,8 @@
 //         }
 //     };
 //
-// The text is the name in quotes, 'rain'. A number without a name, as another version of a program may send it, stays
-// what it is, and prints as that number, 7. The bytes are those of the unsigned integer, which is also attribute 2,
-// `value`.
+// The text is the name in quotes, 'rain'. A number without a name, which another version of a program may send, is
+// kept, and its text is the number, 7. The bytes are those of the unsigned integer, which is also attribute 2, `value`.
 namespace Vel {
 
 namespace Detail {
@@ -34,7 +33,8 @@ struct EnumeratorName {
     U64 number = 0;
 };
 VEL_API void printEnumeration(StrepOut& out, U64 number, std::span<EnumeratorName const> names);
-// Throws ParseException, which says the names, when there is none of them, nor a number up to `most` without a name.
+// Parses a name, or a number up to `most` that has no name. Throws ParseException, which lists the names, if there is
+// neither.
 VEL_API U64 parseEnumeration(
     String::IteratorConst& it, String::IteratorConst const& end, std::span<EnumeratorName const> names, U64 most);
 
@@ -81,7 +81,7 @@ template <class T, class E> struct Enumeration {
 
 }  // namespace Detail
 
-// What the enumeration type T derives from. E is its enumeration, whose underlying type is U8, U16, U32 or U64.
+// Base of the enumeration type T. E is its enumeration, whose underlying type must be U8, U16, U32 or U64.
 template <class T, class E> class EnumerationOf {
     static_assert(Detail::Enumeration<T, E>::isUnsigned,
         "an enumeration needs an unsigned type: enum class Name : Vel::U8 { ... }");
@@ -90,7 +90,7 @@ public:
     using Enum = E;
     using Number = std::underlying_type_t<E>;
 
-    constexpr EnumerationOf() = default;  // 0, with or without a name
+    constexpr EnumerationOf() = default;  // 0, whether that has a name or not
     constexpr EnumerationOf(E value) : number_(static_cast<Number>(value)) {}
     constexpr explicit EnumerationOf(Number number) : number_(number) {}  // for reflection
     EnumerationOf(String::IteratorConst& it, String::IteratorConst const& end)
@@ -99,7 +99,7 @@ public:
 
     constexpr E value() const { return static_cast<E>(number_); }
     constexpr void valueIs(E value) & { number_ = static_cast<Number>(value); }
-    // The name; empty for a number that has none.
+    // Returns the name, or an empty text if the number has none.
     std::string_view name() const {
         for (auto const& known : Detail::enumeratorNamesOf<T>)
             if (known.number == number_) return known.name;
@@ -109,7 +109,7 @@ public:
     friend constexpr bool operator==(EnumerationOf const&, EnumerationOf const&) = default;
     friend constexpr auto operator<=>(EnumerationOf const&, EnumerationOf const&) = default;
 
-    // For enumeration() below.
+    // Used by enumeration() below.
     template <class... A> static constexpr auto velDescription(char const* name, A... enumerators) {
         using Options = Detail::TextOption<&Detail::printEnumerationOf<T>, &Detail::parseEnumerationOf<T>>;
         using Stored = Field<&EnumerationOf::number_, Detail::None{}, true>;
@@ -121,13 +121,13 @@ private:
     Number number_ = 0;
 };
 
-// A name of an enumeration.
+// One enumerator with its name.
 template <auto E> constexpr auto enumerator(char const* name) {
     Detail::Enumerator<E> attribute{};
     attribute.name = name;
     return attribute;
 }
-// The description of the enumeration type T, from its enumerators.
+// Returns the description of the enumeration type T, made from its enumerators.
 template <class T, auto... E> constexpr auto enumeration(char const* name, Detail::Enumerator<E>... enumerators) {
     static_assert(sizeof...(E) != 0, "an enumeration needs an enumerator");
     static_assert(Detail::Enumerators<T, E...>::haveDistinctValues, "each enumerator needs a value of its own");

@@ -4,8 +4,9 @@
 
 #include <version>
 
-// std::format("{}", value) for every described value type, where the standard library has std::format: the text form,
-// with the fill, width and precision of a text. Apart from Value.h, since <format> is a large header.
+// Makes std::format("{}", value) write the text form of every described value type, with the fill, width and precision
+// of a text. Does nothing if the standard library has no std::format. Not a part of Value.h, since <format> is a large
+// header.
 #if __has_include(<format>) && defined(__cpp_lib_format)
 
 #include <format>

@@ -113,7 +113,7 @@ void* GenericIfImpl::genericIfVoidPtrIs(void* object, VelType have, VelType want
     if (have.isPolymorphic() == want.isPolymorphic()) return object;
     if (want.isPolymorphic()) {
         if (have.isPolymorphic()) assertionFailed("!t.isPolymorphic()", header, 61, function);
-        return static_cast<char*>(object) + sizeof(void*);  // behind the virtual table pointer
+        return static_cast<char*>(object) + sizeof(void*);  // `have` begins after the virtual table pointer
     }
     assertionFailed("type.isPolymorphic()", header, 58, function);
 }

@@ -10,14 +10,15 @@
 #include <memory>
 #include <optional>
 
-// Reflection: every registered type reached through its record, without its header.
+// Reflection: access to every registered type by its record, without the type's header.
 namespace Vel {
 
 class CollectionIterator;
 class VelAttr;
 struct StreamTable;
 
-// A type: a record in a module's table. Copies are cheap; valid while the module stays loaded. A default one is null.
+// A type: a record in a module's table. Copies are cheap. It is valid as long as the module is loaded. A default-made
+// one is null.
 class VEL_API VelTypeBase {
 public:
     constexpr VelTypeBase() = default;
@@ -26,15 +27,15 @@ public:
     explicit operator bool() const { return module_ != nullptr; }
     friend bool operator==(VelTypeBase const&, VelTypeBase const&) = default;
 
-    // Everything below REQUIRES a type that is not null.
+    // All functions below REQUIRE a type that is not null.
     ModuleHeader const& module() const { return *module_; }
-    U32 index() const { return index_; }  // of the record in its module
+    U32 index() const { return index_; }  // index of the record in its module
     TypeRecord const& record() const;
     TypeGlue const& glue() const;
     char const* name() const;
-    VelTypeBase base() const;  // what an entity type derives from; null for a value type and for Vel::Entity
-    bool isDerived(VelTypeBase const& ancestor) const;  // this type is `ancestor`, or derives from it
-    bool isPolymorphic() const;                         // its objects begin with a virtual table pointer
+    VelTypeBase base() const;  // the base of an entity type; null for a value type and for Vel::Entity
+    bool isDerived(VelTypeBase const& ancestor) const;  // whether it is `ancestor`, or derives from it
+    bool isPolymorphic() const;                         // whether its objects begin with a virtual table pointer
     bool isEntity() const;
 
 private:
@@ -48,26 +49,26 @@ public:
     using VelTypeBase::VelTypeBase;
     VelType(VelTypeBase const& type) : VelTypeBase(type) {}
 
-    U32 attributeCount() const;  // its own; an entity type also has its base's
+    U32 attributeCount() const;  // without the attributes of its bases
     VelAttr attribute(U32 index) const;
-    std::optional<VelAttr> attribute(std::string_view name) const;  // also a base's
-    std::optional<VelAttr> attributeOfId(AttributeId id) const;     // also a base's
-    // An operation on the attribute of that number of an object of this type, as TypeGlue::genericIfAttributeOp; codes
-    // as AttributeResult.
+    std::optional<VelAttr> attribute(std::string_view name) const;  // of this type or a base
+    std::optional<VelAttr> attributeOfId(AttributeId id) const;     // of this type or a base
+    // Performs an operation on the attribute with this number of an object of this type. For the arguments see
+    // TypeGlue::genericIfAttributeOp. Returns an AttributeResult.
     int attributeOp(void* result, void* object, AttributeId id, AttributeOp op, void const* other = nullptr,
         void const* arg = nullptr) const;
     std::string_view moduleName() const;
     U64 moduleFingerprint() const;
-    std::size_t encodedSize() const;  // bytes in the attribute log; where a string is inside, without its characters
+    std::size_t encodedSize() const;  // bytes in the attribute log, without the characters of strings
     bool hasFixedEncodedSize() const;
     bool isHashable() const;
-    bool answers(AttributeOp op) const;  // truth to complement, on a value as a whole
-    // The printf-style template of the text form, such as "Value('T', ** {'count': %u, 'last': %s})"; "%u" or "%lu" for
-    // a number, "%s" for a text form of its own, empty for an entity.
+    bool answers(AttributeOp op) const;  // whether values as a whole support `op`, from `truth` to `complement`
+    // Returns the text form as a printf-style template, such as "Value('T', ** {'count': %u, 'last': %s})". It is "%u"
+    // or "%lu" for a number, "%s" for a type with its own text form, and empty for an entity.
     String strepTemplate() const;
 };
 
-// An attribute: a type and the index of one of its attribute records. Null, it stands for the value as a whole.
+// An attribute: a type and the index of one of its attribute records. A null attribute stands for the value as a whole.
 class VEL_API VelAttr {
 public:
     constexpr VelAttr() = default;
@@ -76,84 +77,84 @@ public:
     explicit operator bool() const { return module_ != nullptr; }
     VelType type() const { return {module_, typeIndex_}; }
     U32 index() const { return index_; }
-    AttributeId attributeId() const;  // 0, which no type uses, when the type has no such index
+    AttributeId attributeId() const;  // 0, which is no attribute's number, if the type has no attribute at the index
 
-    // Everything below REQUIRES an index that the type has.
+    // All functions below REQUIRE that the type has an attribute at the index.
     AttributeRecord const& record() const;
     char const* name() const;
     AttributeKind kind() const;
     bool answers(AttributeOp op) const;
-    VelType valueType() const;   // null for a method, and for what is only declared
-    VelType keyType() const;     // of a collection; else null
-    VelType resultType() const;  // of a method that yields something; else null
-    // On the first member of this collection in `object`, given as for genericIfAttributeOp; null when it cannot be
-    // walked.
+    VelType valueType() const;   // null for a method, and for an attribute that is only declared
+    VelType keyType() const;     // null unless it is a collection
+    VelType resultType() const;  // null unless it is a method that returns something
+    // Returns an iterator at the first member of this collection in `object`, which is passed as for
+    // genericIfAttributeOp. Returns null if the collection cannot be walked.
     std::unique_ptr<CollectionIterator> iterator(void* object) const;
     U32 parameterCount() const;
     char const* parameterName(U32 i) const;
     VelType parameterType(U32 i) const;
 
 private:
-    // Two words in all, so that an attribute is passed in registers; a VelType here would make it three.
+    // These take two words, so that an attribute is passed in registers. With a VelType it would take three.
     ModuleHeader const* module_ = nullptr;
     U32 typeIndex_ = 0;
     U32 index_ = 0;
 };
 
-// Walks a collection that was reached by reflection. The object that holds the collection must outlive it; what may
-// change meanwhile is for the collection to say.
+// Walks a collection by reflection. REQUIRES: the object that has the collection outlives it. The collection's own
+// documentation says what may change during the walk.
 class VEL_API CollectionIterator {
 public:
     virtual ~CollectionIterator();
     virtual bool exists() const = 0;  // false at the end
-    // These REQUIRE exists(). `result` is of the collection's key type, and of its value type.
+    // These REQUIRE exists(). `result` points to the collection's key type for key(), to its value type for object().
     virtual void key(void* result) const = 0;
     virtual void object(void* result) const = 0;
     virtual void next() = 0;
-    virtual bool del() = 0;  // removes the member that it stands on; false when the collection does not do that
+    virtual bool del() = 0;  // removes the current member; returns false if the collection does not support that
 };
 
-// What an operation by attribute came to.
+// Result of an operation on an attribute.
 enum class AttributeResult : int { done = 0, unsupported = 1, unknown = 2 };
 
 struct AttributeGlue {
-    VelType (*valueType)();  // each null for none
+    VelType (*valueType)();  // returns a null type if there is none; so do the next two
     VelType (*keyType)();
     VelType (*resultType)();
     VelType (*const* parameterTypes)();
-    std::unique_ptr<CollectionIterator> (*iterate)(void* object);  // from the first member on; null for none
+    std::unique_ptr<CollectionIterator> (*iterate)(void* object);  // null if the collection cannot be walked
 };
 
 // The operations of one type, as functions over untyped storage.
 struct TypeGlue {
     std::size_t size;  // bytes
     std::size_t alignment;
-    VelType (*base)();  // null for none
+    VelType (*base)();  // returns a null type if there is none
     AttributeGlue const* attributes;
 
-    // Copy-constructs *src into dst, or default-constructs when src is null.
+    // Copy-constructs *src into dst, or default-constructs if src is null.
     void (*genericIfConstruct)(void* dst, void const* src);
-    // Constructs from the arguments that the pointers designate; a type without constructor arguments ignores them.
+    // Constructs from the arguments to which the pointers point. A type without constructor arguments ignores them.
     void (*genericIfConstructFromCtorArgs)(void* dst, void const* const* arguments);
     void (*genericIfDestruct)(void* value);
     String (*genericIfStrRep)(void const* value, VelType type);
-    // Assigns the parsed value; *dst is unchanged when the text does not parse (ParseException).
+    // Assigns the parsed value. Throws ParseException if the text does not parse; then *dst is unchanged.
     void (*genericIfStrepToValue)(void* dst, String const& text, VelType type);
     U32 (*genericIfHash)(void const* value, VelType type);  // throws UnhashableException
-    // `result` receives the outcome (null: nobody wants it), `other` is the second value of a comparison or the key of
-    // a collection, `arg` the new value of a set or the array of pointers to a call's arguments. Of an entity, `object`
-    // is its Vel::Entity.
+    // `result` receives the result, unless it is null. `other` is the second value of an operation on two values, or
+    // the key of a collection. `arg` is the new value of a set, or the array of pointers to a call's arguments. For an
+    // entity, `object` points to its Vel::Entity. Returns an AttributeResult.
     int (*genericIfAttributeOp)(
         void* result, void* object, VelAttr attr, AttributeOp op, void const* other, void const* arg);
     void (*write)(NboAttrLog::Out& out, void const* value);
     void (*read)(void* dst, NboAttrLog::In& in);  // assigns; throws StreamException
     std::size_t (*attrLogSize)(void const* value);
-    // Creates an entity for a directory; throws NewEntityArgsException when arguments are given that it does not take.
+    // Creates an entity for a directory. Throws NewEntityArgsException if there are arguments that it does not take.
     // Null for a type that cannot be created.
     Ptr<PtrInterface> (*newEntity)(String const& name, void const* const* arguments);
-    AllocTrackTypeInfo* allocTrack;  // of an entity type; else null
-    StreamTable const& (*stream)();  // what of an entity type travels to replicas; else null
-    void* (*genericIfVoidPtrIs)(void* object, VelType have, VelType want);  // as GenericIfImpl's
+    AllocTrackTypeInfo* allocTrack;  // null unless it is an entity type
+    StreamTable const& (*stream)();  // what is sent to replicas; null unless it is an entity type
+    void* (*genericIfVoidPtrIs)(void* object, VelType have, VelType want);  // see GenericIfImpl::genericIfVoidPtrIs()
 };
 
 // Inline: access by attribute number is the hot path.
@@ -171,7 +172,7 @@ inline AttributeRecord const& VelAttr::record() const {
 inline AttributeId VelAttr::attributeId() const { return index_ < type().attributeCount() ? record().id : 0; }
 
 inline std::optional<VelAttr> VelType::attributeOfId(AttributeId id) const {
-    // Attributes are numbered in order, an entity type's behind its base's.
+    // Attributes are numbered in order, those of an entity type after those of its base.
     for (VelType type = *this; type; type = type.base()) {
         if (type.attributeCount() == 0) continue;
         U32 const index = id - type.attribute(0u).record().id;
@@ -193,8 +194,8 @@ inline int VelType::attributeOp(
 
 class VEL_API GenericIfImpl {
 public:
-    // The `have` view of an object whose type is `want`, given its address. Throws TypeException unless `want` is or
-    // derives from `have`; a polymorphic `have` within a `want` that is not is an assertion failure.
+    // Returns the address of the `have` part of an object of type `want` at `object`. Throws TypeException unless
+    // `want` is `have` or derives from it. Fails an assertion if `have` is polymorphic and `want` is not.
     static void* genericIfVoidPtrIs(void* object, VelType have, VelType want);
     [[noreturn]] static void throwTypeException(VelType type);
     [[noreturn]] static void throwUnhashableException(VelType type);
@@ -203,7 +204,7 @@ public:
 // A value of any registered value type.
 class VEL_API GenericValue {
 public:
-    // The default value. Throws TypeException for the null type and for an entity type.
+    // Makes the default value. Throws TypeException for the null type and for an entity type.
     explicit GenericValue(VelType type);
     GenericValue(VelType type, String const& text);  // throws ParseException
     GenericValue(VelType type, NboAttrLog::In& in);  // throws StreamException
@@ -218,9 +219,10 @@ public:
     String strep() const { return type_.glue().genericIfStrRep(data(), type_); }
     U32 hash() const { return type_.glue().genericIfHash(data(), type_); }
     std::size_t attrLogSize() const { return type_.glue().attrLogSize(data()); }
-    // The value of an attribute; nothing when it cannot be read.
+    // Returns the value of an attribute, or nothing if it cannot be read.
     std::optional<GenericValue> get(VelAttr attr) const;
-    // Outcome of truth, or of equal or less with another value of the type; nothing when the type does not answer it.
+    // Returns the result of `truth`, or of `equal` or `less` with another value of the same type. Returns nothing if
+    // the type does not support the operation.
     std::optional<bool> test(AttributeOp op, GenericValue const* other = nullptr) const;
 
 private:

@@ -16,7 +16,7 @@ namespace {
 
 struct RegistryState {
     std::mutex mutex;
-    std::vector<ModuleHeader const*> pending;  // registered, not yet looked at
+    std::vector<ModuleHeader const*> pending;  // registered, not yet checked
     std::vector<ModuleHeader const*> modules;  // in use
     std::vector<std::pair<ModuleHeader const*, Registry::Refusal>> refused;
     std::unordered_map<std::string_view, VelType> types;
@@ -31,7 +31,7 @@ RegistryState& state() {
 
 bool within(ModuleHeader const& m, U32 offset, std::size_t size) { return offset <= m.size && m.size - offset >= size; }
 
-// Names each ended by a NUL, in ascending order.
+// Checks a list of names: each must end with a NUL, and they must be in ascending order.
 String namesMalformation(char const* names, std::size_t size, char const* what) {
     if (size == 0 || names[size - 1] != '\0') return format("the list of %s names does not end with a NUL", what);
     std::string_view previous;
@@ -44,7 +44,7 @@ String namesMalformation(char const* names, std::size_t size, char const* what) 
     return {};
 }
 
-// An offset must be where a name begins.
+// Whether a name begins at `offset`.
 bool startsName(char const* names, std::size_t size, std::size_t offset) {
     return offset < size && (offset == 0 || names[offset - 1] == '\0');
 }
@@ -107,7 +107,7 @@ String typeClash(RegistryState const& registry, ModuleHeader const& module) {
     return {};
 }
 
-constexpr std::size_t longestReason = 1024;  // bytes; may name several things that a module has named
+constexpr std::size_t longestReason = 1024;  // bytes; more than for a name, since a reason may quote several names
 
 void refuse(RegistryState& registry, ModuleHeader const* module, String const& why) {
     Registry::Refusal const refusal{peerText(describe(module).view()), peerText(why.view(), longestReason)};
@@ -165,7 +165,7 @@ VelType Registry::type(std::string_view name) {
 }
 
 std::vector<VelType> Registry::types() {
-    return withRegistry([](RegistryState const& registry) {  // tables may go once the lock is released
+    return withRegistry([](RegistryState const& registry) {  // under the lock, since a table may be withdrawn after it
         std::vector<VelType> result;
         for (ModuleHeader const* const module : registry.modules)
             for (U32 i = 0; i < module->typeCount; ++i) result.emplace_back(module, i);

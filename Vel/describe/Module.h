@@ -8,10 +8,11 @@
 #include <ios>
 #include <vector>
 
-// Modules: each source module that describes types exports one constant table of them and registers it when loaded.
+// Modules: each source module that describes types exports one constant table of them, and registers it when it is
+// loaded.
 namespace Vel {
 
-// Registers or withdraws a module's table. Nothing is looked at before the registry is first asked.
+// Register and withdraw a module's table. A registered table is checked when the registry is next used.
 VEL_API void velModuleIs(ModuleHeader const* module);
 VEL_API void velModuleDel(ModuleHeader const* module) noexcept;
 
@@ -19,18 +20,18 @@ VEL_API void velModuleDel(ModuleHeader const* module) noexcept;
 class VEL_API Registry {
 public:
     struct Refusal {
-        String module;  // its name, or "?" when the table is too broken to tell
+        String module;  // the module's name, or "?" if the table is so malformed that it has none
         String reason;
     };
 
-    static VelType type(std::string_view name);  // null when no module defines it
+    static VelType type(std::string_view name);  // null if no module defines it
     static std::vector<VelType> types();         // by module in order of registration, then in declaration order
     static std::vector<ModuleHeader const*> modules();
-    // Modules that were registered but are not used: malformed, or naming a type that another module has. Each is also
-    // reported once on standard error.
+    // Modules that were registered but refused, since their table is malformed or has a type that another module has.
+    // Each refusal is also reported once on standard error.
     static std::vector<Refusal> refusals();
 
-    // Why the table at `module` is malformed; empty when it is sound.
+    // Says why the table at `module` is malformed. Returns an empty text if it is not.
     static String malformation(ModuleHeader const* module);
 };
 
@@ -52,10 +53,11 @@ private:
 }  // namespace Vel
 
 // VEL_MODULE(Name, fingerprint, Type...): defines, exports and registers the table of the described types, under the
-// symbol _Name_fingerprint_velModule, and instantiates their contract. Put it at the end of the module's source file,
-// outside any namespace. The fingerprint is 16 hexadecimal digits; when the types' descriptions change, the build fails
-// here and shows the new one, so that nobody changes what goes over the wire without noticing. A described type that no
-// VEL_MODULE lists is missing at link time: "undefined reference to `Vel::DefinedByVEL_MODULE<My::Type>::type()'".
+// symbol _Name_fingerprint_velModule, and instantiates DefinedByVEL_MODULE for each. Put it at the end of the module's
+// source file, outside any namespace. The fingerprint has 16 hexadecimal digits. If the types' descriptions change, the
+// build fails here and shows the new fingerprint, so that nobody changes the bytes on the wire by accident. If no
+// VEL_MODULE lists a described type, linking fails: "undefined reference to
+// `Vel::DefinedByVEL_MODULE<My::Type>::type()'".
 #define VEL_MODULE(NAME, FINGERPRINT, ...)                                                                             \
     static_assert(Vel::Detail::isAsserted<decltype(Vel::Detail::checkModule<__VA_ARGS__>())>);                         \
     extern "C" VEL_API const Vel::Detail::ModuleTableOf<__VA_ARGS__> _##NAME##_##FINGERPRINT##_velModule;              \

@@ -8,7 +8,7 @@
 #include <deque>
 #include <span>
 
-// What of an entity type travels to its replicas, as functions derived from the type's description.
+// The parts of an entity type that are sent to replicas, as functions derived from the type's description.
 namespace Vel {
 
 struct StreamTable;
@@ -17,16 +17,18 @@ namespace NboAttrLog {
 
 class FlowOut;
 
-// How far a collection has been flowed out. It gives every key that is there all the time. What comes or goes meanwhile
-// it may give or not: whoever lets the collection change looks after that, and looks whether a key is there.
+// The keys of a collection that are still to be flowed out. The collection may change meanwhile. The bookmark gives
+// every key that stays in the collection, but may give or miss one that comes or goes: its user must check that a key
+// is still there, and must send changes separately.
 class VEL_API Bookmark {
 public:
     virtual ~Bookmark();
-    virtual std::size_t left() const = 0;  // keys that are noted; 0: there are no more
+    virtual std::size_t left() const = 0;  // number of keys that are noted; 0 if all were given
     virtual void next(Out& key) = 0;  // appends the encoding of the next key, and removes it. REQUIRES: left() != 0
 };
 
-// Keys that are noted: all that there were, of a collection that a function visits, for only a whole visit gives all.
+// A bookmark that is a list of keys. Used directly, it has all keys from the start: a collection that is visited by a
+// function can't be visited in parts.
 template <class Key> class velFlowOutBookmarkDeq : public Bookmark {
 public:
     void add(Key key) { keys_.push_back(std::move(key)); }
@@ -41,11 +43,12 @@ private:
     std::deque<Key> keys_;
 };
 
-// Of collections that can be visited from where a visit stopped, the next few keys are noted, and behind them comes
-// whatever is there then: to begin takes no time, and no memory to speak of, however many keys there are.
+// If a collection can be visited from where the last visit stopped, a bookmark notes only this many keys at a time, and
+// looks for the next ones later. So it takes little time and memory to make, however many keys there are.
 inline constexpr std::size_t fewKeys = 64;
 
-// A map or a set, in the order of its keys; std::map calls the first element behind a key so, and Vel::OrderedMap.
+// A map or a set in the order of its keys. It has a function that returns the first element after a key: upper_bound()
+// in std::map, upperBound() in Vel::OrderedMap.
 template <class Range, class Key>
 concept OrderedRange = requires(Range const& range, Key const& key) {
     range.upper_bound(key);
@@ -80,7 +83,7 @@ private:
     Range const& range_;
 };
 
-// A map in no order with iterators that stay good while it changes, as those of Vel::HashMap.
+// A map without order whose iterators stay valid while it changes, such as Vel::HashMap.
 template <class Range>
 concept SteadyRange = requires(Range const& range) {
     { range.begin().exists() } -> std::same_as<bool>;
@@ -88,7 +91,7 @@ concept SteadyRange = requires(Range const& range) {
     range.begin().atEnd();
 };
 
-// Lists the keys that there were at the beginning and still are. REQUIRES: the range outlives it.
+// Gives the keys that are there when it is made and still there when their turn comes. REQUIRES: the range outlives it.
 template <class Key, class Range> class SteadyBookmark final : public velFlowOutBookmarkDeq<Key> {
 public:
     explicit SteadyBookmark(Range const& range) : at_(range.begin()) { note(); }
@@ -105,15 +108,15 @@ private:
     decltype(std::declval<Range const&>().begin()) at_;
 };
 
-// A range in no order that can be visited in parts: visitPart(part, f) calls f(member) for each of the part, and gives
-// the next part; the first is 0, and so is what follows the last. Whatever is in the range all the time is in one part
-// or more.
+// A range without order that can be visited in parts. visitPart(part, f) calls f(member) for each member of the part,
+// and returns the next part. The first part is 0; visitPart() returns 0 after the last. A member that stays in the
+// range is visited in at least one part.
 template <class Range>
 concept RangeOfParts = requires(Range const& range) {
     range.visitPart(U64(0), [](auto const&) {});
 };
 
-// REQUIRES: what the range is of outlives it.
+// REQUIRES: the collection that the range visits outlives it.
 template <class Key, class Range> class PartsBookmark final : public velFlowOutBookmarkDeq<Key> {
 public:
     explicit PartsBookmark(Range range) : range_(std::move(range)) { note(); }
@@ -131,21 +134,20 @@ private:
     U64 part_ = 0;
 };
 
-// Where the values of an entity's attributes are written to.
+// Receives the values of an entity's attributes, as messages.
 class VEL_API SerializeSink {
 public:
-    // Bits of attrLogFlags(). The first: the entity's changes may be delivered by multicastIs() instead of the log. The
-    // others suspend it, while the entity is flowed out to one reader, and while a reader's change is applied.
-    static constexpr U32 multicastBit = 0x4000;
-    static constexpr U32 flowingOutBit = 0x80000;
-    static constexpr U32 fromRemoteBit = 0x100000;
+    // Bits of attrLogFlags().
+    static constexpr U32 multicastBit = 0x4000;     // changes may be delivered by doMessageMulticast(), not by the log
+    static constexpr U32 flowingOutBit = 0x80000;   // suspends multicastBit while it is flowed out to one reader
+    static constexpr U32 fromRemoteBit = 0x100000;  // suspends multicastBit while a reader's change is applied
 
     virtual ~SerializeSink();
     U32 attrLogFlags() const { return attrLogFlags_; }
     void attrLogFlagsIs(U32 bits, bool on) { attrLogFlags_ = on ? attrLogFlags_ | bits : attrLogFlags_ & ~bits; }
 
-    // Writes one message with the attribute's value. `flowingOut`: to the reader that is being flowed out to, else to
-    // all that read along.
+    // Writes one message with the attribute's value. If `flowingOut`, it is for the reader to which the entity is being
+    // flowed out, else for all readers of the log.
     template <class T> void handleValueSerialization(AttributeId id, T const& value, bool flowingOut) {
         if ((attrLogFlags_ & multicastBit) && !(attrLogFlags_ & (flowingOutBit | fromRemoteBit)))
             if (doMessageMulticast(id)) return;
@@ -155,7 +157,7 @@ public:
         Impl::outSmCommitMessage(*sm);
     }
 
-    // The same for what a collection of values holds at a key, of which `key` is the encoding.
+    // The same for one value of a collection of values; `key` is the encoding of its key.
     template <class T>
     void handleKeySerialization(AttributeId id, std::span<U8 const> key, T const& value, bool flowingOut) {
         OutSm* const sm = singletonSerializeCheck(id, flowingOut, false, key.size() + attrLogSize(&value), true);
@@ -165,10 +167,10 @@ public:
         Impl::outSmCommitMessage(*sm);
     }
 
-    // Whether the attribute's change has been delivered, so that nothing is left to do.
+    // Delivers the attribute's change, if it can. Returns whether it has, so that no message is needed.
     virtual bool doMessageMulticast(AttributeId id) = 0;
-    // The output for a value of `encodedSize` bytes, a message begun in it; null when nobody wants it. `whole`: the
-    // message holds the whole attribute, and not one key, which `isKey` says.
+    // Begins a message for a value of `encodedSize` bytes, and returns its output. Returns null if nobody wants it.
+    // `whole` says that the message has the whole attribute, `isKey` that it has the value at one key.
     virtual OutSm* singletonSerializeCheck(
         AttributeId id, bool flowingOut, bool whole, std::size_t encodedSize, bool isKey) = 0;
 
@@ -183,33 +185,33 @@ VEL_API void ensureCorrectType(VelType type, VelType declared);
 
 enum class StreamKind : U8 { value, pointer, references, instances, values };
 
-// One streamed attribute. Keys are passed as their encoding. What reads takes the whole of its input or throws
-// StreamException before anything has changed.
+// One streamed attribute. Keys are passed as their encoding. A function that takes an In reads all of it, or throws
+// StreamException before it has changed anything.
 struct StreamAttribute {
     AttributeId id;
     StreamKind kind;
-    VelType (*type)();  // of the value or values, or what the target or the members are declared as
-    bool varies;        // the value, or those of a collection, take more bytes or fewer
+    VelType (*type)();  // the type of the value or values, or the declared type of the target or the members
+    bool varies;        // whether the encodings of its values differ in length
 
     // Of a value:
     void (*serialize)(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, bool flowingOut);
     void (*apply)(Entity& entity, NboAttrLog::In& in);
     // Of a pointer:
     Entity* (*target)(Entity const& entity);
-    void (*targetIs)(Entity& entity, Entity* target);  // null for none
+    void (*targetIs)(Entity& entity, Entity* target);  // `target` may be null
     // Of a collection:
-    NboAttrLog::Bookmark* (*bookmark)(Entity const& entity);  // of all keys that there are
-    std::size_t (*count)(Entity const& entity);               // of them; takes as long where nothing else tells
+    NboAttrLog::Bookmark* (*bookmark)(Entity const& entity);  // makes a bookmark for all keys
+    std::size_t (*count)(Entity const& entity);               // counts the keys; visits all if there is no Count
     void (*writeKey)(NboAttrLog::Out& out, void const* key);
     void (*skipKey)(NboAttrLog::In& in);
     void (*memberDel)(Entity& entity, NboAttrLog::In& key);
     // Of entities:
     void (*visit)(Entity const& entity, void (*visit)(void* context, Entity& member), void* context);
-    Entity* (*member)(Entity const& entity, NboAttrLog::In& key);  // or null
+    Entity* (*member)(Entity const& entity, NboAttrLog::In& key);  // null if no member has the key
     void (*memberIs)(Entity& entity, NboAttrLog::In& key, Entity& member);
-    Entity* (*memberNew)(Entity& entity, NboAttrLog::In& key);  // of instances
-    bool adopts;                                                // of instances: memberIs takes what was made elsewhere
-    bool keyIsName;                                             // members have their keys as names
+    Entity* (*memberNew)(Entity& entity, NboAttrLog::In& key);  // for instances: makes the member
+    bool adopts;     // for instances: whether memberIs can insert a member that was made elsewhere
+    bool keyIsName;  // whether the key of a member is its name
     // Of values:
     bool (*holds)(Entity const& entity, NboAttrLog::In& key);
     void (*serializeKey)(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, std::span<U8 const> key,
@@ -222,9 +224,10 @@ struct StreamAttribute {
 
 struct StreamTable {
     std::span<StreamAttribute const> attributes;  // in the order of their ids
-    bool takesName;                               // the constructor parameter
-    bool isCreatable;                             // so that a replica can be made of it
-    NboAttrLog::FlowOut* (*newFlowOut)(StreamTable const& table, AttributeId from);  // null: the plain one
+    bool takesName;                               // whether the constructor takes the name
+    bool isCreatable;                             // whether a replica can make an entity of the type
+    // Makes the type's own FlowOut; null if the type uses the default one.
+    NboAttrLog::FlowOut* (*newFlowOut)(StreamTable const& table, AttributeId from);
 
     StreamAttribute const* find(AttributeId id) const {
         for (StreamAttribute const& attribute : attributes)

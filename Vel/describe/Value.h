@@ -10,17 +10,18 @@
 #include <functional>
 #include <iosfwd>
 
-// What every described value type offers, derived from its description. A type's header includes this; the class has
-// fields, a default constructor and description(), and needs nothing else.
+// The functions that every described value type has, derived from its description. The type's header includes this
+// header. The class needs only its fields, a default constructor and description().
 //
-// A namespace of value types may take free functions in, so that its users can leave out Vel::, and write the text to a
-// std::ostream by `out << value`:
+// A namespace of value types can import two functions, so that its users can leave out Vel::, and can write the text to
+// a std::ostream by `out << value`:
 //
 //     using Vel::valueToStrep;
 //     using Vel::operator<<;
 //
-// A class may have two constructors that read a value. Then they are called wherever one is read, and not the default
-// constructor: for a class whose default constructor does more than set its fields, or whose values are checked.
+// A class may have two constructors that read a value. If it has, they are called wherever a value is read, instead of
+// the default constructor. A class needs them if its default constructor does more than set its fields, or if its
+// values are checked.
 //
 //     T(Vel::String::IteratorConst& it, Vel::String::IteratorConst const& end) { Vel::parse(*this, it, end); }
 //     T(Vel::NboAttrLog::In* in, Vel::StreamBogon) { Vel::read(*this, *in); }
@@ -30,27 +31,27 @@ class VelType;
 
 // --- what the module's source instantiates ---
 
-// The parts of a type's contract that are worth compiling once: VEL_MODULE instantiates them where the type's module
-// stands, and everybody else only calls them. The linker says this name when it misses one: no VEL_MODULE that was
-// linked lists T.
+// The functions of a type that are compiled only once: VEL_MODULE instantiates them in the module's source file. If the
+// linker reports this name as undefined, no VEL_MODULE that was linked lists T.
 template <class T> struct VEL_API DefinedByVEL_MODULE {
     static VelType type();  // T's type record
     static void print(StrepOut& out, T const& value);
     static void print(std::ostream& out, T const& value);
     static void parse(T& value, String::IteratorConst& it, String::IteratorConst const& end);
-    // The quick way of a parse: returns the end of the text form at `from`, or null, with `value` partly changed, when
-    // there is none, or no quick way for T.
+    // Parses fast, without exceptions: returns the end of the text form at `from`. Returns null, with `value` partly
+    // changed, if there is no text form, or if T has no fast parser.
     static char const* read(T& value, char const* from, char const* end);
 };
 
 // --- text ---
 
-// Sets every field to its zero, then parses the text form at `it`, which moves behind it. Throws ParseException.
+// Parses the text form at `it` into `value`, and moves `it` behind it. Throws ParseException; then fields may have
+// changed.
 template <class T> inline void parse(T& value, String::IteratorConst& it, String::IteratorConst const& end) {
     if (char const* const stop = DefinedByVEL_MODULE<T>::read(value, it.charPtr(), end.charPtr())) [[likely]]
         it.charPtrIs(stop);
     else
-        DefinedByVEL_MODULE<T>::parse(value, it, end);  // finds out what is wrong
+        DefinedByVEL_MODULE<T>::parse(value, it, end);  // slower, and says what is wrong
 }
 
 template <DescribedValue T> T sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, T* type) {
@@ -72,13 +73,14 @@ template <DescribedValue T> String valueToStrep(T const& value) {
     DefinedByVEL_MODULE<T>::print(out, value);
     return out.str();
 }
-// The text form; a number without one of its own goes through the stream's integer output, base and width included.
+// Writes the text form. A number without its own text form is written by the stream's own operator<<, so the stream's
+// base and width apply.
 template <DescribedValue T> std::ostream& operator<<(std::ostream& out, T const& value) {
     DefinedByVEL_MODULE<T>::print(out, value);
     return out;
 }
 
-// Parses the whole of `s`. Throws ParseException, also when anything follows the value. The pointer selects the type.
+// Parses all of `s`. Throws ParseException, also if anything follows the value. The pointer selects the type.
 template <class T> T strepToValue(String const& s, T* type = nullptr) {
     auto it = s.begin();
     T value = sequenceToValue(it, s.end(), type);
@@ -91,7 +93,8 @@ template <class T> T strepToValue(String const& s, T* type = nullptr) {
 
 namespace NboAttrLog {
 
-// Writes the fields in declaration order, and nothing else. Beside Out, so that it is found from everywhere.
+// Writes the fields in declaration order, and nothing else. It is in Out's namespace, so that argument-dependent lookup
+// finds it everywhere.
 template <DescribedValue T> inline Out& operator<<(Out& out, T const& value) {
     constexpr std::size_t width = Detail::fixedWidth<T>();
     if constexpr (hasOption<T, OptionId::stream>)
@@ -142,8 +145,8 @@ template <class T> std::size_t attrLogSize(T const* value) {
 
 // --- hash ---
 
-// The hash of a record: every field mixed in declaration order by its width. Call it behind the class: a constexpr
-// function is instantiated where it is called (by clang), and within the class the description is not known yet.
+// Returns the hash of a record: mixes each field, in declaration order, by its width. Call it after the class and not
+// within: clang instantiates a constexpr function where it is called, and there the description is not known yet.
 template <class T> constexpr U32 hashFields(T const& value, U32 seed) {
     Hash hash(seed);
     Detail::eachFieldValue(value, [&](auto const& field, auto) {

@@ -4,7 +4,7 @@
 
 namespace Vel {
 
-// What the process runs as part of. Threads: set it up before other threads read it.
+// The system to which the process belongs. Threads: set the name before other threads read it.
 class VEL_API ActivityManager {
 public:
     String const& systemName() const { return systemName_; }  // empty until set
@@ -14,6 +14,6 @@ private:
     String systemName_;
 };
 
-VEL_API ActivityManager& activityManager();  // the process's one
+VEL_API ActivityManager& activityManager();  // the only one of the process
 
 }  // namespace Vel

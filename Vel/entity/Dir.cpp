@@ -16,7 +16,7 @@ void checkName(std::string_view name) {
         throwRangeException(valueToStrep(String(name)) + " cannot be an entity's name: it is empty or holds a \"/\"");
 }
 
-// An entity has one place in the tree, and no directory is within itself.
+// Checks that the entity is in no other place in the tree, and that `dir` is not within it.
 void checkPlace(Entity const& entity, Dir const& dir) {
     if (entity.parent() && entity.parent() != &dir)
         throwRangeException(entity.path() + " is in use in another place than " + dir.path());
@@ -85,7 +85,7 @@ Ptr<Entity> Dir::velChild(std::string_view name) const {
 }
 
 Ptr<Dir> globalDir() {
-    static auto* const root = new Ptr<Dir>(Dir::newEntity(""));  // never destroyed: entities may be reached during exit
+    static auto* const root = new Ptr<Dir>(Dir::newEntity(""));  // never destroyed: destructors may use it during exit
     return *root;
 }
 

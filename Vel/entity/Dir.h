@@ -7,28 +7,30 @@
 
 namespace Vel {
 
-// A directory: an entity that holds others by name. Entries keep the order of their names.
+// A directory: an entity that has other entities as entries, in the order of their names.
 class VEL_API Dir : public EntityOf<Dir> {
 public:
     explicit Dir(String const& name);
     ~Dir() override;
 
-    // The entry of that name, whatever its type; when there is none, a new one of the type, given the arguments.
-    // Throws TypeException when no module defines the type or it is no entity type, RangeException for a name that is
-    // empty or holds a "/", NewEntityArgsException when the type takes no arguments.
+    // Returns the entry with this name, even if it is of another type. If there is none, makes one of the type, with
+    // the arguments. Throws TypeException if no module defines the type, or if it is no entity type that can be
+    // created. Throws RangeException for a name that is empty or has a "/". Throws NewEntityArgsException if there are
+    // arguments and the type takes none.
     Ptr<Entity> createEntity(std::string_view typeName, std::string_view name, void const* const* arguments = nullptr);
     Ptr<Entity> createEntity(VelType type, std::string_view name, void const* const* arguments = nullptr);
 
-    Ptr<Entity> entry(std::string_view name) const { return velChild(name); }  // or null
-    // Adds an entity under its own name. Throws NameInUseException when another has it, MutatorArgNullPointerException
-    // for null, RangeException for a bad name, an entity that is in another directory, and one that this one is within.
+    Ptr<Entity> entry(std::string_view name) const { return velChild(name); }  // null if there is none
+    // Adds an entity under its own name. Throws NameInUseException if another entry has that name, and
+    // MutatorArgNullPointerException for null. Throws RangeException for a bad name, for an entity that is in another
+    // directory, and for an entity that this directory is within.
     void entryIs(Ptr<Entity> const& entity);
-    Ptr<Entity> entryDel(std::string_view name);  // removes the entry and returns it; null when there was none
+    Ptr<Entity> entryDel(std::string_view name);  // removes the entry and returns it, or null if there was none
     void entryDelAll();
     U32 entries() const { return static_cast<U32>(entries_.size()); }
     bool entryExists(std::string_view name) const { return entries_.contains(name); }
     U32 entryChangeCounter() const { return changeCounter_; }
-    // Calls visit(entity) for every entry there is now; entries may come and go meanwhile.
+    // Calls visit(entity) for every entry that exists at the time of the call; `visit` may add and remove entries.
     void visitEntries(std::function<void(Ptr<Entity> const&)> const& visit) const;
 
     Ptr<Entity> velChild(std::string_view name) const override;

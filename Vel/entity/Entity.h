@@ -12,8 +12,8 @@
 
 namespace Vel {
 
-// The way to an entity: names separated by "/". With a leading "/" it starts at the root, else at the entity asked.
-// Doubled and trailing separators mean nothing.
+// The path to an entity: names separated by "/". With a leading "/" it starts at the root of the tree, else at the
+// entity on which entity() is called. Doubled and trailing separators are ignored.
 class VEL_API EntityUriPath {
 public:
     EntityUriPath(String path) : path_(std::move(path)) {}
@@ -26,42 +26,43 @@ private:
     String path_;
 };
 
-// A named object in the directory tree: found by path, observed, reached by reflection.
-// Threads: none of its own; one thread at a time, but for the references (see VFPtrInterface).
+// A named object in the directory tree. It can be found by its path, observed, and accessed by reflection.
+// Threads: one thread at a time. Only references may be counted on several threads (see VFPtrInterface).
 class VEL_API Entity : public PtrInterface {
 public:
     class VelNboAttrLogSa;  // see StreamAdapter.h
 
-    // These follow PtrInterface's virtual operations in this order.
+    // These virtual functions come after those of PtrInterface, in this order.
     NotifieeList* notifieeList() const override;
     ~Entity() override;
-    virtual String name() const;                                // empty for an entity without a name
+    virtual String name() const;                                // empty if it has none
     virtual void handleParent();                                // called after the parent has changed
-    virtual Ptr<Entity> velChild(std::string_view name) const;  // the entity below this one of that name, or null
+    virtual Ptr<Entity> velChild(std::string_view name) const;  // the child with this name, or null
 
     Entity* parent() const { return parent_; }  // null for the root, and outside the tree
     void parentIs(Entity* parent);
     bool hasBeenParent() const { return hasBeenParent_; }
-    // Whether this entity is `other`, or one that it is within. Walks up from `other`, unless this never was a parent.
+    // Whether this entity is `other` or one of its ancestors. Walks up from `other`, unless this never was a parent.
     bool encloses(Entity const& other) const;
 
-    // The entity at `path`, or null when there is none; creates nothing.
+    // Returns the entity at `path`, or null if there is none. Creates nothing.
     Ptr<Entity> entity(EntityUriPath const& path) const;
-    String path() const;  // from the root of the tree that this entity is in: "/ql/cell"
+    String path() const;  // from the root of this entity's tree: "/ql/cell"
 
-    // An operation on an attribute, by the glue of this entity's type; codes as AttributeResult.
+    // Performs an operation on an attribute, by the glue of this entity's type. Returns an AttributeResult.
     int attributeOp(void* result, VelAttr attr, AttributeOp op, void const* other = nullptr, void const* arg = nullptr);
 
-    void velPrint(StrepOut& out) const;  // the text form: Type('/path')
+    void velPrint(StrepOut& out) const;  // appends the text form: Type('/path')
 
     static constexpr auto description() { return Vel::entity("Vel::Entity"); }
 
 protected:
     explicit Entity(String name) : name_(std::move(name)) {}
 
-    String const& velName() const { return name_; }  // what the constructor was given
+    String const& velName() const { return name_; }  // the name that the constructor was given
 
-    // Tells the observers, if notification is on.
+    // Notifies the observers that an attribute has changed, or one key of a collection; does nothing while
+    // hasNotificationActive() is false.
     void velNotify(AttributeId attribute) const {
         if (hasNotificationActive()) notifieeList_.visit(attribute);
     }
@@ -70,16 +71,16 @@ protected:
     }
 
 private:
-    bool hasBeenParent_ = false;  // the first, since there is room for it behind the base
+    bool hasBeenParent_ = false;  // the first member, since it fits into the padding of the base
     String name_;
-    Entity* parent_ = nullptr;  // not owned: the parent holds this entity
+    Entity* parent_ = nullptr;  // not owned, since the parent owns this entity
     mutable NotifieeList notifieeList_;
 };
 
 [[noreturn]] VEL_API VEL_COLD void throwNewEntityArgsException(VelType type);
 [[noreturn]] VEL_API VEL_COLD void throwMutatorArgNullPointerException(VelType type, AttributeId attribute);
 
-// Appends the text form of an entity, "None" for a null one.
+// Appends the text form of an entity, or "None" if it is null.
 VEL_API TraceStream& operator<<(TraceStream& out, Entity const* entity);
 template <class E> TraceStream& operator<<(TraceStream& out, Ptr<E> const& entity) {
     return out << static_cast<Entity const*>(entity.get());
@@ -96,7 +97,7 @@ template <class T, auto Member, std::size_t I> constexpr bool isAttributeOf() {
     return false;
 }
 
-// The id under which T's description lists the attribute that Member stores.
+// Returns the number, in T's description, of the attribute that Member stores.
 template <class T, auto Member> constexpr AttributeId attributeIdOfMember() {
     constexpr std::size_t index = []<std::size_t... I>(std::index_sequence<I...>) {
         std::size_t found = attributeCount<T>;
@@ -119,15 +120,15 @@ template <std::size_t N> struct AttributeNameArgument {
 
 }  // namespace Detail
 
-// What a described entity type derives from: class Status : public Vel::EntityOf<Status>. Everything here follows from
-// T's description; no virtual operation is added.
+// Base of a described entity type: class Status : public Vel::EntityOf<Status>. Everything here is derived from T's
+// description. It adds no virtual function.
 template <class T, class Base = Entity> class EntityOf : public Base {
 public:
     using VelBase = Base;
 
     VelType fwkType() const override { return typeOf<T>(); }
 
-    // Makes a T under allocation tracking and switches its notification on: what every factory does.
+    // Makes a T, counts the allocation, and turns notification on. Every factory calls this.
     template <class... A>
     requires std::constructible_from<T, A...>
     static Ptr<T> newEntity(A&&... arguments) {
@@ -136,7 +137,7 @@ public:
         return entity;
     }
 
-    // Creation by a directory: the name is the only constructor argument.
+    // Makes a T for a directory. The name is the only argument that a constructor can take.
     static Ptr<PtrInterface> velNewEntity(String const& name, void const* const* arguments) {
         if (arguments) throwNewEntityArgsException(typeOf<T>());
         if constexpr (std::constructible_from<T, String const&>)
@@ -162,22 +163,23 @@ protected:
     using Base::Base;
     using Base::velNotify;
 
-    // As Entity::velNotify, for the attribute of that name, T's or its base's: velNotify<"card">(key).
+    // Does the same as Entity::velNotify(), for the attribute of T or of its bases with this name:
+    // velNotify<"card">(key).
     template <Detail::AttributeNameArgument name, class... K> void velNotify(K const&... key) const {
         constexpr AttributeId id = Detail::findAttributeId<T>(name.view());
         static_assert(id != 0, "the description lists no attribute of this name");
         this->velNotify(id, key...);
     }
 
-    // A mutator's work: stores `value` in the attribute that Member stores and tells the observers, when it differs
-    // from what is stored. Const, since an entity that caches what it learns is logically constant.
+    // Does the work of a mutator: stores `value` in Member, and notifies the observers. Does nothing if Member already
+    // has that value. It is const, since a const entity may cache values.
     template <auto Member, class V> void velSet(V const& value) const {
         auto& stored = const_cast<T*>(static_cast<T const*>(this))->*Member;
         if (stored == value) return;
         stored = value;
         this->velNotify(Detail::attributeIdOfMember<T, Member>());
     }
-    // The same without telling anybody: for an attribute that caches what could be read again.
+    // Stores `value` without notifying anybody: for an attribute that caches what can be read again.
     template <auto Member, class V> void velCache(V const& value) const {
         const_cast<T*>(static_cast<T const*>(this))->*Member = value;
     }

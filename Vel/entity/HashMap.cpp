@@ -13,7 +13,7 @@ namespace {
 
 using BucketHeader = HashMap2018Generic::BucketHeader;
 
-// Blocks come in size classes: first a few small ones without slots, then powers of two of slots.
+// Blocks have size classes: a few small ones without slots, then classes whose number of slots is a power of two.
 constexpr U8 smallCapacities[] = {1, 2, 3, 4, 6, 8};
 constexpr unsigned smallClasses = sizeof smallCapacities;
 constexpr unsigned maxClass = smallClasses + 27;
@@ -32,8 +32,8 @@ unsigned classFor(std::size_t count) {
     throwRangeException(format("a map of %zu elements exceeds the limit of %zu", count, HashMap2018Generic::maxSize));
 }
 
-// A slot is 0 (free), or a whole hash above a bucket's index plus 1: most look-ups and all rebuilds of the slots do
-// without the buckets.
+// A slot is 0 if it is free. Otherwise its upper half is a hash, and its lower half a bucket's index plus 1. With the
+// whole hash, a look-up seldom compares another key, and a rebuild of the slots computes no hash anew.
 constexpr U64 slot(U32 hash, std::size_t index) { return U64(hash) << 32 | (index + 1); }
 constexpr U32 slotHash(U64 slot) { return static_cast<U32>(slot >> 32); }
 constexpr std::size_t slotIndex(U64 slot) { return static_cast<U32>(slot) - std::size_t(1); }
@@ -48,8 +48,8 @@ constexpr std::size_t roundUp(std::size_t n, std::size_t to) { return (n + to - 
 
 }  // namespace
 
-// One allocation: this header, the bucket headers, the elements, the slots, and after the slots one word with the index
-// of the first bucket that may be no gap.
+// A block is one allocation: this header, the bucket headers, the elements, the slots, and after the slots one word: an
+// index before which all buckets are gaps.
 struct HashMap2018Generic::Block {
     U64 changesAndClass;
     U32 size;  // elements
@@ -75,7 +75,7 @@ struct HashMap2018Generic::Block {
     U64& first(Type const& type) { return slots(type)[mask() + 1]; }
     std::size_t firstIndex(Type const& type) { return hashed() ? first(type) : 0; }
 
-    // The first bucket whose order is at least that.
+    // Returns the index of the first bucket whose order is at least `order`.
     std::size_t lowerBound(U64 order) {
         return static_cast<std::size_t>(std::partition_point(headers(), headers() + used, [=](BucketHeader h) {
             return h.order() < order;
@@ -139,7 +139,8 @@ void* HashMap2018Generic::find(Type const& type, void const* view, U32 hash) con
     return nullptr;
 }
 
-// Moves all elements to a block of another (or the same) class, without the gaps; the order stays.
+// Moves all elements, in their order and without the gaps, to a new block of the class. Returns null if there is no
+// memory and `mayThrow` is false.
 HashMap2018Generic::Block* HashMap2018Generic::rebuild(Type const& type, unsigned sizeClass, bool mayThrow) {
     Block* const to = newBlock(type, sizeClass, mayThrow);
     Block* const from = anchor_.block();
@@ -157,7 +158,7 @@ HashMap2018Generic::Block* HashMap2018Generic::rebuild(Type const& type, unsigne
         std::size_t run = i;
         while (run < from->used && !headers[run].erased()) to->headers()[done + run - i] = headers[run], ++run;
         type.relocate(to->element(type, done), from->element(type, i), run - i);
-        // The old headers are of no more use than to say where their buckets went.
+        // From now on, the old headers say to which index their buckets were moved.
         for (; i < run; ++i) headers[i] = BucketHeader(done++, 0);
     }
 
@@ -202,7 +203,8 @@ void* HashMap2018Generic::insert(Type const& type, void* element, U32 hash) {
     return to;
 }
 
-// Takes the slot of that bucket away, and moves up those after it that would be cut off from their places.
+// Frees the slot of that bucket. Moves later slots into the hole if otherwise linear probing would not find them any
+// more.
 void HashMap2018Generic::removeFromSlots(Type const& type, Block& block, std::size_t index, U32 hash) noexcept {
     U64* const slots = block.slots(type);
     std::size_t const mask = block.mask();
@@ -241,7 +243,7 @@ void HashMap2018Generic::erase(Type const& type, void* element, void* out) noexc
         anchor_.emptyIs(b->changes());
         ::operator delete(b);
     } else if (b->hashed() && b->size < b->capacity() / 4) {
-        rebuild(type, classFor(2 * std::size_t(b->size)), false);  // without memory for less, it stays as it is
+        rebuild(type, classFor(2 * std::size_t(b->size)), false);  // shrinks, unless there is no memory for a new block
     }
 }
 

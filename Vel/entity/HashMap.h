@@ -18,12 +18,12 @@
 
 namespace Vel {
 
-// The hash of a text in tables of this process.
+// Returns the hash of a text for tables of this process.
 VEL_API U32 hashText(std::string_view text, U32 seed) noexcept;
 
-// The hash of a key as it is looked up, keyed with the process's secret: nobody outside can choose texts or numbers
-// that collide. Of other types it takes the type's own hash(seed), or std::hash, and keys what they yield: two keys for
-// which these are equal collide all the same.
+// The default Hasher. It mixes the process's secret into the hash of a key, so nobody outside the process can choose
+// texts or numbers that collide. For other types it mixes the secret into the result of the type's own hash(seed), or
+// of std::hash: keys for which that result is equal still collide.
 template <class Key> struct KeyHash {
     static U32 hash(Detail::KeyView<Key> const& view, U32 seed) {
         if constexpr (Detail::isText<Key>)
@@ -42,19 +42,19 @@ private:
     static U32 keyed(U64 number, U32 seed) { return static_cast<U32>(tableHash(number, seed, ProcessSecret::value())); }
 };
 
-// A map in no particular order, made to be a collection in an entity: empty it is one pointer and owns nothing; with 1
-// to 8 elements of 16 bytes it takes 28 to 48 bytes an element, beyond that 35 to 71 (what the allocator adds
+// A map without an order, made for collections in entities. An empty map is one pointer and owns no memory. With 1 to 8
+// elements of 16 bytes it takes 28 to 48 bytes an element, with more elements 35 to 71 (the allocator's overhead
 // included).
 //
-// Values may be changed in place; that does not count as a change. Pointers to keys and values last until the next
-// insertion or erasure of any element. Keys and values move without throwing. Arguments of the constructors that insert
-// runs must not change this very map; destructors may.
+// A value may be changed in place; changes() does not count that. Pointers to keys and values are valid until the next
+// insertion or erasure of any element. Keys and values must move without throwing. Constructors that insert() runs must
+// not change the same map; destructors may.
 //
-// What an iteration sees: exactly the elements that were there when it began (at begin() or iteratorAt()) and are still
-// there when their turn comes, each once. An element inserted later is not visited, even when its key had been there
-// before. The element that the iterator stands on may be erased (through the iterator or not): the iterator then
-// exists() no more, and ++ goes on with the next. When its map is moved, assigned to or swapped, an iteration goes on
-// with unspecified elements of its map, or ends. It must not outlive its map.
+// An iteration visits exactly the elements that were in the map when it began (at begin() or iteratorAt()) and are
+// still there when their turn comes, each once. It does not visit an element that is inserted later, even if its key
+// was in the map before. The current element may be erased, by the iterator or otherwise: then exists() is false, and
+// ++ goes on with the next element. If the map is moved, assigned to or swapped, an iteration goes on with unspecified
+// elements of its map, or ends. It must not outlive its map.
 template <class Key, class Value, U32 seed = 0, class Hasher = KeyHash<Key>> class HashMap {
     template <bool isConst> class BasicIterator;
 
@@ -76,14 +76,14 @@ public:
 
     std::size_t size() const noexcept { return generic_.size(); }
     bool empty() const noexcept { return generic_.empty(); }
-    U64 changes() const noexcept { return generic_.changes(); }  // up by 1 with every insertion, erasure and clearing
+    U64 changes() const noexcept { return generic_.changes(); }  // counts insertions, erasures, and clear()
 
-    Value* find(View key) { return valueOf(element(key)); }  // null when there is none
+    Value* find(View key) { return valueOf(element(key)); }  // null if there is none
     Value const* find(View key) const { return valueOf(element(key)); }
     bool contains(View key) const { return element(key) != nullptr; }
 
-    // Inserts Value(arguments...) unless the key is there. The value with that key, and whether it is new. The key is
-    // made only when it is new. Strong guarantee.
+    // Inserts Value(arguments...) unless the key is there. Returns the value with that key, and whether it is new.
+    // Makes a Key only if it is new. If it throws, the map is unchanged.
     template <class K, class... Arguments>
     requires std::constructible_from<Key, K&&> std::pair<Value*, bool> insert(K&& key, Arguments&&... arguments) {
         View view = key;
@@ -98,7 +98,7 @@ public:
             throw;
         }
     }
-    // Inserts or assigns; true when the key is new.
+    // Inserts or assigns. Returns whether the key is new.
     template <class K> bool set(K&& key, Value value) {
         if (Value* const found = find(key)) {
             *found = std::move(value);
@@ -107,9 +107,9 @@ public:
         return insert(std::forward<K>(key), std::move(value)).second;
     }
 
-    // These destroy what they erase after the map is in order again.
+    // These first take the element out of the map and then destroy it, so its destructor may use the map.
     bool erase(View key) { return eraseElement(element(key)); }
-    bool erase(Iterator const& at) { return eraseElement(at.generic_.element()); }  // false when already erased
+    bool erase(Iterator const& at) { return eraseElement(at.generic_.element()); }  // false if it was erased before
     std::optional<Value> take(View key) {                                           // erases, and returns the value
         void* const found = element(key);
         if (!found) return std::nullopt;
@@ -118,12 +118,12 @@ public:
         Doomed const doomed{scrap.element()};
         return std::optional<Value>(std::move(doomed.element->value));
     }
-    void clear() noexcept { generic_.clear(type); }  // of an empty map: no change
+    void clear() noexcept { generic_.clear(type); }  // changes() stays the same if the map is empty
 
     Iterator begin() noexcept { return {generic_, type}; }
     ConstIterator begin() const noexcept { return {generic_, type}; }
     std::default_sentinel_t end() const noexcept { return {}; }
-    Iterator iteratorAt(View key) { return {generic_, type, element(key)}; }  // at the end when there is none
+    Iterator iteratorAt(View key) { return {generic_, type, element(key)}; }  // at the end if the key is not there
     ConstIterator iteratorAt(View key) const { return {generic_, type, element(key)}; }
 
     std::size_t memory() const noexcept { return generic_.memory(type); }  // bytes allocated
@@ -142,7 +142,7 @@ private:
     static_assert(std::is_nothrow_move_constructible_v<Key> && std::is_nothrow_move_constructible_v<Value>);
     static_assert(alignof(Element) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
 
-    struct Scrap {  // raw storage of one element
+    struct Scrap {  // raw storage for one element
         Element* element() { return std::launder(reinterpret_cast<Element*>(bytes)); }
         alignas(Element) std::byte bytes[sizeof(Element)];
     };
@@ -168,7 +168,7 @@ private:
             source->~Element();
         }
     }
-    // Hidden: else it would be a process-wide unique symbol, and keep the library that uses it from being unloaded.
+    // Hidden, or it would be a process-wide unique symbol, and a library that has such a symbol can't be unloaded.
     __attribute__((visibility("hidden"))) static constexpr HashMap2018Generic::Type type = {
         sizeof(Element), alignof(Element), seed, &hash, &hashOfElement, &equal, &relocate, &destroy};
 
@@ -198,7 +198,7 @@ public:
         : generic_(map, t, element) {}
 
     bool atEnd() const noexcept { return generic_.atEnd(); }
-    bool exists() const noexcept { return generic_.element() != nullptr; }  // false at the end, or once erased
+    bool exists() const noexcept { return generic_.element() != nullptr; }  // false at the end, or if it was erased
     Key const& key() const { return (**this).key; }                         // REQUIRES: exists()
     auto& value() const { return (**this).value; }                          // REQUIRES: exists()
     Entry operator*() const {                                               // REQUIRES: exists()

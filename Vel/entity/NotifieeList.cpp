@@ -9,15 +9,18 @@ namespace Vel {
 
 // Invariants:
 // 1. entries[i]->index_ == i for every entry that is not null.
-// 2. Null entries (observers that have gone) are counted by `holes`; while no visit runs they are at most half of all.
-// 3. A block whose list is gone lives on until the visits that run over it have ended, with no entries.
+// 2. `holes` is the number of null entries, which were withdrawn. While no visit runs, at most half of all entries are
+//    null.
+// 3. If the list is destroyed while visits run over its block, the block has no entries, and lives until they have
+//    ended.
 struct NotifieeBlock {
     std::vector<Notifiee*> entries;
     NotifieeList* list = nullptr;
-    unsigned visits = 0;  // running, one within the other
+    unsigned visits = 0;  // visits that run now, each one within the one before
     std::size_t holes = 0;
 
-    // Half, so that many observers that go one by one are not moved up each time. Visits count on places not moving.
+    // Removes null entries once they are more than half, so that the entries are not moved each time when many
+    // observers withdraw. Does nothing during a visit, which needs fixed indexes.
     void closeHoles() noexcept {
         if (visits != 0 || 2 * holes <= entries.size()) return;
         std::erase(entries, nullptr);
@@ -28,7 +31,7 @@ struct NotifieeBlock {
 
 namespace {
 
-// Ends a visit, also when an observer throws.
+// Counts a visit as long as it lives. Then deletes the block if its list is gone, or closes the holes.
 class Visit {
 public:
     explicit Visit(NotifieeBlock& block) : block_(block) { ++block_.visits; }
@@ -78,7 +81,7 @@ void NotifieeList::add(Notifiee& notifiee) {
 void NotifieeList::deleteAll() noexcept {
     if (!block_) return;
     NotifieeBlock* const block = std::exchange(block_, nullptr);
-    ++block->visits;  // observers may go while others are told, and places must not move
+    ++block->visits;  // so that closeHoles() does nothing if an observer withdraws another one meanwhile
     for (std::size_t i = 0; i < block->entries.size(); ++i) {
         Notifiee* const notifiee = block->entries[i];
         if (!notifiee) continue;

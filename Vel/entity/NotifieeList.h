@@ -12,14 +12,14 @@ namespace Vel {
 class Entity;
 class NotifieeList;
 
-// The key of a collection's member that came, changed or went. Valid during the notification only.
+// The key of a collection's member that was added, changed or removed. It is valid only during the notification.
 class NotifieeKey {
 public:
     template <class K> explicit NotifieeKey(K const& key) : type_(&typeOf<K>), key_(&key) {}
 
     VelType type() const { return type_(); }
     void const* data() const { return key_; }
-    template <class K> K const& as() const {  // REQUIRES: type() is K's
+    template <class K> K const& as() const {  // REQUIRES: the key is a K
         return *static_cast<K const*>(key_);
     }
 
@@ -28,12 +28,12 @@ private:
     void const* key_;
 };
 
-// An observer of one entity. It is told after the attribute has changed, on the thread that changed it.
+// An observer of one entity. It is notified after an attribute has changed, on the thread that changed it.
 //
-// An observer may be registered, withdrawn or destroyed at any time, also by an observer that is being told: one that
-// comes during a visit is told from the next visit on, one that goes is told nothing more. The entity may be released
-// meanwhile. An exception thrown by an observer passes to whoever changed the attribute, and the observers after it
-// are not told.
+// An observer may be registered, withdrawn or destroyed at any time, even by an observer during a notification. An
+// observer that is registered during a notification is notified from the next change on; one that is withdrawn is not
+// notified any more. The entity may be released meanwhile. If an observer throws, the exception passes to the code that
+// changed the attribute, and the observers after it are not notified.
 class VEL_API Notifiee {
 public:
     Notifiee() = default;
@@ -43,11 +43,11 @@ public:
 
     virtual void handleAttribute(AttributeId attribute) = 0;
     virtual void handleAttribute(AttributeId attribute, NotifieeKey const& key);  // a collection's member
-    // The entity is being destroyed and can't be asked any more; this observer is already withdrawn.
+    // Called when the entity is being destroyed, and must not be used any more. The observer is already withdrawn.
     virtual void handleNotifierDel() noexcept;
 
-    // Observes `notifier`, and nothing else any more; null: nothing. Holds no reference: when the entity goes, the
-    // observer is withdrawn. REQUIRES: an entity that has an observer list.
+    // Observes `notifier` instead of the entity before; null means none. Holds no reference: the observer is withdrawn
+    // when the entity is destroyed. REQUIRES: the entity's notifieeList() is not null.
     void notifierIs(Entity const* notifier);
     bool hasNotifier() const { return block_ != nullptr; }
 
@@ -58,7 +58,7 @@ private:
     std::size_t index_ = 0;  // in the block
 };
 
-// An entity's observers; one pointer wide, and nothing else while there is none.
+// An entity's observers. The list is one pointer wide, and owns no memory before the first observer is added.
 class VEL_API NotifieeList {
 public:
     NotifieeList() = default;
@@ -66,7 +66,7 @@ public:
     NotifieeList& operator=(NotifieeList const&) = delete;
     ~NotifieeList() { deleteAll(); }
 
-    // Tells every observer that the attribute, or one key of a collection attribute, has changed.
+    // Notifies every observer that the attribute, or one key of a collection, has changed.
     void visit(AttributeId attribute) {
         if (block_) [[unlikely]]
             visitAll(attribute, nullptr);
@@ -113,8 +113,8 @@ private:
 
 }  // namespace Detail
 
-// Calls `function(AttributeId)`, or `function(AttributeId, NotifieeKey const*)` with a null key for what is no
-// collection, for every change of `entity`, until the result is destroyed.
+// Calls `function(AttributeId)` or `function(AttributeId, NotifieeKey const*)` for every change of `entity`, until the
+// result is destroyed. The key is null unless the attribute is a collection.
 template <class F> [[nodiscard]] std::unique_ptr<Notifiee> notifieeOf(Entity const& entity, F function) {
     auto notifiee = std::make_unique<Detail::FunctionNotifiee<F>>(std::move(function));
     notifiee->notifierIs(&entity);

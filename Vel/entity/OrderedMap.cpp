@@ -55,7 +55,7 @@ RbTreeMapGeneric::Node* RbTreeMapGeneric::next(Node* node) noexcept {
     return parent;
 }
 
-// Puts `by` (or nothing) where `old` hangs; what hangs below either stays.
+// Makes `by`, which may be null, the child of old's parent in place of `old`. Does not change the children of either.
 void RbTreeMapGeneric::replace(Node* old, Node* by) noexcept {
     Node* const parent = old->parent();
     if (parent)
@@ -65,7 +65,8 @@ void RbTreeMapGeneric::replace(Node* old, Node* by) noexcept {
     if (by) by->parentIs(parent);
 }
 
-// Moves a node down to its child side `greater`; the child of the other side takes its place.
+// Rotates: the child on the side opposite to `greater` takes the node's place, and the node becomes that child's child
+// on the side `greater`.
 void RbTreeMapGeneric::rotate(Node* node, bool greater) noexcept {
     Node* const up = node->child_[!greater];
     Node* const across = up->child_[greater];
@@ -94,7 +95,7 @@ void RbTreeMapGeneric::insert(Place const& place, Node* node) {
     ++t->counter;
 }
 
-// Only invariant 2 may be broken: `node` is red, and so may be its parent.
+// Restores invariant 2, which alone may be broken: `node` is red, and its parent may be red, too.
 void RbTreeMapGeneric::balanceInserted(Node* node) noexcept {
     while (isRed(node->parent())) {
         Node* parent = node->parent();
@@ -122,16 +123,16 @@ void RbTreeMapGeneric::balanceInserted(Node* node) noexcept {
 
 void RbTreeMapGeneric::remove(Node* node) noexcept {
     Tree* const t = anchor_.block();
-    Node* below;   // takes the place that becomes free
-    Node* parent;  // of that place
-    bool red;      // the colour that the place loses
+    Node* below;   // the node, or null, that moves into the place that becomes free
+    Node* parent;  // the parent of that place
+    bool red;      // whether the node that left that place was red
     if (!node->child_[0] || !node->child_[1]) {
         below = node->child_[node->child_[0] == nullptr];
         parent = node->parent();
         red = node->red();
         replace(node, below);
     } else {
-        Node* const successor = next(node);  // has no lesser child; it takes the node's place and colour
+        Node* const successor = next(node);  // has no lesser child; takes the node's place and colour
         below = successor->child_[1];
         red = successor->red();
         if (successor->parent() == node) {
@@ -156,11 +157,12 @@ void RbTreeMapGeneric::remove(Node* node) noexcept {
     }
 }
 
-// Only invariant 3 may be broken: the ways through `node` (or the missing child in its place) lack one black node.
+// Restores invariant 3, which alone may be broken: the paths through `node`, or through the missing child in its place,
+// lack one black node.
 void RbTreeMapGeneric::balanceRemoved(Node* node, Node* parent) noexcept {
     while (parent && !isRed(node)) {
         bool const side = parent->child_[1] == node;
-        Node* sibling = parent->child_[!side];  // there is one: its side has a black node more
+        Node* sibling = parent->child_[!side];  // not null, since its side has one more black node
         if (sibling->red()) {
             sibling->redIs(false);
             parent->redIs(true);
@@ -175,7 +177,7 @@ void RbTreeMapGeneric::balanceRemoved(Node* node, Node* parent) noexcept {
         }
         if (!isRed(sibling->child_[!side])) {
             rotate(sibling, !side);
-            sibling = parent->child_[!side];  // the two get their colours below
+            sibling = parent->child_[!side];  // the two nodes get their colours below
         }
         sibling->redIs(parent->red());
         parent->redIs(false);

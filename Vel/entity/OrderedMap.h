@@ -16,7 +16,7 @@
 
 namespace Vel {
 
-// The usual node of an OrderedMap.
+// The default node of an OrderedMap.
 template <class Key, class Value> class OrderedMapNode : public RbTreeMapGeneric::Node {
 public:
     template <class K, class... Arguments>
@@ -33,20 +33,21 @@ private:
     Value value_;
 };
 
-// A map ascending by the key's operator< (texts: byte-wise), made to be a collection in an entity or a value: empty it
-// is one pointer and owns nothing. An element costs a node: 24 bytes, the key and the value.
+// A map in ascending order by the key's operator< (texts by their bytes), made for collections in entities and values.
+// An empty map is one pointer and owns no memory. An element takes a node: 24 bytes, the key and the value.
 //
-// A collection may bring a node type of its own: one like OrderedMapNode, derived from RbTreeMapGeneric::Node too. If
-// it derives from PtrInterface, the map holds one reference to each node, and a node may outlive its time in the map.
+// A collection may have its own node type, with the members of OrderedMapNode, and derived from RbTreeMapGeneric::Node.
+// If the node type also derives from PtrInterface, the map holds one reference to each node, so that a node can live on
+// after it was removed from the map.
 //
-// Values may be changed in place; that does not count as a change. Pointers to keys and values last as long as their
-// element. Constructors that insertion runs must not change this very map; destructors may.
+// A value may be changed in place; changes() does not count that. Pointers to keys and values are valid as long as
+// their element. Constructors that insert() runs must not change the same map; destructors may.
 //
-// What an iteration sees: strictly ascending keys, and at each ++ the next greater key of those in the map at that
-// moment. So an element that is there all the time is visited once; one inserted meanwhile is visited when its key is
-// greater than the one that the iterator stands on. That one may be erased (through the iterator or not): the iterator
-// keeps its key, exists() tells that it is gone (until an element with that key is inserted again), and ++ goes on with
-// the next greater. The same holds when the map is moved, assigned to or swapped. It must not outlive its map.
+// An iteration visits strictly ascending keys. Each ++ goes to the next greater key that is in the map at that moment.
+// So an element that stays in the map is visited once; an element that is inserted meanwhile is visited if its key is
+// greater than the current one. The current element may be erased, by the iterator or otherwise: then the iterator
+// keeps its key, exists() is false until an element with that key is inserted again, and ++ goes to the next greater
+// key. The same holds if the map is moved, assigned to or swapped. An iterator must not outlive its map.
 template <class Key, class Value, class NodeType = OrderedMapNode<Key, Value>> class OrderedMap {
     template <bool isConst> class BasicIterator;
 
@@ -68,15 +69,17 @@ public:
 
     std::size_t size() const noexcept { return generic_.size(); }
     bool empty() const noexcept { return generic_.empty(); }
-    U64 changes() const noexcept { return generic_.changes(); }  // up by 1 with every insertion, erasure and clearing
+    U64 changes() const noexcept { return generic_.changes(); }  // counts insertions, erasures, and clear()
 
-    Value* find(View key) { return valueOf(node(key)); }  // null when there is none
+    Value* find(View key) { return valueOf(node(key)); }  // null if there is none
     Value const* find(View key) const { return valueOf(node(key)); }
     bool contains(View key) const { return node(key) != nullptr; }
-    NodeType* node(View key) const { return asNode(generic_.find(type, std::addressof(key))); }  // null: none
+    NodeType* node(View key) const {
+        return asNode(generic_.find(type, std::addressof(key)));
+    }  // null if there is none
 
-    // Inserts Value(arguments...) unless the key is there. The value with that key, and whether it is new. The key is
-    // made only when it is new. Strong guarantee.
+    // Inserts Value(arguments...) unless the key is there. Returns the value with that key, and whether it is new.
+    // Makes a Key only if it is new. If it throws, the map is unchanged.
     template <class K, class... Arguments>
     requires std::constructible_from<Key, K&&> std::pair<Value*, bool> insert(K&& key, Arguments&&... arguments) {
         View view = key;
@@ -87,7 +90,7 @@ public:
         generic_.insert(place, made.get());
         return {valueOf(made.release()), true};
     }
-    // Inserts or assigns; true when the key is new.
+    // Inserts or assigns. Returns whether the key is new.
     template <class K> bool set(K&& key, Value value) {
         if (Value* const found = find(key)) {
             *found = std::move(value);
@@ -96,27 +99,27 @@ public:
         return insert(std::forward<K>(key), std::move(value)).second;
     }
 
-    // These destroy what they erase after the map is in order again.
+    // These first take the element out of the map and then destroy it, so its destructor may use the map.
     bool erase(View key) { return remove(node(key)) != nullptr; }
-    bool erase(Iterator const& at) { return remove(at.node()) != nullptr; }  // false when already erased
+    bool erase(Iterator const& at) { return remove(at.node()) != nullptr; }  // false if it was erased before
     std::optional<Value> take(View key) {                                    // erases, and returns the value
         Owner const removed = remove(node(key));
         if (!removed) return std::nullopt;
         return std::optional<Value>(std::move(removed->value()));
     }
-    void clear() noexcept { generic_.clear(type); }  // of an empty map: no change
+    void clear() noexcept { generic_.clear(type); }  // changes() stays the same if the map is empty
 
     Iterator begin() { return {this, asNode(generic_.first())}; }
     ConstIterator begin() const { return {this, asNode(generic_.first())}; }
     std::default_sentinel_t end() const noexcept { return {}; }
-    // At the end when there is none.
+    // These are at the end if there is no such element.
     Iterator iteratorAt(View key) { return {this, node(key)}; }
     ConstIterator iteratorAt(View key) const { return {this, node(key)}; }
     Iterator last() { return {this, asNode(generic_.last())}; }
     ConstIterator last() const { return {this, asNode(generic_.last())}; }
-    Iterator lowerBound(View key) { return {this, bound(key, true)}; }  // the first not less
+    Iterator lowerBound(View key) { return {this, bound(key, true)}; }  // at the first key that is not less
     ConstIterator lowerBound(View key) const { return {this, bound(key, true)}; }
-    Iterator upperBound(View key) { return {this, bound(key, false)}; }  // the first greater
+    Iterator upperBound(View key) { return {this, bound(key, false)}; }  // at the first key that is greater
     ConstIterator upperBound(View key) const { return {this, bound(key, false)}; }
 
     friend bool operator==(OrderedMap const& a, OrderedMap const& b) requires(
@@ -168,7 +171,7 @@ private:
             return nullptr;
     }
     static void destroy(Node* node) noexcept { Release()(asNode(node)); }
-    // Hidden: else it would be a process-wide unique symbol, and keep the library that uses it from being unloaded.
+    // Hidden, or it would be a process-wide unique symbol, and a library that has such a symbol can't be unloaded.
     __attribute__((visibility("hidden"))) static constexpr RbTreeMapGeneric::Type type = {
         &compare, cloneIfPossible(), &destroy};
 
@@ -197,8 +200,8 @@ public:
     bool exists() const { return node() != nullptr; }             // false at the end, and while no element has the key
     Key const& key() const { return *key_; }                      // REQUIRES: !atEnd()
     auto& value() const { return (**this).value; }                // REQUIRES: exists()
-    Entry operator*() const { return {*key_, node()->value()}; }  // REQUIRES: exists(); good until the next ++
-    NodeType* node() const {                                      // the one stood on, or null
+    Entry operator*() const { return {*key_, node()->value()}; }  // REQUIRES: exists(); valid until the next ++
+    NodeType* node() const {                                      // the current node, or null if it was erased
         if (atEnd()) return nullptr;
         return changes_ == map_->changes() ? node_ : map_->node(*key_);
     }
@@ -223,7 +226,7 @@ private:
 
     Map* map_ = nullptr;
     NodeType* node_ = nullptr;
-    U64 changes_ = 0;  // of the map when node_ was right
+    U64 changes_ = 0;  // the map's changes() when node_ was set
     std::optional<Key> key_;
 };
 

@@ -10,8 +10,8 @@
 #include <span>
 #include <type_traits>
 
-// The attribute log's items: numbers in network byte order, whatever the host's; a bool as one byte, 1 for true; a
-// double as its IEEE bits; a string as a 4-byte length and its bytes. Items carry no tag: reader and writer agree.
+// The items of the attribute log: a number in network byte order; a bool as one byte, 1 for true; a double as its IEEE
+// bits; a string as a 4-byte length and its bytes. Items carry no type tag: reader and writer must agree on the types.
 namespace Vel {
 
 class Entity;
@@ -21,7 +21,7 @@ using EntityId = U32;  // names an entity within one attribute log; 0 is the nul
 
 namespace Vel::NboAttrLog {
 
-// Unaligned access to a number in network byte order.
+// Converts a number between the host's byte order and network byte order. store() and load() also need no alignment.
 template <class T> constexpr T swapped(T value) {
     if constexpr (sizeof(T) == 1 || std::endian::native == std::endian::big)
         return value;
@@ -42,7 +42,7 @@ template <class T> inline T load(U8 const* from) {
     return swapped(value);
 }
 
-// Collects items in a buffer of its own. Clearing keeps the memory, so a reused Out does not allocate.
+// Collects items in a buffer that it owns. clear() keeps the memory, so that a reused Out need not allocate.
 class VEL_API Out {
 public:
     Out() = default;
@@ -58,14 +58,14 @@ public:
     std::size_t size() const { return static_cast<std::size_t>(at_ - begin_); }
     std::size_t capacity() const { return static_cast<std::size_t>(end_ - begin_); }
     void clear() { at_ = begin_; }
-    void sizeIs(std::size_t size) { at_ = begin_ + size; }  // drops what follows; REQUIRES: size <= size()
-    void drop(std::size_t count);     // bytes at the front, and moves the others there; REQUIRES: count <= size()
-    void release();                   // drops everything, and the memory
-    void reserve(std::size_t more) {  // room for `more` bytes; throws std::bad_alloc
+    void sizeIs(std::size_t size) { at_ = begin_ + size; }  // drops the bytes from `size` on; REQUIRES: size <= size()
+    void drop(std::size_t count);     // drops bytes at the front, and moves the others there; REQUIRES: count <= size()
+    void release();                   // drops all bytes, and frees the memory
+    void reserve(std::size_t more) {  // makes room for `more` bytes; throws std::bad_alloc
         if (static_cast<std::size_t>(end_ - at_) < more) [[unlikely]]
             grow(more);
     }
-    // Room for `size` bytes that the caller writes before anything else is written.
+    // Adds `size` bytes and returns their place. The caller fills them before it adds anything else.
     U8* append(std::size_t size) {
         reserve(size);
         U8* const place = at_;
@@ -73,7 +73,7 @@ public:
         return place;
     }
 
-    // A template, so that a pointer does not turn into a bool unnoticed.
+    // A template, so that a pointer is not converted to bool.
     template <std::same_as<bool> B> Out& operator<<(B v) { return put<U8>(v ? 1 : 0); }
     Out& operator<<(U1 v) { return put<U8>(v ? 1 : 0); }
     Out& operator<<(U8 v) { return put(v); }
@@ -101,18 +101,18 @@ private:
     U8* end_ = nullptr;
 };
 
-// Finds the entity that an id names in the log being read.
+// Finds the entity of an id in the log that is being read.
 class VEL_API EntityResolver {
 public:
-    virtual Entity* entity(EntityId id) = 0;  // null when the id names none
+    virtual Entity* entity(EntityId id) = 0;  // null if no entity has the id
 
 protected:
     ~EntityResolver() = default;
 };
 
-// Reads items from bytes that it does not own. A next...() throws StreamException, which says what was being read and
-// where, when the bytes end first or hold what no writer writes; the position then stays before the item. Nothing is
-// allocated but a read string's storage, which is never larger than the bytes left.
+// Reads items from bytes that it does not own. A next...() throws StreamException if the bytes end too early, or hold
+// what no writer writes. The exception says what was being read and where, and the position stays before the item. Only
+// the storage of strings is allocated, never more than the bytes that are left.
 class VEL_API In {
 public:
     explicit In(std::span<U8 const> bytes, EntityResolver* resolver = nullptr)
@@ -134,13 +134,13 @@ public:
     double nextF64() { return std::bit_cast<double>(next<U64>("F64")); }
     Seconds nextSeconds() { return std::bit_cast<double>(next<U64>("Vel::Seconds")); }
     String nextString();
-    EntityId peekEntityId();  // the id of the entity that comes next, which is not consumed
-    Entity* nextEntity();     // null for the null entity; throws StreamException for an id that names none
+    EntityId peekEntityId();  // returns the next id, and does not consume it
+    Entity* nextEntity();     // null for the null entity; throws StreamException for an id that no entity has
 
-    // The next byte, which is not consumed; `left()` of them can be read.
+    // Returns the place of the next byte, and does not consume it. left() bytes can be read there.
     U8 const* data() const { return at_; }
-    void dataIs(U8 const* at) { at_ = at; }  // goes there; REQUIRES: within the bytes
-    // The next `size` bytes without a copy, or null, with nothing consumed, when fewer are left.
+    void dataIs(U8 const* at) { at_ = at; }  // moves the position; REQUIRES: `at` is within the bytes
+    // Consumes `size` bytes and returns their place. If fewer are left, returns null and consumes nothing.
     U8 const* take(std::size_t size) {
         if (left() < size) [[unlikely]]
             return nullptr;
@@ -169,8 +169,8 @@ private:
     EntityResolver* resolver_;
 };
 
-// A value's collection ends in the attribute log with its key type's default key, so that key cannot be a member's; and
-// no key comes twice. Both throw StreamException.
+// Throw StreamException for a bad collection in a value. The default key of its key type marks the end of a collection
+// in the attribute log, so no member may have that key; and no key may come twice.
 [[noreturn]] VEL_API VEL_COLD void failWithAttrLogValueCollectionDefaultKey();
 [[noreturn]] VEL_API VEL_COLD void failWithAttrLogValueCollectionDuplicateKey();
 

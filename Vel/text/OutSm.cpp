@@ -24,7 +24,7 @@ void OutSm::commit() {
     Out& out = *std::exchange(out_, nullptr);
     std::size_t const length = out.size() - start_ - lengthSize_;
     std::size_t const needed = compactSize(static_cast<U32>(length));
-    if (needed > lengthSize_) [[unlikely]] {  // the body turned out to be longer than was said
+    if (needed > lengthSize_) [[unlikely]] {  // the body is longer than begin() was told
         out.append(needed - lengthSize_);
         U8* const start = const_cast<U8*>(out.data()) + start_;
         std::memmove(start + needed, start + lengthSize_, length);

@@ -4,13 +4,13 @@
 
 #include <utility>
 
-// Messages of an attribute log: a length of what follows, a kind, a body of compact numbers and items. See
+// Messages of an attribute log. A message is its length, its kind, and a body of compact numbers and items; see
 // docs/streaming.md.
 namespace Vel::NboAttrLog {
 
-// A number in 1, 2, 4 or 8 bytes, which it says in the first two bits; the rest is in network byte order. Small numbers
-// are the common ones, and what a change costs each reader goes with its bytes. The variable-length integers of RFC
-// 9000, section 16.
+// A number in 1, 2, 4 or 8 bytes: the variable-length integer of RFC 9000, section 16. Its first two bits say how many
+// bytes it has; the rest is in network byte order. Most numbers are small, so this saves bytes for each change and
+// reader.
 struct Compact {
     U32 number;
     friend Out& operator<<(Out& out, Compact value) { return value.append(out); }
@@ -22,7 +22,7 @@ private:
 inline constexpr std::size_t compactSize(U32 number) {  // bytes
     return number < 1u << 6 ? 1 : number < 1u << 14 ? 2 : number < 1u << 30 ? 4 : 8;
 }
-inline void storeCompact(U8* to, U32 number, std::size_t size) {  // REQUIRES: size is one of the four, and large enough
+inline void storeCompact(U8* to, U32 number, std::size_t size) {  // REQUIRES: size is 1, 2, 4 or 8, and large enough
     if (size == 1)
         *to = static_cast<U8>(number);
     else if (size == 2)
@@ -37,12 +37,12 @@ inline Out& Compact::append(Out& out) const {
     storeCompact(out.append(size), number, size);
     return out;
 }
-VEL_API U32 nextCompact(In& in);  // throws StreamException where none is
+VEL_API U32 nextCompact(In& in);  // throws StreamException if the bytes end, or the number has more than 32 bits
 
-// What a message begins with.
+// The length at the beginning of a message.
 struct MessageLength {
-    std::size_t size = 0;  // bytes that it takes itself; 0: not all of them are there
-    U64 length = 0;        // bytes that follow, kind and body
+    std::size_t size = 0;  // bytes of the length itself; 0 if they are not all there yet
+    U64 length = 0;        // bytes that follow: the kind and the body
 };
 inline MessageLength messageLength(std::span<U8 const> bytes) {
     if (bytes.empty()) return {};
@@ -60,7 +60,7 @@ inline MessageLength messageLength(std::span<U8 const> bytes) {
     }
 }
 
-// The body of a whole message.
+// Returns the body of a message. REQUIRES: the message is complete.
 inline std::span<U8 const> messageBody(std::span<U8 const> message) {
     return message.subspan(messageLength(message).size + 1);
 }
@@ -84,8 +84,8 @@ enum class MessageKind : U8 {
 };
 inline constexpr MessageKind lastMessageKind = MessageKind::keysEnd;
 
-// Where messages are written: each is begun, filled and committed. One that is not committed, since what filled it
-// threw, is dropped when the next one begins.
+// Writes messages: each is begun, filled and committed. A message that was not committed, for example because of an
+// exception, is dropped when the next one begins.
 class VEL_API OutSm {
 public:
     OutSm() = default;
@@ -93,26 +93,29 @@ public:
     OutSm& operator=(OutSm const&) = delete;
     virtual ~OutSm();
 
-    Out& begin(MessageKind kind, std::size_t bodySize);  // bytes, at least as many, so that the body need not be moved
-    Out& out() { return *out_; }                         // of the message begun
+    // Begins a message, and returns where its body is written. If the body becomes much longer than `bodySize` bytes,
+    // commit() has to move it to make room for the length.
+    Out& begin(MessageKind kind, std::size_t bodySize);
+    Out& out() { return *out_; }  // where the body is written; REQUIRES: a message is begun
     void commit();
-    void addMessages(std::span<U8 const> messages, std::size_t count);  // whole ones, as another output has them
+    void addMessages(std::span<U8 const> messages, std::size_t count);  // adds complete messages of another output
 
 protected:
-    virtual Out& room(std::size_t size) = 0;  // where the next message goes, with room for `size` bytes
-    virtual void committed(std::size_t /*size*/, std::size_t /*messages*/) {}  // the last `size` bytes are so many
-    void abandon() {                                                           // what was begun and not committed
+    virtual Out& room(std::size_t size) = 0;  // returns where the next message goes, with room for `size` bytes
+    // Called after a commit: the last `size` bytes are `messages` complete messages.
+    virtual void committed(std::size_t /*size*/, std::size_t /*messages*/) {}
+    void abandon() {  // drops the message that was begun and not committed
         if (out_) std::exchange(out_, nullptr)->sizeIs(start_);
     }
 
 private:
-    Out* out_ = nullptr;  // of a message begun and not committed, else null
-    std::size_t start_ = 0;
-    std::size_t lengthSize_ = 0;  // bytes
+    Out* out_ = nullptr;          // where the message that is begun is written; null if none is
+    std::size_t start_ = 0;       // offset of that message in *out_
+    std::size_t lengthSize_ = 0;  // bytes kept for its length
 };
 
 struct VEL_API Impl {
-    static void outSmCommitMessage(OutSm& sm) { sm.commit(); }  // closes one message
+    static void outSmCommitMessage(OutSm& sm) { sm.commit(); }
 };
 
 // Messages that wait for one peer.
@@ -126,18 +129,17 @@ public:
         taken_ += count;
         if (taken_ == out_.size()) clear();
     }
-    void add(std::span<U8 const> bytes);  // whole messages, or the rest of one
-    // Drops what was taken, when that is at least as much as is left: so no byte is moved for more than one that was
-    // taken, and never more than twice what is left is held. Memory beyond `kept` bytes goes when half of those would
-    // do.
-    // REQUIRES: bytes that bytes() gave are not needed any more.
+    void add(std::span<U8 const> bytes);  // adds complete messages, or the rest of one; messages() does not count them
+    // Drops the bytes that were taken, once they are at least as many as those left. So at most one byte is moved for
+    // each byte taken, and at most twice the bytes left are held. If more than `kept` bytes are allocated and the bytes
+    // left fit into half of that, reallocates to their size. REQUIRES: spans from bytes() are not used any more.
     void compact(std::size_t kept);
     void clear() {
         out_.clear();
         taken_ = 0;
     }
 
-    U64 messages() const { return messages_; }  // begun here and committed, ever
+    U64 messages() const { return messages_; }  // number of messages committed so far
 
 private:
     Out& room(std::size_t) override { return out_; }

@@ -38,7 +38,7 @@ String peerText(std::string_view text, std::size_t most) {
     static constexpr std::string_view mark = "...";
     static constexpr std::string_view digits = "0123456789abcdef";
     std::string shown;
-    std::size_t cut = 0;  // where the mark fits in
+    std::size_t cut = 0;  // end of the longest part that leaves room for the mark
     while (!text.empty()) {
         std::size_t const size = shownSize(text);
         if (size != 0) {

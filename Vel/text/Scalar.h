@@ -8,19 +8,19 @@
 #include <bit>
 #include <string_view>
 
-// The kinds of value that need no description. Scalar<T> says what descriptions say of other types:
+// The types of values that need no description. Scalar<T> has what a description has for other types:
 //
-//     name         of the type, in tables and messages
-//     expected     what a parser says it expected when it finds no T
-//     width        bytes in the attribute log; of a string, without its characters
+//     name         the type's name, in tables and messages
+//     expected     what a parser's error says it expected
+//     width        bytes in the attribute log; for a string, those of its length
 //     hasFixedWidth, isOrdered, isHashable
-//     maxText      room for the longest text, in bytes; 0: roomFor(value) tells it for one value
-//     write, read  the text, as the functions of Scan.h
-//     next         reads one from the attribute log
-//     store, load  the bytes, `width` of them, where hasFixedWidth; load says whether they are what store writes
-//     size         bytes of one value in the attribute log, where not hasFixedWidth
+//     maxText      room for the longest text, in bytes; if 0, roomFor(value) returns the room for one value
+//     write, read  write and parse the text, like the functions of Scan.h
+//     next         reads one value from the attribute log
+//     store, load  write and read `width` bytes, if hasFixedWidth; load returns whether store writes such bytes
+//     size         bytes of one value in the attribute log, if not hasFixedWidth
 //
-// Nothing else in Vel asks which scalar a type is.
+// No other code in Vel distinguishes between scalar types.
 namespace Vel {
 
 template <class T> struct Scalar;
@@ -46,7 +46,7 @@ template <class T> struct UnsignedScalar {
     }
 };
 
-// A scalar with the text and the bytes of another one, S, which it converts from and to.
+// A scalar T that has the text and the bytes of another scalar S, and converts to and from S.
 template <class T, class S> struct ScalarLike : Scalar<S> {
     static char* write(char* to, T value) { return Scalar<S>::write(to, static_cast<S>(value)); }
     static char const* read(char const* from, char const* end, T& value) {

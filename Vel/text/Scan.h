@@ -9,16 +9,16 @@
 #include <limits>
 #include <string_view>
 
-// Writing and reading single scalars at a char pointer: what Strep.h and the derived record printers and parsers share,
-// for types with a text form of their own. A writer returns the end of what it wrote, into room that the caller has
-// made. A reader returns the end of what it read, or null, with nothing stored, when the text there is not in canonical
-// form.
+// Writes and reads single scalars at a char pointer. Strep.h and the derived printers and parsers use this; so may
+// types that define their own text form. A writer needs room that the caller has made, and returns the end of what it
+// wrote. A reader returns the end of what it read. If the text is not in canonical form, it returns null and stores
+// nothing.
 namespace Vel::Scan {
 
 inline constexpr std::size_t maxUnsigned = 20;  // bytes of the longest U64
 inline constexpr std::size_t maxBool = 5;
 inline constexpr std::size_t maxDouble = 24;      // -2.2250738585072014e-308
-inline constexpr std::size_t roomForDouble = 40;  // what writeDouble may touch, copying blocks of a fixed size
+inline constexpr std::size_t roomForDouble = 40;  // room that writeDouble needs, since it copies blocks of fixed size
 
 VEL_API char* writeDouble(char* to, double value);
 VEL_API char* writeString(char* to, std::string_view text);  // needs 2 + 4 * text.size() bytes
@@ -43,7 +43,8 @@ inline unsigned decimalDigits(U64 value) {
     }
 }
 
-// Writes all eight digits of a number below 10^8. The pairs do not wait for each other.
+// Writes all eight digits of a number below 10^8. The four pairs are computed independently, so the processor can
+// overlap them.
 inline void writeEight(char* to, U32 value) {
     U32 const high = value / 10000;
     U32 const low = value % 10000;
@@ -79,7 +80,7 @@ inline char* writeBool(char* to, bool value) {
 
 inline bool isDigit(char c) { return static_cast<unsigned char>(c - '0') < 10; }
 
-// Eight bytes, the first in the lowest eight bits.
+// Loads eight bytes; the first of them becomes the lowest eight bits.
 inline U64 loadEight(char const* from) {
     U64 bytes;
     std::memcpy(&bytes, from, sizeof bytes);
@@ -87,8 +88,8 @@ inline U64 loadEight(char const* from) {
     return bytes;
 }
 
-// The number that eight digits say, each a byte less its '0': neighbours are joined to pairs, those to fours, and so
-// on.
+// Returns the number with these eight digits, each a byte from 0 to 9. Joins neighbours to pairs, pairs to groups of
+// four, and those to the number.
 constexpr U64 eightDigits(U64 digits) {
     constexpr U64 mask = 0x000000FF000000FFul;
     digits = digits * 10 + (digits >> 8);
@@ -96,8 +97,8 @@ constexpr U64 eightDigits(U64 digits) {
         ((digits & mask) * (100 + (U64(1000000) << 32)) + ((digits >> 16) & mask) * (1 + (U64(10000) << 32))) >> 32);
 }
 
-// Appends all digits that follow at `at` to `number`, modulo 2^64, and returns their end. The text begins at `from` or
-// before. The number of digits is hard to foretell, so there is no branch on it below eight.
+// Appends all digits from `at` on to `number`, modulo 2^64, and returns their end. REQUIRES: the text begins at `from`
+// or before. Fewer than eight digits are read without a branch on their number, which the processor could not predict.
 inline char const* readDigits(char const* from, char const* at, char const* end, U64& number) {
     constexpr U64 zeros = 0x3030303030303030ul;
     static constexpr U32 powers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000};
@@ -107,10 +108,12 @@ inline char const* readDigits(char const* from, char const* at, char const* end,
     }
     for (;;) {
         auto const left = end - at;
-        // Near the end of the text its last eight bytes, moved down; zero bytes follow, which are no digits.
+        // Near the end of the text, loads its last eight bytes and shifts out those before `at`. Zero bytes move in
+        // behind, which are no digits.
         U64 const bytes = left >= 8 ? loadEight(at) : loadEight(end - 8) >> (8 * (7 - left)) >> 8;
         U64 const digits = bytes - zeros;
-        // The top bit of a byte; right up to the first that is no digit, whose carry spoils what follows.
+        // Sets the top bit of each byte that is no digit. Only the first of them counts: its carry makes the bits above
+        // it wrong.
         U64 const others = ((bytes + 0x4646464646464646ul) | digits) & 0x8080808080808080ul;
         if (others != 0) {
             auto const count = static_cast<unsigned>(std::countr_zero(others)) / 8;
@@ -131,7 +134,7 @@ template <class T> inline char const* readUnsigned(char const* from, char const*
     }
     U64 number = 0;
     char const* const stop = readDigits(from, from, end, number);
-    if (stop - from > 19) {  // from 2^64 to 2*10^19 it wraps around to less than 10^19
+    if (stop - from > 19) {  // `number` has wrapped around for 20 digits from 2^64 on; then it is less than 10^19
         if (sizeof(T) < 8 || stop - from > 20) return nullptr;
         if (*from != '1' || number < 10000000000000000000ul) return nullptr;
     }
@@ -140,7 +143,7 @@ template <class T> inline char const* readUnsigned(char const* from, char const*
     return stop;
 }
 
-// Without a branch on the value, which is hard to foretell.
+// Reads "True" or "False" without a branch on which it is, since the processor could not predict that.
 inline char const* readBool(char const* from, char const* end, bool& value) {
     static constexpr char const* texts[] = {"False", "True"};
     auto const left = static_cast<std::size_t>(end - from);

@@ -72,7 +72,7 @@ int hexDigit(char c) {
     return -1;
 }
 
-// Reads what follows a backslash; -1 when the printer would not have written it.
+// Reads the escape behind a backslash. Returns its byte, or -1 if writeString() never writes such an escape.
 int readEscape(char const*& at, char const* end) {
     if (at == end) return -1;
     switch (*at++) {
@@ -161,7 +161,7 @@ String valueToStrep(String const& value) {
 
 namespace {
 
-// What stands at `it`, short enough for a message.
+// Returns the text at `it`, cut for an error message.
 String excerpt(String::IteratorConst const& it, String::IteratorConst const& end) {
     constexpr std::ptrdiff_t most = 24;
     if (it == end) return "at the end of the text";

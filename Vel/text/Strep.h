@@ -16,7 +16,7 @@
 //                        to the same double, as Python's repr
 //     String             in single quotes, with \\ \' \n \r \t    'it\'s'
 //                        and \xNN for other control bytes; bytes
-//                        from 0x80 up as they stand
+//                        from 0x80 up are not changed
 //
 // Parsers accept exactly what the printers write.
 namespace Vel {
@@ -34,14 +34,14 @@ public:
     std::size_t size() const { return static_cast<std::size_t>(at_ - begin_); }
     void clear() { at_ = begin_; }
 
-    StrepOut& operator<<(std::string_view text) {  // REQUIRES: text is not a part of this
-        if (text.empty()) return *this;            // its data may be null, which memcpy must not be given
+    StrepOut& operator<<(std::string_view text) {  // REQUIRES: `text` is not a part of this object's text
+        if (text.empty()) return *this;            // its data may be null, which memcpy does not allow
         char* const to = room(text.size());
         std::memcpy(to, text.data(), text.size());
         at_ = to + text.size();
         return *this;
     }
-    // Room for `size` bytes at the end; whoever writes there says with endIs() how far.
+    // Returns room for `size` bytes at the end. The caller writes there, and passes the end of its text to endIs().
     char* room(std::size_t size) {
         if (static_cast<std::size_t>(end_ - at_) < size) [[unlikely]]
             grow(size);
@@ -59,18 +59,18 @@ private:
     char inline_[512];
 };
 
-// The string form of a scalar.
+// Return the text of a scalar.
 template <std::unsigned_integral T>
 requires(!std::same_as<T, bool>) String valueToStrep(T value);
 template <std::same_as<bool> B> String valueToStrep(B value);
-template <std::signed_integral T> String valueToStrep(T value) = delete;  // would print as a double
+template <std::signed_integral T> String valueToStrep(T value) = delete;  // would be converted to double
 VEL_API String valueToStrep(U1 value);
 VEL_API String valueToStrep(double value);
 VEL_API String valueToStrep(Seconds value);
 VEL_API String valueToStrep(String const& value);
 
-// Parses one scalar at `it`, which moves behind it; nothing moves when it throws. The pointer only selects the type.
-// Throws ParseException, whose text says what was expected and shows the place.
+// Parse one scalar at `it`, and move `it` behind it. The pointer only selects the type. Throw ParseException, whose
+// text says what was expected and shows the place; then `it` does not move.
 VEL_API U8 sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, U8*);
 VEL_API U16 sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, U16*);
 VEL_API U32 sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, U32*);
@@ -81,20 +81,20 @@ VEL_API double sequenceToValue(String::IteratorConst& it, String::IteratorConst 
 VEL_API Seconds sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, Seconds*);
 VEL_API String sequenceToValue(String::IteratorConst& it, String::IteratorConst const& end, String*);
 
-// As sequenceToValue, for an attribute: the error names it.
+// Does the same as sequenceToValue(), for an attribute; the error names the attribute.
 template <class T>
 T deserializeAttr(String::IteratorConst& it, String::IteratorConst const& end, char const* attributeName);
 
 // Consumes exactly `literal`, or throws ParseException.
 VEL_API void needString(String::IteratorConst& it, String::IteratorConst const& end, char const* literal);
 
-// Throws ParseException unless `it` stands at the end of `s`, whose parse has stopped there.
+// Throws ParseException unless `it`, where a parser has stopped, is the end of `s`.
 VEL_API void strepToValueEnd(String const& s, String::IteratorConst const& it);
 
-// Throws what `error` says, as a ParseException that names the attribute.
+// Throws a ParseException with the attribute's name and the text of `error`.
 [[noreturn]] VEL_API VEL_COLD void rethrowFromDeserializeAttr(RangeException const& error, char const* attributeName);
 
-// Throws a ParseException "expected WHAT at offset N, at "..."": the place is `it`.
+// Throws a ParseException: expected WHAT at offset N, at '...'. The offset and the excerpt are those of `it`.
 [[noreturn]] VEL_API VEL_COLD void throwParseException(
     String::IteratorConst const& it, String::IteratorConst const& end, std::string_view what);
 

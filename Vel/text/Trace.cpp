@@ -19,8 +19,8 @@ namespace Vel {
 namespace {
 
 struct Rule {
-    std::string facility;  // "*" for every one
-    U32 mask;              // bit n: level n
+    std::string facility;  // "*" means every facility
+    U32 mask;              // bit n stands for level n
 };
 
 struct Configuration {
@@ -28,7 +28,7 @@ struct Configuration {
     std::optional<std::vector<Rule>> rules;  // absent until the environment has been read
     TraceHandle* handles = nullptr;
     std::function<void(TraceRecord const&)> sink;
-    int file = -1;  // where lines go; -1 until the first record
+    int file = -1;  // descriptor to which lines are written; -1 until the first record
 };
 
 Configuration& configuration() {
@@ -63,7 +63,7 @@ Rule parseRule(std::string_view text) {
     return {std::string(facility), mask};
 }
 
-// Blanks around entries and empty entries are allowed: people write lists over several words.
+// Splits at commas. Drops blanks around entries, and empty entries, so that people may put blanks into a list.
 std::vector<std::string_view> entries(std::string_view specification) {
     std::vector<std::string_view> result;
     while (!specification.empty()) {
@@ -111,13 +111,13 @@ void writeAll(int file, std::string_view text) {
     while (!text.empty()) {
         ssize_t const written = ::write(file, text.data(), text.size());
         if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return;  // a trace must never stop its process
+        if (written <= 0) return;  // drops the rest: tracing must never stop the process
         text.remove_prefix(static_cast<std::size_t>(written));
     }
 }
 
-// To the nearest: most decimals fall between two doubles, and cutting off would turn .123456 into .123455.
-// A clock outside the years 1970 to 9999 is shown as 1970; tracing fails for nothing.
+// Rounds to the nearest microsecond: few decimals are exact as doubles, and truncation could make .123455 of .123456.
+// Returns 0 for a time outside the years 1970 to 9999, since tracing must not fail.
 U64 microseconds(double time) {
     return time >= 0 && time < 253402300800.0 ? static_cast<U64>(std::llround(time * 1e6)) : 0;
 }
@@ -217,7 +217,7 @@ std::string Trace::line(TraceRecord const& record) {
 TraceStream& TraceStream::operator<<(U32 value) { return append(unsignedToStrep(value).view()); }
 
 TraceHelper::~TraceHelper() {
-    // A trace must not be the reason why a process ends; a record that memory is lacking for is dropped.
+    // Tracing must not end the process, so a record for which memory is lacking is dropped.
     try {
         SystemCalls& calls = System::calls();
         Trace::emit(

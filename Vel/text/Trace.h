@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-// Tracing by facility and level (0 to 9), chosen by the environment when a facility first traces:
+// Tracing by facility and level (0 to 9). The environment says what is traced; it is read when a facility first traces:
 //
 //     VELTRACE="Cell/0,PrefixTrie/8-9"    facility/levels, separated by commas; "*" stands for every facility or level
 //     VELTRACEFILE=/tmp/trace             append there instead of writing to standard error
@@ -18,7 +18,7 @@
 // backslash in the text is doubled, control bytes are escaped.
 namespace Vel {
 
-// One facility of one source module. Define it at namespace scope; it configures itself on first use:
+// A facility in one source module. Define it at namespace scope. It configures itself on first use:
 //
 //     constinit Vel::TraceHandle traceHandle("Cell");
 //     if (traceHandle.enabled(0)) Vel::TraceHelper(traceHandle, 0, "/src/Mox/Cell", 110, "f").stream() << "text";
@@ -28,12 +28,12 @@ class VEL_API TraceHandle {
 public:
     static constexpr unsigned levels = 10;
 
-    // `facility` must live as long as the handle; `onByDefault` switches level 0 on when the environment says nothing.
+    // REQUIRES: `facility` lives as long as the handle. `onByDefault` enables level 0 unless trace levels are set.
     constexpr explicit TraceHandle(char const* facility, bool onByDefault = false)
         : facility_(facility), onByDefault_(onByDefault) {}
     TraceHandle(TraceHandle const&) = delete;
     TraceHandle& operator=(TraceHandle const&) = delete;
-    ~TraceHandle();  // the library that holds the handle is being unloaded: its levels go off
+    ~TraceHandle();  // disables all levels; runs when the library that has the handle is unloaded
 
     bool enabled(unsigned level) {  // REQUIRES: level < levels
         if (!(mask_.load(std::memory_order_relaxed) & (U32(1) << level))) [[likely]]
@@ -44,7 +44,7 @@ public:
 
 private:
     friend class Trace;
-    static constexpr U32 notConfigured = ~U32(0);  // every level seems on until the first use configures the handle
+    static constexpr U32 notConfigured = ~U32(0);  // all bits set, so that the first use calls enabledSlow()
 
     VEL_COLD bool enabledSlow(unsigned level);
 
@@ -68,13 +68,13 @@ struct TraceRecord {
 // The process's trace configuration. Threads: all operations may be called from any thread.
 class VEL_API Trace {
 public:
-    // Replaces what VELTRACE said, for every facility; an empty text leaves the defaults.
-    // Throws RangeException, and changes nothing, for a bad text.
+    // Replaces the levels of VELTRACE for every facility; an empty text means the defaults.
+    // Throws RangeException for a malformed text, and then changes nothing.
     static void levelsIs(std::string_view specification);
-    // Where records go; null: to standard error or VELTRACEFILE, as lines.
+    // Sets the function that gets the records. If it is null, they are written as lines to VELTRACEFILE or standard
+    // error.
     static void sinkIs(std::function<void(TraceRecord const&)> sink);
-    static std::string line(
-        TraceRecord const& record);  // the line, with its newline; control bytes in the text escaped
+    static std::string line(TraceRecord const& record);  // with a newline; control bytes in the text are escaped
 
 private:
     friend class TraceHandle;
@@ -93,7 +93,7 @@ public:
     template <std::same_as<bool> B> TraceStream& operator<<(B value) { return append(value ? "True" : "False"); }
     TraceStream& operator<<(U32 value);
     template <std::integral T>
-    requires(!std::same_as<T, bool>) TraceStream& operator<<(T value) = delete;  // would lose bits or its sign
+    requires(!std::same_as<T, bool>) TraceStream& operator<<(T value) = delete;  // U32 would lose its sign or high bits
     std::string_view text() const { return text_; }
 
 private:
@@ -104,7 +104,7 @@ private:
     std::string text_;
 };
 
-// Builds one record and emits it when destroyed. Make one only after the handle's level has been tested.
+// Builds one record, and emits it when destroyed. To be made only if handle.enabled(level).
 class VEL_API TraceHelper {
 public:
     // The texts must live as long as the helper.

@@ -8,12 +8,12 @@
 #include <string>
 #include <string_view>
 
-// Answers of any length.
+// Prints answers of any length in bounded memory.
 namespace Tool {
 
 class Answers {
 public:
-    // enough: bytes that are not kept back any longer.
+    // enough: number of bytes at which add() prints what is kept.
     explicit Answers(std::size_t enough = 65536) : enough_(enough) {}
     void add(std::string_view text) {
         text_ += text;
@@ -23,14 +23,14 @@ public:
         print(text_);
         text_.clear();
     }
-    std::string const& kept() const { return text_; }  // what is not printed yet
+    std::string const& kept() const { return text_; }  // the text that is not printed yet
 
 private:
     std::string text_;
     std::size_t enough_;
 };
 
-// A JSON object with one long list, one item on a line.
+// Prints a JSON object with one or more long lists, with one item on a line.
 class JsonList {
 public:
     JsonList(Answers& answers, std::string const& begin) : answers_(answers) { answers_.add("{" + begin + "["); }
@@ -38,7 +38,7 @@ public:
         answers_.add(count_++ == 0 ? "\n  " : ",\n  ");
         answers_.add(jsonLine(item));
     }
-    void next(std::string const& begin) {  // one more list
+    void next(std::string const& begin) {  // ends the list and begins another
         end();
         answers_.add(", " + begin + "[");
         count_ = 0;

@@ -4,10 +4,10 @@
 
 namespace Tool {
 
-// What the lines of a drawn tree begin with.
+// The beginnings of the lines of a drawn tree.
 struct Branches {
-    char const *branch, *lastBranch;  // of the node itself
-    char const *beside, *below;       // of what is below it; `below`: it is the last one
+    char const *branch, *lastBranch;  // before a node; the second one if it is the last of its parent
+    char const *beside, *below;       // before the nodes below it; the second one if it is the last of its parent
 };
 
 inline Branches const& branches(bool asciiOnly) {

@@ -18,7 +18,7 @@ void appendByte(std::string& out, unsigned byte) {
     appendHex(out, static_cast<unsigned char>(byte));
 }
 
-// The character of up to three bytes that `text` begins with. REQUIRES: UTF-8.
+// Returns the first character of the text. REQUIRES: UTF-8, and the character has at most three bytes.
 struct Character {
     std::uint32_t number;
     std::size_t size;  // bytes

@@ -12,7 +12,7 @@ namespace {
 
 using namespace std::string_view_literals;
 
-// How files begin that are often taken for texts.
+// First bytes of the kinds of files that users often pass instead of text files.
 constexpr std::pair<std::string_view, std::string_view> beginnings[] = {{"\x1f\x8b"sv, "gzip"}, {"BZh"sv, "bzip2"},
     {"\xfd"
      "7zXZ\0"sv,
@@ -27,7 +27,7 @@ constexpr std::size_t longestBeginning = 6;
 
 constexpr std::size_t mostKinds = 100, kindsShown = 8;
 
-// Mistakes that differ only by what stands at their place are of one kind.
+// Returns the kind of a mistake: its text without the place and the excerpt.
 std::string kindOf(std::string const& what) { return what.substr(0, what.find(" at offset ")); }
 
 }  // namespace

@@ -6,15 +6,15 @@
 #include <string>
 #include <string_view>
 
-// What is wrong with a file of lines, told in a bounded number of lines whatever the file is.
+// Reports mistakes in a file of lines, in a bounded number of lines for any file.
 namespace Tool {
 
-// What a file is that holds no lines of text, as far as that shows.
+// Recognises files that are no text, such as compressed ones.
 class Nature {
 public:
-    void see(std::string_view bytes);  // the next ones of the file
+    void see(std::string_view bytes);  // takes the next bytes of the file
 
-    // "looks like gzip", "binary: byte 0x00 at offset 17"; empty: it may well be text.
+    // "looks like gzip" or "binary: byte 0x00 at offset 17"; empty if it may be text.
     std::string const& text() const { return text_; }
 
 private:
@@ -22,19 +22,19 @@ private:
     std::uint64_t seen_ = 0;  // bytes
 };
 
-// Shows the first mistakes as they are found, and counts the others by their kinds. The first one in what is no text
-// says what it is, and ends the complaints.
+// Shows the first mistakes when they are found, and counts the others by their kinds. If the file turns out to be no
+// text, says what it is, and shows no further mistakes.
 class Complaints {
 public:
     static constexpr std::uint64_t mostShown = 20;
 
-    // name: the file's. nature: of what has been read of it so far. before: called before anything is written.
+    // name: the file's name. nature: of the part that was read so far. before: called before anything is written.
     Complaints(std::string name, Nature const& nature, std::function<void()> before = {})
         : name_(std::move(name)), nature_(nature), before_(std::move(before)) {}
 
-    // place: "FILE:LINE:COLUMN". offset: of the mistake in the line.
+    // place: "FILE:LINE:COLUMN". offset: of the mistake in the line, in bytes.
     void add(std::string const& place, std::string const& what, std::string_view line, std::size_t offset);
-    void end();  // says what has not been shown
+    void end();  // prints the counts of the mistakes that were not shown
     std::uint64_t count() const { return count_; }
 
 private:
@@ -44,7 +44,7 @@ private:
     Nature const& nature_;
     std::function<void()> before_;
     std::uint64_t count_ = 0, notShown_ = 0, others_ = 0;
-    bool hasTold_ = false;  // that it is no text
+    bool hasTold_ = false;  // whether it has said that the file is no text
     std::map<std::string, std::uint64_t> kinds_;
 };
 

@@ -18,7 +18,7 @@ namespace {
 
 constexpr char nothingThere[] = "there is nothing at ";
 
-// The names of what can be below the entity.
+// Returns the steps to the entities below one, at most `most`.
 std::vector<std::string> namesBelow(Entity const& entity, std::size_t most) {
     std::vector<std::string> names;
     EntityTree const tree(const_cast<Entity&>(entity), "/");
@@ -29,7 +29,7 @@ std::vector<std::string> namesBelow(Entity const& entity, std::size_t most) {
     return names;
 }
 
-// The path that a server is asked for: it knows names without separators only, so perhaps of less than all steps.
+// Returns the path of the first `count` steps, for which the server is asked. REQUIRES: these steps are names.
 std::string askedPath(std::vector<Step> const& steps, std::size_t count) {
     std::string path;
     for (std::size_t i = 0; i < count; ++i) path += "/" + steps[i].key;
@@ -44,8 +44,8 @@ std::size_t askable(std::vector<Step> const& steps) {
     return count;
 }
 
-// What a path of prefixes leads to, such as "/rack1.port7": its keys begin with their separators, and stand in one
-// another without more of them. Null: nothing.
+// Returns the node of a trie at a path of prefixes such as "/rack1.port7", or null. In such a path the keys themselves
+// begin with the separators, so there are no further ones between them.
 Entity* entityAlong(Entity& from, std::string const& path) {
     std::string const text = decodedStep(path);
     Entity* at = &from;
@@ -168,7 +168,7 @@ Found::Found(ConnectionOptions const& options, std::string const& path, bool wan
     std::vector<Step> const steps = stepsOf(path);
     std::size_t count = askable(steps);
     connect(steps, count, wantsToWrite);
-    // What is not found by name is looked for in a copy of what is above it, to say what there is.
+    // If the entity is not found by its name, copies the entity above it, and so on, to say which names there are.
     bool isThere = connection_->sync();
     while (!isThere && count > 0) {
         connect(steps, --count, wantsToWrite);

@@ -10,48 +10,47 @@
 #include <optional>
 #include <string>
 
-// The way to what a server has.
+// Connects the live commands to a server.
 namespace Tool {
 
-// Where something is, and how long to wait for it.
+// Where the wanted entity is, and how long to wait for it.
 struct ConnectionOptions {
-    std::string address;  // as Mount::Address takes it
+    std::string address;  // in the form of Mount::Address
     std::string path = "/";
-    double timeout = 5;                       // seconds in which something has to come
+    double timeout = 5;                       // longest time in seconds without a message
     std::string certificate, key, authority;  // files, for tls: addresses
 };
 
 Mount::Address addressFrom(std::string const& text);             // throws Failure
-Mount::TlsFiles tlsFilesFrom(ConnectionOptions const& options);  // throws Failure when only some are given
-// For a client that copies what is at a path of the server. Throws Failure.
+Mount::TlsFiles tlsFilesFrom(ConnectionOptions const& options);  // throws Failure if only some of them are given
+// Returns the options of a client that copies the entity at `path`. Throws Failure.
 Mount::ClientOptions clientOptions(ConnectionOptions const& options, std::string const& path);
-// Makes a client of them, which copies into `place`, under the name "copy". Throws Failure.
+// Makes a client with these options, which makes its copy in `place` under the name "copy". Throws Failure.
 void connect(std::optional<Mount::Client>& client, Mount::Loop& loop, Vel::Ptr<Vel::Dir> const& place,
     Mount::ClientOptions const& clientOptions, ConnectionOptions const& options);
 std::chrono::nanoseconds secondsFrom(double seconds);
 
-// What may be done about an error of a connection, behind "; ", or nothing.
+// Returns "; " and what the user can do about a connection's error, or an empty text.
 std::string adviceFor(std::string_view error);
 
-// The error, behind the address unless that is its beginning anyway.
+// Returns the error with the address in front, unless it begins with the address already.
 std::string withAddress(ConnectionOptions const& options, std::string const& error);
 
-// A directory for a copy, which is left to the end of the process: taking a large copy apart takes as long as it took
-// to make it, and entities that refer to each other in a circle would stay anyway.
+// Returns a directory for a copy. It is never destroyed, since destroying a large copy takes as long as making it.
 Vel::Ptr<Vel::Dir> placeForCopy();
 
-// A copy of what is at a path of a server, made for a command that asks once.
+// A copy of the entity at a path of a server, for a command that needs it once.
 class Connection {
 public:
     Connection(ConnectionOptions const& options, std::string const& path, bool wantsToWrite = false);
 
-    // Until the copy is complete. Throws Failure when connecting fails, or when nothing has come for the time that the
-    // options say. False: there is nothing at the path.
+    // Runs the loop until the copy is complete. Returns false if nothing is at the path. Throws Failure if connecting
+    // fails, or if no message comes within the timeout of the options.
     bool sync();
     Mount::Loop& loop() { return loop_; }
     Mount::Client& client() { return *client_; }
     Vel::Entity& root();
-    std::string const& error() const { return error_; }  // the first one
+    std::string const& error() const { return error_; }  // the first error
 
 private:
     ConnectionOptions const& options_;
@@ -61,14 +60,14 @@ private:
     std::optional<Mount::Client> client_;
 };
 
-// An entity of a server, wherever it is: the copy may begin above it, since a server knows names only.
+// An entity of a server at any path. A server finds entities by names only, so the copy may be of an entity above it.
 class Found {
 public:
-    // Throws Failure, which says what there is instead, when the entity is not there.
+    // Throws Failure if the entity is not there; its text says what is there instead.
     Found(ConnectionOptions const& options, std::string const& path, bool wantsToWrite = false);
 
     Connection& connection() { return *connection_; }
-    std::string const& rootPath() const { return rootPath_; }  // of the copy
+    std::string const& rootPath() const { return rootPath_; }  // path of the copy's root at the server
     Vel::Entity& entity() const { return *entity_; }
 
 private:
@@ -81,10 +80,10 @@ private:
     Vel::Entity* entity_ = nullptr;
 };
 
-// "/a/b" for anything that leads there.
+// Returns the usual form "/a/b" of a path, such as of "a//b/".
 std::string normalPath(std::string const& path);
 
-// The attribute of that name, which is no collection. Throws Failure.
+// Returns the attribute with this name. Throws Failure if there is none, or if it is a collection.
 Vel::StreamAttribute const& singleAttribute(
     Vel::Entity const& entity, std::string const& name, ConnectionOptions const& options);
 

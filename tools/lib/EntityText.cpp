@@ -91,7 +91,7 @@ VelType keyTypeOf(VelType type, StreamAttribute const& collection) {
 
 namespace {
 
-// Takes a value down as it would go to a reader.
+// Collects the bytes of a value that would be sent to a reader.
 class ValueSink final : public Vel::NboAttrLog::SerializeSink {
 public:
     bool doMessageMulticast(AttributeId) override { return false; }
@@ -232,7 +232,7 @@ std::string encodedStep(std::string_view text) {
     return out;
 }
 
-// "@attribute" or "@collection[key]", or else a name.
+// Parses a step: "@attribute", "@collection[key]", or else a name.
 Step stepOf(std::string_view text) {
     if (!text.starts_with('@')) return {"", decodedStep(text), true, 0};
     std::string const inside = decodedStep(text.substr(1));

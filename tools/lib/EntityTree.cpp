@@ -65,7 +65,7 @@ EntityTree::EntityTree(Entity& root, std::string const& rootPath, Observer* obse
     root_ = place(root, nullptr, {});
     explore(*root_);
     if (!observer) return;
-    // Only now, since whoever is told of what appears wants to be told of what comes later.
+    // Set after explore(), so that the observer is not called for entities that are there from the beginning.
     observer_ = observer;
     for (auto const& [entity, node] : nodes_) node->notifierIs(entity);
 }
@@ -79,7 +79,7 @@ Node* EntityTree::find(Entity const& entity) const {
 
 bool EntityTree::isFree(Entity const& entity) const { return !find(entity) && streamTableOf(entity); }
 
-// Null when its path is too long. The entity comes from nowhere, or was lost.
+// Puts an entity that is new, or was lost, at a place. Returns null if its path is too long.
 Node* EntityTree::place(Entity& entity, Node* above, Place place) {
     std::size_t pathSize = rootPath_.size();
     if (above) pathSize = above->pathSize_ + 1 + stepText(above->type_, *place.attribute, place.key).size();
@@ -100,7 +100,8 @@ Node* EntityTree::place(Entity& entity, Node* above, Place place) {
     return node.get();
 }
 
-// First by names, as far as they lead, so that what has a name is found by it.
+// Finds the entities below `from`. Follows names first, as far as they lead, so that every entity that has a name gets
+// its place by it.
 void EntityTree::explore(Node& from) {
     std::vector<Node*> named{&from}, others;
     while (!named.empty() || !others.empty()) {
@@ -156,7 +157,7 @@ Node* EntityTree::nextBeside(Node& node, Node const& top) {
 
 // --- changes ---
 
-// What is at the place may have changed. Whether all that there is to tell of it has been told.
+// Looks whether another entity is at the place now. Returns whether the observer needs no further call for it.
 bool EntityTree::check(Node& node, Place const& place) {
     Entity* const target = entityAt(*node.entity_, {place.attribute, place.key});
     auto const known = node.children_.find(place);
@@ -189,7 +190,7 @@ void EntityTree::lose(Node& node) {
 void EntityTree::settle() {
     dead_.clear();
     if (!std::exchange(hasNewlyLost_, false) || size_ == nodes_.size()) return;
-    // Something has left its place and is still there: perhaps at another one.
+    // An entity has lost its place, but still exists: look whether it has another one.
     std::vector<Node*> all;
     for (auto const& [entity, node] : nodes_)
         if (!node->isLost_) all.push_back(node.get());

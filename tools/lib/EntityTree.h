@@ -11,19 +11,19 @@
 
 namespace Tool {
 
-// All entities that one leads to, each at one place: where it is named if it is named anywhere, else where something
-// refers to it. Entities may refer to each other in any way, and nest to any depth.
+// All entities that can be reached from a root, each at one place: where it is named, or, if it is named nowhere, where
+// something refers to it. Entities may refer to each other in any way, and nest to any depth.
 //
-// Nothing is kept alive by a tree. Without an observer it is good as long as no entity changes; with one it follows.
-// An entity whose path would be longer than `longestPath` is left out, with all that is only below it: what is printed
-// stays bounded by what there is.
+// The tree keeps no entity alive. Without an observer it is valid as long as no entity changes; with an observer it
+// follows the changes. An entity whose path would be longer than `longestPath` is left out, with all that is only below
+// it, so that deep nesting does not make the output grow without bounds.
 class EntityTree {
 public:
     static constexpr std::size_t longestPath = 65536;  // bytes
 
     struct Place {
         Vel::StreamAttribute const* attribute = nullptr;
-        std::string key;  // as keyFromEncoding() has it
+        std::string key;  // in the form of keyFromEncoding()
 
         friend bool operator<(Place const& a, Place const& b) {
             if (a.attribute->id != b.attribute->id) return a.attribute->id < b.attribute->id;
@@ -33,14 +33,15 @@ public:
     class Node;
     using Children = std::map<Place, Node*>;
 
-    // Is told of changes while they are made, after the tree has followed. Nothing of the tree may be destroyed by it.
+    // Is called for each change, after the tree has followed it. REQUIRES: the functions destroy no entity of the tree.
     class Observer {
     public:
         virtual ~Observer();
-        virtual void appeared(Node& node) = 0;  // and what is below it: each is told of
-        virtual void gone(Node& node) = 0;  // with all below it, of which nothing is told; the node has its path still
-        virtual void changed(Node& node, Vel::StreamAttribute const& attribute) = 0;  // value or pointer
-        // At a key where a value is or was, or an entity that has its place elsewhere.
+        virtual void appeared(Node& node) = 0;  // called for every new node, also for those below a new one
+        // Called only for the top of a part that has gone; the node still has its path.
+        virtual void gone(Node& node) = 0;
+        virtual void changed(Node& node, Vel::StreamAttribute const& attribute) = 0;  // a value or a pointer
+        // Called for a key that has or had a value, or an entity whose place in the tree is elsewhere.
         virtual void memberChanged(Node& node, Vel::StreamAttribute const& collection, std::string const& key) = 0;
     };
 
@@ -51,12 +52,12 @@ public:
         Vel::Entity& entity() const { return *entity_; }
         Vel::VelType type() const { return type_; }
         Vel::StreamTable const& table() const { return table_; }
-        Node* above() const { return above_; }                  // null: the root
-        Place const& place() const { return place_->first; }    // in the one above. REQUIRES: not the root
+        Node* above() const { return above_; }                  // null for the root
+        Place const& place() const { return place_->first; }    // place in the node above. REQUIRES: not the root
         Children const& children() const { return children_; }  // in the order of attributes and keys
-        std::string step() const;                               // of the path; empty for the root
+        std::string step() const;                               // last step of the path; empty for the root
         std::string path() const;
-        std::size_t depth() const { return depth_; }  // of the root 0
+        std::size_t depth() const { return depth_; }  // 0 for the root
 
         void handleAttribute(Vel::AttributeId attribute) override;
         void handleAttribute(Vel::AttributeId attribute, Vel::NotifieeKey const& key) override;
@@ -75,20 +76,21 @@ public:
         bool isLost_ = true;
     };
 
-    // rootPath: what all paths begin with, "/" or "/a/b".
+    // rootPath: the beginning of all paths, "/" or "/a/b".
     EntityTree(Vel::Entity& root, std::string const& rootPath, Observer* observer = nullptr);
     EntityTree(EntityTree const&) = delete;
     EntityTree& operator=(EntityTree const&) = delete;
     ~EntityTree();
 
     Node& root() const { return *root_; }
-    Node* find(Vel::Entity const& entity) const;  // null: it is not in the tree
-    std::size_t size() const { return size_; }    // nodes
-    bool isWhole() const { return isWhole_; }     // nothing was left out
-    static Node* next(
-        Node& node, Node const& top);  // in the order of paths, each before what is below it, up to `top`'s end
-    static Node* nextBeside(Node& node, Node const& top);  // the same without what is below this one
-    // To be called when nothing changes: finds what has moved, and forgets what has gone.
+    Node* find(Vel::Entity const& entity) const;  // null if it is not in the tree
+    std::size_t size() const { return size_; }    // number of nodes
+    bool isWhole() const { return isWhole_; }     // false if an entity was left out
+    // Returns the next node in the order of paths, in which a node comes before those below it. Null at the end of
+    // `top`.
+    static Node* next(Node& node, Node const& top);
+    static Node* nextBeside(Node& node, Node const& top);  // the same, but skips the nodes below this one
+    // Finds entities that have moved, and forgets those that have gone. REQUIRES: nothing changes at the moment.
     void settle();
 
 private:
@@ -103,7 +105,7 @@ private:
     std::string rootPath_;
     Observer* observer_ = nullptr;
     std::unordered_map<Vel::Entity const*, std::unique_ptr<Node>> nodes_;
-    std::vector<std::unique_ptr<Node>> dead_;  // may be in use further up the stack
+    std::vector<std::unique_ptr<Node>> dead_;  // kept until settle(), since a caller may still use them
     Node* root_ = nullptr;
     std::size_t size_ = 0;
     bool isWhole_ = true;

@@ -25,7 +25,7 @@ IdSet complement(IdSet const& set) {
     return result;
 }
 
-// What is wrong with a range list, without the place, which the caller knows better.
+// Says what is wrong with a range list, without the place, which the caller adds.
 std::string reason(Vel::CheckedError const& error, std::string_view list) {
     char const at = error.offset < list.size() ? list[error.offset] : '\0';
     if (at == '(') return "parentheses hold ids, not expressions: operators go from left to right";
@@ -36,7 +36,7 @@ std::string reason(Vel::CheckedError const& error, std::string_view list) {
     return text;
 }
 
-// The union of a file's lines, each a range list, an id or a range.
+// Returns the union of a file's lines, each of which is a range list, an id or a range.
 IdSet setFrom(Input& input, U16 size) {
     IdSet result(size);
     LineReader lines(input);

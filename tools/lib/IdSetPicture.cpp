@@ -65,7 +65,7 @@ private:
     IdSet const& set_;
     unsigned perRow_;
     std::string text_;
-    std::optional<unsigned> runBegin_;  // of rows that are all empty, or all full
+    std::optional<unsigned> runBegin_;  // first of the current rows that are all empty, or all full
     bool runIsFull_ = false;
 };
 

@@ -6,8 +6,8 @@
 
 namespace Tool {
 
-// The set drawn, a character for each id below its size, so many in a row. Rows that are all empty, or all full, are
-// one line. REQUIRES: perRow is a power of two from 8 up.
+// Draws the set with a character for each id below its size, `perRow` ids in a row. Consecutive rows that are all
+// empty, or all full, become one line. REQUIRES: perRow is a power of two, at least 8.
 std::string pictureOf(Mox::IdSet const& set, unsigned perRow);
 
 }  // namespace Tool

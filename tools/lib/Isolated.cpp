@@ -13,7 +13,7 @@ namespace Tool {
 
 namespace {
 
-// Never returns, and runs no destructor of the parent's objects.
+// Runs `make` in the child. Never returns, and runs no destructors of the parent's objects.
 [[noreturn]] void runChild(std::function<std::string()> const& make, int to) {
     rlimit const noCore{0, 0};
     ::setrlimit(RLIMIT_CORE, &noCore);

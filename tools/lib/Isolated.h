@@ -6,8 +6,8 @@
 
 namespace Tool {
 
-// The text that `make` returns, made in a child process; nothing when it throws, or breaks a precondition, which
-// aborts. What the child prints goes nowhere. REQUIRES: the process has one thread.
+// Calls `make` in a child process, and returns its text. Returns nothing if `make` throws, or if it breaks a
+// precondition, which aborts the child. The child's output is discarded. REQUIRES: the process has one thread.
 std::optional<std::string> isolated(std::function<std::string()> const& make);
 
 }  // namespace Tool

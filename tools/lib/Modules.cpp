@@ -11,7 +11,7 @@ namespace Tool {
 
 namespace {
 
-// The loader's own text begins with the path as well.
+// Returns the loader's error without the path at its beginning, since the caller writes that itself.
 std::string loaderError(std::string const& path) {
     char const* const text = ::dlerror();
     std::string reason = text ? text : "unknown error";
@@ -26,10 +26,10 @@ std::size_t registered() { return Vel::Registry::modules().size() + Vel::Registr
 int loadModules(std::vector<std::string> const& paths) {
     int code = fine;
     for (std::string const& path : paths) {
-        // A name without a slash means a library in the loader's own folders, which is never what is meant here.
+        // The loader looks for a name without a slash in its own folders, but the user means the working directory.
         std::string const file = path.find('/') == std::string::npos ? "./" + path : path;
         std::size_t const before = registered();
-        // Never closed: what it registers is used until the process ends.
+        // Never closed, since its types are used until the process ends.
         if (!::dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL))
             throw Failure(badUsage, "--module: cannot load " + shown(path) + ": " + loaderError(file) +
                                         "; it must be a shared library of types built against this Vel");

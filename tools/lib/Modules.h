@@ -5,8 +5,8 @@
 
 namespace Tool {
 
-// Loads libraries of further types. Returns the exit code: a library that brings no types is worth a warning.
-// Throws Failure (bad usage) for one that cannot be loaded.
+// Loads libraries of further types. Warns about a library that has no types, and then returns the exit code
+// somethingWrong. Throws Failure (bad usage) if a library cannot be loaded.
 int loadModules(std::vector<std::string> const& paths);
 
 }  // namespace Tool

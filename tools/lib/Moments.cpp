@@ -24,7 +24,7 @@ std::string Moments::sinceBegin() const {
     return Vel::format("%ld.%03ld", static_cast<long>(time / 1000), static_cast<long>(time % 1000)).stdString();
 }
 
-// The form is of strftime, without fractions and the zone.
+// Returns the time now. `form` is a format of strftime(), to which milliseconds and the zone are appended.
 std::string Moments::date(char const* form, bool withZone) const {
     auto const now = duration_cast<milliseconds>(std::chrono::system_clock::now().time_since_epoch()).count();
     std::time_t const seconds = now / 1000;

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <string>
 
-// When things happen, told as the option --time wants it.
+// Times of events, in the form that the option --time asks for.
 namespace Tool {
 
 enum class TimeForm { local, utc, relative, none };
@@ -13,7 +13,8 @@ class Moments {
 public:
     explicit Moments(TimeForm form) : form_(form) {}
 
-    // Of now, to the millisecond; empty for no times.
+    // Return the present time to the millisecond, as local time, UTC, or the time since the beginning. Return an empty
+    // text for TimeForm::none.
     //     text()      2026-11-21 09:05:07.250     2026-11-21 08:05:07.250Z   +12.500
     //     isoText()   2026-11-21T09:05:07.250+01:00, with Z for UTC          PT12.500S
     std::string text() const;

@@ -23,7 +23,7 @@ std::string_view withoutNamespace(std::string_view name) {
     return colon == std::string_view::npos ? name : name.substr(colon + 1);
 }
 
-// Characters to insert, leave out or replace (Levenshtein).
+// Returns the Levenshtein distance: the number of characters to insert, delete or replace.
 std::size_t editDistance(std::string_view a, std::string_view b) {
     std::vector<std::size_t> row(b.size() + 1);
     std::iota(row.begin(), row.end(), std::size_t(0));
@@ -53,7 +53,7 @@ std::size_t distance(std::string_view wanted, std::string_view known) {
 }  // namespace
 
 std::vector<std::string> nearest(std::string_view name, std::vector<std::string> const& known) {
-    constexpr std::size_t longestName = 100;  // nobody mistypes more, and the work grows with the length
+    constexpr std::size_t longestName = 100;  // a longer one is no mistyped name, and would take long to compare
     if (name.empty() || name.size() > longestName) return {};
     std::vector<std::pair<std::size_t, std::string>> found;
     for (std::string const& candidate : known)
@@ -61,7 +61,7 @@ std::vector<std::string> nearest(std::string_view name, std::vector<std::string>
     std::sort(found.begin(), found.end());
     std::vector<std::string> result;
     for (auto const& [d, candidate] : found) {
-        // Whoever only left out the namespace meant just that.
+        // If a candidate differs only by its namespace, lists only such candidates.
         bool const worse = found[0].first == 0 && d > 0;
         bool const isRepeated = std::find(result.begin(), result.end(), candidate) != result.end();
         if (result.size() < 3 && !worse && !isRepeated) result.push_back(candidate);

@@ -8,18 +8,18 @@
 
 namespace Tool {
 
-// The names among `known` that somebody who wrote `name` may have meant, the likeliest first, at most three.
+// Returns up to three names of `known` that are like `name`, which may be mistyped, the most similar first.
 std::vector<std::string> nearest(std::string_view name, std::vector<std::string> const& known);
 
 // "A", "A or B", "A, B or C"
 std::string alternatives(std::vector<std::string> const& names);
 
-// What goes behind "there is no NAME": "; did you mean A or B?", or, when no name is near, `otherwise`; by default ",
-// only A, B, C" with all that are known, if any are.
+// Returns what an error appends to "there is no NAME": "; did you mean A or B?", or `otherwise` if no known name is
+// similar. Without `otherwise` that is ", only A, B, C" with all known names, if there are any.
 std::string orNearest(std::string_view name, std::vector<std::string> const& known, std::string const& otherwise);
 std::string orNearest(std::string_view name, std::vector<std::string> const& known);
 
-// The type of that name. Throws Failure (bad usage), with the nearest names, when there is none.
+// Returns the type with this name. Throws Failure (bad usage), with similar names, if there is none.
 Vel::VelType typeNamed(std::string_view name);
 
 std::string fingerprintText(Vel::U64 fingerprint);  // 16 hexadecimal digits

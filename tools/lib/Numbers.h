@@ -6,7 +6,7 @@
 
 namespace Tool {
 
-// The whole number that the digits of the text say, and nothing else; nothing when N does not hold it.
+// Parses a whole number. Returns nothing if the text has other characters, or if the number does not fit into N.
 template <class N> std::optional<N> numberFrom(std::string_view text) {
     N number = 0;
     auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);

@@ -23,20 +23,20 @@ bool isVerbose_ = false;
 
 bool continuesCharacter(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }  // in UTF-8
 
-// Where the character begins that the byte at `at` belongs to; a character has four bytes at most.
+// Returns the offset of the character that has the byte at `at`. A character has at most four bytes.
 std::size_t characterBegin(std::string_view text, std::size_t at) {
     for (std::size_t back = 0; back < 4 && back <= at && at < text.size(); ++back)
         if (!continuesCharacter(text[at - back])) return at - back;
     return at;
 }
 
-// In a complaint: a newline, if the line behind it is one of ours.
+// For cleanedBut(): a complaint keeps a newline that four blanks follow.
 std::size_t ownInComplaint(std::string_view rest) { return rest.starts_with("\n    ") ? 1 : 0; }
 
-// In an answer: newlines, and colours where there are any.
+// For cleanedBut(): an answer keeps newlines, and the escape sequences of colours if it uses them.
 std::size_t ownInAnswer(std::string_view rest);
 
-// Characters on the screen. Escape sequences for colour count for nothing; wide characters are taken for narrow ones.
+// Returns the number of columns on the screen. Escape sequences for colour take none; wide characters count as narrow.
 std::size_t width(std::string_view text) {
     std::size_t count = 0;
     for (std::size_t i = 0; i < text.size(); ++i) {
@@ -140,7 +140,7 @@ std::string joined(std::vector<std::string> const& texts, std::string_view separ
 }
 
 std::string caretBelow(std::string_view text, std::size_t offset) {
-    constexpr std::size_t before = 50, behind = 25;  // bytes to show
+    constexpr std::size_t before = 50, behind = 25;  // bytes that are shown before and after the offset
     if (text.empty()) return "    (empty)";
     offset = std::min(offset, text.size());
     std::size_t begin = offset > before ? offset - before : 0;

@@ -8,18 +8,18 @@
 #include <string_view>
 #include <vector>
 
-// How the tool speaks: answers go to standard output as one text, everything else to standard error, one line each,
-// beginning with "mox: ". Texts of others go through cleaned() on their way into either (see Clean.h).
+// Prints the tool's output. Answers go to standard output. Everything else goes to standard error, in lines that begin
+// with "mox: ". Texts of other origin pass through cleaned() before (see Clean.h).
 namespace Tool {
 
 using Json = nlohmann::ordered_json;
 
 // Exit codes.
 inline constexpr int fine = 0;
-inline constexpr int somethingWrong = 1;  // there is an answer, and it tells of something wrong
+inline constexpr int somethingWrong = 1;  // there is an answer, but it is "no" or reports a problem
 inline constexpr int badUsage = 2;
 
-// Ends the command: the text goes to standard error unless it is empty, the code to the shell.
+// Ends the command: the text is written to standard error unless it is empty, and the process exits with the code.
 class Failure : public std::runtime_error {
 public:
     Failure(int exitCode, std::string const& text) : std::runtime_error(text), exitCode_(exitCode) {}
@@ -29,35 +29,35 @@ private:
     int exitCode_;
 };
 
-// "mox: TEXT" to standard error. Further lines of the text begin with four blanks, as those of caretBelow() do; any
-// other newline is no line's end, but shown like all else that is not for a terminal.
+// Writes "mox: TEXT" to standard error. Further lines of the text must begin with four blanks, as those of caretBelow()
+// do. Any other newline is escaped like all bytes that are not safe to print.
 void complain(std::string_view text);
 void verboseIs(bool wanted);
 bool isVerbose();
-void remark(std::string_view text);  // the same for who wants to know it: with --verbose only
-// To standard output. Throws Failure when it cannot be written, without a text when nobody reads on.
+void remark(std::string_view text);  // does the same as complain(), but only with --verbose
+// Writes to standard output. Throws Failure if that fails; its text is empty if the reader has gone.
 void print(std::string_view text);
 std::string jsonText(Json const& answer);  // with a newline; bytes that are no UTF-8 become U+FFFD
 std::string jsonLine(Json const& answer);  // the same on one line, without a newline
 
-bool isUtf8();  // the locale's characters, by its variables
+bool isUtf8();  // whether the locale's variables say that it uses UTF-8
 
-// Only on a terminal, and not against the user's wish (NO_COLOR, TERM=dumb); else the text as it is.
+// Return the text with colour or bold, but only on a terminal, and not if NO_COLOR is set or TERM is "dumb".
 std::string bold(std::string_view text);
 std::string red(std::string_view text);
 std::string green(std::string_view text);
 
-// A text as people should see it: as it stands, or as a strep when that would hide something (what is not for a
-// terminal, blanks at the ends, nothing at all) or when it could be taken for a strep.
+// Returns a text for people: unchanged, or as a quoted strep. It is quoted if it has bytes that are not safe to print
+// or blanks at an end, if it is empty, or if it could be mistaken for a strep.
 std::string shown(std::string_view text);
-std::string shortened(std::string text, std::size_t size);  // at most about `size` bytes; says how long it really is
+std::string shortened(std::string text, std::size_t size);  // cuts to about `size` bytes, and says how long it was
 std::string joined(std::vector<std::string> const& texts, std::string_view separator);
 
-// Two lines: the part of the text around `offset`, and a caret below the character there. Tabs are shown as blanks,
-// what else is not for a terminal as \xNN. For an empty text one line that says so.
+// Returns two lines: the part of the text around `offset`, and a caret below the character there. A tab becomes a
+// blank; other bytes that are not safe to print become \xNN. For an empty text returns one line that says so.
 std::string caretBelow(std::string_view text, std::size_t offset);
 
-// Left-aligned columns, two blanks between them.
+// A table with left-aligned columns, which are separated by two blanks.
 class Table {
 public:
     explicit Table(std::string indent = {}) : indent_(std::move(indent)) {}

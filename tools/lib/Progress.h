@@ -7,25 +7,25 @@
 
 namespace Tool {
 
-// How far reading has got, in one line on standard error that overwrites itself. Only for who waits at a terminal: from
-// the second second on, and not while somebody types the input.
+// Shows how much of the input was read, in one line on standard error that overwrites itself. It is shown only on a
+// terminal, only after the first second, and not if the input is typed at a terminal.
 class Progress {
 public:
-    // mayMixWithAnswers: answers are printed meanwhile, perhaps to the same terminal.
+    // mayMixWithAnswers: answers are printed meanwhile; then nothing is shown if they also go to a terminal.
     Progress(Input const& input, bool mayMixWithAnswers);
     Progress(Progress const&) = delete;
     Progress& operator=(Progress const&) = delete;
     ~Progress() { clear(); }
 
     void tell(LineReader const& lines);
-    void clear();  // before anything else is written to standard error
+    void clear();  // to be called before anything else is written to standard error
 
 private:
     using Clock = std::chrono::steady_clock;
 
     bool wanted_;
     bool isShown_ = false;
-    std::uint64_t size_ = 0;  // bytes; 0: unknown
+    std::uint64_t size_ = 0;  // bytes; 0 if it is unknown
     Clock::time_point next_;
 };
 

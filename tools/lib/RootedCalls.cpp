@@ -14,8 +14,8 @@ namespace Tool {
 
 namespace {
 
-// Opens an absolute path as a process would whose root is `root`. Kernels that cannot do that look below the folder
-// without care for absolute symbolic links.
+// Opens an absolute path as if `root` were the root. On a kernel without openat2(), opens the path below the folder,
+// and absolute symbolic links lead out of it.
 int openBelow(std::string const& root, char const* path, int flags) {
 #if defined(SYS_openat2) && defined(RESOLVE_IN_ROOT)
     int const folder = ::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);

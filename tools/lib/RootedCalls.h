@@ -6,14 +6,14 @@
 
 namespace Tool {
 
-// The system as a process sees it whose root is another folder, or whose environment is empty.
+// System calls that act as if the root were another folder, or as if the environment were empty.
 class RootedCalls final : public Vel::SystemCalls {
 public:
-    // root: absolute paths are looked up below that folder, symbolic links included; empty: the real root.
+    // root: absolute paths, also those of symbolic links, are looked up below this folder; empty means the real root.
     // noEnvironment: only the variables that configure tracing are set.
     RootedCalls(std::string root, bool noEnvironment);
 
-    std::string realPath(std::string const& path) const;  // what the path leads to, symbolic links aside
+    std::string realPath(std::string const& path) const;  // the path below the root; does not resolve symbolic links
 
     char const* getenv(char const* name) override;
     int open(char const* path, int flags) override;

@@ -15,7 +15,7 @@ void openStandardFiles() {
     constexpr int modes[] = {O_WRONLY, O_RDONLY, O_WRONLY};
     for (int file = STDIN_FILENO; file <= STDERR_FILENO; ++file) {
         if (::fcntl(file, F_GETFD) >= 0) continue;
-        [[maybe_unused]] int const opened = ::open("/dev/null", modes[file]);  // the lowest number that is free
+        [[maybe_unused]] int const opened = ::open("/dev/null", modes[file]);  // gets the lowest free number: `file`
         if (file == STDOUT_FILENO) wasOutputClosed_ = true;
     }
 }

@@ -2,9 +2,9 @@
 
 namespace Tool {
 
-// Opens standard input, output and error where whoever started the process has closed them, so that no file or socket
-// becomes one of them by its number. To be called first. They lead to /dev/null, opened so that reading the input and
-// writing the output fail, as they do when they are closed.
+// Opens those of standard input, output and error that the parent process has closed, so that no file or socket gets
+// their descriptor numbers. Must be called first. They are opened as /dev/null in the wrong direction, so that reading
+// the input and writing the output fail, as they do on closed descriptors.
 void openStandardFiles();
 
 bool wasOutputClosed();

@@ -61,7 +61,7 @@ private:
         std::string_view text;
         std::size_t offset = 0;  // in the line
     };
-    // Of a later line, perhaps.
+    // A reference to an entity, which is set at the end, since the entity may be in a later line.
     struct Reference {
         Ptr<Entity> entity;
         StreamAttribute const* attribute;
@@ -121,7 +121,8 @@ private:
         Word const second = word();
         if (second.text.empty()) fail("a type or an attribute expected behind the path", line_.size());
         Word const behind = rest();
-        // What ends the line, or goes on with a name, is an entity; attributes have no colons in their names.
+        // The line is an entity if the second word is the last one, or if it has a colon as type names do. Names of
+        // attributes have no colon.
         bool const isEntity = behind.text.empty() || second.text.find(':') != std::string_view::npos;
         if (!isEntity) return takeAttribute(path, second);
         missing_.insert(path.text);
@@ -129,7 +130,7 @@ private:
         missing_.erase(path.text);
     }
 
-    // Whether a line has been left out that says what is there, or above that.
+    // Whether the line of the entity at the path, or of one above it, was skipped.
     bool isBelowMissing(std::string_view path) const {
         for (std::size_t end = missing_.empty() ? path.size() : 0; end < path.size();) {
             end = std::min(path.find('/', end + 1), path.size());
@@ -179,7 +180,7 @@ private:
         return "a " + std::string(entity.fwkType().name()) + " has no such place for an entity";
     }
 
-    // The one that the last step starts from. What is missing is made, as far as directories will do.
+    // Returns the entity in which the last step of the path is. Makes missing entities above it as directories.
     Ptr<Entity> entityAbove(Word const& path, std::vector<Step> const& steps) {
         std::string_view const text = steps.size() > 1 ? path.text.substr(0, steps[steps.size() - 2].end) : "";
         if (text == lastPath_ && last_) return last_;
@@ -256,7 +257,7 @@ private:
             });
     }
 
-    // Where the string ends that begins here; here when none does.
+    // Returns the offset of the quote that ends the string at at_, or at_ if there is no string.
     std::size_t keyEnd() const {
         if (at_ == line_.size() || line_[at_] != '\'') return at_;
         for (std::size_t i = at_ + 1; i < line_.size(); ++i) {
@@ -305,11 +306,11 @@ private:
             Vel::NboAttrLog::In in(bytesOf(key));
             attribute.memberIs(*reference.entity, in, *target);
         });
-        lastEntity_ = last_ = nullptr;  // it may have moved
+        lastEntity_ = last_ = nullptr;  // clears the caches, since the entity may have moved
     }
 
-    // A collection that makes its members has those only that are nowhere else, and what is named in an entity is not
-    // around it.
+    // Fails if the target must not be in this collection: a collection that makes its members takes only entities that
+    // have no parent, and an entity cannot be named within itself.
     void checkPlace(Reference const& reference, Entity const* target, Word const& path) const {
         if (!target || !reference.attribute->isCollection()) return;
         if (reference.attribute->kind == StreamKind::instances && target->parent())
@@ -321,7 +322,7 @@ private:
 
     // --- mistakes ---
 
-    // In quotes: a word that follows a type is more likely to be a mistake than a name.
+    // Parses a name. It must be in quotes, since a word without quotes after a type is more likely a mistake.
     std::string nameIn(Word const& word) const {
         std::string name;
         guarded(word.offset, [&] {
@@ -346,11 +347,11 @@ private:
 
     StateListener const& listener_;
     Ptr<Entity> root_;
-    std::unordered_set<std::string_view> missing_;  // paths of entities whose lines have been left out
+    std::unordered_set<std::string_view> missing_;  // paths of entities whose lines were skipped
     std::string_view line_;
     std::size_t at_ = 0, number_ = 0;
     std::vector<Reference> references_;
-    // Lines about the same entity, and about those beside each other, stand together.
+    // Caches of the last look-ups: lines about the same entity, or about entities in the same one, are often together.
     std::string_view lastPath_, lastEntityPath_;
     Ptr<Entity> last_, lastEntity_;
 };

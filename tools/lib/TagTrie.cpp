@@ -23,7 +23,7 @@ bool mayBeInTag(char c) { return static_cast<unsigned char>(c) > ' ' && c != 0x7
 }  // namespace
 
 Vel::Checked<String> checkedTags(std::string_view text) {
-    std::size_t offset = 0;  // of what is left
+    std::size_t offset = 0;  // offset of `text` in the original text
     if (text.starts_with('{')) {
         if (!text.ends_with('}')) return Vel::CheckedError{"a closing brace expected", text.size()};
         text = text.substr(1, text.size() - 2);
@@ -65,7 +65,7 @@ String unitedTags(String const& a, String const& b) {
     return String(set).dedup();
 }
 
-static_assert(sizeof(TagState) == 48);  // as the header says
+static_assert(sizeof(TagState) == 48);  // the size that the header's comment gives
 
 TagState::TagState() = default;
 TagState::~TagState() = default;

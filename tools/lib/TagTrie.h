@@ -6,31 +6,32 @@
 
 #include <string_view>
 
-// The trie that the tool makes of files: the state of a prefix is a set of tags, what is below a prefix inherits its
-// tags, and two sets merge into their union. Made for files of a million prefixes: equal sets share their text.
+// The trie that the tool makes from files. The state of a prefix is a set of tags. A path below a prefix inherits its
+// tags, and two sets merge into their union. It is made for files of a million prefixes: equal sets share their text.
 namespace Tags {
 
-// Tags are texts without blanks, control bytes, commas and braces. A set of them is the text "a,b": each tag once, in
-// the order of their bytes, with commas between them; nothing for no tags.
+// A tag is a text without blanks, control bytes, commas and braces. A set of tags is the text "a,b": each tag once, in
+// the order of their bytes, separated by commas. The empty set is the empty text.
 
-// The set that `text` lists in any order, with braces around it or without; or what is wrong with it.
+// Parses a set from a text that lists its tags in any order, with or without braces. Returns it, or what is wrong.
 Vel::Checked<Vel::String> checkedTags(std::string_view text);
 
-// The union of two sets. When it is equal to one of them, it shares that one's storage; equal results share theirs.
+// Returns the union of two sets. It shares the storage of one of them if it is equal to that one. Equal results share
+// their storage.
 Vel::String unitedTags(Vel::String const& a, Vel::String const& b);
 
-// The state of a prefix. Takes 48 bytes, 64 with what the allocator adds, and shares the text of its set with all
-// states that have the same one: a state without tags takes nothing more.
-// Threads: as the trie that it belongs to.
+// The state of a prefix. It takes 48 bytes, 64 with the allocator's overhead. All states with the same set share its
+// text; the empty set takes no further memory.
+// Threads: the same rule as for its trie.
 class TagState : public Vel::EntityOf<TagState, Mox::PrefixTrieState> {
 public:
     TagState();
     ~TagState() override;
 
     Vel::String tags() const { return tags_; }
-    void tagsIs(Vel::String const& v) { velSet<&TagState::tags_>(v); }  // REQUIRES: a set, as checkedTags makes it
+    void tagsIs(Vel::String const& v) { velSet<&TagState::tags_>(v); }  // REQUIRES: a set as checkedTags() returns it
 
-    // Takes on the tags of `inheritedState`, a TagState. It makes no difference where they come from.
+    // Adds the tags of `inheritedState`, which must be a TagState. Ignores `inheritedOnly`.
     bool upgradeState(Vel::Ptr<Mox::PrefixTrieState> const& inheritedState, bool inheritedOnly) override;
     Vel::String outputForm() override;  // "{a,b}"
 
@@ -44,14 +45,15 @@ private:
     Vel::String tags_;
 };
 
-// A trie of TagStates. What prefixDel prunes is released, since its state means nothing any more.
-// Threads: one at a time.
+// A trie of TagStates. Nodes that prefixDel() prunes are released, since their states are not needed any more.
+// Threads: one thread at a time.
 class TagTrie : public Vel::EntityOf<TagTrie, Mox::PrefixTrie> {
 public:
     explicit TagTrie(Vel::String const& name);
     ~TagTrie() override;
 
-    // The tags that apply to the path: those of the longest prefix in the trie that encloses it, or of the path itself.
+    // Returns the tags that apply to the path: those of the longest prefix in the trie that encloses it, which may be
+    // the path itself.
     Vel::String tagsOf(std::string_view path) const;
 
     Vel::Ptr<State> newStateIs() override;

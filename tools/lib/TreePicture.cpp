@@ -12,7 +12,7 @@ using Node = EntityTree::Node;
 using Vel::StreamAttribute;
 using Vel::StreamKind;
 
-constexpr std::size_t mostOfValue = 200;  // bytes
+constexpr std::size_t mostOfValue = 200;  // bytes to which a value is shortened
 
 class Drawing {
 public:
@@ -68,7 +68,7 @@ private:
     Branches const& signs_;
     std::uint64_t depth_;
     std::string indent_;
-    std::vector<std::size_t> indents_;  // sizes, by level
+    std::vector<std::size_t> indents_;  // size of the indentation at each level
 };
 
 }  // namespace

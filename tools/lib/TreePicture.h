@@ -8,7 +8,8 @@
 
 namespace Tool {
 
-// Draws `top` and what is below it, with types and values; long values are shortened. depth: levels below the first.
+// Draws `top` and the entities below it, with types and values. Long values are shortened. depth: levels below `top`;
+// all if it is empty.
 void drawEntities(Answers& answers, EntityTree const& tree, EntityTree::Node& top, bool asciiOnly,
     std::optional<std::uint64_t> depth = {});
 

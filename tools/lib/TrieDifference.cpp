@@ -25,7 +25,7 @@ public:
     }
 
 private:
-    // As walk, through both at once; one of them may end before the other.
+    // A level of the walk through both tries at once. Either may end before the other.
     struct Level {
         std::vector<Ptr<PrefixTrie>> left, right;
         std::size_t pathSize;
@@ -36,7 +36,7 @@ private:
             if (there) right = childrenInOrder(*there);
         }
         bool isDone() const { return l == left.size() && r == right.size(); }
-        // The next two with the same key, or one and null.
+        // Returns the next two nodes with the same key, or one node and null.
         std::pair<PrefixTrie const*, PrefixTrie const*> next() {
             bool const takeLeft = r == right.size() || (l < left.size() && left[l]->name() <= right[r]->name());
             bool const takeRight = l == left.size() || (r < right.size() && right[r]->name() <= left[l]->name());

@@ -4,7 +4,7 @@
 
 namespace Tool {
 
-// Writes what one trie has and the other has not, and the prefixes whose states differ. Whether there was anything.
+// Writes the prefixes that only one of the tries has, and those whose states differ. Returns whether there were any.
 bool writeDifference(Answers& answers, TagTrie const& here, TagTrie const& there, std::string const& hereName,
     std::string const& thereName, std::uint64_t bad, bool json);
 

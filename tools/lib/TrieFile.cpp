@@ -59,8 +59,8 @@ private:
         std::string_view const tagText = withoutMargins(text.substr(path.size()));
         auto const tags = Tags::checkedTags(tagText);
         if (!tags) return reject(tags.error().text.stdString(), offsetIn(line, tagText) + tags.error().offset);
-        auto const all = Tags::checkedTags(uncleaned(tagText));  // in the order of their bytes
-        state_->tagsIs(*all);  // anew for each line: on its way down, it takes on what it meets
+        auto const all = Tags::checkedTags(uncleaned(tagText));  // parsed again, to sort the uncleaned tags by bytes
+        state_->tagsIs(*all);  // for each line anew, since prefixIs() adds the tags of prefixes on the path to it
         file_.trie->prefixIs(Vel::String(uncleaned(path)), state_);
         ++file_.taken;
     }
@@ -81,7 +81,7 @@ private:
 
 std::optional<PathMistake> mistakeInPath(std::string_view path) {
     if (path.empty()) return PathMistake{"a path expected", 0};
-    std::size_t components = 1, last = 0;  // where the last component begins
+    std::size_t components = 1, last = 0;  // `last` is where the last component begins
     for (std::size_t i = 0; i < path.size(); ++i) {
         if (isControl(path[i])) return PathMistake{"a path has no control bytes", i};
         if (i == 0 || !isSeparator(path[i])) continue;

@@ -9,30 +9,32 @@
 #include <string>
 #include <string_view>
 
-// Files of path prefixes: one on each line, perhaps with tags behind it: "a*/b.c {lab,north}". In them \xNN stands for
-// a byte from 0x80 up, as the tool writes those that are not for a terminal.
+// Files of path prefixes. Each line has a prefix, which tags may follow: "a*/b.c {lab,north}". A \xNN means a byte from
+// 0x80 up; the tool writes bytes like this if they are not safe to print.
 namespace Tool {
 
-// Appending and pushing states down recurse once for each component.
+// Most components of a path. There is a limit since appending a prefix, and pushing states down, recurses once for
+// each.
 inline constexpr std::size_t mostComponents = 4096;
 
 struct PathMistake {
     std::string text;
-    std::size_t offset = 0;  // of the byte that is wrong
+    std::size_t offset = 0;  // offset of the wrong byte
 };
-// Why a trie of this tool does not take the path, or nothing.
+// Says why a trie of this tool does not accept the path. Returns nothing if it does.
 std::optional<PathMistake> mistakeInPath(std::string_view path);
 
-// What is left without the blanks and tabs at both ends.
+// Returns the text without the blanks and tabs at both ends.
 std::string_view withoutMargins(std::string_view text);
 
-// A trie, and how many lines went into it.
+// A trie, and the numbers of lines that went into it and that did not.
 struct TrieFile {
     Vel::Ptr<Tags::TagTrie> trie = Tags::TagTrie::newEntity("");
     std::uint64_t taken = 0, rejected = 0;  // lines
 };
 
-// Bad lines are shown on standard error and left out. Throws Failure when the input cannot be read. `name`: the trie's.
+// Reads a trie. Shows bad lines on standard error and skips them. Throws Failure if the input cannot be read. `name` is
+// the trie's name.
 TrieFile readTrie(Input& input, std::string const& name = {});
 
 }  // namespace Tool

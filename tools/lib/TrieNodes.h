@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-// What the parts of the command "trie" share: walking through a trie.
+// Functions that the parts of the command "trie" share: a walk through a trie, and texts of its nodes.
 namespace Tool {
 
 using Mox::PrefixTrie;
@@ -46,12 +46,12 @@ inline std::vector<Ptr<PrefixTrie>> childrenInOrder(PrefixTrie const& node) {
     return children;
 }
 
-// Calls visit(node, path, level) for all that is below `trie`, in order, each before what is below it; a path has
-// spell(node) behind the key of each node. No recursion: visiting may need a good deal of the stack.
+// Calls visit(node, path, level) for all nodes below `trie`, in the order of their keys, each before the nodes below
+// it. In a path, spell(node) follows the key of each node. It does not recurse, so that deep tries need no stack.
 template <class Spell, class Visit> void walk(PrefixTrie const& trie, Spell spell, Visit const& visit) {
     struct Level {
         std::vector<Ptr<PrefixTrie>> children;
-        std::size_t pathSize;  // of their parent
+        std::size_t pathSize;  // bytes of the parent's path
         std::size_t next = 0;
     };
     std::vector<Level> way;

@@ -69,7 +69,7 @@ void writeDot(Answers& answers, TagTrie const& trie, std::string const& name) {
                 "digraph trie {\n  rankdir=LR;\n  node [shape=box, fontname=monospace];\n"
                 "  n0 [label=\"" +
                 dotQuoted(name) + "\", shape=plaintext];\n");
-    std::vector<std::size_t> way{0};  // the numbers of the nodes above
+    std::vector<std::size_t> way{0};  // numbers of the nodes above the current one
     std::size_t nodes = 0;
     walk(trie, [&](PrefixTrie const& node, std::string const&, std::size_t level) {
         way.resize(level);

@@ -27,7 +27,7 @@ namespace {
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
-// The strep of the double that a whole number says; empty when no double is exactly that.
+// Returns the strep of a whole number as a double, or an empty text if no double has exactly this value.
 std::string doubleText(std::string const& digits) {
     bool const isNegative = digits.starts_with('-');
     std::string_view magnitude(digits);
@@ -38,7 +38,7 @@ std::string doubleText(std::string const& digits) {
     return isExact ? Vel::valueToStrep(value).stdString() : "";
 }
 
-// Rewrites a text into the text form of a type, as far as the two differ by what valueFrom() allows.
+// Rewrites a text into the text form of a type, if it differs from that only in ways that valueFrom() allows.
 class Rewriting {
 public:
     explicit Rewriting(std::string_view text) : text_(text) {}
@@ -50,7 +50,7 @@ public:
     }
 
 private:
-    // `behind`: what follows the value in the text form that it is a part of; empty: nothing.
+    // Rewrites one value. `behind` is the text that follows it in the record; empty if nothing follows.
     bool value(VelType type, std::string_view behind, std::string const& attribute) {
         if (type == Vel::typeOf<Vel::String>()) return string(behind, attribute);
         if (type == Vel::typeOf<double>() || type == Vel::typeOf<Vel::Seconds>()) return number(behind, attribute);
@@ -150,7 +150,7 @@ std::string valueText(GenericValue const& value) { return cleaned(value.strep().
 
 namespace {
 
-// Nothing when the text does not differ from the text form of the type, or by more than is allowed.
+// Rewrites and parses a text. Returns nothing if the rewritten text is the same, or if it does not parse.
 std::optional<GenericValue> rewritten(VelType type, std::string_view text, Taken const& taken) {
     Rewriting rewriting(text);
     if (!rewriting.rewrite(type) || rewriting.result() == text) return std::nullopt;
@@ -158,17 +158,19 @@ std::optional<GenericValue> rewritten(VelType type, std::string_view text, Taken
         GenericValue value(type, Vel::String(rewriting.result()));
         if (taken) rewriting.tell(taken);
         return value;
-    } catch (std::exception const&) {  // the text as it stands is what is told of
+    } catch (std::exception const&) {  // the caller reports what is wrong with the unchanged text
         return std::nullopt;
     }
 }
 
-// Of the last text that had to be rewritten: in a file the next one is likely to be such, too, and exceptions are slow.
+// Type of the last text that had to be rewritten. In a file the next text probably needs it, too, and trying the
+// unchanged text first would cost an exception.
 VelType lastRewritten;
 
 }  // namespace
 
-// What can be rewritten is no text form of its type as it stands, so it makes no difference what is tried first.
+// A text that rewriting changes is never in text form itself, so the order of the two attempts does not change the
+// result.
 GenericValue valueFrom(VelType type, std::string_view text, Taken const& taken) {
     if (type == lastRewritten)
         if (auto value = rewritten(type, text, taken)) return *std::move(value);

@@ -6,4 +6,5 @@
 #include "Vel/describe/internal/DeriveTable.h"
 #include "Vel/describe/internal/DeriveText.h"
 
-// What VEL_MODULE derives from descriptions: the text form, the glue, the table and its fingerprint.
+// Includes all that VEL_MODULE derives from descriptions: the text form, the glue, the stream tables, the module's
+// table and its fingerprint.

@@ -8,8 +8,8 @@
 #include <tuple>
 #include <type_traits>
 
-// What the type of an attribute may be, with an error for each kind that it may not be. It comes where the description
-// stands, before anything is derived from it.
+// Checks the type of an attribute, with a separate error for each kind of type that is not allowed. The check is done
+// where the description is, before anything is derived from it.
 namespace Vel {
 
 template <class T> class Ptr;
@@ -18,19 +18,19 @@ namespace Detail {
 
 struct None {};
 
-// What a function of assertions returns.
+// The result of a function that only has assertions.
 struct Asserted {};
 template <class Check> inline constexpr bool isAsserted = std::is_same_v<Check, Asserted>;
 
 struct HasDescription {
     int description;
 };
-// Whether V has a member description, without asking for its type: within its own class that is not known yet.
+// Whether V has a member `description`. Does not use the member's type, which is not known yet within the class V.
 template <class V> struct DescriptionSearch : V, HasDescription {};
 template <class V> constexpr bool findsDescription(...) { return true; }
 template <class V, auto = &DescriptionSearch<V>::description> constexpr bool findsDescription(int) { return false; }
 
-// A class that is only declared yet is looked at when the module is made.
+// Whether V is complete. A class that is only declared so far is checked later, by VEL_MODULE.
 template <class V, std::size_t = sizeof(V)> constexpr bool isComplete(int) { return true; }
 template <class V> constexpr bool isComplete(...) { return false; }
 
@@ -78,8 +78,8 @@ template <class V> constexpr TypeFault typeFault() {
     }
 }
 
-// One of the types of an attribute: its value, its key, a call's result or a parameter. Member is what the description
-// names the attribute by, for the reader of the error.
+// One of the types of an attribute: of its value, its key, a call's result or a parameter. Member is the member or
+// function that the description gives for the attribute; it is here so that an error shows it.
 template <auto Member, class V> struct AttributeType {
     static constexpr TypeFault fault = typeFault<V>();
     static constexpr bool isNoOtherInteger = fault != TypeFault::integer;
@@ -91,8 +91,8 @@ template <auto Member, class V> struct AttributeType {
     static constexpr bool isNoPointer = fault != TypeFault::pointer;
     static constexpr bool isDescribed = fault != TypeFault::undescribed;
 };
-// The assertions stand in a function, for the sake of its type alone: once one has failed, nothing that depends on the
-// value of what it stands in is a constant, and the compilers would go on about that.
+// The assertions are in a function of which only the type is used. Compilers treat no value as constant that depends on
+// a failed assertion, and would report further errors because of that.
 template <auto Member, class V> constexpr auto checkAttributeType() {
     static_assert(AttributeType<Member, V>::isNoOtherInteger,
         "the integers of attributes are Vel::U8, Vel::U16, Vel::U32 and Vel::U64; for one with a sign use double, or a "

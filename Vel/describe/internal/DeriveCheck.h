@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-// What a description must hold for anything to be derived from it, with an error that says so.
+// Checks that a description is good enough to derive from, with an error for each thing that is wrong.
 namespace Vel::Detail {
 
 template <class T> constexpr std::size_t countOfKind(AttributeKind kind) {
@@ -51,7 +51,7 @@ template <class T> constexpr bool canComputeAll() {
 
 // --- texts that an error shows ---
 
-#ifdef __clang__  // shows the characters of a structure as numbers, and not all of them
+#ifdef __clang__  // which shows the characters of a structure as numbers, and not all of them
 template <char... Characters> struct Shown {};
 template <class Text> constexpr auto shown() {
     return []<std::size_t... I>(std::index_sequence<I...>) { return Shown<Text::value[I]...>(); }
@@ -89,7 +89,7 @@ template <class T, std::size_t I> struct AttributeNameText {
 template <class T, std::size_t I, std::size_t P> struct ParameterNameText {
     static constexpr std::string_view value = std::get<I>(descriptionOf<T>.attributes).parameterNames[P];
 };
-// Of the attribute's name alone, or of the name of one of its parameters, too.
+// Names is the attribute's name, followed by the name of one of its parameters if that is the wrong one.
 template <class T, class... Names> struct AttributeName { static constexpr bool isIdentifier = false; };
 template <class T, class... Names> constexpr auto checkName() {
     static_assert(AttributeName<T, Names...>::isIdentifier,
@@ -172,7 +172,7 @@ template <class T> constexpr auto checkValue() {
     return Asserted();
 }
 
-// Whether something can be derived from T's description. If not, the compiler is told why, and nothing more of T.
+// Whether anything can be derived from T's description. If not, an assertion says why, and T causes no further errors.
 template <class T> constexpr bool isSound() {
     if constexpr (!Described<T>)
         return isAsserted<decltype(checkTypeInModule<T>())> && ScalarValue<T>;

@@ -4,11 +4,11 @@
 
 #include <algorithm>
 
-// A module's fingerprint: a hash of everything that its descriptions say, computed by the compiler.
+// A module's fingerprint: a hash of everything in its descriptions, computed at compile time.
 namespace Vel::Detail {
 
-// FNV-1a, 64 bits (Fowler, Noll, Vo), over the canonical spelling below. The seed is the one from which the Seqno
-// module's spelling hashes to b10c04b51b44f4ab, the fingerprint in that module's symbol.
+// FNV-1a with 64 bits (Fowler, Noll, Vo), over the canonical spelling below. The seed is chosen so that the hash of the
+// Seqno module's spelling is b10c04b51b44f4ab, the fingerprint in that module's symbol.
 class Fnv {
 public:
     constexpr Fnv& operator<<(std::string_view text) {
@@ -29,7 +29,7 @@ private:
     U64 state_ = 0x4efd2ecf4fc3cb67ul;
 };
 
-// "-" where there is no name, so that the spelling can be read back word by word.
+// Returns "-" for an empty name, so that the number of words in a line of the spelling does not depend on it.
 constexpr std::string_view orDash(std::string_view name) { return name.empty() ? std::string_view("-") : name; }
 
 template <class T> constexpr void spellType(Fnv& hash) {
@@ -82,7 +82,8 @@ constexpr FingerprintDigits hexDigits(U64 value) {
 template <FingerprintDigits Digits> struct DigitsText { static constexpr std::string_view value = Digits.view(); };
 template <FingerprintDigits Digits> using ShownDigits = ShownText<DigitsText<Digits>>;
 
-// The fingerprint that the module should have; of one with an error, which has been told, what is written.
+// Returns the fingerprint that the module should have. For a module that has another error, returns the written one, so
+// that the fingerprint causes no second error.
 template <class... Ts> constexpr FingerprintDigits rightDigits(std::string_view name, FingerprintDigits written) {
     if constexpr (TypesOfModule<Ts...>::good)
         return hexDigits(moduleFingerprint<Ts...>(name));

@@ -6,7 +6,7 @@
 
 #include <new>
 
-// The reflective glue, and the contract that a module instantiates, derived from a description.
+// The functions by which reflection accesses a type, and DefinedByVEL_MODULE, derived from a description.
 namespace Vel::Detail {
 
 template <class T>
@@ -155,7 +155,7 @@ template <class T> constexpr AttributeGlue const* attributeGlues() {
         return nullptr;
 }
 
-// Defined where entities are known: DeriveStream.h.
+// Defined in DeriveStream.h.
 template <class T> StreamTable const& streamTable();
 
 template <class T> struct __attribute__((visibility("hidden"))) GlueOf {
@@ -201,7 +201,7 @@ template <class T> void DefinedByVEL_MODULE<T>::print(StrepOut& out, T const& va
 template <class T> void DefinedByVEL_MODULE<T>::print(std::ostream& out, T const& value) {
     if constexpr (Described<T>) {
         if constexpr (DescriptionOf<T>::form == Form::number && !hasOption<T, OptionId::text>) {
-            // The unary plus makes an 8-bit number a number, and no character.
+            // The unary plus makes the stream write an 8-bit number as a number, and not as a character.
             Detail::eachFieldValue(value, [&](auto const& field, auto) { out << +field; });
             return;
         }

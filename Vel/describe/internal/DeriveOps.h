@@ -9,7 +9,7 @@
 #include <tuple>
 #include <utility>
 
-// What reflection can do with an attribute and with a value as a whole, derived from a description.
+// The operations of reflection on an attribute and on a value as a whole, derived from a description.
 namespace Vel::Detail {
 
 template <class T, class... Ts> constexpr U32 indexIn() {
@@ -60,7 +60,7 @@ AttributeResult collectionOp(void* result, T& object, AttributeOp op, void const
         break;
     case AttributeOp::set:
         if constexpr (given<A::set>) {
-            // A collection that makes its members takes the key alone, one of members that know their keys the member.
+            // Set takes only the key if the collection makes its members, and only the member if that knows its key.
             using Set = decltype(A::set);
             if constexpr (std::is_invocable_v<Set, T&, Key const&>)
                 invokeInto<A::set>(nullptr, object, *static_cast<Key const*>(other));
@@ -206,7 +206,7 @@ template <class T> bool lessValue(T const& a, T const& b) {
         return a < b;
 }
 
-// The arithmetic operations that a description offers, as bits of ops.
+// The arithmetic operations in a description's options, as bits by opBit().
 template <class Options> struct ArithmeticOf;
 template <class... O> struct ArithmeticOf<std::tuple<O...>> {
     template <class Option> static constexpr U32 bit() {
@@ -236,7 +236,7 @@ template <class... O> struct ArithmeticOf<std::tuple<O...>> {
     }
 };
 
-// Bits of the ops that T answers as a whole.
+// Returns the bits, by opBit(), of the operations that a value of T as a whole supports.
 template <class T> constexpr U32 valueOps() {
     if constexpr (DescribedEntity<T>) {
         return 0;

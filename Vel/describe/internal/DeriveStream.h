@@ -4,8 +4,8 @@
 #include "Vel/describe/StreamTable.h"
 #include "Vel/describe/internal/DeriveOps.h"
 
-// An entity type's table of what is streamed, derived from its description: attributes that a mutator sets, and the
-// collections that say how they travel.
+// An entity type's StreamTable, derived from its description. It has the attributes that have a mutator, and the
+// collections that are marked by Vel::references, Vel::instances or Vel::values.
 namespace Vel::Detail {
 
 template <class V> struct Pointee { using Type = void; };
@@ -27,7 +27,7 @@ template <class T, class A> struct StreamedAttribute {
     using Value = typename A::Value;
 
     static void serialize(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, bool flowingOut) {
-        // What is stored: an accessor may compute, and tell observers, and throw.
+        // Sends the stored member and does not call the accessor, which may compute, notify observers, or throw.
         sink.handleValueSerialization(id, static_cast<T const&>(entity).*A::member, flowingOut);
     }
     static void apply(Entity& entity, NboAttrLog::In& in) {
@@ -48,7 +48,7 @@ template <class T, class A> struct StreamedPointer {
     }
 };
 
-// What collections of every kind have.
+// The functions that collections of every kind have.
 template <class T, class A> struct StreamedKeys {
     using Key = typename A::Key;
     using In = NboAttrLog::In;
@@ -114,7 +114,7 @@ template <class T, class A> struct StreamedKeys {
     template <auto F, class Object>
     static constexpr bool byView = keyIsText&& std::is_invocable_v<decltype(F), Object&, std::string_view>;
 
-    // Looks texts up where they lie, without a String.
+    // Calls F with the key in `in`. If F takes a string_view, passes the bytes in place, without making a String.
     template <auto F, class Object> static decltype(auto) withKey(Object& object, In& in) {
         if constexpr (byView<F, Object>) {
             U32 const length = in.nextU32();
@@ -196,7 +196,7 @@ template <class T, class A> struct StreamedValues : StreamedKeys<T, A> {
         Value const& value = Keys::template withKey<A::get>(static_cast<T const&>(entity), in);
         sink.handleKeySerialization(id, key, value, flowingOut);
     }
-    // What is there already is not set again, so that observers are told of differences only.
+    // Does not set a value that is there already, so that observers are only notified of differences.
     static void applyKey(Entity& entity, In& in, In& items) {
         T& object = static_cast<T&>(entity);
         auto const key = Keys::keyOf(in);

@@ -12,7 +12,7 @@ namespace Vel::Detail {
 
 // --- names ---
 
-// Sorted names without repetitions, then their offsets in a list in which each name ends with a NUL.
+// A sorted list of names without duplicates, in which each name ends with a NUL, and the offsets of the names in it.
 template <std::size_t Capacity> struct NameList {
     std::array<std::string_view, Capacity> names{};
     std::size_t count = 0;
@@ -40,7 +40,7 @@ template <std::size_t Capacity> struct NameList {
     }
 };
 
-// Name of the type V as records spell it; empty for none.
+// Name of the type V in records; empty if there is no type.
 template <class V> struct TypeNameOf { static constexpr std::string_view value = typeName<V>(); };
 template <> struct TypeNameOf<void> { static constexpr std::string_view value{}; };
 template <> struct TypeNameOf<None> { static constexpr std::string_view value{}; };
@@ -53,7 +53,8 @@ template <class A, class F> constexpr void forEachParameter(A const& attribute, 
     (std::make_index_sequence<std::tuple_size_v<typename A::Parameters>>{});
 }
 
-// The tables name the types that values of the type consist of or take: not what is computed from them.
+// Whether the tables have the type of an attribute of this kind. They have the types of which values consist or which
+// they take, and not the types of computed results.
 constexpr bool namesItsType(AttributeKind kind) {
     return kind != AttributeKind::derived && kind != AttributeKind::constant;
 }
@@ -259,13 +260,14 @@ template <class... Ts> struct TypesOfModule {
     }();
     static constexpr bool good = areSound && haveDistinctNames;
 };
-// What VEL_MODULE looks at first.
+// The first check of VEL_MODULE.
 template <class... Ts> constexpr auto checkModule() {
     static_assert(TypesOfModule<Ts...>::haveDistinctNames, "each type of a module needs a name of its own");
     return Asserted();
 }
 
-// Of a module with an error, which has been told, the table of something else.
+// The table of a module. A module for which an error was reported gets a dummy table, so that there is no further
+// error.
 template <class... Ts>
 using ModuleTableOf = std::conditional_t<TypesOfModule<Ts...>::good, ModuleTable<Ts...>, ModuleTable<bool>>;
 template <class... Ts> consteval ModuleTableOf<Ts...> moduleTable(std::string_view name) {

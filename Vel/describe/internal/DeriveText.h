@@ -9,7 +9,7 @@
 // Printing and parsing, derived from a description.
 namespace Vel::Detail {
 
-// A text composed at compile time.
+// A text that is composed at compile time.
 template <std::size_t N> struct FixedText {
     char data[N + 1] = {};
     constexpr std::string_view view() const { return {data, N}; }
@@ -33,7 +33,7 @@ template <class T, std::size_t I> constexpr bool isFirstField() {
     return first;
 }
 
-// What stands before a record's field: "Value('T', ** {'first': " or ", 'later': ".
+// Returns the text before a record's field: "Value('T', ** {'first': " or ", 'later': ".
 template <class T, std::size_t I> constexpr auto textBefore() {
     using namespace std::string_view_literals;
     constexpr auto name = attributeName<T, I>();
@@ -47,7 +47,7 @@ template <class T, std::size_t I> constexpr auto textBefore() {
 }
 inline constexpr std::string_view textAfterFields = "})";
 
-// Room for the longest text of a value, in bytes; 0 when there is no limit known here.
+// Returns the room for the longest text of a value, in bytes, or 0 if no limit is known here.
 template <class T> constexpr std::size_t maxText() {
     if constexpr (ScalarValue<T>) {
         return Scalar<T>::maxText;
@@ -71,7 +71,7 @@ inline char* copied(char* to, std::string_view text) {
     return to + text.size();
 }
 
-// Writes a value whose text is limited into room that suffices.
+// Writes the text of a value, and returns its end. REQUIRES: maxText<T>() is not 0, and `to` has that much room.
 template <class T> char* writeText(char* to, T const& value) {
     if constexpr (ScalarValue<T>) {
         return Scalar<T>::write(to, value);
@@ -159,8 +159,8 @@ template <class T> char const* readRecord(char const* from, char const* end, T& 
     return good ? readLiteral(from, end, concatenated<textAfterFields.size()>(textAfterFields)) : nullptr;
 }
 
-// Of a value of form number or record; null also for a type with a text form of its own.
-// The quick way of a parse: returns the end of the value, or null when anything is amiss. The slow way finds out what.
+// Parses a number or a record fast, and returns the end of its text. Returns null if anything is wrong; parseValue(),
+// which is slower, then says what. Also returns null if T has its own text form, or fields that are no scalars.
 template <class T> char const* readText(T& value, char const* from, char const* end) {
     if constexpr (hasOption<T, OptionId::text> || !hasScalarsOnly<T>()) {
         return nullptr;
@@ -172,7 +172,8 @@ template <class T> char const* readText(T& value, char const* from, char const* 
     }
 }
 
-// Piece by piece of the same template as the printer's; throws at the first piece that does not match.
+// Parses a record piece by piece, by the same texts that the printer writes. Throws at the first piece that does not
+// match.
 template <class T> VEL_COLD void parseRecord(T& value, String::IteratorConst& it, String::IteratorConst const& end) {
     using namespace std::string_view_literals;
     eachFieldValue(value, [&](auto& field, auto index) {

@@ -3,8 +3,8 @@
 #include "Vel/base/Types.h"
 #include "Vel/describe/Describe.h"
 
-// The layout of a module's table. Everything but the glue is free of addresses, so it can be read from the library's
-// file as it stands. All offsets count bytes from the beginning of what they name.
+// The layout of a module's table. Except for the glue it has no addresses, so that it can be read directly from the
+// library's file. Offsets are in bytes, from the beginning of the list to which they refer.
 namespace Vel {
 
 struct TypeGlue;
@@ -13,11 +13,11 @@ inline constexpr U16 noName = 0xFFFF;  // in a type-name offset: no type
 
 struct TypeRecord {
     U16 name;  // offset in the type names
-    U16 base;  // the type that an entity type derives from, offset in the type names; or noName
+    U16 base;  // name of an entity type's base, as an offset in the type names; or noName
     U16 flags;
-    U16 valueOps;        // bit n: op 11 + n is answered on a value as a whole
-    U16 encodedSize;     // bytes
-    U16 objectSize;      // bytes; 0xFFFF: that or more
+    U16 valueOps;        // bit n is set if a value as a whole supports op 11 + n
+    U16 encodedSize;     // bytes in the attribute log, without the characters of strings
+    U16 objectSize;      // bytes; 0xFFFF means that or more
     U16 firstAttribute;  // index of an attribute record
     U16 attributeCount;
 };
@@ -32,13 +32,13 @@ inline constexpr U16 entity = 1, polymorphic = 2, number = 4, ownText = 8, hasha
 
 struct AttributeRecord {
     AttributeId id;
-    U32 nameLowKindOps;  // bits 31..28 the name offset's low four bits, 27..22 the kind, 21..0 the ops answered, bit n: op n
-    U16 nameHigh;        // the rest of the name's offset in the attribute names
-    U16 valueType;       // these three: offsets in the type names, or noName
+    U32 nameLowKindOps;  // bits 31..28: low four bits of the name's offset; 27..22: kind; 21..0: bit n for op n
+    U16 nameHigh;        // the other bits of the name's offset in the attribute names
+    U16 valueType;       // this and keyType are offsets in the type names, or noName
     U16 keyType;
     U16 firstParameter;  // index of a parameter record
     U16 parameterCount;
-    U16 encodedSize;  // bytes, of a field or entity attribute; else 0
+    U16 encodedSize;  // bytes of a field or entity attribute, without the characters of strings; else 0
 };
 static_assert(sizeof(AttributeRecord) == 20);
 
@@ -54,7 +54,7 @@ struct ParameterRecord {
 };
 static_assert(sizeof(ParameterRecord) == 4);
 
-// Stands at the beginning of the table; offsets are from there.
+// The beginning of the table. Its offsets are from the beginning of the header.
 struct ModuleHeader {
     char magic[8];  // "VELMOD1" and a NUL
     U64 fingerprint;
@@ -62,8 +62,8 @@ struct ModuleHeader {
     U16 typeCount;
     U16 attributeCount;
     U16 parameterCount;
-    U16 typeNamesSize;       // bytes: sorted names, each ended by a NUL
-    U16 attributeNamesSize;  // bytes: the empty name, then sorted names, each ended by a NUL
+    U16 typeNamesSize;       // bytes of the sorted names, each of which ends with a NUL
+    U16 attributeNamesSize;  // bytes of the empty name and the sorted names, each of which ends with a NUL
     U16 nameSize;            // bytes of the module's name with its NUL
     U32 types;
     U32 attributes;
@@ -71,7 +71,7 @@ struct ModuleHeader {
     U32 typeNames;
     U32 attributeNames;
     U32 name;
-    U32 glue;  // one TypeGlue pointer a type
+    U32 glue;  // offset of the pointers to TypeGlue, one for each type
 };
 
 inline constexpr char moduleMagic[8] = {'V', 'E', 'L', 'M', 'O', 'D', '1', '\0'};

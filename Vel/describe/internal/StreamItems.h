@@ -6,15 +6,16 @@
 
 #include <string_view>
 
-// A described value's items in the attribute log. A value whose encoding always has the same length is written and read
-// in one piece; what does not go that way is read item by item, so that an error can name the attribute.
+// Writes and reads a described value's items in the attribute log. A value whose encoding always has the same length is
+// written and read in one piece. If that fails, or if the length varies, it is read item by item, so that an error can
+// name the attribute.
 namespace Vel {
 
 template <class T> void read(T& value, NboAttrLog::In& in);
 
 namespace Detail {
 
-// The width of a value whose encoding always has the same length; 0 for others.
+// Returns the length of T's encoding in bytes, or 0 if it is not always the same.
 template <class T> constexpr std::size_t fixedWidth() {
     if constexpr (ScalarValue<T>) {
         return Scalar<T>::hasFixedWidth ? Scalar<T>::width : 0;
@@ -49,7 +50,7 @@ template <class T> inline U8* storeFixed(U8* to, T const& value) {
     }
 }
 
-// Reads what storeFixed wrote; `good` becomes false at bytes that it never writes.
+// Reads what storeFixed() wrote. Sets `good` to false if there are bytes that storeFixed() never writes.
 template <class T> inline U8 const* loadFixed(U8 const* from, T& value, bool& good) {
     if constexpr (ScalarValue<T>) {
         good = Scalar<T>::load(from, value) && good;
@@ -60,7 +61,8 @@ template <class T> inline U8 const* loadFixed(U8 const* from, T& value, bool& go
     }
 }
 
-// Whether T has a constructor of its own that takes these. An aggregate has none, whatever its fields would take.
+// Whether T declares a constructor with these parameters. An aggregate declares none, even if its fields could be
+// initialised from them.
 template <class T, class... A>
 inline constexpr bool hasConstructor = std::is_constructible_v<T, A...> && !std::is_aggregate_v<T>;
 
@@ -84,7 +86,7 @@ template <class T> void readByItems(T& value, NboAttrLog::In& in) {
         }
     });
 }
-// Apart, so that the way of a whole value stays short.
+// A function of its own that is not inlined, so that the code that reads a value in one piece stays short.
 template <class T> VEL_COLD void readByItemsCold(T& value, NboAttrLog::In& in) { readByItems(value, in); }
 
 template <class T> T nextItem(NboAttrLog::In& in) {

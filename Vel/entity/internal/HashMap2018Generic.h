@@ -8,33 +8,38 @@
 
 namespace Vel {
 
-// The engine of all hash maps, compiled once: what it must know of an element comes in a table. One pointer wide.
+// The implementation of all hash maps, which is compiled once. It takes what it must know about elements from a table
+// of functions. It is one pointer wide.
 //
 // Invariants:
 // 1. There is a block if and only if there is an element.
-// 2. A block holds buckets (a header and an element each) densely, in order of insertion; of more than 8 buckets it
-//    also holds hash slots, each naming a bucket, probed linearly, at most three quarters of them used.
-// 3. Headers carry the value that the change counter had after the bucket's insertion: they ascend strictly.
-// 4. Up to 8 buckets have no gaps. More may have gaps (erased buckets), which the next rebuild drops.
+// 2. A block has buckets, each a header and an element, densely in the order of insertion. A block for more than 8
+//    buckets also has hash slots, each of which refers to a bucket. Slots are probed linearly, and at most three
+//    quarters of them are used.
+// 3. A header has the value that the change counter had after the bucket's insertion, so headers ascend strictly.
+// 4. A block for up to 8 buckets has no gaps. A larger one may have gaps (erased buckets), which the next rebuild
+// drops.
 //
-// Keys whose hashes are equal take linear time to look up. Who chooses them cannot foretell which are if hash() is
-// keyed with the process's secret, as KeyHash does.
-// Threads: none; as with the standard containers, changes must be alone.
+// If many keys have equal hashes, a look-up takes linear time. An adversary cannot choose such keys if hash() mixes in
+// the process's secret, as KeyHash does.
+// Threads: nothing is locked. As with the standard containers, no other thread may use the map during a change.
 class VEL_API HashMap2018Generic {
 public:
-    // What sets one collection's elements apart. A view is what keys are looked up by.
+    // What the map must know about its elements. A view is the form in which a key is looked up.
     struct Type {
         U32 elementSize;       // bytes; a multiple of the alignment
         U32 elementAlignment;  // bytes; at most that of operator new
         U32 seed;
         U32 (*hash)(void const* view, U32 seed);
-        U32 (*hashOfElement)(void const* element, U32 seed);  // equal keys: as hash() of their view
+        U32 (*hashOfElement)(void const* element, U32 seed);  // must equal hash() of the key's view
         bool (*equal)(void const* element, void const* view);
-        void (*relocate)(void* to, void* from, std::size_t count) noexcept;  // ascending; to < from may overlap
+        void (*relocate)(
+            void* to, void* from, std::size_t count) noexcept;  // in ascending order; may overlap, to < from
         void (*destroy)(void* element) noexcept;
     };
 
-    // 16 bits of the hash, to pass over most strangers without touching them; the order; whether this is a gap.
+    // The header of a bucket: 16 bits of the hash, so that most other elements are skipped without a look at them; the
+    // order; and whether the bucket is a gap.
     class BucketHeader {
     public:
         constexpr BucketHeader(U64 order, U32 hash) : word_(order << 17 | (hash & 0xFFFF)) {}
@@ -50,12 +55,12 @@ public:
     class Iterator;
 
     static constexpr std::size_t maxSize = std::size_t(3) << 29;
-    static constexpr U64 maxChanges = U64(1) << 47;  // 4 years of a million a second
+    static constexpr U64 maxChanges = U64(1) << 47;  // reached after 4 years with a million changes a second
 
     constexpr HashMap2018Generic() noexcept = default;
     HashMap2018Generic(HashMap2018Generic&& other) noexcept;
     HashMap2018Generic& operator=(HashMap2018Generic&&) = delete;
-    // The owner calls clear() first: only it knows the type.
+    // REQUIRES: the map is empty. The owner calls clear() before, since only it knows the type.
     ~HashMap2018Generic() = default;
 
     std::size_t size() const noexcept;
@@ -66,18 +71,19 @@ public:
     void* find(Type const& type, void const* view) const {
         return empty() ? nullptr : find(type, view, type.hash(view, type.seed));
     }
-    void* find(Type const& type, void const* view, U32 hash) const;  // an element, or null
+    void* find(Type const& type, void const* view, U32 hash) const;  // returns an element, or null
 
-    // Moves *element in, and returns where it is. Throws std::bad_alloc, or RangeException beyond maxSize; then nothing
-    // has changed. REQUIRES: its hash is `hash`; no element has this key; changes() + 1 < maxChanges.
+    // Moves *element into the map, and returns its place. Throws std::bad_alloc, or RangeException if there would be
+    // more than maxSize; then nothing has changed. REQUIRES: its hash is `hash`; no element in the map has its key;
+    // changes() + 1 < maxChanges.
     void* insert(Type const& type, void* element, U32 hash);
 
-    // Moves the element out into the raw storage at `out`: whatever its destruction does, it meets a map without it.
+    // Moves the element into the raw storage at `out`, where the caller destroys it after the map has changed.
     void erase(Type const& type, void* element, void* out) noexcept;  // REQUIRES: `element` is in this map
     void clear(Type const& type) noexcept;
     void swap(HashMap2018Generic& other) noexcept;
 
-    // Empty when all invariants hold, else what is broken. For tests.
+    // For tests: returns which invariant is broken, or an empty text.
     std::string_view brokenInvariant(Type const& type) const;
 
 private:
@@ -89,28 +95,28 @@ private:
     Detail::Anchor<Block> anchor_;
 };
 
-// Walks a map that may change meanwhile. It remembers the order of the bucket that it stands on and looks it up again
-// (a binary search) when the map's change counter has moved.
+// Walks a map that may change meanwhile. It remembers the order of its current bucket. If the map's change counter has
+// changed, it looks for the bucket again, by a binary search.
 class VEL_API HashMap2018Generic::Iterator {
 public:
     constexpr Iterator() noexcept = default;                             // at the end
-    Iterator(HashMap2018Generic const& map, Type const& type) noexcept;  // on the first element
-    Iterator(
-        HashMap2018Generic const& map, Type const& type, void* element) noexcept;  // on this one; at the end if null
+    Iterator(HashMap2018Generic const& map, Type const& type) noexcept;  // at the first element
+    // At this element, or at the end if it is null.
+    Iterator(HashMap2018Generic const& map, Type const& type, void* element) noexcept;
 
     bool atEnd() const noexcept { return order_ == endOrder; }
-    void* element() const noexcept;  // null at the end and when the element was erased
+    void* element() const noexcept;  // null at the end, and if the element was erased
     void next() noexcept;            // does nothing at the end
 
 private:
     static constexpr U64 endOrder = ~U64(0);
-    void moveTo(std::size_t index) noexcept;  // the first bucket from there on that is no gap
+    void moveTo(std::size_t index) noexcept;  // moves to the first bucket at or after `index` that is no gap
 
     HashMap2018Generic const* map_ = nullptr;
     Type const* type_ = nullptr;
-    U64 changes_ = 0;  // of the map when index_ and element_ were right
+    U64 changes_ = 0;  // the map's changes() when index_ and element_ were set
     U64 order_ = endOrder;
-    U64 newest_ = 0;  // of the map when the iteration began
+    U64 newest_ = 0;  // the map's changes() when the iteration began; newer elements are not visited
     std::size_t index_ = 0;
     void* element_ = nullptr;
 };

@@ -8,15 +8,16 @@
 
 namespace Vel {
 
-// The engine of all ordered maps, compiled once: a red-black tree of nodes that the owner makes; what it must know of
-// them comes in a table. One pointer wide; the first node costs one further allocation of 24 bytes.
+// The implementation of all ordered maps, which is compiled once: a red-black tree of nodes that the owner makes. It
+// takes what it must know about nodes from a table of functions. It is one pointer wide; the first node takes one
+// further allocation of 24 bytes.
 //
 // Invariants:
 // 1. In-order, keys ascend strictly.
 // 2. The root is black, and a red node's children are black (no child counts as black).
-// 3. Every way down from a node to a missing child passes equally many black nodes.
+// 3. All paths down from a node to missing children have the same number of black nodes.
 //
-// Threads: none; as with the standard containers, changes must be alone.
+// Threads: nothing is locked. As with the standard containers, no other thread may use the map during a change.
 class VEL_API RbTreeMapGeneric {
 public:
     // The base of a node: 24 bytes. A copy is in no tree.
@@ -37,24 +38,24 @@ public:
         Node* child_[2] = {};  // less, greater
     };
 
-    // What sets one collection's nodes apart. A view is what keys are looked up by.
+    // What the tree must know about its nodes. A view is the form in which a key is looked up.
     struct Type {
-        int (*compare)(void const* view, Node const* node);  // the sign of view - node's key
+        int (*compare)(void const* view, Node const* node);  // negative if the view is less than the node's key
         Node* (*clone)(Node const* node);
         void (*destroy)(Node* node) noexcept;
     };
 
-    // Where a key is, or where it belongs. Good until the next change.
+    // The place where a key is, or where it belongs. It is valid until the next change.
     struct Place {
         Node* found = nullptr;
         Node* parent = nullptr;
-        bool greater = false;  // which child of the parent
+        bool greater = false;  // whether it is the parent's greater child
     };
 
     constexpr RbTreeMapGeneric() noexcept = default;
     RbTreeMapGeneric(RbTreeMapGeneric&& other) noexcept;
     RbTreeMapGeneric& operator=(RbTreeMapGeneric&&) = delete;
-    // The owner calls clear() first: only it knows the type.
+    // REQUIRES: the tree is empty. The owner calls clear() before, since only it knows the type.
     ~RbTreeMapGeneric() = default;
 
     std::size_t size() const noexcept { return empty() ? 0 : anchor_.block()->size; }
@@ -63,22 +64,22 @@ public:
 
     Place place(Type const& type, void const* view) const;
     Node* find(Type const& type, void const* view) const { return place(type, view).found; }
-    Node* bound(Type const& type, void const* view, bool orEqual) const;  // the first greater (or equal), or null
+    Node* bound(Type const& type, void const* view, bool orEqual) const;  // first node greater (or equal); or null
     Node* first() const noexcept { return empty() ? nullptr : outermost(false); }
     Node* last() const noexcept { return empty() ? nullptr : outermost(true); }
     static Node* next(Node* node) noexcept;  // null after the last
 
-    // Throws std::bad_alloc; then nothing has changed. REQUIRES: `place` is new and found nothing; `node` is in no
-    // tree.
+    // Throws std::bad_alloc; then nothing has changed. REQUIRES: `place` is valid, and its `found` is null; `node` is
+    // in no tree.
     void insert(Place const& place, Node* node);
-    void remove(Node* node) noexcept;  // hands the node back to the owner. REQUIRES: it is in this tree
+    void remove(Node* node) noexcept;  // the owner then destroys the node. REQUIRES: it is in this tree
     void clear(Type const& type) noexcept;
     void swap(RbTreeMapGeneric& other) noexcept;
-    // Clones every node. Throws what cloning throws; then nothing has changed. REQUIRES: this tree is empty.
+    // Clones every node of `other`. Throws what cloning throws; then nothing has changed. REQUIRES: this tree is empty.
     void copyFrom(Type const& type, RbTreeMapGeneric const& other);
 
-    // Empty when all invariants hold, else what is broken. `ascends` tells whether one node's key is less than the
-    // next one's. For tests.
+    // For tests: returns which invariant is broken, or an empty text. `ascends` returns whether the key of its first
+    // node is less than that of the second.
     std::string_view brokenInvariant(bool (*ascends)(Node const*, Node const*)) const;
 
 private:
@@ -94,7 +95,7 @@ private:
     static bool isRed(Node const* node) noexcept { return node && node->red(); }
     static Node* cloneBelow(Type const& type, Node const* from, Node* parent);
     static void destroyBelow(Type const& type, Node* node) noexcept;
-    static int blackHeight(Node const* node, Node const* parent);  // -1: broken
+    static int blackHeight(Node const* node, Node const* parent);  // -1 if an invariant is broken
     Node* outermost(bool greatest) const noexcept;
     void replace(Node* old, Node* by) noexcept;
     void rotate(Node* node, bool greater) noexcept;

@@ -24,10 +24,11 @@ struct Decimal {  // digits * 10^exponent
 
 // --- printing ---
 
-// Decimals with at most six places whose number of millionths is below 2^52 lie further apart than the doubles around
-// them, so each such decimal is the shortest text of its double, and the double is the correctly rounded quotient of
-// two exact integers. This covers every time stamp of this century to the microsecond.
-// Returns the number of millionths; false when `value` is not such a decimal, or so small that it takes an exponent.
+// Sets `millionths` if `value` is a decimal with at most six places and less than 2^52 millionths. Returns false if it
+// is not, or if it is so small that its text has an exponent.
+// Such decimals are further apart than the doubles around them. So each of them is the shortest text of its double, and
+// the double is the correctly rounded quotient of two exact integers. All time stamps of this century, to the
+// microsecond, are such decimals.
 bool asMillionths(double value, U64& millionths) {
     if (!(value < 4.5e9)) return false;
     auto const scaled = static_cast<U64>(static_cast<std::int64_t>(value * 1e6 + 0.5));
@@ -36,24 +37,26 @@ bool asMillionths(double value, U64& millionths) {
     return scaled >= 100 || scaled == 0;
 }
 
-// The upper 64 bits of g * c, with the lowest one set where anything follows: enough to compare exactly.
+// Returns the upper 64 bits of g * c, and sets the lowest of them if bits below are set. That is enough to compare
+// exactly.
 inline U64 productToOdd(Significand g, U64 c) {
     U128 const low = U128(g.low) * c;
     U128 const high = U128(g.high) * c + (low >> 64);
     return static_cast<U64>(high >> 64) | (static_cast<U64>(high) > 1 ? 1 : 0);
 }
 
-// Schubfach (Raffaele Giulietti, "The Schubfach way to render doubles", 2020): of all decimals that read back to the
-// double, one with the fewest digits, and the nearest of those. It may end in zeros. REQUIRES: 0 < value < infinity.
+// Returns, of all decimals that read back to the double, one with the fewest digits, and the nearest of those. It may
+// end with zeros. The algorithm is Schubfach (Raffaele Giulietti, "The Schubfach way to render doubles", 2020).
+// REQUIRES: 0 < value < infinity.
 Decimal shortestDecimal(double value) {
     auto const bits = std::bit_cast<U64>(value);
     U64 const fraction = bits & (hiddenBit - 1);
     auto const biased = static_cast<int>(bits >> 52);
     U64 const c = biased != 0 ? hiddenBit | fraction : fraction;
     int const q = (biased != 0 ? biased : 1) - 1075;
-    bool const even = c % 2 == 0;                                      // then the ends of the interval round to it too
+    bool const even = c % 2 == 0;                                      // the ends of the interval round to it, too
     bool const belowIsNearer = fraction == 0 && biased > 1;            // the next double below is half as far away
-    int const k = (q * 1262611 - (belowIsNearer ? 524031 : 0)) >> 22;  // the last digit's power of ten
+    int const k = (q * 1262611 - (belowIsNearer ? 524031 : 0)) >> 22;  // power of ten of the last digit
     int const h = q + powerExponent(-k) + 1;
     Significand const g = powerOfTen(-k);
     // Four times the value and the ends of its interval, in units of 10^k.
@@ -61,7 +64,7 @@ Decimal shortestDecimal(double value) {
     U64 const lower = productToOdd(g, (4 * c - (belowIsNearer ? 1 : 2)) << h) + (even ? 0 : 1);
     U64 const upper = productToOdd(g, (4 * c + 2) << h) - (even ? 0 : 1);
     U64 const s = middle / 4;
-    if (s >= 10) {  // one digit fewer
+    if (s >= 10) {  // tries one digit fewer
         U64 const tens = s / 10;
         bool const downInside = lower <= 40 * tens;
         bool const upInside = 40 * tens + 40 <= upper;
@@ -99,13 +102,13 @@ char* writeExponent(char* to, int exponent) {
 
 char* writeShortest(char* to, double value) {
     Decimal decimal = shortestDecimal(value);
-    constexpr U64 least = 10000000000000000ul;  // of 17 digits
+    constexpr U64 least = 10000000000000000ul;  // the least number of 17 digits
     while (decimal.digits < least) {
         decimal.digits *= 10;
         --decimal.exponent;
     }
-    int const exponent = decimal.exponent + 16;  // of the first digit
-    char digits[40];                             // more than is used: blocks of fixed size are copied from it
+    int const exponent = decimal.exponent + 16;  // power of ten of the first digit
+    char digits[40];                             // larger than 17, since blocks of fixed size are copied from it
     digits[0] = static_cast<char>('0' + decimal.digits / least);
     U64 const rest = decimal.digits % least;
     writeEight(digits + 1, static_cast<U32>(rest / 100000000));
@@ -137,7 +140,7 @@ char* writeShortest(char* to, double value) {
 char* writeDouble(char* to, double value) {
     if (std::signbit(value)) {
         *to = '-';
-        to += std::isnan(value) ? 0 : 1;  // a NaN has no sign here
+        to += std::isnan(value) ? 0 : 1;  // the text of a NaN has no sign
         value = -value;
     }
     U64 millionths = 0;
@@ -155,7 +158,7 @@ char* writeDouble(char* to, double value) {
 
 namespace {
 
-// The general case: read by the C++ library, and accepted if the printer would have written the same.
+// Handles the general case: reads by std::from_chars, and accepts the text only if writeDouble() writes the same.
 VEL_COLD char const* readDoubleSlow(char const* from, char const* end, double& value) {
     char const* stop = from;
     while (stop != end && (isDigit(*stop) || std::strchr(".e+-infa", *stop)) && *stop) ++stop;
@@ -170,44 +173,45 @@ VEL_COLD char const* readDoubleSlow(char const* from, char const* end, double& v
     return at;
 }
 
-// The double nearest to the decimal, if it can be told by a product of 128 bits (as in Daniel Lemire, "Number Parsing
-// at a Gigabyte per Second", 2021) that it is this one, and that the printer writes it with these digits.
-// REQUIRES: the decimal is not zero and does not end in the digit zero.
+// Sets `value` to the double that is nearest to the decimal, found by a product of 128 bits (as in Daniel Lemire,
+// "Number Parsing at a Gigabyte per Second", 2021). Returns false if the product does not decide which double is the
+// nearest, or whether writeDouble() writes these digits for it.
+// REQUIRES: the decimal is not zero and its last digit is not zero.
 bool nearestDouble(Decimal decimal, double& value) {
     if (decimal.exponent < leastPower || decimal.exponent > mostPower) return false;
     auto const leadingZeros = std::countl_zero(decimal.digits);
     Significand const g = powerOfTen(decimal.exponent);
     U64 const w = decimal.digits << leadingZeros;
-    U128 const product = U128(w) * g.high + ((U128(w) * g.low) >> 64);  // the true one is less than 1 away
+    U128 const product = U128(w) * g.high + ((U128(w) * g.low) >> 64);  // less than 1 away from the true product
     auto const high = static_cast<U64>(product >> 64);
     auto const low = static_cast<U64>(product);
     int const shift = 10 + static_cast<int>(high >> 63);
-    U64 const rest = high << (64 - shift) | low >> shift;  // what follows the 53 bits, in 2^-64 of the last one
+    U64 const rest = high << (64 - shift) | low >> shift;  // bits below the 53, in units of 2^-64 of the last of those
     constexpr U64 half = U64(1) << 63;
     if (rest - (half - 4) <= 8) return false;
     bool const up = rest > half;
     U64 const mantissa = (high >> shift) + (up ? 1 : 0);
     int const biased = powerExponent(decimal.exponent) + 1 - leadingZeros + shift + 1075;
-    // Of a power of two the doubles on either side are not equally far away.
+    // The doubles on the two sides of a power of two are not equally far away.
     if (mantissa == hiddenBit || mantissa == 2 * hiddenBit || biased < 1 || biased > 2046) return false;
     value = std::bit_cast<double>(static_cast<U64>(biased) << 52 | (mantissa & (hiddenBit - 1)));
     constexpr U64 sixteenDigits = 1000000000000000ul;
-    if (decimal.digits < sixteenDigits) return true;  // up to 15 digits always survive, so none are fewer
+    if (decimal.digits < sixteenDigits) return true;  // up to 15 digits always read back, so no shorter text does
 
-    // 16 or 17 digits: the printer writes them if the last one is as near as it can be, and if both decimals with one
-    // digit fewer are outside the interval that rounds to the double. All in 2^-56 of the double's last bit, each
-    // amount true to about one, so a margin keeps what is too near to tell for the slow way.
+    // writeDouble() writes 16 or 17 digits if no other last digit is nearer, and if both decimals with one digit fewer
+    // are outside the interval that rounds to the double. All amounts are in units of 2^-56 of the double's last bit,
+    // and exact to about one unit. Cases within the margin are left to readDoubleSlow().
     if (decimal.digits >= 100 * sixteenDigits) return false;
     constexpr std::int64_t one = std::int64_t(1) << 56;
     constexpr std::int64_t margin = 64;
-    auto const distance = static_cast<std::int64_t>(rest >> 8) - (up ? one : 0);  // of the decimal from the double
-    auto const unit = static_cast<std::int64_t>(g.high >> (8 + shift - leadingZeros));  // of the decimal's last digit
+    auto const distance = static_cast<std::int64_t>(rest >> 8) - (up ? one : 0);  // from the double to the decimal
+    auto const unit = static_cast<std::int64_t>(g.high >> (8 + shift - leadingZeros));  // 1 in the decimal's last digit
     auto const lastDigit = static_cast<std::int64_t>(decimal.digits % 10);
     return 2 * std::abs(distance) + margin < unit && lastDigit * unit - distance > one / 2 + margin &&
            (10 - lastDigit) * unit + distance > one / 2 + margin;
 }
 
-// Reads "e+16" or "e-05" into the decimal's exponent; null when no printer writes that.
+// Reads "e+16" or "e-05" into `exponent`. Returns the end, or null if writeDouble() never writes such an exponent.
 char const* readExponent(char const* at, char const* end, int& exponent) {
     if (end - at < 4 || (at[1] != '+' && at[1] != '-')) return nullptr;
     bool const negative = at[1] == '-';
@@ -235,7 +239,7 @@ char const* readDouble(char const* from, char const* end, double& value) {
     char const* const fraction = ++at;
     at = readDigits(from, at, end, decimal.digits);
     std::ptrdiff_t const places = at - fraction;
-    std::ptrdiff_t digits = wholeDigits + places;  // 19 fit the number; zeros in front do not count
+    std::ptrdiff_t digits = wholeDigits + places;  // without leading zeros; 19 of them fit into U64
     if (wholeNumber == 0)
         for (char const* zero = fraction; zero != at && *zero == '0'; ++zero) --digits;
     if (places == 0 || digits > 19 || places > mostExactPower) return readDoubleSlow(from, end, value);
@@ -253,11 +257,11 @@ char const* readDouble(char const* from, char const* end, double& value) {
         if (!at || wholeDigits != 1 || wholeNumber == 0) return readDoubleSlow(from, end, value);
         decimal.exponent += exponent;
     } else if (wholeNumber == 0 && places > 4 && static_cast<double>(decimal.digits) < exactPowers[places - 4]) {
-        return readDoubleSlow(from, end, value);  // below 1e-4 it takes an exponent
+        return readDoubleSlow(from, end, value);  // below 1e-4, a canonical text has an exponent
     }
 
     double magnitude = 0;
-    // See asMillionths; and up to 15 digits always survive.
+    // For these decimals the quotient below is right: see asMillionths(); and up to 15 digits always read back.
     bool const few = decimal.digits < 1000000000000000ul ||
                      (decimal.exponent >= -6 && decimal.digits < 4000000000000000ul && wholeNumber < 4500000000ul);
     if (few && decimal.exponent <= 0 && decimal.exponent >= -mostExactPower)

@@ -5,18 +5,18 @@
 #include <array>
 #include <bit>
 
-// The powers of ten as 128-bit significands, computed by the compiler.
+// The powers of ten as 128-bit significands, computed at compile time.
 namespace Vel::Scan {
 
 __extension__ typedef unsigned __int128 U128;
 
-inline constexpr int leastPower = -292, mostPower = 324;  // what the shortest decimal of a double may take
+inline constexpr int leastPower = -292, mostPower = 324;  // range needed for the shortest decimals of doubles
 
 struct Significand {
     U64 high, low;
 };
 
-// The binary exponent of 10^k: 2^n <= 10^k < 2^(n + 1), for |k| <= 1233.
+// Returns the binary exponent n of 10^k: 2^n <= 10^k < 2^(n + 1). REQUIRES: |k| <= 1233.
 constexpr int powerExponent(int k) { return (k * 1741647) >> 19; }
 
 namespace Detail {
@@ -24,7 +24,7 @@ namespace Detail {
 // A number of 1152 bits, least limb first.
 using Large = std::array<U64, 18>;
 
-// The 128 bits from the first one on, rounded up where anything follows them, or always.
+// Returns 128 bits from the highest set bit on, rounded up if a lower bit is set, or if `alwaysUp`.
 constexpr Significand leading(Large const& n, bool alwaysUp) {
     std::size_t top = n.size() - 1;
     while (n[top] == 0) --top;
@@ -51,7 +51,8 @@ constexpr auto computePowers() {
             carry = static_cast<U64>(product >> 64);
         }
     }
-    // Dividing a high power of two by ten again and again loses nothing: the floor of a floor is the floor.
+    // Repeated division of a high power of two by ten is exact enough, since floor(floor(x / 10) / 10) is
+    // floor(x / 100).
     n = {};
     n.back() = U64(1) << 63;
     for (int k = -1; k >= leastPower; --k) {
@@ -70,7 +71,7 @@ inline constexpr auto powers = computePowers();
 
 }  // namespace Detail
 
-// g, rounded up, such that 10^k = g * 2^(powerExponent(k) - 127). REQUIRES: leastPower <= k <= mostPower.
+// Returns g, rounded up, such that 10^k = g * 2^(powerExponent(k) - 127). REQUIRES: leastPower <= k <= mostPower.
 inline Significand powerOfTen(int k) { return Detail::powers[static_cast<std::size_t>(k - leastPower)]; }
 
 }  // namespace Vel::Scan
