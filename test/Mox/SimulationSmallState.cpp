@@ -134,7 +134,7 @@ template <class Id, class Rest> void splitMessage(std::span<U8 const> message, I
 class Small::StateBytes {
 public:
     explicit StateBytes(Small& small)
-        : source_(small.pair_.source),
+        : source_(small.pair_.source.impl()),
           replica_(small.pair_.replica),
           reader_(static_cast<AttrLogReader*>(small.pair_.reader.get())) {
         findIds();
@@ -323,7 +323,7 @@ private:
         }
     }
 
-    Vel::AttrLogSource& source_;
+    Vel::AttrLogSource::Impl& source_;
     Vel::AttrLogReplica& replica_;
     AttrLogReader* reader_;
     Ranks ranks_;

@@ -52,12 +52,8 @@ void AttrLogReader::handleMessage(MessageKind kind, In& body) {
         throw StreamException(format("a reader sends no message of kind %u now", static_cast<unsigned>(kind)), 0);
     EntityId const id = nextCompact(body);
     AttributeId const attribute = nextCompact(body);
-    Entity::VelNboAttrLogSa* const adapter = source_->adapter(id);
-    if (!adapter)
-        return;  // gone, and the reader has not heard of it yet; or of another view, which it knows nothing of
-    AttrLogSource::Write const write(*source_, mayWrite_);
     In items({body.data(), body.left()});
-    adapter->writeFromRemote(attribute, items);
+    source_->write(id, attribute, items, mayWrite_);
 }
 
 void AttrLogReader::hello(In& body) {
@@ -78,7 +74,7 @@ void AttrLogReader::hello(In& body) {
     if (version != streamVersion)
         return refuse(
             format("the client speaks version %u of the protocol, and the server version %u", version, streamVersion));
-    AttrLogSource* const source = finder_(path);
+    AttrLogSource::Impl* const source = finder_(path);
     if (!source) return refuse("there is nothing at '" + peerText(path.view()) + "'");
     if (String const why = admission_ ? admission_() : String(); !why.empty()) return refuse(why);
     bool const wanted = wantsOutput();

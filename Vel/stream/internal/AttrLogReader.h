@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Vel/base/TableHash.h"
-#include "Vel/stream/AttrLogSource.h"
+#include "Vel/stream/internal/AttrLogSourceImpl.h"
 #include "Vel/stream/internal/StreamProtocol.h"
 
 #include <functional>
@@ -14,8 +14,7 @@ namespace Vel {
 // A source's side of one connection. It waits for a hello, then catches up, then reads the log.
 class VEL_API AttrLogReader final : public StreamPeer, public NboAttrLog::FlowConnection {
 public:
-    using Finder = std::function<AttrLogSource*(String const& path)>;
-
+    using Finder = std::function<AttrLogSource::Impl*(String const& path)>;
     using Admission = std::function<String()>;
 
     // `finder` gives the source for the path that the reader asks for, or null. `mayWrite`: if the source lets anybody.
@@ -37,7 +36,10 @@ public:
     void refuseLater(String text);           // at the next output
     bool accepts(VelType type, String& reason) const;
     void entityHasGone(EntityId id, bool mayReturn) override { (mayReturn ? goneFirst_ : gone_).push_back(id); }
-    void wakeUp() { wake(); }
+    void wakeUp() {  // it awaited a change, and there is one
+        isAwaiting_ = false;
+        wake();
+    }
 
     // What one output() does at most while the reader catches up, in messages and in entities that are done with, so
     // that others have their turn after a millisecond or two.
@@ -63,7 +65,7 @@ private:
 
     Finder finder_;
     Admission admission_;
-    AttrLogSource* source_ = nullptr;
+    AttrLogSource::Impl* source_ = nullptr;
     std::unordered_map<std::string, U64, TableHasher> modules_;  // the reader's, with fingerprints
     std::vector<EntityId> gone_;                                 // to be told when all else is sent
     std::vector<EntityId> goneFirst_;                            // to be told at once, since they may come back
@@ -79,7 +81,6 @@ private:
     bool isAwaiting_ = false;
     bool isLogsTurn_ = false;  // the last output() was its own
     bool mayWrite_;
-    friend class AttrLogSource;
 };
 
 }  // namespace Vel

@@ -147,7 +147,7 @@ TEST_F(StreamBytesTest, DestroyedEntityIsGone) {
     auto const other = Leaf::newEntity("y");
     root->entryIs(other);
     sent();
-    Vel::EntityId const id = pair.source.adapter(*other)->id();
+    Vel::EntityId const id = pair.source.impl().adapter(*other)->id();
     EXPECT_EQ(id, 3u);
     root->entryDel("x");
     leaf->peerIs(nullptr);

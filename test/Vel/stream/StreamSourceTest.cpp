@@ -111,9 +111,9 @@ TEST_F(StreamSourceTest, ChangeIsEncodedOnceForAllThatReadAlong) {
         replicas.back()->input(takeOutput(*readers.back()));
     }
     EXPECT_EQ(pair.source.liveReaders(), 16u);
-    Vel::U64 const before = pair.source.log().messages();
+    Vel::U64 const before = pair.source.messages();
     for (U32 i = 1; i <= 10; ++i) a->sizeIs(i);
-    EXPECT_EQ(pair.source.log().messages() - before, 10u);
+    EXPECT_EQ(pair.source.messages() - before, 10u);
     auto const* const first = readers[0]->output(1000).data();
     for (auto const& reader : readers) EXPECT_EQ(reader->output(1000).data(), first);
     for (std::size_t i = 0; i < readers.size(); ++i) {
@@ -159,11 +159,11 @@ TEST_F(StreamSourceTest, IsSweptWhenHalfAsManyReferencesWereDroppedAsThereAreEnt
 
 TEST_F(StreamSourceTest, NothingIsWrittenToTheLogWhenNobodyReadsIt) {
     a->sizeIs(1);
-    Vel::U64 const before = pair.source.log().messages();
+    Vel::U64 const before = pair.source.messages();
     EXPECT_GT(before, 0u);
     pair.reader->closed("gone");
     a->sizeIs(2);
-    EXPECT_EQ(pair.source.log().messages(), before);
+    EXPECT_EQ(pair.source.messages(), before);
 }
 
 // A longer form of a length would be read as well, and cost every reader.
@@ -194,7 +194,7 @@ TEST_F(SmallLogTest, StalledReaderCostsAFlagAndNoQueue) {
     observe(*leafOf("a"));
     for (U32 i = 1; i <= 100000; ++i) a->sizeIs(i);
     EXPECT_EQ(pair.source.liveReaders(), 0u);
-    EXPECT_LE(pair.source.log().size(), 1000u + 256u);
+    EXPECT_LE(pair.source.impl().log().size(), 1000u + 256u);
     EXPECT_GT(pair.source.coalesced(), 99000u);
     pair.run();
     EXPECT_EQ(notified, Strings{"a 258"});
@@ -269,7 +269,7 @@ TEST_F(SmallLogTest, OutputStaysInPlaceUntilItIsTaken) {
         if (i % 110 == 0) other.input(takeOutput(*reader));  // so late that all chunks come into use
     }
     EXPECT_EQ(Bytes(bytes.begin(), bytes.end()), before);
-    EXPECT_LE(pair.source.log().size(), 1000u + 256u);
+    EXPECT_LE(pair.source.impl().log().size(), 1000u + 256u);
 }
 
 TEST_F(StreamSourceTest, BacklogIsThatOfTheSlowestReaderThatKeepsUp) {
@@ -312,10 +312,10 @@ protected:
 };
 
 TEST_F(MulticastTest, WhatIsDeliveredIsNotInTheLog) {
-    Vel::U64 const before = pair.source.log().messages();
+    Vel::U64 const before = pair.source.messages();
     a->sizeIs(5);
     EXPECT_EQ(delivered, Strings{"a 258"});
-    EXPECT_EQ(pair.source.log().messages(), before);
+    EXPECT_EQ(pair.source.messages(), before);
     EXPECT_FALSE(pair.reader->wantsOutput());
 }
 
@@ -495,7 +495,7 @@ TEST_F(StreamSourceTest, WriteToAReadOnlySourceIsRefused) {
     takeOutput(*reader);
     Vel::NboAttrLog::BufferSm sm;
     sm.begin(Vel::NboAttrLog::MessageKind::write, 7)
-        << Vel::NboAttrLog::Compact{pair.source.adapter(*a)->id()} << Vel::NboAttrLog::Compact{258} << U32(5);
+        << Vel::NboAttrLog::Compact{pair.source.impl().adapter(*a)->id()} << Vel::NboAttrLog::Compact{258} << U32(5);
     sm.commit();
     reader->input(sm.bytes());
     EXPECT_EQ(told(takeOutput(*reader)), Strings{"refused /a is mounted read-only and takes no changes"});
@@ -817,30 +817,30 @@ TEST_F(StreamSourceTest, WhatCannotBeReachedAnyMoreIsSweptOut) {
 }
 
 TEST_F(StreamSourceTest, IdIsNeverUsedAgain) {
-    Vel::EntityId const id = pair.source.adapter(*a)->id();
+    Vel::EntityId const id = pair.source.impl().adapter(*a)->id();
     root->entryDel("a");
     a = nullptr;
     auto const b = Leaf::newEntity("a");
     root->entryIs(b);
-    EXPECT_GT(pair.source.adapter(*b)->id(), id);
+    EXPECT_GT(pair.source.impl().adapter(*b)->id(), id);
 }
 
 TEST_F(StreamSourceTest, SlotIsUsedAgain) {
-    U32 const slot = pair.source.adapter(*a)->slot();
+    U32 const slot = pair.source.impl().adapter(*a)->slot();
     root->entryDel("a");
     a = nullptr;
     auto const b = Leaf::newEntity("b");
     root->entryIs(b);
-    EXPECT_EQ(pair.source.adapter(*b)->slot(), slot);
+    EXPECT_EQ(pair.source.impl().adapter(*b)->slot(), slot);
 }
 
 TEST_F(StreamSourceTest, SlotOfWhatHasGoneIsNobodys) {
-    U32 const slot = pair.source.adapter(*a)->slot();
-    EXPECT_TRUE(pair.source.members().has(slot));
+    U32 const slot = pair.source.impl().adapter(*a)->slot();
+    EXPECT_TRUE(pair.source.impl().members().has(slot));
     root->entryDel("a");
     a = nullptr;
-    EXPECT_FALSE(pair.source.members().has(slot));
-    EXPECT_EQ(pair.source.demuxer().adapterAt(slot), nullptr);
+    EXPECT_FALSE(pair.source.impl().members().has(slot));
+    EXPECT_EQ(pair.source.impl().demuxer().adapterAt(slot), nullptr);
 }
 
 // --- ids run out ---
@@ -848,7 +848,7 @@ TEST_F(StreamSourceTest, SlotOfWhatHasGoneIsNobodys) {
 // Three ids are left.
 class LastIdsTest : public StreamSourceTest {
 protected:
-    LastIdsTest() { pair.source.lastIdIs(~Vel::EntityId(0) - 3); }
+    LastIdsTest() { pair.source.impl().demuxer().lastIdIs(~Vel::EntityId(0) - 3); }
     void addLeaves(int count) {
         for (int i = 0; i < count; ++i) root->entryIs(Leaf::newEntity(Vel::format("n%d", i)));
     }
@@ -857,7 +857,7 @@ protected:
 
 TEST_F(LastIdsTest, LastIdIsAnIdAsAnyOther) {
     addLeaves(3);
-    EXPECT_EQ(pair.source.adapter(*root->entry("n2"))->id(), ~Vel::EntityId(0));
+    EXPECT_EQ(pair.source.impl().adapter(*root->entry("n2"))->id(), ~Vel::EntityId(0));
     pair.run();
     pair.expectEqual();
     EXPECT_EQ(pair.replica.error(), "");
@@ -881,8 +881,8 @@ TEST_F(LastIdsTest, ReadersAreRefusedAndNextTimeIdsBeginAnew) {
     pair.expectEqual();
     EXPECT_EQ(leafOf("a"), copyOfA);
     EXPECT_EQ(notified.size(), 4u);
-    EXPECT_EQ(pair.source.adapter(*root)->id(), 1u);
-    EXPECT_LE(pair.source.adapter(*root->entry("n3"))->id(), 6u);
+    EXPECT_EQ(pair.source.impl().adapter(*root)->id(), 1u);
+    EXPECT_LE(pair.source.impl().adapter(*root->entry("n3"))->id(), 6u);
     EXPECT_EQ(pair.source.entities(), 6u);
 }
 
@@ -916,7 +916,7 @@ TEST_F(LastIdsTest, WithoutReadersItStartsOverUnnoticed) {
     pair.connect();
     pair.run();
     pair.expectEqual();
-    EXPECT_EQ(pair.source.adapter(*root)->id(), 1u);
+    EXPECT_EQ(pair.source.impl().adapter(*root)->id(), 1u);
 }
 
 TEST_F(LastIdsTest, PointerThatTakesTheLastIdsStartsOver) {
