@@ -14,6 +14,7 @@ struct StreamTable;
 
 namespace NboAttrLog {
 
+class FlowConnection;
 class FlowOut;
 
 // How far a collection has been flowed out. It gives every key that is there all the time. What comes or goes meanwhile
@@ -118,12 +119,11 @@ public:
     U32 attrLogFlags() const { return attrLogFlags_; }
     void attrLogFlagsIs(U32 bits, bool on) { attrLogFlags_ = on ? attrLogFlags_ | bits : attrLogFlags_ & ~bits; }
 
-    // Writes one message with the attribute's value. `flowingOut`: to the reader that is being flowed out to, else to
-    // all that read along.
-    template <class T> void handleValueSerialization(AttributeId id, T const& value, bool flowingOut) {
+    // Writes one message with the attribute's value to the connection; null: to all that read along.
+    template <class T> void handleValueSerialization(AttributeId id, T const& value, FlowConnection* to) {
         if ((attrLogFlags_ & multicastBit) && !(attrLogFlags_ & (flowingOutBit | fromRemoteBit)))
             if (doMessageMulticast(id)) return;
-        OutSm* const sm = singletonSerializeCheck(id, flowingOut, true, attrLogSize(&value), false);
+        OutSm* const sm = singletonSerializeCheck(id, to, true, attrLogSize(&value), false);
         if (!sm) return;
         sm->out() << value;
         Impl::outSmCommitMessage(*sm);
@@ -131,8 +131,8 @@ public:
 
     // The same for what a collection of values holds at a key, of which `key` is the encoding.
     template <class T>
-    void handleKeySerialization(AttributeId id, std::span<U8 const> key, T const& value, bool flowingOut) {
-        OutSm* const sm = singletonSerializeCheck(id, flowingOut, false, key.size() + attrLogSize(&value), true);
+    void handleKeySerialization(AttributeId id, std::span<U8 const> key, T const& value, FlowConnection* to) {
+        OutSm* const sm = singletonSerializeCheck(id, to, false, key.size() + attrLogSize(&value), true);
         if (!sm) return;
         std::memcpy(sm->out().append(key.size()), key.data(), key.size());
         sm->out() << value;
@@ -144,7 +144,7 @@ public:
     // The output for a value of `encodedSize` bytes, a message begun in it; null when nobody wants it. `whole`: the
     // message holds the whole attribute, and not one key, which `isKey` says.
     virtual OutSm* singletonSerializeCheck(
-        AttributeId id, bool flowingOut, bool whole, std::size_t encodedSize, bool isKey) = 0;
+        AttributeId id, FlowConnection* to, bool whole, std::size_t encodedSize, bool isKey) = 0;
 
 private:
     U32 attrLogFlags_ = 0;
@@ -166,7 +166,8 @@ struct StreamAttribute {
     bool varies;        // the value, or those of a collection, take more bytes or fewer
 
     // Of a value:
-    void (*serialize)(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, bool flowingOut);
+    void (*serialize)(
+        NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, NboAttrLog::FlowConnection* to);
     void (*apply)(Entity& entity, NboAttrLog::In& in);
     // Of a pointer:
     Entity* (*target)(Entity const& entity);
@@ -187,7 +188,7 @@ struct StreamAttribute {
     // Of values:
     bool (*holds)(Entity const& entity, NboAttrLog::In& key);
     void (*serializeKey)(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, std::span<U8 const> key,
-        bool flowingOut);
+        NboAttrLog::FlowConnection* to);
     void (*applyKey)(Entity& entity, NboAttrLog::In& key, NboAttrLog::In& value);
 
     bool holdsEntities() const { return kind == StreamKind::references || kind == StreamKind::instances; }

@@ -26,9 +26,10 @@ inline void needEnd(NboAttrLog::In const& in) {
 template <class T, class A> struct StreamedAttribute {
     using Value = typename A::Value;
 
-    static void serialize(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, bool flowingOut) {
+    static void serialize(
+        NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, NboAttrLog::FlowConnection* to) {
         // What is stored: an accessor may compute, and tell observers, and throw.
-        sink.handleValueSerialization(id, static_cast<T const&>(entity).*A::member, flowingOut);
+        sink.handleValueSerialization(id, static_cast<T const&>(entity).*A::member, to);
     }
     static void apply(Entity& entity, NboAttrLog::In& in) {
         Value const value = nextItem<Value>(in);
@@ -189,10 +190,10 @@ template <class T, class A> struct StreamedValues : StreamedKeys<T, A> {
         return Keys::template withKey<A::exists>(static_cast<T const&>(entity), in);
     }
     static void serializeKey(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity,
-        std::span<U8 const> key, bool flowingOut) {
+        std::span<U8 const> key, NboAttrLog::FlowConnection* to) {
         In in(key);
         Value const& value = Keys::template withKey<A::get>(static_cast<T const&>(entity), in);
-        sink.handleKeySerialization(id, key, value, flowingOut);
+        sink.handleKeySerialization(id, key, value, to);
     }
     // What is there already is not set again, so that observers are told of differences only.
     static void applyKey(Entity& entity, In& in, In& items) {

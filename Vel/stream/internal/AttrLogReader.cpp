@@ -164,10 +164,9 @@ void AttrLogReader::outputCatchingUp(std::size_t limit) {
     room_ = limit;
     lastStep_ = steps() + mostSteps;
     try {
-        catchUp();
+        source_->demuxer().givingIds([this] { catchUp(); });
     } catch (Refusal const& refusal) {
         refuse(refusal.text);
-        if (source_->demuxer().idsAreOut()) source_->demuxer().startOver();
     }
     if (source_ && !isLive_ && !StreamPeer::wantsOutput()) wake();  // there was nothing to say of so many
 }

@@ -32,10 +32,9 @@ AttrLogSource::Impl::~Impl() {
 // --- readers ---
 
 void AttrLogSource::Impl::attach(AttrLogReader& reader) {
-    adapterIs(root());
     readers_.push_back(&reader);
     demuxer().catchingUpIs(reader, true);
-    if (demuxer().idsAreOut()) demuxer().startOver();
+    demuxer().givingIds([this] { adapterIs(root()); });
 }
 
 void AttrLogSource::Impl::detach(AttrLogReader& reader) {
@@ -46,7 +45,8 @@ void AttrLogSource::Impl::detach(AttrLogReader& reader) {
 }
 
 void AttrLogSource::Impl::clear() {
-    for (AttrLogReader* const reader : std::vector(readers_)) reader->leaveSource(FlowConnection::idsAreOut);
+    for (AttrLogReader* const reader : std::vector(readers_))
+        reader->leaveSource("entity ids have run out, and begin anew with the next connection");
     StreamView::clear();
 }
 
@@ -91,13 +91,13 @@ void AttrLogSource::Impl::Live::entityHasGone(EntityId id, bool) {
 
 void AttrLogSource::Impl::changesAreWritten() {
     if (log_.messages() == lastMessages_ && !live_.hasWaiting()) return;
-    try {
+    bool const isWritten = demuxer().givingIds([this] {
         while (liveReaders_ != 0 && live_.hasWaiting()) {
             live_.continueFlowOut();
             trimLog();
         }
-    } catch (FlowConnection::Refusal const&) {}  // no ids are left; of readers each is refused by itself
-    if (demuxer().idsAreOut()) return demuxer().startOver();
+    });
+    if (!isWritten) return;
     lastMessages_ = log_.messages();
     if (log_.head().chunk != lastChunk_) trimLog();
     if (!awaiting_.empty()) wakeAwaiting();

@@ -949,8 +949,8 @@ public:
         return delivers;
     }
     Vel::NboAttrLog::OutSm* singletonSerializeCheck(
-        AttributeId id, bool flag, bool whole, std::size_t size, bool isKey) override {
-        calls.push_back(Vel::format("check %u %d %d %zu %d", id, flag, whole, size, isKey).stdString());
+        AttributeId id, Vel::NboAttrLog::FlowConnection* to, bool whole, std::size_t size, bool isKey) override {
+        calls.push_back(Vel::format("check %u %d %d %zu %d", id, to != nullptr, whole, size, isKey).stdString());
         if (!takes) return nullptr;
         sm.begin(Vel::NboAttrLog::MessageKind::value, size);
         return &sm;
@@ -964,31 +964,32 @@ public:
 class HandleValueSerializationTest : public testing::Test {
 protected:
     Ptr<Leaf> leaf = Leaf::newEntity("a");
-    Vel::StreamDemuxer demuxer;
-    Recorder recorder{demuxer, *leaf, 1, 0};
+    Vel::StreamView view{leaf};
+    StreamTest::Line line{view};
+    Recorder recorder{view.demuxer(), *leaf, 1, 0};
 };
 
 TEST_F(HandleValueSerializationTest, ChecksThenWritesThenCommits) {
-    recorder.handleValueSerialization(259, Fixture::Version(7, true), true);
+    recorder.handleValueSerialization(259, Fixture::Version(7, true), &line);
     EXPECT_EQ(recorder.calls, Strings{"check 259 1 1 5 0"});
     EXPECT_EQ(messages(recorder.sm.bytes()), Strings{"050000000701"});
-    recorder.handleValueSerialization(260, String("abc"), false);
+    recorder.handleValueSerialization(260, String("abc"), nullptr);
     EXPECT_EQ(recorder.calls.back(), "check 260 0 1 7 0");
 }
 
 TEST_F(HandleValueSerializationTest, StopsWhereThereIsNoOutput) {
     recorder.takes = false;
-    recorder.handleValueSerialization(259, U32(1), false);
+    recorder.handleValueSerialization(259, U32(1), nullptr);
     EXPECT_EQ(recorder.sm.size(), 0u);
 }
 
 TEST_F(HandleValueSerializationTest, MulticastThatDeliversIsAll) {
     recorder.attrLogFlagsIs(0x4000, true);
     recorder.delivers = true;
-    recorder.handleValueSerialization(259, U32(1), false);
+    recorder.handleValueSerialization(259, U32(1), nullptr);
     EXPECT_EQ(recorder.calls, Strings{"multicast 259"});
     recorder.delivers = false;
-    recorder.handleValueSerialization(259, U32(1), false);
+    recorder.handleValueSerialization(259, U32(1), nullptr);
     EXPECT_EQ(recorder.calls.back(), "check 259 0 1 4 0");
 }
 
@@ -996,7 +997,7 @@ TEST_F(HandleValueSerializationTest, NoMulticastToOneReaderOrOfAReadersChange) {
     for (U32 const bit : {0x80000u, 0x100000u}) {
         recorder.calls.clear();
         recorder.attrLogFlagsIs(0x4000 | bit, true);
-        recorder.handleValueSerialization(259, U32(1), false);
+        recorder.handleValueSerialization(259, U32(1), nullptr);
         EXPECT_EQ(recorder.calls, Strings{"check 259 0 1 4 0"});
         recorder.attrLogFlagsIs(bit, false);
     }
@@ -1006,7 +1007,8 @@ TEST(StreamAdapterDeathTest, NothingIsAppliedWhileItIsWritten) {
     class Reentrant : public Recorder {
     public:
         using Recorder::Recorder;
-        Vel::NboAttrLog::OutSm* singletonSerializeCheck(AttributeId id, bool, bool, std::size_t, bool) override {
+        Vel::NboAttrLog::OutSm* singletonSerializeCheck(
+            AttributeId id, Vel::NboAttrLog::FlowConnection*, bool, std::size_t, bool) override {
             Bytes const bytes(4);
             Vel::NboAttrLog::In in(bytes);
             onAttributeForConnection(id, in);
@@ -1016,7 +1018,7 @@ TEST(StreamAdapterDeathTest, NothingIsAppliedWhileItIsWritten) {
     auto const leaf = Leaf::newEntity("a");
     Vel::StreamDemuxer demuxer;
     Reentrant adapter(demuxer, *leaf, 1, 0);
-    EXPECT_DEATH(adapter.handleAttributeSerialization(*adapter.table().find(258), false), "!_isActive");
+    EXPECT_DEATH(adapter.handleAttributeSerialization(*adapter.table().find(258), nullptr, nullptr), "!_isActive");
 }
 
 }  // namespace

@@ -130,7 +130,8 @@ inline std::string toldOf(MessageKind kind, In in) {
 class Hex final : public Vel::NboAttrLog::SerializeSink, public Vel::NboAttrLog::OutSm {
 public:
     bool doMessageMulticast(Vel::AttributeId) override { return false; }
-    OutSm* singletonSerializeCheck(Vel::AttributeId, bool, bool, std::size_t size, bool) override {
+    OutSm* singletonSerializeCheck(
+        Vel::AttributeId, Vel::NboAttrLog::FlowConnection*, bool, std::size_t size, bool) override {
         begin(MessageKind::value, size);
         return this;
     }
@@ -151,7 +152,7 @@ public:
             std::string const below = path + "." + std::to_string(attribute.id);
             if (attribute.kind == StreamKind::value) {
                 Hex sink;
-                attribute.serialize(sink, attribute.id, entity, true);
+                attribute.serialize(sink, attribute.id, entity, nullptr);
                 text += hex(Vel::NboAttrLog::messageBody(sink.bytes.bytes()));
             } else if (attribute.kind == StreamKind::pointer) {
                 Entity const* const target = attribute.target(entity);
@@ -163,7 +164,7 @@ public:
                     Out key;
                     keys->next(key);
                     Hex sink;
-                    attribute.serializeKey(sink, attribute.id, entity, key.bytes(), true);
+                    attribute.serializeKey(sink, attribute.id, entity, key.bytes(), nullptr);
                     values[hex(key.bytes())] =
                         hex(Vel::NboAttrLog::messageBody(sink.bytes.bytes()).subspan(key.size()));
                 }
