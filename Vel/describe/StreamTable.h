@@ -57,9 +57,9 @@ template <class Key, class Range> class OrderedBookmark final : public velFlowOu
 public:
     explicit OrderedBookmark(Range const& range) : range_(range) { note(range.begin()); }
     void next(Out& key) override {
-        Key const given = this->keys().front();
+        if (this->left() != 1) return velFlowOutBookmarkDeq<Key>::next(key);
+        Key const given = this->keys().front();  // the last that was noted: behind it the next few are looked for
         velFlowOutBookmarkDeq<Key>::next(key);
-        if (!this->keys().empty()) return;
         if constexpr (requires { range_.upper_bound(given); })
             note(range_.upper_bound(given));
         else
