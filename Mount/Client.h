@@ -35,7 +35,8 @@ public:
     State state() const;
     void onStateIs(std::function<void(State)> told);
     bool isConnected() const;
-    String const& error() const;  // what the last attempt failed by; empty once synced
+    String const& error() const;     // what the last attempt failed by; empty once synced
+    Vel::StreamFault fault() const;  // of which kind that is; what is no fault of the copy is StreamFault::other
     // Told whenever an attempt fails or a connection is lost.
     void onErrorIs(std::function<void(String const& error)> told);
     Vel::Ptr<ClientStatus> status() const;  // kept up to date; make it an entry of a directory to have it found

@@ -185,7 +185,7 @@ private:
     }
 
     void failed(std::string const& error) {
-        std::string const text = (error.empty() ? "the connection was closed" : error) + adviceFor(error);
+        std::string const text = (error.empty() ? "the connection was closed" : error) + adviceFor(client_->fault());
         if (text == error_) return;  // once is enough, however often it is tried
         error_ = text;
         // What a connection was lost by is told with that.

@@ -284,6 +284,7 @@ void Connection::end() {
         if (hasError) reason_ = peer_->error();
         try {
             peer_->closed(reason_);
+            fault_ = peer_->fault();
         } catch (std::exception const& error) {  // of somebody who was told; what follows has to happen all the same
             reason_ = error.what();
         }

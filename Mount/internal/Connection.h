@@ -45,6 +45,7 @@ public:
     void refuse(String const& reason);  // the same, but the other side is told why, as far as that takes no waiting
 
     String const& peerName() const { return channel_->peerName(); }
+    Vel::StreamFault fault() const { return fault_; }  // of which kind the error is that it has ended by
     U64 bytesIn() const { return bytesIn_; }
     U64 bytesOut() const { return bytesOut_; }
     std::size_t held() const { return held_; }  // of the shared memory
@@ -105,6 +106,7 @@ private:
     bool isBusy_ = false;        // the peer is at work
     bool isToEnd_ = false;       // as soon as it is not
     String reason_;
+    Vel::StreamFault fault_ = Vel::StreamFault::other;
 };
 
 }  // namespace Mount

@@ -5,6 +5,7 @@
 #include "Vel/stream/internal/ReplicaSize.h"
 #include "Vel/stream/internal/StreamAdapter.h"
 #include "Vel/stream/internal/StreamProtocol.h"
+#include "Vel/stream/internal/StreamRefusal.h"
 #include "Vel/text/PeerText.h"
 
 #include <algorithm>
@@ -235,13 +236,13 @@ void AttrLogReplica::type(In& body) {
     if (types_.size() >= limits().types) throw StreamException("the source has too many types", 0);
     VelType const type = Registry::type(name);
     if (!type || !type.isEntity() || !type.glue().stream)
-        throw StreamException("no module of the client has the entity type '" + peerText(name.view()) + "'", 0);
+        throw StreamRefusalException(
+            {StreamFault::noSuchModule, "no module of the client has the entity type '" + peerText(name.view()) + "'"});
     if (!(module == type.moduleName()) || fingerprint != type.moduleFingerprint())
-        throw StreamException(
+        throw StreamRefusalException({StreamFault::otherVersion,
             format("%s comes from module %s, fingerprint %016lx, at the server and from %s, %016lx, at the client",
                 type.name(), peerText(module.view()).charPtr(), fingerprint, String(type.moduleName()).charPtr(),
-                type.moduleFingerprint()),
-            0);
+                type.moduleFingerprint())});
     if (!types_.try_emplace(index, type).second) throw StreamException(format("type %u is there already", index), 0);
 }
 

@@ -30,8 +30,8 @@ void connect(std::optional<Mount::Client>& client, Mount::Loop& loop, Vel::Ptr<V
     Mount::ClientOptions const& clientOptions, ConnectionOptions const& options);
 std::chrono::nanoseconds secondsFrom(double seconds);
 
-// What may be done about an error of a connection, behind "; ", or nothing.
-std::string adviceFor(std::string_view error);
+// What may be done about what a connection has ended by, behind "; ", or nothing.
+std::string adviceFor(Vel::StreamFault fault);
 
 // The error, behind the address unless that is its beginning anyway.
 std::string withAddress(ConnectionOptions const& options, std::string const& error);
@@ -52,12 +52,14 @@ public:
     Mount::Client& client() { return *client_; }
     Vel::Entity& root();
     std::string const& error() const { return error_; }  // the first one
+    Vel::StreamFault fault() const { return fault_; }    // of which kind that is
 
 private:
     ConnectionOptions const& options_;
     Mount::Loop loop_;
     Vel::Ptr<Vel::Dir> place_ = placeForCopy();
     std::string error_;
+    Vel::StreamFault fault_ = Vel::StreamFault::none;
     std::optional<Mount::Client> client_;
 };
 

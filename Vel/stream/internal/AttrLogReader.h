@@ -3,6 +3,7 @@
 #include "Vel/base/TableHash.h"
 #include "Vel/stream/internal/AttrLogSourceImpl.h"
 #include "Vel/stream/internal/StreamProtocol.h"
+#include "Vel/stream/internal/StreamRefusal.h"
 
 #include <functional>
 #include <string>
@@ -32,9 +33,10 @@ public:
     NboAttrLog::AttrLog::Position position() const { return position_; }
     void toldToCatchUp();  // it has fallen too far behind, and is not live any more
     U64 timesBehind() const { return timesBehind_; }
-    void leaveSource(String const& reason);  // closing, with this error
-    void refuseLater(String text);           // at the next output
-    bool accepts(VelType type, String& reason) const;
+    void leaveSource(String const& reason);   // closing, with this error
+    void refuseLater(StreamRefusal refusal);  // at the next output
+    // Why it can't be told of this type; empty when it can.
+    StreamRefusal refusalFor(VelType type) const;
     void entityHasGone(EntityId id, bool mayReturn) override { (mayReturn ? goneFirst_ : gone_).push_back(id); }
     void wakeUp() {  // it awaited a change, and there is one
         isAwaiting_ = false;
@@ -46,6 +48,8 @@ public:
     static constexpr U64 mostSteps = 4096;
 
 private:
+    using StreamPeer::refuse;
+    void refuse(StreamRefusal const& refusal) { refuse(refusal.text, refusal.fault); }
     NboAttrLog::OutSm& nboAttrLogOut() override { return out_; }
     bool isOkToSerialize() const override { return out_.size() < room_ && steps() < lastStep_; }
     U64 steps() const { return out_.messages() + flowed(); }
@@ -71,7 +75,7 @@ private:
     std::vector<EntityId> goneFirst_;                            // to be told at once, since they may come back
     std::shared_ptr<NboAttrLog::Out const> kept_;                // the chunk that the last output stands in
     NboAttrLog::AttrLog::Position position_;
-    String refusal_;
+    StreamRefusal refusal_;
     std::size_t modulesHeld_ = 0;  // bytes of modules_
     std::size_t room_ = 0;
     U64 lastStep_ = 0;             // before which the output() that is under way stops

@@ -78,8 +78,9 @@ void AttrLogSource::Impl::awaits(AttrLogReader& reader) {
 
 void AttrLogSource::Impl::refuseThoseWithout(VelType type) {
     for (AttrLogReader* const reader : readers_) {
-        String reason;
-        if (reader->isLive() && !reader->accepts(type, reason)) reader->refuseLater(reason);
+        if (!reader->isLive()) continue;
+        if (StreamRefusal refusal = reader->refusalFor(type); !refusal.text.empty())
+            reader->refuseLater(std::move(refusal));
     }
 }
 

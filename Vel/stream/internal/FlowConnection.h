@@ -27,14 +27,11 @@ public:
 
     virtual OutSm& nboAttrLogOut() = 0;
     virtual bool isOkToSerialize() const = 0;  // the output can take another message
-    virtual void typeIsNeeded(VelType) {}      // about to be told of this type; may throw Refusal
+    virtual void typeIsNeeded(VelType) {}      // about to be told of this type; may throw StreamRefusal
     // The entity, which the connection was told of, has left the view. `mayReturn`: it is in another one, and so may
     // come back under its id.
     virtual void entityHasGone(EntityId, bool /*mayReturn*/) {}
     virtual void changesAreWritten() {}  // to the output, perhaps, while the connection is a live one
-    struct Refusal {
-        String text;
-    };
 
     // Where an entity is referred to, so that a replica can find the one it may have there already.
     struct Via {

@@ -425,6 +425,7 @@ TEST_F(HostileSourceTest, TypeWithAnotherFingerprintIsRefusedByName) {
                       [](Out& out) { out << Compact{0} << String("Vel::Dir") << String("Dir") << Vel::U64(0x12); }),
         "Vel::Dir comes from module Dir, fingerprint 0000000000000012, at the server and from Dir, " +
             here.stdString() + ", at the client");
+    EXPECT_EQ(replica.fault(), Vel::StreamFault::otherVersion);
 }
 
 TEST_F(HostileSourceTest, TypeOfNoModuleIsRefused) {
@@ -432,6 +433,7 @@ TEST_F(HostileSourceTest, TypeOfNoModuleIsRefused) {
     expectRefused(message(MessageKind::type,
                       [](Out& out) { out << Compact{0} << String("No::Such") << String("No") << Vel::U64(0x12); }),
         "no module of the client has the entity type 'No::Such'");
+    EXPECT_EQ(replica.fault(), Vel::StreamFault::noSuchModule);
 }
 
 TEST_F(HostileSourceTest, NamesAreCutAndCleanedInErrors) {

@@ -444,6 +444,7 @@ TEST_F(StreamSourceTest, ReaderWithAnotherFingerprintIsRefusedByName) {
         "module Fixtures has fingerprint " + here + " at the server and 0000000000001234 at the client";
     EXPECT_EQ(sent.back(), "refused " + reason);
     EXPECT_EQ(reader->error(), reason.c_str());
+    EXPECT_EQ(reader->fault(), Vel::StreamFault::otherVersion);
     for (std::string const& message : sent) EXPECT_EQ(message.find("Fixture::"), std::string::npos) << message;
 }
 
@@ -469,6 +470,7 @@ TEST_F(StreamSourceTest, LiveReaderIsRefusedByTheFirstTypeThatItHasNot) {
         told(takeOutput(*reader)), Strings{"refused the server has module Fixtures, fingerprint " +
                                            Vel::format("%016lx", Vel::typeOf<Leaf>().moduleFingerprint()).stdString() +
                                            ", and the client has no such module"});
+    EXPECT_EQ(reader->fault(), Vel::StreamFault::noSuchModule);
 }
 
 TEST_F(StreamSourceTest, AnotherVersionIsRefused) {
@@ -588,6 +590,15 @@ TEST(StreamServerTest, PathWithoutAnEntityIsRefused) {
     reader->input(takeOutput(replica));
     replica.input(takeOutput(*reader));
     EXPECT_EQ(replica.error(), "refused: there is nothing at '/d'");
+    EXPECT_EQ(replica.fault(), Vel::StreamFault::nothingThere);
+    EXPECT_EQ(reader->fault(), Vel::StreamFault::nothingThere);
+    replica.connected();
+    EXPECT_EQ(replica.fault(), Vel::StreamFault::none);
+    replica.closed("cut");
+    EXPECT_EQ(replica.fault(), Vel::StreamFault::other);
+    replica.connected();
+    replica.closed("");
+    EXPECT_EQ(replica.fault(), Vel::StreamFault::none);
 }
 
 TEST(StreamServerTest, PathIsCutAndCleanedInTheRefusal) {
