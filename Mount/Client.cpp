@@ -62,6 +62,7 @@ public:
     AttrLogReplica& replica() { return replica_; }
     bool isConnected() const { return connection_ != nullptr; }
     String const& error() const { return error_; }
+    Vel::StreamFault fault() const { return fault_; }
     Vel::Ptr<ClientStatus> const& status() const { return status_; }
 
     std::function<void(State)> onState;
@@ -73,7 +74,7 @@ private:
     void connect(std::size_t place);
     void connected(SocketAddress const& place);
     void ended(Connection& connection, String const& error);
-    void failed(String const& error);
+    void failed(String const& error, Vel::StreamFault fault = Vel::StreamFault::other);
     void stateChanged(State state);
     void scheduleStatus();
     void updateStatus();
@@ -94,6 +95,7 @@ private:
     std::minstd_rand random_;
     Milliseconds delay_;
     String error_;
+    Vel::StreamFault fault_ = Vel::StreamFault::none;
     U64 attempts_ = 0;
     U64 connects_ = 0;
     U64 attempt_ = 0;  // number of the attempt under way; 0 if there is none
@@ -219,12 +221,17 @@ void Client::Impl::ended(Connection& connection, String const& error) {
     bytesInBefore_ += connection.bytesIn();
     bytesOutBefore_ += connection.bytesOut();
     connection_ = nullptr;
-    if (!isClosed_) failed(error.empty() ? String("the server has closed the connection") : error);
+    if (isClosed_) return;
+    if (error.empty())
+        failed("the server has closed the connection");
+    else
+        failed(error, connection.fault());
 }
 
 // Schedules the next attempt. The delay is partly random, so that the clients of a server that comes back do not all
 // connect at the same moment.
-void Client::Impl::failed(String const& error) {
+void Client::Impl::failed(String const& error, Vel::StreamFault fault) {
+    fault_ = fault;
     attempt_ = 0;
     resolver_.cancel();
     std::error_code ignored;
@@ -247,6 +254,7 @@ void Client::Impl::failed(String const& error) {
 void Client::Impl::stateChanged(State state) {
     if (state == State::synced) {
         error_ = String();
+        fault_ = Vel::StreamFault::none;
         delay_ = options_.firstDelay;
     }
     updateStatus();
@@ -299,6 +307,7 @@ Client::State Client::state() const { return impl_->replica().state(); }
 void Client::onStateIs(std::function<void(State)> told) { impl_->onState = std::move(told); }
 bool Client::isConnected() const { return impl_->isConnected(); }
 String const& Client::error() const { return impl_->error(); }
+Vel::StreamFault Client::fault() const { return impl_->fault(); }
 void Client::onErrorIs(std::function<void(String const&)> told) { impl_->onError = std::move(told); }
 Vel::Ptr<ClientStatus> Client::status() const { return impl_->status(); }
 

@@ -37,7 +37,8 @@ public:
     State state() const;
     void onStateIs(std::function<void(State)> told);
     bool isConnected() const;
-    String const& error() const;  // why the last attempt failed; empty once synced
+    String const& error() const;     // why the last attempt failed; empty once synced
+    Vel::StreamFault fault() const;  // the kind of that error; StreamFault::other if the copy has not caused it
     // `told` is called whenever an attempt fails or a connection is lost.
     void onErrorIs(std::function<void(String const& error)> told);
     Vel::Ptr<ClientStatus> status() const;  // the client updates it; add it to a directory so that others can find it

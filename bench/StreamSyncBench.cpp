@@ -87,14 +87,14 @@ void addUpdates() {
         Vel::AttrLogSource source(level);
         std::vector<std::unique_ptr<Follower>> followers;
         for (int i = 0; i < 16; ++i) followers.push_back(std::make_unique<Follower>(source));
-        Vel::U64 const before = source.log().messages();
+        Vel::U64 const before = source.messages();
         Vel::U32 value = 0;
         for (auto _ : state) {
             level->levelIs(++value);
             if (value % 1000 == 0)
                 for (auto const& follower : followers) follower->drop();
         }
-        require(source.log().messages() - before == value, "messages encoded more than once");
+        require(source.messages() - before == value, "messages encoded more than once");
     });
     Bench::add(group, "with a reader that takes nothing", [](benchmark::State& state) {
         auto const level = Level::newEntity("level");

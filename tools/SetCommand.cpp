@@ -75,7 +75,7 @@ private:
         std::string const& error = connection.error();
         if (!error.empty())
             return {somethingWrong,
-                "the server does not take it: " + cleaned(withAddress(where_, error)) + adviceFor(error)};
+                "the server does not take it: " + cleaned(withAddress(where_, error)) + adviceFor(connection.fault())};
         return {somethingWrong, where_.address + ": sent, but " + attribute_ + " is still " + shortened(now, 200) +
                                     " after " + Vel::format("%g", where_.timeout).stdString() + " s"};
     }

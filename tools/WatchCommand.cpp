@@ -187,7 +187,7 @@ private:
     }
 
     void failed(std::string const& error) {
-        std::string const text = (error.empty() ? "the connection was closed" : error) + adviceFor(error);
+        std::string const text = (error.empty() ? "the connection was closed" : error) + adviceFor(client_->fault());
         if (text == error_) return;  // prints an error once, however often the client tries again
         error_ = text;
         // If a connection was lost, its error is printed together with that.

@@ -288,6 +288,7 @@ void Connection::end() {
         if (hasError) reason_ = peer_->error();
         try {
             peer_->closed(reason_);
+            fault_ = peer_->fault();
         } catch (std::exception const& error) {  // thrown by an observer; ended_ must be called all the same
             reason_ = error.what();
         }

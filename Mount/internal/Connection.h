@@ -45,6 +45,7 @@ public:
     void refuse(String const& reason);  // the same, but sends the reason first, unless that would have to wait
 
     String const& peerName() const { return channel_->peerName(); }
+    Vel::StreamFault fault() const { return fault_; }  // of which kind the error is that it has ended by
     U64 bytesIn() const { return bytesIn_; }
     U64 bytesOut() const { return bytesOut_; }
     std::size_t held() const { return held_; }  // this connection's part of SharedMemory::held
@@ -105,6 +106,7 @@ private:
     bool isBusy_ = false;                     // run() is on the stack, so end() must wait
     bool isToEnd_ = false;                    // end() is called as soon as isBusy_ is false
     String reason_;
+    Vel::StreamFault fault_ = Vel::StreamFault::other;
 };
 
 }  // namespace Mount

@@ -15,6 +15,7 @@ struct StreamTable;
 
 namespace NboAttrLog {
 
+class FlowConnection;
 class FlowOut;
 
 // The keys of a collection that are still to be flowed out. The collection may change meanwhile. The bookmark gives
@@ -60,9 +61,9 @@ template <class Key, class Range> class OrderedBookmark final : public velFlowOu
 public:
     explicit OrderedBookmark(Range const& range) : range_(range) { note(range.begin()); }
     void next(Out& key) override {
-        Key const given = this->keys().front();
+        if (this->left() != 1) return velFlowOutBookmarkDeq<Key>::next(key);
+        Key const given = this->keys().front();  // the last that was noted: behind it the next few are looked for
         velFlowOutBookmarkDeq<Key>::next(key);
-        if (!this->keys().empty()) return;
         if constexpr (requires { range_.upper_bound(given); })
             note(range_.upper_bound(given));
         else
@@ -146,12 +147,11 @@ public:
     U32 attrLogFlags() const { return attrLogFlags_; }
     void attrLogFlagsIs(U32 bits, bool on) { attrLogFlags_ = on ? attrLogFlags_ | bits : attrLogFlags_ & ~bits; }
 
-    // Writes one message with the attribute's value. If `flowingOut`, it is for the reader to which the entity is being
-    // flowed out, else for all readers of the log.
-    template <class T> void handleValueSerialization(AttributeId id, T const& value, bool flowingOut) {
+    // Writes one message with the attribute's value: to the connection, or if that is null, for all readers of the log.
+    template <class T> void handleValueSerialization(AttributeId id, T const& value, FlowConnection* to) {
         if ((attrLogFlags_ & multicastBit) && !(attrLogFlags_ & (flowingOutBit | fromRemoteBit)))
             if (doMessageMulticast(id)) return;
-        OutSm* const sm = singletonSerializeCheck(id, flowingOut, true, attrLogSize(&value), false);
+        OutSm* const sm = singletonSerializeCheck(id, to, true, attrLogSize(&value), false);
         if (!sm) return;
         sm->out() << value;
         Impl::outSmCommitMessage(*sm);
@@ -159,8 +159,8 @@ public:
 
     // The same for one value of a collection of values; `key` is the encoding of its key.
     template <class T>
-    void handleKeySerialization(AttributeId id, std::span<U8 const> key, T const& value, bool flowingOut) {
-        OutSm* const sm = singletonSerializeCheck(id, flowingOut, false, key.size() + attrLogSize(&value), true);
+    void handleKeySerialization(AttributeId id, std::span<U8 const> key, T const& value, FlowConnection* to) {
+        OutSm* const sm = singletonSerializeCheck(id, to, false, key.size() + attrLogSize(&value), true);
         if (!sm) return;
         std::memcpy(sm->out().append(key.size()), key.data(), key.size());
         sm->out() << value;
@@ -172,7 +172,7 @@ public:
     // Begins a message for a value of `encodedSize` bytes, and returns its output. Returns null if nobody wants it.
     // `whole` says that the message has the whole attribute, `isKey` that it has the value at one key.
     virtual OutSm* singletonSerializeCheck(
-        AttributeId id, bool flowingOut, bool whole, std::size_t encodedSize, bool isKey) = 0;
+        AttributeId id, FlowConnection* to, bool whole, std::size_t encodedSize, bool isKey) = 0;
 
 private:
     U32 attrLogFlags_ = 0;
@@ -194,7 +194,8 @@ struct StreamAttribute {
     bool varies;        // whether the encodings of its values differ in length
 
     // Of a value:
-    void (*serialize)(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, bool flowingOut);
+    void (*serialize)(
+        NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, NboAttrLog::FlowConnection* to);
     void (*apply)(Entity& entity, NboAttrLog::In& in);
     // Of a pointer:
     Entity* (*target)(Entity const& entity);
@@ -215,7 +216,7 @@ struct StreamAttribute {
     // Of values:
     bool (*holds)(Entity const& entity, NboAttrLog::In& key);
     void (*serializeKey)(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, std::span<U8 const> key,
-        bool flowingOut);
+        NboAttrLog::FlowConnection* to);
     void (*applyKey)(Entity& entity, NboAttrLog::In& key, NboAttrLog::In& value);
 
     bool holdsEntities() const { return kind == StreamKind::references || kind == StreamKind::instances; }

@@ -1,13 +1,14 @@
 #include "Vel/stream/AttrLogServer.h"
 
 #include "Vel/stream/internal/AttrLogReader.h"
+#include "Vel/stream/internal/AttrLogSourceImpl.h"
 
 #include <algorithm>
 
 namespace Vel {
 
 AttrLogServer::AttrLogServer(Ptr<Entity> root, AttrLogSource::Options const& options)
-    : root_(std::move(root)), options_(options) {}
+    : root_(std::move(root)), options_(options), demuxer_(std::make_shared<StreamDemuxer>()) {}
 AttrLogServer::~AttrLogServer() = default;
 
 namespace {
@@ -35,7 +36,7 @@ void AttrLogServer::checkPathsBut(std::optional<std::string_view> wanted) {
     for (auto at = sources_.begin(); at != sources_.end();) {
         auto& [path, source] = *at;
         bool const isWanted = source->readers() != 0 || path == wanted;
-        if (source->isBeingWritten() || (isWanted && entityAt(path).get() == &source->root())) {
+        if (source->impl().isBeingWritten() || (isWanted && entityAt(path).get() == &source->root())) {
             ++at;
         } else {
             gone.push_back(std::move(source));
@@ -50,7 +51,8 @@ AttrLogSource* AttrLogServer::source(String const& path) {
     if (auto const found = sources_.find(plain); found != sources_.end()) return found->second.get();
     Ptr<Entity> const entity = entityAt(plain);
     if (!entity) return nullptr;
-    return sources_.emplace(plain, std::make_unique<AttrLogSource>(demuxer_, entity, options_)).first->second.get();
+    auto made = std::make_unique<AttrLogSource>(std::make_unique<AttrLogSource::Impl>(demuxer_, entity, options_));
+    return sources_.emplace(plain, std::move(made)).first->second.get();
 }
 
 std::size_t AttrLogServer::backlog() const {
@@ -59,9 +61,15 @@ std::size_t AttrLogServer::backlog() const {
     return most;
 }
 
+U64 AttrLogServer::coalesced() const { return demuxer_->coalesced(); }
+
 std::unique_ptr<StreamPeer> AttrLogServer::newReader(bool mayWrite, std::function<String()> admission) {
     return std::make_unique<AttrLogReader>(
-        [this](String const& path) { return source(path); }, options_.limits, mayWrite, std::move(admission));
+        [this](String const& path) {
+            AttrLogSource* const found = source(path);
+            return found ? &found->impl() : nullptr;
+        },
+        options_.limits, mayWrite, std::move(admission));
 }
 
 }  // namespace Vel

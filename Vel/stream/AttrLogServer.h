@@ -11,6 +11,8 @@
 
 namespace Vel {
 
+class StreamDemuxer;
+
 // Serves what is below an entity: each reader gets what is at the path that it asks for, when it says hello. What is at
 // several of these paths is observed once, and its changes of values are encoded once.
 //
@@ -32,8 +34,8 @@ public:
     // readers; one that a reader is writing to only at a later check. Looks up one path for each source.
     void checkPaths() { checkPathsBut(std::nullopt); }
     std::size_t sources() const { return sources_.size(); }
-    std::size_t backlog() const;                             // the largest of its sources'
-    U64 coalesced() const { return demuxer_->coalesced(); }  // by all sources that it has had
+    std::size_t backlog() const;  // the largest of its sources'
+    U64 coalesced() const;        // by all sources that it has had
 
 private:
     Ptr<Entity> entityAt(std::string const& path) const;
@@ -41,7 +43,7 @@ private:
 
     Ptr<Entity> root_;
     AttrLogSource::Options options_;
-    std::shared_ptr<StreamDemuxer> demuxer_ = std::make_shared<StreamDemuxer>();
+    std::shared_ptr<StreamDemuxer> demuxer_;
     std::map<std::string, std::unique_ptr<AttrLogSource>> sources_;  // by path, without needless separators
 };
 

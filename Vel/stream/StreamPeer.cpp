@@ -1,6 +1,7 @@
 #include "Vel/stream/StreamPeer.h"
 
 #include "Vel/base/Exception.h"
+#include "Vel/stream/internal/StreamRefusal.h"
 #include "Vel/text/PeerText.h"
 
 #include <algorithm>
@@ -59,6 +60,8 @@ void StreamPeer::input(std::span<U8 const> bytes) {
         pendingIs(bytes.subspan(inputFrames(bytes)));
     } catch (ReadOnlyException const& error) {
         refuse(peerText(error.text(), longestError));
+    } catch (StreamRefusalException const& error) {
+        fail(peerText(error.text(), longestError), error.fault());
     } catch (std::exception const& error) {
         fail(peerText(error.what(), longestError));
     }
@@ -129,7 +132,8 @@ void StreamPeer::inputMessage(std::span<U8 const> message) {
         else
             ++pongs_;
     } else if (kind == MessageKind::refused) {
-        fail("refused: " + peerText(body.nextString().view()));
+        String const text = body.nextString();
+        fail("refused: " + peerText(text.view()), faultOf(text.view()));
     } else {
         handleMessage(kind, body);
         isGreeted_ = isGreeted_ || !closing_;
@@ -149,20 +153,21 @@ void StreamPeer::ping(U32 token) {
     sendControl(MessageKind::ping, 4, [&](Out& out) { out << token; });
 }
 
-void StreamPeer::fail(String const& reason) {
+void StreamPeer::fail(String const& reason, StreamFault fault) {
     if (closing_) return;
     closing_ = true;
+    fault_ = reason.empty() ? StreamFault::none : fault;
     error_ = reason;
     std::vector<U8>().swap(pending_);
 }
 
-void StreamPeer::refuse(String const& reason) {
+void StreamPeer::refuse(String const& reason, StreamFault fault) {
     if (closing_) return;
     hasRefused_ = true;
     bool const wanted = wantsOutput();
     control_.begin(MessageKind::refused, 4 + reason.length()) << reason;
     control_.commit();
-    fail(reason);
+    fail(reason, fault);
     if (!wanted) wake();
 }
 
@@ -175,6 +180,7 @@ void StreamPeer::closed(String const& reason) {
 void StreamPeer::reset() {
     closing_ = false;
     error_ = String();
+    fault_ = StreamFault::none;
     control_.clear();
     out_.clear();
     pending_.clear();

@@ -26,6 +26,15 @@ struct StreamLimits {
     std::size_t depth = 1000;         // entities within one another, where one that is in the copy is moved
 };
 
+// What a connection ended by, for programs. The text beside it is for people.
+enum class StreamFault : U8 {
+    none,          // it has not ended, or has in good order
+    other,         // what has no code
+    nothingThere,  // the source has nothing at the path that the reader asks for
+    noSuchModule,  // the source has a type, or a type of a module, that the reader does not know
+    otherVersion   // the source and the reader have a module with different fingerprints
+};
+
 // One side of a connection: bytes in, bytes out. Whatever carries the bytes calls this and nothing else:
 //
 //     while (peer.wantsOutput()) { auto bytes = peer.output(limit); sent = send(bytes); peer.outputTaken(sent); }
@@ -56,11 +65,13 @@ public:
     bool isGreeted() const { return isGreeted_; }  // the other side's first message, a hello or a welcome, was taken in
     bool isClosing() const { return closing_; }    // to be closed when all output is sent; no input is looked at
     String const& error() const { return error_; }
+    StreamFault fault() const { return fault_; }  // of which kind the error is, the other side's refusal included
     // Called once when there is output again after wantsOutput() was false: out of a mutator of some entity, so it may
     // note that for later, and no more.
     void wakeIs(std::function<void()> wake) { wake_ = std::move(wake); }
 
-    void refuse(String const& reason);                         // closing, with this error, and the other side is told
+    // Closing, with this error, and the other side is told.
+    void refuse(String const& reason, StreamFault fault = StreamFault::other);
     bool hasRefused() const { return hasRefused_; }            // the other side was told why not
     void ping(U32 token);                                      // the other side answers by itself, once it is greeted
     U32 pongs() const { return pongs_; }                       // answers that came
@@ -74,8 +85,8 @@ public:
 protected:
     // One message. Throws StreamException, or what the entity throws.
     virtual void handleMessage(NboAttrLog::MessageKind kind, NboAttrLog::In& body) = 0;
-    void fail(String const& reason);  // closing, with this error
-    void reset();                     // as constructed, for another connection
+    void fail(String const& reason, StreamFault fault = StreamFault::other);  // closing, with this error
+    void reset();                                                             // as constructed, for another connection
     void wake();
 
     NboAttrLog::OutSm& controlOut() { return control_; }  // for messages that are sent at the next opportunity
@@ -111,6 +122,7 @@ private:
     std::vector<U8> pending_;
     std::function<void()> wake_;
     String error_;
+    StreamFault fault_ = StreamFault::none;
     U64 messagesIn_ = 0;
     U64 outTaken_ = 0;         // bytes of out_, since the beginning
     U64 answersEnd_ = 0;       // where in it the last answer to a ping ends

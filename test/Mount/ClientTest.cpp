@@ -146,6 +146,7 @@ TEST_F(ClientTest, NothingAtThePathIsToldAndWhatAppearsThereIsFound) {
     ASSERT_TRUE(until([&] { return errors.size() == 3; }));
     for (auto const& error : errors) EXPECT_EQ(error, address().text() + ": refused: there is nothing at 'a/g'");
     EXPECT_EQ(client.error(), errors.back());
+    EXPECT_EQ(client.fault(), Vel::StreamFault::nothingThere);
     EXPECT_EQ(client.state(), State::empty);
     auto const dir = Dir::newEntity("a");
     served->entryIs(dir);

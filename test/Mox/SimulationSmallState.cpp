@@ -16,6 +16,8 @@
 
 #include "Mox/PrefixTrieFlowOut.h"
 
+#include "Vel/stream/internal/AttrLogReplicaImpl.h"
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -134,7 +136,7 @@ template <class Id, class Rest> void splitMessage(std::span<U8 const> message, I
 class Small::StateBytes {
 public:
     explicit StateBytes(Small& small)
-        : source_(small.pair_.source),
+        : source_(small.pair_.source.impl()),
           replica_(small.pair_.replica),
           reader_(static_cast<AttrLogReader*>(small.pair_.reader.get())) {
         findIds();
@@ -198,7 +200,7 @@ private:
     void findIds() {
         for (auto const* const adapter : source_.demuxer().bySlot_)
             if (adapter) ranks_.add(adapter->id());
-        for (auto const& [id, known] : replica_.known_) ranks_.add(id);
+        for (auto const& [id, known] : replica_.impl_->entities_.known_) ranks_.add(id);
         if (!reader_) return;
         for (EntityId const id : reader_->gone_) ranks_.add(id);
         auto const add = [&](EntityId id) { ranks_.add(id); };
@@ -288,10 +290,11 @@ private:
 
     void putReplica() {
         out_.put(static_cast<std::size_t>(replica_.state()));
-        out_.put(2u * replica_.wantsOutput() + replica_.welcomed_);
+        out_.put(2u * replica_.wantsOutput() + replica_.impl_->welcomed_);
         copies_.number(replica_.root().get());
         std::vector<std::pair<std::size_t, Vel::Entity const*>> known;
-        for (auto const& [id, one] : replica_.known_) known.emplace_back(ranks_.of(id), one.entity.get());
+        for (auto const& [id, one] : replica_.impl_->entities_.known_)
+            known.emplace_back(ranks_.of(id), one.entity.get());
         std::sort(known.begin(), known.end());
         out_.put(known.size());
         for (auto const& [rank, entity] : known) {
@@ -304,17 +307,17 @@ private:
             out_.put(above && i != 0 ? copies_.number(above) : 0);
         }
         out_.put(0);
-        for (auto const& [index, type] : replica_.types_) out_.put(type == Vel::typeOf<Trie>());
-        out_.put(replica_.unmentioned_.size());
-        for (auto const& [at, unmentioned] : replica_.unmentioned_) {
+        for (auto const& [index, type] : replica_.impl_->types_) out_.put(type == Vel::typeOf<Trie>());
+        out_.put(replica_.impl_->unmentioned_.collections_.size());
+        for (auto const& [at, unmentioned] : replica_.impl_->unmentioned_.collections_) {
             out_.put(ranks_.of(at.first));
             out_.put(at.second);
             out_.put(unmentioned.comesAgain);
             out_.putKeys(unmentioned.keys);
             out_.putKeys(unmentioned.mentioned);
         }
-        out_.put(replica_.blocked_.size());
-        for (auto const& [at, member] : replica_.blocked_) {
+        out_.put(replica_.impl_->nesting_.blocked_.size());
+        for (auto const& [at, member] : replica_.impl_->nesting_.blocked_) {
             auto const& [owner, attribute, key] = at;
             out_.put(ranks_.of(member));
             out_.put(ranks_.of(owner));
@@ -323,7 +326,7 @@ private:
         }
     }
 
-    Vel::AttrLogSource& source_;
+    Vel::AttrLogSource::Impl& source_;
     Vel::AttrLogReplica& replica_;
     AttrLogReader* reader_;
     Ranks ranks_;

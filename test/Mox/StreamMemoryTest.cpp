@@ -662,13 +662,13 @@ TEST_F(LargeStateTest, SweepFindsWhatIsReachedThroughWhatWasNotMetYet) {
     carry(*pair.reader, pair.replica);  // a welcome
     carry(*pair.reader, pair.replica, 20'000);
     auto const moved = dir("d0")->entryDel("n5");
-    ASSERT_TRUE(pair.source.adapter(*moved));
-    EntityId const id = pair.source.adapter(*moved)->id();
-    ASSERT_FALSE(pair.source.adapter(*thing("d99/n1")));
+    ASSERT_TRUE(pair.source.impl().adapter(*moved));
+    EntityId const id = pair.source.impl().adapter(*moved)->id();
+    ASSERT_FALSE(pair.source.impl().adapter(*thing("d99/n1")));
     thing("d99/n1")->peerIs(moved);
-    pair.source.sweep();
-    ASSERT_TRUE(pair.source.adapter(*moved));
-    EXPECT_EQ(pair.source.adapter(*moved)->id(), id);
+    pair.source.impl().sweep();
+    ASSERT_TRUE(pair.source.impl().adapter(*moved));
+    EXPECT_EQ(pair.source.impl().adapter(*moved)->id(), id);
     pair.run();
     expectSame(pair);
 }

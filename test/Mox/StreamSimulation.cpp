@@ -148,13 +148,16 @@ struct Mounted::Watch {
 };
 
 Vel::AttrLogSource& Site::source() {
-    if (!source_) source_ = std::make_unique<Vel::AttrLogSource>(demuxer_, root_, options_);
+    if (!source_) {
+        auto impl = std::make_unique<Vel::AttrLogSource::Impl>(demuxer_, root_, options_);
+        source_ = std::make_unique<Vel::AttrLogSource>(std::move(impl));
+    }
     return *source_;
 }
 
 void Site::sweep(bool leaves) {
     if (leaves && source_ && source_->readers() == 0) source_ = nullptr;
-    if (source_) source_->sweep();
+    if (source_) source_->impl().sweep();
 }
 
 Mounted::Mounted(World& world, Site& site, std::string& violation) : world_(world), site_(site), violation_(violation) {

@@ -42,7 +42,7 @@ public:
     Vel::Entity& root() const { return *root_; }
     Vel::AttrLogSource& source();
     void sweep(bool leaves);  // what can't be reached; `leaves`: and the source, if it has no readers
-    std::size_t logged() const { return source_ ? source_->log().size() : 0; }  // bytes
+    std::size_t logged() const { return source_ ? source_->impl().log().size() : 0; }  // bytes
 
 private:
     std::shared_ptr<Vel::StreamDemuxer> demuxer_;

@@ -16,8 +16,6 @@ using Vel::StreamAttribute;
 
 namespace {
 
-constexpr char nothingThere[] = "there is nothing at ";
-
 // Returns the steps to the entities below one, at most `most`.
 std::vector<std::string> namesBelow(Entity const& entity, std::size_t most) {
     std::vector<std::string> names;
@@ -102,11 +100,9 @@ std::chrono::nanoseconds secondsFrom(double seconds) {
     return std::chrono::nanoseconds(static_cast<std::int64_t>(std::min(seconds, most) * 1e9));
 }
 
-std::string adviceFor(std::string_view error) {
-    auto const has = [&](std::string_view part) { return error.find(part) != std::string_view::npos; };
-    if (has("no module of the client has the entity type") || has("the client has no such module"))
-        return "; --module LIB.so loads a library of further types";
-    if (has("fingerprint") && has(" at the client")) return "; this tool and the server are of different versions";
+std::string adviceFor(Vel::StreamFault fault) {
+    if (fault == Vel::StreamFault::noSuchModule) return "; --module LIB.so loads a library of further types";
+    if (fault == Vel::StreamFault::otherVersion) return "; this tool and the server are of different versions";
     return "";
 }
 
@@ -140,7 +136,9 @@ Connection::Connection(ConnectionOptions const& options, std::string const& path
     client.connectTimeout = std::chrono::duration_cast<Mount::Milliseconds>(secondsFrom(options.timeout));
     connect(client_, loop_, place_, client, options);
     client_->onErrorIs([this](Vel::String const& error) {
-        if (error_.empty()) error_ = error.empty() ? "the connection was closed" : error.stdString();
+        if (!error_.empty()) return;
+        error_ = error.empty() ? "the connection was closed" : error.stdString();
+        fault_ = client_->fault();
     });
 }
 
@@ -156,8 +154,8 @@ bool Connection::sync() {
         seen = now;
     }
     if (error_.empty()) return true;
-    if (error_.find(nothingThere) != std::string::npos) return false;
-    throw Failure(somethingWrong, cleaned(withAddress(options_, error_)) + adviceFor(error_));
+    if (fault_ == Vel::StreamFault::nothingThere) return false;
+    throw Failure(somethingWrong, cleaned(withAddress(options_, error_)) + adviceFor(fault_));
 }
 
 Entity& Connection::root() { return *client_->replica().root(); }

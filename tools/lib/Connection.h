@@ -31,7 +31,7 @@ void connect(std::optional<Mount::Client>& client, Mount::Loop& loop, Vel::Ptr<V
 std::chrono::nanoseconds secondsFrom(double seconds);
 
 // Returns "; " and what the user can do about a connection's error, or an empty text.
-std::string adviceFor(std::string_view error);
+std::string adviceFor(Vel::StreamFault fault);
 
 // Returns the error with the address in front, unless it begins with the address already.
 std::string withAddress(ConnectionOptions const& options, std::string const& error);
@@ -51,12 +51,14 @@ public:
     Mount::Client& client() { return *client_; }
     Vel::Entity& root();
     std::string const& error() const { return error_; }  // the first error
+    Vel::StreamFault fault() const { return fault_; }    // its kind
 
 private:
     ConnectionOptions const& options_;
     Mount::Loop loop_;
     Vel::Ptr<Vel::Dir> place_ = placeForCopy();
     std::string error_;
+    Vel::StreamFault fault_ = Vel::StreamFault::none;
     std::optional<Mount::Client> client_;
 };
 

@@ -95,7 +95,8 @@ namespace {
 class ValueSink final : public Vel::NboAttrLog::SerializeSink {
 public:
     bool doMessageMulticast(AttributeId) override { return false; }
-    Vel::NboAttrLog::OutSm* singletonSerializeCheck(AttributeId, bool, bool, std::size_t size, bool) override {
+    Vel::NboAttrLog::OutSm* singletonSerializeCheck(
+        AttributeId, Vel::NboAttrLog::FlowConnection*, bool, std::size_t size, bool) override {
         out_.begin(Vel::NboAttrLog::MessageKind::value, size);
         return &out_;
     }
@@ -127,7 +128,7 @@ std::optional<Json> jsonScalar(GenericValue const& value) {
 
 GenericValue storedValue(Entity const& entity, StreamAttribute const& attribute) {
     ValueSink sink;
-    attribute.serialize(sink, attribute.id, entity, false);
+    attribute.serialize(sink, attribute.id, entity, nullptr);
     In in(sink.bytes());
     return GenericValue(attribute.type(), in);
 }
@@ -144,7 +145,7 @@ std::optional<GenericValue> storedItem(Entity const& entity, StreamAttribute con
     In look(bytesOf(encoding));
     if (!collection.holds(entity, look)) return std::nullopt;
     ValueSink sink;
-    collection.serializeKey(sink, collection.id, entity, bytesOf(encoding), false);
+    collection.serializeKey(sink, collection.id, entity, bytesOf(encoding), nullptr);
     In in(sink.bytes().subspan(encoding.size()));
     return GenericValue(collection.type(), in);
 }

@@ -26,9 +26,10 @@ inline void needEnd(NboAttrLog::In const& in) {
 template <class T, class A> struct StreamedAttribute {
     using Value = typename A::Value;
 
-    static void serialize(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, bool flowingOut) {
+    static void serialize(
+        NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, NboAttrLog::FlowConnection* to) {
         // Sends the stored member and does not call the accessor, which may compute, notify observers, or throw.
-        sink.handleValueSerialization(id, static_cast<T const&>(entity).*A::member, flowingOut);
+        sink.handleValueSerialization(id, static_cast<T const&>(entity).*A::member, to);
     }
     static void apply(Entity& entity, NboAttrLog::In& in) {
         Value const value = nextItem<Value>(in);
@@ -191,10 +192,10 @@ template <class T, class A> struct StreamedValues : StreamedKeys<T, A> {
         return Keys::template withKey<A::exists>(static_cast<T const&>(entity), in);
     }
     static void serializeKey(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity,
-        std::span<U8 const> key, bool flowingOut) {
+        std::span<U8 const> key, NboAttrLog::FlowConnection* to) {
         In in(key);
         Value const& value = Keys::template withKey<A::get>(static_cast<T const&>(entity), in);
-        sink.handleKeySerialization(id, key, value, flowingOut);
+        sink.handleKeySerialization(id, key, value, to);
     }
     // Does not set a value that is there already, so that observers are only notified of differences.
     static void applyKey(Entity& entity, In& in, In& items) {

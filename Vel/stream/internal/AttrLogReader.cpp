@@ -52,12 +52,8 @@ void AttrLogReader::handleMessage(MessageKind kind, In& body) {
         throw StreamException(format("a reader sends no message of kind %u now", static_cast<unsigned>(kind)), 0);
     EntityId const id = nextCompact(body);
     AttributeId const attribute = nextCompact(body);
-    Entity::VelNboAttrLogSa* const adapter = source_->adapter(id);
-    if (!adapter)
-        return;  // gone, and the reader has not heard of it yet; or of another view, which it knows nothing of
-    AttrLogSource::Write const write(*source_, mayWrite_);
     In items({body.data(), body.left()});
-    adapter->writeFromRemote(attribute, items);
+    source_->write(id, attribute, items, mayWrite_);
 }
 
 void AttrLogReader::hello(In& body) {
@@ -78,8 +74,8 @@ void AttrLogReader::hello(In& body) {
     if (version != streamVersion)
         return refuse(
             format("the client speaks version %u of the protocol, and the server version %u", version, streamVersion));
-    AttrLogSource* const source = finder_(path);
-    if (!source) return refuse("there is nothing at '" + peerText(path.view()) + "'");
+    AttrLogSource::Impl* const source = finder_(path);
+    if (!source) return refuse(refusalOf(StreamFault::nothingThere, peerText(path.view())));
     if (String const why = admission_ ? admission_() : String(); !why.empty()) return refuse(why);
     bool const wanted = wantsOutput();
     source_ = source;
@@ -116,28 +112,29 @@ template <class F> bool eachModule(VelType type, std::vector<VelType>& seen, F c
 
 }  // namespace
 
-bool AttrLogReader::accepts(VelType type, String& reason) const {
+StreamRefusal AttrLogReader::refusalFor(VelType type) const {
+    StreamRefusal refusal;
     std::vector<VelType> seen;
-    return eachModule(type, seen, [&](VelType part) {
+    eachModule(type, seen, [&](VelType part) {
         String const module = part.moduleName();
+        U64 const here = part.moduleFingerprint();
         auto const found = modules_.find(module.stdString());
         if (found == modules_.end())
-            reason = format("the server has module %s, fingerprint %016lx, and the client has no such module",
-                module.charPtr(), part.moduleFingerprint());
-        else if (found->second != part.moduleFingerprint())
-            reason = format("module %s has fingerprint %016lx at the server and %016lx at the client", module.charPtr(),
-                part.moduleFingerprint(), found->second);
-        return reason.empty();
+            refusal = refusalOf(StreamFault::noSuchModule, format("%s, fingerprint %016lx", module.charPtr(), here));
+        else if (found->second != here)
+            refusal = refusalOf(StreamFault::otherVersion,
+                format("%s has fingerprint %016lx at the server and %016lx", module.charPtr(), here, found->second));
+        return refusal.text.empty();
     });
+    return refusal;
 }
 
 void AttrLogReader::typeIsNeeded(VelType type) {
-    String reason;
-    if (!accepts(type, reason)) throw Refusal{reason};
+    if (StreamRefusal refusal = refusalFor(type); !refusal.text.empty()) throw refusal;
 }
 
-void AttrLogReader::refuseLater(String text) {
-    if (refusal_.empty()) refusal_ = std::move(text);
+void AttrLogReader::refuseLater(StreamRefusal refusal) {
+    if (refusal_.text.empty()) refusal_ = std::move(refusal);
 }
 
 // --- what goes out ---
@@ -145,16 +142,16 @@ void AttrLogReader::refuseLater(String text) {
 bool AttrLogReader::wantsOutput() const {
     if (StreamPeer::wantsOutput()) return true;
     if (!source_ || isClosing()) return false;
-    return !isLive_ || !refusal_.empty() || position_ != source_->log().head();
+    return !isLive_ || !refusal_.text.empty() || position_ != source_->log().head();
 }
 
 std::span<U8 const> AttrLogReader::output(std::size_t limit) {
     outstanding_ = 0;
     kept_ = nullptr;
     out_.compact(keptWhileBusy(limit));
-    if (!refusal_.empty() && !isClosing()) {
+    if (!refusal_.text.empty() && !isClosing()) {
         finishLogMessage();
-        refuse(std::exchange(refusal_, String()));
+        refuse(std::exchange(refusal_, StreamRefusal()));
     }
     if (isClosing()) leave();
     if (source_) source_->sweepIfDue();
@@ -168,10 +165,9 @@ void AttrLogReader::outputCatchingUp(std::size_t limit) {
     room_ = limit;
     lastStep_ = steps() + mostSteps;
     try {
-        catchUp();
-    } catch (Refusal const& refusal) {
-        refuse(refusal.text);
-        if (source_->demuxer().idsAreOut()) source_->demuxer().startOver();
+        source_->demuxer().givingIds([this] { catchUp(); });
+    } catch (StreamRefusal const& refusal) {
+        refuse(refusal);
     }
     if (source_ && !isLive_ && !StreamPeer::wantsOutput()) wake();  // there was nothing to say of so many
 }

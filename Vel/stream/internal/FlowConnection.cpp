@@ -83,19 +83,7 @@ void FlowConnection::continueFlowOut() {
 
 // --- entities ---
 
-Adapter* FlowConnection::adapterOf(Entity& entity) {
-    Adapter* const adapter = view_->adapterIs(entity);
-    if (view_->demuxer().idsAreOut()) throw Refusal{idsAreOut};
-    return adapter;
-}
-
-EntityId FlowConnection::idOf(Entity* entity, Via const& via) {
-    if (!entity) return 0;
-    Adapter* const adapter = adapterOf(*entity);
-    if (!adapter) return 0;
-    if (!isAnnounced(*adapter)) announce(*adapter, ownerOf(*entity, via));
-    return adapter->id();
-}
+Adapter* FlowConnection::adapterOf(Entity* entity) { return entity ? view_->adapterIs(*entity) : nullptr; }
 
 // The collection that makes the entity, if its owner has been announced; else where it is referred to.
 FlowConnection::Via FlowConnection::ownerOf(Entity& entity, Via const& via) {
@@ -158,37 +146,41 @@ void FlowConnection::instantiatedIs(Adapter& member, Adapter const& owner) {
     instantiated_.add(member.slot());
 }
 
-void FlowConnection::sendPtr(Adapter& adapter, StreamAttribute const& attribute, Entity* target) {
-    EntityId const targetId = idOf(target, {&adapter, &attribute, {}});
+void FlowConnection::sendPtr(Adapter& adapter, StreamAttribute const& attribute, Adapter* target) {
+    if (target && !isAnnounced(*target)) announce(*target, ownerOf(target->entity(), {&adapter, &attribute, {}}));
     OutSm& sm = nboAttrLogOut();
     Out& out = sm.begin(MessageKind::value, placeSize(adapter, attribute) + 4);
     putPlace(out, adapter, attribute, {});
-    out << targetId;
+    out << (target ? target->id() : EntityId(0));
     Impl::outSmCommitMessage(sm);
 }
 
 void FlowConnection::sendKey(Adapter& adapter, StreamAttribute const& attribute, std::string_view key, bool isNew) {
     In in(bytesOf(key));
-    if (attribute.kind == StreamKind::values) {
-        if (attribute.holds(adapter.entity(), in))
-            attribute.serializeKey(adapter, attribute.id, adapter.entity(), bytesOf(key), true);
-        else if (!isNew)
-            sendKeyDel(adapter, attribute, key);
-        else
-            ++flowed_;
-        return;
+    if (attribute.kind != StreamKind::values) {
+        Adapter* const member = adapterOf(attribute.member(adapter.entity(), in));
+        sendMember(adapter, attribute, key, member, isNew);
+    } else if (attribute.holds(adapter.entity(), in)) {
+        attribute.serializeKey(adapter, attribute.id, adapter.entity(), bytesOf(key), this);
+    } else {
+        sendNothing(adapter, attribute, key, isNew);
     }
-    Entity* const entity = attribute.member(adapter.entity(), in);
-    Adapter* const member = entity ? adapterOf(*entity) : nullptr;
-    if (!member) {
-        if (!isNew) return sendKeyDel(adapter, attribute, key);
+}
+
+void FlowConnection::sendNothing(Adapter& adapter, StreamAttribute const& attribute, std::string_view key, bool isNew) {
+    if (isNew)
         ++flowed_;
-        return;
-    }
+    else
+        sendKeyDel(adapter, attribute, key);
+}
+
+void FlowConnection::sendMember(
+    Adapter& adapter, StreamAttribute const& attribute, std::string_view key, Adapter* member, bool isNew) {
+    if (!member) return sendNothing(adapter, attribute, key, isNew);
     bool const instances = attribute.kind == StreamKind::instances;
     if (!isAnnounced(*member)) {
         Via const here{&adapter, &attribute, key};
-        announce(*member, instances ? here : ownerOf(*entity, here));
+        announce(*member, instances ? here : ownerOf(member->entity(), here));
         if (instances) return;
     } else if (instances && isNew && isInstantiatedBy(*member, adapter)) {
         ++flowed_;

@@ -27,15 +27,11 @@ public:
 
     virtual OutSm& nboAttrLogOut() = 0;
     virtual bool isOkToSerialize() const = 0;  // the output can take another message
-    virtual void typeIsNeeded(VelType) {}      // about to be told of this type; may throw Refusal
+    virtual void typeIsNeeded(VelType) {}      // about to be told of this type; may throw StreamRefusal
     // The entity, which the connection was told of, has left the view. `mayReturn`: it is in another one, and so may
     // come back under its id.
     virtual void entityHasGone(EntityId, bool /*mayReturn*/) {}
     virtual void changesAreWritten() {}  // to the output, perhaps, while the connection is a live one
-    struct Refusal {
-        String text;
-    };
-    static constexpr char const* idsAreOut = "entity ids have run out, and begin anew with the next connection";
 
     // Where an entity is referred to, so that a replica can find the one it may have there already.
     struct Via {
@@ -43,13 +39,18 @@ public:
         StreamAttribute const* attribute = nullptr;
         std::string_view key{};  // of a collection
     };
-    // The id of the entity, announced before if it was not; 0 for null and for what cannot be streamed.
-    EntityId idOf(Entity* entity, Via const& via);
     void announce(Adapter& adapter, Via const& via);
 
-    void sendPtr(Adapter& adapter, StreamAttribute const& attribute, Entity* target);
-    // Sends what the collection holds at the key. `isNew`: the key comes from a bookmark, its member may have brought
-    // it along when it was announced. REQUIRES: of a collection of values, that this connection is being flowed out to.
+    // The entity's adapter, in the view from now on; null for null and for what cannot be streamed.
+    // REQUIRES: as StreamDemuxer::newAdapter().
+    Adapter* adapterOf(Entity* entity);
+    // What is referred to, null for nothing, is announced before if it was not. REQUIRES: it is in the view.
+    void sendPtr(Adapter& adapter, StreamAttribute const& attribute, Adapter* target);
+    // `isNew`: the key comes from a bookmark. Its member may have brought it along when it was announced; where there
+    // is none, there is nothing to delete.
+    void sendMember(
+        Adapter& adapter, StreamAttribute const& attribute, std::string_view key, Adapter* member, bool isNew);
+    // Looks up what the collection holds at the key, and sends that. REQUIRES: as adapterOf().
     void sendKey(Adapter& adapter, StreamAttribute const& attribute, std::string_view key, bool isNew);
     void sendKeyDel(Adapter& adapter, StreamAttribute const& attribute, std::string_view key);
     static void writeKeyDel(OutSm& sm, Adapter const& adapter, StreamAttribute const& attribute, std::string_view key);
@@ -85,7 +86,7 @@ protected:
     void viewIs(StreamView& view) { view_ = &view; }
 
 private:
-    Adapter* adapterOf(Entity& entity);  // or null; throws Refusal when there is no id left for it
+    void sendNothing(Adapter& adapter, StreamAttribute const& attribute, std::string_view key, bool isNew);
     Via ownerOf(Entity& entity, Via const& via);
     bool isInstantiatedBy(Adapter const& member, Adapter const& owner) const;
     void instantiatedIs(Adapter& member, Adapter const& owner);

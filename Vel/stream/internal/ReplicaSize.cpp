@@ -11,7 +11,8 @@ class SizeSink final : public NboAttrLog::SerializeSink {
 public:
     std::size_t size = 0;
     bool doMessageMulticast(AttributeId) override { return false; }
-    NboAttrLog::OutSm* singletonSerializeCheck(AttributeId, bool, bool, std::size_t encodedSize, bool) override {
+    NboAttrLog::OutSm* singletonSerializeCheck(
+        AttributeId, NboAttrLog::FlowConnection*, bool, std::size_t encodedSize, bool) override {
         size = encodedSize;
         return nullptr;
     }
@@ -21,14 +22,14 @@ public:
 
 std::size_t ofValue(StreamAttribute const& attribute, Entity const& entity) {
     SizeSink sink;
-    attribute.serialize(sink, attribute.id, entity, true);
+    attribute.serialize(sink, attribute.id, entity, nullptr);
     return sink.size;
 }
 
 std::size_t ofKey(StreamAttribute const& attribute, Entity const& entity, std::span<U8 const> key) {
     if (!attribute.varies || attribute.kind != StreamKind::values) return keyCost + key.size();
     SizeSink sink;
-    attribute.serializeKey(sink, attribute.id, entity, key, true);
+    attribute.serializeKey(sink, attribute.id, entity, key, nullptr);
     return keyCost + sink.size;
 }
 

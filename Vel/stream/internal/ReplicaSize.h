@@ -14,10 +14,10 @@ inline constexpr std::size_t entityCost = 192;  // bytes, and the object itself
 inline constexpr std::size_t keyCost = 160;
 
 inline std::size_t ofNew(VelType type, std::size_t name) { return entityCost + type.glue().size + name; }
-std::size_t ofValue(StreamAttribute const& attribute, Entity const& entity);
+VEL_API std::size_t ofValue(StreamAttribute const& attribute, Entity const& entity);
 // REQUIRES: of values, that there is one.
-std::size_t ofKey(StreamAttribute const& attribute, Entity const& entity, std::span<U8 const> key);
-std::size_t ofAll(Entity& top);  // the entity and all that it leads to
+VEL_API std::size_t ofKey(StreamAttribute const& attribute, Entity const& entity, std::span<U8 const> key);
+VEL_API std::size_t ofAll(Entity& top);  // the entity and all that it leads to
 
 template <class F> void eachKey(StreamAttribute const& attribute, Entity const& entity, F f) {
     std::unique_ptr<NboAttrLog::Bookmark> const keys(attribute.bookmark(entity));

@@ -2,7 +2,7 @@
 
 #include "Vel/base/Assert.h"
 #include "Vel/base/Exception.h"
-#include "Vel/stream/internal/StreamDemuxer.h"
+#include "Vel/stream/internal/StreamView.h"
 
 namespace Vel {
 
@@ -77,17 +77,19 @@ void Sa::handleAttribute(AttributeId id) {
     StreamAttribute const* const attribute = table().find(id);
     if (!attribute || attribute->isCollection()) return;
     StreamDemuxer& demuxer = streamDemuxer();
-    if (attribute->kind == StreamKind::pointer) {
-        if (Entity* const target = attribute->target(entity())) demuxer.referredIs(*this, *target);
-        demuxer.referenceDropped(*this);
-        if (demuxer.idsAreOut()) return demuxer.startOver();  // destroys this adapter
-    }
-    for (FlowConnection* const connection : demuxer.catchingUp())
-        demuxer.changeCounted(!flowOutOnAttributeForConnection(*connection, *attribute));
-    if (!demuxer.live().empty() || (attrLogFlags() & multicastBit)) {
-        handleAttributeSerialization(*attribute, false);
+    demuxer.givingIds([&] {
+        Sa* target = nullptr;
+        if (attribute->kind == StreamKind::pointer) {
+            Entity* const entity = attribute->target(this->entity());
+            target = entity ? demuxer.referredIs(*this, *entity) : nullptr;
+            demuxer.referenceDropped(*this);
+        }
+        for (FlowConnection* const connection : demuxer.catchingUp())
+            demuxer.changeCounted(!flowOutOnAttributeForConnection(*connection, *attribute));
+        if (demuxer.live().empty() && !(attrLogFlags() & multicastBit)) return;
+        handleAttributeSerialization(*attribute, target, nullptr);
         demuxer.changesAreWritten();
-    }
+    });
 }
 
 void Sa::handleAttribute(AttributeId id, NotifieeKey const& key) {
@@ -97,28 +99,28 @@ void Sa::handleAttribute(AttributeId id, NotifieeKey const& key) {
     Out& bytes = demuxer.keyOut();
     bytes.clear();
     attribute->writeKey(bytes, key.data());
-    In in(bytes.bytes());
-    Sa* member = nullptr;
-    bool isThere = false;
-    if (attribute->kind == StreamKind::values) {
-        isThere = attribute->holds(this->entity(), in);
-    } else {
-        Entity* const entity = attribute->member(this->entity(), in);
-        member = entity ? demuxer.referredIs(*this, *entity) : nullptr;
-        isThere = member != nullptr;
-        if (demuxer.idsAreOut()) return demuxer.startOver();  // destroys this adapter
-        if (!isThere) demuxer.referenceDropped(*this);
-    }
+    demuxer.givingIds([&] {
+        In in(bytes.bytes());
+        Sa* member = nullptr;
+        bool isThere = false;
+        if (attribute->kind == StreamKind::values) {
+            isThere = attribute->holds(this->entity(), in);
+        } else {
+            Entity* const entity = attribute->member(this->entity(), in);
+            member = entity ? demuxer.referredIs(*this, *entity) : nullptr;
+            isThere = member != nullptr;
+            if (!isThere) demuxer.referenceDropped(*this);
+        }
 
-    std::string_view const view(reinterpret_cast<char const*>(bytes.data()), bytes.size());
-    for (FlowConnection* const connection : demuxer.catchingUp()) {
-        if (member && attribute->kind == StreamKind::instances) connection->notInstantiated(*member);
-        demuxer.changeCounted(!flowOutOnAttributeForConnection(*connection, *attribute, view, isThere, member));
-    }
-    if (!demuxer.live().empty()) {
-        handleCollectionKeySerialization(*attribute, view, false);
+        std::string_view const view(reinterpret_cast<char const*>(bytes.data()), bytes.size());
+        for (FlowConnection* const connection : demuxer.catchingUp()) {
+            if (member && attribute->kind == StreamKind::instances) connection->notInstantiated(*member);
+            demuxer.changeCounted(!flowOutOnAttributeForConnection(*connection, *attribute, view, isThere, member));
+        }
+        if (demuxer.live().empty()) return;
+        handleCollectionKeySerialization(*attribute, view, isThere, member);
         demuxer.changesAreWritten();
-    }
+    });
 }
 
 void Sa::handleNotifierDel() noexcept { streamDemuxer().notifierDeleted(*this); }
@@ -148,19 +150,10 @@ bool Sa::flowOutOnAttributeForConnection(FlowConnection& connection, StreamAttri
 
 // --- writing ---
 
-namespace {
-
-OutSm* flowingSm(StreamDemuxer const& demuxer) {
-    FlowConnection* const flowing = demuxer.flowing();
-    return flowing ? &flowing->nboAttrLogOut() : nullptr;
-}
-
-}  // namespace
-
 bool Sa::doMessageMulticast(AttributeId id) { return streamDemuxer().multicast(*this, id); }
 
-OutSm* Sa::singletonSerializeCheck(AttributeId id, bool flowingOut, bool, std::size_t encodedSize, bool isKey) {
-    OutSm* const sm = flowingOut ? flowingSm(streamDemuxer()) : streamDemuxer().liveSm(*this);
+OutSm* Sa::singletonSerializeCheck(AttributeId id, FlowConnection* to, bool, std::size_t encodedSize, bool isKey) {
+    OutSm* const sm = to ? &to->nboAttrLogOut() : streamDemuxer().liveSm(*this);
     if (!sm) return nullptr;
     EntityId const self = this->id();
     std::size_t const size = NboAttrLog::compactSize(self) + NboAttrLog::compactSize(id) + encodedSize;
@@ -177,77 +170,73 @@ template <class F> void Sa::eachLive(F f) const {
         if (i < live.size() && live[i]->isAnnounced(*this)) f(*live[i]);
 }
 
-void Sa::handlePtrSerialization(StreamAttribute const& attribute, Entity* target, bool flowingOut) {
-    if (!flowingOut) return eachLive([&](FlowConnection& live) { live.sendPtr(*this, attribute, target); });
-    if (FlowConnection* const connection = streamDemuxer().flowing()) connection->sendPtr(*this, attribute, target);
-}
-
-void Sa::handleCollectionKeySerialization(StreamAttribute const& attribute, std::string_view key, bool flowingOut) {
+void Sa::handleAttributeSerialization(StreamAttribute const& attribute, Sa* target, FlowConnection* to) {
     Active const active(entity());
-    if (flowingOut) {
-        if (FlowConnection* const connection = streamDemuxer().flowing())
-            connection->sendKey(*this, attribute, key, false);
-    } else if (attribute.kind == StreamKind::values) {
-        shareKey(attribute, key);
-    } else {
-        eachLive([&](FlowConnection& live) { live.sendKey(*this, attribute, key, false); });
-    }
+    if (attribute.kind == StreamKind::value)
+        attribute.serialize(*this, attribute.id, entity(), to);
+    else
+        handlePtrSerialization(attribute, target, to);
 }
 
-void Sa::shareKey(StreamAttribute const& attribute, std::string_view key) {
+namespace {
+
+// What a view that cannot have it tells of is none.
+Sa* inView(FlowConnection const& connection, Sa* adapter) {
+    return adapter && connection.view().has(*adapter) ? adapter : nullptr;
+}
+
+}  // namespace
+
+void Sa::handlePtrSerialization(StreamAttribute const& attribute, Sa* target, FlowConnection* to) {
+    if (to) return to->sendPtr(*this, attribute, target);
+    eachLive([&](FlowConnection& live) { live.sendPtr(*this, attribute, inView(live, target)); });
+}
+
+void Sa::handleCollectionKeySerialization(
+    StreamAttribute const& attribute, std::string_view key, bool isThere, Sa* member) {
+    Active const active(entity());
+    if (attribute.kind == StreamKind::values) return shareKey(attribute, key, isThere);
+    eachLive([&](FlowConnection& live) { live.sendMember(*this, attribute, key, inView(live, member), false); });
+}
+
+void Sa::shareKey(StreamAttribute const& attribute, std::string_view key, bool isThere) {
     std::span<U8 const> const bytes(reinterpret_cast<U8 const*>(key.data()), key.size());
-    In in(bytes);
-    if (attribute.holds(entity(), in))
-        attribute.serializeKey(*this, attribute.id, entity(), bytes, false);
+    if (isThere)
+        attribute.serializeKey(*this, attribute.id, entity(), bytes, nullptr);
     else if (OutSm* const sm = streamDemuxer().liveSm(*this))
         FlowConnection::writeKeyDel(*sm, *this, attribute, key);
 }
-
-void Sa::handleAttributeSerialization(StreamAttribute const& attribute, bool flowingOut) {
-    Active const active(entity());
-    if (attribute.kind == StreamKind::value)
-        attribute.serialize(*this, attribute.id, entity(), flowingOut);
-    else
-        handlePtrSerialization(attribute, attribute.target(entity()), flowingOut);
-}
-
-OutSm& Sa::nboAttrLogOut() const { return streamDemuxer().flowing()->nboAttrLogOut(); }
-bool Sa::isOkToSerialize() const { return streamDemuxer().flowing()->isOkToSerialize(); }
 
 // --- flowing out ---
 
 namespace {
 
+// While it lasts, what changes of the entity is delivered by the log and not at once to many readers.
 class Flowing {
 public:
-    Flowing(Sa& adapter, FlowConnection& connection) : adapter_(adapter), before_(adapter.streamDemuxer().flowing()) {
-        adapter_.streamDemuxer().flowingIs(&connection);
-        adapter_.attrLogFlagsIs(Sa::flowingOutBit, true);
-    }
+    explicit Flowing(Sa& adapter) : adapter_(adapter) { adapter_.attrLogFlagsIs(Sa::flowingOutBit, true); }
     Flowing(Flowing const&) = delete;
     Flowing& operator=(Flowing const&) = delete;
-    ~Flowing() {
-        adapter_.attrLogFlagsIs(Sa::flowingOutBit, false);
-        adapter_.streamDemuxer().flowingIs(before_);
-    }
+    ~Flowing() { adapter_.attrLogFlagsIs(Sa::flowingOutBit, false); }
 
 private:
     Sa& adapter_;
-    FlowConnection* before_;
 };
 
 }  // namespace
 
 AttributeId Sa::continueFlowOut(FlowConnection& connection, FlowOut& flow, AttributeId from) {
     if (from != 0 && !table().find(from)) return ~AttributeId(0);
-    Flowing const flowing(*this, connection);
+    Flowing const flowing(*this);
     for (StreamAttribute const& attribute : table().attributes) {
         if (attribute.id < from) continue;
         if (attribute.isCollection()) {
             if (AttributeId const stopped = flowOutCollection(connection, flow, attribute)) return stopped;
         } else if (flow.velIsDirty(attribute.id)) {
-            if (!isOkToSerialize()) return attribute.id;
-            handleAttributeSerialization(attribute, true);
+            if (!connection.isOkToSerialize()) return attribute.id;
+            bool const isPointer = attribute.kind == StreamKind::pointer;
+            Sa* const target = isPointer ? connection.adapterOf(attribute.target(entity())) : nullptr;
+            handleAttributeSerialization(attribute, target, &connection);
             flow.velIsDirtyIs(attribute.id, false);
         }
     }
@@ -258,7 +247,7 @@ AttributeId Sa::flowOutCollection(FlowConnection& connection, FlowOut& flow, Str
     Active const active(entity());
     if (!flow.velHasSynced(attribute.id) && !flowOutAllKeys(connection, flow, attribute)) return attribute.id;
     while (flow.velHasDirtyKeys(attribute.id)) {
-        if (!isOkToSerialize()) return attribute.id;
+        if (!connection.isOkToSerialize()) return attribute.id;
         FlowOut::DirtyKey const dirty = flow.velDirtyKeyTake(attribute.id);
         if (dirty.ephemeral) connection.sendKeyDel(*this, attribute, dirty.key);
         connection.sendKey(*this, attribute, dirty.key, false);
@@ -270,13 +259,13 @@ AttributeId Sa::flowOutCollection(FlowConnection& connection, FlowOut& flow, Str
 bool Sa::flowOutAllKeys(FlowConnection& connection, FlowOut& flow, StreamAttribute const& attribute) {
     bool const again = flow.velComesAgain(attribute.id);
     if (!flow.bookmark()) {
-        if (again && !isOkToSerialize()) return false;
+        if (again && !connection.isOkToSerialize()) return false;
         if (again) connection.sendKeysAgain(*this, attribute);
         flow.bookmarkIs(std::unique_ptr<NboAttrLog::Bookmark>(attribute.bookmark(entity())));
     }
     Out key;
     while (flow.bookmark()->left() != 0) {
-        if (!isOkToSerialize()) return false;
+        if (!connection.isOkToSerialize()) return false;
         key.clear();
         flow.bookmark()->next(key);
         std::string_view const view(reinterpret_cast<char const*>(key.data()), key.size());

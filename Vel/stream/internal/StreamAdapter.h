@@ -69,17 +69,20 @@ public:
 
     bool doMessageMulticast(AttributeId id) override;
     NboAttrLog::OutSm* singletonSerializeCheck(
-        AttributeId id, bool flowingOut, bool whole, std::size_t encodedSize, bool isKey) override;
-    void handlePtrSerialization(StreamAttribute const& attribute, Entity* target, bool flowingOut);
-    void handleCollectionKeySerialization(StreamAttribute const& attribute, std::string_view key, bool flowingOut);
-    void handleAttributeSerialization(StreamAttribute const& attribute, bool flowingOut);  // value or pointer
+        AttributeId id, NboAttrLog::FlowConnection* to, bool whole, std::size_t encodedSize, bool isKey) override;
+    // Write a value or pointer, whose `target` was looked up, to the connection; null: to all that read along.
+    void handleAttributeSerialization(
+        StreamAttribute const& attribute, VelNboAttrLogSa* target, NboAttrLog::FlowConnection* to);
+    void handlePtrSerialization(
+        StreamAttribute const& attribute, VelNboAttrLogSa* target, NboAttrLog::FlowConnection* to);
+    // Writes what was found at the key of a collection, to all that read along. `member`: null for none, and of values.
+    void handleCollectionKeySerialization(
+        StreamAttribute const& attribute, std::string_view key, bool isThere, VelNboAttrLogSa* member);
 
     // Flows out to the connection, in the order of the attribute ids from `from` on, what the flow says is to be sent.
     // 0: all of it; else the id to go on at, since the connection takes no more; all ones for an id that is none of the
     // streamed ones and not 0.
     AttributeId continueFlowOut(NboAttrLog::FlowConnection& connection, NboAttrLog::FlowOut& flow, AttributeId from);
-    bool isOkToSerialize() const;              // the connection that is flowed out to takes another message
-    NboAttrLog::OutSm& nboAttrLogOut() const;  // its output
 
     // Flags a change for a connection that catches up. Whether it was clean before. `member`: what is at the key now,
     // or null when that can't be looked up.
@@ -93,7 +96,7 @@ public:
     [[noreturn]] void throwWriteUpdateFromReadOnlyProxyException() const;
 
 private:
-    void shareKey(StreamAttribute const& attribute, std::string_view key);
+    void shareKey(StreamAttribute const& attribute, std::string_view key, bool isThere);
     template <class F> void eachLive(F f) const;
     AttributeId flowOutCollection(
         NboAttrLog::FlowConnection& connection, NboAttrLog::FlowOut& flow, StreamAttribute const& attribute);

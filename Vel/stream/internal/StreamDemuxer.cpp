@@ -22,11 +22,8 @@ StreamDemuxer::Adapter* StreamDemuxer::adapter(Entity const& entity) const {
     return found ? *found : nullptr;
 }
 
-StreamDemuxer::Adapter* StreamDemuxer::newAdapter(Entity& entity) {
-    if (lastId_ == ~EntityId(0)) {
-        idsAreOut_ = true;
-        return nullptr;
-    }
+StreamDemuxer::Adapter& StreamDemuxer::newAdapter(Entity& entity) {
+    if (lastId_ == ~EntityId(0)) throw IdsAreOut();
     U32 slot;  // there are never more than ids, so that the last number, SlotSet::none, is none
     if (freeSlots_.empty()) {
         slot = static_cast<U32>(bySlot_.size());
@@ -36,11 +33,11 @@ StreamDemuxer::Adapter* StreamDemuxer::newAdapter(Entity& entity) {
         freeSlots_.pop_back();
     }
     auto made = std::make_unique<Adapter>(*this, entity, ++lastId_, slot);
-    Adapter* const adapter = made.get();
-    adapter->attrLogFlagsIs(Adapter::multicastBit, multicast_ != nullptr);
-    adapters_.add(adapter->id(), std::move(made));
-    byEntity_.add(&entity, adapter);
-    bySlot_[slot] = adapter;
+    Adapter& adapter = *made;
+    adapter.attrLogFlagsIs(Adapter::multicastBit, multicast_ != nullptr);
+    adapters_.add(adapter.id(), std::move(made));
+    byEntity_.add(&entity, &adapter);
+    bySlot_[slot] = &adapter;
     return adapter;
 }
 
@@ -71,7 +68,6 @@ void StreamDemuxer::clear() {
 void StreamDemuxer::startOver() {
     for (StreamView* const view : views_) view->clear();
     lastId_ = 0;
-    idsAreOut_ = false;
     clear();
 }
 

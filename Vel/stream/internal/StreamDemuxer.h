@@ -32,9 +32,17 @@ public:
     Adapter* adapterAt(U32 slot) const { return bySlot_[slot]; }
     std::size_t entities() const { return adapters_.size(); }
 
-    bool idsAreOut() const { return idsAreOut_; }
-    // Empties all views; ids begin at 1 again. Their readers are closing then. Destroys all adapters.
-    void startOver();
+    // Runs f, which may take entities into views. Where no id is left for one, f is cut short, all readers are closing,
+    // all views are empty, no adapter is left, and ids begin at 1 again: then the result is false.
+    template <class F> bool givingIds(F f) {
+        try {
+            f();
+            return true;
+        } catch (IdsAreOut const&) {
+            startOver();
+            return false;
+        }
+    }
     // For tests of exhaustion: the next id will be id + 1. REQUIRES: id >= every id given so far.
     void lastIdIs(EntityId id) { lastId_ = id; }
 
@@ -50,7 +58,7 @@ public:
 
     void viewIs(StreamView& view, bool on);
     bool isInAView(U32 slot) const;
-    Adapter* newAdapter(Entity& entity);  // null: there is no id left. REQUIRES: it has none
+    Adapter& newAdapter(Entity& entity);  // REQUIRES: it has none; runs within givingIds(), or an id is left
     void adapterDel(Adapter& adapter);    // connections that were told of the entity are told that it has gone
     void catchingUpIs(NboAttrLog::FlowConnection& connection, bool on);
     void liveIs(NboAttrLog::FlowConnection& connection, NboAttrLog::OutSm& log, bool on);
@@ -64,10 +72,8 @@ public:
 
     // --- for adapters ---
 
-    Connections const& catchingUp() const { return catchingUp_; }     // one for each reader that does
-    Connections const& live() const { return live_; }                 // one for each view whose log is read
-    NboAttrLog::FlowConnection* flowing() const { return flowing_; }  // the one that is being flowed out to, or null
-    void flowingIs(NboAttrLog::FlowConnection* connection) { flowing_ = connection; }
+    Connections const& catchingUp() const { return catchingUp_; }  // one for each reader that does
+    Connections const& live() const { return live_; }              // one for each view whose log is read
     // Where to write what each live connection gets that was told of the entity; null when there is none.
     NboAttrLog::OutSm* liveSm(Adapter& adapter) {
         if (live_.size() != 1) return sharedSm(adapter);
@@ -77,8 +83,8 @@ public:
         if (live_.size() == 1) return live_[0]->changesAreWritten();
         lookAfterChanges();
     }
-    // Takes the entity into the views that have the one that refers to it now. Null when its type can't be streamed, or
-    // there is no id left: idsAreOut() then.
+    // Takes the entity into the views that have the one that refers to it now. Null when its type can't be streamed.
+    // REQUIRES: as newAdapter().
     Adapter* referredIs(Adapter const& referrer, Entity& entity);
     void referenceDropped(Adapter const& referrer);
     void notifierDeleted(Adapter& adapter);  // destroys the adapter
@@ -96,6 +102,8 @@ public:
     U64 coalesced() const { return coalesced_; }  // of these, where the flag was there already
 
 private:
+    struct IdsAreOut {};
+    void startOver();
     void clear();
     NboAttrLog::OutSm* sharedSm(Adapter& adapter);
     bool hasAudience(Adapter& adapter);
@@ -109,7 +117,6 @@ private:
     std::vector<StreamView*> views_;
     Connections catchingUp_;
     Connections live_;
-    NboAttrLog::FlowConnection* flowing_ = nullptr;
     std::vector<NboAttrLog::OutSm*> logs_;  // of the live connections
     NboAttrLog::SharedSm shared_;
     std::vector<bool> isTarget_;  // by live connection: its log is a target of shared_
@@ -121,7 +128,6 @@ private:
     Multicast multicast_;
     EntityId lastId_ = 0;  // given
     bool remoteMayWrite_ = false;
-    bool idsAreOut_ = false;
     U64 changes_ = 0;
     U64 coalesced_ = 0;
 };

@@ -44,8 +44,7 @@ StreamView::Adapter* StreamView::adapterIs(Entity& entity) {
     Adapter* adapter = demuxer_->adapter(entity);
     if (adapter && has(*adapter)) return adapter;
     if (!canHave(entity)) return nullptr;
-    if (!adapter) adapter = demuxer_->newAdapter(entity);
-    if (!adapter) return nullptr;
+    if (!adapter) adapter = &demuxer_->newAdapter(entity);
     members_.add(adapter->slot());
     ++count_;
     return adapter;

@@ -29,7 +29,7 @@ public:
     bool has(Adapter const& adapter) const { return members_.has(adapter.slot()); }
     Adapter* adapter(EntityId id) const { return mine(demuxer_->adapter(id)); }  // null for none of the view's
     Adapter* adapter(Entity const& entity) const { return mine(demuxer_->adapter(entity)); }
-    // Takes the entity into the view; null when its type can't be streamed, or there is no id left.
+    // Takes the entity into the view; null when its type can't be streamed. REQUIRES: as StreamDemuxer::newAdapter().
     Adapter* adapterIs(Entity& entity);
     NboAttrLog::SlotSet const& members() const { return members_; }  // by slot
     std::size_t entities() const { return count_; }

@@ -70,11 +70,13 @@ protected:
         ofA = std::make_unique<Reading>(server, "a");
         all->take();
     }
-    std::string idOf(Vel::Entity const& entity) { return std::to_string(server.source("")->adapter(entity)->id()); }
+    std::string idOf(Vel::Entity const& entity) {
+        return std::to_string(server.source("")->impl().adapter(entity)->id());
+    }
     void move(Dir& from, Dir& to) {
         from.entryDel("x");
         to.entryIs(x);
-        server.source("a")->sweep();
+        server.source("a")->impl().sweep();
     }
     void expectAllEqual() {
         all->take();
@@ -92,10 +94,10 @@ protected:
 
 TEST_F(StreamPathsTest, WhatIsAtSeveralPathsIsObservedOnce) {
     ofA->take();
-    auto* const adapter = server.source("")->adapter(*x);
+    auto* const adapter = server.source("")->impl().adapter(*x);
     ASSERT_TRUE(adapter);
-    EXPECT_EQ(server.source("a")->adapter(*x), adapter);
-    EXPECT_EQ(server.source("a")->demuxer().entities(), 5u);
+    EXPECT_EQ(server.source("a")->impl().adapter(*x), adapter);
+    EXPECT_EQ(server.source("a")->impl().demuxer().entities(), 5u);
 }
 
 TEST_F(StreamPathsTest, ChangeReachesThePathsThatHaveTheEntity) {
@@ -162,10 +164,10 @@ TEST_F(StreamPathsTest, ReaderIsToldOfNothingOutsideOfItsPath) {
 
 TEST_F(StreamPathsTest, ReaderCannotChangeWhatIsOutsideOfItsPath) {
     ofA->take();
-    ofA->write(server.source("")->adapter(*y)->id(), 7);
+    ofA->write(server.source("")->impl().adapter(*y)->id(), 7);
     EXPECT_EQ(y->size(), 0u);
     EXPECT_EQ(ofA->reader->error(), "") << "as an entity that has gone";
-    ofA->write(server.source("")->adapter(*x)->id(), 7);
+    ofA->write(server.source("")->impl().adapter(*x)->id(), 7);
     EXPECT_EQ(x->size(), 7u);
     expectAllEqual();
 }
@@ -173,7 +175,7 @@ TEST_F(StreamPathsTest, ReaderCannotChangeWhatIsOutsideOfItsPath) {
 TEST_F(StreamPathsTest, ReaderCannotChangeWhatHasLeftItsPath) {
     ofA->take();
     move(*a, *b);
-    ofA->write(server.source("")->adapter(*x)->id(), 7);
+    ofA->write(server.source("")->impl().adapter(*x)->id(), 7);
     EXPECT_EQ(x->size(), 0u);
 }
 
@@ -194,7 +196,7 @@ TEST_F(StreamPathsTest, EntityThatLeavesAPathIsGoneThereAlone) {
 
 TEST_F(StreamPathsTest, EntityThatComesBackHasGoneBefore) {
     a->entryIs(Leaf::newEntity("w"));
-    while (!server.source("a")->adapter(*x)) ofA->takeByte();
+    while (!server.source("a")->impl().adapter(*x)) ofA->takeByte();
     EXPECT_EQ(server.source("a")->liveReaders(), 0u) << "which is what is tested";
     move(*a, *b);
     move(*b, *a);
@@ -209,7 +211,7 @@ TEST_F(StreamPathsTest, EntityThatComesBackHasGoneBefore) {
 
 TEST_F(StreamPathsTest, AdaptersGoWithTheLastPathThatHasThem) {
     ofA->take();
-    auto const demuxer = [&]() -> Vel::StreamDemuxer& { return server.source("a")->demuxer(); };
+    auto const demuxer = [&]() -> Vel::StreamDemuxer& { return server.source("a")->impl().demuxer(); };
     all->reader->closed("");
     server.checkPaths();
     EXPECT_EQ(demuxer().entities(), 2u);
@@ -220,7 +222,7 @@ TEST_F(StreamPathsTest, AdaptersGoWithTheLastPathThatHasThem) {
 
 TEST_F(StreamPathsTest, IdsThatRunOutDoSoForAllPaths) {
     ofA->take();
-    server.source("")->lastIdIs(~EntityId(0));
+    server.source("")->impl().demuxer().lastIdIs(~EntityId(0));
     b->entryIs(Leaf::newEntity("z"));
     EXPECT_TRUE(all->reader->isClosing());
     EXPECT_TRUE(ofA->reader->isClosing());
@@ -235,9 +237,9 @@ TEST_F(StreamPathsTest, ReaderThatStandsStillDoesNotMakeItsLogGrowWhileOthersRea
     for (U32 i = 1; i <= 200'000; ++i) {
         x->sizeIs(i);
         all->reader->outputTaken(all->reader->output(1000).size());
-        most = std::max(most, server.source("a")->log().size());
+        most = std::max(most, server.source("a")->impl().log().size());
     }
-    EXPECT_LE(most, server.source("a")->options().logSize + (64u << 10));
+    EXPECT_LE(most, server.source("a")->impl().options().logSize + (64u << 10));
     EXPECT_EQ(server.source("a")->liveReaders(), 0u);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Vel/describe/Module.h"
 #include "Vel/entity/Dir.h"
 #include "Vel/stream/AttrLogReplica.h"
 #include "Vel/stream/AttrLogSource.h"
@@ -7,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -67,10 +69,73 @@ using Vel::NboAttrLog::In;
 using Vel::NboAttrLog::MessageKind;
 using Vel::NboAttrLog::Out;
 
+// A message with the body that is written.
+inline Bytes message(
+    MessageKind kind, std::function<void(Out&)> const& body = [](Out&) {}) {
+    Vel::NboAttrLog::BufferSm sm;
+    body(sm.begin(kind, 0));
+    sm.commit();
+    return {sm.bytes().begin(), sm.bytes().end()};
+}
+
+// A hello whose modules are changed.
+inline Bytes hello(bool wantsToWrite, std::map<std::string, Vel::U64> const& instead) {
+    Vel::NboAttrLog::BufferSm sm;
+    auto& out = sm.begin(Vel::NboAttrLog::MessageKind::hello, 0);
+    std::map<std::string, Vel::U64> modules;
+    for (auto const* const module : Vel::Registry::modules()) {
+        Vel::VelType const any(module, 0);
+        modules[std::string(any.moduleName())] = any.moduleFingerprint();
+    }
+    for (auto const& [name, fingerprint] : instead) modules[name] = fingerprint;
+    std::erase_if(modules, [](auto const& m) { return m.second == 0; });
+    out << Vel::U32(0x56454c41) << Vel::U16(1) << wantsToWrite << Vel::String()
+        << static_cast<Vel::U32>(modules.size());
+    for (auto const& [name, fingerprint] : modules) out << Vel::String(name) << fingerprint;
+    sm.commit();
+    return {sm.bytes().begin(), sm.bytes().end()};
+}
+
 namespace Detail {
 
 inline std::string textOf(In& in) { return in.nextString().stdString(); }
 inline std::string number(In& in) { return std::to_string(nextCompact(in)); }
+
+// "2.258", of an entity and an attribute.
+inline std::string attributeOf(In& in) {
+    std::string const id = number(in);
+    return id + "." + number(in);
+}
+
+inline std::string announcementOf(In& in) {
+    std::string text = "announce " + number(in);
+    text += " type " + number(in);
+    U32 const parent = nextCompact(in);
+    if (parent != 0) text += " at " + std::to_string(parent) + "." + number(in);
+    while (in.left() >= 4) text += " " + textOf(in);
+    return text;
+}
+
+// Of what says something about an attribute or a key.
+inline std::string attributeMessageOf(MessageKind kind, In& in) {
+    std::string const at = attributeOf(in);
+    switch (kind) {
+    case MessageKind::value:
+        return "value " + at + " " + hex({in.data(), in.left()});
+    case MessageKind::keySet: {
+        std::string const key = textOf(in);
+        return "keySet " + at + " " + key + " " + number(in);
+    }
+    case MessageKind::keyDel:
+        return "keyDel " + at + " " + textOf(in);
+    case MessageKind::keysAgain:
+        return "keysAgain " + at;
+    case MessageKind::keysEnd:
+        return "keysEnd " + at;
+    default:
+        return "?";
+    }
+}
 
 inline std::string toldOf(MessageKind kind, In in) {
     switch (kind) {
@@ -82,30 +147,8 @@ inline std::string toldOf(MessageKind kind, In in) {
         std::string const index = number(in);
         return "type " + index + " " + textOf(in);
     }
-    case MessageKind::announce: {
-        std::string text = "announce " + number(in);
-        text += " type " + number(in);
-        U32 const parent = nextCompact(in);
-        if (parent != 0) text += " at " + std::to_string(parent) + "." + number(in);
-        while (in.left() >= 4) text += " " + textOf(in);
-        return text;
-    }
-    case MessageKind::value: {
-        std::string text = "value " + number(in);
-        text += "." + number(in);
-        return text + " " + hex({in.data(), in.left()});
-    }
-    case MessageKind::keySet: {
-        std::string text = "keySet " + number(in);
-        text += "." + number(in);
-        text += " " + textOf(in);
-        return text + " " + number(in);
-    }
-    case MessageKind::keyDel: {
-        std::string text = "keyDel " + number(in);
-        text += "." + number(in);
-        return text + " " + textOf(in);
-    }
+    case MessageKind::announce:
+        return announcementOf(in);
     case MessageKind::gone:
         return "gone " + number(in);
     case MessageKind::synced:
@@ -118,19 +161,16 @@ inline std::string toldOf(MessageKind kind, In in) {
         return "ping " + std::to_string(in.nextU32());
     case MessageKind::pong:
         return "pong " + std::to_string(in.nextU32());
-    case MessageKind::keysAgain:
-    case MessageKind::keysEnd: {
-        std::string const text = (kind == MessageKind::keysAgain ? "keysAgain " : "keysEnd ") + number(in);
-        return text + "." + number(in);
+    default:
+        return attributeMessageOf(kind, in);
     }
-    }
-    return "?";
 }
 
 class Hex final : public Vel::NboAttrLog::SerializeSink, public Vel::NboAttrLog::OutSm {
 public:
     bool doMessageMulticast(Vel::AttributeId) override { return false; }
-    OutSm* singletonSerializeCheck(Vel::AttributeId, bool, bool, std::size_t size, bool) override {
+    OutSm* singletonSerializeCheck(
+        Vel::AttributeId, Vel::NboAttrLog::FlowConnection*, bool, std::size_t size, bool) override {
         begin(MessageKind::value, size);
         return this;
     }
@@ -151,7 +191,7 @@ public:
             std::string const below = path + "." + std::to_string(attribute.id);
             if (attribute.kind == StreamKind::value) {
                 Hex sink;
-                attribute.serialize(sink, attribute.id, entity, true);
+                attribute.serialize(sink, attribute.id, entity, nullptr);
                 text += hex(Vel::NboAttrLog::messageBody(sink.bytes.bytes()));
             } else if (attribute.kind == StreamKind::pointer) {
                 Entity const* const target = attribute.target(entity);
@@ -163,7 +203,7 @@ public:
                     Out key;
                     keys->next(key);
                     Hex sink;
-                    attribute.serializeKey(sink, attribute.id, entity, key.bytes(), true);
+                    attribute.serializeKey(sink, attribute.id, entity, key.bytes(), nullptr);
                     values[hex(key.bytes())] =
                         hex(Vel::NboAttrLog::messageBody(sink.bytes.bytes()).subspan(key.size()));
                 }

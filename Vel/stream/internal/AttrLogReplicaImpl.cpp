@@ -1,0 +1,371 @@
+#include "Vel/stream/internal/AttrLogReplicaImpl.h"
+
+#include "Vel/base/Exception.h"
+#include "Vel/describe/Module.h"
+#include "Vel/stream/internal/StreamAdapter.h"
+#include "Vel/stream/internal/StreamProtocol.h"
+#include "Vel/stream/internal/StreamRefusal.h"
+#include "Vel/text/PeerText.h"
+
+namespace Vel {
+
+using NboAttrLog::ensureCorrectType;
+using NboAttrLog::In;
+using NboAttrLog::MessageKind;
+using NboAttrLog::nextCompact;
+
+namespace {
+
+void needEnd(In const& in) {
+    if (in.left() != 0) throw StreamException("a message with bytes behind its end", in.offset());
+}
+
+}  // namespace
+
+AttrLogReplica::Impl::Impl(Ptr<Entity> root, Ptr<Dir> parent, String name, StreamLimits const& limits)
+    : limits_(limits),
+      parent_(std::move(parent)),
+      name_(std::move(name)),
+      root_(std::move(root)),
+      entities_(limits),
+      nesting_(entities_, limits) {}
+
+// --- connections ---
+
+void AttrLogReplica::Impl::connected() {
+    forgetSource();
+    welcomed_ = false;
+    types_.clear();
+    entities_.recountBefore(root_.get());
+    stateIs(State::syncing);
+}
+
+void AttrLogReplica::Impl::disconnected() {
+    forgetSource();
+    stateIs(root_ ? State::stale : State::empty);
+}
+
+void AttrLogReplica::Impl::forgetSource() {
+    mayWrite_ = false;
+    rootId_ = 0;
+    unmentioned_.clear();
+    nesting_.clear();
+    entities_.disconnected();
+}
+
+void AttrLogReplica::Impl::stateIs(State state) {
+    if (state == state_) return;
+    state_ = state;
+    if (onState_) onState_(state);
+}
+
+// --- messages ---
+
+void AttrLogReplica::Impl::handleMessage(MessageKind kind, In& body) {
+    if (kind == MessageKind::welcome && !welcomed_) return welcome(body);
+    if (!welcomed_) throw StreamException("the source did not say welcome first", 0);
+    switch (kind) {
+    case MessageKind::value:
+        return value(body);
+    case MessageKind::keySet:
+        return keySet(body);
+    case MessageKind::keyDel:
+        return keyDel(body);
+    case MessageKind::announce:
+        return announce(body);
+    case MessageKind::type:
+        return type(body);
+    case MessageKind::gone:
+        return gone(body);
+    case MessageKind::keysAgain:
+        return keysAgain(body);
+    case MessageKind::keysEnd:
+        return keysEnd(body);
+    case MessageKind::synced:
+        needEnd(body);
+        return synced();
+    default:
+        throw StreamException(format("a source sends no message of kind %u", static_cast<unsigned>(kind)), 0);
+    }
+}
+
+void AttrLogReplica::Impl::welcome(In& body) {
+    if (U16 const version = body.nextU16(); version != streamVersion)
+        throw StreamException(format("the source speaks version %u of the protocol", version), 0);
+    mayWrite_ = body.nextbool();
+    needEnd(body);
+    welcomed_ = true;
+}
+
+void AttrLogReplica::Impl::type(In& body) {
+    U32 const index = nextCompact(body);
+    String const name = body.nextString();
+    String const module = body.nextString();
+    U64 const fingerprint = body.nextU64();
+    needEnd(body);
+    if (types_.size() >= limits_.types) throw StreamException("the source has too many types", 0);
+    VelType const type = Registry::type(name);
+    if (!type || !type.isEntity() || !type.glue().stream)
+        throw StreamRefusalException(
+            {StreamFault::noSuchModule, "no module of the client has the entity type '" + peerText(name.view()) + "'"});
+    if (!(module == type.moduleName()) || fingerprint != type.moduleFingerprint())
+        throw StreamRefusalException({StreamFault::otherVersion,
+            format("%s comes from module %s, fingerprint %016lx, at the server and from %s, %016lx, at the client",
+                type.name(), peerText(module.view()).charPtr(), fingerprint, String(type.moduleName()).charPtr(),
+                type.moduleFingerprint())});
+    if (!types_.try_emplace(index, type).second) throw StreamException(format("type %u is there already", index), 0);
+}
+
+void AttrLogReplica::Impl::value(In& body) {
+    EntityId const owner = nextCompact(body);
+    ReplicaEntities::Known const& target = entities_.known(owner);
+    AttributeId const id = nextCompact(body);
+    StreamAttribute const* const attribute = target.table->find(id);
+    if (!attribute || attribute->isCollection())
+        throw StreamException(format("%s has no value or pointer %u", target.entity->fwkType().name(), id), 0);
+    Ptr<Entity> const keep = target.entity;
+    StreamAdapter::needInactive(*keep);
+    In items({body.data(), body.left()}, &entities_);
+    if (attribute->kind == StreamKind::value) {
+        if (!attribute->varies) return attribute->apply(*keep, items);
+        std::size_t const before = ReplicaSize::ofValue(*attribute, *keep);
+        entities_.needRoom(items.left());
+        attribute->apply(*keep, items);
+        return entities_.sizeChanged(owner, before, ReplicaSize::ofValue(*attribute, *keep));
+    }
+    Entity* const pointee = items.nextEntity();
+    needEnd(items);
+    if (pointee) ensureCorrectType(pointee->fwkType(), attribute->type());
+    attribute->targetIs(*keep, pointee);
+}
+
+// An entity's collection, and the key, which the message goes on behind.
+ReplicaPlace AttrLogReplica::Impl::place(In& body) {
+    ReplicaPlace place;
+    place.id = nextCompact(body);
+    ReplicaEntities::Known const& owner = entities_.known(place.id);
+    place.entity = owner.entity;
+    StreamAdapter::needInactive(*place.entity);
+    AttributeId const id = nextCompact(body);
+    place.attribute = owner.table->find(id);
+    if (!place.attribute || place.attribute->kind == StreamKind::value)
+        throw StreamException(format("%s has no references at %u", place.entity->fwkType().name(), id), 0);
+    if (!place.attribute->isCollection()) return place;
+    U8 const* const key = body.data();
+    place.attribute->skipKey(body);
+    place.key = {key, static_cast<std::size_t>(body.data() - key)};
+    return place;
+}
+
+void AttrLogReplica::Impl::announce(In& body) {
+    EntityId const id = nextCompact(body);
+    auto const found = types_.find(nextCompact(body));
+    if (id == 0 || entities_.find(id)) throw StreamException(format("entity %u can't be announced", id), 0);
+    if (found == types_.end()) throw StreamException("an entity of a type that was not told of", 0);
+    if (entities_.count() >= limits_.entities) throw StreamException("the source has too many entities", 0);
+    VelType const type = found->second;
+    StreamTable const& table = type.glue().stream();
+    ReplicaPlace place;
+    if (In ahead = body; nextCompact(ahead) == 0)
+        body = ahead;
+    else
+        place = this->place(body);
+    bool const instantiated = place.attribute && place.attribute->kind == StreamKind::instances;
+    bool const tellsName = table.takesName && !(instantiated && type == place.attribute->type());
+    String const name = tellsName ? body.nextString() : String();
+    needEnd(body);
+    if (place.attribute) {
+        if (place.attribute->kind == StreamKind::values) throw StreamException("an entity where values belong", 0);
+        ensureCorrectType(type, place.attribute->type());
+    }
+    entities_.needRoom(ReplicaSize::ofNew(type, name.length()) + ReplicaSize::keyCost + place.key.size());
+    bool isNew = false;
+    if (rootId_ == 0) {  // what is announced first is in no place, since no entity is known
+        bind(id, rootOf(type, isNew), isNew);
+        rootId_ = id;
+    } else {
+        if (!table.isCreatable) throw StreamException(format("%s can't be created", type.name()), 0);
+        bind(id, announced(type, place, name, isNew), isNew);
+    }
+    nesting_.putLoosened();
+}
+
+Ptr<Entity> AttrLogReplica::Impl::rootOf(VelType type, bool& isNew) {
+    if (!parent_) {
+        if (root_->fwkType() != type)
+            throw StreamException(
+                format("the source serves a %s, which can't be copied into a %s", type.name(), root_->fwkType().name()),
+                0);
+        return root_;
+    }
+    Ptr<Entity> there = parent_->entry(name_);
+    if (there && there->fwkType() == type) return root_ = there;
+    if (!type.glue().stream().isCreatable) throw StreamException(format("%s can't be created", type.name()), 0);
+    if (there) parent_->entryDel(name_);
+    isNew = true;
+    return root_ = parent_->createEntity(type, name_);
+}
+
+// The entity that is there already, in the same place and of the same type, or a new one. One that has an id already is
+// another one: the source has deleted that and made this.
+Ptr<Entity> AttrLogReplica::Impl::announced(VelType type, ReplicaPlace const& place, String const& name, bool& isNew) {
+    bool const instantiated = place.attribute && place.attribute->kind == StreamKind::instances;
+    Ptr<Entity> const there = place.attribute ? place.there() : nullptr;
+    bool const namesDiffer = !name.empty() && there && !(there->name() == name);
+    bool const mayBeIt = state_ == State::syncing && !namesDiffer;
+    if (there && mayBeIt && there->fwkType() == type && entities_.idOf(there.get()) == 0) {
+        if (instantiated) told(place);
+        return there;
+    }
+    isNew = true;
+    if (!instantiated) return ptr_cast<Entity>(type.glue().newEntity(name, nullptr));
+    if (!there) entities_.sizeChanged(place.id, 0, ReplicaSize::keyCost + place.key.size());
+    told(place);
+    return nesting_.loosen(there.get(), [&] { return instantiate(type, place, name, there.get()); });
+}
+
+// A new member of a collection that makes its members. One that takes the place of another is put there as a whole, so
+// that observers are told once.
+Ptr<Entity> AttrLogReplica::Impl::instantiate(
+    VelType type, ReplicaPlace const& place, String const& name, Entity* there) {
+    StreamAttribute const& attribute = *place.attribute;
+    bool const isOwnType = type == attribute.type();
+    bool const replaces = there && attribute.adopts && attribute.keyIsName && type.glue().stream().takesName;
+    if (there && !replaces) place.del();
+    In key = place.keyIn();
+    if (isOwnType && !replaces) {
+        Ptr<Entity> const made = attribute.memberNew(*place.entity, key);
+        if (!made || made->fwkType() != type) throw StreamException("a collection made another type than its own", 0);
+        return made;
+    }
+    Ptr<Entity> const made = ptr_cast<Entity>(type.glue().newEntity(isOwnType ? key.nextString() : name, nullptr));
+    place.replacementIs(*made);
+    return made;
+}
+
+// What is there already is to be mentioned, or has gone.
+void AttrLogReplica::Impl::bind(EntityId id, Ptr<Entity> entity, bool isNew) {
+    if (isNew) return entities_.addNew(id, std::move(entity));
+    StreamAttribute const* last = nullptr;
+    UnmentionedKeys::Keys* keys = nullptr;
+    entities_.add(id, std::move(entity), [&](StreamAttribute const& attribute, std::span<U8 const> key) {
+        if (std::exchange(last, &attribute) != &attribute) keys = &unmentioned_.of(id, attribute.id);
+        keys->emplace(reinterpret_cast<char const*>(key.data()), key.size());
+    });
+}
+
+// --- collections ---
+
+ReplicaPlace AttrLogReplica::Impl::collection(In& body) {
+    ReplicaPlace place;
+    place.id = nextCompact(body);
+    ReplicaEntities::Known const& owner = entities_.known(place.id);
+    place.entity = owner.entity;
+    AttributeId const id = nextCompact(body);
+    place.attribute = owner.table->find(id);
+    needEnd(body);
+    if (!place.attribute || !place.attribute->isCollection())
+        throw StreamException(format("%s has no collection %u", place.entity->fwkType().name(), id), 0);
+    return place;
+}
+
+void AttrLogReplica::Impl::keysAgain(In& body) { unmentioned_.beginAgain(collection(body)); }
+
+// What has gone goes now, or at the sync mark if that is still to come.
+void AttrLogReplica::Impl::keysEnd(In& body) {
+    ReplicaPlace const place = collection(body);
+    if (!unmentioned_.comesAgain(place)) throw StreamException("the end of keys that did not come again", 0);
+    if (state_ == State::syncing) return;
+    delUnmentioned(place.id, place.attribute->id, unmentioned_.endAgain(place));
+    nesting_.putLoosened();
+}
+
+void AttrLogReplica::Impl::delUnmentioned(EntityId id, AttributeId attribute, UnmentionedKeys::Keys const& keys) {
+    ReplicaEntities::Known const* const owner = entities_.find(id);
+    if (!owner) return;
+    ReplicaPlace place{id, owner->entity, owner->table->find(attribute)};
+    StreamAdapter::needInactive(*place.entity);
+    for (std::string const& key : keys) {
+        place.keyTextIs(key);
+        if (place.attribute->kind == StreamKind::values)
+            valueDel(place);
+        else
+            nesting_.del(place);
+    }
+}
+
+// The source has said what is there now.
+void AttrLogReplica::Impl::told(ReplicaPlace const& place, bool isThere) {
+    unmentioned_.mentioned(place, isThere);
+    nesting_.told(place);
+}
+
+void AttrLogReplica::Impl::keySet(In& body) {
+    ReplicaPlace const place = this->place(body);
+    if (!place.attribute->isCollection()) throw StreamException("a key of what is no collection", 0);
+    if (place.attribute->kind == StreamKind::values) return keyValue(place, body);
+    EntityId const id = nextCompact(body);
+    Ptr<Entity> const member = entities_.known(id).entity;
+    needEnd(body);
+    ensureCorrectType(member->fwkType(), place.attribute->type());
+    told(place);
+    Entity* const there = place.there();
+    if (!there) entities_.needRoom(ReplicaSize::keyCost + place.key.size());
+    if (there != member.get()) nesting_.put(place, id, *member);
+    nesting_.isThere(place, id, *member);
+    nesting_.putLoosened();
+}
+
+void AttrLogReplica::Impl::keyDel(In& body) {
+    ReplicaPlace const place = this->place(body);
+    needEnd(body);
+    if (!place.attribute->isCollection()) throw StreamException("a key of what is no collection", 0);
+    told(place, false);
+    if (place.attribute->kind == StreamKind::values) return valueDel(place);
+    nesting_.del(place);
+    nesting_.putLoosened();
+}
+
+void AttrLogReplica::Impl::keyValue(ReplicaPlace const& place, In& body) {
+    StreamAttribute const& attribute = *place.attribute;
+    bool const isNew = !place.holdsValue();
+    if (isNew) entities_.needKey();
+    bool const resizes = isNew || attribute.varies;
+    std::size_t const before = isNew || !resizes ? 0 : ReplicaSize::ofKey(attribute, *place.entity, place.key);
+    if (resizes) entities_.needRoom(ReplicaSize::keyCost + place.key.size() + body.left());
+    In key = place.keyIn();
+    In items({body.data(), body.left()});
+    attribute.applyKey(*place.entity, key, items);
+    unmentioned_.mentioned(place, true);
+    if (resizes && place.holdsValue())
+        entities_.sizeChanged(place.id, before, ReplicaSize::ofKey(attribute, *place.entity, place.key));
+    if (isNew) entities_.keyAdded(place.id);
+}
+
+void AttrLogReplica::Impl::valueDel(ReplicaPlace const& place) {
+    if (!place.holdsValue()) return;
+    std::size_t const size = ReplicaSize::ofKey(*place.attribute, *place.entity, place.key);
+    place.del();
+    entities_.sizeChanged(place.id, size, 0);
+    entities_.keyDeleted(place.id);
+}
+
+void AttrLogReplica::Impl::gone(In& body) {
+    EntityId const id = nextCompact(body);
+    needEnd(body);
+    if (id == rootId_) throw StreamException("the root can't go", 0);
+    nesting_.gone(id);
+    unmentioned_.gone(id);
+    entities_.del(id);
+}
+
+void AttrLogReplica::Impl::synced() {
+    unmentioned_.take([this](EntityId id, AttributeId attribute, UnmentionedKeys::Keys const& keys) {
+        delUnmentioned(id, attribute, keys);
+    });
+    entities_.synced();
+    nesting_.putAll();
+    stateIs(State::synced);
+}
+
+}  // namespace Vel

@@ -1,0 +1,70 @@
+#pragma once
+
+#include "Vel/stream/AttrLogReplica.h"
+#include "Vel/stream/internal/ReplicaEntities.h"
+#include "Vel/stream/internal/ReplicaNesting.h"
+#include "Vel/stream/internal/ReplicaPlace.h"
+#include "Vel/stream/internal/UnmentionedKeys.h"
+
+#include <map>
+
+namespace Vel {
+
+// What the messages of a source do to a copy.
+class AttrLogReplica::Impl {
+public:
+    Impl(Ptr<Entity> root, Ptr<Dir> parent, String name, StreamLimits const& limits);  // which must outlive it
+
+    State state() const { return state_; }
+    void onStateIs(std::function<void(State)> told) { onState_ = std::move(told); }
+    Ptr<Entity> const& root() const { return root_; }
+    bool mayWrite() const { return mayWrite_; }
+    ReplicaEntities const& entities() const { return entities_; }
+
+    void connected();     // a source is there, of which nothing is known
+    void disconnected();  // it is gone
+    void handleMessage(NboAttrLog::MessageKind kind, NboAttrLog::In& body);
+
+private:
+    void welcome(NboAttrLog::In& body);
+    void type(NboAttrLog::In& body);
+    void announce(NboAttrLog::In& body);
+    void value(NboAttrLog::In& body);
+    void keySet(NboAttrLog::In& body);
+    void keyDel(NboAttrLog::In& body);
+    void keysAgain(NboAttrLog::In& body);
+    void keysEnd(NboAttrLog::In& body);
+    void gone(NboAttrLog::In& body);
+    void synced();
+
+    ReplicaPlace place(NboAttrLog::In& body);
+    ReplicaPlace collection(NboAttrLog::In& body);
+    Ptr<Entity> rootOf(VelType type, bool& isNew);
+    Ptr<Entity> announced(VelType type, ReplicaPlace const& place, String const& name, bool& isNew);
+    Ptr<Entity> instantiate(VelType type, ReplicaPlace const& place, String const& name, Entity* there);
+    void bind(EntityId id, Ptr<Entity> entity, bool isNew);
+    void keyValue(ReplicaPlace const& place, NboAttrLog::In& body);
+    void valueDel(ReplicaPlace const& place);
+    void told(ReplicaPlace const& place, bool isThere = true);
+    void delUnmentioned(EntityId id, AttributeId attribute, UnmentionedKeys::Keys const& keys);
+    void forgetSource();
+    void stateIs(State state);
+
+    StreamLimits const& limits_;
+    Ptr<Dir> parent_;
+    String name_;
+    Ptr<Entity> root_;
+    State state_ = State::empty;
+    std::function<void(State)> onState_;
+
+    // Of this connection:
+    bool welcomed_ = false;
+    bool mayWrite_ = false;
+    EntityId rootId_ = 0;  // 0: nothing has been announced
+    std::map<U32, VelType> types_;
+    ReplicaEntities entities_;
+    UnmentionedKeys unmentioned_;
+    ReplicaNesting nesting_;
+};
+
+}  // namespace Vel

@@ -1,0 +1,164 @@
+#include "Vel/stream/internal/AttrLogSourceImpl.h"
+
+#include "Vel/stream/internal/AttrLogReader.h"
+
+#include <algorithm>
+
+namespace Vel {
+
+using NboAttrLog::FlowConnection;
+using NboAttrLog::In;
+using NboAttrLog::MessageKind;
+using NboAttrLog::OutSm;
+
+namespace {
+
+// Readers that are behind are looked for when a chunk is full.
+std::size_t chunkSizeOf(AttrLogSource::Options const& options) {
+    return options.chunkSize != 0 ? options.chunkSize : std::clamp<std::size_t>(options.logSize / 16, 256, 64u << 10);
+}
+
+}  // namespace
+
+AttrLogSource::Impl::Impl(std::shared_ptr<StreamDemuxer> demuxer, Ptr<Entity> root, Options const& options)
+    : StreamView(std::move(demuxer), std::move(root)), options_(options), log_(chunkSizeOf(options)), live_(*this) {
+    this->demuxer().sharedSizeIs(chunkSizeOf(options));
+}
+
+AttrLogSource::Impl::~Impl() {
+    for (AttrLogReader* const reader : std::vector(readers_)) reader->leaveSource("what was served is gone");
+}
+
+// --- readers ---
+
+void AttrLogSource::Impl::attach(AttrLogReader& reader) {
+    readers_.push_back(&reader);
+    demuxer().catchingUpIs(reader, true);
+    demuxer().givingIds([this] { adapterIs(root()); });
+}
+
+void AttrLogSource::Impl::detach(AttrLogReader& reader) {
+    if (reader.isLive()) leaveLive(reader, false);
+    demuxer().catchingUpIs(reader, false);
+    std::erase(readers_, &reader);
+    std::erase(awaiting_, &reader);
+}
+
+void AttrLogSource::Impl::clear() {
+    for (AttrLogReader* const reader : std::vector(readers_))
+        reader->leaveSource("entity ids have run out, and begin anew with the next connection");
+    StreamView::clear();
+}
+
+// The reader is up to date. If it is the first live one, what it was told becomes what live_ knows.
+void AttrLogSource::Impl::goLive(AttrLogReader& reader) {
+    if (liveReaders_++ == 0) {
+        live_.knowledgeIs(reader);
+        demuxer().liveIs(live_, log_, true);
+        lastChunk_ = log_.head().chunk;
+    }
+    demuxer().catchingUpIs(reader, false);
+    static_cast<FlowConnection&>(reader).clear();
+}
+
+void AttrLogSource::Impl::leaveLive(AttrLogReader& reader, bool catchesUp) {
+    std::erase(awaiting_, &reader);
+    if (catchesUp) demuxer().catchingUpIs(reader, true);
+    if (--liveReaders_ != 0) return;
+    demuxer().liveIs(live_, log_, false);
+    live_.clear();
+    log_.drop(log_.head());
+}
+
+void AttrLogSource::Impl::awaits(AttrLogReader& reader) {
+    awaiting_.push_back(&reader);
+    lastMessages_ = log_.messages();  // it has all of these
+    demuxer().lookAfterLogs();
+}
+
+void AttrLogSource::Impl::refuseThoseWithout(VelType type) {
+    for (AttrLogReader* const reader : readers_) {
+        if (!reader->isLive()) continue;
+        if (StreamRefusal refusal = reader->refusalFor(type); !refusal.text.empty())
+            reader->refuseLater(std::move(refusal));
+    }
+}
+
+void AttrLogSource::Impl::Live::entityHasGone(EntityId id, bool) {
+    OutSm& log = nboAttrLogOut();
+    log.begin(MessageKind::gone, NboAttrLog::compactSize(id)) << NboAttrLog::Compact{id};
+    log.commit();
+}
+
+void AttrLogSource::Impl::changesAreWritten() {
+    if (log_.messages() == lastMessages_ && !live_.hasWaiting()) return;
+    bool const isWritten = demuxer().givingIds([this] {
+        while (liveReaders_ != 0 && live_.hasWaiting()) {
+            live_.continueFlowOut();
+            trimLog();
+        }
+    });
+    if (!isWritten) return;
+    lastMessages_ = log_.messages();
+    if (log_.head().chunk != lastChunk_) trimLog();
+    if (!awaiting_.empty()) wakeAwaiting();
+}
+
+void AttrLogSource::Impl::wakeAwaiting() {
+    waking_.clear();
+    waking_.swap(awaiting_);  // both keep their room
+    for (AttrLogReader* const reader : waking_) reader->wakeUp();
+}
+
+std::size_t AttrLogSource::Impl::backlog() const {
+    std::size_t most = 0;
+    for (AttrLogReader const* const reader : readers_)
+        if (reader->isLive()) most = std::max(most, log().sizeFrom(reader->position()));
+    return most;
+}
+
+void AttrLogSource::Impl::write(EntityId id, AttributeId attribute, In& value, bool allowed) {
+    Adapter* const adapter = this->adapter(id);
+    if (!adapter) return;
+    struct Write {
+        Write(StreamDemuxer& demuxer, unsigned& writes, bool allowed)
+            : demuxer_(demuxer), writes_(writes), allowedBefore_(demuxer.remoteMayWrite()) {
+            ++writes_;
+            demuxer_.remoteMayWriteIs(allowed);
+        }
+        Write(Write const&) = delete;
+        Write& operator=(Write const&) = delete;
+        ~Write() {
+            demuxer_.remoteMayWriteIs(allowedBefore_);
+            --writes_;
+        }
+
+    private:
+        StreamDemuxer& demuxer_;
+        unsigned& writes_;
+        bool const allowedBefore_;
+    };
+    Write const write(demuxer(), writes_, allowed);
+    adapter->writeFromRemote(attribute, value);
+}
+
+// Drops what every reader has read. A reader that holds more back than may be has to catch up instead.
+void AttrLogSource::Impl::trimLog() {
+    if (liveReaders_ == 0) return;
+    lastChunk_ = log_.head().chunk;
+    auto const slowest = [&] {
+        AttrLogReader* found = nullptr;
+        for (AttrLogReader* const reader : readers_)
+            if (reader->isLive() && (!found || reader->position() < found->position())) found = reader;
+        return found;
+    };
+    for (;;) {
+        AttrLogReader* const reader = slowest();
+        if (!reader) return;
+        log_.drop(reader->position());
+        if (log_.size() <= options_.logSize || reader->position().chunk == log_.head().chunk) return;
+        reader->toldToCatchUp();
+    }
+}
+
+}  // namespace Vel
