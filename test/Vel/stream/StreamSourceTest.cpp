@@ -142,19 +142,25 @@ TEST_F(StreamSourceTest, WakesWhenAnEntityThatWasKeptIsDestroyed) {
     EXPECT_EQ(woken, 1);
 }
 
-TEST_F(StreamSourceTest, IsSweptWhenHalfAsManyReferencesWereDroppedAsThereAreEntities) {
+TEST_F(StreamSourceTest, IsSweptWhenMoreReferencesWereDroppedThanHalfOfItsEntitiesAndThanSixtyFour) {
     std::vector<Ptr<Leaf>> kept;
     for (int i = 0; i < 300; ++i) {
         kept.push_back(Leaf::newEntity(Vel::format("%d", i)));
         root->entryIs(kept.back());
     }
     pair.run();
-    for (std::size_t i = 0; i < 140; ++i) root->entryDel(kept[i]->name());
-    pair.run();
-    EXPECT_EQ(pair.source.entities(), 302u);
-    for (std::size_t i = 140; i < 160; ++i) root->entryDel(kept[i]->name());
-    pair.run();
-    EXPECT_EQ(pair.source.entities(), 142u);
+    std::size_t next = 0;
+    auto const drop = [&](std::size_t count) {
+        for (std::size_t const end = next + count; next < end; ++next) root->entryDel(kept[next]->name());
+        pair.run();
+        return pair.source.entities();
+    };
+    EXPECT_EQ(drop(151), 302u);
+    EXPECT_EQ(drop(1), 150u);
+    EXPECT_EQ(drop(75), 150u) << "it counts anew";
+    EXPECT_EQ(drop(1), 74u);
+    EXPECT_EQ(drop(64), 74u);
+    EXPECT_EQ(drop(1), 9u);
 }
 
 TEST_F(StreamSourceTest, NothingIsWrittenToTheLogWhenNobodyReadsIt) {
