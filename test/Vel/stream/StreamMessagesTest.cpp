@@ -372,6 +372,31 @@ TEST_F(HostileSourceTest, WhatNoSourceSaysIsRefusedByName) {
     }
 }
 
+TEST_F(HostileSourceTest, MessageWithBytesBehindItsEndIsRefused) {
+    std::vector<Bytes> const cases{
+        message(MessageKind::type,
+            [](Out& out) { out << Compact{2} << String("Vel::Dir") << String("Dir") << Vel::U64(1); }),
+        message(MessageKind::announce, [](Out& out) { out << Compact{3} << Compact{1} << Compact{0} << String("y"); }),
+        message(MessageKind::value, [](Out& out) { out << Compact{2} << Compact{260} << U32(2); }),
+        message(MessageKind::keySet, [](Out& out) { out << Compact{1} << Compact{258} << String("x") << Compact{2}; }),
+        message(MessageKind::keyDel, [](Out& out) { out << Compact{1} << Compact{258} << String("x"); }),
+        message(MessageKind::gone, [](Out& out) { out << Compact{2}; }),
+        message(MessageKind::synced),
+        message(MessageKind::keysAgain, [](Out& out) { out << Compact{1} << Compact{258}; }),
+        message(MessageKind::keysEnd, [](Out& out) { out << Compact{1} << Compact{258}; }),
+    };
+    for (Bytes bytes : cases) {
+        replica.connected();
+        sendTypes();
+        bytes.front() = static_cast<U8>(bytes.front() + 1);  // the length, which is below 64
+        bytes.push_back(0);
+        expectRefused(bytes, "a message with bytes behind its end");
+    }
+    replica.connected();
+    expectRefused(message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false << U8(0); }),
+        "a message with bytes behind its end");
+}
+
 TEST_F(HostileSourceTest, SynchronisedMayBeSaidAgainAndTellsNobody) {
     unsigned told = 0;
     replica.onStateIs([&](Vel::AttrLogReplica::State state) { told += state == Vel::AttrLogReplica::State::synced; });
@@ -636,6 +661,25 @@ TEST(StreamPeerTest, MessageHoldsWhatHasComeOfIt) {
     pair.reader->input(bytes.subspan(600'010));
     EXPECT_EQ(pair.reader->error(), "");
     EXPECT_EQ(pair.reader->held(), before);
+}
+
+// Up to 4 KiB of room are kept for the next message that comes in parts, and no more.
+TEST(StreamPeerTest, RoomOfAMessageThatCameInPartsIsKeptUnlessItIsLarge) {
+    for (std::size_t const size : {4096u, 4097u}) {
+        Pair pair(Dir::newEntity("d"));
+        pair.connect();
+        pair.run();
+        std::size_t const before = pair.reader->held();
+        Bytes const bytes = message(MessageKind::write, [&](Out& out) {
+            out << Compact{63} << Compact{63};
+            out.append(size - 5);  // behind a length of two bytes, the kind and these two
+        });
+        ASSERT_EQ(bytes.size(), size);
+        pair.reader->input(std::span(bytes).first(3000));
+        pair.reader->input(std::span(bytes).subspan(3000));
+        EXPECT_EQ(pair.reader->error(), "");
+        EXPECT_EQ(pair.reader->held() - before, size == 4096 ? size : 0);
+    }
 }
 
 // What an output has room for is memory, also when all of it was taken.
