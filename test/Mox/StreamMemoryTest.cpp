@@ -509,6 +509,20 @@ TEST_F(GreedySourceTest, ObserverMayEndTheConnectionThatBringsAValue) {
     }
 }
 
+TEST_F(GreedySourceTest, ObserverMayEndTheConnectionThatTakesAValueAway) {
+    announce(2, 1, "seen");
+    keySet(1, 258, "seen", 2);
+    entry(2, "k", "some text");
+    Ptr<Vel::Entity> const entity = Vel::ptr_cast<Dir>(replica->root())->entry("seen");
+    ASSERT_TRUE(entity) << replica->error();
+    auto const observer =
+        Vel::notifieeOf(*entity, [&](AttributeId, Vel::NotifieeKey const*) { replica->closed("it has seen enough"); });
+    keyDel(2, 259, "k");
+    EXPECT_EQ(replica->error(), "it has seen enough");
+    EXPECT_EQ(replica->entities(), 0u);
+    EXPECT_EQ(replica->state(), AttrLogReplica::State::stale);
+}
+
 TEST_F(GreedySourceTest, WhatGoesIsNotCountedAnyMore) {
     dirIn(1, "d");
     announce(++last, 1, "t");

@@ -357,6 +357,15 @@ TEST(StringTest, HashesAsItsBytesDo) {
     EXPECT_TRUE(set.contains("b"));
 }
 
+TEST(StringTest, IteratorsAreInTheOrderOfTheirPlaces) {
+    String const text("abc");
+    auto const first = text.begin(), last = text.begin() + 2;
+    EXPECT_TRUE(first < last);
+    EXPECT_FALSE(last < first);
+    EXPECT_TRUE((first <=> text.begin()) == std::strong_ordering::equal);
+    EXPECT_FALSE(first < text.begin());
+}
+
 TEST(StringTest, WithoutMemoryThereIsNoString) {
     if (!CollectionTest::allocationsAreCounted()) GTEST_SKIP() << "allocation can't be made to fail in this build";
     bool thrown = false;

@@ -452,6 +452,24 @@ TEST_F(HostileSourceTest, TypeWithAnotherFingerprintIsRefusedByName) {
             here.stdString() + ", at the client");
 }
 
+TEST_F(HostileSourceTest, TypeThatIsNoEntityIsRefused) {
+    sendTypes();
+    expectRefused(message(MessageKind::type,
+                      [](Out& out) {
+                          Vel::VelType const type = Vel::typeOf<Fixture::Version>();
+                          out << Compact{2} << String(type.name()) << String(type.moduleName())
+                              << type.moduleFingerprint();
+                      }),
+        "no module of the client has the entity type 'Fixture::Version'");
+}
+
+TEST_F(HostileSourceTest, EntityBelowThatCannotBeMadeIsRefused) {
+    sendTypes();
+    sendType(2, Vel::typeOf<Fixture::Demanding>());
+    expectRefused(message(MessageKind::announce, [](Out& out) { out << Compact{3} << Compact{2} << Compact{0}; }),
+        "Fixture::Demanding can't be created");
+}
+
 TEST_F(HostileSourceTest, TypeOfNoModuleIsRefused) {
     send(message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; }));
     expectRefused(message(MessageKind::type,

@@ -530,6 +530,8 @@ TEST(StreamWriteTest, WriteChangesTheSourceAndComesBack) {
     EXPECT_THROW(
         replica.write(*replica.root(), 258, Vel::GenericValue(Vel::typeOf<String>(), "'x'")), Vel::TypeException);
     EXPECT_THROW(replica.write(*replica.root(), 260, Vel::GenericValue(Vel::typeOf<U32>(), "5")), Vel::RangeException);
+    EXPECT_THROW(replica.write(*replica.root(), 300, U32(5)), Vel::RangeException);
+    EXPECT_THROW(replica.write(*a, 258, U32(5)), Vel::RangeException) << "which is no copy";
 }
 
 TEST(StreamWriteTest, ReadersChangeIsNotMulticastAndTheNextOneIs) {
@@ -916,6 +918,19 @@ TEST_F(LastIdsTest, ReaderThatCatchesUpIsRefusedToo) {
     EXPECT_EQ(pair.source.entities(), 9u);
 }
 
+TEST(LastIdTest, ReaderThatFindsNoIdLeftForTheRootIsRefused) {
+    Pair pair(Leaf::newEntity("a"));
+    pair.source.lastIdIs(~Vel::EntityId(0));
+    pair.connect();
+    pair.run();
+    EXPECT_EQ(pair.replica.error(), "refused: entity ids have run out, and begin anew with the next connection");
+    EXPECT_EQ(pair.source.readers(), 0u);
+    pair.disconnect();
+    pair.connect();
+    pair.run();
+    pair.expectEqual();
+}
+
 TEST_F(LastIdsTest, WithoutReadersItStartsOverUnnoticed) {
     pair.disconnect();
     addLeaves(10);
@@ -1006,6 +1021,48 @@ TEST_F(HandleValueSerializationTest, NoMulticastToOneReaderOrOfAReadersChange) {
         EXPECT_EQ(recorder.calls, Strings{"check 259 0 1 4 0"});
         recorder.attrLogFlagsIs(bit, false);
     }
+}
+
+// To one reader, but there is none.
+TEST(StreamAdapterTest, NothingIsWrittenWhereNobodyIsFlowedOutTo) {
+    auto const dir = Dir::newEntity("d");
+    auto const leaf = Leaf::newEntity("a");
+    dir->entryIs(leaf);
+    Vel::AttrLogSource source(dir);
+    for (Vel::Entity* const entity : std::initializer_list<Vel::Entity*>{dir.get(), leaf.get()}) {
+        auto* const adapter = source.adapterIs(*entity);
+        Vel::NboAttrLog::Out key;
+        key << String("a");
+        std::string_view const view(reinterpret_cast<char const*>(key.data()), key.size());
+        for (Vel::StreamAttribute const& attribute : adapter->table().attributes)
+            if (attribute.isCollection())
+                adapter->handleCollectionKeySerialization(attribute, view, true);
+            else
+                adapter->handleAttributeSerialization(attribute, true);
+    }
+    EXPECT_EQ(source.log().messages(), 0u);
+    EXPECT_EQ(source.entities(), 2u);
+}
+
+TEST(StreamAdapterTest, AnotherEntityMayBeAppliedWhileOneIsWritten) {
+    class Other : public Recorder {
+    public:
+        using Recorder::Recorder;
+        Vel::NboAttrLog::OutSm* singletonSerializeCheck(AttributeId id, bool, bool, std::size_t, bool) override {
+            Bytes const bytes{0, 0, 0, 9};
+            Vel::NboAttrLog::In in(bytes);
+            other->onAttributeForConnection(id, in);
+            return nullptr;
+        }
+        Vel::StreamAdapter* other = nullptr;
+    };
+    auto const a = Leaf::newEntity("a"), b = Leaf::newEntity("b");
+    Vel::StreamDemuxer demuxer;
+    Recorder ofB(demuxer, *b, 2, 1);
+    Other ofA(demuxer, *a, 1, 0);
+    ofA.other = &ofB;
+    ofA.handleAttributeSerialization(*ofA.table().find(258), false);
+    EXPECT_EQ(b->size(), 9u);
 }
 
 TEST(StreamAdapterDeathTest, NothingIsAppliedWhileItIsWritten) {
