@@ -179,6 +179,33 @@ TEST_F(StreamPathsTest, WhatEachPathIsToldByItselfComesBehindWhatWasSharedBefore
     expectAllEqual();
 }
 
+// The paths are asked in the order in which they came to be read: the first of them counts, too.
+TEST_F(StreamPathsTest, ChangeReachesNoPathThatDoesNotHaveTheEntityWhicheverWasReadFirst) {
+    ofA->take();
+    all = std::make_unique<Reading>(server, "");
+    all->take();
+    x->sizeIs(7);
+    y->sizeIs(8);
+    EXPECT_EQ(ofA->take(), Strings{"value " + idOf(*x) + ".258 00000007"});
+    expectAllEqual();
+}
+
+// A type that another path was told of first, and this one of something that has gone.
+TEST_F(StreamPathsTest, LaterReaderIsToldOfAllTypesThatItsPathWasToldOf) {
+    Vel::AttrLogServer another(root);
+    Reading ofX(another, "a/x"), first(another, "b");
+    ofX.take();
+    first.take();
+    b->entryDel("y");
+    y = nullptr;
+    Reading second(another, "b");
+    second.take();
+    b->entryIs(Leaf::newEntity("z"));
+    first.take();
+    second.take();
+    second.expectEqual(*b);
+}
+
 TEST_F(StreamPathsTest, ReaderIsToldOfNothingOutsideOfItsPath) {
     b->entryIs(Fixture::Twig::newEntity("t"));
     all->take();

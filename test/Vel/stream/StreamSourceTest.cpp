@@ -227,6 +227,27 @@ TEST_F(SmallLogTest, WakesAgainWhoeverHasFallenBehindAndCaughtUp) {
     EXPECT_EQ(woken, 1);
 }
 
+// Two messages go into a piece of the log; a reader that has all falls behind with the first of the next piece.
+class TinyLogTest : public StreamSourceTest {
+protected:
+    TinyLogTest() : StreamSourceTest(Vel::AttrLogSource::Options{.logSize = 0, .chunkSize = 20}) {}
+};
+
+TEST_F(TinyLogTest, WakesOnceForEachChangeWhoeverHasAllWhetherItFallsBehindOrNot) {
+    int woken = 0;
+    pair.reader->wakeIs([&] { ++woken; });
+    bool wasLive[2] = {};
+    for (U32 i = 1; i <= 10; ++i) {
+        woken = 0;
+        a->sizeIs(i);
+        wasLive[pair.source.liveReaders()] = true;
+        EXPECT_EQ(woken, 1) << i;
+        pair.run();
+    }
+    EXPECT_TRUE(wasLive[0] && wasLive[1]) << "which is what is tested";
+    pair.expectEqual();
+}
+
 TEST_F(SmallLogTest, MessageThatWasCutByTheStallGoesOn) {
     a->sizeIs(1);
     a->sizeIs(2);
@@ -1042,6 +1063,14 @@ TEST(StreamAdapterTest, NothingIsWrittenWhereNobodyIsFlowedOutTo) {
     }
     EXPECT_EQ(source.log().messages(), 0u);
     EXPECT_EQ(source.entities(), 2u);
+}
+
+TEST_F(StreamSourceTest, NothingIsWrittenOfWhatIsNoAttributeWithAValue) {
+    Vel::U64 const before = pair.source.log().messages();
+    auto* const adapter = pair.source.adapter(*root);
+    adapter->handleAttribute(1000);
+    adapter->handleAttribute(258);  // a collection, whose keys are told one by one
+    EXPECT_EQ(pair.source.log().messages(), before);
 }
 
 TEST(StreamAdapterTest, AnotherEntityMayBeAppliedWhileOneIsWritten) {
