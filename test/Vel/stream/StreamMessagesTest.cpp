@@ -235,6 +235,17 @@ TEST_F(HostileSourceTest, FirstMessageIsNoLongerThanAHello) {
     expectRefused({0x80, 0x01, 0x00, 0x01}, "a message of 65537 bytes, where at most 65536 are taken");
 }
 
+TEST_F(HostileSourceTest, NothingOfTheLastConnectionHelpsTheNext) {
+    sendTypes();
+    replica.refuse("it has seen enough");
+    EXPECT_TRUE(replica.hasRefused());
+    replica.closed("");
+    replica.connected();
+    EXPECT_FALSE(replica.hasRefused());
+    EXPECT_FALSE(replica.isGreeted());
+    expectRefused({0x80, 0x01, 0x00, 0x01}, "a message of 65537 bytes, where at most 65536 are taken");
+}
+
 TEST_F(HostileSourceTest, MessageAsLongAsTheLimitIsTakenAndNoneLonger) {
     Bytes const welcome = message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; });
     ASSERT_EQ(welcome.size(), 5u);  // of which 4 behind the length

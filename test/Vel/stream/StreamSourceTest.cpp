@@ -191,6 +191,20 @@ TEST(StreamLengthTest, LengthsTakeAsFewBytesAsTheyCan) {
     }
 }
 
+TEST_F(StreamSourceTest, OutputMayBeTakenInParts) {
+    a->sizeIs(1);
+    a->sizeIs(2);
+    auto const bytes = pair.reader->output(1000);
+    ASSERT_EQ(bytes.size(), 18u);
+    pair.replica.input(bytes);
+    for (std::size_t const part : {5u, 4u, 9u}) {
+        EXPECT_TRUE(pair.reader->wantsOutput());
+        pair.reader->outputTaken(part);
+    }
+    EXPECT_FALSE(pair.reader->wantsOutput());
+    pair.expectEqual();
+}
+
 class SmallLogTest : public StreamSourceTest {
 protected:
     SmallLogTest() : StreamSourceTest(Vel::AttrLogSource::Options{.logSize = 1000}) {}
