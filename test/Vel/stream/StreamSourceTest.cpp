@@ -567,6 +567,9 @@ TEST(StreamWriteTest, WriteChangesTheSourceAndComesBack) {
     EXPECT_THROW(replica.write(*replica.root(), 260, Vel::GenericValue(Vel::typeOf<U32>(), "5")), Vel::RangeException);
     EXPECT_THROW(replica.write(*replica.root(), 300, U32(5)), Vel::RangeException);
     EXPECT_THROW(replica.write(*a, 258, U32(5)), Vel::RangeException) << "which is no copy";
+    replica.closed("");
+    EXPECT_FALSE(replica.mayWrite());
+    EXPECT_THROW(replica.write(*replica.root(), 258, U32(5)), Vel::ReadOnlyException);
 }
 
 TEST(StreamWriteTest, ReadersChangeIsNotMulticastAndTheNextOneIs) {
