@@ -1,4 +1,5 @@
 #include "Vel/describe/Module.h"
+#include "fuzz/Thorough.h"
 #include "test/Mox/PrefixTrieModel.h"
 
 #include <array>
@@ -12,8 +13,9 @@ VEL_MODULE(TrieTest, 637926b7314de79f, TrieTest::State, TrieTest::Trie, TrieTest
 
 // Two prefix tries in lock step with a plain model. The first byte chooses the kind of trie; each step is a byte of
 // operation and tags, and a path: its length and its characters, which are often separators and stars. Few steps, and
-// nothing asked before the end: so there are far more runs. Then the tries are compared, and asked about the last path.
-// libFuzzer: -max_len=100
+// nothing asked before the end: so there are far more runs. Then the tries are compared, and asked about the last path,
+// and of one input in sixteen about half of it, too.
+// libFuzzer: -max_len=48
 
 namespace {
 
@@ -107,10 +109,10 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
             pair.trie = kind & 4 ? TrieTest::Ptr<Mox::PrefixTrie>(TrieTest::Trie::newEntity("t"))
                                  : TrieTest::Ptr<Mox::PrefixTrie>(TrieTest::Plain::newEntity("t"));
         std::string last;
-        for (unsigned steps = 0; !bytes.empty() && steps < 12; ++steps) last = step(bytes, pairs);
+        for (unsigned steps = 0; !bytes.empty() && steps < 8; ++steps) last = step(bytes, pairs);
         for (Pair const& pair : pairs) {
             require(differentAnswer(pair, last));
-            require(differentAnswer(pair, last.substr(0, last.size() / 2)));
+            if (isThorough({data, size})) require(differentAnswer(pair, last.substr(0, last.size() / 2)));
             require(differentNode(*pair.trie, pair.model));
         }
     }

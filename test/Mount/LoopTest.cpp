@@ -48,6 +48,12 @@ TEST(LoopTest, RunUntilAsksAfterEverythingThatHappens) {
     EXPECT_EQ(calls, 3);
 }
 
+TEST(LoopTest, RunUntilAsksOnceMoreAtTheEnd) {
+    Loop loop;
+    auto const end = std::chrono::steady_clock::now() + 2ms;
+    EXPECT_TRUE(loop.runUntil([&] { return std::chrono::steady_clock::now() >= end; }, 2ms));
+}
+
 TEST(LoopTest, RunUntilRunsNothingWhenItIsSoAlready) {
     Loop loop;
     bool isCalled = false;

@@ -3,6 +3,7 @@
 
 #include "Vel/base/Exception.h"
 
+#include <deque>
 #include <fstream>
 #include <functional>
 #include <utility>
@@ -486,6 +487,20 @@ TEST_F(ServerSocketTest, AConnectionThatCannotBeAcceptedKeepsNobodyWaiting) {
         SystemFailure const failure("accept4", error, 2);
         EXPECT_TRUE(isServed(address())) << error;
         EXPECT_EQ(failure.left(), 0) << error;
+    }
+}
+
+TEST_F(ServerSocketTest, WhoIsGoneBeforeItIsAcceptedDoesNotDelayTheNext) {
+    Server server(loop, served);
+    server.listen(address());
+    std::deque<RawPeer> peers;
+    for (int const error : {ECONNABORTED, EINTR, EMFILE}) {
+        peers.emplace_back(address());
+        auto const before = server.connections();
+        SystemFailure const failure("accept4", error);
+        loop.poll();  // without any wait
+        EXPECT_EQ(failure.left(), 0) << error;
+        EXPECT_EQ(server.connections() != before, error != EMFILE) << error;
     }
 }
 

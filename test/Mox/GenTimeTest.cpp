@@ -263,7 +263,7 @@ TEST(GenTimeModuleTest, AttributesAreListed) {
 TEST(GenTimeModuleTest, NamesAreListedInByteOrder) {
     ModuleTable const table("_GenTime_fccc10043bff97d9_velModule");
     ASSERT_TRUE(table);
-    EXPECT_TRUE(table.fileName().starts_with("libmox.so")) << table.fileName();
+    EXPECT_TRUE(table.isInLibrary()) << table.fileName();
     EXPECT_EQ(table.typeNames(), "Mox::GenTime\0Vel::Seconds\0"s);
     EXPECT_EQ(
         table.attributeNames(), "\0dummyValue\0equals\0greaterThanOrEqualTo\0isActive\0lessThanOrEqualTo\0t\0value\0"s);

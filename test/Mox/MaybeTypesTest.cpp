@@ -300,7 +300,7 @@ TEST(MaybeTypesModuleTest, AttributesAreListed) {
 TEST(MaybeTypesModuleTest, NamesAreListedInByteOrder) {
     ModuleTable const table("_MaybeTypes_5ce28a8f6c54f636_velModule");
     ASSERT_TRUE(table);
-    EXPECT_TRUE(table.fileName().starts_with("libmox.so")) << table.fileName();
+    EXPECT_TRUE(table.isInLibrary()) << table.fileName();
     EXPECT_EQ(table.typeNames(), "Mox::MaybeU63\0U64\0"s);
     EXPECT_EQ(table.attributeNames(), "\0defaultReprAttribute\0null\0nullBit\0stringValue\0value\0"s);
     ASSERT_EQ(table.types(), 1u);

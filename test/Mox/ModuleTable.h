@@ -2,6 +2,7 @@
 
 #include "Vel/describe/GenericIf.h"
 #include "Vel/describe/internal/Records.h"
+#include "Vel/entity/Dir.h"
 
 #include <gtest/gtest.h>
 
@@ -22,11 +23,11 @@ public:
     explicit operator bool() const { return bytes_ != nullptr; }
     Vel::ModuleHeader const* header() const { return reinterpret_cast<Vel::ModuleHeader const*>(bytes_); }
     // Of the file that it was loaded from.
-    std::string fileName() const {
-        Dl_info info{};
-        EXPECT_NE(::dladdr(bytes_, &info), 0);
-        std::string const path = info.dli_fname ? info.dli_fname : "";
-        return path.substr(path.rfind('/') + 1);
+    std::string fileName() const { return fileOf(bytes_); }
+    // Whether that is Mox's library; or the program, where that is where the framework is, too.
+    bool isInLibrary() const {
+        std::string const framework = fileOf(&Vel::typeOf<Vel::Dir>().module());
+        return framework.starts_with("libvel.so") ? fileName().starts_with("libmox.so") : fileName() == framework;
     }
 
     std::string typeNames() const { return {bytes_ + header()->typeNames, header()->typeNamesSize}; }
@@ -44,6 +45,12 @@ public:
     }
 
 private:
+    static std::string fileOf(void const* address) {
+        Dl_info info{};
+        EXPECT_NE(::dladdr(address, &info), 0);
+        std::string const path = info.dli_fname ? info.dli_fname : "";
+        return path.substr(path.rfind('/') + 1);
+    }
     template <class T> T at(std::size_t offset) const {
         T value;
         std::memcpy(&value, bytes_ + offset, sizeof value);

@@ -312,7 +312,7 @@ TEST(SeqnoModuleTest, AttributesAreListed) {
 TEST(SeqnoModuleTest, TableIsExportedUnderItsSymbol) {
     ModuleTable const table("_Seqno_b10c04b51b44f4ab_velModule");
     ASSERT_TRUE(table);
-    EXPECT_TRUE(table.fileName().starts_with("libmox.so")) << table.fileName();
+    EXPECT_TRUE(table.isInLibrary()) << table.fileName();
     EXPECT_EQ(table.header(), &Vel::typeOf<Seqno16>().module());
     EXPECT_EQ(table.header()->fingerprint, 0xb10c04b51b44f4abul);
     EXPECT_EQ(Vel::typeOf<Seqno32>().moduleName(), "Seqno");

@@ -460,6 +460,69 @@ TEST_F(GreedySourceTest, TextOfAnAttributeCountsAsLongAsItIs) {
     EXPECT_EQ(replica->error(), "a copy of more than 200000 bytes");
 }
 
+TEST_F(GreedySourceTest, ValueOfAKeyCountsAsLongAsItIs) {
+    announce(2, 1, "t");
+    entry(2, "k", "");
+    std::size_t const before = replica->copySize();
+    for (int i = 0; i < 100; ++i) entry(2, "k", String(std::string(50'000, 'x')));
+    EXPECT_EQ(replica->copySize(), before + 50'000);
+    entry(2, "k", String(std::string(10, 'x')));
+    EXPECT_EQ(replica->copySize(), before + 10);
+    entry(2, "k", String(std::string(199'990, 'x')));
+    EXPECT_EQ(replica->error(), "a copy of more than 200000 bytes");
+}
+
+TEST_F(GreedySourceTest, KeyWithAValueOfAFixedSizeCounts) {
+    announce(2, 1, "t");
+    std::size_t const before = replica->copySize();
+    for (U32 const value : {7u, 8u})
+        send(MessageKind::keySet, [&](Out& out) { out << Compact{2} << Compact{260} << Vel::U8(1) << value; });
+    EXPECT_EQ(replica->copySize(), before + 160 + 1);
+}
+
+TEST_F(GreedySourceTest, MemberThatIsReplacedCountsAsOneKey) {
+    dirIn(1, "a");
+    EntityId const first = last;
+    std::size_t const before = replica->copySize();
+    dirIn(1, "a");
+    gone(first);
+    EXPECT_EQ(replica->error(), "");
+    EXPECT_EQ(replica->copySize(), before);
+}
+
+// Nothing of the connection is looked at behind the observer.
+TEST_F(GreedySourceTest, ObserverMayEndTheConnectionThatBringsAValue) {
+    for (bool const isKey : {false, true}) {
+        announce(2, isKey ? 1 : 2, "seen");
+        keySet(1, 258, "seen", 2);
+        Ptr<Vel::Entity> const entity = Vel::ptr_cast<Dir>(replica->root())->entry("seen");
+        ASSERT_TRUE(entity) << replica->error();
+        auto const observer = Vel::notifieeOf(
+            *entity, [&](AttributeId, Vel::NotifieeKey const*) { replica->closed("it has seen enough"); });
+        if (isKey)
+            entry(2, "k", "some text");
+        else
+            send(MessageKind::value, [](Out& out) { out << Compact{2} << Compact{260} << String("some text"); });
+        EXPECT_EQ(replica->error(), "it has seen enough");
+        EXPECT_EQ(replica->entities(), 0u);
+        connect();
+    }
+}
+
+TEST_F(GreedySourceTest, ObserverMayEndTheConnectionThatTakesAValueAway) {
+    announce(2, 1, "seen");
+    keySet(1, 258, "seen", 2);
+    entry(2, "k", "some text");
+    Ptr<Vel::Entity> const entity = Vel::ptr_cast<Dir>(replica->root())->entry("seen");
+    ASSERT_TRUE(entity) << replica->error();
+    auto const observer =
+        Vel::notifieeOf(*entity, [&](AttributeId, Vel::NotifieeKey const*) { replica->closed("it has seen enough"); });
+    keyDel(2, 259, "k");
+    EXPECT_EQ(replica->error(), "it has seen enough");
+    EXPECT_EQ(replica->entities(), 0u);
+    EXPECT_EQ(replica->state(), AttrLogReplica::State::stale);
+}
+
 TEST_F(GreedySourceTest, WhatGoesIsNotCountedAnyMore) {
     dirIn(1, "d");
     announce(++last, 1, "t");

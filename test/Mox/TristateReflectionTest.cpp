@@ -178,7 +178,7 @@ TYPED_TEST(TristateReflectionTest, FunctionsTellTheirParametersAndResults) {
 TEST(TristateModuleTest, NamesAreListedInByteOrder) {
     ModuleTable const table("_TristateTypes_104cc86953bb2461_velModule");
     ASSERT_TRUE(table);
-    EXPECT_TRUE(table.fileName().starts_with("libmox.so")) << table.fileName();
+    EXPECT_TRUE(table.isInLibrary()) << table.fileName();
     EXPECT_EQ(table.typeNames(), "F64\0Mox::TristateBoolean\0Mox::TristateF64\0Mox::TristateString\0"
                                  "Mox::TristateU16\0Mox::TristateU32\0Mox::TristateU64\0Mox::TristateU8\0"
                                  "U16\0U32\0U64\0U8\0Vel::String\0bool\0"s);

@@ -222,7 +222,7 @@ TEST(UniqueIdModuleTest, AttributesAreListed) {
 TEST(UniqueIdModuleTest, NamesAreListedInByteOrder) {
     ModuleTable const table("_UniqueId_7b073ac0aefaab70_velModule");
     ASSERT_TRUE(table);
-    EXPECT_TRUE(table.fileName().starts_with("libmox.so")) << table.fileName();
+    EXPECT_TRUE(table.isInLibrary()) << table.fileName();
     EXPECT_EQ(table.typeNames(), "Mox::UniqueId\0U16\0U32\0U64\0"s);
     EXPECT_EQ(table.attributeNames(), "\0count\0doInit\0generateUniqueId\0pid\0timestamp\0toStrep\0uniqueIdIs\0val\0"s);
     ASSERT_EQ(table.types(), 1u);

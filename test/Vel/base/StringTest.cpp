@@ -1,6 +1,7 @@
 #include "Vel/base/String.h"
 
 #include "Vel/base/Exception.h"
+#include "test/Vel/entity/CollectionTest.h"
 
 #include <gtest/gtest.h>
 
@@ -354,6 +355,29 @@ TEST(StringTest, HashesAsItsBytesDo) {
     std::unordered_set<String> const set{"a", "b", "a"};
     EXPECT_EQ(set.size(), 2u);
     EXPECT_TRUE(set.contains("b"));
+}
+
+TEST(StringTest, IteratorsAreInTheOrderOfTheirPlaces) {
+    String const text("abc");
+    auto const first = text.begin(), last = text.begin() + 2;
+    EXPECT_TRUE(first < last);
+    EXPECT_FALSE(last < first);
+    EXPECT_TRUE((first <=> text.begin()) == std::strong_ordering::equal);
+    EXPECT_FALSE(first < text.begin());
+}
+
+TEST(StringTest, WithoutMemoryThereIsNoString) {
+    if (!CollectionTest::allocationsAreCounted()) GTEST_SKIP() << "allocation can't be made to fail in this build";
+    bool thrown = false;
+    {
+        CollectionTest::NoMemory const none;
+        try {
+            String const text("text");
+        } catch (std::bad_alloc const&) {
+            thrown = true;
+        }
+    }
+    EXPECT_TRUE(thrown);
 }
 
 }  // namespace

@@ -96,6 +96,17 @@ TEST_F(HostileSourceTest, FirstMessageIsNoLongerThanAHello) {
     expectRefused({0x80, 0x01, 0x00, 0x01}, "a message of 65537 bytes, where at most 65536 are taken");
 }
 
+TEST_F(HostileSourceTest, NothingOfTheLastConnectionHelpsTheNext) {
+    sendTypes();
+    replica.refuse("it has seen enough");
+    EXPECT_TRUE(replica.hasRefused());
+    replica.closed("");
+    replica.connected();
+    EXPECT_FALSE(replica.hasRefused());
+    EXPECT_FALSE(replica.isGreeted());
+    expectRefused({0x80, 0x01, 0x00, 0x01}, "a message of 65537 bytes, where at most 65536 are taken");
+}
+
 TEST_F(HostileSourceTest, MessageAsLongAsTheLimitIsTakenAndNoneLonger) {
     Bytes const welcome = message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false; });
     ASSERT_EQ(welcome.size(), 5u);  // of which 4 behind the length
@@ -233,6 +244,31 @@ TEST_F(HostileSourceTest, WhatNoSourceSaysIsRefusedByName) {
     }
 }
 
+TEST_F(HostileSourceTest, MessageWithBytesBehindItsEndIsRefused) {
+    std::vector<Bytes> const cases{
+        message(MessageKind::type,
+            [](Out& out) { out << Compact{2} << String("Vel::Dir") << String("Dir") << Vel::U64(1); }),
+        message(MessageKind::announce, [](Out& out) { out << Compact{3} << Compact{1} << Compact{0} << String("y"); }),
+        message(MessageKind::value, [](Out& out) { out << Compact{2} << Compact{260} << U32(2); }),
+        message(MessageKind::keySet, [](Out& out) { out << Compact{1} << Compact{258} << String("x") << Compact{2}; }),
+        message(MessageKind::keyDel, [](Out& out) { out << Compact{1} << Compact{258} << String("x"); }),
+        message(MessageKind::gone, [](Out& out) { out << Compact{2}; }),
+        message(MessageKind::synced),
+        message(MessageKind::keysAgain, [](Out& out) { out << Compact{1} << Compact{258}; }),
+        message(MessageKind::keysEnd, [](Out& out) { out << Compact{1} << Compact{258}; }),
+    };
+    for (Bytes bytes : cases) {
+        replica.connected();
+        sendTypes();
+        bytes.front() = static_cast<U8>(bytes.front() + 1);  // the length, which is below 64
+        bytes.push_back(0);
+        expectRefused(bytes, "a message with bytes behind its end");
+    }
+    replica.connected();
+    expectRefused(message(MessageKind::welcome, [](Out& out) { out << Vel::streamVersion << false << U8(0); }),
+        "a message with bytes behind its end");
+}
+
 TEST_F(HostileSourceTest, SynchronisedMayBeSaidAgainAndTellsNobody) {
     unsigned told = 0;
     replica.onStateIs([&](Vel::AttrLogReplica::State state) { told += state == Vel::AttrLogReplica::State::synced; });
@@ -287,6 +323,24 @@ TEST_F(HostileSourceTest, TypeWithAnotherFingerprintIsRefusedByName) {
         "Vel::Dir comes from module Dir, fingerprint 0000000000000012, at the server and from Dir, " +
             here.stdString() + ", at the client");
     EXPECT_EQ(replica.fault(), Vel::StreamFault::otherVersion);
+}
+
+TEST_F(HostileSourceTest, TypeThatIsNoEntityIsRefused) {
+    sendTypes();
+    expectRefused(message(MessageKind::type,
+                      [](Out& out) {
+                          Vel::VelType const type = Vel::typeOf<Fixture::Version>();
+                          out << Compact{2} << String(type.name()) << String(type.moduleName())
+                              << type.moduleFingerprint();
+                      }),
+        "no module of the client has the entity type 'Fixture::Version'");
+}
+
+TEST_F(HostileSourceTest, EntityBelowThatCannotBeMadeIsRefused) {
+    sendTypes();
+    sendType(2, Vel::typeOf<Fixture::Demanding>());
+    expectRefused(message(MessageKind::announce, [](Out& out) { out << Compact{3} << Compact{2} << Compact{0}; }),
+        "Fixture::Demanding can't be created");
 }
 
 TEST_F(HostileSourceTest, TypeOfNoModuleIsRefused) {

@@ -142,19 +142,33 @@ TEST_F(StreamSourceTest, WakesWhenAnEntityThatWasKeptIsDestroyed) {
     EXPECT_EQ(woken, 1);
 }
 
-TEST_F(StreamSourceTest, IsSweptWhenHalfAsManyReferencesWereDroppedAsThereAreEntities) {
+TEST_F(StreamSourceTest, IsSweptWhenMoreReferencesWereDroppedThanHalfOfItsEntitiesAndThanSixtyFour) {
     std::vector<Ptr<Leaf>> kept;
     for (int i = 0; i < 300; ++i) {
         kept.push_back(Leaf::newEntity(Vel::format("%d", i)));
         root->entryIs(kept.back());
     }
     pair.run();
-    for (std::size_t i = 0; i < 140; ++i) root->entryDel(kept[i]->name());
-    pair.run();
-    EXPECT_EQ(pair.source.entities(), 302u);
-    for (std::size_t i = 140; i < 160; ++i) root->entryDel(kept[i]->name());
-    pair.run();
-    EXPECT_EQ(pair.source.entities(), 142u);
+    std::size_t next = 0;
+    auto const drop = [&](std::size_t count) {
+        for (std::size_t const end = next + count; next < end; ++next) root->entryDel(kept[next]->name());
+        pair.run();
+        return pair.source.entities();
+    };
+    EXPECT_EQ(drop(151), 302u);
+    EXPECT_EQ(drop(1), 150u);
+    EXPECT_EQ(drop(75), 150u) << "it counts anew";
+    EXPECT_EQ(drop(1), 74u);
+    EXPECT_EQ(drop(64), 74u);
+    EXPECT_EQ(drop(1), 9u);
+}
+
+TEST_F(StreamSourceTest, NothingIsWrittenOfWhatIsNoAttributeWithAValue) {
+    Vel::U64 const before = pair.source.messages();
+    auto* const adapter = pair.source.impl().adapter(*root);
+    adapter->handleAttribute(1000);
+    adapter->handleAttribute(258);  // a collection, of whose changes it is told with their keys
+    EXPECT_EQ(pair.source.messages(), before);
 }
 
 TEST_F(StreamSourceTest, NothingIsWrittenToTheLogWhenNobodyReadsIt) {
@@ -183,6 +197,20 @@ TEST(StreamLengthTest, LengthsTakeAsFewBytesAsTheyCan) {
         }
         root->entryDelAll();
     }
+}
+
+TEST_F(StreamSourceTest, OutputMayBeTakenInParts) {
+    a->sizeIs(1);
+    a->sizeIs(2);
+    auto const bytes = pair.reader->output(1000);
+    ASSERT_EQ(bytes.size(), 18u);
+    pair.replica.input(bytes);
+    for (std::size_t const part : {5u, 4u, 9u}) {
+        EXPECT_TRUE(pair.reader->wantsOutput());
+        pair.reader->outputTaken(part);
+    }
+    EXPECT_FALSE(pair.reader->wantsOutput());
+    pair.expectEqual();
 }
 
 class SmallLogTest : public StreamSourceTest {
@@ -219,6 +247,27 @@ TEST_F(SmallLogTest, WakesAgainWhoeverHasFallenBehindAndCaughtUp) {
     woken = 0;
     a->sizeIs(1001);
     EXPECT_EQ(woken, 1);
+}
+
+// Two messages go into a piece of the log; a reader that has all falls behind with the first of the next piece.
+class TinyLogTest : public StreamSourceTest {
+protected:
+    TinyLogTest() : StreamSourceTest(Vel::AttrLogSource::Options{.logSize = 0, .chunkSize = 20}) {}
+};
+
+TEST_F(TinyLogTest, WakesOnceForEachChangeWhoeverHasAllWhetherItFallsBehindOrNot) {
+    int woken = 0;
+    pair.reader->wakeIs([&] { ++woken; });
+    bool wasLive[2] = {};
+    for (U32 i = 1; i <= 10; ++i) {
+        woken = 0;
+        a->sizeIs(i);
+        wasLive[pair.source.liveReaders()] = true;
+        EXPECT_EQ(woken, 1) << i;
+        pair.run();
+    }
+    EXPECT_TRUE(wasLive[0] && wasLive[1]) << "which is what is tested";
+    pair.expectEqual();
 }
 
 TEST_F(SmallLogTest, MessageThatWasCutByTheStallGoesOn) {
@@ -509,6 +558,11 @@ TEST(StreamWriteTest, WriteChangesTheSourceAndComesBack) {
     EXPECT_THROW(
         replica.write(*replica.root(), 258, Vel::GenericValue(Vel::typeOf<String>(), "'x'")), Vel::TypeException);
     EXPECT_THROW(replica.write(*replica.root(), 260, Vel::GenericValue(Vel::typeOf<U32>(), "5")), Vel::RangeException);
+    EXPECT_THROW(replica.write(*replica.root(), 300, U32(5)), Vel::RangeException);
+    EXPECT_THROW(replica.write(*a, 258, U32(5)), Vel::RangeException) << "which is no copy";
+    replica.closed("");
+    EXPECT_FALSE(replica.mayWrite());
+    EXPECT_THROW(replica.write(*replica.root(), 258, U32(5)), Vel::ReadOnlyException);
 }
 
 TEST(StreamWriteTest, ReadersChangeIsNotMulticastAndTheNextOneIs) {
@@ -657,6 +711,19 @@ TEST_F(LastIdsTest, ReaderThatCatchesUpIsRefusedToo) {
     pair.run();
     pair.expectEqual();
     EXPECT_EQ(pair.source.entities(), 9u);
+}
+
+TEST(LastIdTest, ReaderThatFindsNoIdLeftForTheRootIsRefused) {
+    Pair pair(Leaf::newEntity("a"));
+    pair.source.impl().demuxer().lastIdIs(~Vel::EntityId(0));
+    pair.connect();
+    pair.run();
+    EXPECT_EQ(pair.replica.error(), "refused: entity ids have run out, and begin anew with the next connection");
+    EXPECT_EQ(pair.source.readers(), 0u);
+    pair.disconnect();
+    pair.connect();
+    pair.run();
+    pair.expectEqual();
 }
 
 TEST_F(LastIdsTest, WithoutReadersItStartsOverUnnoticed) {

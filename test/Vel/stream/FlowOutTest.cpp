@@ -82,6 +82,15 @@ TEST_F(FlowOutTest, CollectionThatComesAgainHasNoFlagsOfKeys) {
     EXPECT_FALSE(dir.velComesAgain(entries));
 }
 
+TEST_F(FlowOutTest, CollectionThatComesAgainLosesItsOwnBookmarkOnly) {
+    for (AttributeId const stopped : {none, entries}) {
+        dir.resumeIdIs(stopped);
+        dir.bookmarkIs(std::make_unique<Vel::NboAttrLog::velFlowOutBookmarkDeq<Vel::String>>());
+        dir.velComesAgainIs(entries, true);
+        EXPECT_EQ(dir.bookmark() != nullptr, stopped == none);
+    }
+}
+
 TEST_F(FlowOutTest, MembersAreCountedAgainOnlyWhenThereAreTwiceAsManyFlags) {
     int counted = 0;
     auto const members = [&] { return ++counted, std::size_t(100); };

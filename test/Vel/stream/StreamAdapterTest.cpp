@@ -75,6 +75,28 @@ TEST_F(HandleValueSerializationTest, NoMulticastToOneReaderOrOfAReadersChange) {
     }
 }
 
+TEST(StreamAdapterTest, AnotherEntityMayBeAppliedWhileOneIsWritten) {
+    class Other : public Recorder {
+    public:
+        using Recorder::Recorder;
+        Vel::NboAttrLog::OutSm* singletonSerializeCheck(
+            AttributeId id, Vel::NboAttrLog::FlowConnection*, bool, std::size_t, bool) override {
+            Bytes const bytes{0, 0, 0, 9};
+            Vel::NboAttrLog::In in(bytes);
+            other->onAttributeForConnection(id, in);
+            return nullptr;
+        }
+        Vel::StreamAdapter* other = nullptr;
+    };
+    auto const a = Leaf::newEntity("a"), b = Leaf::newEntity("b");
+    Vel::StreamDemuxer demuxer;
+    Recorder ofB(demuxer, *b, 2, 1);
+    Other ofA(demuxer, *a, 1, 0);
+    ofA.other = &ofB;
+    ofA.handleAttributeSerialization(*ofA.table().find(258), nullptr, nullptr);
+    EXPECT_EQ(b->size(), 9u);
+}
+
 TEST(StreamAdapterDeathTest, NothingIsAppliedWhileItIsWritten) {
     class Reentrant : public Recorder {
     public:

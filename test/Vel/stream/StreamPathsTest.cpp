@@ -149,6 +149,65 @@ TEST_F(StreamPathsTest, ReadersThatHaveAllAreWokenByEachPathsNextChange) {
     }
 }
 
+TEST_F(StreamPathsTest, ReadersThatHaveAllAreWokenByTheNextChangeOfWhatTheyShare) {
+    ofA->take();
+    int woken = 0;
+    all->reader->wakeIs([&] { ++woken; });
+    ofA->reader->wakeIs([&] { ++woken; });
+    for (U32 round = 1; round <= 3; ++round) {  // of one entity: who gets the message is the same each time
+        woken = 0;
+        x->sizeIs(round);
+        EXPECT_EQ(woken, 2) << "round " << round;
+        all->take();
+        ofA->take();
+    }
+}
+
+TEST_F(StreamPathsTest, WhatEachPathIsToldByItselfComesBehindWhatWasSharedBefore) {
+    ofA->take();
+    x->sizeIs(1);
+    x->sizeIs(2);  // waits to be given to both
+    x->peerIs(x);
+    std::string const ofX = "value " + idOf(*x);
+    EXPECT_EQ(ofA->take(), (Strings{ofX + ".258 00000001", ofX + ".258 00000002", ofX + ".260 0000000" + idOf(*x)}));
+    x->sizeIs(3);
+    x->sizeIs(4);
+    a->entryDel("x");
+    Strings const told = ofA->take();
+    ASSERT_EQ(told.size(), 3u);
+    EXPECT_EQ(told[1], ofX + ".258 00000004");
+    EXPECT_EQ(told[2].substr(0, 7), "keyDel ");
+    x->peerIs(nullptr);
+    expectAllEqual();
+}
+
+// The paths are asked in the order in which they came to be read: the first of them counts, too.
+TEST_F(StreamPathsTest, ChangeReachesNoPathThatDoesNotHaveTheEntityWhicheverWasReadFirst) {
+    ofA->take();
+    all = std::make_unique<Reading>(server, "");
+    all->take();
+    x->sizeIs(7);
+    y->sizeIs(8);
+    EXPECT_EQ(ofA->take(), Strings{"value " + idOf(*x) + ".258 00000007"});
+    expectAllEqual();
+}
+
+// A type that another path was told of first, and this one of something that has gone.
+TEST_F(StreamPathsTest, LaterReaderIsToldOfAllTypesThatItsPathWasToldOf) {
+    Vel::AttrLogServer another(root);
+    Reading ofX(another, "a/x"), first(another, "b");
+    ofX.take();
+    first.take();
+    b->entryDel("y");
+    y = nullptr;
+    Reading second(another, "b");
+    second.take();
+    b->entryIs(Leaf::newEntity("z"));
+    first.take();
+    second.take();
+    second.expectEqual(*b);
+}
+
 TEST_F(StreamPathsTest, ReaderIsToldOfNothingOutsideOfItsPath) {
     b->entryIs(Fixture::Twig::newEntity("t"));
     all->take();

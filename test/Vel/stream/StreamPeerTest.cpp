@@ -102,6 +102,25 @@ TEST(StreamPeerTest, MessageHoldsWhatHasComeOfIt) {
     EXPECT_EQ(pair.reader->held(), before);
 }
 
+// Up to 4 KiB of room are kept for the next message that comes in parts, and no more.
+TEST(StreamPeerTest, RoomOfAMessageThatCameInPartsIsKeptUnlessItIsLarge) {
+    for (std::size_t const size : {4096u, 4097u}) {
+        Pair pair(Dir::newEntity("d"));
+        pair.connect();
+        pair.run();
+        std::size_t const before = pair.reader->held();
+        Bytes const bytes = message(MessageKind::write, [&](Out& out) {
+            out << Compact{63} << Compact{63};
+            out.append(size - 5);  // behind a length of two bytes, the kind and these two
+        });
+        ASSERT_EQ(bytes.size(), size);
+        pair.reader->input(std::span(bytes).first(3000));
+        pair.reader->input(std::span(bytes).subspan(3000));
+        EXPECT_EQ(pair.reader->error(), "");
+        EXPECT_EQ(pair.reader->held() - before, size == 4096 ? size : 0);
+    }
+}
+
 // What an output has room for is memory, also when all of it was taken.
 TEST(StreamPeerTest, RoomThatIsKeptForTheNextOutputIsHeld) {
     auto const root = Dir::newEntity("d");

@@ -20,9 +20,21 @@ TEST(PeerTextTest, ControlsAreEscaped) {
     EXPECT_EQ(peerText("\xe2\x80\xae|\xe2\x80\xa8|\xe2\x81\xa6"), "\\xe2\\x80\\xae|\\xe2\\x80\\xa8|\\xe2\\x81\\xa6");
 }
 
+// What only turns the direction of a text, or begins a line, does not show; its neighbours do.
+TEST(PeerTextTest, MarksAreEscapedAndTheirNeighboursAreNot) {
+    for (char const* const mark :
+        {"\xd8\x9c", "\xe2\x80\x8e", "\xe2\x80\x8f", "\xe2\x80\xa8", "\xe2\x81\xa6", "\xe2\x81\xa9"})
+        EXPECT_EQ(peerText(mark).view().find("\\x"), 0u) << mark;
+    for (char const* const shown : {"\xd8\x9b", "\xd8\x9d", "\xe2\x80\x8d", "\xe2\x80\x90", "\xe2\x80\xa7",
+             "\xe2\x80\xaf", "\xe2\x81\xa5", "\xe2\x81\xaa"})
+        EXPECT_EQ(peerText(shown), shown);
+}
+
 TEST(PeerTextTest, BytesThatAreNoCharactersAreEscaped) {
     EXPECT_EQ(peerText("\xff\x80"), "\\xff\\x80");
     EXPECT_EQ(peerText("\xe2\x82"), "\\xe2\\x82") << "cut short";
+    EXPECT_EQ(peerText("\xe2\x82z"), "\\xe2\\x82z");
+    EXPECT_EQ(peerText("\xe2z\xac"), "\\xe2z\\xac");
     EXPECT_EQ(peerText("\xc0\xaf"), "\\xc0\\xaf") << "longer than it needs to be";
     EXPECT_EQ(peerText("\xe0\x80\xaf"), "\\xe0\\x80\\xaf");
     EXPECT_EQ(peerText("\xed\xa0\x80"), "\\xed\\xa0\\x80") << "half of a pair";
