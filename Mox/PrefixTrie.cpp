@@ -1,6 +1,7 @@
 #include "Mox/PrefixTrie.h"
 
 #include "Mox/internal/Override.h"
+#include "Mox/internal/PathIndex.h"
 #include "Mox/internal/TriePath.h"
 
 #include "Vel/base/Assert.h"
@@ -10,6 +11,7 @@
 
 namespace Mox {
 
+using Detail::PathScan;
 using Detail::PathStep;
 using Vel::Ptr;
 
@@ -58,6 +60,7 @@ String PrefixTrieState::outputForm() {
 PrefixTrie::PrefixTrie(String const& name) : EntityOf(name) {}
 
 PrefixTrie::~PrefixTrie() {
+    if (inIndex_ == InIndex::root) dropIndex();
     members_.releaseAll(
         [this](PrefixTrie& member, Collection which) {
             if (which == Collection::prefixChild) disown(member);
@@ -129,6 +132,9 @@ template <Collection which> void PrefixTrie::putMember(PrefixTrie& member) {
     if constexpr (which == Collection::prefixChild) {
         if (before) disown(*before);
         member.parentIs(this);
+    } else if (inIndex_ != InIndex::no) {
+        if (before) indexMember(*before, false);
+        if (inIndex_ != InIndex::no) indexMember(member, true);
     }
     velNotify(which == Collection::child ? childAttribute : prefixChildAttribute, member.velName());
 }
@@ -139,7 +145,10 @@ template <Collection which> Ptr<PrefixTrie> PrefixTrie::memberDel(std::string_vi
     Ptr<PrefixTrie> const member(taken);
     taken->deleteRef();  // the collection's
     ++changes_;
-    if constexpr (which == Collection::prefixChild) disown(*member);
+    if constexpr (which == Collection::prefixChild)
+        disown(*member);
+    else if (inIndex_ != InIndex::no)
+        indexMember(*member, false);
     velNotify(which == Collection::child ? childAttribute : prefixChildAttribute, member->velName());
     return member;
 }
@@ -252,6 +261,22 @@ void PrefixTrie::prefixDel(std::string_view path) {
 
 // --- queries ---
 
+// The index that answers for this node, or null: then a question goes from node to node.
+inline Detail::PathIndex* PrefixTrie::index() const {
+    using Detail::IndexUse;
+    if (traceHandle.enabled(8)) return nullptr;
+    if (inIndex_ == InIndex::root) {
+        index_->countQuestion();
+        return index_;
+    }
+    if (inIndex_ != InIndex::no) return nullptr;
+    auto& self = const_cast<PrefixTrie&>(*this);
+    U64 const asked = ++self.asked_;
+    IndexUse const use = Detail::PathIndex::use;
+    bool const now = use == IndexUse::itself ? asked >= 64 && (asked & (asked - 1)) == 0 : use == IndexUse::always;
+    return now && self.makeIndex() ? index_ : nullptr;
+}
+
 // The node of the path, or null.
 PrefixTrie const* PrefixTrie::node(char const* function, char const* signature, std::string_view path) const {
     PrefixTrie const* at = this;
@@ -265,6 +290,8 @@ PrefixTrie const* PrefixTrie::node(char const* function, char const* signature, 
 }
 
 bool PrefixTrie::isPrefix(std::string_view path) const {
+    if (auto const* const all = index())
+        if (PathScan const scan(path); scan.usable()) return all->find(scan);
     auto const* const found = node("isPrefix", "bool Mox::PrefixTrie::isPrefix(const Vel::String&)", path);
     return found && found->present_;
 }
@@ -275,6 +302,11 @@ bool PrefixTrie::isLeaf(std::string_view path) const {
 }
 
 Ptr<PrefixTrieState> PrefixTrie::prefixState(std::string_view path) const {
+    if (auto const* const all = index())
+        if (PathScan const scan(path); scan.usable()) {
+            PrefixTrie const* const found = all->find(scan);
+            return found ? found->state_ : nullptr;
+        }
     auto const* const found =
         node("prefixState", "Vel::Ptr<Mox::PrefixTrieState> Mox::PrefixTrie::prefixState(const Vel::String&) ", path);
     return found && found->present_ ? found->state_ : nullptr;
@@ -284,6 +316,8 @@ bool PrefixTrie::hasPrefix(std::string_view path) const { return hasPrefixIntern
 bool PrefixTrie::hasProperPrefix(std::string_view path) const { return hasPrefixInternal(path, true); }
 
 bool PrefixTrie::hasPrefixInternal(std::string_view path, bool proper) const {
+    if (auto const* const all = index())
+        if (PathScan const scan(path, PathScan::Cuts::yes); scan.usable()) return all->longest(scan, proper) != 0;
     PrefixTrie const* at = this;
     for (std::string_view rest = path;;) {
         if (traceHandle.enabled(8))
@@ -303,6 +337,9 @@ String PrefixTrie::enclosingPrefix(std::string_view path) const { return enclosi
 String PrefixTrie::properEnclosingPrefix(std::string_view path) const { return enclosingPrefixInternal(path, true); }
 
 String PrefixTrie::enclosingPrefixInternal(std::string_view path, bool proper) const {
+    if (auto const* const all = index())
+        if (PathScan const scan(path, PathScan::Cuts::yes); scan.usable())
+            return String(path.substr(0, all->longest(scan, proper)));
     PrefixTrie const* at = this;
     std::size_t used = 0;    // bytes of the path that the deepest present node stands for, with stars
     std::size_t length = 0;  // and without: of the result

@@ -138,6 +138,16 @@ public:
         return 0;
     }
 
+    // Calls f(node) for every member. REQUIRES: f changes neither collection.
+    template <class F> void visit(Collection which, F f) const {
+        if (Table* const t = table()) {
+            for (U64 const slot : *t)
+                if (slot & bit(which)) f(*nodeOf(slot));
+        } else if (word_ & bit(which)) {
+            f(*nodeOf(word_));
+        }
+    }
+
     std::size_t memory() const noexcept { return table() ? bytesOf(table()->sizeClass) : 0; }  // bytes allocated
 
 private:
