@@ -77,7 +77,8 @@ Ptr<PrefixTrieState> PrefixTrie::newStateIs() {
 }
 
 Ptr<PrefixTrie> PrefixTrie::newChildIs(String const& key) {
-    if (PrefixTrie* const known = members_.findInBoth(key)) return known;
+    auto const [known, inBoth] = members_.findOwned(key);
+    if (inBoth) return known;
     Ptr<PrefixTrie> c = prefixChildIs(key);
     childIs(c);
     return c;
@@ -171,6 +172,32 @@ void PrefixTrie::prefixChildDelAll() {
 // --- adding and deleting ---
 
 namespace {
+
+// Names that were given to nodes of late, by their hash: most components recur, and then nodes share the string.
+struct Names {
+    static constexpr std::size_t count = 1024;
+    String names[count];
+};
+thread_local Names* lateNames = nullptr;
+thread_local bool exits = false;
+struct NamesOwner {
+    ~NamesOwner() {
+        exits = true;  // tries may still be used
+        delete std::exchange(lateNames, nullptr);
+    }
+};
+
+String componentName(std::string_view text) {
+    if (!lateNames) {
+        if (exits) return text;
+        thread_local NamesOwner const owner;
+        lateNames = new Names;
+    }
+    String& late = lateNames->names[Detail::hashShortText(text, Vel::ProcessSecret::value()) % Names::count];
+    if (!Detail::sameShortText(late.view(), text)) late = String(text);
+    return late;
+}
+
 constexpr char prefixIsSignature[] =
     "virtual void Mox::PrefixTrie::prefixIs(const Vel::String&, const Vel::Ptr<Mox::PrefixTrieState>&)";
 }
@@ -207,7 +234,7 @@ std::pair<Ptr<PrefixTrie>, std::string_view> PrefixTrie::addStep(std::string_vie
         Vel::assertionFailed("starPos == Vel::String::npos", source, __LINE__, prefixIsSignature);
     // A child that is there lends its name, which saves the copy.
     PrefixTrie* const known = members_.find(step.head, Collection::prefixChild);
-    Ptr<PrefixTrie> const c = newChildIs(known ? known->velName() : String(step.head));
+    Ptr<PrefixTrie> const c = newChildIs(known ? known->velName() : componentName(step.head));
     if (step.starred) c->mountPointIs(true);
     if (!c->state_) {
         c->stateIs(c->newStateIs());
@@ -223,6 +250,7 @@ void PrefixTrie::prefixDel(std::string_view path) {
         Ptr<PrefixTrie> child;
     };
     std::vector<Level> way;  // to the node of the path
+    way.reserve(16);
 
     auto const remove = [](PrefixTrie& parent, PrefixTrie const& c) {
         Ptr<PrefixTrie> const taken = parent.childDel(c.velKey());

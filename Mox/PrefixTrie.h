@@ -198,8 +198,9 @@ public:
 protected:
     // For newChildIs of a derived trie: finds the child, or makes a T, in both collections.
     template <class T> Vel::Ptr<PrefixTrie> newChildOf(String const& key) {
-        if (PrefixTrie* const known = members_.findInBoth(key)) return known;
-        Vel::Ptr<PrefixTrie> c = prefixChild(key);
+        auto const [known, inBoth] = members_.findOwned(key);
+        Vel::Ptr<PrefixTrie> c(known);
+        if (inBoth) return c;
         if (!c) velPrefixChildIs(c = T::newEntity(key));
         childIs(c);
         return c;
