@@ -289,7 +289,7 @@ TEST_F(PrefixTrieIndexTest, ObserversAskWhatIsNew) {
     EXPECT_EQ(answers, (Strings{"a", "none"}));
 }
 
-TEST_F(PrefixTrieIndexTest, IsNotMadeForAWhichIsOnlyChanged) {
+TEST_F(PrefixTrieIndexTest, IsNotMadeByChanges) {
     for (unsigned round = 0; round < 10; ++round) {
         addMany(300);
         for (unsigned i = 0; i < 300; ++i) trie->prefixDel("p" + std::to_string(i));
