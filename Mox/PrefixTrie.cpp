@@ -263,15 +263,15 @@ void PrefixTrie::prefixDel(std::string_view path) {
             traceRecord(8, __LINE__, "prefixDel", "void Mox::PrefixTrie::prefixDel(const Vel::String&)", " deleting ",
                 String(rest), " from ", at->velName());
         PathStep const step(rest);
-        Ptr<PrefixTrie> const c = at->child(step.head);
+        Ptr<PrefixTrie> c = at->members_.find(step.head, Collection::child);
         if (!c) {
             if (traceHandle.enabled(9))
                 traceRecord(9, __LINE__, "prefixDel", String(rest), " already deleted from ", at->velName());
             break;
         }
         if (!step.last) {
-            way.push_back({at, c});
-            at = c.get();
+            way.push_back({at, std::move(c)});
+            at = way.back().child.get();
             rest = step.rest;
             continue;
         }

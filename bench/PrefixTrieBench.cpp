@@ -17,6 +17,25 @@ namespace {
 
 using Paths = std::vector<std::string>;
 
+// Paths that lie in memory in the order in which they are asked: what is measured is the set, and not the fetching of
+// what is asked.
+class Queries {
+public:
+    void add(std::string_view path) {
+        ends_.push_back(text_.size());
+        text_ += path;
+    }
+    std::size_t size() const { return ends_.size(); }
+    std::string_view operator[](std::size_t i) const {
+        std::size_t const end = i + 1 == size() ? text_.size() : ends_[i + 1];
+        return std::string_view(text_).substr(ends_[i], end - ends_[i]);
+    }
+
+private:
+    std::string text_;
+    std::vector<std::size_t> ends_;  // of what is before each
+};
+
 // --- contestants: the same operations on each ---
 
 // All of its states are one that holds nothing: the others have none.
@@ -48,9 +67,9 @@ struct MoxTrie {
 
     void add(Vel::String const& path) { root->prefixIs(path, PlainTrie::state()); }
     void del(std::string const& path) { root->prefixDel(path); }
-    bool isPrefix(std::string const& path) const { return root->isPrefix(path); }
-    bool hasPrefix(std::string const& path) const { return root->hasPrefix(path); }
-    auto enclosingPrefix(std::string const& path) const { return root->enclosingPrefix(path); }
+    bool isPrefix(std::string_view path) const { return root->isPrefix(path); }
+    bool hasPrefix(std::string_view path) const { return root->hasPrefix(path); }
+    auto enclosingPrefix(std::string_view path) const { return root->enclosingPrefix(path); }
 
     std::size_t nodes() const { return nodesBelow(*root); }
     static std::size_t nodesBelow(Mox::PrefixTrie const& node) {
@@ -80,11 +99,11 @@ template <class Set> struct Probed {
 
     void add(std::string const& path) { set.emplace(path); }
     void del(std::string const& path) { set.erase(path); }
-    bool isPrefix(std::string const& path) const { return set.contains(path); }
-    bool hasPrefix(std::string const& path) const {
+    bool isPrefix(std::string_view path) const { return set.contains(path); }
+    bool hasPrefix(std::string_view path) const {
         return anyPrefix(path, [&](std::string_view prefix) { return set.contains(prefix); });
     }
-    std::string enclosingPrefix(std::string const& path) const {
+    std::string enclosingPrefix(std::string_view path) const {
         return longestPrefix(path, [&](std::string_view prefix) { return set.contains(prefix); });
     }
 };
@@ -234,32 +253,29 @@ private:
     std::mt19937 random_;
 };
 
-// All in random order; of the queries at most 65 536, so that they alone do not fill the caches.
+// All in random order.
 struct Data {
     static constexpr std::size_t maxQueries = 65536;
     Paths paths;
-    Paths there;    // of the set
-    Paths below;    // one to three components below a path of the set
-    Paths strange;  // like the others, but none of the set encloses them
+    Queries there;    // of the set
+    Queries below;    // one to three components below a path of the set
+    Queries strange;  // like the others, but none of the set encloses them
     Paths toDelete;
 
     explicit Data(std::size_t count) : paths(RandomPaths(1).take(count)), toDelete(paths) {
         std::shuffle(toDelete.begin(), toDelete.end(), std::mt19937(3));
-        there.assign(toDelete.begin(), toDelete.begin() + static_cast<long>(std::min(count, maxQueries)));
+        for (std::size_t i = 0; i < std::min(count, maxQueries); ++i) there.add(toDelete[i]);
         RandomPaths random(2);
         for (std::size_t i = 0; i < maxQueries; ++i) {
             std::string path = paths[random.below(count)];
             for (std::size_t more = 1 + random.below(3); more > 0; --more) random.add(path);
-            below.push_back(path);
+            below.add(path);
         }
         HashSet const set(paths.begin(), paths.end());
-        for (std::string const& path : random.take(2 * maxQueries + 100))
-            if (strange.size() < std::max(count, maxQueries) &&
+        for (std::string const& path : random.take(2 * maxQueries))
+            if (strange.size() < maxQueries &&
                 !anyPrefix(path, [&](std::string_view prefix) { return set.contains(prefix); }))
-                strange.push_back(path);
-        strange.resize(std::min(strange.size(), maxQueries));
-        std::shuffle(below.begin(), below.end(), std::mt19937(4));
-        std::shuffle(strange.begin(), strange.end(), std::mt19937(5));
+                strange.add(path);
     }
 };
 
@@ -274,9 +290,9 @@ template <class C> std::unique_ptr<C> built(Paths const& paths) {
     return contestant;
 }
 
-template <class C> void checkAgainst(NodeTrie const& reference, C const& contestant, Paths const& queries) {
+template <class C> void checkAgainst(NodeTrie const& reference, C const& contestant, Queries const& queries) {
     for (std::size_t i = 0; i < queries.size(); ++i) {
-        std::string const& path = queries[i];
+        std::string_view const path = queries[i];
         Bench::require(contestant.isPrefix(path) == reference.isPrefix(path), path);
         Bench::require(contestant.hasPrefix(path) == reference.hasPrefix(path), path);
         Bench::requireSame(contestant.enclosingPrefix(path), reference.enclosingPrefix(path), C::name);
@@ -285,7 +301,7 @@ template <class C> void checkAgainst(NodeTrie const& reference, C const& contest
 
 // Every iteration asks for another path, so that each meets the caches as they come.
 template <class C, class Query>
-void addQuery(std::string const& group, std::shared_ptr<C const> contestant, Paths const& paths, Query query) {
+void addQuery(std::string const& group, std::shared_ptr<C const> contestant, Queries const& paths, Query query) {
     Bench::add(group, C::name, [contestant, &paths, query](benchmark::State& state) {
         std::size_t i = 0;
         for (auto _ : state) {
@@ -305,7 +321,7 @@ template <class C> void addContestant(std::string const& size, Data const& data,
     std::size_t const before = allocatedBytes();
     std::shared_ptr<C const> const contestant = built<C>(data.paths);
     // A trie is measured with its index.
-    for (Paths const* queries : {&data.there, &data.below, &data.strange})
+    for (Queries const* queries : {&data.there, &data.below, &data.strange})
         checkAgainst(reference, *contestant, *queries);
     auto const bytes = static_cast<double>(allocatedBytes() - before);
     std::printf("    %-30s %6.1f bytes a path", C::name, bytes / static_cast<double>(data.paths.size()));
@@ -315,9 +331,9 @@ template <class C> void addContestant(std::string const& size, Data const& data,
     }
     std::printf("\n");
 
-    auto const isPrefix = [](C const& c, std::string const& path) { return c.isPrefix(path); };
-    auto const hasPrefix = [](C const& c, std::string const& path) { return c.hasPrefix(path); };
-    auto const enclosing = [](C const& c, std::string const& path) { return c.enclosingPrefix(path); };
+    auto const isPrefix = [](C const& c, std::string_view path) { return c.isPrefix(path); };
+    auto const hasPrefix = [](C const& c, std::string_view path) { return c.hasPrefix(path); };
+    auto const enclosing = [](C const& c, std::string_view path) { return c.enclosingPrefix(path); };
     addQuery(size + ", isPrefix, there", contestant, data.there, isPrefix);
     addQuery(size + ", isPrefix, not there", contestant, data.strange, isPrefix);
     addQuery(size + ", hasPrefix, there", contestant, data.below, hasPrefix);
