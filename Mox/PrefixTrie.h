@@ -59,14 +59,14 @@ VEL_API Vel::Ptr<PrefixTrieState> prefixTrieStateFactory();
 // when its path is added again, unless childInstanceDel takes it out of `prefixChild` too.
 //
 // A node that has been asked n times, n a power of two from 64 on, makes an index of the prefixes below it when there
-// are fewer than 2 n nodes there; it answers whatever needs no tracing and has neither stars nor more than 256 bytes.
+// are fewer than 64 n nodes there; it answers whatever needs no tracing and has neither stars nor more than 256 bytes.
 // The index follows changes, and is dropped when they have outnumbered questions by its size, or when a node becomes a
 // member of two `child` collections.
 //
-// Queries never allocate, but for that and for a result that is a string; they, prefixDel and the release of a trie take
-// any depth, as does adding unless a derived class overrides prefixIs. Appending and pushing states down call themselves
-// once for each component: 10 000 components are fine on a stack of 8 MB. REQUIRES, for all operations on paths: no node
-// is below itself.
+// Queries never allocate, but for that and for a result that is a string; they, prefixDel and the release of a trie
+// take any depth, as does adding unless a derived class overrides prefixIs. Appending and pushing states down call
+// themselves once for each component: 10 000 components are fine on a stack of 8 MB. REQUIRES, for all operations on
+// paths: no node is below itself.
 // Threads: a trie and the states in it are used by one thread at a time.
 class VEL_API PrefixTrie : public Vel::EntityOf<PrefixTrie> {
     using Members = Detail::TrieMembers<PrefixTrie>;

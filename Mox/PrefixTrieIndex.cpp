@@ -76,7 +76,7 @@ public:
 // memory.
 bool PrefixTrie::makeIndex() noexcept {
     using Next = Indexing::Next;
-    U64 const maxNodes = PathIndex::use == IndexUse::always ? 4096 : 2 * asked_;
+    U64 const maxNodes = PathIndex::use == IndexUse::always ? 4096 : 64 * asked_;
     U64 nodes = 0;
     U64 paths = 0;
     U64 words = 0;

@@ -67,16 +67,16 @@ TEST_F(PrefixTrieIndexTest, IsMadeBySixtyFourQuestions) {
     EXPECT_EQ(wrong(), "");
 }
 
-TEST_F(PrefixTrieIndexTest, IsMadeOnceThereAreLessThanTwoNodesForEachQuestion) {
-    addMany(1023);
-    ask(*trie, 511);
+TEST_F(PrefixTrieIndexTest, IsMadeOnceThereAreFewerThanSixtyFourNodesForEachQuestion) {
+    addMany(4095);
+    ask(*trie, 63);
     EXPECT_FALSE(hasIndex());
     ask(*trie, 1);
     EXPECT_TRUE(hasIndex());
 
     auto const larger = Trie::newEntity("larger");
-    for (unsigned i = 0; i < 1024; ++i) addTo(*larger, "p" + std::to_string(i));
-    ask(*larger, 1023);
+    for (unsigned i = 0; i < 4096; ++i) addTo(*larger, "p" + std::to_string(i));
+    ask(*larger, 127);
     EXPECT_FALSE(hasIndex(*larger));
     ask(*larger, 1);
     EXPECT_TRUE(hasIndex(*larger));
