@@ -1,6 +1,7 @@
 #include "Mox/PrefixTrie.h"
 
 #include "Mox/internal/Override.h"
+#include "Mox/internal/PathIndex.h"
 #include "Mox/internal/TriePath.h"
 
 #include "Vel/base/Assert.h"
@@ -10,6 +11,7 @@
 
 namespace Mox {
 
+using Detail::PathScan;
 using Detail::PathStep;
 using Vel::Ptr;
 
@@ -58,6 +60,7 @@ String PrefixTrieState::outputForm() {
 PrefixTrie::PrefixTrie(String const& name) : EntityOf(name) {}
 
 PrefixTrie::~PrefixTrie() {
+    if (inIndex_ == InIndex::root) dropIndex();
     members_.releaseAll(
         [this](PrefixTrie& member, Collection which) {
             if (which == Collection::prefixChild) disown(member);
@@ -74,7 +77,8 @@ Ptr<PrefixTrieState> PrefixTrie::newStateIs() {
 }
 
 Ptr<PrefixTrie> PrefixTrie::newChildIs(String const& key) {
-    if (PrefixTrie* const known = members_.findInBoth(key)) return known;
+    auto const [known, inBoth] = members_.findOwned(key);
+    if (inBoth) return known;
     Ptr<PrefixTrie> c = prefixChildIs(key);
     childIs(c);
     return c;
@@ -129,6 +133,9 @@ template <Collection which> void PrefixTrie::putMember(PrefixTrie& member) {
     if constexpr (which == Collection::prefixChild) {
         if (before) disown(*before);
         member.parentIs(this);
+    } else if (inIndex_ != InIndex::no) {
+        if (before) indexMember(*before, false);
+        if (inIndex_ != InIndex::no) indexMember(member, true);
     }
     velNotify(which == Collection::child ? childAttribute : prefixChildAttribute, member.velName());
 }
@@ -139,7 +146,10 @@ template <Collection which> Ptr<PrefixTrie> PrefixTrie::memberDel(std::string_vi
     Ptr<PrefixTrie> const member(taken);
     taken->deleteRef();  // the collection's
     ++changes_;
-    if constexpr (which == Collection::prefixChild) disown(*member);
+    if constexpr (which == Collection::prefixChild)
+        disown(*member);
+    else if (inIndex_ != InIndex::no)
+        indexMember(*member, false);
     velNotify(which == Collection::child ? childAttribute : prefixChildAttribute, member->velName());
     return member;
 }
@@ -162,6 +172,32 @@ void PrefixTrie::prefixChildDelAll() {
 // --- adding and deleting ---
 
 namespace {
+
+// Names that were given to nodes of late, by their hash: most components recur, and then nodes share the string.
+struct Names {
+    static constexpr std::size_t count = 1024;
+    String names[count];
+};
+thread_local Names* lateNames = nullptr;
+thread_local bool exits = false;
+struct NamesOwner {
+    ~NamesOwner() {
+        exits = true;  // tries may still be used
+        delete std::exchange(lateNames, nullptr);
+    }
+};
+
+String componentName(std::string_view text) {
+    if (!lateNames) {
+        if (exits) return text;
+        thread_local NamesOwner const owner;
+        lateNames = new Names;
+    }
+    String& late = lateNames->names[Detail::hashShortText(text, Vel::ProcessSecret::value()) % Names::count];
+    if (!Detail::sameShortText(late.view(), text)) late = String(text);
+    return late;
+}
+
 constexpr char prefixIsSignature[] =
     "virtual void Mox::PrefixTrie::prefixIs(const Vel::String&, const Vel::Ptr<Mox::PrefixTrieState>&)";
 }
@@ -198,7 +234,7 @@ std::pair<Ptr<PrefixTrie>, std::string_view> PrefixTrie::addStep(std::string_vie
         Vel::assertionFailed("starPos == Vel::String::npos", source, __LINE__, prefixIsSignature);
     // A child that is there lends its name, which saves the copy.
     PrefixTrie* const known = members_.find(step.head, Collection::prefixChild);
-    Ptr<PrefixTrie> const c = newChildIs(known ? known->velName() : String(step.head));
+    Ptr<PrefixTrie> const c = newChildIs(known ? known->velName() : componentName(step.head));
     if (step.starred) c->mountPointIs(true);
     if (!c->state_) {
         c->stateIs(c->newStateIs());
@@ -214,6 +250,7 @@ void PrefixTrie::prefixDel(std::string_view path) {
         Ptr<PrefixTrie> child;
     };
     std::vector<Level> way;  // to the node of the path
+    way.reserve(16);
 
     auto const remove = [](PrefixTrie& parent, PrefixTrie const& c) {
         Ptr<PrefixTrie> const taken = parent.childDel(c.velKey());
@@ -226,15 +263,15 @@ void PrefixTrie::prefixDel(std::string_view path) {
             traceRecord(8, __LINE__, "prefixDel", "void Mox::PrefixTrie::prefixDel(const Vel::String&)", " deleting ",
                 String(rest), " from ", at->velName());
         PathStep const step(rest);
-        Ptr<PrefixTrie> const c = at->child(step.head);
+        Ptr<PrefixTrie> c = at->members_.find(step.head, Collection::child);
         if (!c) {
             if (traceHandle.enabled(9))
                 traceRecord(9, __LINE__, "prefixDel", String(rest), " already deleted from ", at->velName());
             break;
         }
         if (!step.last) {
-            way.push_back({at, c});
-            at = c.get();
+            way.push_back({at, std::move(c)});
+            at = way.back().child.get();
             rest = step.rest;
             continue;
         }
@@ -252,6 +289,22 @@ void PrefixTrie::prefixDel(std::string_view path) {
 
 // --- queries ---
 
+// The index that answers for this node, or null: then a question goes from node to node.
+inline Detail::PathIndex* PrefixTrie::index() const {
+    using Detail::IndexUse;
+    if (traceHandle.enabled(8)) return nullptr;
+    if (inIndex_ == InIndex::root) {
+        index_->countQuestion();
+        return index_;
+    }
+    if (inIndex_ != InIndex::no) return nullptr;
+    auto& self = const_cast<PrefixTrie&>(*this);
+    U64 const asked = ++self.asked_;
+    IndexUse const use = Detail::PathIndex::use;
+    bool const now = use == IndexUse::itself ? asked >= 64 && (asked & (asked - 1)) == 0 : use == IndexUse::always;
+    return now && self.makeIndex() ? index_ : nullptr;
+}
+
 // The node of the path, or null.
 PrefixTrie const* PrefixTrie::node(char const* function, char const* signature, std::string_view path) const {
     PrefixTrie const* at = this;
@@ -265,6 +318,8 @@ PrefixTrie const* PrefixTrie::node(char const* function, char const* signature, 
 }
 
 bool PrefixTrie::isPrefix(std::string_view path) const {
+    if (auto const* const all = index())
+        if (PathScan const scan(path); scan.usable()) return all->find(scan);
     auto const* const found = node("isPrefix", "bool Mox::PrefixTrie::isPrefix(const Vel::String&)", path);
     return found && found->present_;
 }
@@ -275,6 +330,11 @@ bool PrefixTrie::isLeaf(std::string_view path) const {
 }
 
 Ptr<PrefixTrieState> PrefixTrie::prefixState(std::string_view path) const {
+    if (auto const* const all = index())
+        if (PathScan const scan(path); scan.usable()) {
+            PrefixTrie const* const found = all->find(scan);
+            return found ? found->state_ : nullptr;
+        }
     auto const* const found =
         node("prefixState", "Vel::Ptr<Mox::PrefixTrieState> Mox::PrefixTrie::prefixState(const Vel::String&) ", path);
     return found && found->present_ ? found->state_ : nullptr;
@@ -284,6 +344,8 @@ bool PrefixTrie::hasPrefix(std::string_view path) const { return hasPrefixIntern
 bool PrefixTrie::hasProperPrefix(std::string_view path) const { return hasPrefixInternal(path, true); }
 
 bool PrefixTrie::hasPrefixInternal(std::string_view path, bool proper) const {
+    if (auto const* const all = index())
+        if (PathScan const scan(path, PathScan::Cuts::yes); scan.usable()) return all->longest(scan, proper) != 0;
     PrefixTrie const* at = this;
     for (std::string_view rest = path;;) {
         if (traceHandle.enabled(8))
@@ -303,6 +365,9 @@ String PrefixTrie::enclosingPrefix(std::string_view path) const { return enclosi
 String PrefixTrie::properEnclosingPrefix(std::string_view path) const { return enclosingPrefixInternal(path, true); }
 
 String PrefixTrie::enclosingPrefixInternal(std::string_view path, bool proper) const {
+    if (auto const* const all = index())
+        if (PathScan const scan(path, PathScan::Cuts::yes); scan.usable())
+            return String(path.substr(0, all->longest(scan, proper)));
     PrefixTrie const* at = this;
     std::size_t used = 0;    // bytes of the path that the deepest present node stands for, with stars
     std::size_t length = 0;  // and without: of the result

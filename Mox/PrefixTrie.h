@@ -15,6 +15,9 @@ namespace NboAttrLog {
 class FlowOut;
 }
 }  // namespace Vel
+namespace Mox::Detail {
+class PathIndex;
+}
 
 // A set of path prefixes with a state for each, which everything below a prefix inherits.
 //
@@ -55,10 +58,15 @@ VEL_API Vel::Ptr<PrefixTrieState> prefixTrieStateFactory();
 // trie answers. A child whose prefix is deleted, and which encloses no other, leaves `child` only: it is found again
 // when its path is added again, unless childInstanceDel takes it out of `prefixChild` too.
 //
-// Queries never allocate, but for a result that is a string; they, prefixDel and the release of a trie take any depth,
-// as does adding unless a derived class overrides prefixIs. Appending and pushing states down call themselves once for
-// each component: 10 000 components are fine on a stack of 8 MB. REQUIRES, for all operations on paths: no node is
-// below itself.
+// A node that has been asked n times, n a power of two from 64 on, makes an index of the prefixes below it when there
+// are fewer than 64 n nodes there; it answers whatever needs no tracing and has neither stars nor more than 256 bytes.
+// The index follows changes, and is dropped when they have outnumbered questions by its size, or when a node becomes a
+// member of two `child` collections.
+//
+// Queries never allocate, but for that and for a result that is a string; they, prefixDel and the release of a trie
+// take any depth, as does adding unless a derived class overrides prefixIs. Appending and pushing states down call
+// themselves once for each component: 10 000 components are fine on a stack of 8 MB. REQUIRES, for all operations on
+// paths: no node is below itself.
 // Threads: a trie and the states in it are used by one thread at a time.
 class VEL_API PrefixTrie : public Vel::EntityOf<PrefixTrie> {
     using Members = Detail::TrieMembers<PrefixTrie>;
@@ -118,7 +126,11 @@ public:
     bool present() const { return present_; }        // a prefix of the set ends here
     void stateIs(Vel::Ptr<State> const& v) { velSet<&PrefixTrie::state_>(v); }
     void mountPointIs(bool v) { velSet<&PrefixTrie::mountPoint_>(v); }
-    void presentIs(bool v) { velSet<&PrefixTrie::present_>(v); }
+    void presentIs(bool v) {
+        if (v != present_ && inIndex_ == InIndex::below) [[unlikely]]
+            indexPresence(v);
+        velSet<&PrefixTrie::present_>(v);
+    }
     bool empty() const { return children() == 0; }
 
     // --- collections ---
@@ -146,6 +158,7 @@ public:
     class FlowOut;  // what a reader still has to be sent of a node; see PrefixTrieFlowOut.h
     static Vel::NboAttrLog::FlowOut* velNewFlowOut(Vel::StreamTable const& table, Vel::AttributeId from);
     std::size_t velCollectionMemory() const noexcept { return members_.memory(); }  // bytes allocated for both
+    std::size_t velIndexMemory() const noexcept;  // bytes allocated for the index; 0: this node is not the root of one
 
     static constexpr auto description() {
         using Vel::collection;
@@ -185,8 +198,9 @@ public:
 protected:
     // For newChildIs of a derived trie: finds the child, or makes a T, in both collections.
     template <class T> Vel::Ptr<PrefixTrie> newChildOf(String const& key) {
-        if (PrefixTrie* const known = members_.findInBoth(key)) return known;
-        Vel::Ptr<PrefixTrie> c = prefixChild(key);
+        auto const [known, inBoth] = members_.findOwned(key);
+        Vel::Ptr<PrefixTrie> c(known);
+        if (inBoth) return c;
         if (!c) velPrefixChildIs(c = T::newEntity(key));
         childIs(c);
         return c;
@@ -202,11 +216,27 @@ private:
     void disown(PrefixTrie& member) const;
     PrefixTrie const* node(char const* function, char const* signature, std::string_view path) const;
 
+    // --- the index; see PrefixTrieIndex.cpp ---
+
+    class Indexing;
+    enum class InIndex : Vel::U8 { no, below, root };
+    Detail::PathIndex* index() const;
+    bool makeIndex() noexcept;
+    void dropIndex() noexcept;
+    void indexPresence(bool present) noexcept;
+    void indexMember(PrefixTrie& member, bool comes) noexcept;
+
     Members members_;
     Vel::Ptr<State> state_;
     U32 changes_ = 0;  // of both collections together
     bool mountPoint_ = false;
     bool present_ = false;
+    InIndex inIndex_ = InIndex::no;
+    union {
+        Vel::U64 asked_ = 0;        // in no index: how often this node was asked
+        PrefixTrie* above_;         // below the root of one: in whose `child` this node is
+        Detail::PathIndex* index_;  // its root
+    };
 };
 
 inline constexpr Vel::AttributeId PrefixTrie::childAttribute = Vel::attributeId<PrefixTrie>("child");

@@ -17,6 +17,25 @@ namespace {
 
 using Paths = std::vector<std::string>;
 
+// Paths that lie in memory in the order in which they are asked: what is measured is the set, and not the fetching of
+// what is asked.
+class Queries {
+public:
+    void add(std::string_view path) {
+        ends_.push_back(text_.size());
+        text_ += path;
+    }
+    std::size_t size() const { return ends_.size(); }
+    std::string_view operator[](std::size_t i) const {
+        std::size_t const end = i + 1 == size() ? text_.size() : ends_[i + 1];
+        return std::string_view(text_).substr(ends_[i], end - ends_[i]);
+    }
+
+private:
+    std::string text_;
+    std::vector<std::size_t> ends_;  // of what is before each
+};
+
 // --- contestants: the same operations on each ---
 
 // All of its states are one that holds nothing: the others have none.
@@ -35,6 +54,7 @@ public:
     }
     Vel::Ptr<Mox::PrefixTrieState> newStateIs() override { return state(); }
     Vel::Ptr<PrefixTrie> newChildIs(Vel::String const& key) override { return newChildOf<PlainTrie>(key); }
+    void childInstanceDel(Vel::String const& key) override { prefixChildDel(key); }
     static Vel::Ptr<Mox::PrefixTrieState> const& state() {
         static Vel::Ptr<Mox::PrefixTrieState> const one(new PlainState);
         return one;
@@ -46,9 +66,10 @@ struct MoxTrie {
     Vel::Ptr<PlainTrie> root = PlainTrie::newEntity("");
 
     void add(Vel::String const& path) { root->prefixIs(path, PlainTrie::state()); }
-    bool isPrefix(std::string const& path) const { return root->isPrefix(path); }
-    bool hasPrefix(std::string const& path) const { return root->hasPrefix(path); }
-    auto enclosingPrefix(std::string const& path) const { return root->enclosingPrefix(path); }
+    void del(std::string const& path) { root->prefixDel(path); }
+    bool isPrefix(std::string_view path) const { return root->isPrefix(path); }
+    bool hasPrefix(std::string_view path) const { return root->hasPrefix(path); }
+    auto enclosingPrefix(std::string_view path) const { return root->enclosingPrefix(path); }
 
     std::size_t nodes() const { return nodesBelow(*root); }
     static std::size_t nodesBelow(Mox::PrefixTrie const& node) {
@@ -77,11 +98,12 @@ template <class Set> struct Probed {
     Set set;
 
     void add(std::string const& path) { set.emplace(path); }
-    bool isPrefix(std::string const& path) const { return set.contains(path); }
-    bool hasPrefix(std::string const& path) const {
+    void del(std::string const& path) { set.erase(path); }
+    bool isPrefix(std::string_view path) const { return set.contains(path); }
+    bool hasPrefix(std::string_view path) const {
         return anyPrefix(path, [&](std::string_view prefix) { return set.contains(prefix); });
     }
-    std::string enclosingPrefix(std::string const& path) const {
+    std::string enclosingPrefix(std::string_view path) const {
         return longestPrefix(path, [&](std::string_view prefix) { return set.contains(prefix); });
     }
 };
@@ -137,6 +159,20 @@ struct NodeTrie {
         }
         at->present = true;
     }
+    void del(std::string_view path) { del(root, path); }
+    // Whether nothing is left of the node.
+    static bool del(Node& node, std::string_view path) {
+        if (path.empty()) {
+            node.present = false;
+        } else {
+            auto const separator = path.find_first_of("/.", 1);
+            auto const found = node.children.find(path.substr(0, separator));
+            if (found == node.children.end()) return false;
+            if (del(*found->second, separator == std::string_view::npos ? "" : path.substr(separator)))
+                node.children.erase(found);
+        }
+        return !node.present && node.children.empty();
+    }
     bool isPrefix(std::string_view path) const {
         bool result = false;
         walk(path, [&](Node const& node, std::size_t end) { return (result = end == path.size() && node.present); });
@@ -157,40 +193,89 @@ struct NodeTrie {
     }
 };
 
-// --- paths: 3 to 8 components, as in a tree of settings: a few names at the top, many further down ---
+// --- paths: as they occur in a tree of state ---
 
-Paths randomPaths(std::size_t count, unsigned seed) {
-    static constexpr char const* words[] = {"interface", "config", "status", "counter", "port", "slot", "vlan",
-        "address", "route", "neighbour", "policy", "queue", "sensor", "fan", "peer", "group"};
-    std::mt19937 random(seed);
-    HashSet seen;
-    Paths paths;
-    while (paths.size() < count) {
-        std::string path;
-        unsigned const components = 3 + static_cast<unsigned>(random() % 6);
-        for (unsigned i = 0; i < components; ++i) {
-            if (i) path += random() % 4 ? '/' : '.';
-            unsigned const range = i < 2 ? 1 : 4u << (2 * i);  // 1 number at first, then 64, 256, ...
-            path += words[random() % 16];
-            if (range > 1) path += std::to_string(random() % std::min(range, 1000u));
+class RandomPaths {
+public:
+    explicit RandomPaths(unsigned seed) : random_(seed) {}
+
+    // `count` different paths of 3 to 8 components. Four in five grow out of an earlier one.
+    Paths take(std::size_t count) {
+        HashSet seen;
+        Paths paths;
+        while (paths.size() < count) {
+            std::size_t const components = 3 + below(6);
+            std::string path;
+            if (!paths.empty() && below(5) != 0) path = cut(paths[below(paths.size())], 1 + below(components - 1));
+            while (componentsOf(path) < components) add(path);
+            if (seen.insert(path).second) paths.push_back(path);
         }
-        if (seen.insert(path).second) paths.push_back(path);
+        return paths;
     }
-    return paths;
-}
+    void add(std::string& path) {
+        if (!path.empty()) path += below(10) < 7 ? '/' : '.';
+        path += component();
+    }
+    std::size_t below(std::size_t limit) { return random_() % limit; }
 
+private:
+    static bool separates(char c) { return c == '/' || c == '.'; }
+    static std::size_t componentsOf(std::string const& path) {
+        return path.empty() ? 0 : 1 + static_cast<std::size_t>(std::count_if(path.begin(), path.end(), separates));
+    }
+    static std::string cut(std::string const& path, std::size_t components) {
+        auto const end = std::find_if(path.begin(), path.end(), [&](char c) { return separates(c) && !--components; });
+        return std::string(path.begin(), end);
+    }
+    std::string component() {
+        static constexpr char const* words[] = {"interface", "interfaces", "counters", "bgp", "ospf", "isis", "status",
+            "config", "state", "peer", "neighbor", "address", "route", "routes", "vrf", "default", "policy", "queue",
+            "queues", "sensor", "temperature", "fan", "power", "supply", "chassis", "slot", "card", "port", "lane",
+            "optics", "speed", "duplex", "mtu", "mac", "arp", "nd", "ipv4", "ipv6", "unicast", "multicast", "mpls",
+            "label", "lldp", "lacp", "stp", "vlan", "vlans", "trunk", "access", "acl", "rule", "match", "action",
+            "system", "cpu", "memory", "process", "agent", "log", "trace", "time", "ntp", "dns", "snmp", "user",
+            "session", "key", "cert", "hw", "sw", "version", "in", "out", "errors", "drops", "packets", "bytes", "rate",
+            "total", "last"};
+        switch (below(10)) {
+        case 0:
+            return "Ethernet" + std::to_string(1 + below(64));
+        case 1:
+            return "vlan" + std::to_string(1 + below(4094));
+        case 2:
+            return "peer-10-" + std::to_string(below(256)) + "-" + std::to_string(below(256));
+        case 3:
+            return std::to_string(below(1000));
+        default:
+            return words[below(std::size(words))];
+        }
+    }
+
+    std::mt19937 random_;
+};
+
+// All in random order.
 struct Data {
+    static constexpr std::size_t maxQueries = 65536;
     Paths paths;
-    Paths below;    // two components below a path of the set
-    Paths strange;  // like the others, but none of the set encloses them
+    Queries there;    // of the set
+    Queries below;    // one to three components below a path of the set
+    Queries strange;  // like the others, but none of the set encloses them
+    Paths toDelete;
 
-    explicit Data(std::size_t count) : paths(randomPaths(count, 1)) {
-        for (std::string const& path : paths) below.push_back(path + "/more.below");
+    explicit Data(std::size_t count) : paths(RandomPaths(1).take(count)), toDelete(paths) {
+        std::shuffle(toDelete.begin(), toDelete.end(), std::mt19937(3));
+        for (std::size_t i = 0; i < std::min(count, maxQueries); ++i) there.add(toDelete[i]);
+        RandomPaths random(2);
+        for (std::size_t i = 0; i < maxQueries; ++i) {
+            std::string path = paths[random.below(count)];
+            for (std::size_t more = 1 + random.below(3); more > 0; --more) random.add(path);
+            below.add(path);
+        }
         HashSet const set(paths.begin(), paths.end());
-        for (std::string const& path : randomPaths(count + count / 2 + 100, 2))
-            if (!anyPrefix(path, [&](std::string_view prefix) { return set.contains(prefix); }))
-                strange.push_back(path);
-        std::shuffle(below.begin(), below.end(), std::mt19937(3));
+        for (std::string const& path : random.take(2 * maxQueries))
+            if (strange.size() < maxQueries &&
+                !anyPrefix(path, [&](std::string_view prefix) { return set.contains(prefix); }))
+                strange.add(path);
     }
 };
 
@@ -205,9 +290,9 @@ template <class C> std::unique_ptr<C> built(Paths const& paths) {
     return contestant;
 }
 
-template <class C> void checkAgainst(NodeTrie const& reference, C const& contestant, Paths const& queries) {
-    for (std::size_t i = 0; i < std::min<std::size_t>(queries.size(), 20000); ++i) {
-        std::string const& path = queries[i];
+template <class C> void checkAgainst(NodeTrie const& reference, C const& contestant, Queries const& queries) {
+    for (std::size_t i = 0; i < queries.size(); ++i) {
+        std::string_view const path = queries[i];
         Bench::require(contestant.isPrefix(path) == reference.isPrefix(path), path);
         Bench::require(contestant.hasPrefix(path) == reference.hasPrefix(path), path);
         Bench::requireSame(contestant.enclosingPrefix(path), reference.enclosingPrefix(path), C::name);
@@ -216,7 +301,7 @@ template <class C> void checkAgainst(NodeTrie const& reference, C const& contest
 
 // Every iteration asks for another path, so that each meets the caches as they come.
 template <class C, class Query>
-void addQuery(std::string const& group, std::shared_ptr<C const> contestant, Paths const& paths, Query query) {
+void addQuery(std::string const& group, std::shared_ptr<C const> contestant, Queries const& paths, Query query) {
     Bench::add(group, C::name, [contestant, &paths, query](benchmark::State& state) {
         std::size_t i = 0;
         for (auto _ : state) {
@@ -227,23 +312,29 @@ void addQuery(std::string const& group, std::shared_ptr<C const> contestant, Pat
     });
 }
 
+std::size_t allocatedBytes() {
+    auto const info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
 template <class C> void addContestant(std::string const& size, Data const& data, NodeTrie const& reference) {
-    std::size_t const before = mallinfo2().uordblks;
+    std::size_t const before = allocatedBytes();
     std::shared_ptr<C const> const contestant = built<C>(data.paths);
-    auto const bytes = static_cast<double>(mallinfo2().uordblks - before);
+    // A trie is measured with its index.
+    for (Queries const* queries : {&data.there, &data.below, &data.strange})
+        checkAgainst(reference, *contestant, *queries);
+    auto const bytes = static_cast<double>(allocatedBytes() - before);
     std::printf("    %-30s %6.1f bytes a path", C::name, bytes / static_cast<double>(data.paths.size()));
     if constexpr (std::is_same_v<C, MoxTrie>) {
         auto const nodes = static_cast<double>(contestant->nodes());
         std::printf(", %.1f a node (%.2f nodes a path)", bytes / nodes, nodes / static_cast<double>(data.paths.size()));
     }
     std::printf("\n");
-    for (Paths const* queries : {&data.paths, &data.below, &data.strange})
-        checkAgainst(reference, *contestant, *queries);
 
-    auto const isPrefix = [](C const& c, std::string const& path) { return c.isPrefix(path); };
-    auto const hasPrefix = [](C const& c, std::string const& path) { return c.hasPrefix(path); };
-    auto const enclosing = [](C const& c, std::string const& path) { return c.enclosingPrefix(path); };
-    addQuery(size + ", isPrefix, there", contestant, data.paths, isPrefix);
+    auto const isPrefix = [](C const& c, std::string_view path) { return c.isPrefix(path); };
+    auto const hasPrefix = [](C const& c, std::string_view path) { return c.hasPrefix(path); };
+    auto const enclosing = [](C const& c, std::string_view path) { return c.enclosingPrefix(path); };
+    addQuery(size + ", isPrefix, there", contestant, data.there, isPrefix);
     addQuery(size + ", isPrefix, not there", contestant, data.strange, isPrefix);
     addQuery(size + ", hasPrefix, there", contestant, data.below, hasPrefix);
     addQuery(size + ", hasPrefix, not there", contestant, data.strange, hasPrefix);
@@ -259,6 +350,15 @@ template <class C> void addContestant(std::string const& size, Data const& data,
             state.ResumeTiming();
         }
     });
+    Bench::add(size + ", delete (a path)", C::name, [&data](benchmark::State& state) {
+        while (state.KeepRunningBatch(static_cast<benchmark::IterationCount>(data.paths.size()))) {
+            state.PauseTiming();
+            auto made = built<C>(data.paths);
+            state.ResumeTiming();
+            for (std::string const& path : data.toDelete) made->del(path);
+            Bench::keep(made);
+        }
+    });
 }
 
 void addSize(std::size_t count) {
@@ -266,8 +366,8 @@ void addSize(std::size_t count) {
     std::string const size = std::to_string(count) + " paths";
     std::printf("%s\n", size.c_str());
     auto const reference = built<NodeTrie>(data->paths);
-    addContestant<MoxTrie>(size, *data, *reference);
     addContestant<FlatSet>(size, *data, *reference);
+    addContestant<MoxTrie>(size, *data, *reference);
     addContestant<TreeSet>(size, *data, *reference);
     addContestant<NodeTrie>(size, *data, *reference);
 }

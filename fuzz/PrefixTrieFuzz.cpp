@@ -1,3 +1,4 @@
+#include "Mox/internal/PathIndex.h"
 #include "Vel/describe/Module.h"
 #include "fuzz/Thorough.h"
 #include "test/Mox/PrefixTrieModel.h"
@@ -11,10 +12,11 @@
 
 VEL_MODULE(TrieTest, 637926b7314de79f, TrieTest::State, TrieTest::Trie, TrieTest::Plain);
 
-// Two prefix tries in lock step with a plain model. The first byte chooses the kind of trie; each step is a byte of
-// operation and tags, and a path: its length and its characters, which are often separators and stars. Few steps, and
-// nothing asked before the end: so there are far more runs. Then the tries are compared, and asked about the last path,
-// and of one input in sixteen about half of it, too.
+// Two prefix tries in lock step with a plain model. The first byte chooses the kind of trie, and whether it has an index
+// from the first question on, which comes after the first step. Each step is a byte of operation and tags, and a path:
+// its length and its characters, which are often separators and stars. Few steps, and hardly anything asked before the
+// end: so there are far more runs. Then the tries are compared, and asked about the last path, and of one input in
+// sixteen about half of it, too.
 // libFuzzer: -max_len=48
 
 namespace {
@@ -103,13 +105,20 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     hooks.recording = false;
     hooks.prunedAreDestroyed = kind & 1;
     hooks.freshTags = kind & 2 ? Tags{"fresh"} : Tags{};
+    using Mox::Detail::IndexUse;
+    IndexUse const uses[] = {IndexUse::itself, IndexUse::always, IndexUse::never};
+    Mox::Detail::PathIndex::use = uses[(kind >> 3) % 3];
     {
         std::array<Pair, 2> pairs;
         for (Pair& pair : pairs)
             pair.trie = kind & 4 ? TrieTest::Ptr<Mox::PrefixTrie>(TrieTest::Trie::newEntity("t"))
                                  : TrieTest::Ptr<Mox::PrefixTrie>(TrieTest::Plain::newEntity("t"));
         std::string last;
-        for (unsigned steps = 0; !bytes.empty() && steps < 8; ++steps) last = step(bytes, pairs);
+        for (unsigned steps = 0; !bytes.empty() && steps < 8; ++steps) {
+            last = step(bytes, pairs);
+            for (Pair const& pair : pairs)
+                if (steps == 0) require(differentAnswer(pair, last));
+        }
         for (Pair const& pair : pairs) {
             require(differentAnswer(pair, last));
             if (isThorough({data, size})) require(differentAnswer(pair, last.substr(0, last.size() / 2)));

@@ -30,7 +30,7 @@ using Vel::U64;
 // Node has velKey(), a std::string_view that never changes, newRef() and deleteRef().
 //
 // Invariants:
-// 1. A slot is 0, or names a node: 16 bits of the hash of its key (so that strangers are passed over untouched), its
+// 1. A slot is 0, or names a node: 16 bits of the hash of its key (see tagOf), its
 //    address, and a bit for each collection that it is a member of, of which one is set. A slot holds one reference
 //    for each of these bits.
 // 2. No two slots name the same node, and each collection has at most one node with a key.
@@ -55,11 +55,12 @@ public:
         U64 const* const slot = findSlot(key, hashBesideOthers(key), bit(which));
         return slot ? nodeOf(*slot) : nullptr;
     }
-    // The node with that key when both collections have the same one, else null.
-    Node* findInBoth(std::string_view key) const {
-        if (!word_) return nullptr;
-        U64 const* const slot = findSlot(key, hashBesideOthers(key), memberBits);
-        return slot && (*slot & memberBits) == memberBits ? nodeOf(*slot) : nullptr;
+    // The node with that key in `prefixChild`, or null, and whether it is in both collections.
+    std::pair<Node*, bool> findOwned(std::string_view key) const {
+        if (!word_) return {nullptr, false};
+        U64 const* const slot = findSlot(key, hashBesideOthers(key), bit(Collection::prefixChild));
+        if (!slot) return {nullptr, false};
+        return {nodeOf(*slot), (*slot & memberBits) == memberBits};
     }
     bool holds(Node const& node, Collection which) const { return find(node.velKey(), which) == &node; }
 
@@ -129,13 +130,23 @@ public:
         U64 const home = part & t->mask();
         for (U64 i = home; t->slots()[i] != 0; i = (i + 1) & t->mask()) {
             U64 const slot = t->slots()[i];
-            if ((slot & bit(which)) && (hashBesideOthers(nodeOf(slot)->velKey()) & t->mask()) == home) f(nodeOf(slot));
+            if ((slot & bit(which)) && (homeHashOf(slot, t->sizeClass) & t->mask()) == home) f(nodeOf(slot));
         }
         for (U64 at = capacityOf(t->sizeClass) / 2; at != 0; at /= 2) {
             part ^= at;
             if (part & at) return part & t->mask();
         }
         return 0;
+    }
+
+    // Calls f(node) for every member. REQUIRES: f changes neither collection.
+    template <class F> void visit(Collection which, F f) const {
+        if (Table* const t = table()) {
+            for (U64 const slot : *t)
+                if (slot & bit(which)) f(*nodeOf(slot));
+        } else if (word_ & bit(which)) {
+            f(*nodeOf(word_));
+        }
     }
 
     std::size_t memory() const noexcept { return table() ? bytesOf(table()->sizeClass) : 0; }  // bytes allocated
@@ -148,6 +159,7 @@ private:
     static constexpr U32 smallClasses =
         2;  // of 3 and 7 slots, which fill the allocator's chunks; others: log2 of the slots
     static constexpr U32 maxSmallCapacity = 7;
+    static constexpr U32 maxHomeClass = 12;  // 4096 slots: 4 bits are left to tell strangers apart
 
     // Stands before the slots.
     struct Table {
@@ -168,19 +180,26 @@ private:
     static U32 hashOf(std::string_view key) { return hashShortText(key, Vel::ProcessSecret::value()); }
     // Where there is a slot, a key has been hashed before: nobody need ask whether the secret has been drawn.
     static U32 hashBesideOthers(std::string_view key) { return hashShortText(key, Vel::ProcessSecret::drawn()); }
-    static constexpr U64 tagOf(U32 hash) { return U64(hash >> 16) << 48; }
+    // The bits that a slot in a table of that class has of the hash: in smaller ones those that say where its home is, so
+    // that slots are moved without a look at their nodes; in larger ones others, as strangers would share most of those.
+    static constexpr U64 tagOf(U32 hash, U32 sizeClass) {
+        return U64(sizeClass > maxHomeClass ? hash >> 16 : hash) << 48;
+    }
+    static U32 homeHashOf(U64 slot, U32 sizeClass) {  // as many bits of the hash as a home takes
+        return sizeClass > maxHomeClass ? hashBesideOthers(nodeOf(slot)->velKey()) : static_cast<U32>(slot >> 48);
+    }
     static Node* nodeOf(U64 slot) { return reinterpret_cast<Node*>(slot & addressBits); }
     static void isNoLeak(void const* memory) {
         if (__lsan_ignore_object) [[unlikely]]
             __lsan_ignore_object(memory);
     }
-    static U64 newSlot(Node& node, U32 hash) {
+    static U64 newSlot(Node& node, U32 hash, U32 sizeClass = 0) {
         auto const address = reinterpret_cast<U64>(&node);
         if (address & ~addressBits) [[unlikely]]
             Vel::assertionFailed("(address & ~addressBits) == 0", "/src/Mox/PrefixTrie", 0,
                 "Vel::U64 Mox::Detail::TrieMembers::newSlot(Node&, Vel::U32)");
         isNoLeak(&node);
-        return tagOf(hash) | address;
+        return tagOf(hash, sizeClass) | address;
     }
     static constexpr U32 capacityOf(U32 sizeClass) {
         return sizeClass < smallClasses ? 3 + 4 * sizeClass : U32(1) << sizeClass;
@@ -192,33 +211,40 @@ private:
     Table* table() const { return word_ & tableBit ? reinterpret_cast<Table*>(slots()) - 1 : nullptr; }
     void tableIs(Table* t) { word_ = U64(t->sizeClass) << 48 | reinterpret_cast<U64>(t->slots()) | tableBit; }
 
-    static bool matches(U64 slot, std::string_view key, U32 hash, U64 which) {
-        return (slot & tagBits) == tagOf(hash) && (slot & which) && sameShortText(nodeOf(slot)->velKey(), key);
+    static bool matches(U64 slot, std::string_view key, U64 tag, U64 which) {
+        return (slot & tagBits) == tag && (slot & which) && sameShortText(nodeOf(slot)->velKey(), key);
     }
 
     // The slot with that key in one of the collections `which`, or null. REQUIRES: word_.
     U64* findSlot(std::string_view key, U32 hash, U64 which) { return const_cast<U64*>(find(key, hash, which)); }
     U64 const* findSlot(std::string_view key, U32 hash, U64 which) const { return find(key, hash, which); }
     U64 const* find(std::string_view key, U32 hash, U64 which) const {
-        if (!(word_ & tableBit)) return matches(word_, key, hash, which) ? &word_ : nullptr;
+        if (!(word_ & tableBit)) return matches(word_, key, tagOf(hash, 0), which) ? &word_ : nullptr;
         U64 const* const slots = this->slots();
         auto const sizeClass = static_cast<U32>(word_ >> 48);
+        U64 const tag = tagOf(hash, sizeClass);
         if (sizeClass < smallClasses) {
             U32 const capacity = capacityOf(sizeClass);
             for (U32 i = 0; i < capacity; ++i)
-                if (matches(slots[i], key, hash, which)) return slots + i;
+                if (matches(slots[i], key, tag, which)) return slots + i;
             return nullptr;
         }
         U32 const mask = capacityOf(sizeClass) - 1;
         for (U32 i = hash & mask; slots[i]; i = (i + 1) & mask)
-            if (matches(slots[i], key, hash, which)) return slots + i;
+            if (matches(slots[i], key, tag, which)) return slots + i;
         return nullptr;
     }
 
     std::pair<Node*, bool> putBeside(Node& node, U32 hash, Collection which) {
         std::string_view const key = node.velKey();
         U64* own = findSlot(key, hash, memberBits);
-        if (own && nodeOf(*own) != &node) {  // another has the key; this one may be in the other collection only
+        if (!own) {
+            insertSlot(newSlot(node, hash) | bit(which), hash);
+            ++table()->sizes[index(which)];
+            node.newRef();
+            return {nullptr, true};
+        }
+        if (nodeOf(*own) != &node) {  // another has the key; this one may be in the other collection only
             U64 const otherBits = memberBits & ~*own;
             own = otherBits ? findSlot(key, hash, otherBits) : nullptr;
             if (own && nodeOf(*own) != &node) own = nullptr;
@@ -256,19 +282,19 @@ private:
         return static_cast<U32>(std::bit_width(used / 3 * 4 + 3));
     }
 
-    // REQUIRES: not full.
+    // Tags the slot as that table does. REQUIRES: not full.
     static void addSlot(Table& t, U64 slot, U32 hash) {
         U32 i = t.used++;
         if (t.hashed())
             for (i = hash & t.mask(); t.slots()[i]; i = (i + 1) & t.mask()) {}
-        t.slots()[i] = slot;
+        t.slots()[i] = (slot & ~tagBits) | tagOf(hash, t.sizeClass);
     }
 
     void insertSlot(U64 slot, U32 hash) {
         Table* t = table();
         if (!t) {
             t = newTable(0, true);
-            addSlot(*t, word_, 0);
+            addSlot(*t, word_, homeHashOf(word_, 0));
             t->sizes[0] = size(Collection::child);
             t->sizes[1] = size(Collection::prefixChild);
             tableIs(t);
@@ -283,7 +309,7 @@ private:
         Table* const to = newTable(sizeClass, mayThrow);
         if (!to) return from;
         for (U64 const slot : *from)
-            if (slot) addSlot(*to, slot, to->hashed() ? hashBesideOthers(nodeOf(slot)->velKey()) : 0);
+            if (slot) addSlot(*to, slot, homeHashOf(slot, std::max(from->sizeClass, to->sizeClass)));
         to->sizes[0] = from->sizes[0];
         to->sizes[1] = from->sizes[1];
         ::operator delete(from);
@@ -311,7 +337,7 @@ private:
             slots[hole] = std::exchange(slots[t.used], 0);
         } else {
             for (U32 i = (hole + 1) & t.mask(); slots[i]; i = (i + 1) & t.mask()) {
-                U32 const home = hashBesideOthers(nodeOf(slots[i])->velKey()) & t.mask();
+                U32 const home = homeHashOf(slots[i], t.sizeClass) & t.mask();
                 if (((i - home) & t.mask()) < ((i - hole) & t.mask())) continue;
                 slots[hole] = slots[i];
                 hole = i;
@@ -320,8 +346,8 @@ private:
         }
         if (t.used == 1) {
             U64 const last = *std::find_if(t.begin(), t.end(), [](U64 slot) { return slot != 0; });
+            word_ = (last & ~tagBits) | tagOf(homeHashOf(last, t.sizeClass), 0);
             ::operator delete(&t);
-            word_ = last;
         } else if (t.hashed() && t.used < capacityOf(t.sizeClass) / 4) {
             rebuild(classFor(2 * t.used), false);  // without memory for less, it stays as it is
         }

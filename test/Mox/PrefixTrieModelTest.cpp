@@ -1,12 +1,15 @@
 #include "PrefixTrieModel.h"
 #include "PrefixTrieTest.h"
 
+#include "Mox/internal/PathIndex.h"
+
 #include <array>
 #include <random>
 
 // Tries in lock step with a plain model, under random operations on paths of few different components.
 namespace {
 
+using Mox::Detail::IndexUse;
 using TrieTest::Model;
 using TrieTest::Pair;
 using TrieTest::Tags;
@@ -16,6 +19,7 @@ struct Variant {
     bool prunedAreDestroyed;
     bool freshTags;
     unsigned seed;
+    IndexUse index = IndexUse::itself;
 };
 
 class PrefixTrieModelTest : public PrefixTrieTest, public testing::WithParamInterface<Variant> {
@@ -23,9 +27,11 @@ protected:
     PrefixTrieModelTest() {
         RecordProperty("seed", static_cast<int>(GetParam().seed));
         hooks.recording = false;
+        Mox::Detail::PathIndex::use = GetParam().index;
         hooks.prunedAreDestroyed = GetParam().prunedAreDestroyed;
         if (GetParam().freshTags) hooks.freshTags = {"fresh"};
     }
+    ~PrefixTrieModelTest() override { Mox::Detail::PathIndex::use = IndexUse::itself; }
 
     Pair pair() const {
         if (GetParam().plain) return {TrieTest::Plain::newEntity("root"), {}};
@@ -55,6 +61,11 @@ private:
 INSTANTIATE_TEST_SUITE_P(Variants, PrefixTrieModelTest,
     testing::Values(Variant{false, false, false, 1}, Variant{false, true, true, 2}, Variant{true, false, true, 3},
         Variant{true, true, false, 4}));
+INSTANTIATE_TEST_SUITE_P(WithIndex, PrefixTrieModelTest,
+    testing::Values(Variant{false, true, true, 5, IndexUse::always}, Variant{true, false, true, 6, IndexUse::always},
+        Variant{true, true, false, 7, IndexUse::always}));
+INSTANTIATE_TEST_SUITE_P(WithoutIndex, PrefixTrieModelTest,
+    testing::Values(Variant{false, true, true, 8, IndexUse::never}, Variant{true, false, true, 9, IndexUse::never}));
 
 TEST_P(PrefixTrieModelTest, EveryOperationDoesWhatTheModelDoes) {
     std::array<Pair, 3> pairs{pair(), pair(), pair()};

@@ -305,6 +305,12 @@ TEST_F(PrefixTrieStructureTest, EmptyIsFalseChangesNothing) {
     EXPECT_EQ(shape(), "a*(/b*+)");
 }
 
+TEST_F(PrefixTrieStructureTest, NodesOfOneNameShareTheString) {
+    add("a/status");
+    add("b/status");
+    EXPECT_TRUE(nodeAt({"a", "/status"})->name().sharesStorageWith(nodeAt({"b", "/status"})->name()));
+}
+
 // --- the end ---
 
 TEST_F(PrefixTrieStructureTest, LastNodeIsFreedWithTheTrie) {

@@ -13,6 +13,7 @@ namespace {
 
 String dirName(U16 n) { return Vel::format("n%u", n % 4u); }
 String keyName(U16 n) { return Vel::format("k%u", n % 3u); }
+String componentName(U16 n) { return Vel::format("/k%u", n % 3u); }
 std::string pathOf(Vel::Entity const& entity) { return entity.path().stdString(); }
 
 // How likely each change is, of 100: what shares, moves and deletes members comes more often than what sets values.
@@ -201,8 +202,8 @@ std::string World::changeTrie(Step const& step) {
         trie->stateIs(step.n[1] % 3 ? Mox::prefixTrieStateFactory() : nullptr);
         return name + " state changes";
     case What::newChild:
-        trie->newChildIs(keyName(step.n[1]));
-        return name + " newChildIs " + keyName(step.n[1]).stdString();
+        trie->newChildIs(componentName(step.n[1]));
+        return name + " newChildIs " + componentName(step.n[1]).stdString();
     case What::childDel: {
         auto const members = trie->childMembers();
         if (members.empty()) return "";
@@ -288,6 +289,26 @@ std::string World::turn(Trie& trie, Trie& outer) {
     trie.adopt(inner);
     inner->adopt(kept);
     return from + " is turned round to " + pathOf(outer);
+}
+
+std::string wrongAnswer(Vel::Entity& root) {
+    std::string wrong;
+    walk(root, [&](Vel::Entity& entity) {
+        auto* const trie = dynamic_cast<Mox::PrefixTrie*>(&entity);
+        if (!trie) return;
+        for (std::string_view const path : {"/k0", "/k1/k0", "/k2/k2/k1", "/k0/k1/k2/k0"}) {
+            Ptr<Mox::PrefixTrie> at(trie);
+            bool found = false, whole = false;
+            for (std::size_t i = 0; i < path.size() && at; i += 3) {
+                at = at->child(path.substr(i, 3));
+                whole = at && at->present();
+                found = found || whole;
+            }
+            if (trie->hasPrefix(path) != found || trie->isPrefix(path) != whole)
+                wrong = "a trie does not answer as its nodes do: " + pathOf(*trie) + " of " + std::string(path);
+        }
+    });
+    return wrong;
 }
 
 // --- shelves and tables ---

@@ -146,6 +146,9 @@ template <class F> void walk(Vel::Entity& root, F f) {
     }
 }
 
+// What a trie that can be reached says of a path, when that is not what its nodes say; else empty.
+std::string wrongAnswer(Vel::Entity& root);
+
 // The source's tree.
 class World {
 public:

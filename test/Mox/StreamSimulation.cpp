@@ -1,5 +1,7 @@
 #include "StreamSimulation.h"
 
+#include "Mox/internal/PathIndex.h"
+
 #include <algorithm>
 #include <sstream>
 #include <stdexcept>
@@ -256,7 +258,9 @@ void Mounted::arrive(std::size_t count) {
         wire_.erase(wire_.begin(), wire_.begin() + static_cast<std::ptrdiff_t>(size));
         U64 const before = replica_.messagesIn();
         replica_.input(bytes);
-        if (replica_.messagesIn() != before) observeAll();
+        if (replica_.messagesIn() == before) continue;
+        observeAll();
+        if (auto const wrong = replica_.root() ? wrongAnswer(*replica_.root()) : ""; !wrong.empty()) violated(wrong);
     }
     if (!replica_.error().empty()) violated("error: " + replica_.error().stdString());
     if (!reader_->error().empty()) violated("error: " + reader_->error().stdString());
@@ -433,6 +437,14 @@ Vel::AttrLogSource::Options optionsOf(History const& history) {
     return options;
 }
 
+// Whether tries have an index: in a third of the runs from the first question on, which asks whether they answer as their
+// nodes do, and in a third never.
+Mox::Detail::IndexUse indexUseOf(History const& history) {
+    using Mox::Detail::IndexUse;
+    static constexpr IndexUse uses[] = {IndexUse::always, IndexUse::itself, IndexUse::never};
+    return uses[history.empty() ? 0 : history[0].n[1] % std::size(uses)];
+}
+
 // What of the tree is served, by one demuxer, and to whom.
 class Sites {
 public:
@@ -474,6 +486,7 @@ private:
 
 Result run(History const& history, bool tells) {
     Result result;
+    Mox::Detail::PathIndex::use = indexUseOf(history);
     World world;
     Sites sites(world, history);
     std::vector<std::unique_ptr<Mounted>> mounted;
@@ -495,6 +508,7 @@ Result run(History const& history, bool tells) {
         if (sites.overlap())
             for (auto const& m : mounted) m->lookAtPaths();
         if (sites.isALogTooLong()) result.violation = "the log grows: beyond its size";
+        if (auto const wrong = wrongAnswer(*world.root()); !wrong.empty()) result.violation = wrong;
         if (!result.violation.empty()) return result;
     }
     tell("everything arrives");
