@@ -77,18 +77,19 @@ void Sa::handleAttribute(AttributeId id) {
     StreamAttribute const* const attribute = table().find(id);
     if (!attribute || attribute->isCollection()) return;
     StreamDemuxer& demuxer = streamDemuxer();
-    demuxer.givingIds([&] {
-        Sa* target = nullptr;
-        if (attribute->kind == StreamKind::pointer) {
-            Entity* const entity = attribute->target(this->entity());
-            target = entity ? demuxer.referredIs(*this, *entity) : nullptr;
-            demuxer.referenceDropped(*this);
-        }
+    auto const tell = [&](Sa* target) {
         for (FlowConnection* const connection : demuxer.catchingUp())
             demuxer.changeCounted(!flowOutOnAttributeForConnection(*connection, *attribute));
         if (demuxer.live().empty() && !(attrLogFlags() & multicastBit)) return;
         handleAttributeSerialization(*attribute, target, nullptr);
         demuxer.changesAreWritten();
+    };
+    if (attribute->kind != StreamKind::pointer) return tell(nullptr);  // a value takes no entity into a view
+    demuxer.givingIds([&] {
+        Entity* const entity = attribute->target(this->entity());
+        Sa* const target = entity ? demuxer.referredIs(*this, *entity) : nullptr;
+        demuxer.referenceDropped(*this);
+        tell(target);
     });
 }
 
