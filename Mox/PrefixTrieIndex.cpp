@@ -5,8 +5,8 @@
 
 // The index of a trie that is asked: all prefixes below one node, its root, by the hash of their whole path.
 //
-// What an index covers are the nodes that a path leads to from its root, over `child` alone, as far as IndexedPath takes
-// their paths. Invariants:
+// What an index covers are the nodes that a path leads to from its root, over `child` alone, as far as IndexedPath
+// takes their paths. Invariants:
 // 1. The root has inIndex_ root and index_. A node that is covered has inIndex_ below, and above_ is the one in whose
 //    `child` it is; all other nodes have inIndex_ no. So nothing depends on who a node's parent is.
 // 2. A node is covered by one index at most, and once. Where a change breaks that, the index is dropped; and the making

@@ -30,7 +30,7 @@ using Vel::U64;
 // Node has velKey(), a std::string_view that never changes, newRef() and deleteRef().
 //
 // Invariants:
-// 1. A slot is 0, or names a node: 16 bits of the hash of its key (see tagOf), its
+// 1. A slot is 0, or names a node: 16 bits of the hash of its key (so that strangers are passed over untouched), its
 //    address, and a bit for each collection that it is a member of, of which one is set. A slot holds one reference
 //    for each of these bits.
 // 2. No two slots name the same node, and each collection has at most one node with a key.
@@ -180,8 +180,8 @@ private:
     static U32 hashOf(std::string_view key) { return hashShortText(key, Vel::ProcessSecret::value()); }
     // Where there is a slot, a key has been hashed before: nobody need ask whether the secret has been drawn.
     static U32 hashBesideOthers(std::string_view key) { return hashShortText(key, Vel::ProcessSecret::drawn()); }
-    // The bits that a slot in a table of that class has of the hash: in smaller ones those that say where its home is, so
-    // that slots are moved without a look at their nodes; in larger ones others, as strangers would share most of those.
+    // The bits that a slot in a table of that class has of the hash: in smaller ones those that say where its home is,
+    // so that slots are moved without a look at their nodes; in larger ones others: strangers would share most of those.
     static constexpr U64 tagOf(U32 hash, U32 sizeClass) {
         return U64(sizeClass > maxHomeClass ? hash >> 16 : hash) << 48;
     }
