@@ -124,7 +124,7 @@ TEST(StreamPeerTest, RoomOfAMessageThatCameInPartsIsKeptUnlessItIsLarge) {
 // What an output has room for is memory, also when all of it was taken.
 TEST(StreamPeerTest, RoomThatIsKeptForTheNextOutputIsHeld) {
     auto const root = Dir::newEntity("d");
-    for (int i = 0; i < 5000; ++i) root->entryIs(Leaf::newEntity(Vel::format("leaf%d", i)));
+    for (int i = 0; i < 5000; ++i) root->entryIs(Leaf::newEntity(Vel::format("leaf%060d", i)));
     Pair pair(root);
     pair.connect();
     pair.reader->input(takeOutput(pair.replica));
