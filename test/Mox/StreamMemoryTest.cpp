@@ -523,6 +523,17 @@ TEST_F(GreedySourceTest, ObserverMayEndTheConnectionThatTakesAValueAway) {
     EXPECT_EQ(replica->state(), AttrLogReplica::State::stale);
 }
 
+TEST_F(GreedySourceTest, ObserverMayEndTheConnectionAtItsSyncMark) {
+    announce(2, 1, "seen");
+    keySet(1, 258, "seen", 2);
+    connect();
+    auto const observer = Vel::notifieeOf(
+        *replica->root(), [&](AttributeId, Vel::NotifieeKey const*) { replica->closed("it has seen enough"); });
+    send(MessageKind::synced, [](Out&) {});
+    EXPECT_EQ(replica->error(), "it has seen enough");
+    EXPECT_EQ(replica->state(), AttrLogReplica::State::stale);
+}
+
 TEST_F(GreedySourceTest, WhatGoesIsNotCountedAnyMore) {
     dirIn(1, "d");
     announce(++last, 1, "t");

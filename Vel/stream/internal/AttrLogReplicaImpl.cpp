@@ -46,6 +46,7 @@ void AttrLogReplica::Impl::disconnected() {
 }
 
 void AttrLogReplica::Impl::forgetSource() {
+    ++connection_;
     mayWrite_ = false;
     rootId_ = 0;
     unmentioned_.clear();
@@ -360,12 +361,13 @@ void AttrLogReplica::Impl::gone(In& body) {
 }
 
 void AttrLogReplica::Impl::synced() {
+    U64 const connection = connection_;
     unmentioned_.take([this](EntityId id, AttributeId attribute, UnmentionedKeys::Keys const& keys) {
         delUnmentioned(id, attribute, keys);
     });
     entities_.synced();
     nesting_.putAll();
-    stateIs(State::synced);
+    if (connection == connection_) stateIs(State::synced);  // unless an observer of a deletion has ended it
 }
 
 }  // namespace Vel

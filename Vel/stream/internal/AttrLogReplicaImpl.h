@@ -56,6 +56,7 @@ private:
     Ptr<Entity> root_;
     State state_ = State::empty;
     std::function<void(State)> onState_;
+    U64 connection_ = 0;  // changes when a connection begins or ends
 
     // Of this connection:
     bool welcomed_ = false;
