@@ -61,8 +61,8 @@ public:
         bool ephemeral = false;
     };
     virtual void velDirtyKeyDel(AttributeId id, std::string_view key);  // the key need not be flagged
-    virtual DirtyKey velDirtyKeyTake(
-        AttributeId id);  // returns a key, and removes its flag. REQUIRES: velHasDirtyKeys(id)
+    // Returns a key, and removes its flag. REQUIRES: velHasDirtyKeys(id)
+    virtual DirtyKey velDirtyKeyTake(AttributeId id);
     virtual std::size_t velDirtyKeys(AttributeId id) const;
     virtual void velDirtyKeyDelAll(AttributeId id);
 
