@@ -12,7 +12,7 @@ PathIndex::~PathIndex() {
     std::free(words_);
 }
 
-// Leaves out what was removed, and makes all buckets anew.
+// Drops the removed records, and fills new buckets.
 bool PathIndex::reserve(U64 paths, U64 words) noexcept {
     U64 const count = (size_ + paths) * 5 / 16 + 1;  // 3.2 paths a bucket
     words += used_ - dead_ + 1;                      // at least one
