@@ -57,10 +57,10 @@ public:
     // --- buckets; none of these checks the bucket against size ---
 
     U16 size() const { return size_; }                                      // members are below this
-    U32 maxBuckets() const { return (size_ + 63u) >> 6; }                   // words that size ids need
-    U64 bucket(BucketId b) const { return words_.get(b.value()); }          // 0 when there is none
-    void bucketIs(BucketId b, U64 word) & { words_.set(b.value(), word); }  // also 0, which is then stored
-    U64 bucketDel(BucketId b) & { return words_.erase(b.value()); }         // the former word
+    U32 maxBuckets() const { return (size_ + 63u) >> 6; }                   // number of words for size ids
+    U64 bucket(BucketId b) const { return words_.get(b.value()); }          // 0 if there is none
+    void bucketIs(BucketId b, U64 word) & { words_.set(b.value(), word); }  // a 0 is stored, too
+    U64 bucketDel(BucketId b) & { return words_.erase(b.value()); }         // returns the former word
     U64 bucketDel(BucketIterator const& at) &;                              // REQUIRES: at is in range
     void bucketDelAll() & { words_.clear(); }
     void updateBucket(BucketId b, U64 word) & {  // keeps no empty word
@@ -117,7 +117,7 @@ public:
     friend VEL_API IdSet operator-(IdSet const& a, IdSet const& b);
     friend VEL_API IdSet operator^(IdSet const& a, IdSet const& b);
     IdSet operator~() const;                    // the last word keeps all its 64 bits, also those at or above size
-    bool isSubsetOf(IdSet const& other) const;  // every member's bit here is set there
+    bool isSubsetOf(IdSet const& other) const;  // whether the bit of each member is also set in `other`
     bool isDisjointFrom(IdSet const& other) const;
     U32 idsInCommon(IdSet const& other) const;  // size of the intersection
 
@@ -135,7 +135,7 @@ public:
 
 private:
     static unsigned bucketOf(Id i) { return (i.value() >> 6) & 255u; }
-    U64 removeBit(unsigned bucket, U64 bit);          // the former word
+    U64 removeBit(unsigned bucket, U64 bit);          // returns the former word
     U64 belowSize(unsigned bucket, U64 word) const {  // the bits of `word` that iteration sees
         if (bucket < size_ / 64u) [[likely]]
             return word;
@@ -158,7 +158,7 @@ private:
     static void write(Vel::NboAttrLog::Out& out, IdSet const& set);
     static void readInto(IdSet& set, LogIn& in);
     bool truth() const { return bool(*this); }
-    // Overloaded functions under one name each, for the description.
+    // Functions without overloads, for the description.
     U64 deleteBucket(BucketId b) & { return bucketDel(b); }
     U64 deleteBucketAt(BucketIterator const& at) & { return bucketDel(at); }
     IdIteratorConst walkIds() const;
@@ -196,9 +196,9 @@ constexpr auto IdSet::description() {
             Vel::arithmetic<AttributeOp::complement>);
 }
 
-// Parses a range list at `p`, which moves behind it: a copy of the prototype with the ids of the text added. Aborts on
-// text that is no range list of ids below the prototype's size, or throws what std::stoul throws: for trusted text
-// only. Throws Vel::ParseException for a null prototype, since the text does not tell the size.
+// Parses a range list at `p`, and moves `p` behind it. Returns a copy of the prototype with the ids of the text added.
+// Aborts if the text is no range list of ids below the prototype's size, or throws what std::stoul throws: use it for
+// trusted text only. Throws Vel::ParseException for a null prototype, since the text does not tell the size.
 VEL_API IdSet sequenceToValue(StrepIterator& p, StrepIterator const& end, IdSet const* prototype);
 
 }  // namespace Mox

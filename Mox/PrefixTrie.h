@@ -19,14 +19,14 @@ namespace Mox::Detail {
 class PathIndex;
 }
 
-// A set of path prefixes with a state for each, which everything below a prefix inherits.
+// A set of path prefixes, each with a state, which everything below the prefix inherits.
 //
-// Both classes are made to be derived from: a state says what it holds, how it merges and how it prints; a trie says
-// which states and which children it makes. docs/trie.md derives a pair from scratch.
+// Both classes are meant as base classes. A derived state says what it holds, how it merges and how it prints. A
+// derived trie says which states and which children it makes. docs/trie.md derives a pair from scratch.
 namespace Mox {
 
-// What a prefix applies to everything that it encloses.
-// Threads: as the trie that it belongs to.
+// The state of a prefix. It applies to everything that the prefix encloses.
+// Threads: as the trie to which it belongs.
 class VEL_API PrefixTrieState : public Vel::EntityOf<PrefixTrieState> {
 public:
     PrefixTrieState();
@@ -110,12 +110,11 @@ public:
     bool hasPrefix(std::string_view path) const;        // the path or a prefix that encloses it is in the set
     bool hasProperPrefix(std::string_view path) const;  // a prefix that encloses it is in the set
     bool hasPrefixInternal(std::string_view path, bool proper) const;
-    // The longest prefix of the path that is in the set, without stars that mark mount points; empty when there is
-    // none.
+    // The longest prefix of the path that is in the set, without stars that mark mount points; empty if there is none.
     String enclosingPrefix(std::string_view path) const;
     String properEnclosingPrefix(std::string_view path) const;  // shorter than the path
     String enclosingPrefixInternal(std::string_view path, bool proper) const;
-    Vel::Ptr<State> prefixState(std::string_view path) const;  // null when the path itself is not in the set
+    Vel::Ptr<State> prefixState(std::string_view path) const;  // null if the path itself is not in the set
 
     // One step of append: merges the node `other`, which stands for the same path, and all below it.
     void appendInternal(Vel::Ptr<PrefixTrie const> const& other, Vel::Ptr<State> const& inheritedState);
@@ -124,7 +123,7 @@ public:
 
     String name() const final { return velName(); }  // this node's component; its key in the parent's collections
     Vel::Ptr<State> state() const { return state_; }
-    bool mountPoint() const { return mountPoint_; }  // a path ended here, or marked this component with a star
+    bool mountPoint() const { return mountPoint_; }  // an added path ended here, or had a star here
     bool present() const { return present_; }        // a prefix of the set ends here
     void stateIs(Vel::Ptr<State> const& v) { velSet<&PrefixTrie::state_>(v); }
     void mountPointIs(bool v) { velSet<&PrefixTrie::mountPoint_>(v); }
@@ -161,7 +160,7 @@ public:
     class FlowOut;  // what a reader still has to be sent of a node; see PrefixTrieFlowOut.h
     static Vel::NboAttrLog::FlowOut* velNewFlowOut(Vel::StreamTable const& table, Vel::AttributeId from);
     std::size_t velCollectionMemory() const noexcept { return members_.memory(); }  // bytes allocated for both
-    std::size_t velIndexMemory() const noexcept;  // bytes allocated for the index; 0: this node is not the root of one
+    std::size_t velIndexMemory() const noexcept;  // bytes of the index; 0 if this node is not the root of one
 
     static constexpr auto description() {
         using Vel::collection;
@@ -196,7 +195,7 @@ public:
             method<&T::appendInternal>("appendInternal", "other", "inheritedState"),  // 280
             method<&T::append>("append", "target"));
     }
-    static Vel::AttributeId const childAttribute, prefixChildAttribute;  // constants, by the description
+    static Vel::AttributeId const childAttribute, prefixChildAttribute;  // constants from the description
 
 protected:
     // For newChildIs of a derived trie: finds the child, or makes a T, in both collections.

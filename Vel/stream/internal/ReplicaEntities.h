@@ -35,7 +35,7 @@ public:
         throwUnknown(id);
     }
     Entity* entity(EntityId id) override;
-    EntityId idOf(Entity const* entity) const;  // 0: it has none
+    EntityId idOf(Entity const* entity) const;  // 0 if it has none
 
     // Adds an entity that existed before. Calls f(attribute, key) for each key of its collections. REQUIRES: the id is
     // not known.

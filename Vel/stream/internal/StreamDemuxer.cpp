@@ -163,7 +163,7 @@ void StreamDemuxer::logIsWritten() {
     logsAreLookedAfter_ = false;
 }
 
-// Backwards, since a connection, or all of them, may cease to be live meanwhile.
+// Goes backwards, since a connection, or all of them, may cease to be live meanwhile.
 void StreamDemuxer::lookAfterChanges() {
     if (logsAreLookedAfter_ && shared_.waiting() < sharedSize_) return;
     giveOut();

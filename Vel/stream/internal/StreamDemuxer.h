@@ -61,7 +61,7 @@ public:
     void viewIs(StreamView& view, bool on);
     bool isInAView(U32 slot) const;
     Adapter& newAdapter(Entity& entity);  // REQUIRES: it has no adapter; called within givingIds(), or an id is left
-    void adapterDel(Adapter& adapter);    // connections that were told of the entity are told that it has gone
+    void adapterDel(Adapter& adapter);    // tells connections that know the entity that it has gone
     void catchingUpIs(NboAttrLog::FlowConnection& connection, bool on);
     void liveIs(NboAttrLog::FlowConnection& connection, NboAttrLog::OutSm& log, bool on);
     // Limits the bytes of messages that wait to be copied to several logs. The least limit that a view asks for is
