@@ -17,13 +17,14 @@ namespace Mox {
 // A set of ids below a fixed size, kept as 64-bit words in buckets: id i is bit i % 64 of bucket i / 64. Words without
 // members are normally not kept.
 //
-// Bucket numbers have 8 bits, so sizes up to 16320 are covered in full. Beyond that, on purpose: an id from 16384 up
-// shares its bit with its value modulo 16384; what visits all buckets takes their number modulo 256; idSetRange fills
-// the buckets from the one behind its first id's (0 behind 255) while they are below its last id's; and bucket 255
-// cannot be written to the attribute log. A set's text and iteration end at the first bit at or above its size.
+// Bucket numbers have 8 bits, so sizes up to 16320 are covered in full. Larger sizes have these limits on purpose. An
+// id from 16384 up shares its bit with its value modulo 16384. Operations that visit all buckets take the number of
+// buckets modulo 256. idSetRange fills the buckets after that of its first id (0 comes after 255) while they are below
+// that of its last id. Bucket 255 cannot be written to the attribute log. A set's text and iteration end at the first
+// bit at or above its size.
 //
-// REQUIRES is checked: a broken precondition says so and aborts. Text and bytes from outside go through checked() and
-// Vel::checkedRead, which never do.
+// Each REQUIRES is checked: if it is broken, the process prints which one, and aborts. Text and bytes from outside have
+// to go through checked() and Vel::checkedRead, which never abort.
 // A plain value: one thread at a time, as any container.
 class VEL_API IdSet {
 public:
@@ -46,8 +47,8 @@ public:
     IdSet(U16 size, std::initializer_list<Id> ids) : IdSet(size) {
         for (Id const id : ids) updateId(id, true);
     }
-    // The set of that size with the members of a range list such as "(1-3,5)", or what is wrong with the text and
-    // where. Stricter than sequenceToValue: numbers are plain digits, and every id must be below size.
+    // Returns the set of that size with the members of a range list such as "(1-3,5)", or what is wrong with the text
+    // and where. Stricter than sequenceToValue: numbers are plain digits, and every id must be below size.
     static Vel::Checked<IdSet> checked(U16 size, std::string_view rangeList);
     void handleInitialized(Id initialId) & {  // REQUIRES: initialId is null or below size
         if (initialId != Id()) updateId(initialId, true);
@@ -56,10 +57,10 @@ public:
     // --- buckets; none of these checks the bucket against size ---
 
     U16 size() const { return size_; }                                      // members are below this
-    U32 maxBuckets() const { return (size_ + 63u) >> 6; }                   // words that size ids need
-    U64 bucket(BucketId b) const { return words_.get(b.value()); }          // 0 when there is none
-    void bucketIs(BucketId b, U64 word) & { words_.set(b.value(), word); }  // also 0, which is then stored
-    U64 bucketDel(BucketId b) & { return words_.erase(b.value()); }         // the former word
+    U32 maxBuckets() const { return (size_ + 63u) >> 6; }                   // number of words for size ids
+    U64 bucket(BucketId b) const { return words_.get(b.value()); }          // 0 if there is none
+    void bucketIs(BucketId b, U64 word) & { words_.set(b.value(), word); }  // a 0 is stored, too
+    U64 bucketDel(BucketId b) & { return words_.erase(b.value()); }         // returns the former word
     U64 bucketDel(BucketIterator const& at) &;                              // REQUIRES: at is in range
     void bucketDelAll() & { words_.clear(); }
     void updateBucket(BucketId b, U64 word) & {  // keeps no empty word
@@ -70,9 +71,9 @@ public:
     }
     U32 buckets() const { return words_.size(); }
     bool bucketExists(BucketId b) const { return words_.contains(b.value()); }
-    U32 bucketChangeCounter() const { return words_.changeCounter(); }  // moves whenever a bucket comes or goes
+    U32 bucketChangeCounter() const { return words_.changeCounter(); }  // changes whenever a bucket is added or removed
     BucketIterator bucketIterator() const;
-    BucketRange bucketRange() const;  // for (auto [key, word] : set.bucketRange()); changing the set ends its meaning
+    BucketRange bucketRange() const;  // for (auto [key, word] : set.bucketRange()); invalid after a change of the set
 
     // --- members ---
 
@@ -80,7 +81,7 @@ public:
         check(i, "bool Mox::IdSet::id(Mox::Id) const");
         return words_.get(bucketOf(i)) >> (i.value() % 64) & 1;
     }
-    bool updateId(Id i, bool value) & {  // whether it was a member. REQUIRES: i below size
+    bool updateId(Id i, bool value) & {  // returns whether it was a member. REQUIRES: i below size
         check(i, "bool Mox::IdSet::updateId(Mox::Id, bool) &");
         U64 const bit = U64(1) << (i.value() % 64);
         return ((value ? words_.add(bucketOf(i), bit) : removeBit(bucketOf(i), bit)) & bit) != 0;
@@ -91,8 +92,8 @@ public:
     void idSetAll() &;                    // overwrites the words of all ids below size
     void idSetRange(Id begin, Id end) &;  // adds [begin, end). REQUIRES: begin < end <= size
     Id firstId() const { return nextId(Id()); }
-    // The smallest member above bitPos; of null, the smallest of all; null when there is none.
-    // REQUIRES: bitPos below size, or null
+    // Returns the smallest member above bitPos, or if bitPos is null, the smallest of all. Returns null if there is
+    // none. REQUIRES: bitPos below size, or null
     Id nextId(Id bitPos) const;
     IdIterator idIterator();          // on the first member
     IdIterator idIterator(Id start);  // on start, or the next member. REQUIRES: as id(), or null
@@ -100,7 +101,7 @@ public:
     IdIteratorConst idIteratorConst(Id start) const;
     bool idExists(Id i) const;  // as id(i), but false for null
 
-    Iterator begin() const;  // the members below size, ascending; changing the set ends the walk's meaning
+    Iterator begin() const;  // the members below size, ascending; invalid after a change of the set
     std::default_sentinel_t end() const { return {}; }
     template <class F>
     void forEachId(F f) const;  // f(Id) for every member below size, ascending. REQUIRES: f does not change the set
@@ -116,7 +117,7 @@ public:
     friend VEL_API IdSet operator-(IdSet const& a, IdSet const& b);
     friend VEL_API IdSet operator^(IdSet const& a, IdSet const& b);
     IdSet operator~() const;                    // the last word keeps all its 64 bits, also those at or above size
-    bool isSubsetOf(IdSet const& other) const;  // every member's bit here is set there
+    bool isSubsetOf(IdSet const& other) const;  // whether the bit of each member is also set in `other`
     bool isDisjointFrom(IdSet const& other) const;
     U32 idsInCommon(IdSet const& other) const;  // size of the intersection
 
@@ -134,13 +135,13 @@ public:
 
 private:
     static unsigned bucketOf(Id i) { return (i.value() >> 6) & 255u; }
-    U64 removeBit(unsigned bucket, U64 bit);          // the former word
-    U64 belowSize(unsigned bucket, U64 word) const {  // what of it iteration sees
+    U64 removeBit(unsigned bucket, U64 bit);          // returns the former word
+    U64 belowSize(unsigned bucket, U64 word) const {  // the bits of `word` that iteration sees
         if (bucket < size_ / 64u) [[likely]]
             return word;
         return bucket == size_ / 64u ? word & ((U64(1) << (size_ % 64)) - 1) : 0;
     }
-    unsigned loopBuckets() const { return maxBuckets() & 255u; }  // how far the loops over all buckets go
+    unsigned loopBuckets() const { return maxBuckets() & 255u; }  // where loops over all buckets end
     void check(Id i, char const* function) const {
         if (i.value() >= size_) [[unlikely]]
             failLimit(i, function);
@@ -157,13 +158,13 @@ private:
     static void write(Vel::NboAttrLog::Out& out, IdSet const& set);
     static void readInto(IdSet& set, LogIn& in);
     bool truth() const { return bool(*this); }
-    // Overloaded functions under one name each, for the description.
+    // Functions without overloads, for the description.
     U64 deleteBucket(BucketId b) & { return bucketDel(b); }
     U64 deleteBucketAt(BucketIterator const& at) & { return bucketDel(at); }
     IdIteratorConst walkIds() const;
     [[noreturn]] VEL_COLD static void failIterator(bool isConst, bool inKey);
 
-    [[no_unique_address]] Detail::WordMap words_;  // whose padding has room for the size
+    [[no_unique_address]] Detail::WordMap words_;  // its padding has room for size_
     U16 size_ = 0;
 };
 
@@ -195,14 +196,14 @@ constexpr auto IdSet::description() {
             Vel::arithmetic<AttributeOp::complement>);
 }
 
-// Parses a range list at `p`, which moves behind it: a copy of the prototype with the ids of the text added. Aborts on
-// text that is no range list of ids below the prototype's size, or throws what std::stoul throws: for trusted text
-// only. Throws Vel::ParseException for a null prototype, since the text does not tell the size.
+// Parses a range list at `p`, and moves `p` behind it. Returns a copy of the prototype with the ids of the text added.
+// Aborts if the text is no range list of ids below the prototype's size, or throws what std::stoul throws: use it for
+// trusted text only. Throws Vel::ParseException for a null prototype, since the text does not tell the size.
 VEL_API IdSet sequenceToValue(StrepIterator& p, StrepIterator const& end, IdSet const* prototype);
 
 }  // namespace Mox
 
-// As a range, a set has as many elements as members, which its size() does not tell.
+// size() does not return the number of members, so a set must not be taken for a sized range.
 template <> inline constexpr bool std::ranges::disable_sized_range<Mox::IdSet> = true;
 
 #include "Mox/IdSetIter.h"

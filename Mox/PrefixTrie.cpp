@@ -22,7 +22,7 @@ using Collection = Detail::TrieMembers<PrefixTrie>::Collection;
 constexpr char source[] = "/src/Mox/PrefixTrie";
 constinit Vel::TraceHandle traceHandle("PrefixTrie");
 
-// Level 8 tells of every operation that is entered, level 9 of details.
+// Level 8 traces each operation that is entered, level 9 details.
 template <class... Parts>
 VEL_COLD void traceRecord(unsigned level, unsigned line, char const* function, Parts const&... parts) {
     Vel::TraceHelper helper(traceHandle, level, source, line, function);
@@ -128,7 +128,7 @@ template <Collection which> void PrefixTrie::putMember(PrefixTrie& member) {
     auto const [taken, changed] = members_.put(member, which);
     if (!changed) return;
     Ptr<PrefixTrie> const before(taken);
-    if (taken) taken->deleteRef();  // the collection's
+    if (taken) taken->deleteRef();  // the reference that the collection had
     ++changes_;
     if constexpr (which == Collection::prefixChild) {
         if (before) disown(*before);
@@ -144,7 +144,7 @@ template <Collection which> Ptr<PrefixTrie> PrefixTrie::memberDel(std::string_vi
     PrefixTrie* const taken = members_.take(key, which);
     if (!taken) return nullptr;
     Ptr<PrefixTrie> const member(taken);
-    taken->deleteRef();  // the collection's
+    taken->deleteRef();  // the reference that the collection had
     ++changes_;
     if constexpr (which == Collection::prefixChild)
         disown(*member);
@@ -154,7 +154,7 @@ template <Collection which> Ptr<PrefixTrie> PrefixTrie::memberDel(std::string_vi
     return member;
 }
 
-// `member` has left prefixChild. Another trie may have taken it over before.
+// Called after `member` has left prefixChild. Another trie may have taken it over before.
 void PrefixTrie::disown(PrefixTrie& member) const {
     if (member.parent() == this) member.parentIs(nullptr);
 }
@@ -173,7 +173,7 @@ void PrefixTrie::prefixChildDelAll() {
 
 namespace {
 
-// Names that were given to nodes of late, by their hash: most components recur, and then nodes share the string.
+// Names that nodes were given lately, by their hash. Most components recur, and then nodes share the string.
 struct Names {
     static constexpr std::size_t count = 1024;
     String names[count];
@@ -182,7 +182,7 @@ thread_local Names* lateNames = nullptr;
 thread_local bool exits = false;
 struct NamesOwner {
     ~NamesOwner() {
-        exits = true;  // tries may still be used
+        exits = true;  // tries may be used after this
         delete std::exchange(lateNames, nullptr);
     }
 };
@@ -202,13 +202,14 @@ constexpr char prefixIsSignature[] =
     "virtual void Mox::PrefixTrie::prefixIs(const Vel::String&, const Vel::Ptr<Mox::PrefixTrieState>&)";
 }
 
-// A loop as far as no derived class has an operation of its own here; a child that has one gets a path of its own too.
+// Loops over the components while the child's class does not override prefixIs. A child whose class does is given the
+// rest of the path.
 void PrefixTrie::prefixIs(String const& path, Ptr<State> const& newState) {
     static auto* const plain =
-        new Ptr<PrefixTrie>(prefixTrieFactory(String()));  // for good: tries may be used during exit
+        new Ptr<PrefixTrie>(prefixTrieFactory(String()));  // never destroyed: tries may be used during exit
     if (!newState) Vel::throwMutatorArgNullPointerException(fwkType(), Vel::attributeId<PrefixTrie>("prefixIs"));
     PrefixTrie* at = this;
-    Ptr<PrefixTrie> held;  // what `at` is, below this node
+    Ptr<PrefixTrie> held;  // holds `at`, unless that is this node
     for (std::string_view rest = path;;) {
         if (traceHandle.enabled(8))
             traceRecord(8, __LINE__, "prefixIs", prefixIsSignature, " adding ", String(rest), " to ", at->velName(),
@@ -227,12 +228,12 @@ void PrefixTrie::prefixIs(String const& path, Ptr<State> const& newState) {
     }
 }
 
-// The node of the path's first component, made if need be, and what is left of the path.
+// Returns the node of the path's first component, which is made if need be, and the rest of the path.
 std::pair<Ptr<PrefixTrie>, std::string_view> PrefixTrie::addStep(std::string_view path) {
     PathStep const step(path);
     if (step.last && path.find('*') != std::string_view::npos)
         Vel::assertionFailed("starPos == Vel::String::npos", source, __LINE__, prefixIsSignature);
-    // A child that is there lends its name, which saves the copy.
+    // The name of an existing child is used, which saves a copy.
     PrefixTrie* const known = members_.find(step.head, Collection::prefixChild);
     Ptr<PrefixTrie> const c = newChildIs(known ? known->velName() : componentName(step.head));
     if (step.starred) c->mountPointIs(true);
@@ -289,7 +290,7 @@ void PrefixTrie::prefixDel(std::string_view path) {
 
 // --- queries ---
 
-// The index that answers for this node, or null: then a question goes from node to node.
+// Returns the index that answers questions to this node, or null: then a question goes from node to node.
 inline Detail::PathIndex* PrefixTrie::index() const {
     using Detail::IndexUse;
     if (traceHandle.enabled(8)) return nullptr;
@@ -369,8 +370,8 @@ String PrefixTrie::enclosingPrefixInternal(std::string_view path, bool proper) c
         if (PathScan const scan(path, PathScan::Cuts::yes); scan.usable())
             return String(path.substr(0, all->longest(scan, proper)));
     PrefixTrie const* at = this;
-    std::size_t used = 0;    // bytes of the path that the deepest present node stands for, with stars
-    std::size_t length = 0;  // and without: of the result
+    std::size_t used = 0;    // bytes of the path up to the deepest present node, with stars
+    std::size_t length = 0;  // the same without stars: bytes of the result
     std::size_t walked = 0;
     for (std::string_view rest = path;;) {
         if (traceHandle.enabled(8))
@@ -411,7 +412,7 @@ void PrefixTrie::upgradeState(Ptr<State> const& inheritedState, bool inheritedOn
     Ptr<State> passedOn = inheritedState;
     if (present_) {
         if (!state_) Vel::assertionFailed("state()", source, __LINE__, signature);
-        passedOn = state_;  // held: what it calls may take it away from this node
+        passedOn = state_;  // held, since upgradeState() may take it away from this node
         bool const changed = passedOn->upgradeState(inheritedState, inheritedOnly);
         if (!changed) return;
     }

@@ -19,14 +19,14 @@ namespace Mox::Detail {
 class PathIndex;
 }
 
-// A set of path prefixes with a state for each, which everything below a prefix inherits.
+// A set of path prefixes, each with a state, which everything below the prefix inherits.
 //
-// Both classes are made to be derived from: a state says what it holds, how it merges and how it prints; a trie says
-// which states and which children it makes. docs/trie.md derives a pair from scratch.
+// Both classes are meant as base classes. A derived state says what it holds, how it merges and how it prints. A
+// derived trie says which states and which children it makes. docs/trie.md derives a pair from scratch.
 namespace Mox {
 
-// What a prefix applies to everything that it encloses.
-// Threads: as the trie that it belongs to.
+// The state of a prefix. It applies to everything that the prefix encloses.
+// Threads: as the trie to which it belongs.
 class VEL_API PrefixTrieState : public Vel::EntityOf<PrefixTrieState> {
 public:
     PrefixTrieState();
@@ -35,8 +35,9 @@ public:
 
     // These follow Vel::Entity's virtual operations in this order. A derived class implements both; here they abort.
 
-    // Merges `inheritedState` into this one. `inheritedOnly`: it comes from an enclosing prefix, and was not given for
-    // this very prefix. True when this state has changed; else nothing below it needs to hear of it.
+    // Merges `inheritedState` into this one. `inheritedOnly` says that it comes from an enclosing prefix, and was not
+    // given for this prefix itself. Returns whether this state has changed; if not, nothing is passed on to the nodes
+    // below.
     virtual bool upgradeState(Vel::Ptr<PrefixTrieState> const& inheritedState, bool inheritedOnly);
     virtual String outputForm();  // for traces, and only called while they are on
 
@@ -49,24 +50,24 @@ public:
 
 VEL_API Vel::Ptr<PrefixTrieState> prefixTrieStateFactory();
 
-// A node of the trie, and the trie below it. A path such as "a/b.c" is cut before every "/" and "." but a leading one,
-// into the components "a", "/b" and ".c"; each is a node, a child of the one before it. A component that ends with a
-// star before the next separator ("a*/b") is a mount point, as is the last one of every path; the star is no part of
-// the key.
+// A node of the trie, and the trie below it. A path such as "a/b.c" is cut before every "/" and ".", except at its
+// beginning, into the components "a", "/b" and ".c". Each component is a node, a child of the one before it. The last
+// component of a path is a mount point, and so is each other one with a single star that is at its end ("a*/b"). That
+// star is no part of the key.
 //
-// Two collections hold the children. `prefixChild` makes and owns them; `child` has those that take part in what the
-// trie answers. A child whose prefix is deleted, and which encloses no other, leaves `child` only: it is found again
-// when its path is added again, unless childInstanceDel takes it out of `prefixChild` too.
+// Two collections have the children. `prefixChild` makes and owns them; `child` has those that queries look at. If the
+// prefix of a child is deleted, and encloses no other prefix, the child leaves `child` only. When its path is added
+// again, the same child is used, unless childInstanceDel has taken it out of `prefixChild` too.
 //
-// A node that has been asked n times, n a power of two from 64 on, makes an index of the prefixes below it when there
-// are fewer than 64 n nodes there; it answers whatever needs no tracing and has neither stars nor more than 256 bytes.
-// The index follows changes, and is dropped when they have outnumbered questions by its size, or when a node becomes a
-// member of two `child` collections.
+// A node counts the questions that it is asked. When it has been asked n times, n a power of two from 64 on, it makes
+// an index of the prefixes below it if there are fewer than 64 n nodes. The index answers questions about paths of up
+// to 256 bytes without stars, while tracing is off; isLeaf does not use it. The index follows changes. It is dropped
+// when changes have outnumbered questions by its size, and when a node becomes a member of two `child` collections.
 //
-// Queries never allocate, but for that and for a result that is a string; they, prefixDel and the release of a trie
-// take any depth, as does adding unless a derived class overrides prefixIs. Appending and pushing states down call
-// themselves once for each component: 10 000 components are fine on a stack of 8 MB. REQUIRES, for all operations on
-// paths: no node is below itself.
+// Queries allocate nothing but an index and a result that is a string. Queries, prefixDel and the release of a trie
+// take any depth; so does adding, unless a derived class overrides prefixIs. append and upgradeState call themselves
+// once for each component: 10 000 components are fine on a stack of 8 MB. REQUIRES, for all operations on paths: no
+// node is below itself.
 // Threads: a trie and the states in it are used by one thread at a time.
 class VEL_API PrefixTrie : public Vel::EntityOf<PrefixTrie> {
     using Members = Detail::TrieMembers<PrefixTrie>;
@@ -83,37 +84,37 @@ public:
 
     // --- hooks: these follow Vel::Entity's virtual operations in this order ---
 
-    virtual Vel::Ptr<State> newStateIs();  // a state as it is before anything merged into it; aborts here
+    virtual Vel::Ptr<State> newStateIs();  // makes a state into which nothing was merged; aborts here
     virtual Vel::Ptr<PrefixTrie> newChildIs(String const& key);  // finds or makes the child, in both collections
-    virtual bool emptyIs(bool value);  // true: as constructed, but for the name. Returns `value`
-    // Adds the prefix, or merges its state with what is there. Changes `newState` too: it takes on what it inherits.
-    // REQUIRES: no star in the last component. Throws MutatorArgNullPointerException for a null state.
+    virtual bool emptyIs(bool value);  // if true, makes the node as constructed, but for its name. Returns `value`
+    // Adds the prefix, or merges the state into that of the prefix if it is in the set already. Changes `newState` too:
+    // the states of the nodes on the way are merged into it. REQUIRES: no star in the last component. Throws
+    // MutatorArgNullPointerException for a null state.
     virtual void prefixIs(String const& path, Vel::Ptr<State> const& newState);
-    // Merges into the state of this node, when it is present, and pushes the outcome down.
-    // REQUIRES: a present node has a state; one that prefixIs or append made present has.
+    // Merges the state into that of this node, if it is present, and passes the result on to the nodes below. REQUIRES:
+    // a present node has a state; prefixIs and append see to that.
     virtual void upgradeState(Vel::Ptr<State> const& inheritedState, bool inheritedOnly);
-    // Takes all of `target` into this trie: its prefixes, their flags, and their states as if given for the prefixes
-    // here.
+    // Adds all prefixes of `target` to this trie, with their flags. Their states are merged as if they were given for
+    // the prefixes here.
     virtual void append(Vel::Ptr<PrefixTrie const> const& target);
     virtual void childInstanceDel(String const& key);  // called when prefixDel has taken `key` out of `child`
 
     // --- paths ---
 
-    // Removes the prefix, and every inner node that is left without children and not present. What is below the prefix
-    // keeps the states that it has. A path that is not there is no error.
+    // Removes the prefix, and each node on the way to it that is left without children and is not present. Prefixes
+    // below it keep their states. A path that is not in the trie is no error.
     void prefixDel(std::string_view path);
 
     bool isPrefix(std::string_view path) const;         // the path itself is in the set
     bool isLeaf(std::string_view path) const;           // the path has a node, and that has no children
-    bool hasPrefix(std::string_view path) const;        // the path or one that encloses it is in the set
-    bool hasProperPrefix(std::string_view path) const;  // one that encloses it is in the set
+    bool hasPrefix(std::string_view path) const;        // the path or a prefix that encloses it is in the set
+    bool hasProperPrefix(std::string_view path) const;  // a prefix that encloses it is in the set
     bool hasPrefixInternal(std::string_view path, bool proper) const;
-    // The longest prefix of the path that is in the set, without stars that mark mount points; empty when there is
-    // none.
+    // The longest prefix of the path that is in the set, without stars that mark mount points; empty if there is none.
     String enclosingPrefix(std::string_view path) const;
     String properEnclosingPrefix(std::string_view path) const;  // shorter than the path
     String enclosingPrefixInternal(std::string_view path, bool proper) const;
-    Vel::Ptr<State> prefixState(std::string_view path) const;  // null when the path itself is not in the set
+    Vel::Ptr<State> prefixState(std::string_view path) const;  // null if the path itself is not in the set
 
     // One step of append: merges the node `other`, which stands for the same path, and all below it.
     void appendInternal(Vel::Ptr<PrefixTrie const> const& other, Vel::Ptr<State> const& inheritedState);
@@ -122,7 +123,7 @@ public:
 
     String name() const final { return velName(); }  // this node's component; its key in the parent's collections
     Vel::Ptr<State> state() const { return state_; }
-    bool mountPoint() const { return mountPoint_; }  // a path ended here, or marked this component with a star
+    bool mountPoint() const { return mountPoint_; }  // an added path ended here, or had a star here
     bool present() const { return present_; }        // a prefix of the set ends here
     void stateIs(Vel::Ptr<State> const& v) { velSet<&PrefixTrie::state_>(v); }
     void mountPointIs(bool v) { velSet<&PrefixTrie::mountPoint_>(v); }
@@ -136,9 +137,10 @@ public:
     // --- collections ---
 
     Vel::Ptr<PrefixTrie> child(std::string_view key) const;  // or null
-    // Adds it under its name, in the place of another that has it. Throws MutatorArgNullPointerException for null.
+    // Adds the node under its name. Replaces a member that has this name. Throws MutatorArgNullPointerException for
+    // null.
     void childIs(Vel::Ptr<PrefixTrie> const& c);
-    Vel::Ptr<PrefixTrie> childDel(std::string_view key);  // removes and returns it; null when there was none
+    Vel::Ptr<PrefixTrie> childDel(std::string_view key);  // removes and returns it, or null if there was none
     void childDelAll();
     U32 children() const { return members_.size(Members::Collection::child); }
     U32 childChangeCounter() const { return changes_; }
@@ -146,8 +148,8 @@ public:
     VelChild childMembers() const;  // for (Vel::Ptr<PrefixTrie> const& c : trie.childMembers())
 
     Vel::Ptr<PrefixTrie> prefixChild(std::string_view key) const;  // or null
-    Vel::Ptr<PrefixTrie> prefixChildIs(String const& key);         // finds or makes it; its parent is this node
-    Vel::Ptr<PrefixTrie> prefixChildDel(std::string_view key);     // removes and returns it, without a parent
+    Vel::Ptr<PrefixTrie> prefixChildIs(String const& key);  // finds or makes it; a new one has this node as its parent
+    Vel::Ptr<PrefixTrie> prefixChildDel(std::string_view key);  // removes and returns it, without a parent
     void prefixChildDelAll();
     U32 prefixChildren() const { return members_.size(Members::Collection::prefixChild); }
     U32 prefixChildChangeCounter() const { return changes_; }
@@ -158,7 +160,7 @@ public:
     class FlowOut;  // what a reader still has to be sent of a node; see PrefixTrieFlowOut.h
     static Vel::NboAttrLog::FlowOut* velNewFlowOut(Vel::StreamTable const& table, Vel::AttributeId from);
     std::size_t velCollectionMemory() const noexcept { return members_.memory(); }  // bytes allocated for both
-    std::size_t velIndexMemory() const noexcept;  // bytes allocated for the index; 0: this node is not the root of one
+    std::size_t velIndexMemory() const noexcept;  // bytes of the index; 0 if this node is not the root of one
 
     static constexpr auto description() {
         using Vel::collection;
@@ -193,7 +195,7 @@ public:
             method<&T::appendInternal>("appendInternal", "other", "inheritedState"),  // 280
             method<&T::append>("append", "target"));
     }
-    static Vel::AttributeId const childAttribute, prefixChildAttribute;  // constants, by the description
+    static Vel::AttributeId const childAttribute, prefixChildAttribute;  // constants from the description
 
 protected:
     // For newChildIs of a derived trie: finds the child, or makes a T, in both collections.
@@ -228,14 +230,14 @@ private:
 
     Members members_;
     Vel::Ptr<State> state_;
-    U32 changes_ = 0;  // of both collections together
+    U32 changes_ = 0;  // number of changes of both collections together
     bool mountPoint_ = false;
     bool present_ = false;
     InIndex inIndex_ = InIndex::no;
     union {
-        Vel::U64 asked_ = 0;        // in no index: how often this node was asked
-        PrefixTrie* above_;         // below the root of one: in whose `child` this node is
-        Detail::PathIndex* index_;  // its root
+        Vel::U64 asked_ = 0;        // InIndex::no: how often this node was asked
+        PrefixTrie* above_;         // InIndex::below: the node whose `child` has this one
+        Detail::PathIndex* index_;  // InIndex::root: the index
     };
 };
 
@@ -244,8 +246,8 @@ inline constexpr Vel::AttributeId PrefixTrie::prefixChildAttribute = Vel::attrib
 
 VEL_API Vel::Ptr<PrefixTrie> prefixTrieFactory(String const& name);
 
-// The members of one collection, for a range-based loop. It visits those that there were when it began and that are
-// still there when their turn comes; they and others may come and go meanwhile. The trie must outlive it.
+// The members of one collection, for a range-based loop. The loop visits the members that existed when it began and
+// that still exist when their turn comes. Members may come and go meanwhile. The trie must outlive the loop.
 template <Detail::TrieMembers<PrefixTrie>::Collection which, U32 hashConstant> class PrefixTrie::MemberRange {
 public:
     class Iterator {
@@ -278,7 +280,7 @@ public:
     std::default_sentinel_t end() const { return {}; }
     U32 size() const { return trie_->members_.size(which); }
     bool empty() const { return size() == 0; }
-    // Visits a part of the members: see Vel::NboAttrLog::RangeOfParts. They may not change meanwhile.
+    // Visits a part of the members: see Vel::NboAttrLog::RangeOfParts. REQUIRES: f changes neither collection.
     template <class F> U64 visitPart(U64 part, F f) const { return trie_->members_.visitPart(part, which, f); }
     static constexpr U32 velHashConstant = hashConstant;  // sets the collection apart from every other one
 

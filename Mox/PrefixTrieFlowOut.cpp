@@ -6,7 +6,7 @@ namespace Mox {
 
 namespace {
 
-// Keys come and go as the attribute log has them: a length and the text.
+// Keys are passed as the attribute log encodes them: a length of 4 bytes, and the text.
 String textOf(std::string_view key) { return String(key.substr(4)); }
 
 std::string encoded(String const& text) {

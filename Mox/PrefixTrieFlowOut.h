@@ -8,7 +8,7 @@
 
 namespace Mox {
 
-// What one reader still has to be sent of a node: flags for its state and its two marks, and three sets of keys.
+// What one reader still has to be sent of a node: flags for state, mountPoint and present, and three sets of keys.
 // Threads: as the trie.
 class VEL_API PrefixTrie::FlowOut final : public Vel::NboAttrLog::FlowOut {
 public:
@@ -19,7 +19,7 @@ public:
 
     Keys const& childDirtyKeys() const { return child_; }
     Keys const& prefixChildDirtyKeys() const { return prefixChild_; }
-    // Of these, the ones whose member went and was made again: the deletion is sent before the key.
+    // The keys of prefixChildDirtyKeys() whose member was deleted and made again: the deletion is sent before the key.
     Keys const& prefixChildEphemeralDirtyKeys() const { return ephemeral_; }
 
     bool velHasDirtyKeys() const override;

@@ -3,14 +3,15 @@
 
 #include <new>
 
-// The index of a trie that is asked: all prefixes below one node, its root, by the hash of their whole path.
+// The index that a trie makes when it is asked often: all prefixes below one node, its root, by the hash of their whole
+// path.
 //
-// What an index covers are the nodes that a path leads to from its root, over `child` alone, as far as IndexedPath
-// takes their paths. Invariants:
-// 1. The root has inIndex_ root and index_. A node that is covered has inIndex_ below, and above_ is the one in whose
-//    `child` it is; all other nodes have inIndex_ no. So nothing depends on who a node's parent is.
-// 2. A node is covered by one index at most, and once. Where a change breaks that, the index is dropped; and the making
-//    of an index drops those that it meets.
+// An index covers the nodes to which a path leads from its root, through `child` only, if IndexedPath accepts the path.
+// Invariants:
+// 1. The root has inIndex_ root, and index_. A covered node has inIndex_ below, and above_ is the node whose `child`
+//    has it. All other nodes have inIndex_ no. The parents of nodes play no role.
+// 2. A node is covered by at most one index, and by one path only. If a change breaks that, the index is dropped.
+//    Making an index drops the indexes that it meets.
 // 3. The paths in the index are those of the present nodes that it covers.
 namespace Mox {
 
@@ -24,7 +25,7 @@ class PrefixTrie::Indexing {
 public:
     enum class Next { below, beside, end };
 
-    // Calls f(node, above, path) for the node, if there is a path to it, and those below it.
+    // Calls f(node, above, path) for the node, if IndexedPath accepts its path, and for those below it.
     template <class F> static Next visit(PrefixTrie& node, PrefixTrie& above, IndexedPath& path, F const& f) {
         U32 const length = path.length();
         if (!path.push(node.velKey())) return Next::beside;
@@ -41,7 +42,8 @@ public:
         return next == Next::end ? next : Next::beside;
     }
 
-    // The root of the index that the node is in, and the way there.
+    // The root of the index that the node is in. The second function also appends the components from there to the
+    // node.
     static PrefixTrie& rootOf(PrefixTrie& node) {
         auto* at = &node;
         while (at->inIndex_ == InIndex::below) at = at->above_;
@@ -72,7 +74,7 @@ public:
     }
 };
 
-// False when there are too many nodes for as often as this one was asked, when one of them is there twice, and without
+// Returns false if there are too many nodes for the number of questions, if two paths lead to one of them, or without
 // memory.
 bool PrefixTrie::makeIndex() noexcept {
     using Next = Indexing::Next;
@@ -116,7 +118,7 @@ void PrefixTrie::dropIndex() noexcept {
         [](PrefixTrie& node, PrefixTrie const& above, IndexedPath const&) { return Indexing::leave(node, above); });
 }
 
-// This node is about to become present, or not to be so any more. REQUIRES: it is covered by an index.
+// Called before this node becomes present, or ceases to be. REQUIRES: it is covered by an index.
 void PrefixTrie::indexPresence(bool present) noexcept {
     IndexedPath path;
     PrefixTrie& root = Indexing::rootOf(*this, path);
@@ -129,7 +131,8 @@ void PrefixTrie::indexPresence(bool present) noexcept {
     if (!good || !root.index_->countChanges(1)) root.dropIndex();
 }
 
-// `member` has come into this node's `child`, or has left it. REQUIRES: this node is covered by an index, or its root.
+// Called after `member` has come into this node's `child`, or has left it. REQUIRES: this node is covered by an index,
+// or its root.
 void PrefixTrie::indexMember(PrefixTrie& member, bool comes) noexcept {
     using Next = Indexing::Next;
     IndexedPath path;

@@ -15,7 +15,7 @@ namespace Mox {
 class PrefixTrie;
 }
 
-// Whole paths and the nodes that they lead to, so that a question of a large trie need not go from node to node.
+// Whole paths and the nodes to which they lead, so that a question to a large trie need not go from node to node.
 namespace Mox::Detail {
 
 using Vel::U32;
@@ -31,7 +31,8 @@ public:
     std::string_view text() const { return {text_, length_}; }
     void lengthIs(U32 shorter) { length_ = shorter; }
 
-    // Appends a component. False when the outcome is too long, or is cut into other components than were appended.
+    // Appends a component. Returns false if the path would be too long, would have a star, or would be cut into other
+    // components than those appended.
     bool push(std::string_view key) {
         if (key.empty() || key.size() > maxLength - length_ || getSeparatorPos(key) != std::string_view::npos ||
             (length_ != 0 && (key[0] | 1) != '/') || key.find('*') != std::string_view::npos)
@@ -47,7 +48,7 @@ private:
 };
 
 constexpr U64 eachByte = 0x0101010101010101ul;
-constexpr U64 inOrder(U64 word) {  // its first byte in memory is the lowest
+constexpr U64 inOrder(U64 word) {  // the first byte in memory becomes the lowest
     return std::endian::native == std::endian::little ? word : __builtin_bswap64(word);
 }
 constexpr U64 zeroBytes(U64 word) {  // the high bit of each byte that is 0
@@ -57,8 +58,8 @@ constexpr U64 zeroBytes(U64 word) {  // the high bit of each byte that is 0
 
 // Where a path is cut, and the hashes of all its prefixes, found in one pass over words of 8 bytes.
 //
-// A prefix is hashed as Vel::tableHash does it, but in words of 8 bytes, the last one filled up with zeros: what the
-// whole words before it come to is computed once for all prefixes.
+// A prefix is hashed as by Vel::tableHash, but in words of 8 bytes, the last one filled up with zeros. The hash state
+// after each whole word is computed once for all prefixes.
 class PathScan {
 public:
     enum class Cuts : bool { no, yes };  // whether visitEnds will be called
@@ -73,7 +74,7 @@ public:
             states_[i] = state;
             U64 const starred = word ^ eachByte * '*';
             stars |=
-                (starred - eachByte) & ~starred;  // the lowest star gets its high bit set, and what is above it may
+                (starred - eachByte) & ~starred;  // sets the high bit of the lowest star, and perhaps of bytes above it
             if (cuts == Cuts::no) return;
             U64 const found = zeroBytes((word | eachByte) ^ eachByte * '/') * 0x02040810204081ul >> 56;
             cuts_[i / 8] = (i % 8 ? cuts_[i / 8] : 0) | found << 8 * (i % 8);
@@ -84,7 +85,7 @@ public:
             state = next(state, word);
         }
         take(rest(path));
-        cuts_[0] &= ~U64(1);  // a leading separator begins no other component
+        cuts_[0] &= ~U64(1);  // a leading separator is no cut
         usable_ = (stars & eachByte * 0x80) == 0;
     }
 
@@ -98,7 +99,7 @@ public:
         f(length_);
     }
 
-    // A path's words, the last one filled up with zeros, and what can be done with them elsewhere.
+    // A path as words, the last one filled up with zeros, for use outside of a PathScan.
     static constexpr U32 wordsOf(U32 length) { return (length + 7) / 8; }
     static U64 hash(U64 const* words, U32 length) {
         U64 state = start();
@@ -106,7 +107,7 @@ public:
         return hash(state, length % 8 ? words[length / 8] : 0, length);
     }
     void copyTo(U64* words) const { std::memcpy(words, words_, wordsOf(length_) * sizeof(U64)); }
-    bool isSame(U64 const* words, U32 end) const {  // its first `end` bytes, as they were copied from another
+    bool isSame(U64 const* words, U32 end) const {  // whether its first `end` bytes are in `words`
         U64 different = 0;
         for (U32 i = 0; i < end / 8; ++i) different |= words[i] ^ words_[i];
         return (different | (end % 8 ? words[end / 8] ^ tail(end) : 0)) == 0;
@@ -121,11 +122,11 @@ private:
         Vel::TableSecret const& secret = Vel::ProcessSecret::drawn();
         return Vel::foldedProduct(state ^ tail ^ secret.words[2], end ^ secret.words[3]);
     }
-    static U64 rest(std::string_view path) {  // what the last word has, filled up with zeros
+    static U64 rest(std::string_view path) {  // the bytes behind the whole words, filled up with zeros
         U64 word = 0;
         if (path.size() < 8)
             std::memcpy(&word, path.data(), path.size());
-        else  // what stands before goes out below
+        else  // the bytes before them are shifted out
             return inOrder(Vel::wordAt<U64>(path.data() + path.size() - 8)) >> 1 >> (63 - 8 * (path.size() % 8));
         return inOrder(word);
     }
@@ -138,16 +139,17 @@ private:
     U64 cuts_[IndexedPath::maxLength / 64 + 1];
 };
 
-// When tries make an index. For tests: by themselves; at every question; not at all.
+// When tries make an index: by the number of questions, at each question, or never. Tests set this.
 enum class IndexUse : U8 { itself, always, never };
 
-// Paths, each with a node that is there for as long as the path is here. Nothing throws.
+// Paths, each with a node, which must exist as long as the path is here. Nothing throws.
 //
 // Invariants:
 // 1. words_[0, used_) has records one after another: a word with the node's address and the path's length in bytes, and
-//    the path, as PathScan has its words. Of a removed one the address is 0; dead_ words belong to such.
-// 2. Every other record has a place in a bucket: a byte of its hash, which is not 0, and where it begins in words_.
-// 3. That is the bucket that the hash says, or a later one, if the marks of all in between say that they overflowed.
+//    then the path in words as in PathScan. In a removed record the address is 0; dead_ is the number of words of
+//    removed records.
+// 2. Each other record has a place in a bucket: a byte of its hash, which is not 0, and its offset in words_.
+// 3. That is the bucket that the hash says, or a later one, if all buckets before that are marked as overflowed.
 class VEL_API PathIndex {
 public:
     static IndexUse use;
@@ -157,22 +159,24 @@ public:
     PathIndex& operator=(PathIndex const&) = delete;
     ~PathIndex();
 
-    // Makes room for so many more paths, and the words of all of them. False without memory for that.
+    // Makes room for `paths` more paths, which have `words` words with their records. Returns false without memory for
+    // that.
     bool reserve(U64 paths, U64 words) noexcept;
-    // REQUIRES: a usable path that is not there. False without memory.
+    // Adds a path. Returns false without memory. REQUIRES: the path is usable and not in the index.
     bool add(PathScan const& path, PrefixTrie& node) noexcept;
     void remove(PathScan const& path) noexcept;  // if it is there
 
-    PrefixTrie* find(PathScan const& path) const noexcept {  // of the whole path, or null
+    PrefixTrie* find(PathScan const& path) const noexcept {  // the node of the whole path, or null
         U32* const place = find(path, path.length(), path.hash(path.length()));
         return place ? nodeOf(words_[*place]) : nullptr;
     }
-    // The length of the longest prefix that is there, 0 for none; `proper`: it must be shorter than the path.
+    // Returns the length of the longest prefix of the path that is in the index, 0 if none is. If `proper`, the prefix
+    // must be shorter than the path.
     U32 longest(PathScan const& path, bool proper) const noexcept {
         U64 hashes[IndexedPath::maxLength];
         U32 ends[IndexedPath::maxLength];
         U32 count = 0;
-        path.visitEnds([&](U32 end) {  // so that all are fetched at the same time
+        path.visitEnds([&](U32 end) {  // all buckets are fetched at the same time
             U64 const hash = path.hash(end);
             __builtin_prefetch(&buckets_[homeOf(hash)]);
             hashes[count] = hash;
@@ -185,7 +189,8 @@ public:
     U64 size() const noexcept { return size_; }
     std::size_t memory() const noexcept { return bucketCount_ * sizeof(Bucket) + capacity_ * sizeof(U64); }  // bytes
 
-    // Whether it is worth its upkeep: it is as long as changes have not outnumbered questions by its size.
+    // These count whether the index is worth its upkeep. countChanges() returns false if it is not: if changes have
+    // outnumbered questions by its size.
     void countStart() noexcept { credit_ = size_ + slack; }
     void countQuestion() noexcept { credit_ += credit_ < size_ + slack ? 1 : 0; }
     bool countChanges(U64 changes) noexcept {
@@ -194,11 +199,11 @@ public:
     }
 
 private:
-    static constexpr U64 addressBits = ~U64(0) >> 16;  // no user-space address of Linux is larger unasked
+    static constexpr U64 addressBits = ~U64(0) >> 16;  // Linux gives no larger user-space address unless asked
     static constexpr U32 perBucket = 6;
     static constexpr U64 slack = 64;
     struct alignas(32) Bucket {
-        U8 tags[perBucket];  // of its places, 0 for none
+        U8 tags[perBucket];  // one for each place, 0 for none
         U8 unused;           // 0
         U8 overflowed;
         U32 places[perBucket];

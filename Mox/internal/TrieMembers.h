@@ -12,7 +12,7 @@
 #include <string_view>
 #include <utility>
 
-// The leak detector's, where the program has one.
+// A function of the leak detector. It is null in a program without one.
 extern "C" __attribute__((weak)) void __lsan_ignore_object(void const* memory);  // NOLINT(bugprone-reserved-identifier)
 
 namespace Mox::Detail {
@@ -21,23 +21,24 @@ using Vel::U32;
 using Vel::U64;
 
 // The children of a node of a trie, in both of its collections: reference-counted nodes, keyed by their own names.
-// `prefixChild` owns them; `child` is a second index over mostly the same ones. One word, and nothing else while there
-// is at most one child; about 20 bytes a child beyond that, for both collections together.
+// `prefixChild` owns them; `child` mostly has the same ones. With at most one child this takes one word and nothing
+// else. With more it takes about 20 bytes more for each child, for both collections together.
 //
-// A leak detector does not take a word with hash bits for an address, and is told to leave out what is only found
-// there.
+// A leak detector does not see the address in a word that also has hash bits. So it is told to ignore memory whose
+// address is found there only.
 //
 // Node has velKey(), a std::string_view that never changes, newRef() and deleteRef().
 //
 // Invariants:
-// 1. A slot is 0, or names a node: 16 bits of the hash of its key (so that strangers are passed over untouched), its
-//    address, and a bit for each collection that it is a member of, of which one is set. A slot holds one reference
-//    for each of these bits.
+// 1. A slot is 0, or names a node. It has 16 bits of the hash of the node's key, so that most nodes with other keys
+//    need no look; the node's address; and a bit for each collection of which the node is a member, at least one. A
+//    slot holds one reference for each of these bits.
 // 2. No two slots name the same node, and each collection has at most one node with a key.
-// 3. The word is 0 (no slot), a slot, or the address of the slots of a table with two slots or more, marked by its own
-//    bit, and the table's size class where a slot has the hash: look-ups need not touch the table's header.
-// 4. Tables of up to 7 slots are filled from the front. Larger ones are powers of two, probed linearly from the low
-//    bits of the hash, at most three quarters full.
+// 3. The word is 0 if there is no slot, and the slot if there is one. Else it has the address of the slots of a table
+//    with two slots or more, a bit that marks this, and the table's size class in place of the hash: so look-ups need
+//    not touch the table's header.
+// 4. Tables of up to 7 slots are filled from the front. Larger ones have a power of two of slots, are probed linearly
+//    from the low bits of the hash, and are at most three quarters full.
 template <class Node> class TrieMembers {
 public:
     enum class Collection : U64 { child = 1, prefixChild = 2 };
@@ -69,8 +70,8 @@ public:
         return word_ & bit(which) ? 1 : 0;
     }
 
-    // Makes `node` the member with its key. The member that had the key, with its reference, or null; whether anything
-    // has changed. Strong guarantee.
+    // Makes `node` the member with its key. Returns the member that had the key, with its reference, or null, and
+    // whether anything has changed. Strong guarantee.
     std::pair<Node*, bool> put(Node& node, Collection which) {
         std::string_view const key = node.velKey();
         U32 const hash = hashOf(key);
@@ -93,7 +94,8 @@ public:
         return slot ? takeFrom(slot, which) : nullptr;
     }
 
-    // Empties both collections: gone(node, collection) for every member, then drop(node) for every reference.
+    // Empties both collections. For each node, calls gone(node, collection) for each collection that has it, then
+    // drop(node) for each reference.
     template <class Gone, class Drop> void releaseAll(Gone gone, Drop drop) {
         Table* const t = table();
         U64 const single = isSlot() ? word_ : 0;
@@ -112,11 +114,11 @@ public:
         ::operator delete(t);
     }
 
-    // Calls f(node) for those members of which the hash begins, from its low bits on, as `part` does, and gives the
-    // next part: the first is 0, and so is what follows the last. Parts are counted from their highest bit on, so that
-    // what a table had in one part is in few when it has grown, and none that were visited are: "reverse binary
-    // iteration", by which Redis scans its tables. Members that are there all the time are visited, and if the table
-    // shrinks some perhaps twice.
+    // Calls f(node) for the members of one part, and returns the next part. The first part is 0, and 0 is returned
+    // after the last. A part has the members whose hash has the same low bits as `part`. Parts are counted from their
+    // highest bit on: "reverse binary iteration", by which Redis scans its tables. So after the table has grown, the
+    // members of an earlier part are in a few parts, and none of these comes if the earlier part came already. A member
+    // that is there all the time is visited; if the table shrinks, perhaps twice.
     template <class F> U64 visitPart(U64 part, Collection which, F f) const {
         if (size(which) == 0) return 0;
         Table* const t = table();
@@ -154,12 +156,12 @@ public:
 private:
     static constexpr U64 memberBits = 3;  // one for each collection
     static constexpr U64 tableBit = 4;
-    static constexpr U64 tagBits = U64(0xFFFF) << 48;  // no user-space address of Linux reaches there unasked
+    static constexpr U64 tagBits = U64(0xFFFF) << 48;  // Linux gives no user-space address there unless asked
     static constexpr U64 addressBits = ~(tagBits | memberBits | tableBit);
-    static constexpr U32 smallClasses =
-        2;  // of 3 and 7 slots, which fill the allocator's chunks; others: log2 of the slots
+    // Classes 0 and 1 have 3 and 7 slots, which fill the allocator's chunks. A larger class is log2 of its slots.
+    static constexpr U32 smallClasses = 2;
     static constexpr U32 maxSmallCapacity = 7;
-    static constexpr U32 maxHomeClass = 12;  // 4096 slots: 4 bits are left to tell strangers apart
+    static constexpr U32 maxHomeClass = 12;  // 4096 slots: 4 bits are left to tell other keys apart
 
     // Stands before the slots.
     struct Table {
@@ -178,14 +180,15 @@ private:
     static constexpr U64 bit(Collection which) { return static_cast<U64>(which); }
     static constexpr unsigned index(Collection which) { return which == Collection::child ? 0 : 1; }
     static U32 hashOf(std::string_view key) { return hashShortText(key, Vel::ProcessSecret::value()); }
-    // Where there is a slot, a key has been hashed before: nobody need ask whether the secret has been drawn.
+    // If there is a slot, a key has been hashed before, and so the secret has been drawn.
     static U32 hashBesideOthers(std::string_view key) { return hashShortText(key, Vel::ProcessSecret::drawn()); }
-    // The bits that a slot in a table of that class has of the hash: in smaller ones those that say where its home is,
-    // so that slots are moved without a look at their nodes; in larger ones others: strangers would share most of those.
+    // The bits of the hash that a slot has in a table of that class. Up to maxHomeClass they say where the slot's home
+    // is, so that slots are moved without a look at their nodes. In larger tables they are other bits: slots that are
+    // close have most of those in common.
     static constexpr U64 tagOf(U32 hash, U32 sizeClass) {
         return U64(sizeClass > maxHomeClass ? hash >> 16 : hash) << 48;
     }
-    static U32 homeHashOf(U64 slot, U32 sizeClass) {  // as many bits of the hash as a home takes
+    static U32 homeHashOf(U64 slot, U32 sizeClass) {  // the bits of the hash that say where the home is
         return sizeClass > maxHomeClass ? hashBesideOthers(nodeOf(slot)->velKey()) : static_cast<U32>(slot >> 48);
     }
     static Node* nodeOf(U64 slot) { return reinterpret_cast<Node*>(slot & addressBits); }
@@ -215,7 +218,7 @@ private:
         return (slot & tagBits) == tag && (slot & which) && sameShortText(nodeOf(slot)->velKey(), key);
     }
 
-    // The slot with that key in one of the collections `which`, or null. REQUIRES: word_.
+    // The slot with that key in one of the collections `which`, or null. REQUIRES: word_ is not 0.
     U64* findSlot(std::string_view key, U32 hash, U64 which) { return const_cast<U64*>(find(key, hash, which)); }
     U64 const* findSlot(std::string_view key, U32 hash, U64 which) const { return find(key, hash, which); }
     U64 const* find(std::string_view key, U32 hash, U64 which) const {
@@ -244,7 +247,7 @@ private:
             node.newRef();
             return {nullptr, true};
         }
-        if (nodeOf(*own) != &node) {  // another has the key; this one may be in the other collection only
+        if (nodeOf(*own) != &node) {  // another node has the key; this one may be in the other collection only
             U64 const otherBits = memberBits & ~*own;
             own = otherBits ? findSlot(key, hash, otherBits) : nullptr;
             if (own && nodeOf(*own) != &node) own = nullptr;
@@ -282,7 +285,7 @@ private:
         return static_cast<U32>(std::bit_width(used / 3 * 4 + 3));
     }
 
-    // Tags the slot as that table does. REQUIRES: not full.
+    // Adds the slot, with the tag that it has in this table. REQUIRES: the table is not full.
     static void addSlot(Table& t, U64 slot, U32 hash) {
         U32 i = t.used++;
         if (t.hashed())
@@ -349,7 +352,7 @@ private:
             word_ = (last & ~tagBits) | tagOf(homeHashOf(last, t.sizeClass), 0);
             ::operator delete(&t);
         } else if (t.hashed() && t.used < capacityOf(t.sizeClass) / 4) {
-            rebuild(classFor(2 * t.used), false);  // without memory for less, it stays as it is
+            rebuild(classFor(2 * t.used), false);  // without memory for a smaller table, it stays as it is
         }
     }
 

@@ -9,46 +9,50 @@
 
 namespace Vel {
 
-// A copy of what a source serves. What comes in is applied through the entities' own mutators, so their observers are
-// told as of any other change.
+// A copy of the entities that a source serves. Messages change it by the mutators of its entities, so their observers
+// are notified as of any other change.
 //
-// The copy outlives the connection: it is stale then. On the next connection what is there already is kept, found by
-// where it stands, and observers see the differences only; what the source has no more is deleted when all is sent.
-// The copy is changed by its source alone. What else changes it stays until the source changes the same attribute.
+// The copy outlives the connection; without one it is stale. When the next connection syncs, an entity is kept if the
+// source still has it at the same place, and observers are notified of the differences only. Entities that the source
+// no longer has are deleted when it has sent everything.
+// Only the source should change the copy. Another change stays until the source changes the same attribute, or until
+// the next connection.
 // Threads: one at a time, the one that uses the entities.
 class VEL_API AttrLogReplica final : public StreamPeer {
 public:
     enum class State {
-        empty,    // nothing has come yet
-        syncing,  // connected; the copy becomes complete
-        synced,   // complete, and kept so
-        stale     // not connected; as it was last
+        empty,    // before the first connection; after it, not connected and without root()
+        syncing,  // connected; the copy is not complete yet
+        synced,   // connected; the copy is complete
+        stale     // not connected; the copy stays as it was
     };
     struct Options {
-        String path;                // of what is wanted, at the source
+        String path;                // of the entity to copy, at the source
         bool wantsToWrite = false;  // see write()
         StreamLimits limits{};
     };
 
-    // The copy is `root` and what is below it. REQUIRES: the type is the one that the source serves.
+    // The copy is `root` and what it leads to. If the source serves an entity of another type, the connection ends with
+    // an error.
     AttrLogReplica(Ptr<Entity> root, Options options);
-    // The copy is made in the directory, in the place of what has the name and another type.
+    // The copy is made in the directory, under the name. An entry with this name is used if it is of the right type,
+    // and replaced if not.
     AttrLogReplica(Ptr<Dir> parent, String name, Options options);
     ~AttrLogReplica() override;
 
-    void connected();  // a connection is there: says hello on it. After closed() it may be another one
+    void connected();  // says hello. Call it for each new connection, the next one after closed()
     void closed(String const& reason) override;
 
     State state() const;
     void onStateIs(std::function<void(State)> told);
-    Ptr<Entity> root() const;      // null until something has come, unless it was given
-    bool mayWrite() const;         // the source takes changes
-    std::size_t entities() const;  // that the source has told of
-    std::size_t copySize() const;  // bytes that the source makes the copy take, by estimate
+    Ptr<Entity> root() const;      // null until the source has announced it, unless it was given
+    bool mayWrite() const;         // whether the source accepts changes
+    std::size_t entities() const;  // number that the source has announced and that have not gone
+    std::size_t copySize() const;  // estimated bytes that the source makes the copy take
 
-    // Asks the source to change the attribute; the change comes back like any other. Throws ReadOnlyException when the
-    // source takes none, RangeException when the entity or the attribute is none that the source sends, TypeException
-    // for a value of another type.
+    // Asks the source to change the attribute. The change comes back like any other. Throws ReadOnlyException if the
+    // source accepts no changes. Throws RangeException if the source does not send the entity, or sends no value with
+    // this id. Throws TypeException for a value of another type.
     void write(Entity const& entity, AttributeId attribute, GenericValue const& value) {
         write(entity, attribute, value.type(), value.data());
     }

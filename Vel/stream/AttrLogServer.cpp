@@ -13,7 +13,7 @@ AttrLogServer::~AttrLogServer() = default;
 
 namespace {
 
-// The names on the way, with one separator between each two: all spellings of a path are one.
+// Returns the path with one separator between names, and none at its ends, so that all spellings of a path become one.
 std::string plainPath(std::string_view path) {
     std::string plain;
     while (!path.empty()) {
@@ -30,9 +30,9 @@ std::string plainPath(std::string_view path) {
 
 Ptr<Entity> AttrLogServer::entityAt(std::string const& path) const { return root_->entity(String(path)); }
 
-// Keeps the source for `wanted` even if nobody reads it.
+// Keeps the source for the path `wanted` even if it has no readers.
 void AttrLogServer::checkPathsBut(std::optional<std::string_view> wanted) {
-    std::vector<std::unique_ptr<AttrLogSource>> gone;  // destroyed when the map is in order again
+    std::vector<std::unique_ptr<AttrLogSource>> gone;  // destroyed at the end, when the map is consistent
     for (auto at = sources_.begin(); at != sources_.end();) {
         auto& [path, source] = *at;
         bool const isWanted = source->readers() != 0 || path == wanted;

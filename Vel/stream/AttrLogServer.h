@@ -13,29 +13,33 @@ namespace Vel {
 
 class StreamDemuxer;
 
-// Serves what is below an entity: each reader gets what is at the path that it asks for, when it says hello. What is at
-// several of these paths is observed once, and its changes of values are encoded once.
+// Serves the entities that can be reached by a path from `root`. Each reader names a path in its hello, and gets the
+// entity there and all that it leads to. An entity that is served under several paths is observed once, and a change of
+// one of its values is encoded once.
 //
-// Nothing tells when the entity at a path is replaced or taken out; its readers would go on with it for ever. So
-// whoever runs the transport calls checkPaths() now and then, once a second for instance: readers of what is not at its
-// path any more are refused, and find what is there now when they connect again.
+// The server is not notified when another entity takes the place of a served one, or when a served one is removed;
+// readers would follow the old entity for ever. So the owner of the transport has to call checkPaths() regularly, for
+// example once a second. It refuses the readers of an entity that is no longer at its path. They find the new entity
+// when they connect again.
 class VEL_API AttrLogServer {
 public:
     explicit AttrLogServer(Ptr<Entity> root, AttrLogSource::Options const& options = AttrLogSource::Options());
     ~AttrLogServer();
 
-    // As a source's; must not outlive the server. `admission` is asked when a hello is about to be answered: a text
-    // refuses the reader, who is told.
+    // Returns the server's side of a new connection, which must not outlive the server. `mayWrite` is as for a source.
+    // `admission` is called before a hello is answered; if it returns a text, the reader is refused with that text.
     std::unique_ptr<StreamPeer> newReader(bool mayWrite = true, std::function<String()> admission = nullptr);
-    // What readers of the path share; null: there is no entity. Checks all paths first, as every reader's hello does.
-    // Lasts until a check finds another entity, or none, at the path, or nobody who reads it.
+    // Returns the source that the readers of the path share, or null if no entity is there. Checks all paths first, as
+    // each hello does. The source lasts until a check finds that another entity or none is at the path, or that the
+    // source has no readers.
     AttrLogSource* source(String const& path);
-    // Destroys the sources that are not at their paths any more, so that their readers are closing, and those without
-    // readers; one that a reader is writing to only at a later check. Looks up one path for each source.
+    // Destroys each source whose entity is no longer at its path; its readers are refused. Also destroys sources
+    // without readers. While a reader is writing to a source, the source stays until a later check. Looks up at most
+    // one path for each source.
     void checkPaths() { checkPathsBut(std::nullopt); }
     std::size_t sources() const { return sources_.size(); }
-    std::size_t backlog() const;  // the largest of its sources'
-    U64 coalesced() const;        // by all sources that it has had
+    std::size_t backlog() const;  // bytes; the largest backlog of a source
+    U64 coalesced() const;        // by all sources that the server has had
 
 private:
     Ptr<Entity> entityAt(std::string const& path) const;
@@ -44,7 +48,7 @@ private:
     Ptr<Entity> root_;
     AttrLogSource::Options options_;
     std::shared_ptr<StreamDemuxer> demuxer_;
-    std::map<std::string, std::unique_ptr<AttrLogSource>> sources_;  // by path, without needless separators
+    std::map<std::string, std::unique_ptr<AttrLogSource>> sources_;  // by path, with one separator between names
 };
 
 }  // namespace Vel

@@ -11,16 +11,16 @@
 
 namespace Vel::NboAttrLog {
 
-// What one reader still has to be sent of one entity: a flag for each attribute, the keys that have changed, and how
-// far a collection is that is sent as a whole. Values are read when they are sent, so changes that come faster than the
-// reader takes them leave one flag.
+// What one reader still has to be sent of one entity: a flag for each attribute, the keys that have changed, and a
+// bookmark in the collection that is being listed. Values are read when they are sent, so an attribute has one flag
+// even if it changes faster than the reader takes the changes.
 class VEL_API FlowOut {
 public:
     static constexpr AttributeId fromStart = 0;
-    static constexpr AttributeId fromEnd = ~AttributeId(0);  // nothing to send yet
+    static constexpr AttributeId fromEnd = ~AttributeId(0);  // nothing is flagged
 
-    // (Re)synchronises from the attribute `from`: values and pointers from there on are dirty, and collections before
-    // it have synced.
+    // Flags the attributes from `from` on: these values and pointers are dirty, and these collections have not synced.
+    // Collections before them have synced.
     FlowOut(StreamTable const& table, AttributeId from);
     FlowOut(FlowOut const&) = delete;
     FlowOut& operator=(FlowOut const&) = delete;
@@ -28,23 +28,24 @@ public:
 
     StreamTable const& table() const { return table_; }
 
-    // Of values and pointers. The setter says whether the flag has changed.
+    // For values and pointers. The setter returns whether the flag has changed.
     bool velIsDirty(AttributeId id) const { return flag(id) && !isCollection(id); }
     bool velIsDirtyIs(AttributeId id, bool dirty) { return flagIs(id, dirty); }
-    // Of collections: all keys that there were have been sent.
+    // For collections: whether all keys have been listed, that is, sent at least once.
     bool velHasSynced(AttributeId id) const { return !flag(id) && isCollection(id); }
     void velHasSyncedIs(AttributeId id, bool synced) { flagIs(id, !synced); }
-    // Of a collection that the reader has, or has in part: it is sent anew, and what does not come then is not there.
+    // For a collection of which the reader has all or a part: whether all its keys are sent again. Keys that are not
+    // sent then have gone. Setting it drops the flags of the keys.
     bool velComesAgain(AttributeId id) const;
     void velComesAgainIs(AttributeId id, bool on);
     bool isClean() const { return flagged_ == 0 && !velHasDirtyKeys(); }
 
-    // Where to go on. While that is a collection, the bookmark has its keys that are left.
+    // The attribute at which to resume. If it is a collection, the bookmark has its keys that are left.
     AttributeId resumeId() const { return resumeId_; }
     void resumeIdIs(AttributeId id) { resumeId_ = id; }
     Bookmark* bookmark() const { return bookmark_.get(); }
     void bookmarkIs(std::unique_ptr<Bookmark> bookmark) { bookmark_ = std::move(bookmark); }
-    // Forgets where to go on; the bookmark goes only if the flow stopped within a collection.
+    // Resets resumeId(). Drops the bookmark too if resumeId() was a collection.
     void velResyncStateDel();
 
     // --- keys, each as its encoding ---
@@ -52,20 +53,21 @@ public:
     virtual bool velHasDirtyKeys() const;
     virtual bool velHasDirtyKeys(AttributeId id) const;
     virtual bool velKeyIsDirty(AttributeId id, std::string_view key) const;
-    // Flags the key; `ephemeral`: its member has gone and another come meanwhile, so that the deletion is sent before
-    // the key. Whether the key was clean.
+    // Flags the key, and returns whether it was clean. `ephemeral` says that its member has gone and another one has
+    // come, so that the deletion is sent before the key.
     virtual bool velKeyIsDirtyIs(AttributeId id, std::string_view key, bool ephemeral);
     struct DirtyKey {
         std::string key;
         bool ephemeral = false;
     };
     virtual void velDirtyKeyDel(AttributeId id, std::string_view key);  // the key need not be flagged
-    virtual DirtyKey velDirtyKeyTake(AttributeId id);  // removes the flag too. REQUIRES: velHasDirtyKeys(id)
+    // Returns a key, and removes its flag. REQUIRES: velHasDirtyKeys(id)
+    virtual DirtyKey velDirtyKeyTake(AttributeId id);
     virtual std::size_t velDirtyKeys(AttributeId id) const;
     virtual void velDirtyKeyDelAll(AttributeId id);
 
-    // Whether there are more flags of keys than `members`, a function, says that the collection has members, and more
-    // than `leastKeys`. Asks again only when there are twice as many flags, since counting may take its time.
+    // Returns whether the collection has more flagged keys than members, and more than `leastKeys`. members() counts
+    // the members. They are counted again only if the flags have doubled, since counting may visit all members.
     static constexpr std::size_t leastKeys = 64;
     template <class F> bool velHasTooManyKeys(AttributeId id, F members) {
         std::size_t const keys = velDirtyKeys(id);
@@ -82,9 +84,9 @@ private:
     std::size_t counted(AttributeId id) const;
     void countedIs(AttributeId id, std::size_t keys);
 
-    // What few collections have.
+    // What only few collections need.
     struct Bound {
-        std::size_t counted = 0;  // flags up to which the members need not be counted
+        std::size_t counted = 0;  // number of flags up to which the members are not counted
         bool comesAgain = false;
     };
     StreamTable const& table_;
@@ -92,7 +94,7 @@ private:
     std::size_t flagged_ = 0;
     std::vector<bool> flags_;  // of a value or pointer: dirty; of a collection: not synced
     std::unique_ptr<Bookmark> bookmark_;
-    std::map<AttributeId, std::map<std::string, bool, std::less<>>> keys_;  // and whether they are ephemeral
+    std::map<AttributeId, std::map<std::string, bool, std::less<>>> keys_;  // the flagged keys; true: ephemeral
     std::unique_ptr<std::map<AttributeId, Bound>> bounds_;
 };
 

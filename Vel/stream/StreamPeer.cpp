@@ -15,8 +15,8 @@ using NboAttrLog::Out;
 namespace {
 
 constexpr std::size_t answerSize = 6;       // bytes of a pong
-constexpr std::size_t longestError = 1024;  // bytes; may name several things that a peer has named
-constexpr std::size_t roomKept = 4096;      // bytes, between messages
+constexpr std::size_t longestError = 1024;  // bytes; an error may quote several texts of a peer
+constexpr std::size_t roomKept = 4096;      // bytes of memory that pending_ keeps between messages
 
 void needEnd(In const& body) {
     if (body.left() != 0) throw StreamException("a message with bytes behind its end", body.offset());
@@ -54,7 +54,7 @@ void StreamPeer::outputTaken(std::size_t count) {
 void StreamPeer::input(std::span<U8 const> bytes) {
     if (closing_ || bytes.empty()) return;
     try {
-        // Completes the one message first, so that what follows need not be copied.
+        // Completes the message that has begun first, so that the bytes after it need not be copied.
         while (!bytes.empty() && !closing_ && !pending_.empty()) completeMessage(bytes);
         if (bytes.empty() || closing_) return;
         pendingIs(bytes.subspan(inputFrames(bytes)));
@@ -67,8 +67,8 @@ void StreamPeer::input(std::span<U8 const> bytes) {
     }
 }
 
-// Takes from the front what the message that has begun still needs. Room grows with what has come, and not beyond what
-// the message needs.
+// Moves the bytes that the message still needs from the front of `bytes` to pending_. Its memory grows with the bytes
+// that have come, and not beyond what the message needs.
 void StreamPeer::completeMessage(std::span<U8 const>& bytes) {
     auto const head = NboAttrLog::messageLength(pending_);
     std::size_t const need = head.size == 0 ? pending_.size() + 1 : head.size + head.length;
@@ -80,14 +80,14 @@ void StreamPeer::completeMessage(std::span<U8 const>& bytes) {
     if (inputFrames(pending_) != 0) pendingIs({});
 }
 
-// A large message leaves no large room behind.
+// Keeps the beginning of a message. Frees the memory of a large message before.
 void StreamPeer::pendingIs(std::span<U8 const> bytes) {
     if (closing_) return;
     if (pending_.capacity() > std::max(roomKept, bytes.size())) std::vector<U8>().swap(pending_);
     pending_.assign(bytes.begin(), bytes.end());
 }
 
-// The bytes of the whole messages at the front, which have been taken in.
+// Handles the complete messages at the front, and returns how many bytes they have.
 std::size_t StreamPeer::inputFrames(std::span<U8 const> bytes) {
     std::size_t used = 0;
     while (!closing_) {
@@ -98,7 +98,7 @@ std::size_t StreamPeer::inputFrames(std::span<U8 const> bytes) {
         if (length > most) {
             bool const isHello =
                 bytes.size() - used > size && bytes[used + size] == static_cast<U8>(MessageKind::hello);
-            if (isHello && !isGreeted_) {  // and may be meant well, so that its sender should know
+            if (isHello && !isGreeted_) {  // the sender may mean well, so it is told why
                 refuse(format("a hello of %lu bytes, where the server takes at most %zu", length, most));
                 break;
             }
@@ -141,7 +141,7 @@ void StreamPeer::inputMessage(std::span<U8 const> message) {
     ++messagesIn_;
 }
 
-// All answers that are not taken count, wherever they wait.
+// All answers that are not sent count, in control_ as in out_.
 void StreamPeer::answerPing(U32 token) {
     if (answers_ + answerSize > limits_.answers)
         throw StreamException("pings come faster than their answers are taken", 0);

@@ -6,7 +6,8 @@ namespace Vel::NboAttrLog {
 
 namespace {
 
-// Chunks kept for use again: as many as are held when readers fall behind as far as they may, and catch up at once.
+// How many dropped chunks are kept for use again: about as many as a full log has. They are dropped together if all
+// readers catch up at once.
 constexpr std::size_t mostFree = 16;
 
 }  // namespace
@@ -17,7 +18,7 @@ AttrLog::~AttrLog() = default;
 Out& AttrLog::room(std::size_t size) {
     Out& last = *chunks_.back();
     if (last.size() == 0) {
-        last.reserve(std::max(size, chunkSize_));  // a log that nobody writes costs nothing
+        last.reserve(std::max(size, chunkSize_));  // not reserved before, so that an empty log takes no memory
         return last;
     }
     if (last.capacity() - last.size() >= size) return last;

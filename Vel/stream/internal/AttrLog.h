@@ -7,7 +7,7 @@
 
 namespace Vel::NboAttrLog {
 
-// Messages that many readers share: each is encoded once, into chunks that stay until every reader is past them.
+// Messages that many readers share. Each is encoded once, into a chunk. A chunk stays until all readers are past it.
 class VEL_API AttrLog final : public OutSm {
 public:
     explicit AttrLog(std::size_t chunkSize);  // bytes; a longer message has a chunk of its own
@@ -25,16 +25,17 @@ public:
     Position head() const { return {firstChunk_ + chunks_.size() - 1, chunks_.back()->size()}; }
     Position tail() const { return {firstChunk_, 0}; }
     std::size_t size() const { return size_; }  // bytes held
-    std::size_t sizeFrom(Position at) const;    // bytes behind it. REQUIRES: tail() <= at <= head()
-    // Bytes that lie in one piece from there on, at most `limit`; empty at the head. Moves `at` over a chunk's end.
-    // REQUIRES: tail() <= at <= head()
+    std::size_t sizeFrom(Position at) const;    // bytes from `at` to the head. REQUIRES: tail() <= at <= head()
+    // Returns bytes from `at` on that lie in one chunk, at most `limit`. The result is empty at the head only. If `at`
+    // is at the end of a chunk, moves it to the next one. REQUIRES: tail() <= at <= head()
     std::span<U8 const> read(Position& at, std::size_t limit) const;
-    std::shared_ptr<Out const> chunk(Position at) const { return chunks_[at.chunk - firstChunk_]; }  // keeps its bytes
-    // Drops whole chunks in front of `before`. Their memory is used again when nobody keeps it.
+    // The chunk in which `at` is. Its bytes stay while it is held.
+    std::shared_ptr<Out const> chunk(Position at) const { return chunks_[at.chunk - firstChunk_]; }
+    // Drops the chunks before the one in which `before` is. The memory of a chunk that nobody holds may be used again.
     void drop(Position before);
 
-    // Calls rest(bytes) for what is left of the message that `from` stands in, if it stands in one, then
-    // message(bytes) for each whole message up to the head: its kind and body.
+    // If `from` is within a message, calls rest(bytes) with the rest of that message. Then calls message(bytes) for
+    // each whole message up to the head, with its kind and body.
     template <class Rest, class Message> void scan(Position from, Rest rest, Message message) const {
         for (U64 c = from.chunk; c < firstChunk_ + chunks_.size(); ++c) {
             auto const bytes = chunks_[c - firstChunk_]->bytes();
@@ -50,7 +51,7 @@ public:
         }
     }
 
-    U64 messages() const { return messages_; }  // ever
+    U64 messages() const { return messages_; }  // number of messages so far
 
 private:
     Out& room(std::size_t size) override;
@@ -59,9 +60,9 @@ private:
         messages_ += messages;
     }
 
-    // Never empty: the head is in the last one. Messages do not cross chunks.
+    // There is always a chunk, since the head is in the last one. No message crosses the end of a chunk.
     std::size_t chunkSize_;
-    std::vector<std::shared_ptr<Out>> chunks_;  // not many, and a deque would allocate as it moves on
+    std::vector<std::shared_ptr<Out>> chunks_;  // there are few, and a deque allocates as it moves on
     std::vector<std::shared_ptr<Out>> free_;
     U64 firstChunk_ = 0;
     std::size_t size_ = 0;

@@ -40,7 +40,7 @@ void AttrLogReader::closed(String const& reason) {
 
 void AttrLogReader::leaveSource(String const& reason) {
     finishLogMessage();
-    refuse(reason);  // before it leaves, to wake the transport only if it has not been
+    refuse(reason);  // before leave(), while wantsOutput() says whether the transport knows already
     leave();
 }
 
@@ -91,7 +91,8 @@ void AttrLogReader::hello(In& body) {
 
 namespace {
 
-// Calls f(module) for the modules of all types that make up what is sent of this one.
+// Calls f(part) for the type, its bases, and the types of the values and keys that are sent of it, each once, until f
+// returns false. Returns whether f never did.
 template <class F> bool eachModule(VelType type, std::vector<VelType>& seen, F const& f) {
     for (; type; type = type.base()) {
         if (std::find(seen.begin(), seen.end(), type) != seen.end()) return true;
@@ -159,7 +160,7 @@ std::span<U8 const> AttrLogReader::output(std::size_t limit) {
     return isLive_ ? outputOfLog(limit) : StreamPeer::output(limit);
 }
 
-// Answers to pings come first, and state behind them: a reader that pings without pause gets both.
+// Answers to pings are sent before state, so a reader that pings without pause gets both.
 void AttrLogReader::outputCatchingUp(std::size_t limit) {
     takeControl();
     room_ = limit;
@@ -169,10 +170,10 @@ void AttrLogReader::outputCatchingUp(std::size_t limit) {
     } catch (StreamRefusal const& refusal) {
         refuse(refusal);
     }
-    if (source_ && !isLive_ && !StreamPeer::wantsOutput()) wake();  // there was nothing to say of so many
+    if (source_ && !isLive_ && !StreamPeer::wantsOutput()) wake();  // this turn gave no message, the next may
 }
 
-// Answers and what the log has take turns, for the same reason.
+// Answers to pings and bytes of the log take turns, for the same reason.
 std::span<U8 const> AttrLogReader::outputOfLog(std::size_t limit) {
     bool const isLogsTurn = std::exchange(isLogsTurn_, false) && position_ != source_->log().head();
     if (out_.size() == 0 && hasControl() && !isLogsTurn) {
@@ -200,11 +201,11 @@ void AttrLogReader::outputTaken(std::size_t count) {
     position_.offset += count;
 }
 
-// Sends of what is flagged as much as there is room for; when nothing is left, the reader goes on with the log.
+// Sends flagged state while there is room. When nothing is left, the reader goes on with the log.
 void AttrLogReader::catchUp() {
     while (isOkToSerialize()) {
         if (!isAnnounced(*source_->adapter(source_->root()))) announce(*source_->adapter(source_->root()), {});
-        // Those that have gone for ever are told of last, but where more would wait than there are entities.
+        // Entities that have gone for ever are sent last, unless there are over 64 more of them than of existing ones.
         if (!goneFirst_.empty()) {
             sendGone(goneFirst_);
             continue;
@@ -215,7 +216,7 @@ void AttrLogReader::catchUp() {
         }
         continueFlowOut();
         if (hasWaiting()) continue;
-        // What is in the view and can't be reached just now may be reached again.
+        // An entity of the view that cannot be reached at the moment may be reached again, so it is announced.
         U32 const slot = source_->members().firstNotIn(announced());
         if (slot != NboAttrLog::SlotSet::none) {
             announce(*source_->demuxer().adapterAt(slot), {});
@@ -248,7 +249,7 @@ void AttrLogReader::ownOutstanding() {
     outstanding_ = 0;
 }
 
-// Before anything else is sent: moves the rest of a half-sent log message to out_.
+// Copies the rest of a half-sent log message to out_. Called before anything else is sent.
 void AttrLogReader::finishLogMessage() {
     if (!isLive_) return;
     ownOutstanding();
@@ -279,8 +280,9 @@ template <class F> void AttrLogReader::eachUnread(F f) const {
         position_, [](std::span<U8 const>) {}, f);
 }
 
-// The reader does not know what was announced, and does know what has gone. An entity may have gone and come back, or
-// come and gone and come back: what happened to it first says whether the reader knows it from before.
+// The reader was given the knowledge of live readers. It has not read of entities that were announced in messages that
+// it did not read, and still knows those that have gone in them. An entity may have been announced and have gone
+// several times there: the first of these messages says whether the reader knows it from before.
 void AttrLogReader::knowNothingUnread() {
     std::unordered_set<EntityId> seen;
     eachUnread([&](std::span<U8 const> message) {
@@ -297,7 +299,7 @@ void AttrLogReader::knowNothingUnread() {
     });
 }
 
-// Flags what a message says that the reader has not read.
+// Flags what a message changes. The reader has not read the message.
 void AttrLogReader::flagMessage(std::span<U8 const> message) {
     In in(message.subspan(1));
     auto const kind = static_cast<MessageKind>(message[0]);
@@ -306,7 +308,7 @@ void AttrLogReader::flagMessage(std::span<U8 const> message) {
     if (kind == MessageKind::gone) return;
     if (kind == MessageKind::announce) {
         nextCompact(in);
-        id = nextCompact(in);  // the one whose collection it came with
+        id = nextCompact(in);  // the entity at whose attribute it was announced, or 0
         if (id == 0) return;
     }
     auto* const adapter = source_->adapter(id);
@@ -320,7 +322,8 @@ void AttrLogReader::flagMessage(std::span<U8 const> message) {
     U8 const* const key = in.data();
     attribute->skipKey(in);
     std::string_view const view(reinterpret_cast<char const*>(key), static_cast<std::size_t>(in.data() - key));
-    // What moved into the collection is not there yet, also where the collection is new and will be sent as a whole.
+    // In the copy, a member that moved into the collection is not there yet. That also counts if the collection is new
+    // and will be sent as a whole.
     if (kind == MessageKind::keySet && attribute->kind == StreamKind::instances)
         if (auto* const member = source_->adapter(nextCompact(in))) notInstantiated(*member);
     source_->demuxer().changeCounted(

@@ -12,14 +12,15 @@
 
 namespace Vel {
 
-// A source's side of one connection. It waits for a hello, then catches up, then reads the log.
+// The source's side of one connection. It waits for a hello, then sends the state, then sends the log.
 class VEL_API AttrLogReader final : public StreamPeer, public NboAttrLog::FlowConnection {
 public:
     using Finder = std::function<AttrLogSource::Impl*(String const& path)>;
     using Admission = std::function<String()>;
 
-    // `finder` gives the source for the path that the reader asks for, or null. `mayWrite`: if the source lets anybody.
-    // `admission` is asked before a hello is answered: a text refuses the reader.
+    // `finder` returns the source for the path that the reader asks for, or null. With `mayWrite`, the reader may
+    // change values if the source's options allow it. `admission` is called before a hello is answered; if it returns a
+    // text, the reader is refused with that text.
     AttrLogReader(Finder finder, StreamLimits const& limits, bool mayWrite, Admission admission = nullptr);
     ~AttrLogReader() override;
 
@@ -31,20 +32,20 @@ public:
 
     bool isLive() const { return isLive_; }
     NboAttrLog::AttrLog::Position position() const { return position_; }
-    void toldToCatchUp();  // it has fallen too far behind, and is not live any more
+    void toldToCatchUp();  // called when the reader has fallen too far behind; it is not live any more then
     U64 timesBehind() const { return timesBehind_; }
-    void leaveSource(String const& reason);   // closing, with this error
-    void refuseLater(StreamRefusal refusal);  // at the next output
-    // Why it can't be told of this type; empty when it can.
+    void leaveSource(String const& reason);   // refuses the reader with this error
+    void refuseLater(StreamRefusal refusal);  // refuses the reader at the next output()
+    // Returns why the reader cannot be sent this type. The text is empty if it can.
     StreamRefusal refusalFor(VelType type) const;
     void entityHasGone(EntityId id, bool mayReturn) override { (mayReturn ? goneFirst_ : gone_).push_back(id); }
-    void wakeUp() {  // it awaited a change, and there is one
+    void wakeUp() {  // called when the reader waits for a change, and there is one
         isAwaiting_ = false;
         wake();
     }
 
-    // What one output() does at most while the reader catches up, in messages and in entities that are done with, so
-    // that others have their turn after a millisecond or two.
+    // How many steps one output() takes at most while the reader catches up, so that other readers have their turn
+    // after a millisecond or two. A step is a message, an entity that is done with, or a key that needs no message.
     static constexpr U64 mostSteps = 1024;
 
 private:
@@ -63,27 +64,27 @@ private:
     void finishLogMessage();
     void ownOutstanding();
     void leave();
-    template <class F> void eachUnread(F f) const;  // f(message) for each whole one of the log
+    template <class F> void eachUnread(F f) const;  // calls f(message) for each whole message not sent
     void knowNothingUnread();
     void flagMessage(std::span<U8 const> message);
 
     Finder finder_;
     Admission admission_;
     AttrLogSource::Impl* source_ = nullptr;
-    std::unordered_map<std::string, U64, TableHasher> modules_;  // the reader's, with fingerprints
-    std::vector<EntityId> gone_;                                 // to be told when all else is sent
-    std::vector<EntityId> goneFirst_;                            // to be told at once, since they may come back
-    std::shared_ptr<NboAttrLog::Out const> kept_;                // the chunk that the last output stands in
+    std::unordered_map<std::string, U64, TableHasher> modules_;  // of the reader: fingerprints by name
+    std::vector<EntityId> gone_;                                 // sent after all else
+    std::vector<EntityId> goneFirst_;              // sent before all else, since these entities may come back
+    std::shared_ptr<NboAttrLog::Out const> kept_;  // the chunk with the last output
     NboAttrLog::AttrLog::Position position_;
     StreamRefusal refusal_;
     std::size_t modulesHeld_ = 0;  // bytes of modules_
     std::size_t room_ = 0;
-    U64 lastStep_ = 0;             // before which the output() that is under way stops
+    U64 lastStep_ = 0;             // the output() that is running stops there
     std::size_t outstanding_ = 0;  // bytes of the log that the last output() gave and that were not taken
-    U64 timesBehind_ = 0;          // so often it was told to catch up
+    U64 timesBehind_ = 0;          // how often it was told to catch up
     bool isLive_ = false;
     bool isAwaiting_ = false;
-    bool isLogsTurn_ = false;  // the last output() was its own
+    bool isLogsTurn_ = false;  // the last output() gave bytes of out_, so the log is next
     bool mayWrite_;
 };
 

@@ -140,7 +140,7 @@ void AttrLogReplica::Impl::value(In& body) {
     attribute->targetIs(*keep, pointee);
 }
 
-// An entity's collection, and the key, which the message goes on behind.
+// Reads a place: an entity, its attribute, and for a collection the key. The rest of the message is left in `body`.
 ReplicaPlace AttrLogReplica::Impl::place(In& body) {
     ReplicaPlace place;
     place.id = nextCompact(body);
@@ -181,7 +181,7 @@ void AttrLogReplica::Impl::announce(In& body) {
     }
     entities_.needRoom(ReplicaSize::ofNew(type, name.length()) + ReplicaSize::keyCost + place.key.size());
     bool isNew = false;
-    if (rootId_ == 0) {  // what is announced first is in no place, since no entity is known
+    if (rootId_ == 0) {  // the first one has no place, since no entity is known yet
         bind(id, rootOf(type, isNew), isNew);
         rootId_ = id;
     } else {
@@ -207,8 +207,9 @@ Ptr<Entity> AttrLogReplica::Impl::rootOf(VelType type, bool& isNew) {
     return root_ = parent_->createEntity(type, name_);
 }
 
-// The entity that is there already, in the same place and of the same type, or a new one. One that has an id already is
-// another one: the source has deleted that and made this.
+// Returns the entity that is at the place already, or a new one. An existing entity is kept only before the sync mark,
+// and if it has the same type and name. If it has an id already, it is another entity: the source has deleted that one
+// and made this one.
 Ptr<Entity> AttrLogReplica::Impl::announced(VelType type, ReplicaPlace const& place, String const& name, bool& isNew) {
     bool const instantiated = place.attribute && place.attribute->kind == StreamKind::instances;
     Ptr<Entity> const there = place.attribute ? place.there() : nullptr;
@@ -225,8 +226,8 @@ Ptr<Entity> AttrLogReplica::Impl::announced(VelType type, ReplicaPlace const& pl
     return nesting_.loosen(there.get(), [&] { return instantiate(type, place, name, there.get()); });
 }
 
-// A new member of a collection that makes its members. One that takes the place of another is put there as a whole, so
-// that observers are told once.
+// Makes a new member of a collection that makes its members. It replaces an old one in one step if the collection can
+// do that, so that observers are notified once.
 Ptr<Entity> AttrLogReplica::Impl::instantiate(
     VelType type, ReplicaPlace const& place, String const& name, Entity* there) {
     StreamAttribute const& attribute = *place.attribute;
@@ -244,7 +245,8 @@ Ptr<Entity> AttrLogReplica::Impl::instantiate(
     return made;
 }
 
-// What is there already is to be mentioned, or has gone.
+// Gives an entity its id. The keys of an entity that existed before are noted: those that the source does not mention
+// have gone.
 void AttrLogReplica::Impl::bind(EntityId id, Ptr<Entity> entity, bool isNew) {
     if (isNew) return entities_.addNew(id, std::move(entity));
     StreamAttribute const* last = nullptr;
@@ -272,7 +274,7 @@ ReplicaPlace AttrLogReplica::Impl::collection(In& body) {
 
 void AttrLogReplica::Impl::keysAgain(In& body) { unmentioned_.beginAgain(collection(body)); }
 
-// What has gone goes now, or at the sync mark if that is still to come.
+// Deletes the members that did not come again, now or at the sync mark if that is still to come.
 void AttrLogReplica::Impl::keysEnd(In& body) {
     ReplicaPlace const place = collection(body);
     if (!unmentioned_.comesAgain(place)) throw StreamException("the end of keys that did not come again", 0);
@@ -295,7 +297,7 @@ void AttrLogReplica::Impl::delUnmentioned(EntityId id, AttributeId attribute, Un
     }
 }
 
-// The source has said what is there now.
+// Called when the source has said what is at the place now.
 void AttrLogReplica::Impl::told(ReplicaPlace const& place, bool isThere) {
     unmentioned_.mentioned(place, isThere);
     nesting_.told(place);

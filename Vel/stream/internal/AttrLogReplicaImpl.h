@@ -10,10 +10,10 @@
 
 namespace Vel {
 
-// What the messages of a source do to a copy.
+// Applies the messages of a source to a copy.
 class AttrLogReplica::Impl {
 public:
-    Impl(Ptr<Entity> root, Ptr<Dir> parent, String name, StreamLimits const& limits);  // which must outlive it
+    Impl(Ptr<Entity> root, Ptr<Dir> parent, String name, StreamLimits const& limits);  // the limits must outlive it
 
     State state() const { return state_; }
     void onStateIs(std::function<void(State)> told) { onState_ = std::move(told); }
@@ -21,8 +21,8 @@ public:
     bool mayWrite() const { return mayWrite_; }
     ReplicaEntities const& entities() const { return entities_; }
 
-    void connected();     // a source is there, of which nothing is known
-    void disconnected();  // it is gone
+    void connected();     // called for a new connection, of which nothing is known yet
+    void disconnected();  // called when the connection has ended
     void handleMessage(NboAttrLog::MessageKind kind, NboAttrLog::In& body);
 
 private:

@@ -13,7 +13,7 @@ using NboAttrLog::OutSm;
 
 namespace {
 
-// Readers that are behind are looked for when a chunk is full.
+// When a chunk is full, trimLog() looks for readers that are behind.
 std::size_t chunkSizeOf(AttrLogSource::Options const& options) {
     return options.chunkSize != 0 ? options.chunkSize : std::clamp<std::size_t>(options.logSize / 16, 256, 64u << 10);
 }
@@ -50,7 +50,7 @@ void AttrLogSource::Impl::clear() {
     StreamView::clear();
 }
 
-// The reader is up to date. If it is the first live one, what it was told becomes what live_ knows.
+// Called when the reader is up to date. If it is the first live one, what it was told becomes what live_ knows.
 void AttrLogSource::Impl::goLive(AttrLogReader& reader) {
     if (liveReaders_++ == 0) {
         live_.knowledgeIs(reader);
@@ -72,7 +72,7 @@ void AttrLogSource::Impl::leaveLive(AttrLogReader& reader, bool catchesUp) {
 
 void AttrLogSource::Impl::awaits(AttrLogReader& reader) {
     awaiting_.push_back(&reader);
-    lastMessages_ = log_.messages();  // it has all of these
+    lastMessages_ = log_.messages();  // the reader has all of these
     demuxer().lookAfterLogs();
 }
 
@@ -106,7 +106,7 @@ void AttrLogSource::Impl::changesAreWritten() {
 
 void AttrLogSource::Impl::wakeAwaiting() {
     waking_.clear();
-    waking_.swap(awaiting_);  // both keep their room
+    waking_.swap(awaiting_);  // both keep their memory
     for (AttrLogReader* const reader : waking_) reader->wakeUp();
 }
 
@@ -142,7 +142,8 @@ void AttrLogSource::Impl::write(EntityId id, AttributeId attribute, In& value, b
     adapter->writeFromRemote(attribute, value);
 }
 
-// Drops what every reader has read. A reader that holds more back than may be has to catch up instead.
+// Drops the chunks that all live readers have read. If the log is too long then, the slowest reader has to catch up,
+// and so on.
 void AttrLogSource::Impl::trimLog() {
     if (liveReaders_ == 0) return;
     lastChunk_ = log_.head().chunk;

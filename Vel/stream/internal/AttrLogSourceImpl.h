@@ -11,8 +11,8 @@ namespace Vel {
 
 class AttrLogReader;
 
-// A source: a view, the log that its live readers share, and its readers. Sources may share a demuxer: then what they
-// have in common is observed once, and where their messages are the same they are encoded once, too.
+// A source: a view, its readers, and the log that its live readers share. Sources may share a demuxer. Then an entity
+// that several of them have is observed once, and a message that is the same for them is encoded once.
 class VEL_API AttrLogSource::Impl final : public StreamView {
 public:
     Impl(std::shared_ptr<StreamDemuxer> demuxer, Ptr<Entity> root, Options const& options);
@@ -33,12 +33,12 @@ public:
     void detach(AttrLogReader& reader);
     void goLive(AttrLogReader& reader);
     void leaveLive(AttrLogReader& reader, bool catchesUp);
-    void awaits(AttrLogReader& reader);  // wants to be woken at the next change
+    void awaits(AttrLogReader& reader);  // the reader wants to be woken at the next change
     NboAttrLog::FlowConnection const& live() const { return live_; }
-    // Applies a reader's change, or throws ReadOnlyException when it is not `allowed`. What is not in the view is left
-    // as it is: it has gone and the reader has not heard of it yet, or the reader knows nothing of it.
+    // Applies a reader's change. Throws ReadOnlyException if it is not `allowed`. Ignores an id that is not in the
+    // view: the entity has gone and the reader has not heard of that yet, or the reader was never told of it.
     void write(EntityId id, AttributeId attribute, NboAttrLog::In& value, bool allowed);
-    bool isBeingWritten() const { return writes_ != 0; }  // the source must stay until the change is applied
+    bool isBeingWritten() const { return writes_ != 0; }  // then the source must stay
 
 private:
     class Live final : public NboAttrLog::FlowConnection {
@@ -57,7 +57,7 @@ private:
         Impl& source_;
     };
 
-    void clear() override;  // all readers are closing
+    void clear() override;  // refuses all readers
     void changesAreWritten();
     void refuseThoseWithout(VelType type);
     void wakeAwaiting();
@@ -68,11 +68,11 @@ private:
     Live live_;
     std::vector<AttrLogReader*> readers_;
     std::vector<AttrLogReader*> awaiting_;
-    std::vector<AttrLogReader*> waking_;  // those of them that are being woken
+    std::vector<AttrLogReader*> waking_;  // readers that are being woken
     std::size_t liveReaders_ = 0;
-    unsigned writes_ = 0;  // under way: an observer may run the transport, which looks after other readers
+    unsigned writes_ = 0;  // changes being applied; an observer may run the transport, which brings others
     U64 lastChunk_ = 0;
-    U64 lastMessages_ = 0;  // of the log, when they were last looked after
+    U64 lastMessages_ = 0;  // of the log, when waiting readers were last up to date or woken
 };
 
 }  // namespace Vel

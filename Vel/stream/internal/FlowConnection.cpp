@@ -44,8 +44,9 @@ FlowOut& FlowConnection::flowIs(Adapter const& adapter, AttributeId from) {
     return *flow;
 }
 
-// Those that have gone, or stand there twice since they came back, are looked for when they may be half of all: where
-// the one in front is never done, since it changes faster than it is sent, they would grow more and more.
+// Adds the entity to waiting_. Entities that have gone, or that are there twice since they came back, are removed when
+// they may be half of all. Else waiting_ would grow for ever behind an entity that changes faster than it is sent, and
+// so is never done.
 void FlowConnection::wait(Adapter const& adapter) {
     if (waiting_.size() > 64 && waiting_.size() > 2 * view_->entities()) {
         SlotSet seen;
@@ -64,7 +65,7 @@ void FlowConnection::continueFlowOut() {
         Adapter* const adapter = view_->adapter(waiting_.front());
         FlowOut* flow = adapter ? this->flow(*adapter) : nullptr;
         if (!flow && adapter && isNotBegun(*adapter)) flow = &flowIs(*adapter, FlowOut::fromStart);
-        if (!flow) {  // gone meanwhile, or come back and sent
+        if (!flow) {  // it has gone, or has come back and was sent already
             waiting_.pop_front();
             continue;
         }
@@ -74,7 +75,7 @@ void FlowConnection::continueFlowOut() {
             return;
         }
         flow->velResyncStateDel();
-        if (!flow->isClean()) continue;  // something changed that the flow was past already
+        if (!flow->isClean()) continue;  // something that the flow had passed was flagged again
         flows_.erase(adapter->slot());
         waiting_.pop_front();
         ++flowed_;
@@ -85,7 +86,7 @@ void FlowConnection::continueFlowOut() {
 
 Adapter* FlowConnection::adapterOf(Entity* entity) { return entity ? view_->adapterIs(*entity) : nullptr; }
 
-// The collection that makes the entity, if its owner has been announced; else where it is referred to.
+// Returns the place in the collection that makes the entity, if its owner has been announced. Else returns `via`.
 FlowConnection::Via FlowConnection::ownerOf(Entity& entity, Via const& via) {
     Entity* const parent = entity.parent();
     Adapter* const owner = parent ? view_->demuxer().adapter(*parent) : nullptr;
@@ -125,9 +126,10 @@ void FlowConnection::announce(Adapter& adapter, Via const& via) {
     wait(adapter);
     if (!instantiated) return;
     instantiatedIs(adapter, *via.parent);
-    // The owner's collection has been told of in part: the owner's flow begins, for whoever deletes the member to flag.
+    // A part of the owner's collection has been sent now. So the owner's flow begins, and a deletion of the member is
+    // flagged there.
     if (isNotBegun(*via.parent)) flowIs(*via.parent, FlowOut::fromStart);
-    // And what was flagged of the key has been told.
+    // The announcement also says what is at the key, so the key needs no flag.
     if (FlowOut* const flow = this->flow(*via.parent)) flow->velDirtyKeyDel(via.attribute->id, via.key);
 }
 
@@ -135,7 +137,8 @@ bool FlowConnection::isInstantiatedBy(Adapter const& member, Adapter const& owne
     return instantiated_.has(member.slot()) && member.owner() == owner.id();
 }
 
-// What another connection was told of an earlier owner says nothing of this one.
+// Notes that the member was sent as one of this owner. What other connections were told of an earlier owner is
+// forgotten.
 void FlowConnection::instantiatedIs(Adapter& member, Adapter const& owner) {
     if (member.owner() != owner.id()) {
         StreamDemuxer const& demuxer = view_->demuxer();

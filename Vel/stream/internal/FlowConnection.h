@@ -16,8 +16,8 @@ class StreamView;
 
 namespace Vel::NboAttrLog {
 
-// What is known of those who read one output of a view: which entities and types they have been told of, and what they
-// still have to be sent. Of a reader that catches up this is its own; all that read the log share one.
+// What the readers of one output of a view know: the entities and types that they were told of, and what they still
+// have to be sent. Each reader that catches up has a connection of its own; all live readers of a view share one.
 class VEL_API FlowConnection {
 public:
     explicit FlowConnection(StreamView* view) : view_(view) {}
@@ -27,58 +27,61 @@ public:
 
     virtual OutSm& nboAttrLogOut() = 0;
     virtual bool isOkToSerialize() const = 0;  // the output can take another message
-    virtual void typeIsNeeded(VelType) {}      // about to be told of this type; may throw StreamRefusal
-    // The entity, which the connection was told of, has left the view. `mayReturn`: it is in another one, and so may
-    // come back under its id.
+    virtual void typeIsNeeded(VelType) {}      // called before the type is sent; may throw StreamRefusal
+    // Called when an entity that was announced has left the view. `mayReturn` says that another view still has it, so
+    // that it may come back under its id.
     virtual void entityHasGone(EntityId, bool /*mayReturn*/) {}
-    virtual void changesAreWritten() {}  // to the output, perhaps, while the connection is a live one
+    virtual void changesAreWritten() {}  // called for a live connection when changes may have been written
 
-    // Where an entity is referred to, so that a replica can find the one it may have there already.
+    // The place at which an entity is referred to, so that a replica can find the entity that it may already have
+    // there.
     struct Via {
-        Adapter* parent = nullptr;  // null: it is the root
+        Adapter* parent = nullptr;  // null for the root, and for what cannot be reached
         StreamAttribute const* attribute = nullptr;
         std::string_view key{};  // of a collection
     };
     void announce(Adapter& adapter, Via const& via);
 
-    // The entity's adapter, in the view from now on; null for null and for what cannot be streamed.
-    // REQUIRES: as StreamDemuxer::newAdapter().
+    // Takes the entity into the view, and returns its adapter. Returns null for null, and for an entity that cannot be
+    // streamed. REQUIRES: as StreamDemuxer::newAdapter().
     Adapter* adapterOf(Entity* entity);
-    // What is referred to, null for nothing, is announced before if it was not. REQUIRES: it is in the view.
+    // Sends a pointer to `target`, which may be null. Announces the target before, if it was not announced. REQUIRES:
+    // the target is in the view.
     void sendPtr(Adapter& adapter, StreamAttribute const& attribute, Adapter* target);
-    // `isNew`: the key comes from a bookmark. Its member may have brought it along when it was announced; where there
-    // is none, there is nothing to delete.
+    // Sends the member at the key, or the deletion of the key if `member` is null. `isNew` says that the key comes from
+    // a bookmark. Then no message is needed if the member was announced at this key, nor if there is no member, since
+    // the reader has nothing to delete.
     void sendMember(
         Adapter& adapter, StreamAttribute const& attribute, std::string_view key, Adapter* member, bool isNew);
-    // Looks up what the collection holds at the key, and sends that. REQUIRES: as adapterOf().
+    // Looks up the key in the collection, and sends its value, its member or its deletion. REQUIRES: as adapterOf().
     void sendKey(Adapter& adapter, StreamAttribute const& attribute, std::string_view key, bool isNew);
     void sendKeyDel(Adapter& adapter, StreamAttribute const& attribute, std::string_view key);
     static void writeKeyDel(OutSm& sm, Adapter const& adapter, StreamAttribute const& attribute, std::string_view key);
-    // All keys of the collection come between the two; what did not come by then is not there.
+    // All keys of the collection are sent between these two messages. Keys that were not sent have gone.
     void sendKeysAgain(Adapter& adapter, StreamAttribute const& attribute);
     void sendKeysEnd(Adapter& adapter, StreamAttribute const& attribute);
 
-    // Sends of what is waiting as much as the output takes.
+    // Sends what is flagged of the waiting entities, as much as the output takes.
     void continueFlowOut();
     bool hasWaiting() const { return !waiting_.empty(); }
-    U64 flowed() const { return flowed_; }  // entities that were done with, and keys that said nothing
+    U64 flowed() const { return flowed_; }  // number of entities done with, and of keys without a message
 
     bool isAnnounced(Adapter const& adapter) const { return announced_.has(adapter.slot()); }
     bool isNotBegun(Adapter const& adapter) const { return notBegun_.has(adapter.slot()); }
-    FlowOut* flow(Adapter const& adapter) const;  // null: nothing to send, or not begun
+    FlowOut* flow(Adapter const& adapter) const;  // null: nothing to send, or sending has not begun
     FlowOut& flowIs(Adapter const& adapter, AttributeId from);
     std::size_t flows() const { return flows_.size(); }
-    void forget(Adapter const& adapter, bool mayReturn);  // the entity has left the view; see entityHasGone
+    void forget(Adapter const& adapter, bool mayReturn);  // called when the entity has left the view
     void notInstantiated(Adapter const& adapter) { instantiated_.del(adapter.slot()); }
 
-    // Whoever reads along has been told of everything that `other` was told of.
+    // Takes over what the readers of `other` were told.
     void knowledgeIs(FlowConnection const& other);
     void typeIsTold(U32 index, bool told);
     void tellType(U32 index);
-    void tellTypes();  // all that the view uses
+    void tellTypes();  // all types that the view uses
     SlotSet const& announced() const { return announced_; }
     void unannounce(Adapter const& adapter);
-    void clear();  // and gives the memory back
+    void clear();  // forgets everything, and frees the memory
 
     StreamView& view() const { return *view_; }
 
@@ -96,15 +99,15 @@ private:
 
     bool isWaiting(Adapter const& adapter) const { return isNotBegun(adapter) || flow(adapter); }
 
-    StreamView* view_;  // null until it is known
+    StreamView* view_;  // null until the reader's path is known
     SlotSet announced_;
-    SlotSet notBegun_;      // announced, to be sent as a whole, and no member of its collections has been told of
-    SlotSet instantiated_;  // announced through the collection of its owner (Adapter::owner)
+    SlotSet notBegun_;      // announced, still to be sent as a whole; no member was announced at it
+    SlotSet instantiated_;  // sent as a member of the collection of its owner (Adapter::owner)
     std::vector<bool> typesTold_;
-    std::deque<EntityId> waiting_;                             // not begun, with a flow, or gone; perhaps come back
+    std::deque<EntityId> waiting_;                             // not begun, or with a flow, or gone; twice if come back
     Detail::GradualMap<U32, std::unique_ptr<FlowOut>> flows_;  // by slot
     U64 flowed_ = 0;
-    Out key_;  // of an owner's collection
+    Out key_;  // of the place that ownerOf() has returned
 };
 
 }  // namespace Vel::NboAttrLog

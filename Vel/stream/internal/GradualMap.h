@@ -9,20 +9,21 @@
 
 namespace Vel::Detail {
 
-// A hash map that never takes long: it grows by a few buckets with each insertion, where a table that grows as a
-// whole takes tens of milliseconds at half a million elements. While it grows there are two tables, the larger of
-// which takes what is new; a key is looked for in both. This is the incremental rehashing that Redis has (dict.c). The
-// buckets of a table are on pages, each of which is made when its first element comes and freed when its last bucket
-// has been moved: memory of several MiB is never cleared or given back at once either.
+// A hash map whose insertions never take long. It grows by a few buckets with each insertion; a table that grows at
+// once takes tens of milliseconds at half a million elements. While the map grows it has two tables: new elements go
+// into the larger one, and a key is looked up in both. This is the incremental rehashing that Redis has (dict.c). The
+// buckets of a table are on pages. A page is made when its first element comes, and freed when its last bucket has been
+// moved, so that memory of several MiB is never cleared or freed at once.
 //
-// Keys are numbers or pointers, which nobody outside can choose: they are hashed by a multiplication (Knuth, volume 3,
-// section 6.4). Elements stay where they are until they are erased. Empty it owns nothing.
+// Keys are numbers or pointers that no peer can choose, so they are hashed by a multiplication (Knuth, volume 3,
+// section 6.4). Elements stay where they are until they are erased. A new or cleared map owns no memory.
 //
 // Invariants:
-// 1. A table has a power of two of buckets, each a list of elements. A page that is not there has empty ones.
-// 2. While it grows, buckets of the smaller table below `moved_` are empty.
-// 3. The larger table is twice as large, and each insertion moves two buckets: the smaller is empty before it grows
-//    again.
+// 1. A table has a power of two of buckets, and each bucket is a list of elements. The buckets of a missing page are
+//    empty.
+// 2. While the map grows, the buckets of the smaller table below `moved_` are empty.
+// 3. The larger table is twice as large as the smaller one, and each insertion moves two buckets, so the smaller one is
+//    empty before the map has to grow again.
 template <class Key, class Value> class GradualMap {
 public:
     GradualMap() = default;
@@ -40,7 +41,8 @@ public:
         Element* const found = smaller_.find(key);
         return found ? &found->value : nullptr;
     }
-    // Strong guarantee: what has been moved when memory ends can be found as before. REQUIRES: the key is not there.
+    // Strong guarantee: without memory the map has the same elements as before, some of them perhaps moved. REQUIRES:
+    // the map does not have the key.
     Value& add(Key key, Value value) {
         if (size_ == table_.count()) grow();
         move();
@@ -50,7 +52,7 @@ public:
         ++size_;
         return made->value;
     }
-    bool erase(Key key) {  // destroys the value when the map is in order again; whether it was there
+    bool erase(Key key) {  // returns whether it was there; destroys the value last
         if (size_ == 0) return false;
         Element* found = table_.take(key);
         if (!found && isGrowing()) found = smaller_.take(key);
@@ -59,7 +61,7 @@ public:
         delete found;
         return true;
     }
-    // Takes as long as there are elements, as each() does; destroys the values when the map is empty.
+    // Visits all buckets and elements, as each() does. Destroys the values after the map has become empty.
     void clear() {
         Table old[] = {std::exchange(smaller_, {}), std::exchange(table_, {})};
         size_ = 0;
@@ -72,7 +74,7 @@ public:
             table.free();
         }
     }
-    // Calls f(key, value) for all, in no order. The map may not change meanwhile.
+    // Calls f(key, value) for all elements, in no order. REQUIRES: f does not change the map.
     template <class F> void each(F f) const {
         for (Table const* const table : {&smaller_, &table_})
             for (std::size_t i = 0; i < table->count(); ++i)
@@ -88,10 +90,10 @@ private:
         Element* next;
     };
     struct Table {
-        static constexpr unsigned pageBits = 12;  // log2 of the buckets on a page, of which a small table has fewer
+        static constexpr unsigned pageBits = 12;  // log2 of the buckets on a page; a small table has fewer
 
         Element*** pages = nullptr;
-        unsigned bits = 0;  // log2 of how many buckets
+        unsigned bits = 0;  // log2 of the number of buckets
 
         std::size_t count() const { return pages ? std::size_t(1) << bits : 0; }
         std::size_t pageCount() const { return bits > pageBits ? std::size_t(1) << (bits - pageBits) : 1; }
@@ -104,7 +106,7 @@ private:
                 number = reinterpret_cast<U64>(key);
             return static_cast<std::size_t>(number * 0x9e3779b97f4a7c15u >> (64 - bits));
         }
-        Element** link(std::size_t i) const {  // to the first element of a bucket; null without a page
+        Element** link(std::size_t i) const {  // where a bucket points to its first element; null without a page
             Element** const page = pages[i >> pageBits];
             return page ? &page[i & (pageSize() - 1)] : nullptr;
         }
@@ -125,18 +127,18 @@ private:
             if (element) *at = element->next;
             return element;
         }
-        void makePage(std::size_t i) {  // for a bucket; strong guarantee
+        void makePage(std::size_t i) {  // the page of bucket i; strong guarantee
             if (pages[i >> pageBits]) return;
             auto* const page = static_cast<Element**>(std::calloc(pageSize(), sizeof(Element*)));
             if (!page) throw std::bad_alloc();
             pages[i >> pageBits] = page;
         }
-        void put(Element* element) {  // REQUIRES: the page is there
+        void put(Element* element) {  // REQUIRES: the bucket has a page
             Element*& first = *link(bucketOf(element->key));
             element->next = first;
             first = element;
         }
-        void freePage(std::size_t i) { std::free(std::exchange(pages[i >> pageBits], nullptr)); }  // of a bucket
+        void freePage(std::size_t i) { std::free(std::exchange(pages[i >> pageBits], nullptr)); }  // of bucket i
         void free() {
             if (!pages) return;
             for (std::size_t i = 0; i < pageCount(); ++i) std::free(pages[i]);
@@ -165,7 +167,7 @@ private:
     }
 
     Table table_;
-    Table smaller_;  // what has not moved yet
+    Table smaller_;  // has the elements that have not been moved yet
     std::size_t moved_ = 0, size_ = 0;
 };
 

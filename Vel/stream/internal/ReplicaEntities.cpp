@@ -6,7 +6,7 @@
 
 namespace Vel {
 
-// An entity that the source knows no more and somebody here holds, until it is destroyed.
+// Watches an entity that the source no longer has and that somebody in this process holds, until it is destroyed.
 class ReplicaEntities::Left final : public Notifiee {
 public:
     Left(ReplicaEntities& entities, Entity const& entity, std::size_t size)
@@ -57,7 +57,7 @@ void ReplicaEntities::del(EntityId id) {
     keys_ -= gone.keys;
     ids_.erase(gone.entity.get());
     known_.erase(id);
-    if (gone.entity->references() == 1) {  // nobody holds it but this
+    if (gone.entity->references() == 1) {  // nobody else holds it
         size_ -= gone.size;
         return;
     }
@@ -98,7 +98,7 @@ void ReplicaEntities::sizeChanged(EntityId id, std::size_t before, std::size_t a
     auto const found = known_.find(id);
     if (found == known_.end()) return;
     std::size_t& size = found->second.size;
-    before = std::min(before, size + after);  // something else may have changed the copy
+    before = std::min(before, size + after);  // the process itself may have changed the copy
     size += after - before;
     size_ += after - before;
 }
@@ -110,7 +110,7 @@ void ReplicaEntities::keyAdded(EntityId id) {
     ++keys_;
 }
 
-// Keys that something else has put into the copy, or taken out, were not counted.
+// Keys that the process itself has put into the copy were not counted, so the count may be 0.
 void ReplicaEntities::keyDeleted(EntityId id) {
     auto const owner = known_.find(id);
     if (owner == known_.end() || owner->second.keys == 0) return;

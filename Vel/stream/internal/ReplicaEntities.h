@@ -10,11 +10,11 @@
 
 namespace Vel {
 
-// The entities of a copy that its source has told of, by the source's ids, and how large they make the copy. The source
-// chooses what comes, so it is held to limits.
+// The entities of a copy that its source has announced, by the source's ids, and their estimated size. The source
+// chooses what it sends, so limits are checked here.
 class VEL_API ReplicaEntities final : public NboAttrLog::EntityResolver {
 public:
-    explicit ReplicaEntities(StreamLimits const& limits);  // which must outlive it
+    explicit ReplicaEntities(StreamLimits const& limits);  // the limits must outlive it
     ReplicaEntities(ReplicaEntities const&) = delete;
     ReplicaEntities& operator=(ReplicaEntities const&) = delete;
     ~ReplicaEntities();
@@ -22,22 +22,23 @@ public:
     struct Known {
         Ptr<Entity> entity;
         StreamTable const* table;
-        std::size_t keys = 0;  // of its collections of values
-        std::size_t size = 0;  // bytes, by estimate, with its keys
+        std::size_t keys = 0;  // number of keys in its collections of values
+        std::size_t size = 0;  // estimated bytes, with its keys
     };
     std::size_t count() const { return known_.size(); }
     Known const* find(EntityId id) const {  // or null
         auto const found = known_.find(id);
         return found == known_.end() ? nullptr : &found->second;
     }
-    Known const& known(EntityId id) const {  // throws StreamException when it is not
+    Known const& known(EntityId id) const {  // throws StreamException if it is not known
         if (Known const* const found = find(id)) return *found;
         throwUnknown(id);
     }
     Entity* entity(EntityId id) override;
-    EntityId idOf(Entity const* entity) const;  // 0: it has none
+    EntityId idOf(Entity const* entity) const;  // 0 if it has none
 
-    // Calls f(attribute, key) for each key of a collection that the entity has. REQUIRES: the id is not known.
+    // Adds an entity that existed before. Calls f(attribute, key) for each key of its collections. REQUIRES: the id is
+    // not known.
     template <class F> void add(EntityId id, Ptr<Entity> entity, F f) {
         std::size_t valueKeys = 0;
         leftDel(entity.get());
@@ -48,26 +49,30 @@ public:
             });
         add(id, std::move(entity), valueKeys, size);
     }
-    void addNew(EntityId id, Ptr<Entity> entity);  // an entity that has nothing yet
-    // The source knows it no more. While somebody here holds it, it counts. Throws as known().
+    void addNew(EntityId id, Ptr<Entity> entity);  // adds an entity without keys
+    // Removes an entity that the source no longer has. It counts as long as somebody in this process holds it. Throws
+    // as known().
     void del(EntityId id);
-    // The source is another one from now on. What is there stays, and its size counts as that of the copy before.
+    // Forgets all ids. The entities stay in the copy, and their size counts as that of the copy before.
     void disconnected();
 
     // --- size ---
 
-    std::size_t size() const { return size_; }  // bytes that the source makes the copy take, by estimate
-    // Throw StreamException where the copy would be larger than it may be, by bytes or by keys of values. Until the sync
-    // mark it may be twice as large, since what has gone is still there.
+    std::size_t size() const { return size_; }  // estimated bytes that the source makes the copy take
+    // Throw StreamException if the copy would be too large: needRoom() if it took `more` bytes more, needKey() if it
+    // had one more key in collections of values. Until the sync mark the copy may take twice the bytes, since entities
+    // that have gone are still there.
     void needRoom(std::size_t more) const;
     void needKey() const;
-    // What the entity takes, of so many bytes, has changed. An id that is not known is passed over: observers were told.
+    // A part of the entity took `before` bytes, and takes `after` now. An id that is not known is ignored: an observer
+    // of the change may have ended the connection.
     void sizeChanged(EntityId id, std::size_t before, std::size_t after);
-    void keyAdded(EntityId id);  // to a collection of values
+    void keyAdded(EntityId id);  // a key was added to a collection of values
     void keyDeleted(EntityId id);
-    // The size of the copy before: counted anew when it may have become too large, as at each of many cuts.
+    // Counts the size of the copy before once more if it seems to be over the limit: after several cut connections some
+    // entities have been counted several times.
     void recountBefore(Entity* root);
-    void synced() { sizeBefore_ = 0; }  // what has gone is not there any more
+    void synced() { sizeBefore_ = 0; }  // entities that have gone have been deleted
 
 private:
     class Left;
@@ -76,13 +81,13 @@ private:
     void leftDel(Entity const* entity);
 
     StreamLimits const& limits_;
-    std::unordered_map<EntityId, Known, TableHasher> known_;  // the source chooses the ids
+    std::unordered_map<EntityId, Known, TableHasher> known_;  // TableHasher, since the source chooses the ids
     std::unordered_map<Entity const*, EntityId> ids_;
     std::unordered_map<Entity const*, std::unique_ptr<Left>> left_;
-    std::size_t keys_ = 0;        // of values, of all known entities
-    std::size_t size_ = 0;        // of these, and of those that are left
-    std::size_t leftSize_ = 0;    // of those
-    std::size_t sizeBefore_ = 0;  // of what earlier connections made and may be there still, until the sync mark
+    std::size_t keys_ = 0;        // in collections of values, of all known entities
+    std::size_t size_ = 0;        // bytes of the known entities, and of those in left_
+    std::size_t leftSize_ = 0;    // bytes of those in left_
+    std::size_t sizeBefore_ = 0;  // bytes of what earlier connections made; 0 after the sync mark
 };
 
 }  // namespace Vel

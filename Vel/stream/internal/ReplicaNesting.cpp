@@ -19,7 +19,7 @@ std::size_t sizeOf(ReplicaPlace const& place) { return ReplicaSize::keyCost + pl
 ReplicaNesting::ReplicaNesting(ReplicaEntities& entities, StreamLimits const& limits)
     : entities_(entities), limits_(limits) {}
 
-// Where things are put that may be within one another, ways up are walked, which are made short by this.
+// Throws StreamException if the entity has too many ancestors. Moves walk up from there, and this limits the time.
 void ReplicaNesting::checkDepth(Entity const& entity) const {
     std::size_t depth = 0;
     for (Entity const* above = entity.parent(); above; above = above->parent())
@@ -27,7 +27,7 @@ void ReplicaNesting::checkDepth(Entity const& entity) const {
             throw StreamException(format("an entity that is moved within more than %zu others", limits_.depth), 0);
 }
 
-// A move can arrive before the removal that makes room for it, so make room here.
+// A move can arrive before the message that takes the member out of its old place, so take it out here.
 void ReplicaNesting::put(ReplicaPlace const& place, EntityId id, Entity& member) {
     if (member.parent() || member.hasBeenParent()) {
         checkDepth(*place.entity);
@@ -40,7 +40,7 @@ void ReplicaNesting::put(ReplicaPlace const& place, EntityId id, Entity& member)
     if (isPut && !there) entities_.sizeChanged(place.id, 0, sizeOf(place));
 }
 
-// Whether the member is there now, and does not wait.
+// Returns whether the member is at the place now. If not, it waits.
 bool ReplicaNesting::replace(ReplicaPlace const& place, EntityId id, Entity& member) {
     try {
         place.replacementIs(member);
@@ -54,8 +54,9 @@ bool ReplicaNesting::replace(ReplicaPlace const& place, EntityId id, Entity& mem
     return true;
 }
 
-// Takes the member out of where it was. When its new owner is still within it, one of the owners between them has left
-// the next, and which one is not known before it is told: the member waits for that.
+// Takes the member out of its old place, and returns true. If its new owner is still within it, has it wait, and
+// returns false: at the source, one of the entities between the two has left its owner, and only a later message says
+// which one.
 bool ReplicaNesting::makeRoom(ReplicaPlace const& place, EntityId id, Entity& member) {
     if (place.entity == &member) throw StreamException(circular, 0);
     if (member.encloses(*place.entity)) {
@@ -102,7 +103,7 @@ void ReplicaNesting::del(ReplicaPlace const& place) {
 
 // --- members that wait ---
 
-// What waits takes no more bytes than a key of the copy, and counts as one.
+// Has the member wait for the place. It takes no more bytes than a key of the copy, and counts as one.
 void ReplicaNesting::block(ReplicaPlace const& place, EntityId id) {
     entities_.needRoom(sizeOf(place));
     blockedDel(id);
@@ -120,7 +121,7 @@ void ReplicaNesting::blockedDel(EntityId id) {
     blockedMembers_.erase(found);
 }
 
-// Puts the member where it is to go, or has it wait on.
+// Tries again to put a waiting member at its place. It may have to wait again.
 void ReplicaNesting::retry(EntityId id) {
     auto const found = blockedMembers_.find(id);
     if (found == blockedMembers_.end()) return;
@@ -137,14 +138,14 @@ ReplicaNesting::Link ReplicaNesting::linkOf(Entity* entity) const {
     return blocked_.empty() || !entity ? Link{} : Link{entity, entity->parent()};
 }
 
-// Where an entity has left its parent, whatever is above may have waited for that.
+// If an entity has left its parent, notes the parent: a member above may have waited for that.
 void ReplicaNesting::loosenedIs(Link const& before) {
     if (!before.parent || before.entity->parent() == before.parent) return;
     if (loosened_.empty() || loosened_.back() != before.parent) loosened_.push_back(before.parent);
 }
 
-// Ways up are walked as far as members may wait; what is missed, since what is above has moved, is found at the sync
-// mark.
+// Walks up from each noted entity, as far as a waiting member can be. A member that is missed, since entities above
+// have moved, is found at the sync mark.
 void ReplicaNesting::putLoosened() {
     while (!loosened_.empty()) {
         Ptr<Entity> above = loosened_.back();
@@ -157,7 +158,7 @@ void ReplicaNesting::putLoosened() {
     }
 }
 
-// Puts all that can go now. Whoever can't goes when another one is put, or never.
+// Tries each waiting member once. A member that still has to wait is put after another one has been put, or never.
 void ReplicaNesting::putAll() {
     std::vector<EntityId> members;
     for (auto const& [id, at] : blockedMembers_) members.push_back(id);

@@ -11,45 +11,46 @@
 
 namespace Vel {
 
-// Puts members of a copy into collections, out of where they were, and takes them out.
+// Puts members into collections of a copy, which takes them out of their old places, and removes members.
 //
-// A source may tell of a move before it tells of another one that makes the first possible: here the member's new owner
-// is still within the member then. The member waits for its place until the owner is out. In a place one member waits,
-// and each waits for one place.
+// A source may send a move before another move that makes it possible. In the copy, the new owner of the member is then
+// still within the member. The member waits for its place until the owner has left it. At most one member waits for a
+// place, and a member waits for at most one place.
 class VEL_API ReplicaNesting {
 public:
-    ReplicaNesting(ReplicaEntities& entities, StreamLimits const& limits);  // which must outlive it
+    ReplicaNesting(ReplicaEntities& entities, StreamLimits const& limits);  // both must outlive this
 
-    // Puts the member there, or has it wait. Throws StreamException where it would be within itself, or where more
-    // entities are above it than may be, or what the collection throws.
+    // Puts the member at the place, or has it wait. Throws StreamException if the member would be directly within
+    // itself, or if it or its new owner has too many ancestors. Throws what the collection throws.
     void put(ReplicaPlace const& place, EntityId id, Entity& member);
-    // Takes out what is there.
+    // Removes the member at the place, if there is one.
     void del(ReplicaPlace const& place);
 
-    // Runs f, which takes an entity, null for none, out of its place: what is above may have waited for that.
+    // Runs f, which may take the entity out of its place, and returns its result. Notes the old parent then, since a
+    // member above it may have waited for that. `entity` may be null.
     template <class F> auto loosen(Entity* entity, F f) {
         Link const before = linkOf(entity);
         auto result = f();
         loosenedIs(before);
         return result;
     }
-    void putLoosened();  // puts whoever may have waited for what has been taken out
-    // At the sync mark, when nothing more comes. Throws StreamException when somebody waits on.
+    void putLoosened();  // puts the members that waited for what loosen() has noted
+    // Called at the sync mark, when no more moves come. Throws StreamException if a member still has to wait.
     void putAll();
 
-    void told(ReplicaPlace const& place);  // the source has said what is there now: nobody waits for that
-    // The member is there, and waits for no other place if that is the one it is in by its parent.
+    void told(ReplicaPlace const& place);  // the source has said what is there now: no member waits for it
+    // The member is at the place. If its parent has it there, it waits for no other place any more.
     void isThere(ReplicaPlace const& place, EntityId id, Entity const& member) {
         if (!blocked_.empty() && place.owns(member)) blockedDel(id);
     }
-    void gone(EntityId id);  // neither it waits nor anybody for a place in it
+    void gone(EntityId id);  // the entity does not wait any more, nor does any member for a place in it
     void clear();
 
 private:
     struct Link {
         Ptr<Entity> entity, parent;
     };
-    Link linkOf(Entity* entity) const;  // null while nothing waits
+    Link linkOf(Entity* entity) const;  // empty while no member waits
     void loosenedIs(Link const& before);
     void checkDepth(Entity const& entity) const;
     bool replace(ReplicaPlace const& place, EntityId id, Entity& member);
@@ -59,7 +60,7 @@ private:
     void blockedDel(EntityId id);
     void retry(EntityId id);
 
-    struct InOrder {  // of places: owner, attribute, key as a string or a view of one
+    struct InOrder {  // orders places: owner, attribute, key as a string or a view of one
         using is_transparent = void;
         template <class A, class B> bool operator()(A const& a, B const& b) const {
             if (std::get<0>(a) != std::get<0>(b)) return std::get<0>(a) < std::get<0>(b);
@@ -71,9 +72,9 @@ private:
 
     ReplicaEntities& entities_;
     StreamLimits const& limits_;
-    Blocked blocked_;  // by place
+    Blocked blocked_;  // the waiting members, by place
     std::map<EntityId, Blocked::iterator> blockedMembers_;
-    std::vector<Ptr<Entity>> loosened_;  // those that something has left, for which a member above may be waiting
+    std::vector<Ptr<Entity>> loosened_;  // entities that a child has left; members above may have waited for it
 };
 
 }  // namespace Vel

@@ -6,16 +6,17 @@
 #include <memory>
 #include <span>
 
-// What a copy takes, estimated, rather more than less: the memory of an entity and of what is known of it, of a key and
-// of noting it down once more, and the bytes of names, keys and values of no fixed size as they are encoded.
+// Estimates the memory that a copy takes, rather too high than too low: for an entity also what is noted about it; for
+// a key also what it takes to note it once more; for names, keys and values of no fixed size the bytes of their
+// encoding.
 namespace Vel::ReplicaSize {
 
-inline constexpr std::size_t entityCost = 192;  // bytes, and the object itself
+inline constexpr std::size_t entityCost = 192;  // bytes, beside the object itself
 inline constexpr std::size_t keyCost = 160;
 
 inline std::size_t ofNew(VelType type, std::size_t name) { return entityCost + type.glue().size + name; }
 VEL_API std::size_t ofValue(StreamAttribute const& attribute, Entity const& entity);
-// REQUIRES: of values, that there is one.
+// REQUIRES: a collection of values has the key.
 VEL_API std::size_t ofKey(StreamAttribute const& attribute, Entity const& entity, std::span<U8 const> key);
 VEL_API std::size_t ofAll(Entity& top);  // the entity and all that it leads to
 
@@ -29,7 +30,7 @@ template <class F> void eachKey(StreamAttribute const& attribute, Entity const& 
     }
 }
 
-// Of the entity, with its keys; calls f(attribute, key) for each.
+// Returns the size of the entity with its keys. Calls f(attribute, key) for each key.
 template <class F> std::size_t of(Entity const& entity, F f) {
     std::size_t size = ofNew(entity.fwkType(), entity.name().length());
     for (StreamAttribute const& attribute : entity.fwkType().glue().stream().attributes) {

@@ -6,15 +6,14 @@
 
 namespace Vel::NboAttrLog {
 
-// Messages that several outputs get. Each is encoded once, and waits, so that what comes in a row is copied to all of
-// them at one go.
+// Messages for several outputs. Each is encoded once. Messages wait, so that several are copied to the outputs at once.
 class VEL_API SharedSm final : public OutSm {
 public:
     ~SharedSm() override;
 
     std::vector<OutSm*> const& targets() const { return targets_; }
-    void targetIs(OutSm& target) { targets_.push_back(&target); }  // one more. REQUIRES: waiting() == 0
-    void targetsDel();                                             // gives out what waits first
+    void targetIs(OutSm& target) { targets_.push_back(&target); }  // adds an output. REQUIRES: waiting() == 0
+    void targetsDel();                                             // calls giveOut() first
     std::size_t waiting() const { return committed_; }             // bytes
     void giveOut();
 
@@ -24,8 +23,8 @@ private:
 
     std::vector<OutSm*> targets_;
     Out out_;
-    std::size_t committed_ = 0;  // bytes of it
-    std::size_t messages_ = 0;   // that these are
+    std::size_t committed_ = 0;  // bytes of complete messages in out_
+    std::size_t messages_ = 0;   // number of these messages
 };
 
 }  // namespace Vel::NboAttrLog

@@ -18,8 +18,7 @@ public:
     void del(U32 slot) {
         if (slot / 64 < words_.size()) words_[slot / 64] &= ~(U64(1) << slot % 64);
     }
-    // Calls f(slot) for those that this set has and `other` has not, in their order, until one call gives true, or
-    // none.
+    // Calls f(slot) for each slot that this set has and `other` has not, in ascending order, until a call returns true.
     template <class F> void eachNotIn(SlotSet const& other, F f) const {
         for (std::size_t i = 0; i < words_.size(); ++i) {
             U64 left = words_[i] & ~(i < other.words_.size() ? other.words_[i] : 0);
@@ -27,7 +26,7 @@ public:
                 if (f(static_cast<U32>(i * 64 + static_cast<unsigned>(std::countr_zero(left))))) return;
         }
     }
-    // The first of those; `none` if there is none.
+    // Returns the first of these slots, or `none`.
     static constexpr U32 none = ~U32(0);
     U32 firstNotIn(SlotSet const& other) const {
         U32 first = none;
@@ -37,7 +36,7 @@ public:
         });
         return first;
     }
-    void clear() { std::vector<U64>().swap(words_); }  // and gives its memory back
+    void clear() { std::vector<U64>().swap(words_); }  // and frees the memory
 
 private:
     std::vector<U64> words_;

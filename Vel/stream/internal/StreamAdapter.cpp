@@ -26,8 +26,9 @@ FlowOut& StreamAdapter::flowOut(FlowConnection& connection) {
     return connection.flowIs(static_cast<Entity::VelNboAttrLogSa&>(*this), FlowOut::fromEnd);
 }
 
-// Of the entity, and not of one adapter: what a source writes may be a replica, and have several sources. Whoever
-// writes stands in a list, which is empty but while a message is written.
+// Marks an entity as being written out, while this exists. The mark is for the entity and not for one adapter: the
+// entity may be part of a replica, and may be served by several sources. The marks of a thread are a list, which is
+// empty unless a message is being written.
 class StreamAdapter::Active {
 public:
     explicit Active(Entity const& entity) : entity_(entity), before_(innermost_) { innermost_ = this; }
@@ -84,7 +85,7 @@ void Sa::handleAttribute(AttributeId id) {
         handleAttributeSerialization(*attribute, target, nullptr);
         demuxer.changesAreWritten();
     };
-    if (attribute->kind != StreamKind::pointer) return tell(nullptr);  // a value takes no entity into a view
+    if (attribute->kind != StreamKind::pointer) return tell(nullptr);  // a value adds no entity to a view
     demuxer.givingIds([&] {
         Entity* const entity = attribute->target(this->entity());
         Sa* const target = entity ? demuxer.referredIs(*this, *entity) : nullptr;
@@ -136,14 +137,16 @@ bool Sa::flowOutOnAttributeForConnection(FlowConnection& connection, StreamAttri
     if (!connection.isAnnounced(*this) || connection.isNotBegun(*this)) return true;
     FlowOut& flow = flowOut(connection);
     bool const isBegun = flow.bookmark() && flow.resumeId() == attribute.id;
-    // A collection that is not begun will be sent as a whole; but a member may have been made already, in the place of
-    // being referred to by another collection, and its deletion has to be told, if the whole would not tell it.
+    // A collection whose listing has not begun is sent as a whole later, so its keys need no flags. But a member may
+    // have been announced already, because another attribute refers to it. Its deletion has to be sent, unless the
+    // listing says it anyway.
     bool const mayBeTold = attribute.kind == StreamKind::instances && !flow.velComesAgain(attribute.id);
     if (!flow.velHasSynced(attribute.id) && !isBegun && (isThere || !mayBeTold)) return true;
     bool const ephemeral =
         isThere && streamDemuxer().checkEphemeralEntityDeletion(connection, flow, attribute, key, member);
     if (!flow.velKeyIsDirtyIs(attribute.id, key, ephemeral)) return false;
-    // Keys that came and went would be flagged for ever: flags are bounded by what is there.
+    // Keys that came and went would stay flagged for ever. So more flags than members are dropped, and all keys come
+    // again.
     if (flow.velHasTooManyKeys(attribute.id, [&] { return attribute.count(entity()); }))
         flow.velComesAgainIs(attribute.id, true);
     return true;
@@ -163,8 +166,8 @@ OutSm* Sa::singletonSerializeCheck(AttributeId id, FlowConnection* to, bool, std
     return sm;
 }
 
-// Calls f(connection) for the logs of all views that have the entity. Backwards, since entities' code, which f runs,
-// may have one of them fall behind.
+// Calls f(connection) for all live connections that were told of the entity. Backwards, since f runs code of entities,
+// which may make a connection leave the list.
 template <class F> void Sa::eachLive(F f) const {
     auto const& live = streamDemuxer().live();
     for (std::size_t i = live.size(); i-- > 0;)
@@ -181,7 +184,7 @@ void Sa::handleAttributeSerialization(StreamAttribute const& attribute, Sa* targ
 
 namespace {
 
-// What a view that cannot have it tells of is none.
+// Returns null for an adapter that the connection's view cannot have: its readers are told of no entity then.
 Sa* inView(FlowConnection const& connection, Sa* adapter) {
     return adapter && connection.view().has(*adapter) ? adapter : nullptr;
 }
@@ -212,7 +215,7 @@ void Sa::shareKey(StreamAttribute const& attribute, std::string_view key, bool i
 
 namespace {
 
-// While it lasts, what changes of the entity is delivered by the log and not at once to many readers.
+// While this exists, changes of the entity are written to the log, and not delivered by the multicast.
 class Flowing {
 public:
     explicit Flowing(Sa& adapter) : adapter_(adapter) { adapter_.attrLogFlagsIs(Sa::flowingOutBit, true); }
@@ -256,7 +259,7 @@ AttributeId Sa::flowOutCollection(FlowConnection& connection, FlowOut& flow, Str
     return 0;
 }
 
-// Whether all are sent. What comes again says each key, also where the reader may know of it.
+// Returns whether all keys are sent. If they come again, each key is sent, even if the reader may have it.
 bool Sa::flowOutAllKeys(FlowConnection& connection, FlowOut& flow, StreamAttribute const& attribute) {
     bool const again = flow.velComesAgain(attribute.id);
     if (!flow.bookmark()) {
@@ -271,8 +274,8 @@ bool Sa::flowOutAllKeys(FlowConnection& connection, FlowOut& flow, StreamAttribu
         flow.bookmark()->next(key);
         std::string_view const view(reinterpret_cast<char const*>(key.data()), key.size());
         connection.sendKey(*this, attribute, view, !again);
-        // A value is told with its key, and not again for a change before that; of a member more than that may be
-        // flagged.
+        // A value is sent with its key, so an earlier change of it needs no flag any more. The flag of a member stays,
+        // since it may say that a deletion has to be sent first.
         if (attribute.kind == StreamKind::values) flow.velDirtyKeyDel(attribute.id, view);
     }
     if (again) connection.sendKeysEnd(*this, attribute);
@@ -292,7 +295,7 @@ void Sa::throwWriteUpdateFromReadOnlyProxyException() const {
 
 void Sa::writeFromRemote(AttributeId id, In& in) {
     if (!allowWriteFromReadOnlyRemote()) throwWriteUpdateFromReadOnlyProxyException();
-    Ptr<Entity> const keep(&entity());  // an observer may release it, and this adapter with it
+    Ptr<Entity> const keep(&entity());  // an observer may release the entity, and this adapter with it
     attrLogFlagsIs(fromRemoteBit, true);
     StreamDemuxer& demuxer = streamDemuxer();
     EntityId const self = this->id();

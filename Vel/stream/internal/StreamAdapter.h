@@ -12,7 +12,7 @@ namespace NboAttrLog {
 class FlowConnection;
 }
 
-// What ties an entity to the connections that it is streamed over. Holds no reference to it.
+// Ties an entity to the connections over which it is streamed. Holds no reference to the entity.
 class VEL_API StreamAdapter : public Notifiee {
 public:
     StreamAdapter(StreamDemuxer& demuxer, Entity& entity, EntityId id, U32 slot);
@@ -21,26 +21,27 @@ public:
     StreamDemuxer& streamDemuxer() const { return demuxer_; }
     Entity& entity() const { return entity_; }
     EntityId id() const { return id_; }
-    U32 slot() const { return slot_; }  // a small number of its own, used again when the entity has gone
+    U32 slot() const { return slot_; }  // a small number of its own, used again when this adapter has gone
     StreamTable const& table() const { return table_; }
 
-    // What the connection still has to be sent of this entity: made if need be, or null when that is nothing.
+    // What the connection still has to be sent of this entity. If it is nothing, flowOut() makes an empty flow, and
+    // velRawFlowOut() returns null.
     NboAttrLog::FlowOut& flowOut(NboAttrLog::FlowConnection& connection);
     NboAttrLog::FlowOut* velRawFlowOut(NboAttrLog::FlowConnection const& connection) const;
 
-    // The entity in whose collection this one was made, as connections were last told; 0: none.
+    // The id of the owner, in whose collection this entity is a member, as connections were last told. 0: none.
     EntityId owner() const { return owner_; }
     void ownerIs(EntityId id) { owner_ = id; }
 
-    // A number for the views whose readers are told of the entity: see StreamDemuxer::liveSm(). 0: it is not known.
+    // A number for the set of live connections that were told of the entity: see StreamDemuxer::liveSm(). 0: not known.
     U64 audience() const { return audience_; }
     void audienceIs(U64 number) { audience_ = number; }
 
-    // Applies an attribute that came in. REQUIRES: as needInactive().
+    // Applies the value of an attribute that a reader has sent. REQUIRES: as needInactive().
     void onAttributeForConnection(AttributeId id, NboAttrLog::In& in);
 
-    // Called before whatever came in is applied to the entity, by a source and by a replica. REQUIRES: the entity is
-    // not being written out at the same time ("!_isActive"), by whatever source.
+    // Called by a source or a replica before it applies a message to the entity. REQUIRES: no source is writing the
+    // entity out at the same time (assertion "!_isActive").
     static void needInactive(Entity const& entity);
 
 protected:
@@ -56,8 +57,8 @@ private:
     U64 audience_ = 0;
 };
 
-// Writes the attributes of one entity: one that has changed to the logs of all views that have the entity, or those
-// that are flagged to the reader that is being flowed out to.
+// Writes the attributes of one entity. An attribute that has changed is written to the logs of all views that have the
+// entity. Flagged attributes are written to the reader that catches up.
 class VEL_API Entity::VelNboAttrLogSa : public StreamAdapter, public NboAttrLog::SerializeSink {
 public:
     VelNboAttrLogSa(StreamDemuxer& demuxer, Entity& entity, EntityId id, U32 slot);
@@ -70,29 +71,30 @@ public:
     bool doMessageMulticast(AttributeId id) override;
     NboAttrLog::OutSm* singletonSerializeCheck(
         AttributeId id, NboAttrLog::FlowConnection* to, bool whole, std::size_t encodedSize, bool isKey) override;
-    // Write a value or pointer, whose `target` was looked up, to the connection; null: to all that read along.
+    // Write a value or a pointer to the connection `to`, or if that is null, for all live readers. `target` is what the
+    // pointer refers to, or null.
     void handleAttributeSerialization(
         StreamAttribute const& attribute, VelNboAttrLogSa* target, NboAttrLog::FlowConnection* to);
     void handlePtrSerialization(
         StreamAttribute const& attribute, VelNboAttrLogSa* target, NboAttrLog::FlowConnection* to);
-    // Writes what was found at the key of a collection, to all that read along. `member`: null for none, and of values.
+    // Writes what a collection has at the key, for all live readers. `member` is null if it has none, and for a value.
     void handleCollectionKeySerialization(
         StreamAttribute const& attribute, std::string_view key, bool isThere, VelNboAttrLogSa* member);
 
-    // Flows out to the connection, in the order of the attribute ids from `from` on, what the flow says is to be sent.
-    // 0: all of it; else the id to go on at, since the connection takes no more; all ones for an id that is none of the
-    // streamed ones and not 0.
+    // Sends what is flagged in `flow` to the connection, in the order of the attribute ids, from `from` on. Returns 0
+    // if all of it was sent. If the connection takes no more, returns the id of the attribute at which to resume.
+    // Returns all ones if `from` is neither 0 nor the id of a streamed attribute.
     AttributeId continueFlowOut(NboAttrLog::FlowConnection& connection, NboAttrLog::FlowOut& flow, AttributeId from);
 
-    // Flags a change for a connection that catches up. Whether it was clean before. `member`: what is at the key now,
-    // or null when that can't be looked up.
+    // Flags a change for a connection that catches up. Returns false if it was flagged already. `member` is the member
+    // at the key now, or null if it is not known.
     bool flowOutOnAttributeForConnection(NboAttrLog::FlowConnection& connection, StreamAttribute const& attribute);
     bool flowOutOnAttributeForConnection(NboAttrLog::FlowConnection& connection, StreamAttribute const& attribute,
         std::string_view key, bool isThere, VelNboAttrLogSa const* member);
 
-    // A reader wants to change an attribute. Throws ReadOnlyException when it may not.
+    // Applies a reader's change of an attribute. Throws ReadOnlyException if the reader may not write.
     void writeFromRemote(AttributeId id, NboAttrLog::In& in);
-    bool allowWriteFromReadOnlyRemote() const;  // the reader whose input is being taken may write
+    bool allowWriteFromReadOnlyRemote() const;  // whether the reader whose message is being handled may write
     [[noreturn]] void throwWriteUpdateFromReadOnlyProxyException() const;
 
 private:

@@ -24,7 +24,7 @@ StreamDemuxer::Adapter* StreamDemuxer::adapter(Entity const& entity) const {
 
 StreamDemuxer::Adapter& StreamDemuxer::newAdapter(Entity& entity) {
     if (lastId_ == ~EntityId(0)) throw IdsAreOut();
-    U32 slot;  // there are never more than ids, so that the last number, SlotSet::none, is none
+    U32 slot;  // there are at most as many slots as ids, so none of them is SlotSet::none
     if (freeSlots_.empty()) {
         slot = static_cast<U32>(bySlot_.size());
         bySlot_.push_back(nullptr);
@@ -141,7 +141,8 @@ NboAttrLog::OutSm* StreamDemuxer::sharedSm(Adapter& adapter) {
     return &shared_;
 }
 
-// Whether those who know of the entity are the targets. Only where that has not been seen yet all of them are asked.
+// Returns whether the live connections that were told of the entity are the targets of shared_. Compares them only if
+// the adapter does not have the targets' number.
 bool StreamDemuxer::hasAudience(Adapter& adapter) {
     if (adapter.audience() == audience_) return true;
     for (std::size_t i = 0; i < live_.size(); ++i)
@@ -162,7 +163,7 @@ void StreamDemuxer::logIsWritten() {
     logsAreLookedAfter_ = false;
 }
 
-// Backwards, since a connection, or all of them, may cease to be live meanwhile.
+// Goes backwards, since a connection, or all of them, may cease to be live meanwhile.
 void StreamDemuxer::lookAfterChanges() {
     if (logsAreLookedAfter_ && shared_.waiting() < sharedSize_) return;
     giveOut();

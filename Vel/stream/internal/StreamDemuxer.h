@@ -11,15 +11,16 @@
 
 namespace Vel {
 
-// The entities of all views that share it, by number, and the connections that they are streamed to.
+// The entities of all views that share this demuxer, by id, and the connections to which they are streamed.
 //
-// An entity has an adapter while it is in a view. Its id is its own until all ids, 2^32 - 1 of them, have been given;
-// all views start over then.
+// An entity has an adapter while it is in a view. No other entity gets its id until all ids, 2^32 - 1 of them, have
+// been given; then all views start over.
 class VEL_API StreamDemuxer {
 public:
     using Adapter = Entity::VelNboAttrLogSa;
     using Connections = std::vector<NboAttrLog::FlowConnection*>;
-    // Somebody who delivers a change of a value to many readers at once, and says whether that was all of them.
+    // Delivers a change of a value to many readers at once. Returns whether all of them have got it, so that no message
+    // is needed.
     using Multicast = std::function<bool(Entity& entity, AttributeId id)>;
 
     StreamDemuxer();
@@ -32,8 +33,9 @@ public:
     Adapter* adapterAt(U32 slot) const { return bySlot_[slot]; }
     std::size_t entities() const { return adapters_.size(); }
 
-    // Runs f, which may take entities into views. Where no id is left for one, f is cut short, all readers are closing,
-    // all views are empty, no adapter is left, and ids begin at 1 again: then the result is false.
+    // Runs f, which may take entities into views, and returns true. If no id is left for an entity, f is cut short and
+    // the result is false: all readers have been refused, all views are empty, no adapter is left, and ids begin at 1
+    // again.
     template <class F> bool givingIds(F f) {
         try {
             f();
@@ -47,10 +49,10 @@ public:
     void lastIdIs(EntityId id) { lastId_ = id; }
 
     std::vector<VelType> const& types() const { return types_; }
-    U32 typeIndex(VelType type);  // given when first asked
+    U32 typeIndex(VelType type);  // gives it an index when asked for the first time
 
-    // Whether the member at the key (null: it is not known) may be another than the one that the connection was told
-    // of, so that the deletion has to be sent first.
+    // Returns whether the deletion of the key has to be sent before the member at the key: the connection may have been
+    // told of another member. `member` is null if it is not known.
     bool checkEphemeralEntityDeletion(NboAttrLog::FlowConnection const& connection, NboAttrLog::FlowOut const& flow,
         StreamAttribute const& attribute, std::string_view key, Adapter const* member) const;
 
@@ -58,33 +60,34 @@ public:
 
     void viewIs(StreamView& view, bool on);
     bool isInAView(U32 slot) const;
-    Adapter& newAdapter(Entity& entity);  // REQUIRES: it has none; runs within givingIds(), or an id is left
-    void adapterDel(Adapter& adapter);    // connections that were told of the entity are told that it has gone
+    Adapter& newAdapter(Entity& entity);  // REQUIRES: it has no adapter; called within givingIds(), or an id is left
+    void adapterDel(Adapter& adapter);    // tells connections that know the entity that it has gone
     void catchingUpIs(NboAttrLog::FlowConnection& connection, bool on);
     void liveIs(NboAttrLog::FlowConnection& connection, NboAttrLog::OutSm& log, bool on);
-    // At most so many bytes of messages wait to be given to several logs; the least of what views ask for.
+    // Limits the bytes of messages that wait to be copied to several logs. The least limit that a view asks for is
+    // used.
     void sharedSizeIs(std::size_t bytes) { sharedSize_ = std::min(sharedSize_, bytes); }
-    void giveOut();                                        // so that logs have all of their messages
-    void logIsWritten();                                   // by itself, and who knows of which entities may change
-    void lookAfterLogs() { logsAreLookedAfter_ = false; }  // at the next change
+    void giveOut();       // copies the messages that wait to the logs
+    void logIsWritten();  // called before one log is written; connections may learn of entities then
+    void lookAfterLogs() { logsAreLookedAfter_ = false; }  // looks after the logs at the next change
     void remoteMayWriteIs(bool on) { remoteMayWrite_ = on; }
     void multicastIs(Multicast deliver);  // REQUIRES: there is no adapter yet
 
     // --- for adapters ---
 
-    Connections const& catchingUp() const { return catchingUp_; }  // one for each reader that does
-    Connections const& live() const { return live_; }              // one for each view whose log is read
-    // Where to write what each live connection gets that was told of the entity; null when there is none.
+    Connections const& catchingUp() const { return catchingUp_; }  // one for each reader that catches up
+    Connections const& live() const { return live_; }              // one for each view that has live readers
+    // Returns the output for a message to all live connections that were told of the entity, or null if there are none.
     NboAttrLog::OutSm* liveSm(Adapter& adapter) {
         if (live_.size() != 1) return sharedSm(adapter);
         return live_[0]->isAnnounced(adapter) ? logs_[0] : nullptr;
     }
-    void changesAreWritten() {  // something may have been
+    void changesAreWritten() {  // called when changes may have been written
         if (live_.size() == 1) return live_[0]->changesAreWritten();
         lookAfterChanges();
     }
-    // Takes the entity into the views that have the one that refers to it now. Null when its type can't be streamed.
-    // REQUIRES: as newAdapter().
+    // Takes the entity into the views that have `referrer`, which refers to it now. Returns its adapter, or null if its
+    // type cannot be streamed. REQUIRES: as newAdapter().
     Adapter* referredIs(Adapter const& referrer, Entity& entity);
     void referenceDropped(Adapter const& referrer);
     void notifierDeleted(Adapter& adapter);  // destroys the adapter
@@ -98,8 +101,8 @@ public:
     }
     NboAttrLog::Out& keyOut() { return keyOut_; }
 
-    U64 changes() const { return changes_; }      // flagged for a reader that catches up
-    U64 coalesced() const { return coalesced_; }  // of these, where the flag was there already
+    U64 changes() const { return changes_; }      // number of changes, counted for each reader that catches up
+    U64 coalesced() const { return coalesced_; }  // number of these whose flag was set already
 
 private:
     struct IdsAreOut {};
@@ -119,14 +122,14 @@ private:
     Connections live_;
     std::vector<NboAttrLog::OutSm*> logs_;  // of the live connections
     NboAttrLog::SharedSm shared_;
-    std::vector<bool> isTarget_;  // by live connection: its log is a target of shared_
-    U64 audience_ = 0;            // the number of these targets; of other ones it is another
+    std::vector<bool> isTarget_;  // for each live connection: whether its log is a target of shared_
+    U64 audience_ = 0;            // a number for this set of targets; 0: there is none
     U64 lastAudience_ = 0;
     std::size_t sharedSize_ = 4096;    // bytes
-    bool logsAreLookedAfter_ = false;  // nobody waits for what is in shared_
+    bool logsAreLookedAfter_ = false;  // no reader waits to be woken for what is in shared_
     NboAttrLog::Out keyOut_;
     Multicast multicast_;
-    EntityId lastId_ = 0;  // given
+    EntityId lastId_ = 0;  // the last one that was given
     bool remoteMayWrite_ = false;
     U64 changes_ = 0;
     U64 coalesced_ = 0;

@@ -4,7 +4,7 @@
 
 namespace Vel {
 
-// What a hello begins with.
+// The first two items of a hello.
 inline constexpr U32 streamMagic = 0x56454C41;  // "VELA"
 inline constexpr U16 streamVersion = 1;
 

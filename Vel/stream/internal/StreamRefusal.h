@@ -13,15 +13,16 @@ struct StreamRefusal {
     String text{};
 };
 
-// The message `refused` carries a text alone. So the sentences that mean something to a program stand in one table:
-// whoever refuses writes them from it, and whoever is refused finds them in it again.
+// The message `refused` has a text only. So the sentences that mean something to a program are in one table: one side
+// makes the text from it, and the other side finds the text in it.
 
-// The sentence of this fault, with what it is about. REQUIRES: it has one: nothingThere, noSuchModule or otherVersion.
+// Returns the sentence of the fault, with `about` in it. REQUIRES: the fault is nothingThere, noSuchModule or
+// otherVersion.
 VEL_API StreamRefusal refusalOf(StreamFault fault, String const& about);
-// Which fault's sentence the text is; `other` for one of none.
+// Returns the fault whose sentence the text is, or `other` if it is no such sentence.
 VEL_API StreamFault faultOf(std::string_view text);
 
-// A message is refused, for a reason that has a code.
+// Thrown when a message is refused for a reason that has a code.
 class VEL_API StreamRefusalException final : public StreamException {
 public:
     explicit StreamRefusalException(StreamRefusal refusal)

@@ -10,7 +10,7 @@ using NboAttrLog::SlotSet;
 
 namespace {
 
-// Calls f(Entity&) for everything that the entity refers to by what is streamed.
+// Calls f(Entity&) for each entity to which a streamed attribute of this one refers.
 template <class F> void visitReferences(Entity const& entity, F f) {
     for (StreamAttribute const& attribute : entity.fwkType().glue().stream().attributes) {
         if (attribute.kind == StreamKind::pointer) {
@@ -35,7 +35,7 @@ StreamView::StreamView(std::shared_ptr<StreamDemuxer> demuxer, Ptr<Entity> root)
 
 StreamView::~StreamView() { demuxer_->viewIs(*this, false); }
 
-// The root need not be made in a copy: that has one.
+// The root may be of a type that cannot be created: a copy may be given its root.
 bool StreamView::canHave(Entity const& entity) const {
     return &entity == root_.get() || isStreamable(entity.fwkType());
 }
@@ -93,7 +93,7 @@ void StreamView::sweep() {
 
 SlotSet StreamView::reached(Adapter const& top) const {
     SlotSet reached;
-    std::unordered_set<Entity const*> onTheWay;  // that have no adapter yet, and lead to some that have
+    std::unordered_set<Entity const*> onTheWay;  // without an adapter; they may lead to entities that have one
     std::vector<Entity const*> left{root_.get()};
     reached.add(top.slot());
     while (!left.empty()) {
@@ -125,7 +125,8 @@ void StreamView::leave(Adapter& adapter) {
     eachConnection([&](FlowConnection& connection) { connection.forget(adapter, true); });
 }
 
-// An owner that comes back under its id has none of the members that it brought along before.
+// Forgets for members without an owner in the view that they were sent as members of it. If the owner comes back under
+// its id, its copy has no members.
 void StreamView::forgetOwners() {
     members_.eachNotIn({}, [&](U32 slot) {
         Adapter const& member = *demuxer_->adapterAt(slot);

@@ -8,17 +8,17 @@
 
 namespace Vel {
 
-// What an entity, the root, leads to: which of the entities of a demuxer its readers are told of.
+// The entities of a demuxer that readers of one entity, the root, are told of: those that can be reached from it.
 //
-// An entity that can be reached from the root, through pointers and collections, comes into the view when a connection
-// is first told of what refers to it, or a change makes something refer to it: so the work is spread over what is sent.
-// It stays while it can be reached. One that views share has one adapter, and one id.
+// An entity comes into the view when a pointer or a collection that refers to it is first sent to a connection, or when
+// a change makes one refer to it. So the work is spread over what is sent. The entity stays while it can be reached. An
+// entity that is in several views has one adapter and one id.
 class VEL_API StreamView {
 public:
     using Adapter = Entity::VelNboAttrLogSa;
 
     explicit StreamView(Ptr<Entity> root);                                 // with a demuxer of its own
-    StreamView(std::shared_ptr<StreamDemuxer> demuxer, Ptr<Entity> root);  // beside others
+    StreamView(std::shared_ptr<StreamDemuxer> demuxer, Ptr<Entity> root);  // with a demuxer that other views share
     StreamView(StreamView const&) = delete;
     StreamView& operator=(StreamView const&) = delete;
     virtual ~StreamView();  // REQUIRES: it has no connections
@@ -27,26 +27,27 @@ public:
     StreamDemuxer& demuxer() const { return *demuxer_; }
 
     bool has(Adapter const& adapter) const { return members_.has(adapter.slot()); }
-    Adapter* adapter(EntityId id) const { return mine(demuxer_->adapter(id)); }  // null for none of the view's
+    Adapter* adapter(EntityId id) const { return mine(demuxer_->adapter(id)); }  // null if it is not in the view
     Adapter* adapter(Entity const& entity) const { return mine(demuxer_->adapter(entity)); }
-    // Takes the entity into the view; null when its type can't be streamed. REQUIRES: as StreamDemuxer::newAdapter().
+    // Takes the entity into the view, and returns its adapter, or null if its type cannot be streamed. REQUIRES: as
+    // StreamDemuxer::newAdapter().
     Adapter* adapterIs(Entity& entity);
     NboAttrLog::SlotSet const& members() const { return members_; }  // by slot
     std::size_t entities() const { return count_; }
 
-    U32 typeIndex(VelType type);  // the demuxer's, and the view uses it
+    U32 typeIndex(VelType type);  // the demuxer's index; the view uses the type from now on
     bool usesType(U32 index) const { return index < usesType_.size() && usesType_[index]; }
 
-    // Removes what can't be reached any more. Runs by itself when half as many references have been dropped as there
-    // are entities, the next time that something is sent.
+    // Removes the entities that cannot be reached any more. A reader calls sweepIfDue() before it sends: that sweeps if
+    // more than 64 references have been dropped, and more than half as many as the view has entities.
     void sweep();
     void sweepIfDue();
     void referenceDropped() { ++dropped_; }
 
     // --- for the demuxer ---
 
-    void forget(Adapter const& adapter);  // which goes
-    virtual void clear();                 // all adapters go; connections are closing
+    void forget(Adapter const& adapter);  // removes the entity from the view
+    virtual void clear();                 // called when all adapters go; a source also refuses its readers
 
 private:
     Adapter* mine(Adapter* adapter) const { return adapter && has(*adapter) ? adapter : nullptr; }
@@ -54,7 +55,7 @@ private:
     NboAttrLog::SlotSet reached(Adapter const& top) const;
     void leave(Adapter& adapter);
     void forgetOwners();
-    template <class F> void eachConnection(F f) const;  // f(connection) for each of the view's
+    template <class F> void eachConnection(F f) const;  // calls f(connection) for each connection of the view
 
     std::shared_ptr<StreamDemuxer> demuxer_;
     Ptr<Entity> root_;

@@ -10,21 +10,23 @@
 
 namespace Vel {
 
-// Keys of a copy's collections that are there and that the source has not mentioned yet, though it mentions all that it
-// has: after a connection began, until the sync mark, and while a collection comes again. What is left then has gone.
+// Keys that collections of a copy have, and that the source has not mentioned yet. The source mentions all keys that it
+// has between the beginning of a connection and the sync mark, and while a collection comes again. Keys that it has not
+// mentioned by the end have gone.
 class VEL_API UnmentionedKeys {
 public:
     using Keys = std::set<std::string, std::less<>>;  // as they are encoded
 
-    // Those of a collection that the copy had before, to be filled in.
+    // The unmentioned keys of a collection that the copy had before. The caller fills them in.
     Keys& of(EntityId id, AttributeId attribute) { return collections_[{id, attribute}].keys; }
-    // The source has said what is at the key: something, or nothing.
+    // Called when the source has said what is at the key: something if `isThere`, else nothing.
     void mentioned(ReplicaPlace const& place, bool isThere);
-    // All keys of the collection come again. A source may begin again before the end: so that many beginnings cost no
-    // more than the keys that come between them, those that were mentioned are noted, and not looked for.
+    // Called when all keys of the collection come again. A source may begin again before the end. The keys that were
+    // mentioned are noted, so that the collection is listed for the first beginning only: further ones cost no more
+    // than the keys that came between them.
     void beginAgain(ReplicaPlace const& collection);
     bool comesAgain(ReplicaPlace const& collection) const;
-    Keys endAgain(ReplicaPlace const& collection);  // what was not mentioned. REQUIRES: comesAgain()
+    Keys endAgain(ReplicaPlace const& collection);  // returns the keys that were not mentioned. REQUIRES: comesAgain()
 
     void gone(EntityId id);
     // Calls f(id, attribute, keys) for each collection, and forgets all of them first.
@@ -36,7 +38,7 @@ public:
 private:
     struct Collection {
         Keys keys;
-        Keys mentioned;  // those that have been, and are there, while the collection comes again
+        Keys mentioned;  // while the collection comes again: mentioned keys that exist
         bool comesAgain = false;
     };
     std::map<std::pair<EntityId, AttributeId>, Collection> collections_;
