@@ -268,6 +268,7 @@ TEST_F(TinyLogTest, WakesOnceForEachChangeWhoeverHasAllWhetherItFallsBehindOrNot
     }
     EXPECT_TRUE(wasLive[0] && wasLive[1]) << "which is what is tested";
     pair.expectEqual();
+    pair.reader->wakeIs({});  // the directory is emptied when `woken` has gone
 }
 
 TEST_F(SmallLogTest, MessageThatWasCutByTheStallGoesOn) {
