@@ -173,9 +173,11 @@ void PrefixTrie::prefixChildDelAll() {
 
 namespace {
 
-// Names that nodes were given lately, by their hash. Most components recur, and then nodes share the string.
+// Names that nodes were given lately, by their hash. Most components recur, and then nodes share the string. A longer
+// name is not kept: a thread keeps these strings for as long as it runs, whoever chose them.
 struct Names {
     static constexpr std::size_t count = 1024;
+    static constexpr std::size_t maxLength = 64;  // bytes
     String names[count];
 };
 thread_local Names* lateNames = nullptr;
@@ -188,6 +190,7 @@ struct NamesOwner {
 };
 
 String componentName(std::string_view text) {
+    if (text.size() > Names::maxLength) return text;
     if (!lateNames) {
         if (exits) return text;
         thread_local NamesOwner const owner;

@@ -311,6 +311,17 @@ TEST_F(PrefixTrieStructureTest, NodesOfOneNameShareTheString) {
     EXPECT_TRUE(nodeAt({"a", "/status"})->name().sharesStorageWith(nodeAt({"b", "/status"})->name()));
 }
 
+// A thread keeps names that it shares, so it shares none that could be large.
+TEST_F(PrefixTrieStructureTest, LongNamesAreNotShared) {
+    for (std::size_t const length : {64u, 65u}) {  // with the separator
+        std::string const name = "/" + std::string(length - 1, 'x');
+        add("a" + name);
+        add("b" + name);
+        EXPECT_EQ(
+            nodeAt({"a", name.c_str()})->name().sharesStorageWith(nodeAt({"b", name.c_str()})->name()), length == 64);
+    }
+}
+
 // --- the end ---
 
 TEST_F(PrefixTrieStructureTest, LastNodeIsFreedWithTheTrie) {
