@@ -9,6 +9,12 @@
 namespace Bench {
 
 inline std::size_t allocationCount = 0;
+inline std::size_t allocatedBytes = 0;  // as asked for
+
+inline void countAllocation(std::size_t size) {
+    ++allocationCount;
+    allocatedBytes += size;
+}
 
 }
 
@@ -18,25 +24,25 @@ extern "C" void* __libc_realloc(void* memory, std::size_t size);
 extern "C" void* __libc_memalign(std::size_t alignment, std::size_t size);
 
 extern "C" __attribute__((visibility("default"))) void* malloc(std::size_t size) noexcept {
-    ++Bench::allocationCount;
+    Bench::countAllocation(size);
     return __libc_malloc(size);
 }
 extern "C" __attribute__((visibility("default"))) void* realloc(void* memory, std::size_t size) noexcept {
-    ++Bench::allocationCount;
+    Bench::countAllocation(size);
     return __libc_realloc(memory, size);
 }
 extern "C" __attribute__((visibility("default"))) void* calloc(std::size_t count, std::size_t size) noexcept {
-    ++Bench::allocationCount;
+    Bench::countAllocation(count * size);
     return __libc_calloc(count, size);
 }
 extern "C" __attribute__((visibility("default"))) void* aligned_alloc(
     std::size_t alignment, std::size_t size) noexcept {
-    ++Bench::allocationCount;
+    Bench::countAllocation(size);
     return __libc_memalign(alignment, size);
 }
 extern "C" __attribute__((visibility("default"))) int posix_memalign(
     void** to, std::size_t alignment, std::size_t size) noexcept {
-    ++Bench::allocationCount;
+    Bench::countAllocation(size);
     void* const memory = __libc_memalign(alignment, size);
     if (memory) *to = memory;
     return memory ? 0 : ENOMEM;

@@ -2,8 +2,7 @@
 // answers that. With --million also for a million paths, which takes a minute and 2 GB.
 
 #include "Bench.h"
-
-#include "Mox/PrefixTrie.h"
+#include "PlainTrie.h"
 
 #include <memory>
 #include <random>
@@ -38,34 +37,11 @@ private:
 
 // --- contestants: the same operations on each ---
 
-// All of its states are one that holds nothing: the others have none.
-class PlainState : public Mox::PrefixTrieState {
-    bool upgradeState(Vel::Ptr<PrefixTrieState> const&, bool) override { return false; }
-    Vel::String outputForm() override { return ""; }
-};
-
-class PlainTrie : public Mox::PrefixTrie {
-public:
-    explicit PlainTrie(Vel::String const& name) : PrefixTrie(name) {}
-    static Vel::Ptr<PlainTrie> newEntity(Vel::String const& name) {
-        Vel::Ptr<PlainTrie> const made(new PlainTrie(name));
-        made->hasNotificationActiveIs(true);  // as every factory does
-        return made;
-    }
-    Vel::Ptr<Mox::PrefixTrieState> newStateIs() override { return state(); }
-    Vel::Ptr<PrefixTrie> newChildIs(Vel::String const& key) override { return newChildOf<PlainTrie>(key); }
-    void childInstanceDel(Vel::String const& key) override { prefixChildDel(key); }
-    static Vel::Ptr<Mox::PrefixTrieState> const& state() {
-        static Vel::Ptr<Mox::PrefixTrieState> const one(new PlainState);
-        return one;
-    }
-};
-
 struct MoxTrie {
     static constexpr char const* name = "Mox::PrefixTrie";
-    Vel::Ptr<PlainTrie> root = PlainTrie::newEntity("");
+    Vel::Ptr<Bench::PlainTrie> root = Bench::PlainTrie::newEntity("");
 
-    void add(Vel::String const& path) { root->prefixIs(path, PlainTrie::state()); }
+    void add(Vel::String const& path) { root->prefixIs(path, Bench::PlainTrie::state()); }
     void del(std::string const& path) { root->prefixDel(path); }
     bool isPrefix(std::string_view path) const { return root->isPrefix(path); }
     bool hasPrefix(std::string_view path) const { return root->hasPrefix(path); }
