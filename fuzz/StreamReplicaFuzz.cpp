@@ -25,7 +25,7 @@ using Vel::NboAttrLog::Compact;
 using Vel::NboAttrLog::MessageKind;
 
 void addTypes(Vel::NboAttrLog::BufferSm& sm) {
-    sm.begin(MessageKind::welcome, 3) << Vel::streamVersion << false;
+    sm.begin(MessageKind::welcome, 3) << Vel::streamVersion << true;
     sm.commit();
     U32 index = 0;
     for (char const* const name : {"Vel::Dir", "Mox::PrefixTrie", "Mox::PrefixTrieState", "Mox::GenerationEntity",
@@ -37,6 +37,20 @@ void addTypes(Vel::NboAttrLog::BufferSm& sm) {
     }
     sm.begin(MessageKind::announce, 0) << Compact{1} << Compact{0} << Compact{0} << Vel::String("d");
     sm.commit();
+    // An entity whose values are asked to change, under an id that other inputs do not use.
+    sm.begin(MessageKind::announce, 0) << Compact{63} << Compact{3} << Compact{1} << Compact{258}
+                                       << Vel::String("written") << Vel::String("written");
+    sm.commit();
+}
+
+// Asks for changes, so that answers may come.
+void write(Vel::AttrLogReplica& replica, Vel::Entity const& generation, unsigned& answers) {
+    auto const count = [&](Vel::WriteAnswer const&) { ++answers; };
+    constexpr auto id = Vel::attributeId<Mox::GenerationEntity>("generation");
+    for (U32 i = 0; i < 2; ++i) {
+        replica.write(generation, id, Mox::Generation(i, true), count);
+        replica.writeIf(generation, id, Mox::Generation(), Mox::Generation(i, false), count);
+    }
 }
 
 }  // namespace
@@ -50,7 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     limits.entities = 64;
     limits.types = 16;
     limits.keys = 64;
-    Vel::AttrLogReplica replica(place, "copy", {.path = {}, .wantsToWrite = false, .limits = limits});
+    Vel::AttrLogReplica replica(place, "copy", {.path = {}, .wantsToWrite = true, .limits = limits});
     std::size_t const piece = 1 + (data[0] >> 1);
     bool const isPrepared = data[0] & 1;
     std::span<Vel::U8 const> left(data + 1, size - 1);
@@ -63,12 +77,23 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
             replica.input(sm.bytes());
             if (!replica.error().empty()) std::abort();
         }
+        unsigned asked = 0, answers = 0;
+        if (isPrepared) {
+            auto const generation = Mox::generationEntityFactory("none");
+            try {
+                write(replica, *generation, answers);
+                std::abort();  // it is no entity of the copy
+            } catch (Vel::RangeException const&) {}
+            write(replica, *Vel::ptr_cast<Vel::Dir>(replica.root())->entry("written"), answers);
+            asked = 4;
+        }
         for (auto rest = left; !rest.empty(); rest = rest.subspan(std::min(piece, rest.size()))) {
             replica.input(rest.first(std::min(piece, rest.size())));
             if (replica.inputHeld() > limits.frame + 4 || replica.entities() > limits.entities) std::abort();
             replica.outputTaken(replica.output(100).size());
         }
         replica.closed("end");
+        if (answers != asked) std::abort();
     }
     return 0;
 }

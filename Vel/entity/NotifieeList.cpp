@@ -1,6 +1,7 @@
 #include "Vel/entity/NotifieeList.h"
 
 #include "Vel/entity/Entity.h"
+#include "Vel/entity/ObserverFailure.h"
 
 #include <utility>
 #include <vector>
@@ -98,17 +99,25 @@ void NotifieeList::deleteAll() noexcept {
 
 std::size_t NotifieeList::size() const noexcept { return block_ ? block_->entries.size() - block_->holes : 0; }
 
+// Of shared libraries only one may have it, so it is not inline.
+constinit thread_local ObserverFailure* ObserverFailure::innermost_ = nullptr;
+
 void NotifieeList::visitAll(AttributeId attribute, NotifieeKey const* key) {
     NotifieeBlock& block = *block_;
     Visit const visit(block);
     std::size_t const count = block.entries.size();
-    for (std::size_t i = 0; i < count && i < block.entries.size(); ++i) {
-        Notifiee* const notifiee = block.entries[i];
-        if (!notifiee) continue;
-        if (key)
-            notifiee->handleAttribute(attribute, *key);
-        else
-            notifiee->handleAttribute(attribute);
+    try {
+        for (std::size_t i = 0; i < count && i < block.entries.size(); ++i) {
+            Notifiee* const notifiee = block.entries[i];
+            if (!notifiee) continue;
+            if (key)
+                notifiee->handleAttribute(attribute, *key);
+            else
+                notifiee->handleAttribute(attribute);
+        }
+    } catch (...) {
+        ObserverFailure::note();
+        throw;
     }
 }
 

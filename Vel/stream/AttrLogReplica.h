@@ -3,6 +3,7 @@
 #include "Vel/describe/GenericIf.h"
 #include "Vel/entity/Dir.h"
 #include "Vel/stream/StreamPeer.h"
+#include "Vel/stream/StreamWrite.h"
 
 #include <functional>
 #include <memory>
@@ -50,22 +51,30 @@ public:
     std::size_t entities() const;  // number that the source has announced and that have not gone
     std::size_t copySize() const;  // estimated bytes that the source makes the copy take
 
-    // Asks the source to change the attribute. The change comes back like any other. Throws ReadOnlyException if the
-    // source accepts no changes. Throws RangeException if the source does not send the entity, or sends no value with
-    // this id. Throws TypeException for a value of another type.
-    void write(Entity const& entity, AttributeId attribute, GenericValue const& value) {
-        write(entity, attribute, value.type(), value.data());
-    }
-    template <class V>
-    requires(!std::same_as<V, GenericValue>) void write(Entity const& entity, AttributeId attribute, V const& value) {
-        write(entity, attribute, typeOf<V>(), &value);
-    }
+    // These ask the source for a change: of a value attribute, or of one key of a collection of values. The change
+    // comes back like any other. `told` is called once, when the answer has come or the connection has ended. Changes
+    // are made, and answered, in the order in which they were asked for. Up to 4096 may wait for their answers.
+    //
+    // All throw ReadOnlyException if the source accepts no changes. They throw RangeException if the source does not
+    // send the entity, if it has no such attribute, or if too many changes wait. They throw TypeException for a value
+    // or a key of another type. Then `told` is not called.
+    void write(Entity const& entity, AttributeId attribute, ValueRef value, WriteTold told = {});
+    // Changes the value only if it is `expected`, byte for byte as it is sent. If not, the answer has the value that is
+    // there.
+    void writeIf(Entity const& entity, AttributeId attribute, ValueRef expected, ValueRef value, WriteTold told = {});
+    void writeKey(Entity const& entity, AttributeId attribute, ValueRef key, ValueRef value, WriteTold told = {});
+    // The same if the key has the value `expected`, or if that is null and the collection does not have the key.
+    void writeKeyIf(Entity const& entity, AttributeId attribute, ValueRef key, ValueRef const* expected, ValueRef value,
+        WriteTold told = {});
+    void deleteKey(Entity const& entity, AttributeId attribute, ValueRef key, WriteTold told = {});
+    std::size_t unansweredWrites() const;  // number of changes that wait for their answers
 
     class Impl;
 
 private:
     void handleMessage(NboAttrLog::MessageKind kind, NboAttrLog::In& body) override;
-    void write(Entity const& entity, AttributeId attribute, VelType type, void const* value);
+    struct Request;
+    void send(Request const& request, WriteTold told);
 
     String path_;
     bool wantsToWrite_;

@@ -80,9 +80,10 @@ enum class MessageKind : U8 {
     ping = 12,
     pong = 13,
     keysAgain = 14,
-    keysEnd = 15
+    keysEnd = 15,
+    answer = 16
 };
-inline constexpr MessageKind lastMessageKind = MessageKind::keysEnd;
+inline constexpr MessageKind lastMessageKind = MessageKind::answer;
 
 // Writes messages: each is begun, filled and committed. A message that was not committed, for example because of an
 // exception, is dropped when the next one begins.

@@ -183,10 +183,13 @@ void measureTries() {
     for (int i = 0; i < 1000; ++i) added.push_back(name("status/oper", i));
     // The index that answers the questions below is made at one of these.
     for (int i = 0; i < 10000; ++i) keep(trie->isPrefix("/interface/ethernet1.1/counters"));
-    measure("a trie's longest prefix, found", [&] { keep(trie->enclosingPrefix("/interface/ethernet7.11/counters/in/bytes")); });
-    measure("a trie's longest prefix, missed", [&] { keep(trie->hasPrefix("/interface/ethernet7.11/neighbors/state")); });
+    measure("a trie's longest prefix, found",
+        [&] { keep(trie->enclosingPrefix("/interface/ethernet7.11/counters/in/bytes")); });
+    measure(
+        "a trie's longest prefix, missed", [&] { keep(trie->hasPrefix("/interface/ethernet7.11/neighbors/state")); });
     measure("is it a prefix of a trie", [&] { keep(trie->isPrefix("/interface/ethernet7.11/counters")); });
-    measure("add a prefix to a trie", [&] { trie->prefixIs(added[static_cast<std::size_t>(at++)], PlainTrie::state()); });
+    measure(
+        "add a prefix to a trie", [&] { trie->prefixIs(added[static_cast<std::size_t>(at++)], PlainTrie::state()); });
     at = 0;
     measure("delete a prefix of a trie", [&] { trie->prefixDel(added[static_cast<std::size_t>(at++)]); });
 }

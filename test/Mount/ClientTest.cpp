@@ -1,6 +1,7 @@
 #include "MountFixture.h"
 #include "SystemFailures.h"
 
+#include "Mount/Answer.h"
 #include "Redundancy/RedundancyStatus.h"
 #include "Vel/base/Exception.h"
 
@@ -384,6 +385,31 @@ TEST_F(WriteTest, AChangeGoesToTheServerAndComesBack) {
     EXPECT_EQ(idAt("copy/g"), 1u);
     EXPECT_TRUE(until([&] { return idAt("copy/g") == 9; }));
     EXPECT_EQ(original->generation(), Mox::Generation(9, true));
+}
+
+TEST_F(WriteTest, AnAnswerIsWaitedFor) {
+    Server::Options options;
+    options.source.mayWrite = true;
+    start(options);
+    Mount::Answer answer(loop);
+    EXPECT_FALSE(answer.isThere());
+    client->replica().write(*copyAt("copy/g"), attribute, Mox::Generation(9, true), answer.told());
+    EXPECT_EQ(answer.wait(std::chrono::nanoseconds(0)).result, Vel::WriteResult::unknown);
+    EXPECT_TRUE(answer.wait(enough).hasChanged());
+    EXPECT_TRUE(answer.isThere());
+    EXPECT_EQ(idAt("copy/g"), 9u);
+}
+
+TEST_F(WriteTest, AnAnswerIsUnknownWhenTheConnectionIsLost) {
+    Server::Options options;
+    options.source.mayWrite = true;
+    start(options);
+    Mount::Answer answer(loop);
+    client->replica().write(*copyAt("copy/g"), attribute, Mox::Generation(9, true), answer.told());
+    server.reset();
+    EXPECT_EQ(answer.wait(enough).result, Vel::WriteResult::unknown);
+    EXPECT_TRUE(answer.isThere());
+    EXPECT_EQ(answer.answer().text, "the connection has ended before the answer came");
 }
 
 TEST_F(WriteTest, AServerTakesNoChangesUnlessItIsTold) {

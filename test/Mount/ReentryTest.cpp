@@ -176,7 +176,7 @@ TEST_F(ReentryTest, AServerMayBeDestroyedByTheFirstMessageOfAConnection) {
     server->listen(address());
     observe(*a, [&] { server.reset(); });
     Message bytes = helloFor("a", true);
-    U8 const change[] = {9, 11, 1, 0x41, 0x02, 0, 0, 0, 77, 1};
+    U8 const change[] = {11, 11, 0, 0, 1, 0x41, 0x02, 0, 0, 0, 77, 1};
     bytes.insert(bytes.end(), std::begin(change), std::end(change));
     RawPeer peer(address());
     ASSERT_EQ(peer.send(bytes), bytes.size());

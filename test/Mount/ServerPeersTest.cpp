@@ -176,7 +176,7 @@ TEST_F(ServerPeersTest, RefusedConnectionsDoNotCount) {
     ASSERT_TRUE(until([&] { return server.status()->connections() != 0 && server.connections() <= 11; }));
     auto const third = peer();
     ASSERT_TRUE(untilSeen([&] { return !third->received().empty(); }));
-    EXPECT_EQ(third->received().substr(0, 4), std::string("\4\2\0\1", 4));
+    EXPECT_EQ(third->received().substr(0, 4), std::string("\4\2\0\2", 4));
 }
 
 TEST_F(ServerPeersTest, AFloodOfConnectionsIsBounded) {

@@ -167,7 +167,7 @@ Vel::String errorOfCircle(PrefixTrie& copy, unsigned member, char const* key) {
         body(sm.begin(kind, 0));
         sm.commit();
     };
-    send(MessageKind::welcome, [](auto& out) { out << Vel::U16(1) << false; });
+    send(MessageKind::welcome, [](auto& out) { out << Vel::U16(2) << false; });
     send(MessageKind::type, [](auto& out) {
         Vel::VelType const type = Vel::typeOf<PrefixTrie>();
         out << Compact{0} << Vel::String(type.name()) << Vel::String(type.moduleName()) << type.moduleFingerprint();

@@ -259,6 +259,16 @@ TEST_F(MoxLiveTest, PointsAtWhatIsNoValue) {
     EXPECT_EQ(answer("get", {"/ql/cell", "cellId"}), "3\n");
 }
 
+TEST_F(MoxLiveTest, SetsAValueOnlyIfItIsTheExpectedOne) {
+    serve(plainState(), {"--writable"});
+    EXPECT_EQ(answer("set", {"/ql/cell", "cellId", "4", "--if", "3"}), "4\n");
+    EXPECT_THAT(failure("set", {"/ql/cell", "cellId", "5", "--if", "3"}),
+        HasSubstr("mox: cellId is 4, and not 3; nothing has changed"));
+    EXPECT_EQ(answer("get", {"/ql/cell", "cellId"}), "4\n");
+    EXPECT_THAT(failure("set", {"/ql/cell", "cellId"}, 2), HasSubstr("VALUE is missing"));
+    EXPECT_THAT(failure("set", {"/ql/cell", "cellId", "4", "--delete"}, 2), HasSubstr("--delete goes with --at KEY"));
+}
+
 TEST_F(MoxLiveTest, SaysThatAServerIsReadOnly) {
     serve(plainState());
     EXPECT_THAT(failure("set", {"/ql/cell", "cellId", "4"}), HasSubstr("is read-only for you"));
@@ -410,7 +420,17 @@ TEST_F(MoxLiveTest, KnowsTheTypesOfALibrary) {
     EXPECT_EQ(json::parse(answer("get", {"/a", "level", "--json", "--module", TANK_LIBRARY}))["value"],
         json::parse(R"({"litres": 1.5, "measured": true})"));
     EXPECT_THAT(failure("set", {"/a", "most", "200", "--timeout", "0.5", "--module", TANK_LIBRARY}),
-        HasSubstr("sent, but most is still 100 after 0.5 s"));
+        HasSubstr("the server took it, but most is 100"));
+    EXPECT_EQ(answer("set", {"/a", "note", "--at", "'why not'", "9", "--module", TANK_LIBRARY}), "9\n");
+    EXPECT_EQ(json::parse(answer(
+                  "set", {"/a", "note", "--at", "'why not'", "10", "--if", "9", "--json", "--module", TANK_LIBRARY})),
+        json::parse(R"({"path": "/a", "attribute": "note", "key": "why not", "type": "U32", "value": 10,
+            "changed": true})"));
+    EXPECT_THAT(failure("set", {"/a", "note", "--at", "'why not'", "11", "--if", "9", "--module", TANK_LIBRARY}),
+        HasSubstr("note is 10, and not 9; nothing has changed"));
+    EXPECT_EQ(answer("set", {"/a", "note", "--at", "'why not'", "--delete", "--module", TANK_LIBRARY}), "");
+    EXPECT_THAT(failure("set", {"/a", "inlet", "--at", "1", "7", "--module", TANK_LIBRARY}),
+        HasSubstr("inlet is no collection of values"));
 }
 
 TEST_F(MoxLiveTest, SaysThatALibraryIsNeeded) {

@@ -1,6 +1,7 @@
 #include "Vel/stream/internal/AttrLogReader.h"
 
 #include "Vel/base/Exception.h"
+#include "Vel/stream/internal/ReplicaWrites.h"
 #include "Vel/text/PeerText.h"
 
 #include <algorithm>
@@ -12,6 +13,13 @@ using NboAttrLog::compactSize;
 using NboAttrLog::In;
 using NboAttrLog::MessageKind;
 using NboAttrLog::nextCompact;
+
+namespace {
+
+constexpr std::size_t longestWords = 1024;  // bytes of a mutator's words in an answer
+constexpr std::size_t mostAnswered = 4096;  // bytes of answers, and of changes before them, in one output
+
+}  // namespace
 
 AttrLogReader::AttrLogReader(Finder finder, StreamLimits const& limits, bool mayWrite, Admission admission)
     : StreamPeer(limits),
@@ -31,6 +39,8 @@ void AttrLogReader::leave() {
     FlowConnection::clear();
     std::vector<EntityId>().swap(gone_);
     std::vector<EntityId>().swap(goneFirst_);
+    std::deque<Answer>().swap(answers_);
+    answersHeld_ = 0;
 }
 
 void AttrLogReader::closed(String const& reason) {
@@ -50,15 +60,30 @@ void AttrLogReader::handleMessage(MessageKind kind, In& body) {
     if (kind == MessageKind::hello && !source_) return hello(body);
     if (kind != MessageKind::write || !source_)
         throw StreamException(format("a reader sends no message of kind %u now", static_cast<unsigned>(kind)), 0);
-    EntityId const id = nextCompact(body);
-    AttributeId const attribute = nextCompact(body);
-    In items({body.data(), body.left()});
-    source_->write(id, attribute, items, mayWrite_);
+    write(body);
+}
+
+void AttrLogReader::write(In& body) {
+    if (answers_.size() >= ReplicaWrites::most)
+        throw StreamException("changes come faster than their answers are taken", 0);
+    U32 const number = nextCompact(body);
+    WriteAnswer answer = source_->write(body, mayWrite_);
+    if (source_) this->answer(number, std::move(answer));  // unless an observer has ended the connection
+}
+
+void AttrLogReader::answer(U32 number, WriteAnswer answer) {
+    bool const wanted = wantsOutput();
+    answer.text = peerText(answer.text.view(), longestWords);
+    answers_.push_back({number, std::move(answer), source_->log().head()});
+    answersHeld_ += answers_.back().held();
+    if (!wanted) wake();
 }
 
 void AttrLogReader::hello(In& body) {
     if (body.nextU32() != streamMagic) throw StreamException("not an attribute log", 0);
-    U16 const version = body.nextU16();
+    if (U16 const version = body.nextU16(); version != streamVersion)
+        return refuse(
+            format("the client speaks version %u of the protocol, and the server version %u", version, streamVersion));
     bool const wantsToWrite = body.nextbool();
     String const path = body.nextString();
     U32 const count = body.nextU32();
@@ -71,9 +96,6 @@ void AttrLogReader::hello(In& body) {
         if (isNew) modulesHeld_ += sizeof *at + 4 * sizeof(void*) + name.size();
     }
     if (body.left() != 0) throw StreamException("a hello with bytes behind its end", body.offset());
-    if (version != streamVersion)
-        return refuse(
-            format("the client speaks version %u of the protocol, and the server version %u", version, streamVersion));
     AttrLogSource::Impl* const source = finder_(path);
     if (!source) return refuse(refusalOf(StreamFault::nothingThere, peerText(path.view())));
     if (String const why = admission_ ? admission_() : String(); !why.empty()) return refuse(why);
@@ -143,7 +165,7 @@ void AttrLogReader::refuseLater(StreamRefusal refusal) {
 bool AttrLogReader::wantsOutput() const {
     if (StreamPeer::wantsOutput()) return true;
     if (!source_ || isClosing()) return false;
-    return !isLive_ || !refusal_.text.empty() || position_ != source_->log().head();
+    return !isLive_ || !refusal_.text.empty() || !answers_.empty() || position_ != source_->log().head();
 }
 
 std::span<U8 const> AttrLogReader::output(std::size_t limit) {
@@ -180,6 +202,7 @@ std::span<U8 const> AttrLogReader::outputOfLog(std::size_t limit) {
         finishLogMessage();
         takeControl();
     }
+    if (!answers_.empty() && !isLogsTurn) addAnswers();
     if (out_.size() != 0) {
         isLogsTurn_ = true;
         return outFront(limit);
@@ -193,6 +216,41 @@ std::span<U8 const> AttrLogReader::outputOfLog(std::size_t limit) {
         source_->awaits(*this);
     }
     return bytes;
+}
+
+// Adds answers to out_, and the changes before them. What has to be sent before may be too long for that: then the log
+// comes first, and the answers in a later turn.
+void AttrLogReader::addAnswers() {
+    NboAttrLog::AttrLog const& log = source_->log();
+    while (!answers_.empty() && out_.size() < mostAnswered) {
+        Answer const& next = answers_.front();
+        if (position_ < next.after) {
+            std::size_t left = log.sizeFrom(position_) - log.sizeFrom(next.after);
+            if (left > mostAnswered) return;
+            while (left != 0) {
+                auto const bytes = log.read(position_, left);
+                out_.add(bytes);
+                position_.offset += bytes.size();
+                left -= bytes.size();
+            }
+        }
+        writeAnswer(out_, next);
+        answersHeld_ -= next.held();
+        answers_.pop_front();
+    }
+}
+
+void AttrLogReader::writeAnswer(NboAttrLog::OutSm& sm, Answer const& answer) {
+    auto const& [result, text, value] = answer.answer;
+    auto& out = sm.begin(MessageKind::answer, compactSize(answer.number) + 1);
+    out << Compact{answer.number} << static_cast<U8>(result);
+    if (result == WriteResult::differs) {
+        out << value.has_value();
+        if (value) value->type().glue().write(out, value->data());
+    } else if (result != WriteResult::done) {
+        out << text;
+    }
+    sm.commit();
 }
 
 void AttrLogReader::outputTaken(std::size_t count) {
@@ -227,6 +285,7 @@ void AttrLogReader::catchUp() {
             out_.begin(MessageKind::synced, 0);
             out_.commit();
             position_ = source_->log().head();
+            for (Answer& answer : answers_) answer.after = position_;
             isLive_ = true;
             source_->goLive(*this);
             return;

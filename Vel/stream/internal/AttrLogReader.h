@@ -5,6 +5,7 @@
 #include "Vel/stream/internal/StreamProtocol.h"
 #include "Vel/stream/internal/StreamRefusal.h"
 
+#include <deque>
 #include <functional>
 #include <string>
 #include <unordered_map>
@@ -27,7 +28,7 @@ public:
     std::span<U8 const> output(std::size_t limit) override;
     void outputTaken(std::size_t count) override;
     bool wantsOutput() const override;
-    std::size_t held() const override { return StreamPeer::held() + modulesHeld_; }
+    std::size_t held() const override { return StreamPeer::held() + modulesHeld_ + answersHeld_; }
     void closed(String const& reason) override;
 
     bool isLive() const { return isLive_; }
@@ -57,6 +58,9 @@ private:
     void typeIsNeeded(VelType type) override;
     void handleMessage(NboAttrLog::MessageKind kind, NboAttrLog::In& body) override;
     void hello(NboAttrLog::In& body);
+    void write(NboAttrLog::In& body);
+    void answer(U32 number, WriteAnswer answer);
+    void addAnswers();
     void outputCatchingUp(std::size_t limit);
     std::span<U8 const> outputOfLog(std::size_t limit);
     void catchUp();
@@ -64,6 +68,16 @@ private:
     void finishLogMessage();
     void ownOutstanding();
     void leave();
+    // A change that was asked for is answered when the reader has been sent the log up to `after`, the change included.
+    struct Answer {
+        U32 number;
+        WriteAnswer answer;
+        NboAttrLog::AttrLog::Position after;  // meant only while the reader is live
+        std::size_t held() const {
+            return sizeof *this + answer.text.size() + (answer.value ? answer.value->attrLogSize() : 0);
+        }
+    };
+    static void writeAnswer(NboAttrLog::OutSm& sm, Answer const& answer);
     template <class F> void eachUnread(F f) const;  // calls f(message) for each whole message not sent
     void knowNothingUnread();
     void flagMessage(std::span<U8 const> message);
@@ -77,6 +91,8 @@ private:
     std::shared_ptr<NboAttrLog::Out const> kept_;  // the chunk with the last output
     NboAttrLog::AttrLog::Position position_;
     StreamRefusal refusal_;
+    std::deque<Answer> answers_;   // of changes that were made or rejected, not sent yet
+    std::size_t answersHeld_ = 0;  // bytes of memory of these
     std::size_t modulesHeld_ = 0;  // bytes of modules_
     std::size_t room_ = 0;
     U64 lastStep_ = 0;             // the output() that is running stops there

@@ -34,6 +34,7 @@ AttrLogReplica::Impl::Impl(Ptr<Entity> root, Ptr<Dir> parent, String name, Strea
 
 void AttrLogReplica::Impl::connected() {
     forgetSource();
+    writes_.lost();
     welcomed_ = false;
     types_.clear();
     entities_.recountBefore(root_.get());
@@ -43,6 +44,7 @@ void AttrLogReplica::Impl::connected() {
 void AttrLogReplica::Impl::disconnected() {
     forgetSource();
     stateIs(root_ ? State::stale : State::empty);
+    writes_.lost();
 }
 
 void AttrLogReplica::Impl::forgetSource() {
@@ -82,6 +84,8 @@ void AttrLogReplica::Impl::handleMessage(MessageKind kind, In& body) {
         return keysAgain(body);
     case MessageKind::keysEnd:
         return keysEnd(body);
+    case MessageKind::answer:
+        return writes_.answer(body);
     case MessageKind::synced:
         needEnd(body);
         return synced();
@@ -92,7 +96,9 @@ void AttrLogReplica::Impl::handleMessage(MessageKind kind, In& body) {
 
 void AttrLogReplica::Impl::welcome(In& body) {
     if (U16 const version = body.nextU16(); version != streamVersion)
-        throw StreamException(format("the source speaks version %u of the protocol", version), 0);
+        throw StreamException(
+            format("the source speaks version %u of the protocol, and this reader version %u", version, streamVersion),
+            0);
     mayWrite_ = body.nextbool();
     needEnd(body);
     welcomed_ = true;

@@ -4,6 +4,7 @@
 #include "Vel/stream/internal/ReplicaEntities.h"
 #include "Vel/stream/internal/ReplicaNesting.h"
 #include "Vel/stream/internal/ReplicaPlace.h"
+#include "Vel/stream/internal/ReplicaWrites.h"
 #include "Vel/stream/internal/UnmentionedKeys.h"
 
 #include <map>
@@ -20,6 +21,7 @@ public:
     Ptr<Entity> const& root() const { return root_; }
     bool mayWrite() const { return mayWrite_; }
     ReplicaEntities const& entities() const { return entities_; }
+    ReplicaWrites& writes() { return writes_; }
 
     void connected();     // called for a new connection, of which nothing is known yet
     void disconnected();  // called when the connection has ended
@@ -65,6 +67,7 @@ private:
     std::map<U32, VelType> types_;
     ReplicaEntities entities_;
     UnmentionedKeys unmentioned_;
+    ReplicaWrites writes_;
     ReplicaNesting nesting_;
 };
 

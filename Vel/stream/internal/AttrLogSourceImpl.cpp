@@ -117,9 +117,10 @@ std::size_t AttrLogSource::Impl::backlog() const {
     return most;
 }
 
-void AttrLogSource::Impl::write(EntityId id, AttributeId attribute, In& value, bool allowed) {
-    Adapter* const adapter = this->adapter(id);
-    if (!adapter) return;
+WriteAnswer AttrLogSource::Impl::write(In& body, bool allowed) {
+    U8 const ops = body.nextU8();
+    Adapter* const adapter = this->adapter(NboAttrLog::nextCompact(body));
+    if (!adapter) return {WriteResult::gone, "the entity has gone"};
     struct Write {
         Write(StreamDemuxer& demuxer, unsigned& writes, bool allowed)
             : demuxer_(demuxer), writes_(writes), allowedBefore_(demuxer.remoteMayWrite()) {
@@ -139,7 +140,7 @@ void AttrLogSource::Impl::write(EntityId id, AttributeId attribute, In& value, b
         bool const allowedBefore_;
     };
     Write const write(demuxer(), writes_, allowed);
-    adapter->writeFromRemote(attribute, value);
+    return adapter->writeFromRemote(ops, body);
 }
 
 // Drops the chunks that all live readers have read. If the log is too long then, the slowest reader has to catch up,

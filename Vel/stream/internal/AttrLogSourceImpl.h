@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Vel/stream/AttrLogSource.h"
+#include "Vel/stream/StreamWrite.h"
 #include "Vel/stream/internal/AttrLog.h"
 #include "Vel/stream/internal/StreamView.h"
 
@@ -35,9 +36,9 @@ public:
     void leaveLive(AttrLogReader& reader, bool catchesUp);
     void awaits(AttrLogReader& reader);  // the reader wants to be woken at the next change
     NboAttrLog::FlowConnection const& live() const { return live_; }
-    // Applies a reader's change. Throws ReadOnlyException if it is not `allowed`. Ignores an id that is not in the
-    // view: the entity has gone and the reader has not heard of that yet, or the reader was never told of it.
-    void write(EntityId id, AttributeId attribute, NboAttrLog::In& value, bool allowed);
+    // Applies a change that a reader asks for, and returns the answer. An id that is not in the view is of an entity
+    // that has gone, and the reader has not heard of that yet; or the reader was never told of it.
+    WriteAnswer write(NboAttrLog::In& body, bool allowed);
     bool isBeingWritten() const { return writes_ != 0; }  // then the source must stay
 
 private:

@@ -2,6 +2,7 @@
 
 #include "Vel/base/Assert.h"
 #include "Vel/base/Exception.h"
+#include "Vel/stream/internal/RemoteWrite.h"
 #include "Vel/stream/internal/StreamView.h"
 
 namespace Vel {
@@ -97,30 +98,34 @@ void Sa::handleAttribute(AttributeId id) {
 void Sa::handleAttribute(AttributeId id, NotifieeKey const& key) {
     StreamAttribute const* const attribute = table().find(id);
     if (!attribute || !attribute->isCollection()) return;
-    StreamDemuxer& demuxer = streamDemuxer();
-    Out& bytes = demuxer.keyOut();
+    Out& bytes = streamDemuxer().keyOut();
     bytes.clear();
     attribute->writeKey(bytes, key.data());
+    keyChanged(*attribute, bytes.bytes());
+}
+
+void Sa::keyChanged(StreamAttribute const& attribute, std::span<U8 const> key) {
+    StreamDemuxer& demuxer = streamDemuxer();
     demuxer.givingIds([&] {
-        In in(bytes.bytes());
+        In in(key);
         Sa* member = nullptr;
         bool isThere = false;
-        if (attribute->kind == StreamKind::values) {
-            isThere = attribute->holds(this->entity(), in);
+        if (attribute.kind == StreamKind::values) {
+            isThere = attribute.holds(this->entity(), in);
         } else {
-            Entity* const entity = attribute->member(this->entity(), in);
+            Entity* const entity = attribute.member(this->entity(), in);
             member = entity ? demuxer.referredIs(*this, *entity) : nullptr;
             isThere = member != nullptr;
             if (!isThere) demuxer.referenceDropped(*this);
         }
 
-        std::string_view const view(reinterpret_cast<char const*>(bytes.data()), bytes.size());
+        std::string_view const view(reinterpret_cast<char const*>(key.data()), key.size());
         for (FlowConnection* const connection : demuxer.catchingUp()) {
-            if (member && attribute->kind == StreamKind::instances) connection->notInstantiated(*member);
-            demuxer.changeCounted(!flowOutOnAttributeForConnection(*connection, *attribute, view, isThere, member));
+            if (member && attribute.kind == StreamKind::instances) connection->notInstantiated(*member);
+            demuxer.changeCounted(!flowOutOnAttributeForConnection(*connection, attribute, view, isThere, member));
         }
         if (demuxer.live().empty()) return;
-        handleCollectionKeySerialization(*attribute, view, isThere, member);
+        handleCollectionKeySerialization(attribute, view, isThere, member);
         demuxer.changesAreWritten();
     });
 }
@@ -293,19 +298,32 @@ void Sa::throwWriteUpdateFromReadOnlyProxyException() const {
     throw ReadOnlyException(format("%s is mounted read-only and takes no changes", entity().path().charPtr()));
 }
 
-void Sa::writeFromRemote(AttributeId id, In& in) {
-    if (!allowWriteFromReadOnlyRemote()) throwWriteUpdateFromReadOnlyProxyException();
-    Ptr<Entity> const keep(&entity());  // an observer may release the entity, and this adapter with it
-    attrLogFlagsIs(fromRemoteBit, true);
-    StreamDemuxer& demuxer = streamDemuxer();
-    EntityId const self = this->id();
+WriteAnswer Sa::writeFromRemote(U8 ops, In& body) {
+    needInactive(entity());
+    RemoteWrite const write(*this, ops, body);
     try {
-        onAttributeForConnection(id, in);
-    } catch (...) {
-        if (Sa* const still = demuxer.adapter(self)) still->attrLogFlagsIs(fromRemoteBit, false);
-        throw;
+        if (!allowWriteFromReadOnlyRemote()) throwWriteUpdateFromReadOnlyProxyException();
+    } catch (ReadOnlyException const& error) {
+        return {WriteResult::readOnly, error.text()};
     }
-    if (Sa* const still = demuxer.adapter(self)) still->attrLogFlagsIs(fromRemoteBit, false);
+    Ptr<Entity> const keep(&entity());  // an observer may release the entity, and this adapter with it
+    StreamDemuxer& demuxer = streamDemuxer();
+    EntityId const self = id();
+    attrLogFlagsIs(fromRemoteBit, true);
+    WriteAnswer answer = write.apply();
+    Sa* const still = demuxer.adapter(self);
+    if (!still) return answer;
+    still->attrLogFlagsIs(fromRemoteBit, false);
+    if (answer.result == WriteResult::observerFailed) still->tellAgain(write);
+    return answer;
+}
+
+// Tells readers of a change that they may not have been told of, since an observer before this one has thrown.
+void Sa::tellAgain(RemoteWrite const& write) {
+    if (write.attribute().isCollection())
+        keyChanged(write.attribute(), write.key());
+    else
+        handleAttribute(write.attribute().id);
 }
 
 }  // namespace Vel

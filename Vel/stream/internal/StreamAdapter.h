@@ -3,9 +3,11 @@
 #include "Vel/describe/StreamTable.h"
 #include "Vel/entity/Entity.h"
 #include "Vel/stream/FlowOut.h"
+#include "Vel/stream/StreamWrite.h"
 
 namespace Vel {
 
+class RemoteWrite;
 class StreamDemuxer;
 
 namespace NboAttrLog {
@@ -37,7 +39,7 @@ public:
     U64 audience() const { return audience_; }
     void audienceIs(U64 number) { audience_ = number; }
 
-    // Applies the value of an attribute that a reader has sent. REQUIRES: as needInactive().
+    // Applies the value of an attribute that a source has sent. REQUIRES: as needInactive().
     void onAttributeForConnection(AttributeId id, NboAttrLog::In& in);
 
     // Called by a source or a replica before it applies a message to the entity. REQUIRES: no source is writing the
@@ -92,12 +94,14 @@ public:
     bool flowOutOnAttributeForConnection(NboAttrLog::FlowConnection& connection, StreamAttribute const& attribute,
         std::string_view key, bool isThere, VelNboAttrLogSa const* member);
 
-    // Applies a reader's change of an attribute. Throws ReadOnlyException if the reader may not write.
-    void writeFromRemote(AttributeId id, NboAttrLog::In& in);
+    // Applies a change that a reader asks for, and returns the answer: see RemoteWrite. REQUIRES: as needInactive().
+    WriteAnswer writeFromRemote(U8 ops, NboAttrLog::In& body);
     bool allowWriteFromReadOnlyRemote() const;  // whether the reader whose message is being handled may write
     [[noreturn]] void throwWriteUpdateFromReadOnlyProxyException() const;
 
 private:
+    void keyChanged(StreamAttribute const& attribute, std::span<U8 const> key);
+    void tellAgain(RemoteWrite const& write);
     void shareKey(StreamAttribute const& attribute, std::string_view key, bool isThere);
     template <class F> void eachLive(F f) const;
     AttributeId flowOutCollection(

@@ -6,6 +6,15 @@ namespace Vel {
 
 // The first two items of a hello.
 inline constexpr U32 streamMagic = 0x56454C41;  // "VELA"
-inline constexpr U16 streamVersion = 1;
+inline constexpr U16 streamVersion = 2;
+
+// What a message `write` asks for: bits.
+enum class WriteOp : U8 {
+    set = 0,       // the value comes
+    del = 1,       // the key is to go
+    expected = 2,  // only if it is what comes before: a bool that says whether there is a value, and the value
+};
+inline constexpr U8 writeOps = 3;  // all bits
+constexpr bool has(U8 ops, WriteOp op) { return (ops & static_cast<U8>(op)) != 0; }
 
 }  // namespace Vel

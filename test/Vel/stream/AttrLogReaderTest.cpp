@@ -33,7 +33,7 @@ Bytes helloThatWrites() {
 
 TEST(HostileReaderTest, WhatNoReaderSaysIsRefusedByName) {
     Bytes const hello = helloWith(Vel::streamMagic);
-    Bytes const write = message(MessageKind::write, [](Out& out) { out << Compact{1} << Compact{258}; });
+    Bytes const write = writeMessage(0, 0, 1, [](Out& out) { out << Compact{258}; });
     Bytes const value = message(MessageKind::value, [](Out& out) { out << Compact{1} << Compact{258}; });
     std::vector<std::pair<std::vector<Bytes>, std::string>> const cases{
         {{write}, "a reader sends no message of kind 11 now"},
@@ -58,7 +58,7 @@ TEST(HostileReaderTest, WriteToWhatIsNotThereChangesNothing) {
     Vel::AttrLogSource source(Dir::newEntity("d"));
     auto const reader = source.newReader();
     reader->input(helloWith(Vel::streamMagic));
-    reader->input(message(MessageKind::write, [](Out& out) { out << Compact{99} << Compact{258} << 1u; }));
+    reader->input(writeMessage(0, 0, 99, [](Out& out) { out << Compact{258} << 1u; }));
     EXPECT_EQ(reader->error(), "");
 }
 
@@ -69,7 +69,7 @@ TEST(HostileReaderTest, WriteToWhatIsNoValueIsRefused) {
     for (U32 const attribute : {260u, 300u}) {  // a pointer, and none at all
         auto const reader = source.newReader();
         reader->input(helloThatWrites());
-        reader->input(message(MessageKind::write, [&](Out& out) { out << Compact{1} << Compact{attribute} << 1u; }));
+        reader->input(writeMessage(0, 0, 1, [&](Out& out) { out << Compact{attribute} << 1u; }));
         EXPECT_EQ(reader->error(), Vel::format("Fixture::Leaf has no value attribute %u", attribute));
     }
 }

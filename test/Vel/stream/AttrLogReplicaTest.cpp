@@ -25,7 +25,7 @@ TEST(StreamHelloTest, SaysWhoItIsAndWhatItWants) {
     auto const text = messages(bytes).at(0);
     EXPECT_EQ(text.substr(0, 2 + 8 + 4 + 2 + 12), "01"
                                                   "56454c41"
-                                                  "0001"
+                                                  "0002"
                                                   "01"
                                                   "000000022f61");
     Vel::NboAttrLog::In in(Vel::NboAttrLog::messageBody(bytes).subspan(13));
@@ -279,8 +279,8 @@ TEST_F(HostileSourceTest, SynchronisedMayBeSaidAgainAndTellsNobody) {
 }
 
 TEST_F(HostileSourceTest, AnotherVersionOfTheProtocolIsRefused) {
-    expectRefused(message(MessageKind::welcome, [](Out& out) { out << Vel::U16(2) << false; }),
-        "the source speaks version 2 of the protocol");
+    expectRefused(message(MessageKind::welcome, [](Out& out) { out << Vel::U16(1) << false; }),
+        "the source speaks version 1 of the protocol, and this reader version 2");
 }
 
 TEST_F(HostileSourceTest, TypesAreLimited) {

@@ -105,7 +105,7 @@ std::string typeBytes(std::string const& index, std::string const& name, std::st
 }
 
 TEST_F(StreamBytesTest, SynchronisationIsTheseMessages) {
-    EXPECT_EQ(sent(), (Strings{"02000100",                                         // welcome, read-only
+    EXPECT_EQ(sent(), (Strings{"02000200",                                         // welcome, read-only
                           typeBytes("00", "Vel::Dir", "Dir", Vel::typeOf<Dir>()),  //
                           "04010000"                                               // announce 1, the root
                           "0000000164",                                            // "d"

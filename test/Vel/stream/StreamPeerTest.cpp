@@ -87,10 +87,7 @@ TEST(StreamPeerTest, MessageHoldsWhatHasComeOfIt) {
     pair.connect();
     pair.run();
     std::size_t const before = pair.reader->held();
-    Bytes const large = message(MessageKind::write, [](Out& out) {
-        out << Compact{1000} << Compact{258};
-        out.append(1'000'000);
-    });
+    Bytes const large = writeMessage(0, 0, 1000, [](Out& out) { out.append(1'000'000); });
     std::span<Vel::U8 const> const bytes = large;
     pair.reader->input(bytes.first(10));
     EXPECT_LE(pair.reader->held(), before + 10);
@@ -99,7 +96,7 @@ TEST(StreamPeerTest, MessageHoldsWhatHasComeOfIt) {
     EXPECT_GE(pair.reader->held(), before + 600'010);
     pair.reader->input(bytes.subspan(600'010));
     EXPECT_EQ(pair.reader->error(), "");
-    EXPECT_EQ(pair.reader->held(), before);
+    EXPECT_LE(pair.reader->held(), before + 200) << "for the answer";
 }
 
 // Up to 4 KiB of room are kept for the next message that comes in parts, and no more.
@@ -109,15 +106,15 @@ TEST(StreamPeerTest, RoomOfAMessageThatCameInPartsIsKeptUnlessItIsLarge) {
         pair.connect();
         pair.run();
         std::size_t const before = pair.reader->held();
-        Bytes const bytes = message(MessageKind::write, [&](Out& out) {
-            out << Compact{63} << Compact{63};
-            out.append(size - 5);  // behind a length of two bytes, the kind and these two
-        });
+        // Behind a length of two bytes, the kind, the number, what is asked for and the entity's id:
+        Bytes const bytes = writeMessage(0, 0, 63, [&](Out& out) { out.append(size - 6); });
         ASSERT_EQ(bytes.size(), size);
         pair.reader->input(std::span(bytes).first(3000));
         pair.reader->input(std::span(bytes).subspan(3000));
         EXPECT_EQ(pair.reader->error(), "");
-        EXPECT_EQ(pair.reader->held() - before, size == 4096 ? size : 0);
+        std::size_t const answer = 200;  // more than it takes
+        EXPECT_LE(pair.reader->held() - before, answer + (size == 4096 ? size : 0));
+        EXPECT_GE(pair.reader->held() - before, size == 4096 ? size : 0);
     }
 }
 

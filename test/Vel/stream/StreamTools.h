@@ -78,6 +78,15 @@ inline Bytes message(
     return {sm.bytes().begin(), sm.bytes().end()};
 }
 
+// What a reader sends to change something: the number of the change, what is asked for, and the entity. `body` writes
+// the rest, from the attribute on.
+inline Bytes writeMessage(U32 number, Vel::U8 ops, Vel::EntityId id, std::function<void(Out&)> const& body) {
+    return message(MessageKind::write, [&](Out& out) {
+        out << Vel::NboAttrLog::Compact{number} << ops << Vel::NboAttrLog::Compact{id};
+        body(out);
+    });
+}
+
 // A hello whose modules are changed.
 inline Bytes hello(bool wantsToWrite, std::map<std::string, Vel::U64> const& instead) {
     Vel::NboAttrLog::BufferSm sm;
@@ -89,7 +98,7 @@ inline Bytes hello(bool wantsToWrite, std::map<std::string, Vel::U64> const& ins
     }
     for (auto const& [name, fingerprint] : instead) modules[name] = fingerprint;
     std::erase_if(modules, [](auto const& m) { return m.second == 0; });
-    out << Vel::U32(0x56454c41) << Vel::U16(1) << wantsToWrite << Vel::String()
+    out << Vel::U32(0x56454c41) << Vel::U16(2) << wantsToWrite << Vel::String()
         << static_cast<Vel::U32>(modules.size());
     for (auto const& [name, fingerprint] : modules) out << Vel::String(name) << fingerprint;
     sm.commit();
@@ -114,6 +123,16 @@ inline std::string announcementOf(In& in) {
     if (parent != 0) text += " at " + std::to_string(parent) + "." + number(in);
     while (in.left() >= 4) text += " " + textOf(in);
     return text;
+}
+
+// "answer 3 done", "answer 3 rejected: words", "answer 3 differs 00000007".
+inline std::string answerOf(In& in) {
+    std::string text = "answer " + number(in);
+    auto const result = static_cast<Vel::WriteResult>(in.nextU8());
+    text += std::string(" ") + Vel::writeResultName(result);
+    if (result == Vel::WriteResult::done) return text;
+    if (result == Vel::WriteResult::differs) return text + (in.nextbool() ? " " + hex({in.data(), in.left()}) : "");
+    return text + ": " + textOf(in);
 }
 
 // Of what says something about an attribute or a key.
@@ -157,6 +176,8 @@ inline std::string toldOf(MessageKind kind, In in) {
         return "refused " + textOf(in);
     case MessageKind::write:
         return "write " + number(in);
+    case MessageKind::answer:
+        return answerOf(in);
     case MessageKind::ping:
         return "ping " + std::to_string(in.nextU32());
     case MessageKind::pong:

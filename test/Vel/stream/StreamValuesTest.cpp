@@ -203,7 +203,7 @@ protected:
         table->markIs(1, 1);
         replica->connected();
         takeOutput(*replica);
-        send(MessageKind::welcome, [](Out& out) { out << Vel::U16(1) << false; });
+        send(MessageKind::welcome, [](Out& out) { out << Vel::U16(2) << false; });
         Vel::VelType const type = Vel::typeOf<ValueTable>();
         send(MessageKind::type, [&](Out& out) {
             out << Compact{0} << String(type.name()) << String(type.moduleName()) << type.moduleFingerprint();

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "Vel/stream/StreamWrite.h"
+#include "Vel/stream/internal/StreamAdapter.h"
+#include "Vel/stream/internal/StreamProtocol.h"
+
+#include <span>
+
+namespace Vel {
+
+// A change that a reader asks for: of a value attribute, or of one key of a collection of values.
+//
+// All of the message is read before anything is changed. So an error in it is the reader's, and ends the connection;
+// what is thrown after that is the mutator's or an observer's, and is answered.
+class VEL_API RemoteWrite {
+public:
+    // Reads the message from the attribute's id on. Throws StreamException. The bytes of `body` must outlive this.
+    RemoteWrite(StreamAdapter& adapter, U8 ops, NboAttrLog::In& body);
+
+    WriteAnswer apply() const;  // an observer may destroy the adapter
+    StreamAttribute const& attribute() const { return attribute_; }
+    std::span<U8 const> key() const { return key_; }  // of a collection, as its type encodes it
+
+private:
+    std::span<U8 const> nextValue(NboAttrLog::In& body) const;
+    std::optional<GenericValue> current() const;
+    bool isAsExpected(std::optional<GenericValue> const& current) const;
+    bool isKey() const { return attribute_.kind == StreamKind::values; }
+    void change() const;
+
+    StreamAdapter& adapter_;
+    StreamAttribute const& attribute_;
+    U8 ops_;
+    bool expectsValue_ = false;
+    std::span<U8 const> key_;
+    std::span<U8 const> expected_;
+    std::span<U8 const> value_;
+};
+
+}  // namespace Vel
