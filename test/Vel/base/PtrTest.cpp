@@ -348,6 +348,25 @@ TEST(AllocTrackTest, CountsObjectsAndBytes) {
     EXPECT_EQ(info.allocations(), 12u);
 }
 
+// Threads that share no object need no atomic counts of references, but share the statistics of a type.
+TEST(AllocTrackTest, CountsOfSeveralThreadsAreExact) {
+    static constinit Vel::AllocTrackTypeInfo info("SharedByThreads");
+    ASSERT_FALSE(Vel::VFPtrInterface::threadSafePointers_);
+    info._trackAllocation(8, 8);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([] {
+            for (int i = 0; i < 100000; ++i) {
+                info._trackAllocation(8, 8);
+                if (i % 2 == 0) info.trackDeallocation(8, 8);
+            }
+        });
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(info.allocations(), 400001u);
+    EXPECT_EQ(info.live(), 200001u);
+    EXPECT_EQ(info.liveBytes(), 1600008u);
+}
+
 TEST(AllocTrackTest, ListsTypesOnceInOrderOfFirstAllocation) {
     static constinit Vel::AllocTrackTypeInfo first("AllocTrackTest::First");
     static constinit Vel::AllocTrackTypeInfo second("AllocTrackTest::Second");
