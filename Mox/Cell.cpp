@@ -101,7 +101,8 @@ Vel::Ptr<Status> cellDir() {
     auto const system = Vel::ptr_cast<Vel::Dir>(root->createEntity("Vel::Dir", systemName()));
     auto const status = system ? Vel::ptr_cast<Status>(system->createEntity("Cell::Status", "cell")) : nullptr;
     // A class derived from the directory may find children where it counts no changes.
-    if (status && typeid(*system) == typeid(Vel::Dir)) knownStatus.statusIs(*root, *system, *status);
+    auto const* const plain = system.get();
+    if (status && typeid(*plain) == typeid(Vel::Dir)) knownStatus.statusIs(*root, *system, *status);
     return status;
 }
 
