@@ -10,6 +10,9 @@
 #include "Vel/entity/ActivityManager.h"
 #include "Vel/entity/Dir.h"
 
+#include <atomic>
+#include <typeinfo>
+
 namespace Cell {
 
 constinit Vel::TraceHandle traceHandle("Cell");
@@ -36,11 +39,71 @@ Vel::Ptr<Status> neededStatus() {
     return status;
 }
 
+// The status that the last look-up found, and what that look-up has read: the system's name, the entries of the root,
+// and those of the system's directory. Each of them counts its changes. While no count has changed, a look-up would find
+// the same again, and the root and the directory hold the two entities. So the record holds no references, and nobody
+// has to tell it that an entity is gone. (A count that changes 2^32 times between two calls would hide a change.)
+//
+// Threads may find the status at the same time. A thread that writes makes `turn_` odd meanwhile; a thread that has read
+// while another wrote looks the status up itself.
+class KnownStatus {
+public:
+    // Returns the status, or null if it has to be looked up.
+    Status* status() const noexcept {
+        Vel::U32 const turn = turn_.load(std::memory_order_acquire) & ~1u;  // never equal again if a thread writes
+        auto const* const manager = manager_.load(std::memory_order_relaxed);
+        auto const* const root = root_.load(std::memory_order_relaxed);
+        auto const* const system = system_.load(std::memory_order_relaxed);
+        Status* const status = status_.load(std::memory_order_relaxed);
+        Vel::U64 const changes = changes_.load(std::memory_order_relaxed);
+        std::atomic_thread_fence(std::memory_order_acquire);
+        if (!status || turn != turn_.load(std::memory_order_relaxed)) return nullptr;
+        // In this order: the root holds the directory only if its own entries are as they were.
+        if (changesAbove(*manager, *root) != static_cast<Vel::U32>(changes)) return nullptr;
+        return system->entryChangeCounter() == changes >> 32 ? status : nullptr;
+    }
+
+    void statusIs(Vel::Dir const& root, Vel::Dir const& system, Status& status) noexcept {
+        Vel::U32 turn = turn_.load(std::memory_order_relaxed);
+        if (turn % 2 == 1 || !turn_.compare_exchange_strong(turn, turn + 1, std::memory_order_acquire)) return;
+        std::atomic_thread_fence(std::memory_order_release);
+        Vel::ActivityManager const& manager = Vel::activityManager();
+        manager_.store(&manager, std::memory_order_relaxed);
+        root_.store(&root, std::memory_order_relaxed);
+        system_.store(&system, std::memory_order_relaxed);
+        status_.store(&status, std::memory_order_relaxed);
+        Vel::U64 const changes = changesAbove(manager, root) | Vel::U64(system.entryChangeCounter()) << 32;
+        changes_.store(changes, std::memory_order_relaxed);
+        turn_.store(turn + 2, std::memory_order_release);
+    }
+
+private:
+    // Counts only go up, so the sum stays the same only if both do.
+    static Vel::U32 changesAbove(Vel::ActivityManager const& manager, Vel::Dir const& root) noexcept {
+        return manager.changes() + root.entryChangeCounter();
+    }
+
+    alignas(64) std::atomic<Vel::U32> turn_ = 0;  // odd while a thread writes
+    std::atomic<Vel::U64> changes_ = 0;  // lower half: the sum above; upper half: those of the system's directory
+    std::atomic<Vel::ActivityManager const*> manager_ = nullptr;
+    std::atomic<Vel::Dir const*> root_ = nullptr;
+    std::atomic<Vel::Dir const*> system_ = nullptr;
+    std::atomic<Status*> status_ = nullptr;  // null until the first look-up
+};
+
+constinit KnownStatus knownStatus;
+
 }  // namespace
 
 Vel::Ptr<Status> cellDir() {
-    auto const system = Vel::ptr_cast<Vel::Dir>(Vel::globalDir()->createEntity("Vel::Dir", systemName()));
-    return system ? Vel::ptr_cast<Status>(system->createEntity("Cell::Status", "cell")) : nullptr;
+    if (Status* const known = knownStatus.status()) return known;
+    auto const root = Vel::globalDir();
+    auto const system = Vel::ptr_cast<Vel::Dir>(root->createEntity("Vel::Dir", systemName()));
+    auto const status = system ? Vel::ptr_cast<Status>(system->createEntity("Cell::Status", "cell")) : nullptr;
+    // A class derived from the directory may find children where it counts no changes.
+    auto const* const plain = system.get();
+    if (status && typeid(*plain) == typeid(Vel::Dir)) knownStatus.statusIs(*root, *system, *status);
+    return status;
 }
 
 // --- Cell::Status ---
@@ -108,7 +171,12 @@ Vel::U32 tracedActiveCell(CellId active) {
 
 }  // namespace
 
-Vel::U32 cellId() { return neededStatus()->cellId().value(); }
+Vel::U32 cellId() {
+    if (Status const* const known = knownStatus.status(); known && known->cellId_.value() != 0) [[likely]]
+        return known->cellId_.value();
+    return neededStatus()->cellId().value();
+}
+
 Vel::U32 activeCellId() { return tracedActiveCell(neededStatus()->activeCellId()); }
 Vel::String cellType() { return neededStatus()->cellType(); }
 Vel::String product() { return neededStatus()->product(); }

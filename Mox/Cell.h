@@ -53,6 +53,7 @@ private:
 };
 
 struct Source;  // where an answer comes from, in CellSource.h
+VEL_API Vel::U32 cellId();
 
 // The process's cache of its identity, at /<system>/cell in its directory tree. An accessor reads a fact that is not
 // cached yet, and throws as the free functions below do; such a read notifies no observer. A mutator overrides what was
@@ -99,6 +100,7 @@ public:
 
 private:
     friend struct Explained;
+    friend Vel::U32 cellId();
 
     // Do the work of the accessors. Set `from`, unless it is null, to where the answer comes from.
     CellId cellIdFrom(Source* from) const;

@@ -67,7 +67,7 @@ U16 IdSet::ids() const { return static_cast<U16>(words_.bitsSet()); }
 
 void IdSet::idSetAll() & {
     unsigned const full = loopBuckets();
-    for (unsigned b = 0; b + 1 < full; ++b) words_.set(b, allOnes);
+    if (full > 1) words_.fill(0, full - 1);
     // Of size 0, the last bucket is number 255, and the shift is by 64 modulo 64: that word becomes all ones.
     int const lastBit = (size_ - 1) % 64;
     words_.set((maxBuckets() - 1) & 255u, allOnes >> ((63 - lastBit) & 63));
@@ -91,7 +91,8 @@ void IdSet::idSetRange(Id begin, Id end) & {
     words_.set(firstBucket, words_.get(firstBucket) | low);
     words_.set(lastBucket, words_.get(lastBucket) | high);
     // Bucket numbers have 8 bits here as well: behind bucket 255 comes bucket 0.
-    for (unsigned b = (firstBucket + 1) & 255u; b < lastBucket; ++b) words_.set(b, allOnes);
+    unsigned const second = (firstBucket + 1) & 255u;
+    if (second < lastBucket) words_.fill(second, lastBucket);
 }
 
 Id IdSet::nextId(Id bitPos) const {

@@ -14,7 +14,7 @@ U16 counter = 0;
 
 void UniqueId::mint() {
     Vel::SystemCalls& calls = Vel::System::calls();
-    auto const now = static_cast<U32>(static_cast<std::int64_t>(calls.currentTime()));
+    auto const now = static_cast<U32>(calls.currentSeconds());
     if (now > lastTimestamp) {
         lastTimestamp = now;
         counter = 0;

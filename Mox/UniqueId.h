@@ -7,7 +7,8 @@ namespace Mox {
 // An identifier that a process mints without asking anybody: the time in whole seconds, the process id, and a number
 // within that second. The ids that one process mints ascend. At most 65536 of them have the same time stamp; after
 // that, or if the clock goes back, the time stamps run ahead of the clock, so that no id repeats. The time stamp
-// overflows when 2^32 seconds have passed since 1970.
+// overflows when 2^32 seconds have passed since 1970. The clock is the one of Vel::SystemCalls::currentSeconds(): quick,
+// but late by up to one tick of the kernel, so an id that is minted right after a second began may have the one before.
 //
 // An id of all ones means "not yet minted". A constructor replaces it by a fresh id, except the one that reads from an
 // attribute log.

@@ -374,6 +374,28 @@ void printBytes(std::vector<Density> const& all) {
     }
 }
 
+// An empty set, and a range put into it.
+void addRanges(unsigned buckets) {
+    std::string const group = "range of " + std::to_string(buckets) + " buckets";
+    unsigned const last = 5 + buckets * 64 - 10;
+    Density const density{group.c_str(), {}, {}};
+    measure("new set", density, MoxSet::name, [=] {
+        MoxSet set;
+        set.set.idSetRange(Id(5), Id(static_cast<Mox::U16>(last)));
+        return set;
+    });
+    measure("new set", density, Roaring::name, [=] {
+        Roaring set;
+        set.addRange(5, last - 1);
+        return set;
+    });
+    measure("new set", density, DynamicBitset::name, [=] {
+        DynamicBitset set;
+        set.set.set(5, last - 5, true);
+        return set;
+    });
+}
+
 template <class... Sets> void forAll(Density const& density) {
     (checkAgreement<Sets>(density), ...);
     (addAll<Sets>(density), ...);
@@ -388,5 +410,6 @@ int main(int argc, char** argv) {
         forAll<MoxSet, StdBitset, Roaring, DynamicBitset, AbslSet, StdSet>(density);
         addStream(density);
     }
+    for (unsigned const buckets : {8, 255}) addRanges(buckets);
     return Bench::run(argc, argv);
 }

@@ -57,6 +57,9 @@ int main(int argc, char** argv) {
     Bench::add("what minting asks", "Vel::System::currentTime", [](benchmark::State& state) {
         for (auto _ : state) benchmark::DoNotOptimize(Vel::System::currentTime());
     });
+    Bench::add("what minting asks", "SystemCalls::currentSeconds", [](benchmark::State& state) {
+        for (auto _ : state) benchmark::DoNotOptimize(Vel::System::calls().currentSeconds());
+    });
     Bench::add("what minting asks", "SystemCalls::getpid", [](benchmark::State& state) {
         for (auto _ : state) benchmark::DoNotOptimize(Vel::System::calls().getpid());
     });

@@ -142,19 +142,82 @@ MOX_AVX2 Merged mergeByPopcnt(
     return merge<op, CountByPopcnt>(a, aStored, b, bStored, to, stored);
 }
 
-MOX_AVX2 U32 countByPopcnt(U64 const* words, unsigned count) {
-    U64 sums[4] = {};
+// --- counting ---
+
+// Sums of four variables: with one, each step would wait for the one before.
+MOX_AVX2 inline U64 countByPopcnt(U64 const* words, unsigned count) {
+    U64 a = 0;
+    U64 b = 0;
+    U64 c = 0;
+    U64 d = 0;
     unsigned i = 0;
-    for (; i + 4 <= count; i += 4)
-        for (unsigned lane = 0; lane < 4; ++lane) sums[lane] += static_cast<U64>(_mm_popcnt_u64(words[i + lane]));
-    for (; i < count; ++i) sums[0] += static_cast<U64>(_mm_popcnt_u64(words[i]));
-    return static_cast<U32>(sums[0] + sums[1] + sums[2] + sums[3]);
+    for (; i + 4 <= count; i += 4) {
+        a += CountByPopcnt()(words[i]);
+        b += CountByPopcnt()(words[i + 1]);
+        c += CountByPopcnt()(words[i + 2]);
+        d += CountByPopcnt()(words[i + 3]);
+    }
+    for (; i < count; ++i) a += CountByPopcnt()(words[i]);
+    return a + b + c + d;
+}
+
+// Adds three vectors bit by bit: `sum` gets the lower bits of the sums, the result has the upper ones.
+MOX_AVX2 inline __m256i addBits(__m256i& sum, __m256i a, __m256i b) {
+    __m256i const either = _mm256_xor_si256(sum, a);
+    __m256i const carry = _mm256_or_si256(_mm256_and_si256(sum, a), _mm256_and_si256(either, b));
+    sum = _mm256_xor_si256(either, b);
+    return carry;
+}
+
+// The number of bits in each byte, by a table of the numbers of half bytes.
+MOX_AVX2 inline __m256i bitsOfBytes(__m256i v) {
+    __m256i const table = _mm256_setr_epi8(0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4,  //
+        0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4);
+    __m256i const half = _mm256_set1_epi8(15);
+    return _mm256_add_epi8(_mm256_shuffle_epi8(table, _mm256_and_si256(v, half)),
+        _mm256_shuffle_epi8(table, _mm256_and_si256(_mm256_srli_epi16(v, 4), half)));
+}
+
+// Counts by adders of bits, 64 words at a time (Harley and Seal; Mula, Kurz and Lemire, Faster Population Counts Using
+// AVX2 Instructions, 2018). Only one vector in sixteen is counted by the table. The rest goes by popcnt.
+MOX_AVX2 U32 countByAvx2(U64 const* words, unsigned count) {
+    constexpr unsigned step = 64;
+    __m256i const zero = _mm256_setzero_si256();
+    __m256i ones = zero;
+    __m256i twos = zero;
+    __m256i fours = zero;
+    __m256i eights = zero;
+    __m256i sixteens = zero;  // numbers by byte, for up to 31 steps
+    unsigned i = 0;
+    for (; i + step <= count; i += step) {
+        __m256i const* const at = reinterpret_cast<__m256i const*>(words + i);
+        __m256i carry[8];
+#pragma GCC unroll 8
+        for (unsigned k = 0; k < 8; ++k)
+            carry[k] = addBits(ones, _mm256_loadu_si256(at + 2 * k), _mm256_loadu_si256(at + 2 * k + 1));
+#pragma GCC unroll 8
+        for (unsigned k = 0; k < 4; ++k) carry[k] = addBits(twos, carry[2 * k], carry[2 * k + 1]);
+#pragma GCC unroll 8
+        for (unsigned k = 0; k < 2; ++k) carry[k] = addBits(fours, carry[2 * k], carry[2 * k + 1]);
+        sixteens = _mm256_add_epi8(sixteens, bitsOfBytes(addBits(eights, carry[0], carry[1])));
+    }
+    U64 const rest = countByPopcnt(words + i, count - i);
+    if (i == 0) return static_cast<U32>(rest);
+    __m256i bytes = bitsOfBytes(eights);  // a sum by byte, at most 8 * 15
+    bytes = _mm256_add_epi8(_mm256_add_epi8(bytes, bytes), bitsOfBytes(fours));
+    bytes = _mm256_add_epi8(_mm256_add_epi8(bytes, bytes), bitsOfBytes(twos));
+    bytes = _mm256_add_epi8(_mm256_add_epi8(bytes, bytes), bitsOfBytes(ones));
+    __m256i const sums =
+        _mm256_add_epi64(_mm256_slli_epi64(_mm256_sad_epu8(sixteens, zero), 4), _mm256_sad_epu8(bytes, zero));
+    __m128i const two = _mm_add_epi64(_mm256_castsi256_si128(sums), _mm256_extracti128_si256(sums, 1));
+    return static_cast<U32>(
+        rest + static_cast<U64>(_mm_cvtsi128_si64(two)) + static_cast<U64>(_mm_extract_epi64(two, 1)));
 }
 
 constexpr WordKernels avx2 = {"avx2",
     {combineByAvx2<SetOp::unite>, combineByAvx2<SetOp::intersect>, combineByAvx2<SetOp::subtract>,
         combineByAvx2<SetOp::exclude>},
-    mergeByPopcnt<SetOp::unite>, mergeByPopcnt<SetOp::exclude>, countByPopcnt};
+    mergeByPopcnt<SetOp::unite>, mergeByPopcnt<SetOp::exclude>, countByAvx2};
 
 bool hasAvx2() {
     return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi") && __builtin_cpu_supports("popcnt");

@@ -132,15 +132,33 @@ void WordMap::makePacked() {
     take(packed);
 }
 
-void WordMap::insert(unsigned bucket, U64 word) {
-    if (!isDirect() && size() == capacity_) {
-        static constexpr unsigned steps[] = {18, 32, maxPacked};  // few allocations, little unused room
-        unsigned const* const step = std::upper_bound(std::begin(steps), std::end(steps), size());
-        if (step == std::end(steps))
-            makeDirect();
-        else
-            reserve(*step);
+// Enlarges a packed map, so that it can have this many words. REQUIRES: it cannot yet.
+void WordMap::makeRoomFor(unsigned count) {
+    static constexpr unsigned steps[] = {18, 32, maxPacked};  // few allocations, little unused room
+    unsigned const* const step = std::lower_bound(std::begin(steps), std::end(steps), count);
+    if (step == std::end(steps))
+        makeDirect();
+    else
+        reserve(*step);
+}
+
+void WordMap::fill(unsigned from, unsigned to) {
+    Presence filled = stored_;
+    for (unsigned group = 0; group < Presence::groups; ++group)
+        filled.bits[group] |= bitsFrom(from, group) & ~bitsFrom(to, group);
+    filled.recount();
+    if (!isDirect() && filled.count() > capacity_) makeRoomFor(filled.count());
+    if (!isDirect() && filled.count() != size()) {
+        U64* const behind = words() + (to < buckets ? stored_.rank(to) : size());
+        std::copy_backward(behind, words() + size(), words() + filled.count());
     }
+    std::fill_n(words() + (isDirect() ? from : stored_.rank(from)), to - from, ~U64(0));
+    changeCounter_ += filled.count() - size();
+    stored_ = filled;
+}
+
+void WordMap::insert(unsigned bucket, U64 word) {
+    if (!isDirect() && size() == capacity_) makeRoomFor(size() + 1);
     if (isDirect()) {
         heap_[bucket] = word;
     } else {

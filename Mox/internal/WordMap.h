@@ -64,6 +64,8 @@ public:
         insert(bucket, bits);
         return 0;
     }
+    // Stores words of all ones in [from, to). REQUIRES: from < to <= buckets.
+    void fill(unsigned from, unsigned to);
     U64 erase(unsigned bucket);  // returns the word that was stored, or 0
     void clear();
 
@@ -102,6 +104,7 @@ private:
     static WordMap ofPacked(U64 const* words, Presence const& stored);
     U64 const* expanded(U64 (&room)[buckets]) const;
     void insert(unsigned bucket, U64 word);
+    void makeRoomFor(unsigned count);
     void makeRoom(unsigned count);
     void reserve(unsigned capacity);
     void makeDirect();

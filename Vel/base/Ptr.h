@@ -30,7 +30,10 @@ inline U32 referenceWordAdd(U32& word, U32 n) noexcept {
     return before;
 }
 
-// Allocation statistics of one type. They may be read at any time, and are exact if nothing allocates meanwhile.
+// Allocation statistics of one type. They may be read at any time, and are exact if nothing allocates meanwhile,
+// whichever threads have allocated. That does not depend on threadSafePointers_: threads that share no object may leave
+// it off, and their objects may be of the same type. Plain operations would lose some of their counts, and a lost
+// deletion looks like a leak for ever. So counts are plain only while the process has a single thread.
 class VEL_API AllocTrackTypeInfo {
 public:
     constexpr explicit AllocTrackTypeInfo(char const* typeName) : typeName_(typeName) {}

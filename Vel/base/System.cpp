@@ -42,6 +42,8 @@ double SystemCalls::currentTime() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
+std::int64_t SystemCalls::currentSeconds() { return static_cast<std::int64_t>(currentTime()); }
+
 // Never blocks. Early while a machine starts, or where a filter forbids getrandom(), it uses the 16 random bytes that
 // the kernel gives each program.
 void SystemCalls::random(void* to, std::size_t size) noexcept {
@@ -65,6 +67,9 @@ namespace {
 class RealSystemCalls final : public SystemCalls {
 public:
     constexpr RealSystemCalls() = default;
+
+    // By time(), which reads the seconds of CLOCK_REALTIME_COARSE, and need not wait while the kernel changes them.
+    std::int64_t currentSeconds() override { return ::time(nullptr); }
 };
 
 constinit RealSystemCalls realSystemCalls;

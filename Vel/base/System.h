@@ -3,6 +3,7 @@
 #include "Vel/base/Types.h"
 
 #include <cstddef>
+#include <cstdint>
 
 #include <sys/types.h>
 
@@ -23,6 +24,10 @@ public:
     virtual double currentTime();  // seconds since 1970-01-01 00:00 UTC
     virtual void random(void* to, std::size_t size) noexcept;  // bytes that nobody outside the process can predict
     virtual ~SystemCalls();
+    // Whole seconds since 1970-01-01 00:00 UTC: by default those of currentTime(), so that a replaced clock holds for
+    // both. The real one reads the clock that the kernel sets at each tick, in a tenth of the time. That clock is late
+    // by up to one tick, 1 to 10 ms, so a new second begins that much later than by currentTime().
+    virtual std::int64_t currentSeconds();
 
 protected:
     SystemCalls() = default;

@@ -1,7 +1,9 @@
 #include "Vel/entity/Dir.h"
 
 #include "Vel/describe/Module.h"
+#include "Vel/entity/internal/DirIndex.h"
 
+#include <new>
 #include <vector>
 
 namespace Vel {
@@ -51,16 +53,19 @@ void Dir::entryIs(Ptr<Entity> const& entity) {
         if (place->second == entity) return;
         throw NameInUseException(format("the name %s is in use in %s", valueToStrep(name).charPtr(), path().charPtr()));
     }
+    indexAdd(place);
     ++changeCounter_;
     entity->parentIs(this);
     velNotify<"entry">(name);
 }
 
 Ptr<Entity> Dir::entryDel(std::string_view name) {
-    auto const place = entries_.find(name);
+    auto const found = find(name);
+    auto const place = entries_.erase(found, found);  // the same place, not const
     if (place == entries_.end()) return nullptr;
     Ptr<Entity> const entity = std::move(place->second);
     String const key = place->first;
+    indexRemove(place);
     entries_.erase(place);
     ++changeCounter_;
     entity->parentIs(nullptr);
@@ -80,8 +85,36 @@ void Dir::visitEntries(std::function<void(Ptr<Entity> const&)> const& visit) con
 }
 
 Ptr<Entity> Dir::velChild(std::string_view name) const {
-    auto const place = entries_.find(name);
+    auto const place = find(name);
     return place == entries_.end() ? nullptr : place->second;
+}
+
+Dir::Entries::const_iterator Dir::find(std::string_view name) const {
+    if (!index_) return entries_.find(name);
+    auto const* const place = index_->find(name);
+    return place ? *place : entries_.end();
+}
+
+// An index is dropped if it gets no memory: the map alone finds every entry, too. The next new entry makes another one.
+void Dir::indexAdd(Entries::iterator place) noexcept {
+    try {
+        if (index_)
+            index_->add(place);
+        else if (entries_.size() >= Index::minEntries)
+            index_ = std::make_unique<Index>(entries_);
+    } catch (std::bad_alloc const&) {
+        index_ = nullptr;
+    }
+}
+
+void Dir::indexRemove(Entries::iterator place) noexcept {
+    if (!index_) return;
+    try {
+        index_->remove(place);
+    } catch (std::bad_alloc const&) {
+        index_ = nullptr;
+    }
+    if (entries_.size() <= Index::fewEntries) index_ = nullptr;
 }
 
 Ptr<Dir> globalDir() {

@@ -4,10 +4,13 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 
 namespace Vel {
 
-// A directory: an entity that has other entities as entries, in the order of their names.
+// A directory: an entity that has other entities as entries, in the order of their names. A look-up takes the same time
+// however many entries there are: beside the ordered map, a directory of more than 16 has an index by the names' hashes,
+// which adds 21 to 64 bytes an entry.
 class VEL_API Dir : public EntityOf<Dir> {
 public:
     explicit Dir(String const& name);
@@ -28,7 +31,7 @@ public:
     Ptr<Entity> entryDel(std::string_view name);  // removes the entry and returns it, or null if there was none
     void entryDelAll();
     U32 entries() const { return static_cast<U32>(entries_.size()); }
-    bool entryExists(std::string_view name) const { return entries_.contains(name); }
+    bool entryExists(std::string_view name) const { return find(name) != entries_.end(); }
     U32 entryChangeCounter() const { return changeCounter_; }
     // Calls visit(entity) for every entry that exists at the time of the call; `visit` may add and remove entries.
     void visitEntries(std::function<void(Ptr<Entity> const&)> const& visit) const;
@@ -42,8 +45,16 @@ public:
     }
 
 private:
-    std::map<String, Ptr<Entity>, std::less<>> entries_;
+    using Entries = std::map<String, Ptr<Entity>, std::less<>>;
+    class Index;
+
+    Entries::const_iterator find(std::string_view name) const;
+    void indexAdd(Entries::iterator place) noexcept;
+    void indexRemove(Entries::iterator place) noexcept;
+
+    Entries entries_;
     U32 changeCounter_ = 0;
+    std::unique_ptr<Index> index_;  // null if there are few entries, or no memory for it
 };
 
 // The root directory of the process. It lives until the process ends.

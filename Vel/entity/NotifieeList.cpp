@@ -4,31 +4,19 @@
 #include "Vel/entity/ObserverFailure.h"
 
 #include <utility>
-#include <vector>
 
 namespace Vel {
 
-// Invariants:
-// 1. entries[i]->index_ == i for every entry that is not null.
-// 2. `holes` is the number of null entries, which were withdrawn. While no visit runs, at most half of all entries are
-//    null.
-// 3. If the list is destroyed while visits run over its block, the block has no entries, and lives until they have
-//    ended.
-struct NotifieeBlock {
-    std::vector<Notifiee*> entries;
-    NotifieeList* list = nullptr;
-    unsigned visits = 0;  // visits that run now, each one within the one before
-    std::size_t holes = 0;
-
-    // Removes null entries once they are more than half, so that the entries are not moved each time when many
-    // observers withdraw. Does nothing during a visit, which needs fixed indexes.
-    void closeHoles() noexcept {
-        if (visits != 0 || 2 * holes <= entries.size()) return;
+// Removes null entries once they are more than half, so that the entries are not moved each time when many observers
+// withdraw. Does nothing during a visit, which needs fixed indexes.
+void NotifieeBlock::closeHoles() noexcept {
+    if (visits == 0 && 2 * holes > entries.size()) {
         std::erase(entries, nullptr);
         for (std::size_t i = 0; i < entries.size(); ++i) entries[i]->index_ = i;
         holes = 0;
     }
-};
+    findOnly();
+}
 
 namespace {
 
@@ -42,7 +30,7 @@ public:
         if (--block_.visits != 0) return;
         if (!block_.list)
             delete &block_;
-        else
+        else if (block_.holes != 0)
             block_.closeHoles();
     }
 
@@ -77,6 +65,7 @@ void NotifieeList::add(Notifiee& notifiee) {
     block_->entries.push_back(&notifiee);
     notifiee.block_ = block_;
     notifiee.index_ = block_->entries.size() - 1;
+    block_->findOnly();
 }
 
 void NotifieeList::deleteAll() noexcept {
@@ -116,7 +105,7 @@ void NotifieeList::visitAll(AttributeId attribute, NotifieeKey const* key) {
                 notifiee->handleAttribute(attribute);
         }
     } catch (...) {
-        ObserverFailure::note();
+        ObserverFailure::note(this);
         throw;
     }
 }

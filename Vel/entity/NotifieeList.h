@@ -6,6 +6,7 @@
 #include <concepts>
 #include <memory>
 #include <utility>
+#include <vector>
 
 namespace Vel {
 
@@ -58,6 +59,26 @@ private:
     std::size_t index_ = 0;  // in the block
 };
 
+// What a list owns. Only the list and its observers use it.
+//
+// Invariants:
+// 1. entries[i]->index_ == i for every entry that is not null.
+// 2. `holes` is the number of null entries, which were withdrawn. While no visit runs, at most half of all entries are
+//    null.
+// 3. If the list is destroyed while visits run over its block, the block has no entries, and lives until they have
+//    ended.
+// 4. `only` is the entry if there is just one, else null.
+struct NotifieeBlock {
+    Notifiee* only = nullptr;
+    std::vector<Notifiee*> entries;
+    NotifieeList* list = nullptr;
+    unsigned visits = 0;  // visits that run now, each one within the one before; calling just `only` does not count
+    std::size_t holes = 0;
+
+    void closeHoles() noexcept;
+    void findOnly() noexcept { only = entries.size() == 1 ? entries.front() : nullptr; }
+};
+
 // An entity's observers. The list is one pointer wide, and owns no memory before the first observer is added.
 class VEL_API NotifieeList {
 public:
@@ -68,13 +89,17 @@ public:
 
     // Notifies every observer that the attribute, or one key of a collection, has changed.
     void visit(AttributeId attribute) {
-        if (block_) [[unlikely]]
-            visitAll(attribute, nullptr);
+        if (!block_) [[likely]]
+            return;
+        // After the only observer was called, nothing more is read: neither the block nor the list needs to live on.
+        if (Notifiee* const only = block_->only) return only->handleAttribute(attribute);
+        visitAll(attribute, nullptr);
     }
     template <class K> void visit(AttributeId attribute, K const& key) {
         if (!block_) [[likely]]
             return;
         NotifieeKey const notifieeKey(key);
+        if (Notifiee* const only = block_->only) return only->handleAttribute(attribute, notifieeKey);
         visitAll(attribute, &notifieeKey);
     }
     void deleteAll() noexcept;  // withdraws every observer

@@ -7,6 +7,9 @@
 
 #include "Vel/describe/Module.h"
 
+#include <atomic>
+#include <thread>
+
 namespace {
 
 using namespace std::string_literals;
@@ -325,6 +328,121 @@ TEST_F(CellStatusTest, FunctionsLeaveNoReferenceBehind) {
     Cell::activeCellId();
     Cell::product();
     EXPECT_EQ(status()->references(), 2u);  // the directory's and the one in this line
+}
+
+// --- a status that was found once ---
+
+TEST_F(CellStatusTest, ReplacedStatusIsFound) {
+    world.environment["CELLID"] = "5";
+    EXPECT_EQ(Cell::cellId(), 5u);
+    auto const before = Cell::cellDir();
+    auto const dir = Vel::ptr_cast<Vel::Dir>(Vel::globalDir()->entry("ql"));
+    dir->entryDel("cell");
+    auto const own = Cell::statusFactory("cell");
+    own->cellIdIs(6);
+    dir->entryIs(own);
+    EXPECT_EQ(Cell::cellId(), 6u);
+    EXPECT_EQ(Cell::cellDir(), own);
+    EXPECT_EQ(before->cellId(), 5);
+}
+
+TEST_F(CellStatusTest, DeletedStatusIsMadeAnew) {
+    world.environment["CELLID"] = "5";
+    EXPECT_EQ(Cell::cellId(), 5u);
+    Vel::ptr_cast<Vel::Dir>(Vel::globalDir()->entry("ql"))->entryDel("cell");  // the last reference
+    world.environment["CELLID"] = "7";
+    EXPECT_EQ(Cell::cellId(), 7u);
+    ASSERT_TRUE(status());
+    EXPECT_EQ(status()->cellId(), 7);
+}
+
+TEST_F(CellStatusTest, StatusOfAReplacedDirectoryIsNotAsked) {
+    world.environment["CELLID"] = "5";
+    EXPECT_EQ(Cell::cellId(), 5u);
+    auto const before = Vel::globalDir()->entryDel("ql");  // lives on, with the status in it
+    world.environment["CELLID"] = "8";
+    EXPECT_EQ(Cell::cellId(), 8u);
+    ASSERT_TRUE(status());
+    EXPECT_NE(status()->parent(), before.get());
+    Vel::globalDir()->entryDelAll();
+    Vel::globalDir()->entryIs(before);
+    EXPECT_EQ(Cell::cellId(), 5u);
+}
+
+TEST_F(CellStatusTest, StatusFollowsTheSystemName) {
+    world.environment["CELLID"] = "5";
+    EXPECT_EQ(Cell::cellId(), 5u);
+    Vel::activityManager().systemNameIs("other");
+    world.environment["CELLID"] = "9";
+    EXPECT_EQ(Cell::cellId(), 9u);
+    EXPECT_EQ(Cell::cellDir()->path(), "/other/cell");
+    Vel::activityManager().systemNameIs("");
+    EXPECT_EQ(Cell::cellId(), 5u);
+}
+
+TEST_F(CellStatusTest, StatusReplacedByAForeignEntityIsAnError) {
+    Cell::cellId();
+    auto const dir = Vel::ptr_cast<Vel::Dir>(Vel::globalDir()->entry("ql"));
+    dir->entryDel("cell");
+    dir->createEntity("Vel::Dir", "cell");
+    EXPECT_EQ(textOf<Vel::TypeException>([] { Cell::cellId(); }), "/ql/cell is no Cell::Status");
+    EXPECT_EQ(Cell::cellDir(), nullptr);
+}
+
+TEST_F(CellStatusTest, ObserverOfTheDirectorySeesTheNewStatus) {
+    Cell::cellDir()->cellIdIs(5);
+    auto const dir = Vel::ptr_cast<Vel::Dir>(Vel::globalDir()->entry("ql"));
+    std::vector<Vel::U32> seen;
+    auto const notifiee = Vel::notifieeOf(*dir, [&](Vel::AttributeId) { seen.push_back(Cell::cellId()); });
+    world.environment["CELLID"] = "7";
+    dir->entryDel("cell");  // the observer asks: one is made, and the observer is told of it
+    EXPECT_EQ(seen, std::vector<Vel::U32>(2, 7));
+}
+
+// A directory that answers with a child that it does not list.
+class CellStatusCoveringDir : public Vel::Dir {
+public:
+    using Dir::Dir;
+    Vel::Ptr<Vel::Entity> velChild(std::string_view name) const override {
+        return covering ? covering : Vel::Dir::velChild(name);
+    }
+    Vel::Ptr<Vel::Entity> covering;
+};
+
+TEST_F(CellStatusTest, DirectoryOfADerivedClassIsAskedEveryTime) {
+    Vel::Ptr<CellStatusCoveringDir> const dir(new CellStatusCoveringDir("ql"));
+    Vel::globalDir()->entryIs(dir);
+    auto const listed = Cell::cellDir();
+    listed->cellIdIs(3);
+    EXPECT_EQ(Cell::cellId(), 3u);
+    auto const other = Cell::statusFactory("cell");
+    other->cellIdIs(4);
+    dir->covering = other;
+    EXPECT_EQ(Cell::cellId(), 4u);
+    dir->covering = nullptr;
+    EXPECT_EQ(Cell::cellId(), 3u);
+}
+
+TEST_F(CellStatusTest, ThreadsFindTheSameStatus) {
+    for (int round = 0; round < 50; ++round) {
+        Vel::globalDir()->entryDelAll();
+        auto const dir = Vel::ptr_cast<Vel::Dir>(Vel::globalDir()->createEntity("Vel::Dir", "ql"));
+        auto const own = Cell::statusFactory("cell");
+        own->cellIdIs(static_cast<Vel::U16>(1 + round));
+        dir->entryIs(own);
+        std::atomic<int> wrong = 0;
+        Vel::VFPtrInterface::threadSafePointers_ = true;
+        {
+            std::vector<std::jthread> threads;
+            for (int i = 0; i < 3; ++i)
+                threads.emplace_back([&] {
+                    for (int call = 0; call < 100; ++call)
+                        if (Cell::cellId() != static_cast<Vel::U32>(1 + round)) ++wrong;
+                });
+        }
+        Vel::VFPtrInterface::threadSafePointers_ = false;
+        EXPECT_EQ(wrong, 0);
+    }
 }
 
 // --- paths ---

@@ -58,6 +58,18 @@ TEST_P(WordKernelsTest, CountsTheBitsOfAnyNumberOfWords) {
     }
 }
 
+TEST_P(WordKernelsTest, CountsTheBitsOfWholeSteps) {
+    auto a = words(5);
+    std::fill(a.begin() + 64, a.begin() + 140, ~U64(0));
+    U32 wanted = 0;
+    for (unsigned count = 0; count <= 256; ++count) {
+        EXPECT_EQ(wordKernels().bitsSet(a.data(), count), wanted) << count;
+        if (count < 256) wanted += static_cast<U32>(std::popcount(a[count]));
+    }
+    std::fill(a.begin(), a.end(), ~U64(0));
+    EXPECT_EQ(wordKernels().bitsSet(a.data(), 256), 16384u);
+}
+
 class MergeTest : public WordKernelsTest {
 protected:
     using Merged = WordKernels::Merged;

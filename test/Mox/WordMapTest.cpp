@@ -67,6 +67,37 @@ TEST(WordMapTest, AgreesWithAStandardMap) {
     }
 }
 
+TEST(WordMapTest, FillingIsSettingEachBucket) {
+    std::mt19937 engine(4);
+    auto const random = [&engine] { return static_cast<unsigned>(engine()); };
+    for (unsigned i = 0; i < 4000; ++i) {
+        WordMap map;
+        for (unsigned k = random() % (i % 3 == 0 ? 200 : 12); k > 0; --k) map.set(random() % 256, random());
+        WordMap wanted(map);
+        unsigned const from = random() % 256;
+        unsigned const to = from + 1 + random() % std::min(256 - from, i % 2 == 0 ? 256u : 10u);
+        map.fill(from, to);
+        Vel::U32 const changes = wanted.changeCounter();
+        unsigned const before = wanted.size();
+        for (unsigned bucket = from; bucket < to; ++bucket) wanted.set(bucket, ~U64(0));
+        ASSERT_EQ(contentOf(map), contentOf(wanted)) << from << " " << to;
+        ASSERT_EQ(map, wanted);
+        ASSERT_EQ(map.changeCounter() - changes, map.size() - before);
+        for (unsigned bucket = 0; bucket < WordMap::buckets; ++bucket)
+            ASSERT_EQ(map.next(bucket), wanted.next(bucket)) << bucket;
+    }
+}
+
+TEST(WordMapTest, FillingAllocatesAsSettingDoes) {
+    for (unsigned count = 1; count <= 256; ++count) {
+        WordMap filled;
+        filled.fill(0, count);
+        WordMap wanted;
+        for (unsigned bucket = 0; bucket < count; ++bucket) wanted.set(bucket, ~U64(0));
+        EXPECT_EQ(filled.allocatedBytes(), wanted.allocatedBytes()) << count;
+    }
+}
+
 TEST(WordMapTest, EveryCountOfWordsCanBeReachedAndLeft) {
     WordMap map;
     Model model;

@@ -65,7 +65,7 @@ std::span<U8 const> RemoteWrite::nextValue(In& body) const {
 }
 
 WriteAnswer RemoteWrite::apply() const {
-    ObserverFailure const observers;
+    ObserverFailure const observers(adapter_.entity());
     try {
         if (has(ops_, WriteOp::expected)) {
             std::optional<GenericValue> current = this->current();

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <new>
@@ -346,6 +347,28 @@ TEST(AllocTrackTest, CountsObjectsAndBytes) {
     EXPECT_EQ(info.live(), 1u);
     EXPECT_EQ(info.liveBytes(), 24u);
     EXPECT_EQ(info.allocations(), 12u);
+}
+
+// Threads that share no object need no atomic counts of references, but share the statistics of a type.
+TEST(AllocTrackTest, CountsOfSeveralThreadsAreExact) {
+    static constinit Vel::AllocTrackTypeInfo info("SharedByThreads");
+    ASSERT_FALSE(Vel::VFPtrInterface::threadSafePointers_);
+    info._trackAllocation(8, 8);
+    std::vector<std::thread> threads;
+    std::atomic<int> waiting = 4;  // all begin at once, so that their counts meet
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&waiting] {
+            --waiting;
+            while (waiting != 0) std::this_thread::yield();
+            for (int i = 0; i < 1000000; ++i) {
+                info._trackAllocation(8, 8);
+                if (i % 2 == 0) info.trackDeallocation(8, 8);
+            }
+        });
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(info.allocations(), 4000001u);
+    EXPECT_EQ(info.live(), 2000001u);
+    EXPECT_EQ(info.liveBytes(), 16000008u);
 }
 
 TEST(AllocTrackTest, ListsTypesOnceInOrderOfFirstAllocation) {

@@ -110,6 +110,24 @@ TEST_F(SystemTest, TheClockIsTheSystems) {
     EXPECT_LE(time, after + 1e-6);
 }
 
+TEST_F(SystemTest, SecondsAreTheSystemsAtTheLastTick) {
+    double const before = System::currentTime();
+    std::int64_t const seconds = System::calls().currentSeconds();
+    double const after = System::currentTime();
+    EXPECT_GE(static_cast<double>(seconds), before - 1.1);  // a tick may be late
+    EXPECT_LE(static_cast<double>(seconds), after);
+}
+
+TEST_F(SystemTest, SecondsAreThoseOfAReplacedClock) {
+    class Clock : public Vel::SystemCalls {
+    public:
+        double currentTime() override { return 1700000000.999; }
+    } clock;
+    auto* const before = System::callsIs(&clock);
+    EXPECT_EQ(System::calls().currentSeconds(), 1700000000);
+    System::callsIs(before);
+}
+
 TEST_F(SystemTest, RandomBytesFillAllThatIsAskedFor) {
     std::vector<unsigned char> bytes(5000);
     System::calls().random(bytes.data(), bytes.size());

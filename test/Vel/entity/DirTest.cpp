@@ -290,6 +290,99 @@ TEST_F(DirTest, RandomOperationsAgreeWithAMap) {
     }
 }
 
+// --- large directories, which have an index ---
+
+class DirIndexTest : public DirTest {
+protected:
+    static std::string nameOf(unsigned i) { return "entry" + std::string(i % 30, '-') + std::to_string(i); }
+
+    // Adds the entry, or removes it if it is there.
+    void turn(unsigned i) {
+        if (auto const found = model.find(nameOf(i)); found != model.end()) {
+            EXPECT_EQ(dir->entryDel(nameOf(i)), found->second);
+            model.erase(found);
+        } else {
+            model[nameOf(i)] = dir->createEntity("Fixture::Leaf", nameOf(i));
+        }
+    }
+    void compare(unsigned all) const {
+        ASSERT_EQ(dir->entries(), model.size());
+        std::string expected;
+        for (auto const& [name, entity] : model) expected += name + " ";
+        EXPECT_EQ(names(), expected);
+        for (unsigned i = 0; i < all; ++i) {
+            auto const found = model.find(nameOf(i));
+            ASSERT_EQ(dir->entry(nameOf(i)), found == model.end() ? nullptr : found->second) << nameOf(i);
+            ASSERT_EQ(dir->entryExists(nameOf(i)), found != model.end());
+        }
+    }
+
+    std::map<std::string, Ptr<Entity>> model;
+};
+
+TEST_F(DirIndexTest, EveryEntryIsFoundWhileADirectoryGrowsAndShrinks) {
+    constexpr unsigned all = 300;
+    for (unsigned i = 0; i < all; ++i) {
+        turn(i * 7 % all);
+        compare(all);
+    }
+    for (unsigned i = 0; i < all; ++i) {
+        turn(i * 11 % all);
+        compare(all);
+    }
+    EXPECT_EQ(dir->entries(), 0u);
+}
+
+TEST_F(DirIndexTest, RandomEntriesComeAndGo) {
+    std::mt19937 random(2);
+    for (unsigned const all : {12u, 30u, 500u}) {
+        for (int i = 0; i < 3000; ++i) {
+            turn(static_cast<unsigned>(random() % all));
+            if (i % 100 == 0) compare(all);
+        }
+        compare(all);
+    }
+}
+
+TEST_F(DirIndexTest, EntryThatTakesAnothersPlaceIsFound) {
+    for (unsigned i = 0; i < 100; ++i) dir->createEntity("Fixture::Leaf", nameOf(i));
+    auto const before = dir->entryDel(nameOf(50));
+    EXPECT_EQ(dir->entry(nameOf(50)), nullptr);
+    auto const leaf = Leaf::newEntity(nameOf(50));
+    dir->entryIs(leaf);
+    EXPECT_EQ(dir->entry(nameOf(50)), leaf);
+    EXPECT_THROW(dir->entryIs(Leaf::newEntity(nameOf(50))), Vel::NameInUseException);
+    EXPECT_EQ(dir->entry(nameOf(50)), leaf);
+}
+
+TEST_F(DirIndexTest, NamesThatDifferInOneByteAreDifferent) {
+    std::string const longName(40, 'x');
+    for (unsigned i = 0; i < longName.size(); ++i) {
+        for (std::size_t const length : {std::size_t(i + 1), longName.size()}) {
+            std::string name = longName.substr(0, length);
+            name[i] = 'y';
+            dir->createEntity("Fixture::Leaf", name);
+        }
+    }
+    EXPECT_EQ(dir->entries(), 79u);
+    for (std::size_t length = 1; length <= longName.size(); ++length)
+        EXPECT_EQ(dir->entry(longName.substr(0, length)), nullptr);
+    EXPECT_EQ(dir->entry("y")->name(), "y");
+    EXPECT_EQ(dir->entry(""), nullptr);
+}
+
+TEST_F(DirIndexTest, ObserversFindTheEntryThatCame) {
+    unsigned told = 0;
+    auto const observer = notifieeOf(*dir, [&](AttributeId, NotifieeKey const* key) {
+        String const name = key->as<String>();
+        bool const came = model.find(name.stdString()) == model.end();
+        EXPECT_EQ(dir->entry(name) != nullptr, came);
+        ++told;
+    });
+    for (unsigned i = 0; i < 60; ++i) turn(i % 40);
+    EXPECT_EQ(told, 60u);
+}
+
 TEST(DirPlaceTest, AnEntityHasOnePlace) {
     auto const first = Vel::Dir::newEntity("first");
     auto const second = Vel::Dir::newEntity("second");

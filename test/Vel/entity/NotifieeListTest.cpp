@@ -167,6 +167,65 @@ TEST_F(NotifieeListTest, EntityMayBeReleasedWhenObserversAreTold) {
     EXPECT_FALSE(b->hasNotifier());
 }
 
+// --- a single observer, which is called without a visit ---
+
+TEST_F(NotifieeListTest, OnlyObserverMayReleaseTheEntity) {
+    auto const a = observer('a');
+    a->act = [&] { leaf = nullptr; };
+    Leaf* const raw = leaf.get();
+    raw->sizeIs(1);
+    EXPECT_EQ(log, "a");
+    EXPECT_FALSE(a->hasNotifier());
+}
+
+TEST_F(NotifieeListTest, OnlyObserverMayBeReplacedWhenTold) {
+    auto a = observer('a');
+    std::unique_ptr<Observer> b;
+    a->act = [&] {
+        b = observer('b');
+        a.reset();
+    };
+    EXPECT_EQ(told(), "a");
+    EXPECT_EQ(told(), "b");
+    EXPECT_EQ(leaf->notifieeList()->size(), 1u);
+}
+
+TEST_F(NotifieeListTest, OnlyObserverMayGoAndComeAgainWhenTold) {
+    auto const a = observer('a');
+    a->act = [&] {
+        a->notifierIs(nullptr);
+        a->notifierIs(leaf.get());
+    };
+    EXPECT_EQ(told(), "a");
+    EXPECT_EQ(told(), "a");
+    a->act = [&] { a->notifierIs(nullptr); };
+    EXPECT_EQ(told(), "a");
+    EXPECT_EQ(told(), "");
+}
+
+TEST_F(NotifieeListTest, ChangeFromWithinTheOnlyObserverReachesThoseThatCame) {
+    auto const a = observer('a');
+    std::unique_ptr<Observer> b;
+    a->act = [&] {
+        if (b) return;
+        b = observer('b');
+        leaf->sizeIs(leaf->size() + 1);
+    };
+    EXPECT_EQ(told(), "aab");
+}
+
+TEST_F(NotifieeListTest, ObserverThatIsLeftAloneIsTold) {
+    auto a = observer('a');
+    auto b = observer('b');
+    auto const c = observer('c');
+    EXPECT_EQ(told(), "abc");
+    a.reset();
+    b.reset();  // the places close up
+    EXPECT_EQ(told(), "c");
+    auto const d = observer('d');
+    EXPECT_EQ(told(), "cd");
+}
+
 TEST_F(NotifieeListTest, DestroyedEntityLetsItsObserversGo) {
     auto const a = observer('a');
     EXPECT_TRUE(a->hasNotifier());

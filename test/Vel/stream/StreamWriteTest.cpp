@@ -221,8 +221,9 @@ TEST_F(AnsweredWriteTest, ChangeIsSentAlsoIfAnEarlierObserverThrows) {
 // The observer is not to blame for what it has caught.
 TEST_F(AnsweredWriteTest, MutatorThatThrowsWithinAnObserversCatchIsNotTheObserver) {
     auto const other = Valve::newEntity("other");
+    auto const quiet = notifieeOf(*other, [](Vel::AttributeId) {});
     auto const observer = notifieeOf(*other, [](Vel::AttributeId) { throw std::runtime_error("caught"); });
-    Vel::ObserverFailure const observers;
+    Vel::ObserverFailure const observers(*other);
     try {
         other->levelIs(1);
     } catch (std::exception const&) {
@@ -360,6 +361,19 @@ TEST_F(AnsweredWriteTest, ChangesBeforeTheSyncMarkAreAnsweredBehindIt) {
     ofLate->input(takeOutput(late));
     for (int i = 0; late.unansweredWrites() != 0 && i < 10000; ++i) step();
     EXPECT_EQ(late.unansweredWrites(), 0u);
+}
+
+// The mutator calls that of another entity, whose observers throw before anything has changed here.
+TEST_F(AnsweredWriteTest, ObserverOfAnotherEntityIsTheMutatorsAffair) {
+    auto const other = Valve::newEntity("other");
+    auto const quiet = notifieeOf(*other, [](Vel::AttributeId) {});
+    auto const observer = notifieeOf(*other, [](Vel::AttributeId) { throw std::runtime_error("elsewhere"); });
+    Vel::ObserverFailure const observers(*valve);
+    try {
+        other->levelIs(1);
+    } catch (std::exception const&) {
+        EXPECT_FALSE(observers.isHandled());
+    }
 }
 
 // --- enemies ---
