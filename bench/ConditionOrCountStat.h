@@ -32,7 +32,7 @@ inline bool printfAgrees(ConditionOrCountStat const& v) {
 struct ValueSet {
     std::string name;
     std::vector<ConditionOrCountStat> values;   // `count` of them
-    static constexpr std::size_t count = 1024;  // a power of two; more than the branch predictor learns by heart
+    static constexpr std::size_t count = 8192;  // a power of two; more than the branch predictor learns by heart
 };
 
 template <class Make> ValueSet valueSet(char const* name, Make make) {

@@ -24,6 +24,22 @@ template <class To> To printWithFmt(To to, ConditionOrCountStat const& v) {
         v.current() ? "True" : "False", v.changes(), v.lastChange().value());
 }
 
+// What somebody writes by hand for just this record: into an array, and one std::string of it.
+std::string printByHand(ConditionOrCountStat const& v) {
+    char text[256];
+    char* to = text;
+    auto const put = [&to](std::string_view literal) { to += literal.copy(to, literal.size()); };
+    auto const number = [&](auto value) { to = std::to_chars(to, text + sizeof text, value).ptr; };
+    put("Value('Mox::ConditionOrCountStat', ** {'current': ");
+    put(v.current() ? "True" : "False");
+    put(", 'changes': ");
+    number(v.changes());
+    put(", 'lastChange': ");
+    number(v.lastChange().value());
+    put("})");
+    return std::string(text, to);
+}
+
 void addPrinting(ValueSet const& set) {
     std::string const group = "print/" + set.name;
     auto const values = set.values;
@@ -42,6 +58,22 @@ void addPrinting(ValueSet const& set) {
     Bench::add(group, "Vel::String", [values](benchmark::State& state) {
         std::size_t i = 0;
         for (auto _ : state) benchmark::DoNotOptimize(Vel::valueToStrep(values[i++ & mask]).charPtr());
+    });
+    Bench::add(group, "Vel::valueToChars", [values](benchmark::State& state) {
+        char text[256];
+        std::size_t i = 0;
+        for (auto _ : state) {
+            benchmark::DoNotOptimize(Vel::valueToChars(text, text + sizeof text, values[i++ & mask]).ptr);
+            benchmark::ClobberMemory();
+        }
+    });
+    Bench::add(group, "Vel::valueToStdString", [values](benchmark::State& state) {
+        std::size_t i = 0;
+        for (auto _ : state) benchmark::DoNotOptimize(Vel::valueToStdString(values[i++ & mask]).data());
+    });
+    Bench::add(group, "by hand, std::to_chars, std::string", [values](benchmark::State& state) {
+        std::size_t i = 0;
+        for (auto _ : state) benchmark::DoNotOptimize(printByHand(values[i++ & mask]).data());
     });
     Bench::add(group, "snprintf", [values](benchmark::State& state) {
         char text[256];
@@ -131,6 +163,22 @@ void addParsing(ValueSet const& set) {
             Bench::keep(value);
         }
     });
+    Bench::add(group, "the same from a std::string_view", [texts](benchmark::State& state) {
+        std::vector<std::string_view> const views(texts.begin(), texts.end());
+        std::size_t i = 0;
+        for (auto _ : state) {
+            auto const value = Vel::strepToValue<ConditionOrCountStat>(views[i++ & mask]);
+            Bench::keep(value);
+        }
+    });
+    Bench::add(group, "the same, assigned", [texts](benchmark::State& state) {
+        ConditionOrCountStat value;
+        std::size_t i = 0;
+        for (auto _ : state) {
+            value = Vel::strepToValue<ConditionOrCountStat>(texts[i++ & mask]);
+            Bench::keep(value);
+        }
+    });
     Bench::add(group, "sscanf", [texts](benchmark::State& state) {
         std::size_t i = 0;
         for (auto _ : state) {
@@ -157,6 +205,11 @@ void checkAgreement(ValueSet const& set) {
         out << value;
         Bench::requireSame(out.view(), wanted, "Vel::StrepOut");
         Bench::requireSame(Vel::valueToStrep(value).view(), wanted, "Vel::valueToStrep");
+        char chars[256];
+        auto const end = Vel::valueToChars(chars, chars + sizeof chars, value).ptr;
+        Bench::requireSame({chars, static_cast<std::size_t>(end - chars)}, wanted, "Vel::valueToChars");
+        Bench::requireSame(Vel::valueToStdString(value), wanted, "Vel::valueToStdString");
+        Bench::requireSame(printByHand(value), wanted, "std::to_chars");
         fmt::memory_buffer buffer;
         printWithFmt(std::back_inserter(buffer), value);
         Bench::requireSame({buffer.data(), buffer.size()}, wanted, "fmt::format_to");

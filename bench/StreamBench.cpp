@@ -224,6 +224,23 @@ void addReading(Sets const& s) {
         if (isFirst(i)) in = Vel::NboAttrLog::In(logOf(i));
         return ConditionOrCountStat(&in, {});
     });
+    // The value is one that is there already.
+    auto const addInto = [logOf](char const* name, auto read) {
+        Bench::add("read", name, [logOf, read](benchmark::State& state) {
+            Vel::NboAttrLog::In in({});
+            ConditionOrCountStat value;
+            std::size_t i = 0;
+            for (auto _ : state) {
+                if (isFirst(i)) in = Vel::NboAttrLog::In(logOf(i));
+                read(value, in);
+                ++i;
+                Bench::keep(value);
+            }
+        });
+    };
+    addInto("the same, read in place", [](auto& value, auto& in) { Vel::read(value, in); });
+    addInto("the same, constructed and assigned",
+        [](auto& value, auto& in) { value = ConditionOrCountStat(&in, Vel::StreamBogon()); });
     addReader("the same, item by item", [logOf, in = Vel::NboAttrLog::In({})](std::size_t i) mutable {
         if (isFirst(i)) in = Vel::NboAttrLog::In(logOf(i));
         bool const current = in.nextbool();

@@ -2,9 +2,11 @@
 #include "Vel/describe/GenericIf.h"
 #include "Vel/describe/Module.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <stdexcept>
 #include <string_view>
 
@@ -36,9 +38,16 @@ bool isLenient(std::string_view name) { return name == "Mox::MaybeU63" || name =
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
     if (size == 0) return 0;
     Vel::VelType const type = valueTypes()[data[0] % valueTypes().size()];
-    std::string_view const text(reinterpret_cast<char const*>(data) + 1, size - 1);
+    // A copy of exactly this size, so that reading behind it is found.
+    auto const copy = std::make_unique<char[]>(size - 1);
+    std::copy_n(reinterpret_cast<char const*>(data) + 1, size - 1, copy.get());
+    std::string_view const text(copy.get(), size - 1);
     try {
         Vel::GenericValue const value(type, text);
+        auto const room = std::make_unique<char[]>(text.size());
+        value.toChars(room.get(), room.get() + text.size());
+        if (!isLenient(type.name()) && std::string_view(room.get(), text.size()) != text)
+            fail("the text in the caller's memory is another", type, text);
         Vel::String const printed = value.strep();
         if (printed != text && !isLenient(type.name())) fail("the text is not canonical", type, text);
         if (!isLenient(type.name()) && Vel::GenericValue(type, printed).strep() != printed)

@@ -12,6 +12,20 @@
 
 namespace Vel {
 
+// What a text can be passed as: a std::string_view, a Vel::String, a std::string, or a char pointer.
+template <class S>
+concept TextLike = std::convertible_to<S const&, std::string_view>;
+
+// Returns the bytes of a text, which need not end with a NUL. A null char pointer is the empty text.
+template <TextLike S> constexpr std::string_view viewOf(S const& s) noexcept {
+    if constexpr (std::convertible_to<S const&, char const*>) {
+        char const* const p = s;
+        return p ? std::string_view(p) : std::string_view();
+    } else {
+        return s;
+    }
+}
+
 // An immutable character string with shared storage; one pointer wide.
 //
 // Invariants:
@@ -78,12 +92,10 @@ public:
     bool sharesStorageWith(String const& other) const noexcept { return rep_ == other.rep_; }
 
     // Compare bytes with anything that converts to a string_view. A null char pointer is the empty string.
-    template <class S>
-    requires std::convertible_to<S const&, std::string_view>
-    friend bool operator==(String const& a, S const& b) noexcept { return a.view() == toView(b); }
-    template <class S>
-    requires std::convertible_to<S const&, std::string_view>
-    friend std::strong_ordering operator<=>(String const& a, S const& b) noexcept { return a.view() <=> toView(b); }
+    template <TextLike S> friend bool operator==(String const& a, S const& b) noexcept { return a.view() == viewOf(b); }
+    template <TextLike S> friend std::strong_ordering operator<=>(String const& a, S const& b) noexcept {
+        return a.view() <=> viewOf(b);
+    }
 
 private:
     struct Header {
@@ -94,14 +106,6 @@ private:
     struct Adopt {};  // marks the constructor that takes over `rep`; String(char*) copies
     String(Adopt, char* rep) noexcept : rep_(rep) {}
     static char* allocate(std::size_t length);  // null for length 0
-    template <class S> static std::string_view toView(S const& s) noexcept {
-        if constexpr (std::convertible_to<S const&, char const*>) {
-            char const* const p = s;
-            return p ? std::string_view(p) : std::string_view();
-        } else {
-            return s;
-        }
-    }
     Header const* header() const noexcept { return reinterpret_cast<Header const*>(rep_) - 1; }
     void newRef() const noexcept {
         if (rep_) newRefSlow();

@@ -50,10 +50,12 @@ template <class T, class F> Checked<T> checked(F make) {
 
 }
 
-// Parses like strepToValue(): all of `text` must be the value's text form.
-template <class T> Checked<T> checkedStrepToValue(String const& text) {
-    return Detail::checked<T>([&] { return strepToValue<T>(text); });
+// Parses like strepToValue(): all of `text` must be the value's text form. Takes the same kinds of texts.
+template <class T> Checked<T> checkedStrepToValue(String const& text);
+template <class T, TextLike S> Checked<T> checkedStrepToValue(S const& text) {
+    return Detail::checked<T>([&] { return strepToValue<T>(viewOf(text)); });
 }
+template <class T> Checked<T> checkedStrepToValue(String const& text) { return checkedStrepToValue<T>(text.view()); }
 
 // Reads a value from its bytes in the attribute log; no byte may be left over.
 template <class T> Checked<T> checkedRead(std::span<U8 const> bytes) {

@@ -12,7 +12,7 @@ void printEnumeration(StrepOut& out, U64 number, std::span<EnumeratorName const>
             out << "'" << known.name << "'";
             return;
         }
-    out << unsignedToStrep(number).view();
+    out.endIs(Scan::writeUnsigned(out.room(Scan::maxUnsigned), number));
 }
 
 namespace {

@@ -5,8 +5,8 @@
 #include <version>
 
 // Makes std::format("{}", value) write the text form of every described value type, with the fill, width and precision
-// of a text. Does nothing if the standard library has no std::format. Not a part of Value.h, since <format> is a large
-// header.
+// of a text. Texts of up to 512 bytes are collected on the stack, so that nothing is allocated. Does nothing if the
+// standard library has no std::format. Not a part of Value.h, since <format> is a large header.
 #if __has_include(<format>) && defined(__cpp_lib_format)
 
 #include <format>

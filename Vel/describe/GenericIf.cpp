@@ -145,9 +145,9 @@ GenericValue::GenericValue(VelType type)
     type_.glue().genericIfConstruct(data(), nullptr);
 }
 
-GenericValue::GenericValue(VelType type, String const& text) : GenericValue(type) {
-    type_.glue().genericIfStrepToValue(data(), text, type_);
-}
+GenericValue::GenericValue(VelType type, String const& text) : GenericValue(type) { textIs(text.view()); }
+
+void GenericValue::textIs(std::string_view text) { type_.glue().genericIfTextToValue(data(), text, type_); }
 
 GenericValue::GenericValue(VelType type, NboAttrLog::In& in) : GenericValue(type) { type_.glue().read(data(), in); }
 

@@ -155,6 +155,10 @@ struct TypeGlue {
     AllocTrackTypeInfo* allocTrack;  // null unless it is an entity type
     StreamTable const& (*stream)();  // what is sent to replicas; null unless it is an entity type
     void* (*genericIfVoidPtrIs)(void* object, VelType have, VelType want);  // see GenericIfImpl::genericIfVoidPtrIs()
+    // The same as genericIfStrepToValue, without a string. The text need not end with a NUL.
+    void (*genericIfTextToValue)(void* dst, std::string_view text, VelType type);
+    // Writes the text form; see valueToChars().
+    std::to_chars_result (*genericIfToChars)(char* first, char* last, void const* value);
 };
 
 // Inline: access by attribute number is the hot path.
@@ -206,7 +210,9 @@ class VEL_API GenericValue {
 public:
     // Makes the default value. Throws TypeException for the null type and for an entity type.
     explicit GenericValue(VelType type);
-    GenericValue(VelType type, String const& text);  // throws ParseException
+    // Parses all of `text`, as strepToValue() does, and makes no string of it. Throws ParseException.
+    template <TextLike S> GenericValue(VelType type, S const& text) : GenericValue(type) { textIs(viewOf(text)); }
+    GenericValue(VelType type, String const& text);
     GenericValue(VelType type, NboAttrLog::In& in);  // throws StreamException
     GenericValue(GenericValue const& other);
     GenericValue(GenericValue&&) noexcept = default;
@@ -217,6 +223,10 @@ public:
     void* data() { return storage_.get(); }
     void const* data() const { return storage_.get(); }
     String strep() const { return type_.glue().genericIfStrRep(data(), type_); }
+    // Writes the text form to the caller's memory; see valueToChars().
+    std::to_chars_result toChars(char* first, char* last) const {
+        return type_.glue().genericIfToChars(first, last, data());
+    }
     U32 hash() const { return type_.glue().genericIfHash(data(), type_); }
     std::size_t attrLogSize() const { return type_.glue().attrLogSize(data()); }
     // Returns the value of an attribute, or nothing if it cannot be read.
@@ -226,6 +236,8 @@ public:
     std::optional<bool> test(AttributeOp op, GenericValue const* other = nullptr) const;
 
 private:
+    void textIs(std::string_view text);
+
     struct Free {
         std::size_t alignment;
         void operator()(void* memory) const { ::operator delete(memory, std::align_val_t(alignment)); }

@@ -16,6 +16,7 @@
 //     hasFixedWidth, isOrdered, isHashable
 //     maxText      room for the longest text, in bytes; if 0, roomFor(value) returns the room for one value
 //     write, read  write and parse the text, like the functions of Scan.h
+//     readInside   the same as read, where Scan::roomBefore bytes before the text may be read; a scalar may leave it out
 //     next         reads one value from the attribute log
 //     store, load  write and read `width` bytes, if hasFixedWidth; load returns whether store writes such bytes
 //     size         bytes of one value in the attribute log, if not hasFixedWidth
@@ -39,6 +40,9 @@ template <class T> struct UnsignedScalar {
     static char const* read(char const* from, char const* end, T& value) {
         return Scan::readUnsigned(from, end, value);
     }
+    static char const* readInside(char const* from, char const* end, T& value) {
+        return Scan::readUnsignedInside(from, end, value);
+    }
     static void store(U8* to, T value) { NboAttrLog::store(to, value); }
     static bool load(U8 const* from, T& value) {
         value = NboAttrLog::load<T>(from);
@@ -52,6 +56,12 @@ template <class T, class S> struct ScalarLike : Scalar<S> {
     static char const* read(char const* from, char const* end, T& value) {
         S stored{};
         from = Scalar<S>::read(from, end, stored);
+        value = stored;
+        return from;
+    }
+    static char const* readInside(char const* from, char const* end, T& value) {
+        S stored{};
+        from = Scalar<S>::readInside(from, end, stored);
         value = stored;
         return from;
     }
@@ -74,6 +84,7 @@ template <> struct Scalar<bool> {
 
     static char* write(char* to, bool value) { return Scan::writeBool(to, value); }
     static char const* read(char const* from, char const* end, bool& value) { return Scan::readBool(from, end, value); }
+    static char const* readInside(char const* from, char const* end, bool& value) { return read(from, end, value); }
     static void store(U8* to, bool value) { *to = value ? 1 : 0; }
     static bool load(U8 const* from, bool& value) {
         value = *from != 0;
@@ -108,6 +119,9 @@ template <> struct Scalar<F64> {
     static char* write(char* to, F64 value) { return Scan::writeDouble(to, value); }
     static char const* read(char const* from, char const* end, F64& value) {
         return Scan::readDouble(from, end, value);
+    }
+    static char const* readInside(char const* from, char const* end, F64& value) {
+        return Scan::readDoubleInside(from, end, value);
     }
     static void store(U8* to, F64 value) { NboAttrLog::store(to, std::bit_cast<U64>(value)); }
     static bool load(U8 const* from, F64& value) {

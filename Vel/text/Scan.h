@@ -5,6 +5,7 @@
 
 #include <bit>
 #include <concepts>
+#include <cstdint>
 #include <cstring>
 #include <limits>
 #include <string_view>
@@ -97,62 +98,120 @@ constexpr U64 eightDigits(U64 digits) {
         ((digits & mask) * (100 + (U64(1000000) << 32)) + ((digits >> 16) & mask) * (1 + (U64(10000) << 32))) >> 32);
 }
 
-// Appends all digits from `at` on to `number`, modulo 2^64, and returns their end. REQUIRES: the text begins at `from`
-// or before. Fewer than eight digits are read without a branch on their number, which the processor could not predict.
-inline char const* readDigits(char const* from, char const* at, char const* end, U64& number) {
-    constexpr U64 zeros = 0x3030303030303030ul;
-    static constexpr U32 powers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000};
-    if (end - from < 8) [[unlikely]] {
-        for (; at != end && isDigit(*at); ++at) number = number * 10 + static_cast<U64>(*at - '0');
-        return at;
-    }
-    for (;;) {
-        auto const left = end - at;
-        // Near the end of the text, loads its last eight bytes and shifts out those before `at`. Zero bytes move in
-        // behind, which are no digits.
-        U64 const bytes = left >= 8 ? loadEight(at) : loadEight(end - 8) >> (8 * (7 - left)) >> 8;
-        U64 const digits = bytes - zeros;
+// Loads fewer than eight bytes, the first into the lowest eight bits. The others are zero. REQUIRES: at < end.
+[[gnu::noinline]] inline U64 loadFewer(char const* at, char const* end) {
+    auto const left = static_cast<std::size_t>(end - at);
+    auto const byte = [at](std::size_t i) { return U64(static_cast<unsigned char>(at[i])) << (8 * i); };
+    if (left < 4) return byte(0) | byte(left / 2) | byte(left - 1);
+    auto const four = [](char const* place) {
+        U32 bytes;
+        std::memcpy(&bytes, place, sizeof bytes);
+        return U64(std::endian::native == std::endian::big ? __builtin_bswap32(bytes) : bytes);
+    };
+    return four(at) | four(end - 4) << (8 * (left - 4));
+}
+
+// Loads up to eight bytes at `at`. Zero bytes, which are no digits, stand for those behind `end`.
+// REQUIRES: the eight bytes before `end` may be read; at < end.
+inline U64 loadUpToEight(char const* at, char const* end) {
+    auto const left = static_cast<std::size_t>(end - at);
+    std::size_t const size = left < 8 ? left : 8;
+    return loadEight(at + size - 8) >> (64 - 8 * size);  // shifts out the bytes before `at`
+}
+
+// The digits at the beginning of eight bytes. They are counted and read without a branch on their number, which the
+// processor could not predict.
+class LeadingDigits {
+public:
+    explicit LeadingDigits(U64 bytes) : digits_(bytes - 0x3030303030303030ul) {
         // Sets the top bit of each byte that is no digit. Only the first of them counts: its carry makes the bits above
         // it wrong.
-        U64 const others = ((bytes + 0x4646464646464646ul) | digits) & 0x8080808080808080ul;
-        if (others != 0) {
-            auto const count = static_cast<unsigned>(std::countr_zero(others)) / 8;
-            number = number * powers[count] + eightDigits(digits << (8 * (7 - count)) << 8);
+        U64 const others = ((bytes + 0x4646464646464646ul) | digits_) & 0x8080808080808080ul;
+        bits_ = static_cast<unsigned>(std::countr_zero(others));
+    }
+
+    unsigned count() const { return bits_ / 8; }        // 0 to 8
+    U64 eight() const { return eightDigits(digits_); }  // their number; REQUIRES: count() is 8
+    // Their number; REQUIRES: count() is from 1 to 7. Zeros move in before them.
+    U64 fewer() const { return eightDigits(digits_ << ((7u - bits_) & 63)); }
+
+private:
+    U64 digits_;
+    unsigned bits_;
+};
+
+inline constexpr U32 smallPowers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000};
+
+// Appends all digits from `at` on to `number`, modulo 2^64, and returns their end. REQUIRES: the text begins at `from`
+// or before.
+[[gnu::always_inline]] inline char const* readDigits(char const* from, char const* at, char const* end, U64& number) {
+    while (at != end) {
+        LeadingDigits const digits(end - from >= 8 ? loadUpToEight(at, end) : loadFewer(at, end));
+        unsigned const count = digits.count();
+        if (count != 8) {
+            if (count != 0) number = number * smallPowers[count] + digits.fewer();
             return at + count;
         }
-        number = number * 100000000 + eightDigits(digits);
+        number = number * 100000000 + digits.eight();
         at += 8;
     }
+    return at;
 }
+
+// Reads an unsigned number of any length up to `most`, a U32's or a U64's largest.
+VEL_API char const* readLongUnsigned(char const* from, char const* end, U64 most, U64& value);
 
 // Reads the digits of an unsigned number no larger than T's largest. "07" reads as 0 and leaves the 7.
 template <class T> inline char const* readUnsigned(char const* from, char const* end, T& value) {
-    if (from == end || !isDigit(*from)) return nullptr;
-    if (*from == '0') {
+    if (from == end) return nullptr;
+    LeadingDigits const digits(end - from >= 8 ? loadEight(from) : loadFewer(from, end));
+    unsigned const count = digits.count();
+    if (static_cast<unsigned char>(*from - '1') > 8) [[unlikely]] {
+        if (*from != '0') return nullptr;
         value = 0;
         return from + 1;
     }
-    U64 number = 0;
-    char const* const stop = readDigits(from, from, end, number);
-    if (stop - from > 19) {  // `number` has wrapped around for 20 digits from 2^64 on; then it is less than 10^19
-        if (sizeof(T) < 8 || stop - from > 20) return nullptr;
-        if (*from != '1' || number < 10000000000000000000ul) return nullptr;
+    if (count != 8) [[likely]] {
+        U64 const number = digits.fewer();
+        if (sizeof(T) < 4 && number > std::numeric_limits<T>::max()) return nullptr;
+        value = static_cast<T>(number);
+        return from + count;
     }
-    if (number > std::numeric_limits<T>::max()) return nullptr;
+    if (sizeof(T) < 4) return nullptr;
+    U64 number = 0;
+    char const* const stop = readLongUnsigned(from, end, std::numeric_limits<T>::max(), number);
+    if (stop) value = static_cast<T>(number);
+    return stop;
+}
+
+// These read the same as the functions without "Inside", and faster. They may load what is before the number, too.
+// REQUIRES: at least roomBefore bytes before `from` may be read; from <= end.
+inline constexpr std::size_t roomBefore = 32;
+VEL_API char const* readUnsignedInside(char const* from, char const* end, U64 most, U64& value);
+VEL_API char const* readDoubleInside(char const* from, char const* end, double& value);
+template <class T> inline char const* readUnsignedInside(char const* from, char const* end, T& value) {
+    U64 number = 0;
+    char const* const stop = readUnsignedInside(from, end, std::numeric_limits<T>::max(), number);
     value = static_cast<T>(number);
     return stop;
 }
 
 // Reads "True" or "False" without a branch on which it is, since the processor could not predict that.
 inline char const* readBool(char const* from, char const* end, bool& value) {
-    static constexpr char const* texts[] = {"False", "True"};
     auto const left = static_cast<std::size_t>(end - from);
     if (left < 4) return nullptr;
-    bool const isTrue = *from == 'T';
-    std::size_t const length = isTrue ? 4 : 5;
-    if (left < length || std::memcmp(from, texts[isTrue], 4) != 0 || (from[length - 1] != 'e')) return nullptr;
+    auto const four = [](char const* place) {
+        U32 bytes;
+        std::memcpy(&bytes, place, sizeof bytes);
+        return bytes;
+    };
+    U32 const bytes = four(from);
+    char const last = from[left < 5 ? 3 : 4];  // of "False"
+    bool const isTrue = bytes == four("True");
+    bool const isFalse = (bytes == four("Fals")) & (last == 'e') & (left >= 5);
+    if (!(isTrue | isFalse)) return nullptr;
     value = isTrue;
-    return from + length;
+    return from + 5 - isTrue;
 }
 
 }  // namespace Vel::Scan

@@ -15,7 +15,7 @@ void StrepOut::grow(std::size_t more) {
     std::size_t const wanted = std::max(2 * capacity, used + more);
     auto* const bytes = static_cast<char*>(std::malloc(wanted));
     if (!bytes) throw std::bad_alloc();
-    std::memcpy(bytes, begin_, used);
+    if (used != 0) std::memcpy(bytes, begin_, used);
     release();
     begin_ = bytes;
     at_ = bytes + used;
@@ -23,7 +23,7 @@ void StrepOut::grow(std::size_t more) {
 }
 
 void StrepOut::release() {
-    if (begin_ != inline_) std::free(begin_);
+    if (begin_ != given_) std::free(begin_);
 }
 
 namespace Scan {

@@ -25,6 +25,9 @@ namespace Vel {
 class VEL_API StrepOut {
 public:
     StrepOut() = default;
+    // Collects text in [first, last), and moves to memory of its own when there is no more room. The caller finds out by
+    // view().data(). REQUIRES: the caller's memory outlives this object.
+    StrepOut(char* first, char* last) : given_(first), begin_(first), at_(first), end_(last) {}
     StrepOut(StrepOut const&) = delete;
     StrepOut& operator=(StrepOut const&) = delete;
     ~StrepOut() { release(); }
@@ -53,6 +56,7 @@ private:
     VEL_COLD void grow(std::size_t more);
     void release();
 
+    char* given_ = inline_;  // is not freed here
     char* begin_ = inline_;
     char* at_ = inline_;
     char* end_ = inline_ + sizeof inline_;

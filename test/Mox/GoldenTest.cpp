@@ -1,10 +1,13 @@
+#include "Allocations.h"
 #include "ValueTest.h"
 
 #include "Vel/base/Exception.h"
 #include "Vel/describe/Module.h"
+#include "test/Vel/text/GuardedText.h"
 
 #include <gtest/gtest.h>
 
+#include <charconv>
 #include <fstream>
 #include <set>
 #include <string>
@@ -102,6 +105,91 @@ TEST_F(GoldenTest, EveryTextWithMoreBehindItIsRefused) {
         EXPECT_THROW(Vel::GenericValue(type, row.text + " "), Vel::RangeException);
         EXPECT_THROW(Vel::GenericValue(type, " " + row.text), Vel::RangeException);
         EXPECT_THROW(Vel::GenericValue(type, row.text + ")"), Vel::RangeException);
+    });
+}
+
+// --- texts that are no Vel::String ---
+
+TEST_F(GoldenTest, TextsOfEveryKindAreTheSame) {
+    forEachRow([](Vel::VelType type, Row const& row) {
+        if (!row.textIsWhole) return;
+        EXPECT_EQ(Vel::GenericValue(type, std::string_view(row.text)).strep(), row.text);
+        EXPECT_EQ(Vel::GenericValue(type, row.text.c_str()).strep(), row.text);
+        EXPECT_EQ(Vel::GenericValue(type, row.text).strep(), row.text);
+        EXPECT_EQ(Vel::GenericValue(type, Vel::String(row.text)).strep(), row.text);
+        Vel::GenericValue value(type);
+        type.glue().genericIfStrepToValue(value.data(), row.text, type);
+        EXPECT_EQ(value.strep(), row.text);
+        EXPECT_THROW(Vel::GenericValue(type, row.text + '\0'), Vel::RangeException);
+    });
+}
+
+TEST_F(GoldenTest, TextsAreReadNoFurtherThanTheirEnd) {
+    forEachRow([](Vel::VelType type, Row const& row) {
+        if (!row.textIsWhole) return;
+        for (auto const at : {GuardedText::At::begin, GuardedText::At::end}) {
+            GuardedText const text(row.text, at);
+            EXPECT_EQ(Vel::GenericValue(type, text.view()).strep(), row.text);
+        }
+        for (std::size_t size = 0; size < row.text.size(); ++size) {  // what is cut off is refused, or another value
+            GuardedText const text(std::string_view(row.text).substr(0, size));
+            try {
+                EXPECT_EQ(Vel::GenericValue(type, text.view()).strep(), text.view());
+            } catch (Vel::RangeException const&) {}
+        }
+    });
+}
+
+TEST_F(GoldenTest, ErrorsOfViewsAreThoseOfStrings) {
+    auto const errorOf = [](auto make) -> std::string {
+        try {
+            make();
+        } catch (Vel::RangeException const& error) {
+            return error.what();
+        }
+        return "accepted";
+    };
+    forEachRow([&](Vel::VelType type, Row const& row) {
+        for (std::size_t i = 0; i <= row.text.size(); ++i) {
+            std::string damaged = row.text;
+            damaged.insert(i, 1, '~');
+            GuardedText const text(damaged);
+            EXPECT_EQ(errorOf([&] { Vel::GenericValue(type, text.view()); }),
+                errorOf([&] { Vel::GenericValue(type, Vel::String(damaged)); }));
+        }
+    });
+}
+
+TEST_F(GoldenTest, TextsAreWrittenToTheCallersMemory) {
+    forEachRow([](Vel::VelType type, Row const& row) {
+        auto const bytes = bytesOf(row.hex);
+        Vel::NboAttrLog::In in(bytes);
+        Vel::GenericValue const value(type, in);
+        for (std::size_t size = 0; size <= row.text.size() + 130; ++size) {
+            GuardedText const room(std::string(size, '#'));
+            auto const [end, error] = value.toChars(room.begin(), room.end());
+            if (size < row.text.size()) {
+                EXPECT_EQ(error, std::errc::value_too_large) << size;
+                EXPECT_EQ(end, room.end());
+            } else {
+                EXPECT_EQ(error, std::errc()) << size;
+                EXPECT_EQ(std::string_view(room.begin(), static_cast<std::size_t>(end - room.begin())), row.text);
+            }
+        }
+    });
+}
+
+TEST_F(GoldenTest, NumbersAndFlagsNeedNoMemory) {
+    if (!ALLOCATIONS_ARE_COUNTED) GTEST_SKIP() << "the sanitizer's allocator is not counted";
+    forEachRow([](Vel::VelType type, Row const& row) {
+        if (!row.textIsWhole || !type.hasFixedEncodedSize() || row.type == "Mox::IdSet") return;
+        Vel::GenericValue value(type);
+        char text[512];
+        EXPECT_EQ(allocationsOf([&] {
+            type.glue().genericIfTextToValue(value.data(), row.text, type);
+            value.toChars(text, text + sizeof text);
+        }),
+            0u);
     });
 }
 

@@ -73,8 +73,14 @@ template <class T> String genericIfStrRep(void const* value, VelType) {
     return out.str();
 }
 
-template <class T> void genericIfStrepToValue(void* dst, String const& text, VelType) {
+template <class T> void genericIfTextToValue(void* dst, std::string_view text, VelType) {
     *static_cast<T*>(dst) = strepToValue<T>(text);
+}
+template <class T> void genericIfStrepToValue(void* dst, String const& text, VelType type) {
+    genericIfTextToValue<T>(dst, text.view(), type);
+}
+template <class T> std::to_chars_result genericIfToChars(char* first, char* last, void const* value) {
+    return DefinedByVEL_MODULE<T>::toChars(first, last, *static_cast<T const*>(value));
 }
 
 template <class T> U32 genericIfHash(void const* value, VelType type) {
@@ -177,6 +183,8 @@ template <class T> struct __attribute__((visibility("hidden"))) GlueOf {
             glue.genericIfConstructFromCtorArgs = &genericIfConstructFromCtorArgs<T>;
             glue.genericIfDestruct = &genericIfDestruct<T>;
             glue.genericIfStrepToValue = &genericIfStrepToValue<T>;
+            glue.genericIfTextToValue = &genericIfTextToValue<T>;
+            glue.genericIfToChars = &genericIfToChars<T>;
             glue.genericIfHash = &genericIfHash<T>;
             glue.write = &genericWrite<T>;
             glue.read = &genericRead<T>;
@@ -196,6 +204,15 @@ template <class T> void DefinedByVEL_MODULE<T>::print(StrepOut& out, T const& va
         value.velPrint(out);
     else if constexpr (DescribedValue<T> || ScalarValue<T>)
         Detail::printValue(out, value);
+}
+
+template <class T>
+std::to_chars_result DefinedByVEL_MODULE<T>::toChars(
+    [[maybe_unused]] char* first, char* last, [[maybe_unused]] T const& value) {
+    if constexpr (DescribedValue<T> || ScalarValue<T>)
+        return Detail::valueToChars(first, last, value);
+    else
+        return {last, std::errc::value_too_large};
 }
 
 template <class T> void DefinedByVEL_MODULE<T>::print(std::ostream& out, T const& value) {
@@ -220,14 +237,24 @@ void DefinedByVEL_MODULE<T>::parse(T& value, String::IteratorConst& it, String::
     else if constexpr (hasOption<T, OptionId::text>)
         value = OptionOf<T, OptionId::text>::parse(it, end, static_cast<T*>(nullptr));
     else
-        Detail::parseValue(value, it, end);
+        Detail::parseValue<T>(value, it, end);
 }
 
-template <class T> char const* DefinedByVEL_MODULE<T>::read(T& value, char const* from, char const* end) {
-    if constexpr (!DescribedValue<T>)
-        return nullptr;
-    else
-        return Detail::readText(value, from, end);
+template <class T>
+char const* DefinedByVEL_MODULE<T>::readFields(
+    [[maybe_unused]] void* fields, [[maybe_unused]] char const* from, [[maybe_unused]] char const* end) {
+    if constexpr (DescribedValue<T>)
+        if constexpr (Detail::hasFieldText<T>())
+            return Detail::readText<T>(*static_cast<Detail::FieldTuple<T>*>(fields), from, end);
+    return nullptr;
+}
+
+template <class T>
+void DefinedByVEL_MODULE<T>::parseFields([[maybe_unused]] void* fields, [[maybe_unused]] String::IteratorConst& it,
+    [[maybe_unused]] String::IteratorConst const& end) {
+    if constexpr (DescribedValue<T>)
+        if constexpr (Detail::hasFieldText<T>())
+            Detail::parseValue<T>(*static_cast<Detail::FieldTuple<T>*>(fields), it, end);
 }
 
 }  // namespace Vel

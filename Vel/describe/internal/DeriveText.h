@@ -109,6 +109,27 @@ template <class T> void printValue(StrepOut& out, T const& value) {
     }
 }
 
+inline std::to_chars_result copiedIfItFits(char* first, char* last, std::string_view text) {
+    if (text.size() > static_cast<std::size_t>(last - first)) return {last, std::errc::value_too_large};
+    if (!text.empty()) std::memcpy(first, text.data(), text.size());
+    return {first + text.size(), std::errc()};
+}
+
+template <class T> std::to_chars_result valueToChars(char* first, char* last, T const& value) {
+    constexpr std::size_t most = maxText<T>();
+    if constexpr (most != 0) {
+        if (static_cast<std::size_t>(last - first) >= most) [[likely]]
+            return {writeText(first, value), std::errc()};
+        char text[most];
+        return copiedIfItFits(first, last, {text, static_cast<std::size_t>(writeText(text, value) - text)});
+    } else {
+        StrepOut out(first, last);
+        printValue(out, value);
+        if (out.view().data() == first) return {first + out.size(), std::errc()};
+        return copiedIfItFits(first, last, out.view());  // the room that was asked for was more than the text needs
+    }
+}
+
 // Compares N bytes in words; for short literals faster than memcmp.
 template <class Word, std::size_t N> inline bool sameWords(char const* a, char const* b) {
     auto const difference = [&](std::size_t at) {
@@ -124,11 +145,30 @@ template <class Word, std::size_t N> inline bool sameWords(char const* a, char c
     (std::make_index_sequence<N / sizeof(Word)>());
 }
 
+// Compares N bytes in sixteens.
+template <std::size_t N> inline bool sameVectors(char const* a, char const* b) {
+    typedef U64 Pair __attribute__((vector_size(16)));
+    auto const difference = [&](std::size_t at) {
+        Pair x;
+        Pair y;
+        std::memcpy(&x, a + at, sizeof x);
+        std::memcpy(&y, b + at, sizeof y);
+        return x ^ y;
+    };
+    Pair const all = [&]<std::size_t... I>(std::index_sequence<I...>) {
+        return (difference(N - sizeof(Pair)) | ... | difference(I * sizeof(Pair)));
+    }
+    (std::make_index_sequence<N / sizeof(Pair)>());
+    return (all[0] | all[1]) == 0;
+}
+
 template <std::size_t N>
 inline char const* readLiteral(char const* from, char const* end, FixedText<N> const& literal) {
     if (static_cast<std::size_t>(end - from) < N) return nullptr;
     bool same = true;
-    if constexpr (N >= 8)
+    if constexpr (N >= 16)
+        same = sameVectors<N>(from, literal.data);
+    else if constexpr (N >= 8)
         same = sameWords<U64, N>(from, literal.data);
     else if constexpr (N >= 4)
         same = sameWords<U32, N>(from, literal.data);
@@ -137,46 +177,50 @@ inline char const* readLiteral(char const* from, char const* end, FixedText<N> c
     return same ? from + N : nullptr;
 }
 
-template <class T> constexpr bool hasScalarsOnly() {
-    bool only = true;
-    forEachField<T>([&](auto index) { only = only && ScalarValue<FieldType<T, decltype(index)::value>>; });
-    return only;
+// Reads a scalar behind at least `before` bytes of text.
+template <std::size_t before, class T> char const* readBehind(char const* from, char const* end, T& value) {
+    if constexpr (before >= Scan::roomBefore && requires { Scalar<T>::readInside(from, end, value); })
+        return Scalar<T>::readInside(from, end, value);
+    else
+        return Scalar<T>::read(from, end, value);
 }
 
-template <class T> char const* readScalar(char const* from, char const* end, T& value) {
-    return Scalar<T>::read(from, end, value);
-}
-
-template <class T> char const* readRecord(char const* from, char const* end, T& value) {
+template <class T>
+[[gnu::always_inline]] inline char const* readRecord(char const* from, char const* end, FieldTuple<T>& fields) {
     bool good = true;
-    eachFieldValue(value, [&](auto& field, auto index) {
+    FieldsOf<T>::each(fields, [&](auto& field, auto index) {
         if (!good) return;
         static constexpr auto before = textBefore<T, decltype(index)::value>();
         from = readLiteral(from, end, before);
-        if (from) from = readScalar(from, end, field);
+        if (from) from = readBehind<textBefore<T, fieldIndexes<T>[0]>().view().size()>(from, end, field);
         good = from != nullptr;
     });
-    return good ? readLiteral(from, end, concatenated<textAfterFields.size()>(textAfterFields)) : nullptr;
+    static constexpr auto after = concatenated<textAfterFields.size()>(textAfterFields);
+    return good ? readLiteral(from, end, after) : nullptr;
 }
 
-// Parses a number or a record fast, and returns the end of its text. Returns null if anything is wrong; parseValue(),
-// which is slower, then says what. Also returns null if T has its own text form, or fields that are no scalars.
-template <class T> char const* readText(T& value, char const* from, char const* end) {
-    if constexpr (hasOption<T, OptionId::text> || !hasScalarsOnly<T>()) {
-        return nullptr;
-    } else if constexpr (DescriptionOf<T>::form == Form::number) {
-        eachFieldValue(value, [&](auto& field, auto) { from = readScalar(from, end, field); });
+// Parses a number or a record fast, and returns the end of its text. Returns null if anything is wrong; parseFields(),
+// which is slower, then says what. REQUIRES: hasFieldText<T>().
+template <class T> char const* readText(FieldTuple<T>& fields, char const* from, char const* end) {
+    if constexpr (DescriptionOf<T>::form == Form::number) {
+        FieldsOf<T>::each(fields,
+            [&](auto& field, auto) { from = Scalar<std::remove_cvref_t<decltype(field)>>::read(from, end, field); });
         return from;
     } else {
-        return readRecord(from, end, value);
+        return readRecord<T>(from, end, fields);
     }
 }
 
+// Calls f(field, index) for each field of a value, or of a tuple of the fields.
+template <class T, class F> void eachFieldOf(T& value, F&& f) { eachFieldValue(value, f); }
+template <class T, class F> void eachFieldOf(FieldTuple<T>& fields, F&& f) { FieldsOf<T>::each(fields, f); }
+
 // Parses a record piece by piece, by the same texts that the printer writes. Throws at the first piece that does not
 // match.
-template <class T> VEL_COLD void parseRecord(T& value, String::IteratorConst& it, String::IteratorConst const& end) {
+template <class T, class Fields>
+VEL_COLD void parseRecord(Fields& fields, String::IteratorConst& it, String::IteratorConst const& end) {
     using namespace std::string_view_literals;
-    eachFieldValue(value, [&](auto& field, auto index) {
+    eachFieldOf<T>(fields, [&](auto& field, auto index) {
         constexpr std::size_t I = decltype(index)::value;
         static constexpr auto before = textBefore<T, I>();
         constexpr std::size_t opening =
@@ -192,16 +236,17 @@ template <class T> VEL_COLD void parseRecord(T& value, String::IteratorConst& it
     needString(it, end, textAfterFields.data());
 }
 
-template <class T> void parseValue(T& value, String::IteratorConst& it, String::IteratorConst const& end) {
-    eachFieldValue(value, [](auto& field, auto) { field = std::remove_cvref_t<decltype(field)>(); });
+template <class T, class Fields>
+VEL_COLD void parseValue(Fields& fields, String::IteratorConst& it, String::IteratorConst const& end) {
+    eachFieldOf<T>(fields, [](auto& field, auto) { field = std::remove_cvref_t<decltype(field)>(); });
     if constexpr (DescriptionOf<T>::form == Form::number) {
-        eachFieldValue(value, [&](auto& field, auto index) {
+        eachFieldOf<T>(fields, [&](auto& field, auto index) {
             static constexpr auto name = concatenated<attributeName<T, decltype(index)::value>().size()>(
                 attributeName<T, decltype(index)::value>());
             field = deserializeAttr<std::remove_cvref_t<decltype(field)>>(it, end, name.data);
         });
     } else {
-        parseRecord(value, it, end);
+        parseRecord<T>(fields, it, end);
     }
 }
 

@@ -4,7 +4,10 @@
 #include "Vel/text/NboAttrLog.h"
 #include "Vel/text/Scalar.h"
 
+#include <array>
 #include <string_view>
+#include <tuple>
+#include <utility>
 
 // Writes and reads a described value's items in the attribute log. A value whose encoding always has the same length is
 // written and read in one piece. If that fails, or if the length varies, it is read item by item, so that an error can
@@ -35,10 +38,51 @@ template <class T> constexpr std::size_t fixedWidth() {
     }
 }
 
+template <class T> constexpr bool hasScalarsOnly() {
+    bool only = true;
+    forEachField<T>([&](auto index) { only = only && ScalarValue<FieldType<T, decltype(index)::value>>; });
+    return only;
+}
+
+// Whether T's text is derived from its description, and its fields are scalars.
+template <class T> constexpr bool hasFieldText() { return !hasOption<T, OptionId::text> && hasScalarsOnly<T>(); }
+
 template <class T, class F> constexpr void eachFieldValue(T& value, F&& f) {
     forEachField<std::remove_const_t<T>>(
         [&](auto index) { f(value.*AttributeAt<std::remove_const_t<T>, decltype(index)::value>::member, index); });
 }
+
+template <class T> constexpr std::size_t fieldCount() {
+    std::size_t count = 0;
+    forEachField<T>([&](auto) { ++count; });
+    return count;
+}
+// Returns the indexes of T's fields among its attributes.
+template <class T> constexpr auto findFields() {
+    std::array<std::size_t, fieldCount<T>()> indexes{};
+    std::size_t count = 0;
+    forEachField<T>([&](auto index) { indexes[count++] = index; });
+    return indexes;
+}
+template <class T> __attribute__((visibility("hidden"))) inline constexpr auto fieldIndexes = findFields<T>();
+template <class T> using FieldPlaces = std::make_index_sequence<fieldCount<T>()>;
+
+// The values of T's fields without the object. What a function that is not inlined has read is passed in this form, and
+// the caller stores it into its T. So the T's address is not passed on, and a T that is only copied elsewhere needs no
+// memory. Were it filled in memory field by field and then copied in wider pieces, the copy would wait until all the
+// stores have reached the cache.
+template <class T, class Places = FieldPlaces<T>> struct FieldsOf;
+template <class T, std::size_t... P> struct FieldsOf<T, std::index_sequence<P...>> {
+    using Tuple = std::tuple<FieldType<T, fieldIndexes<T>[P]>...>;
+
+    template <class F> static void each(Tuple& fields, F&& f) {
+        (f(std::get<P>(fields), std::integral_constant<std::size_t, fieldIndexes<T>[P]>()), ...);
+    }
+    static void store(T& value, Tuple&& fields) {
+        ((value.*AttributeAt<T, fieldIndexes<T>[P]>::member = std::get<P>(std::move(fields))), ...);
+    }
+};
+template <class T> using FieldTuple = typename FieldsOf<T>::Tuple;
 
 template <class T> inline U8* storeFixed(U8* to, T const& value) {
     if constexpr (ScalarValue<T>) {
@@ -77,17 +121,28 @@ template <class T> T nextItem(NboAttrLog::In& in);
 [[noreturn]] VEL_API VEL_COLD void throwStreamExceptionNaming(
     StreamException const& error, std::string_view typeName, std::string_view attributeName);
 
-template <class T> void readByItems(T& value, NboAttrLog::In& in) {
-    eachFieldValue(value, [&](auto& field, auto index) {
-        try {
-            field = nextItem<std::remove_cvref_t<decltype(field)>>(in);
-        } catch (StreamException const& error) {
-            throwStreamExceptionNaming(error, descriptionOf<T>.name, attributeName<T, decltype(index)::value>());
-        }
-    });
+template <class T, std::size_t I> FieldType<T, I> nextField(NboAttrLog::In& in) {
+    try {
+        return nextItem<FieldType<T, I>>(in);
+    } catch (StreamException const& error) {
+        throwStreamExceptionNaming(error, descriptionOf<T>.name, attributeName<T, I>());
+    }
 }
-// A function of its own that is not inlined, so that the code that reads a value in one piece stays short.
-template <class T> VEL_COLD void readByItemsCold(T& value, NboAttrLog::In& in) { readByItems(value, in); }
+template <class T> void readByItems(T& value, NboAttrLog::In& in) {
+    eachFieldValue(value, [&](auto& field, auto index) { field = nextField<T, decltype(index)::value>(in); });
+}
+// These two are not inlined, so that the code that reads a value in one piece stays short.
+template <class T> VEL_COLD FieldTuple<T> fieldsByItemsCold(NboAttrLog::In& in) {
+    return [&]<std::size_t... P>(std::index_sequence<P...>) {
+        return FieldTuple<T>{nextField<T, fieldIndexes<T>[P]>(in)...};  // braces, so in this order
+    }
+    (FieldPlaces<T>());
+}
+// Says what is wrong with bytes from which loadFixed() could not read a T. REQUIRES: hasScalarsOnly<T>().
+template <class T> [[noreturn]] VEL_COLD void failByItemsCold(NboAttrLog::In& in) {
+    fieldsByItemsCold<T>(in);
+    throw StreamException("bytes that were refused before", in.offset());  // not reached: an item has thrown
+}
 
 template <class T> T nextItem(NboAttrLog::In& in) {
     if constexpr (ScalarValue<T>)

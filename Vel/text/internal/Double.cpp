@@ -6,6 +6,10 @@
 #include <charconv>
 #include <cmath>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 // Doubles as the shortest decimal that reads back to the same double, in the layout of Python's repr.
 namespace Vel::Scan {
 
@@ -211,6 +215,17 @@ bool nearestDouble(Decimal decimal, double& value) {
            (10 - lastDigit) * unit + distance > one / 2 + margin;
 }
 
+// Sets `value` to the double whose shortest decimal this is. Returns false if that has to be found out in another way.
+// REQUIRES: the decimal's last digit is not zero, or it is the only place; its whole number is `wholeNumber`.
+inline bool magnitudeOf(Decimal decimal, U64 wholeNumber, double& value) {
+    // For these decimals the quotient is right: see asMillionths(); and up to 15 digits always read back.
+    bool const few = decimal.digits < 1000000000000000ul ||
+                     (decimal.exponent >= -6 && decimal.digits < 4000000000000000ul && wholeNumber < 4500000000ul);
+    if (!few || decimal.exponent > 0 || decimal.exponent < -mostExactPower) return nearestDouble(decimal, value);
+    value = static_cast<double>(static_cast<std::int64_t>(decimal.digits)) / exactPowers[-decimal.exponent];
+    return true;
+}
+
 // Reads "e+16" or "e-05" into `exponent`. Returns the end, or null if writeDouble() never writes such an exponent.
 char const* readExponent(char const* at, char const* end, int& exponent) {
     if (end - at < 4 || (at[1] != '+' && at[1] != '-')) return nullptr;
@@ -230,28 +245,33 @@ char const* readDouble(char const* from, char const* end, double& value) {
     bool const negative = at != end && *at == '-';
     if (negative) ++at;
     char const* const whole = at;
-    Decimal decimal{0, 0};
-    at = readDigits(from, at, end, decimal.digits);
+    U64 number = 0;
+    at = readDigits(from, at, end, number);
     std::ptrdiff_t const wholeDigits = at - whole;
     if (wholeDigits == 0 || wholeDigits > 16 || (*whole == '0' && wholeDigits > 1) || at == end || *at != '.')
+        [[unlikely]]
         return readDoubleSlow(from, end, value);
-    U64 const wholeNumber = decimal.digits;
+    U64 const wholeNumber = number;
     char const* const fraction = ++at;
-    at = readDigits(from, at, end, decimal.digits);
+    at = readDigits(from, at, end, number);
     std::ptrdiff_t const places = at - fraction;
-    std::ptrdiff_t digits = wholeDigits + places;  // without leading zeros; 19 of them fit into U64
-    if (wholeNumber == 0)
-        for (char const* zero = fraction; zero != at && *zero == '0'; ++zero) --digits;
-    if (places == 0 || digits > 19 || places > mostExactPower) return readDoubleSlow(from, end, value);
-    decimal.exponent = static_cast<int>(-places);
-    if (at[-1] == '0') {
+    if (places == 0) [[unlikely]]
+        return readDoubleSlow(from, end, value);
+    if (wholeDigits + places > 19) {  // 19 digits fit into U64
+        std::ptrdiff_t digits = wholeDigits + places;
+        if (wholeNumber == 0)
+            for (char const* zero = fraction; zero != at && *zero == '0'; ++zero) --digits;
+        if (digits > 19 || places > mostExactPower) return readDoubleSlow(from, end, value);
+    }
+    Decimal decimal{number, static_cast<int>(-places)};
+    if (at[-1] == '0') [[unlikely]] {
         bool const isWhole = places == 1 && wholeNumber <= 2 * hiddenBit && (at == end || *at != 'e');
         if (!isWhole) return readDoubleSlow(from, end, value);
         auto const magnitude = static_cast<double>(wholeNumber);
         value = negative ? -magnitude : magnitude;
         return at;
     }
-    if (at != end && *at == 'e') {
+    if (at != end && *at == 'e') [[unlikely]] {
         int exponent = 0;
         at = readExponent(at, end, exponent);
         if (!at || wholeDigits != 1 || wholeNumber == 0) return readDoubleSlow(from, end, value);
@@ -261,15 +281,184 @@ char const* readDouble(char const* from, char const* end, double& value) {
     }
 
     double magnitude = 0;
-    // For these decimals the quotient below is right: see asMillionths(); and up to 15 digits always read back.
-    bool const few = decimal.digits < 1000000000000000ul ||
-                     (decimal.exponent >= -6 && decimal.digits < 4000000000000000ul && wholeNumber < 4500000000ul);
-    if (few && decimal.exponent <= 0 && decimal.exponent >= -mostExactPower)
-        magnitude = static_cast<double>(decimal.digits) / exactPowers[-decimal.exponent];
-    else if (!nearestDouble(decimal, magnitude))
-        return readDoubleSlow(from, end, value);
+    if (!magnitudeOf(decimal, wholeNumber, magnitude)) return readDoubleSlow(from, end, value);
     value = negative ? -magnitude : magnitude;
     return at;
+}
+
+char const* readLongUnsigned(char const* from, char const* end, U64 most, U64& value) {
+    U64 number = 0;
+    char const* const stop = readDigits(from, from, end, number);
+    if (stop - from > 19) {  // `number` has wrapped around for 20 digits from 2^64 on; then it is less than 10^19
+        if (stop - from > 20 || *from != '1' || number < 10000000000000000000ul) return nullptr;
+    }
+    if (number > most) return nullptr;
+    value = number;
+    return stop;
+}
+
+// --- reading with what is before the number ---
+
+#if defined(__SSE2__)
+
+namespace {
+
+constexpr U64 integerPowers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000, 1000000000, 10000000000,
+    100000000000, 1000000000000, 10000000000000, 100000000000000, 1000000000000000, 10000000000000000};
+
+inline __m128i loadSixteen(void const* from) { return _mm_loadu_si128(static_cast<__m128i const*>(from)); }
+
+// Returns a bit for each of sixteen bytes that is no digit.
+inline U64 othersOf(char const* from) {
+    __m128i const moved = _mm_add_epi8(loadSixteen(from), _mm_set1_epi8(static_cast<char>(-128 - '0')));
+    return static_cast<U64>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpgt_epi8(moved, _mm_set1_epi8(-128 + 9)))));
+}
+
+// A mask of the last `count` of sixteen bytes that makes digits of ASCII digits. REQUIRES: count <= 16.
+inline __m128i lastDigits(std::size_t count) {
+    static constexpr unsigned char masks[32] = {
+        0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 15, 15, 15, 15, 15, 15, 15, 15, 15, 15, 15, 15, 15, 15, 15, 15};
+    return loadSixteen(masks + count);
+}
+
+// Returns the number with these sixteen digits. They are joined to pairs, to groups of four, and to two of eight, as in
+// Daniel Lemire, "Quickly parsing eight digits", 2018, but in a vector.
+inline U64 sixteenDigits(__m128i digits) {
+    __m128i const pairs = _mm_srli_epi16(_mm_mullo_epi16(digits, _mm_set1_epi16(10 * 256 + 1)), 8);
+    __m128i const fours = _mm_madd_epi16(pairs, _mm_set1_epi32(100 + (1 << 16)));
+    __m128i const eights = _mm_madd_epi16(_mm_packs_epi32(fours, fours), _mm_set1_epi32(10000 + (1 << 16)));
+    auto const both = static_cast<U64>(_mm_cvtsi128_si64(eights));
+    return static_cast<U32>(both) * U64(100000000) + (both >> 32);
+}
+
+// Returns the number of the last `count` digits before `end`. REQUIRES: count <= 16.
+inline U64 digitsBefore(char const* end, std::size_t count) {
+    return sixteenDigits(_mm_and_si128(loadSixteen(end - 16), lastDigits(count)));
+}
+
+// Reads a decimal of more digits than a division can take. `places` digits are before `at`, and all digits are `digits`.
+[[gnu::noinline]] char const* readLongDecimal(
+    char const* from, char const* end, double& value, U64 digits, std::size_t places, char const* at) {
+    if (!nearestDouble({digits, -static_cast<int>(places)}, value)) [[unlikely]]
+        return readDouble(from, end, value);
+    return at;
+}
+
+// Reads decimals of up to 20 digits, by the places of the first two bytes that are no digits. Nothing here branches on a
+// number of digits but for 17 and more, since the processor could not predict that.
+char const* readLongDoubleInside(char const* from, char const* end, double& value) {
+    auto const left = static_cast<std::size_t>(end - from);
+    std::size_t const before = left < 32 ? 32 - left : 0;
+    // All bits from `end` on are set.
+    U64 const others = (othersOf(from - before) | othersOf(from - before + 16) << 16 | U64(3) << 32) >> before;
+    auto const whole = static_cast<std::size_t>(std::countr_zero(others));
+    auto const stop = static_cast<std::size_t>(std::countr_zero(others & (others - 1)));
+    std::size_t const places = stop - whole - 1;
+    // Leaves a sign, an exponent, many digits, and what is wrong to the other reader.
+    if (whole - 1 > 15 || places - 1 > 19 || stop > std::min<std::size_t>(left, 31)) [[unlikely]]
+        return readDouble(from, end, value);
+    char const* const at = from + stop;
+    bool const isBelowOne = *from == '0';
+    if (from[whole] != '.' || at[-1] == '0' || (isBelowOne && whole != 1) || (stop != left && *at == 'e'))
+        [[unlikely]] {
+        // What ends with a zero is a whole number.
+        if (from[whole] != '.' || (isBelowOne && whole != 1) || (stop != left && *at == 'e') || places != 1)
+            return readDouble(from, end, value);
+        U64 const number = digitsBefore(from + whole, whole);
+        if (number > 2 * hiddenBit) return readDouble(from, end, value);
+        value = static_cast<double>(number);
+        return at;
+    }
+    U64 digits = 0;
+    if (whole + places <= 16) [[likely]] {
+        // Moves the digits before the point one place up, and so over the point.
+        __m128i const fraction = lastDigits(places);
+        __m128i const rest = _mm_andnot_si128(fraction, lastDigits(whole + places));
+        digits = sixteenDigits(
+            _mm_or_si128(_mm_and_si128(loadSixteen(at - 16), fraction), _mm_and_si128(loadSixteen(at - 17), rest)));
+    } else if (places <= 16) {
+        if (whole + places > 19) [[unlikely]]  // 19 digits fit into U64
+            return readDouble(from, end, value);
+        digits = digitsBefore(from + whole, whole) * integerPowers[places] + digitsBefore(at, places);
+    } else {
+        U64 const first = digitsBefore(at - 16, places - 16);
+        if (!isBelowOne || first > 999) [[unlikely]]
+            return readDouble(from, end, value);
+        digits = first * integerPowers[16] + digitsBefore(at, 16);
+    }
+    if (isBelowOne && places > 4 && digits < integerPowers[places - 4]) [[unlikely]]
+        return readDouble(from, end, value);  // below 1e-4, a canonical text has an exponent
+    // For these decimals the quotient is right: see asMillionths(); and up to 15 digits always read back.
+    double const quotient = static_cast<double>(static_cast<std::int64_t>(digits)) / exactPowers[places];
+    if (digits < 1000000000000000ul || (places <= 6 && digits < 4000000000000000ul && quotient < 4.5e9)) [[likely]] {
+        value = quotient;
+        return at;
+    }
+    return readLongDecimal(from, end, value, digits, places, at);
+}
+
+}  // namespace
+
+char const* readUnsignedInside(char const* from, char const* end, U64 most, U64& value) {
+    auto const left = static_cast<std::size_t>(end - from);
+    U64 others = 0;
+    if (left >= 16) [[likely]]
+        others = othersOf(from) | 1 << 16;
+    else
+        others = (othersOf(end - 16) | 1 << 16) >> (16 - left);
+    auto const count = static_cast<std::size_t>(std::countr_zero(others));
+    if (count - 1 > 14) [[unlikely]]
+        return count == 0 ? nullptr : readLongUnsigned(from, end, most, value);
+    if (*from == '0') [[unlikely]] {
+        value = 0;
+        return from + 1;
+    }
+    U64 const number = digitsBefore(from + count, count);
+    value = number;
+    return number <= most ? from + count : nullptr;
+}
+
+#else
+
+char const* readUnsignedInside(char const* from, char const* end, U64 most, U64& value) {
+    if (from == end || !isDigit(*from)) return nullptr;
+    if (*from != '0') return readLongUnsigned(from, end, most, value);
+    value = 0;
+    return from + 1;
+}
+
+namespace {
+char const* readLongDoubleInside(char const* from, char const* end, double& value) {
+    return readDouble(from, end, value);
+}
+}  // namespace
+
+#endif
+
+// Reads a decimal of up to seven bytes, as people choose them. All others are left to the functions above.
+char const* readDoubleInside(char const* from, char const* end, double& value) {
+    if (from == end) return nullptr;
+    U64 const bytes = loadUpToEight(from, end);
+    U64 const digits = bytes ^ 0x3030303030303030ul;
+    // The top bit of each byte that is no digit. The first two are right, if the first byte is a point.
+    U64 const others = ((digits + 0x7676767676767676ul) | digits) & 0x8080808080808080ul;
+    U64 const later = others & (others - 1);
+    if (later == 0) return readLongDoubleInside(from, end, value);
+    auto const pointBit = static_cast<unsigned>(std::countr_zero(others));
+    auto const stopBit = static_cast<unsigned>(std::countr_zero(later));
+    unsigned const places = (stopBit - pointBit) / 8 - 1;
+    // Returns the byte whose top bit this is. Both places may be behind the text, where only `bytes` can be read.
+    auto const byteOf = [bytes](unsigned bit) { return static_cast<char>(bytes >> (bit - 7)); };
+    bool const isPadded =
+        (byteOf(stopBit - 8) == '0' && places != 1) || (*from == '0' && (pointBit != 15 || places > 4));
+    if (pointBit == 7 || places == 0 || byteOf(pointBit) != '.' || isPadded || byteOf(stopBit) == 'e') [[unlikely]]
+        return readLongDoubleInside(from, end, value);
+    // Moves the digits behind the point over it, and all of them to the end of the word.
+    U64 const whole = (U64(1) << (pointBit - 7)) - 1;
+    U64 const joined = (digits & whole) | ((digits >> 8) & ~whole);
+    value = static_cast<double>(static_cast<std::int64_t>(eightDigits(joined << ((15 - stopBit) & 63)))) /
+            exactPowers[places];
+    return from + stopBit / 8;
 }
 
 }  // namespace Vel::Scan
