@@ -351,7 +351,7 @@ private:
             U64 const last = *std::find_if(t.begin(), t.end(), [](U64 slot) { return slot != 0; });
             word_ = (last & ~tagBits) | tagOf(homeHashOf(last, t.sizeClass), 0);
             ::operator delete(&t);
-        } else if (t.hashed() && t.used < capacityOf(t.sizeClass) / 4) {
+        } else if (t.hashed() && classFor(2 * t.used) < t.sizeClass) {  // it is less than a fifth full
             rebuild(classFor(2 * t.used), false);  // without memory for a smaller table, it stays as it is
         }
     }
