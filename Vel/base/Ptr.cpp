@@ -1,9 +1,15 @@
 #include "Vel/base/Ptr.h"
 
+#include "Vel/base/ObjectPool.h"
+
 #include <mutex>
 #include <new>
 #include <utility>
 #include <vector>
+
+#if __has_include(<sys/single_threaded.h>)
+#include <sys/single_threaded.h>
+#endif
 
 namespace Vel {
 
@@ -14,6 +20,18 @@ namespace {
 constinit std::mutex trackedMutex;
 constinit AllocTrackTypeInfo* trackedFirst = nullptr;
 constinit AllocTrackTypeInfo** trackedEnd = &trackedFirst;
+
+// Adds to a counter that other threads may read or change. A process with one thread needs no atomic addition, which
+// takes as long as some sixty other instructions.
+void counterAdd(U64& counter, U64 n) noexcept {
+#if __has_include(<sys/single_threaded.h>)
+    if (__libc_single_threaded) {
+        __atomic_store_n(&counter, __atomic_load_n(&counter, __ATOMIC_RELAXED) + n, __ATOMIC_RELAXED);
+        return;
+    }
+#endif
+    __atomic_fetch_add(&counter, n, __ATOMIC_RELAXED);
+}
 
 }  // namespace
 
@@ -26,14 +44,14 @@ void AllocTrackTypeInfo::add(U64 count, U64 bytes) noexcept {
             __atomic_store_n(&listed_, true, __ATOMIC_RELEASE);
         }
     }
-    __atomic_fetch_add(&live_, count, __ATOMIC_RELAXED);
-    __atomic_fetch_add(&liveBytes_, bytes, __ATOMIC_RELAXED);
-    __atomic_fetch_add(&total_, count, __ATOMIC_RELAXED);
+    counterAdd(live_, count);
+    counterAdd(liveBytes_, bytes);
+    counterAdd(total_, count);
 }
 
 void AllocTrackTypeInfo::subtract(U64 count, U64 bytes) noexcept {
-    __atomic_fetch_sub(&live_, count, __ATOMIC_RELAXED);
-    __atomic_fetch_sub(&liveBytes_, bytes, __ATOMIC_RELAXED);
+    counterAdd(live_, ~count + 1);
+    counterAdd(liveBytes_, ~bytes + 1);
 }
 
 void AllocTrackTypeInfo::_trackAllocation(std::size_t size, std::size_t) noexcept { add(1, size); }
@@ -70,18 +88,33 @@ namespace {
 // Beyond this depth, objects wait in a list until the outermost is destroyed, so that a long chain does not exhaust the
 // stack.
 constexpr unsigned maxNestedDestruction = 64;
-thread_local unsigned nestedDestruction = 0;
-thread_local std::vector<PtrInterface*>* waitingForDestruction = nullptr;
+struct Destruction {  // of one thread; together, so that a library looks up its thread-local variables once
+    unsigned nested = 0;
+    std::vector<PtrInterface*>* waiting = nullptr;
+};
+thread_local constinit Destruction threadDestruction;
 
 // Adds the object to the list. Returns false if there is no memory for that.
-bool waits(PtrInterface* object) {
+VEL_COLD bool waits(Destruction& destruction, PtrInterface* object) {
     try {
-        if (!waitingForDestruction) waitingForDestruction = new std::vector<PtrInterface*>;
-        waitingForDestruction->push_back(object);
+        if (!destruction.waiting) destruction.waiting = new std::vector<PtrInterface*>;
+        destruction.waiting->push_back(object);
         return true;
     } catch (std::bad_alloc const&) {
         return false;
     }
+}
+
+// REQUIRES: there is a list, and no object is being destroyed.
+VEL_COLD void destroyWaiting(Destruction& destruction) {
+    destruction.nested = 1;
+    while (!destruction.waiting->empty()) {
+        PtrInterface* const next = destruction.waiting->back();
+        destruction.waiting->pop_back();
+        delete next;
+    }
+    destruction.nested = 0;
+    delete std::exchange(destruction.waiting, nullptr);
 }
 
 }  // namespace
@@ -89,19 +122,13 @@ bool waits(PtrInterface* object) {
 void PtrInterface::handleZeroRef() {
     newRef();  // keeps the count above 0: references taken meanwhile must not destroy the object again
     zeroReferencesIs(true);
-    if (nestedDestruction >= maxNestedDestruction && waits(this)) return;
-    ++nestedDestruction;
+    Destruction& destruction = threadDestruction;
+    if (destruction.nested >= maxNestedDestruction && waits(destruction, this)) return;
+    ++destruction.nested;
     delete this;
-    --nestedDestruction;
-    if (nestedDestruction != 0 || !waitingForDestruction) return;
-    nestedDestruction = 1;
-    while (!waitingForDestruction->empty()) {
-        PtrInterface* const next = waitingForDestruction->back();
-        waitingForDestruction->pop_back();
-        delete next;
-    }
-    nestedDestruction = 0;
-    delete std::exchange(waitingForDestruction, nullptr);
+    --destruction.nested;
+    if (destruction.nested == 0 && destruction.waiting) [[unlikely]]
+        destroyWaiting(destruction);
 }
 
 void PtrInterface::flagIs(U32 bit, bool on) noexcept {
@@ -116,8 +143,7 @@ void PtrInterface::flagIs(U32 bit, bool on) noexcept {
     }
 }
 
-void* PtrInterface::velMemAlloc(std::size_t size) { return ::operator new(size); }
-// Not the sized form of operator delete: clang 14 declares that only with -fsized-deallocation.
-void PtrInterface::velMemFree(void* memory, std::size_t) noexcept { ::operator delete(memory); }
+void* PtrInterface::velMemAlloc(std::size_t size) { return ObjectPool::allocate(size); }
+void PtrInterface::velMemFree(void* memory, std::size_t size) noexcept { ObjectPool::free(memory, size); }
 
 }  // namespace Vel
