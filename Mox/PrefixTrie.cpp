@@ -233,24 +233,24 @@ void PrefixTrie::prefixIs(String const& path, Ptr<State> const& newState) {
     }
 }
 
+// The string of a component. The name that another node was given lately, or that an existing child has, saves a copy.
+inline String PrefixTrie::nameOf(std::string_view component) const {
+    U32 const hash = Members::hashOf(component);
+    String* const late = lateName(component, hash);
+    if (late && Detail::sameShortText(late->view(), component)) return *late;
+    if (PrefixTrie const* const known = members_.find(component, hash, Collection::prefixChild))
+        return known->velName();
+    String made(component);
+    if (late) *late = made;
+    return made;
+}
+
 // Returns the node of the path's first component, which is made if need be, and the rest of the path.
 std::pair<Ptr<PrefixTrie>, std::string_view> PrefixTrie::addStep(std::string_view path) {
     PathStep const step(path);
     if (step.last && path.find('*') != std::string_view::npos)
         Vel::assertionFailed("starPos == Vel::String::npos", source, __LINE__, prefixIsSignature);
-    // The name that another node was given lately, or that an existing child has, saves a copy.
-    U32 const hash = Members::hashOf(step.head);
-    String* const late = lateName(step.head, hash);
-    String name;
-    if (late && Detail::sameShortText(late->view(), step.head)) {
-        name = *late;
-    } else if (PrefixTrie const* const known = members_.find(step.head, hash, Collection::prefixChild)) {
-        name = known->velName();
-    } else {
-        name = String(step.head);
-        if (late) *late = name;
-    }
-    Ptr<PrefixTrie> c = newChildIs(name);
+    Ptr<PrefixTrie> c = newChildIs(nameOf(step.head));
     if (step.starred) c->mountPointIs(true);
     if (!c->state_) {
         c->stateIs(c->newStateIs());

@@ -221,6 +221,7 @@ private:
     static void prune(Level const& level);
     template <Members::Collection which> Vel::Ptr<PrefixTrie> memberDel(std::string_view key);
     template <Members::Collection which> void memberGone(PrefixTrie& member);
+    String nameOf(std::string_view component) const;
     std::pair<Vel::Ptr<PrefixTrie>, std::string_view> addStep(std::string_view path);
     template <Members::Collection which> void putMember(PrefixTrie& member, U32 hash);
     // Adds the new node `member`, whose name was to be `key`, to both collections. `hash` is the hash of `key`.

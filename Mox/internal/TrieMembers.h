@@ -76,7 +76,10 @@ public:
     }
     // Where the member with that key is; a null place if there is none.
     Place place(std::string_view key, Collection which) {
-        return word_ ? Place(findSlot(key, hashBesideOthers(key), bit(which))) : Place(nullptr);
+        if (!word_) return Place(nullptr);
+        U32 const hash = hashBesideOthers(key);
+        if (word_ & tableBit) return Place(findSlot(key, hash, bit(which)));
+        return Place(matches(word_, key, tagOf(hash, 0), bit(which)) ? &word_ : nullptr);
     }
     // The node with that key in `prefixChild`, or null, and whether it is in both collections.
     std::pair<Node*, bool> findOwned(std::string_view key) const { return findOwned(key, hashOf(key)); }

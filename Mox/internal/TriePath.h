@@ -11,7 +11,7 @@
 namespace Mox::Detail {
 
 // Returns where the second component of `path` begins, or npos if there is only one.
-inline std::size_t getSeparatorPos(std::string_view path) {
+[[gnu::always_inline]] inline std::size_t getSeparatorPos(std::string_view path) {
     static_assert('.' + 1 == '/' && '.' % 2 == 0);  // so that one comparison finds both
     std::size_t i = 1;
     // Looks at eight bytes at a time. The lowest byte of `different` that is 0 is the first separator; its high bit is
@@ -43,7 +43,7 @@ struct PathStep {
     bool last;              // the first component is the only one
     bool starred;           // the component is the last one, or it ends with the first star of the path
 
-    explicit PathStep(std::string_view path) {
+    [[gnu::always_inline]] explicit PathStep(std::string_view path) {
         auto const separator = getSeparatorPos(path);
         last = separator == std::string_view::npos;
         starred = last;
