@@ -7,7 +7,8 @@
 #include "Vel/base/Assert.h"
 #include "Vel/describe/Module.h"
 
-#include <vector>
+#include <algorithm>
+#include <utility>
 
 namespace Mox {
 
@@ -109,26 +110,25 @@ Ptr<Vel::Entity> PrefixTrie::velChild(std::string_view name) const { return pref
 
 void PrefixTrie::childIs(Ptr<PrefixTrie> const& c) {
     if (!c) Vel::throwMutatorArgNullPointerException(fwkType(), childAttribute);
-    putMember<Collection::child>(*c);
+    putMember<Collection::child>(*c, Members::hashOf(c->velKey()));
 }
 
 Ptr<PrefixTrie> PrefixTrie::prefixChildIs(String const& key) {
     if (PrefixTrie* const found = members_.find(key, Collection::prefixChild)) return found;
     Ptr<PrefixTrie> made = newEntity(key);
-    putMember<Collection::prefixChild>(*made);
+    putMember<Collection::prefixChild>(*made, Members::hashOf(made->velKey()));
     return made;
 }
 
 void PrefixTrie::velPrefixChildIs(Ptr<PrefixTrie> const& c) {
     if (!c) Vel::throwMutatorArgNullPointerException(fwkType(), prefixChildAttribute);
-    putMember<Collection::prefixChild>(*c);
+    putMember<Collection::prefixChild>(*c, Members::hashOf(c->velKey()));
 }
 
-template <Collection which> void PrefixTrie::putMember(PrefixTrie& member) {
-    auto const [taken, changed] = members_.put(member, which);
+template <Collection which> inline void PrefixTrie::putMember(PrefixTrie& member, U32 hash) {
+    auto const [taken, changed] = members_.put(member, which, hash);
     if (!changed) return;
-    Ptr<PrefixTrie> const before(taken);
-    if (taken) taken->deleteRef();  // the reference that the collection had
+    auto const before = Ptr<PrefixTrie>::adopted(taken);
     ++changes_;
     if constexpr (which == Collection::prefixChild) {
         if (before) disown(*before);
@@ -140,23 +140,26 @@ template <Collection which> void PrefixTrie::putMember(PrefixTrie& member) {
     velNotify(which == Collection::child ? childAttribute : prefixChildAttribute, member.velName());
 }
 
-template <Collection which> Ptr<PrefixTrie> PrefixTrie::memberDel(std::string_view key) {
-    PrefixTrie* const taken = members_.take(key, which);
-    if (!taken) return nullptr;
-    Ptr<PrefixTrie> const member(taken);
-    taken->deleteRef();  // the reference that the collection had
-    ++changes_;
-    if constexpr (which == Collection::prefixChild)
-        disown(*member);
-    else if (inIndex_ != InIndex::no)
-        indexMember(*member, false);
-    velNotify(which == Collection::child ? childAttribute : prefixChildAttribute, member->velName());
-    return member;
+void PrefixTrie::putMembers(PrefixTrie& member, String const& key, U32 hash) {
+    if (!member.velName().sharesStorageWith(key)) hash = Members::hashOf(member.velKey());
+    putMember<Collection::prefixChild>(member, hash);
+    putMember<Collection::child>(member, hash);
 }
 
-// Called after `member` has left prefixChild. Another trie may have taken it over before.
-void PrefixTrie::disown(PrefixTrie& member) const {
-    if (member.parent() == this) member.parentIs(nullptr);
+// Called after `member`, which somebody holds, has left the collection.
+template <Collection which> inline void PrefixTrie::memberGone(PrefixTrie& member) {
+    ++changes_;
+    if constexpr (which == Collection::prefixChild)
+        disown(member);
+    else if (inIndex_ != InIndex::no)
+        indexMember(member, false);
+    velNotify(which == Collection::child ? childAttribute : prefixChildAttribute, member.velName());
+}
+
+template <Collection which> inline Ptr<PrefixTrie> PrefixTrie::memberDel(std::string_view key) {
+    auto member = Ptr<PrefixTrie>::adopted(members_.take(key, which));
+    if (member) memberGone<which>(*member);
+    return member;
 }
 
 Ptr<PrefixTrie> PrefixTrie::childDel(std::string_view key) { return memberDel<Collection::child>(key); }
@@ -189,16 +192,15 @@ struct NamesOwner {
     }
 };
 
-String componentName(std::string_view text) {
-    if (text.size() > Names::maxLength) return text;
-    if (!lateNames) {
-        if (exits) return text;
+// The place for a name with this hash; null if the name is too long to be kept, or while the thread exits.
+String* lateName(std::string_view text, U32 hash) {
+    if (text.size() > Names::maxLength) return nullptr;
+    if (!lateNames) [[unlikely]] {
+        if (exits) return nullptr;
         thread_local NamesOwner const owner;
         lateNames = new Names;
     }
-    String& late = lateNames->names[Detail::hashShortText(text, Vel::ProcessSecret::value()) % Names::count];
-    if (!Detail::sameShortText(late.view(), text)) late = String(text);
-    return late;
+    return &lateNames->names[hash % Names::count];
 }
 
 constexpr char prefixIsSignature[] =
@@ -231,64 +233,135 @@ void PrefixTrie::prefixIs(String const& path, Ptr<State> const& newState) {
     }
 }
 
+// The string of a component. The name that another node was given lately, or that an existing child has, saves a copy.
+inline String PrefixTrie::nameOf(std::string_view component) const {
+    U32 const hash = Members::hashOf(component);
+    String* const late = lateName(component, hash);
+    if (late && Detail::sameShortText(late->view(), component)) return *late;
+    if (PrefixTrie const* const known = members_.find(component, hash, Collection::prefixChild))
+        return known->velName();
+    String made(component);
+    if (late) *late = made;
+    return made;
+}
+
 // Returns the node of the path's first component, which is made if need be, and the rest of the path.
 std::pair<Ptr<PrefixTrie>, std::string_view> PrefixTrie::addStep(std::string_view path) {
     PathStep const step(path);
     if (step.last && path.find('*') != std::string_view::npos)
         Vel::assertionFailed("starPos == Vel::String::npos", source, __LINE__, prefixIsSignature);
-    // The name of an existing child is used, which saves a copy.
-    PrefixTrie* const known = members_.find(step.head, Collection::prefixChild);
-    Ptr<PrefixTrie> const c = newChildIs(known ? known->velName() : componentName(step.head));
+    Ptr<PrefixTrie> c = newChildIs(nameOf(step.head));
     if (step.starred) c->mountPointIs(true);
     if (!c->state_) {
         c->stateIs(c->newStateIs());
         if (traceHandle.enabled(9))
             traceRecord(9, __LINE__, "prefixIs", " Uninitialized state. New: ", outputFormOf(c->state_));
     }
-    return {c, step.rest};
+    return {std::move(c), step.rest};
+}
+
+// A step from a node to a member of its `child`, as it was before anything was changed.
+struct PrefixTrie::Level {
+    PrefixTrie* parent;
+    PrefixTrie* child;
+    Members::Place place;  // of `child`, while the parent's changes_ is the same
+    U32 changes;
+};
+
+// The levels of a path. Holds the children from hold() on. Allocates nothing for paths of usual depth.
+class PrefixTrie::Way {
+public:
+    Way() = default;
+    Way(Way const&) = delete;
+    Way& operator=(Way const&) = delete;
+    ~Way() {
+        if (held_)
+            for (Level const& level : *this) level.child->deleteRef();
+        if (levels_ != inPlace_) delete[] levels_;
+    }
+
+    Level* begin() { return levels_; }
+    Level* end() { return levels_ + size_; }
+    bool empty() const { return size_ == 0; }
+    Level const& back() const { return levels_[size_ - 1]; }
+    void push(Level const& level) {
+        if (size_ == capacity_) [[unlikely]]
+            grow();
+        levels_[size_++] = level;
+    }
+    Level pop() { return levels_[--size_]; }
+    void hold() {
+        held_ = true;
+        for (Level const& level : *this) level.child->newRef();
+    }
+
+private:
+    static constexpr std::size_t usualDepth = 16;
+
+    VEL_COLD void grow() {
+        auto* const larger = new Level[2 * capacity_];
+        std::copy_n(levels_, size_, larger);
+        if (levels_ != inPlace_) delete[] levels_;
+        levels_ = larger;
+        capacity_ *= 2;
+    }
+
+    bool held_ = false;
+    std::size_t size_ = 0;
+    std::size_t capacity_ = usualDepth;
+    Level* levels_ = inPlace_;
+    Level inPlace_[usualDepth];
+};
+
+// Takes the child out of `child`, and calls the hook. REQUIRES: the child is held.
+void PrefixTrie::prune(Level const& level) {
+    PrefixTrie& parent = *level.parent;
+    auto const taken = Ptr<PrefixTrie>::adopted(level.changes == parent.changes_
+                                                    ? parent.members_.take(level.place, Collection::child)
+                                                    : parent.members_.take(level.child->velKey(), Collection::child));
+    if (taken) parent.memberGone<Collection::child>(*taken);
+    parent.childInstanceDel(level.child->velName());
 }
 
 void PrefixTrie::prefixDel(std::string_view path) {
-    struct Level {
-        PrefixTrie* parent;
-        Ptr<PrefixTrie> child;
-    };
-    std::vector<Level> way;  // to the node of the path
-    way.reserve(16);
-
-    auto const remove = [](PrefixTrie& parent, PrefixTrie const& c) {
-        Ptr<PrefixTrie> const taken = parent.childDel(c.velKey());
-        parent.childInstanceDel(c.velName());
-    };
-
+    Way way;  // to the node of the path
     PrefixTrie* at = this;
+    bool found = false;
     for (std::string_view rest = path;;) {
         if (traceHandle.enabled(8))
             traceRecord(8, __LINE__, "prefixDel", "void Mox::PrefixTrie::prefixDel(const Vel::String&)", " deleting ",
                 String(rest), " from ", at->velName());
         PathStep const step(rest);
-        Ptr<PrefixTrie> c = at->members_.find(step.head, Collection::child);
-        if (!c) {
+        Members::Place const place = at->members_.place(step.head, Collection::child);
+        if (!place) {
             if (traceHandle.enabled(9))
                 traceRecord(9, __LINE__, "prefixDel", String(rest), " already deleted from ", at->velName());
             break;
         }
-        if (!step.last) {
-            way.push_back({at, std::move(c)});
-            at = way.back().child.get();
-            rest = step.rest;
-            continue;
+        way.push({at, place.node(), place, at->changes_});
+        if (step.last) {
+            found = true;
+            break;
         }
+        at = place.node();
+        rest = step.rest;
+    }
+    if (found) {
+        way.hold();
+        Level const last = way.pop();
+        Ptr<PrefixTrie> const c = Ptr<PrefixTrie>::adopted(last.child);
         if (c->empty()) {
-            remove(*at, *c);
+            prune(last);
         } else {
             c->presentIs(false);
             c->stateIs(c->newStateIs());
         }
-        break;
+    } else {
+        if (way.empty() || !way.back().child->isVoid()) return;  // then no node above is without children either
+        way.hold();
     }
-    for (auto level = way.rbegin(); level != way.rend(); ++level)
-        if (level->child->empty() && !level->child->present()) remove(*level->parent, *level->child);
+    for (Level* level = way.end(); level != way.begin();)
+        if ((--level)->child->isVoid()) prune(*level);
 }
 
 // --- queries ---

@@ -200,11 +200,14 @@ public:
 protected:
     // For newChildIs of a derived trie: finds the child, or makes a T, in both collections.
     template <class T> Vel::Ptr<PrefixTrie> newChildOf(String const& key) {
-        auto const [known, inBoth] = members_.findOwned(key);
+        U32 const hash = Members::hashOf(key.view());
+        auto const [known, inBoth] = members_.findOwned(key.view(), hash);
         Vel::Ptr<PrefixTrie> c(known);
         if (inBoth) return c;
-        if (!c) velPrefixChildIs(c = T::newEntity(key));
-        childIs(c);
+        if (!c)
+            putMembers(*(c = T::newEntity(key)), key, hash);
+        else
+            childIs(c);
         return c;
     }
     void velPrefixChildIs(Vel::Ptr<PrefixTrie> const& c);  // adds it under its name; its parent is this node
@@ -212,10 +215,20 @@ protected:
 private:
     friend Members;
     std::string_view velKey() const { return velName().view(); }
+    struct Level;
+    class Way;
+    bool isVoid() const { return empty() && !present_; }  // a path that is deleted leaves no such node
+    static void prune(Level const& level);
     template <Members::Collection which> Vel::Ptr<PrefixTrie> memberDel(std::string_view key);
+    template <Members::Collection which> void memberGone(PrefixTrie& member);
+    String nameOf(std::string_view component) const;
     std::pair<Vel::Ptr<PrefixTrie>, std::string_view> addStep(std::string_view path);
-    template <Members::Collection which> void putMember(PrefixTrie& member);
-    void disown(PrefixTrie& member) const;
+    template <Members::Collection which> void putMember(PrefixTrie& member, U32 hash);
+    // Adds the new node `member`, whose name was to be `key`, to both collections. `hash` is the hash of `key`.
+    void putMembers(PrefixTrie& member, String const& key, U32 hash);
+    void disown(PrefixTrie& member) const {                     // called after `member` has left prefixChild
+        if (member.parent() == this) member.parentIs(nullptr);  // another trie may have taken it over before
+    }
     PrefixTrie const* node(char const* function, char const* signature, std::string_view path) const;
 
     // --- the index; see PrefixTrieIndex.cpp ---

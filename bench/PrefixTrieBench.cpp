@@ -4,11 +4,14 @@
 #include "Bench.h"
 #include "PlainTrie.h"
 
+#include "Mox/internal/TriePath.h"
+
 #include <memory>
 #include <random>
 #include <set>
 #include <unordered_map>
 
+#include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
 #include <malloc.h>
 
@@ -169,6 +172,71 @@ struct NodeTrie {
     }
 };
 
+// No contestant, but the least that coming and going costs where each component is an object that calls two hooks, is
+// found in a table, and is allocated and freed. It has no names, states, references or observers, one table for all
+// nodes instead of one for each, and cannot list a node's children. Different paths are told apart by 64 bits of a hash
+// only.
+struct BareNodes {
+    static constexpr char const* name = "bare nodes, no trie";
+    struct Node {
+        virtual ~Node() = default;
+        virtual void comes(Node& child) { above = &child == this ? nullptr : above; }
+        virtual void goes(Node& child) { above = &child == this ? nullptr : above; }
+        Node* above = nullptr;
+        unsigned children = 0;
+        bool present = false;
+        char others[48];  // as many bytes as Mox::PrefixTrie has
+    };
+    static_assert(sizeof(Node) == sizeof(Mox::PrefixTrie));
+    struct AsItIs {
+        std::size_t operator()(std::uint64_t hash) const { return hash; }
+    };
+    absl::flat_hash_map<std::uint64_t, std::unique_ptr<Node>, AsItIs> nodes;
+    Node root;
+
+    // Calls f(hash of the path so far) for each component, until it says false.
+    template <class F> static void walk(std::string_view path, F f) {
+        Vel::TableSecret const& secret = Vel::ProcessSecret::value();
+        std::uint64_t hash = 0;
+        for (std::size_t begin = 0; begin != path.size();) {
+            std::string_view const rest = path.substr(begin);
+            std::size_t const length = std::min(Mox::Detail::getSeparatorPos(rest), rest.size());
+            hash = Vel::tableHash(rest.substr(0, length), 0, secret) ^ (hash << 5 | hash >> 59);
+            if (!f(hash)) return;
+            begin += length;
+        }
+    }
+    void add(std::string_view path) {
+        Node* at = &root;
+        walk(path, [&](std::uint64_t hash) {
+            auto const [found, added] = nodes.try_emplace(hash);
+            if (added) {
+                found->second = std::make_unique<Node>();
+                found->second->above = at;
+                ++at->children;
+                at->comes(*found->second);
+            }
+            at = found->second.get();
+            return true;
+        });
+        at->present = true;
+    }
+    void del(std::string_view path) {
+        decltype(nodes)::iterator way[16];
+        std::size_t depth = 0;
+        walk(path, [&](std::uint64_t hash) { return (way[depth++] = nodes.find(hash)) != nodes.end(); });
+        way[depth - 1]->second->present = false;
+        while (depth > 0) {
+            Node& node = *way[--depth]->second;
+            if (node.present || node.children != 0) return;
+            Node& above = *node.above;
+            --above.children;
+            above.goes(node);
+            nodes.erase(way[depth]);
+        }
+    }
+};
+
 // --- paths: as they occur in a tree of state ---
 
 class RandomPaths {
@@ -293,6 +361,27 @@ std::size_t allocatedBytes() {
     return info.uordblks + info.hblkhd;
 }
 
+template <class C> void addChanges(std::string const& size, Data const& data) {
+    Bench::add(size + ", build (a path)", C::name, [&data](benchmark::State& state) {
+        while (state.KeepRunningBatch(static_cast<benchmark::IterationCount>(data.paths.size()))) {
+            auto made = built<C>(data.paths);
+            Bench::keep(made);
+            state.PauseTiming();
+            made.reset();
+            state.ResumeTiming();
+        }
+    });
+    Bench::add(size + ", delete (a path)", C::name, [&data](benchmark::State& state) {
+        while (state.KeepRunningBatch(static_cast<benchmark::IterationCount>(data.paths.size()))) {
+            state.PauseTiming();
+            auto made = built<C>(data.paths);
+            state.ResumeTiming();
+            for (std::string const& path : data.toDelete) made->del(path);
+            Bench::keep(made);
+        }
+    });
+}
+
 template <class C> void addContestant(std::string const& size, Data const& data, NodeTrie const& reference) {
     std::size_t const before = allocatedBytes();
     std::shared_ptr<C const> const contestant = built<C>(data.paths);
@@ -317,24 +406,7 @@ template <class C> void addContestant(std::string const& size, Data const& data,
     addQuery(size + ", enclosingPrefix, there", contestant, data.below, enclosing);
     addQuery(size + ", enclosingPrefix, not there", contestant, data.strange, enclosing);
 
-    Bench::add(size + ", build (a path)", C::name, [&data](benchmark::State& state) {
-        while (state.KeepRunningBatch(static_cast<benchmark::IterationCount>(data.paths.size()))) {
-            auto made = built<C>(data.paths);
-            Bench::keep(made);
-            state.PauseTiming();
-            made.reset();
-            state.ResumeTiming();
-        }
-    });
-    Bench::add(size + ", delete (a path)", C::name, [&data](benchmark::State& state) {
-        while (state.KeepRunningBatch(static_cast<benchmark::IterationCount>(data.paths.size()))) {
-            state.PauseTiming();
-            auto made = built<C>(data.paths);
-            state.ResumeTiming();
-            for (std::string const& path : data.toDelete) made->del(path);
-            Bench::keep(made);
-        }
-    });
+    addChanges<C>(size, data);
 }
 
 void addSize(std::size_t count) {
@@ -346,6 +418,7 @@ void addSize(std::size_t count) {
     addContestant<MoxTrie>(size, *data, *reference);
     addContestant<TreeSet>(size, *data, *reference);
     addContestant<NodeTrie>(size, *data, *reference);
+    addChanges<BareNodes>(size, *data);
 }
 
 }  // namespace

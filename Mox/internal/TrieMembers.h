@@ -3,6 +3,7 @@
 #include "Mox/internal/ShortText.h"
 
 #include "Vel/base/Assert.h"
+#include "Vel/base/ObjectPool.h"
 #include "Vel/base/Types.h"
 
 #include <algorithm>
@@ -43,6 +44,18 @@ template <class Node> class TrieMembers {
 public:
     enum class Collection : U64 { child = 1, prefixChild = 2 };
     class Snapshot;
+    // Where a member is, until one of the collections changes.
+    class Place {
+    public:
+        Place() = default;
+        explicit operator bool() const { return slot_; }
+        Node* node() const { return nodeOf(*slot_); }  // REQUIRES: the place of a member
+
+    private:
+        friend TrieMembers;
+        explicit Place(U64* slot) : slot_(slot) {}
+        U64* slot_;
+    };
 
     constexpr TrieMembers() noexcept = default;
     TrieMembers(TrieMembers const&) = delete;
@@ -56,10 +69,23 @@ public:
         U64 const* const slot = findSlot(key, hashBesideOthers(key), bit(which));
         return slot ? nodeOf(*slot) : nullptr;
     }
+    // The same, for a key whose hash is known.
+    Node* find(std::string_view key, U32 hash, Collection which) const {
+        U64 const* const slot = word_ ? findSlot(key, hash, bit(which)) : nullptr;
+        return slot ? nodeOf(*slot) : nullptr;
+    }
+    // Where the member with that key is; a null place if there is none.
+    Place place(std::string_view key, Collection which) {
+        if (!word_) return Place(nullptr);
+        U32 const hash = hashBesideOthers(key);
+        if (word_ & tableBit) return Place(findSlot(key, hash, bit(which)));
+        return Place(matches(word_, key, tagOf(hash, 0), bit(which)) ? &word_ : nullptr);
+    }
     // The node with that key in `prefixChild`, or null, and whether it is in both collections.
-    std::pair<Node*, bool> findOwned(std::string_view key) const {
+    std::pair<Node*, bool> findOwned(std::string_view key) const { return findOwned(key, hashOf(key)); }
+    std::pair<Node*, bool> findOwned(std::string_view key, U32 hash) const {
         if (!word_) return {nullptr, false};
-        U64 const* const slot = findSlot(key, hashBesideOthers(key), bit(Collection::prefixChild));
+        U64 const* const slot = findSlot(key, hash, bit(Collection::prefixChild));
         if (!slot) return {nullptr, false};
         return {nodeOf(*slot), (*slot & memberBits) == memberBits};
     }
@@ -72,9 +98,8 @@ public:
 
     // Makes `node` the member with its key. Returns the member that had the key, with its reference, or null, and
     // whether anything has changed. Strong guarantee.
-    std::pair<Node*, bool> put(Node& node, Collection which) {
-        std::string_view const key = node.velKey();
-        U32 const hash = hashOf(key);
+    std::pair<Node*, bool> put(Node& node, Collection which) { return put(node, which, hashOf(node.velKey())); }
+    std::pair<Node*, bool> put(Node& node, Collection which, U32 hash) {
         if (!word_) {
             word_ = newSlot(node, hash) | bit(which);
         } else if (isSlot() && nodeOf(word_) == &node) {
@@ -90,9 +115,15 @@ public:
     // Removes the member with that key and returns it with its reference, or null.
     Node* take(std::string_view key, Collection which) noexcept {
         if (!word_) return nullptr;
+        if (!(word_ & tableBit) && (word_ & bit(which)) && nodeOf(word_)->velKey().data() == key.data() &&
+            nodeOf(word_)->velKey().size() == key.size())
+            return takeFrom(&word_, which);  // needs no hash: mostly the key of a node that is removed is its own
         U64* const slot = findSlot(key, hashBesideOthers(key), bit(which));
         return slot ? takeFrom(slot, which) : nullptr;
     }
+    Node* take(Place place, Collection which) noexcept { return takeFrom(place.slot_, which); }
+
+    static U32 hashOf(std::string_view key) { return hashShortText(key, Vel::ProcessSecret::value()); }
 
     // Empties both collections. For each node, calls gone(node, collection) for each collection that has it, then
     // drop(node) for each reference.
@@ -111,7 +142,7 @@ public:
         if (!t) return;
         for (U64 const slot : *t)
             if (slot) release(slot);
-        ::operator delete(t);
+        deleteTable(t);
     }
 
     // Calls f(node) for the members of one part, and returns the next part. The first part is 0, and 0 is returned
@@ -158,7 +189,7 @@ private:
     static constexpr U64 tableBit = 4;
     static constexpr U64 tagBits = U64(0xFFFF) << 48;  // Linux gives no user-space address there unless asked
     static constexpr U64 addressBits = ~(tagBits | memberBits | tableBit);
-    // Classes 0 and 1 have 3 and 7 slots, which fill the allocator's chunks. A larger class is log2 of its slots.
+    // Classes 0 and 1 have 3 and 7 slots, which also fill the C library's chunks. A larger class is log2 of its slots.
     static constexpr U32 smallClasses = 2;
     static constexpr U32 maxSmallCapacity = 7;
     static constexpr U32 maxHomeClass = 12;  // 4096 slots: 4 bits are left to tell other keys apart
@@ -179,7 +210,6 @@ private:
 
     static constexpr U64 bit(Collection which) { return static_cast<U64>(which); }
     static constexpr unsigned index(Collection which) { return which == Collection::child ? 0 : 1; }
-    static U32 hashOf(std::string_view key) { return hashShortText(key, Vel::ProcessSecret::value()); }
     // If there is a slot, a key has been hashed before, and so the secret has been drawn.
     static U32 hashBesideOthers(std::string_view key) { return hashShortText(key, Vel::ProcessSecret::drawn()); }
     // The bits of the hash that a slot has in a table of that class. Up to maxHomeClass they say where the slot's home
@@ -271,15 +301,14 @@ private:
         return t->slots() + i;
     }
 
-    static Table* newTable(U32 sizeClass, bool mayThrow) {
-        std::size_t const bytes = bytesOf(sizeClass);
-        void* const memory = mayThrow ? ::operator new(bytes) : ::operator new(bytes, std::nothrow);
-        if (!memory) return nullptr;
+    static Table* newTable(U32 sizeClass) {
+        void* const memory = Vel::ObjectPool::allocate(bytesOf(sizeClass));
         isNoLeak(memory);
         auto* const t = new (memory) Table{sizeClass, 0, {0, 0}};
         std::memset(t->slots(), 0, capacityOf(sizeClass) * sizeof(U64));
         return t;
     }
+    static void deleteTable(Table* t) { Vel::ObjectPool::free(t, bytesOf(t->sizeClass)); }
     static U32 classFor(U32 used) {
         if (used <= maxSmallCapacity) return used <= capacityOf(0) ? 0 : 1;
         return static_cast<U32>(std::bit_width(used / 3 * 4 + 3));
@@ -296,26 +325,25 @@ private:
     void insertSlot(U64 slot, U32 hash) {
         Table* t = table();
         if (!t) {
-            t = newTable(0, true);
+            t = newTable(0);
             addSlot(*t, word_, homeHashOf(word_, 0));
             t->sizes[0] = size(Collection::child);
             t->sizes[1] = size(Collection::prefixChild);
             tableIs(t);
         } else if (t->full()) {
-            t = rebuild(classFor(t->used + 1), true);
+            t = rebuild(classFor(t->used + 1));
         }
         addSlot(*t, slot, hash);
     }
 
-    Table* rebuild(U32 sizeClass, bool mayThrow) {
+    Table* rebuild(U32 sizeClass) {
         Table* const from = table();
-        Table* const to = newTable(sizeClass, mayThrow);
-        if (!to) return from;
+        Table* const to = newTable(sizeClass);
         for (U64 const slot : *from)
             if (slot) addSlot(*to, slot, homeHashOf(slot, std::max(from->sizeClass, to->sizeClass)));
         to->sizes[0] = from->sizes[0];
         to->sizes[1] = from->sizes[1];
-        ::operator delete(from);
+        deleteTable(from);
         tableIs(to);
         return to;
     }
@@ -350,9 +378,13 @@ private:
         if (t.used == 1) {
             U64 const last = *std::find_if(t.begin(), t.end(), [](U64 slot) { return slot != 0; });
             word_ = (last & ~tagBits) | tagOf(homeHashOf(last, t.sizeClass), 0);
-            ::operator delete(&t);
-        } else if (t.hashed() && t.used < capacityOf(t.sizeClass) / 4) {
-            rebuild(classFor(2 * t.used), false);  // without memory for a smaller table, it stays as it is
+            deleteTable(&t);
+        } else if (t.hashed() && classFor(2 * t.used) < t.sizeClass) {  // it is less than a fifth full
+            try {
+                rebuild(classFor(2 * t.used));
+            } catch (std::bad_alloc const&) {
+                return;  // the table stays as it is
+            }
         }
     }
 

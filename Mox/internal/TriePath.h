@@ -11,18 +11,27 @@
 namespace Mox::Detail {
 
 // Returns where the second component of `path` begins, or npos if there is only one.
-inline std::size_t getSeparatorPos(std::string_view path) {
+[[gnu::always_inline]] inline std::size_t getSeparatorPos(std::string_view path) {
     static_assert('.' + 1 == '/' && '.' % 2 == 0);  // so that one comparison finds both
     std::size_t i = 1;
     // Looks at eight bytes at a time. The lowest byte of `different` that is 0 is the first separator; its high bit is
     // then the lowest bit of `found`.
     constexpr Vel::U64 ones = 0x0101010101010101ul;
-    if constexpr (std::endian::native == std::endian::little)
-        for (; i + 8 <= path.size(); i += 8) {
-            Vel::U64 const different = (Vel::wordAt<Vel::U64>(path.data() + i) | ones) ^ (ones * '/');
-            if (Vel::U64 const found = (different - ones) & ~different & (ones * 0x80))
-                return i + static_cast<std::size_t>(std::countr_zero(found)) / 8;
+    auto const separatorsIn = [](Vel::U64 word) {
+        Vel::U64 const different = (word | ones) ^ (ones * '/');
+        return (different - ones) & ~different & (ones * 0x80);
+    };
+    auto const byteOf = [](Vel::U64 found) { return static_cast<std::size_t>(std::countr_zero(found)) / 8; };
+    if constexpr (std::endian::native == std::endian::little) {
+        for (; i + 8 <= path.size(); i += 8)
+            if (Vel::U64 const found = separatorsIn(Vel::wordAt<Vel::U64>(path.data() + i))) return i + byteOf(found);
+        if (path.size() >= 8) {  // the bytes that were looked at are shifted out
+            std::size_t const seen = i + 8 - path.size();
+            Vel::U64 const last = Vel::wordAt<Vel::U64>(path.data() + path.size() - 8);
+            Vel::U64 const found = seen == 8 ? 0 : separatorsIn(last >> 8 * seen);
+            return found ? i + byteOf(found) : std::string_view::npos;
         }
+    }
     for (; i < path.size(); ++i)
         if ((path[i] | 1) == '/') return i;
     return std::string_view::npos;
@@ -34,7 +43,7 @@ struct PathStep {
     bool last;              // the first component is the only one
     bool starred;           // the component is the last one, or it ends with the first star of the path
 
-    explicit PathStep(std::string_view path) {
+    [[gnu::always_inline]] explicit PathStep(std::string_view path) {
         auto const separator = getSeparatorPos(path);
         last = separator == std::string_view::npos;
         starred = last;

@@ -1,5 +1,7 @@
 #include "Vel/base/Ptr.h"
 
+#include "Vel/base/ObjectPool.h"
+
 #include <mutex>
 #include <new>
 #include <utility>
@@ -87,18 +89,33 @@ namespace {
 // Beyond this depth, objects wait in a list until the outermost is destroyed, so that a long chain does not exhaust the
 // stack.
 constexpr unsigned maxNestedDestruction = 64;
-thread_local unsigned nestedDestruction = 0;
-thread_local std::vector<PtrInterface*>* waitingForDestruction = nullptr;
+struct Destruction {  // of one thread; together, so that a library looks up its thread-local variables once
+    unsigned nested = 0;
+    std::vector<PtrInterface*>* waiting = nullptr;
+};
+thread_local constinit Destruction threadDestruction;
 
 // Adds the object to the list. Returns false if there is no memory for that.
-bool waits(PtrInterface* object) {
+VEL_COLD bool waits(Destruction& destruction, PtrInterface* object) {
     try {
-        if (!waitingForDestruction) waitingForDestruction = new std::vector<PtrInterface*>;
-        waitingForDestruction->push_back(object);
+        if (!destruction.waiting) destruction.waiting = new std::vector<PtrInterface*>;
+        destruction.waiting->push_back(object);
         return true;
     } catch (std::bad_alloc const&) {
         return false;
     }
+}
+
+// REQUIRES: there is a list, and no object is being destroyed.
+VEL_COLD void destroyWaiting(Destruction& destruction) {
+    destruction.nested = 1;
+    while (!destruction.waiting->empty()) {
+        PtrInterface* const next = destruction.waiting->back();
+        destruction.waiting->pop_back();
+        delete next;
+    }
+    destruction.nested = 0;
+    delete std::exchange(destruction.waiting, nullptr);
 }
 
 }  // namespace
@@ -106,19 +123,13 @@ bool waits(PtrInterface* object) {
 void PtrInterface::handleZeroRef() {
     newRef();  // keeps the count above 0: references taken meanwhile must not destroy the object again
     zeroReferencesIs(true);
-    if (nestedDestruction >= maxNestedDestruction && waits(this)) return;
-    ++nestedDestruction;
+    Destruction& destruction = threadDestruction;
+    if (destruction.nested >= maxNestedDestruction && waits(destruction, this)) return;
+    ++destruction.nested;
     delete this;
-    --nestedDestruction;
-    if (nestedDestruction != 0 || !waitingForDestruction) return;
-    nestedDestruction = 1;
-    while (!waitingForDestruction->empty()) {
-        PtrInterface* const next = waitingForDestruction->back();
-        waitingForDestruction->pop_back();
-        delete next;
-    }
-    nestedDestruction = 0;
-    delete std::exchange(waitingForDestruction, nullptr);
+    --destruction.nested;
+    if (destruction.nested == 0 && destruction.waiting) [[unlikely]]
+        destroyWaiting(destruction);
 }
 
 void PtrInterface::flagIs(U32 bit, bool on) noexcept {
@@ -133,8 +144,7 @@ void PtrInterface::flagIs(U32 bit, bool on) noexcept {
     }
 }
 
-void* PtrInterface::velMemAlloc(std::size_t size) { return ::operator new(size); }
-// Not the sized form of operator delete: clang 14 declares that only with -fsized-deallocation.
-void PtrInterface::velMemFree(void* memory, std::size_t) noexcept { ::operator delete(memory); }
+void* PtrInterface::velMemAlloc(std::size_t size) { return ObjectPool::allocate(size); }
+void PtrInterface::velMemFree(void* memory, std::size_t size) noexcept { ObjectPool::free(memory, size); }
 
 }  // namespace Vel

@@ -163,6 +163,11 @@ public:
     T& operator*() const noexcept { return *object_; }
     explicit operator bool() const noexcept { return object_ != nullptr; }
     T* release() noexcept { return std::exchange(object_, nullptr); }  // the caller takes over the reference
+    static Ptr adopted(T* object) noexcept {                           // takes over a reference that the caller has
+        Ptr p;
+        p.object_ = object;
+        return p;
+    }
 
     template <class U> friend bool operator==(Ptr const& a, Ptr<U> const& b) noexcept { return a.get() == b.get(); }
     friend bool operator==(Ptr const& a, std::nullptr_t) noexcept { return a.get() == nullptr; }

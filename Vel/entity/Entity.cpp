@@ -14,13 +14,6 @@ String Entity::name() const { return name_; }
 void Entity::handleParent() {}
 Ptr<Entity> Entity::velChild(std::string_view) const { return nullptr; }
 
-void Entity::parentIs(Entity* parent) {
-    if (parent == parent_) return;
-    parent_ = parent;
-    if (parent) parent->hasBeenParent_ = true;
-    handleParent();
-}
-
 bool Entity::encloses(Entity const& other) const {
     if (!hasBeenParent_) return this == &other;
     for (Entity const* above = &other; above; above = above->parent_)

@@ -40,7 +40,12 @@ public:
     virtual Ptr<Entity> velChild(std::string_view name) const;  // the child with this name, or null
 
     Entity* parent() const { return parent_; }  // null for the root, and outside the tree
-    void parentIs(Entity* parent);
+    void parentIs(Entity* parent) {
+        if (parent == parent_) return;
+        parent_ = parent;
+        if (parent) parent->hasBeenParent_ = true;
+        handleParent();
+    }
     bool hasBeenParent() const { return hasBeenParent_; }
     // Whether this entity is `other` or one of its ancestors. Walks up from `other`, unless this never was a parent.
     bool encloses(Entity const& other) const;

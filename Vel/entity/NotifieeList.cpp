@@ -68,8 +68,7 @@ void NotifieeList::add(Notifiee& notifiee) {
     block_->findOnly();
 }
 
-void NotifieeList::deleteAll() noexcept {
-    if (!block_) return;
+void NotifieeList::deleteBlock() noexcept {
     NotifieeBlock* const block = std::exchange(block_, nullptr);
     ++block->visits;  // so that closeHoles() does nothing if an observer withdraws another one meanwhile
     for (std::size_t i = 0; i < block->entries.size(); ++i) {

@@ -102,13 +102,17 @@ public:
         if (Notifiee* const only = block_->only) return only->handleAttribute(attribute, notifieeKey);
         visitAll(attribute, &notifieeKey);
     }
-    void deleteAll() noexcept;  // withdraws every observer
+    void deleteAll() noexcept {  // withdraws every observer
+        if (block_) [[unlikely]]
+            deleteBlock();
+    }
     std::size_t size() const noexcept;
 
 private:
     friend class Notifiee;
     void add(Notifiee& notifiee);
     void visitAll(AttributeId attribute, NotifieeKey const* key);
+    void deleteBlock() noexcept;  // REQUIRES: there is one
 
     struct NotifieeBlock* block_ = nullptr;
 };

@@ -212,6 +212,36 @@ TEST_F(PrefixTrieNotifyTest, ObserverMayPutBackWhatIsPruned) {
     EXPECT_EQ(shape(), "a(/c*+)");
 }
 
+TEST_F(PrefixTrieNotifyTest, HookMayAddNodesAboveTheOneThatIsPruned) {
+    for (unsigned const more : {1u, 2u, 5u, 100u}) {
+        add("a/b");
+        hooks.before = [&](std::string const& call) {
+            if (call != "childInstanceDel /b in a") return;
+            hooks.before = nullptr;
+            for (unsigned i = 0; i < more; ++i) add("x" + std::to_string(i));
+        };
+        trie->prefixDel("a/b");
+        EXPECT_EQ(trie->child("a"), nullptr);
+        EXPECT_EQ(trie->children(), more);
+        trie->emptyIs(true);
+    }
+}
+
+TEST_F(PrefixTrieNotifyTest, HookMayEmptyTheTrieWhileAPathIsDeleted) {
+    for (std::string const at : {"/c", "/b", "a"}) {
+        add("a/b/c");
+        hooks.before = [&](std::string const& call) {
+            if (!call.starts_with("childInstanceDel " + at)) return;
+            hooks.before = nullptr;
+            trie->emptyIs(true);
+        };
+        trie->prefixDel("a/b/c");
+        EXPECT_FALSE(hooks.before);
+        EXPECT_EQ(nodes(), "");
+        EXPECT_EQ(TrieTest::liveNodes(), 1u);
+    }
+}
+
 TEST_F(PrefixTrieNotifyTest, HandleParentIsCalledForEveryChangeOfTheParent) {
     class Watcher : public Trie {
     public:

@@ -150,6 +150,17 @@ TEST(TrieMembersSizeTest, GrowThroughAllSizesAndShrinkAgain) {
     EXPECT_EQ(pair.members.memory(), 0u);
 }
 
+TEST(TrieMembersSizeTest, TableIsNotRebuiltAtItsSize) {
+    if (!ALLOCATIONS_ARE_COUNTED) GTEST_SKIP();
+    auto const nodes = nodesOf(9000);
+    Members members;
+    for (unsigned i = 0; i < nodes.size(); i += 3) members.put(*nodes[i], Collection::child);
+    auto const rebuilt = allocationsOf([&] {
+        for (unsigned i = 0; i < nodes.size(); i += 3) members.take(nodes[i]->key, Collection::child)->deleteRef();
+    });
+    EXPECT_LE(rebuilt, 12u);  // 3000 members are in 4096 slots
+}
+
 TEST(TrieMembersSizeTest, OneNodeInBothCollectionsNeedsNoMemory) {
     Node a("a");
     Members members;
