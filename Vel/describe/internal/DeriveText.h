@@ -185,6 +185,14 @@ template <std::size_t before, class T> char const* readBehind(char const* from, 
         return Scalar<T>::read(from, end, value);
 }
 
+// Bytes of text before the first field. It is 0 for a record without fields, which is an error that is told elsewhere.
+template <class T> constexpr std::size_t textBeforeFirst() {
+    if constexpr (fieldIndexes<T>.size() == 0)
+        return 0;
+    else
+        return textBefore<T, fieldIndexes<T>[0]>().view().size();
+}
+
 template <class T>
 [[gnu::always_inline]] inline char const* readRecord(char const* from, char const* end, FieldTuple<T>& fields) {
     bool good = true;
@@ -192,7 +200,7 @@ template <class T>
         if (!good) return;
         static constexpr auto before = textBefore<T, decltype(index)::value>();
         from = readLiteral(from, end, before);
-        if (from) from = readBehind<textBefore<T, fieldIndexes<T>[0]>().view().size()>(from, end, field);
+        if (from) from = readBehind<textBeforeFirst<T>()>(from, end, field);
         good = from != nullptr;
     });
     static constexpr auto after = concatenated<textAfterFields.size()>(textAfterFields);
