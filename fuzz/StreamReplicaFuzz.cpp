@@ -41,6 +41,8 @@ void addTypes(Vel::NboAttrLog::BufferSm& sm) {
     sm.begin(MessageKind::announce, 0) << Compact{63} << Compact{3} << Compact{1} << Compact{258}
                                        << Vel::String("written") << Vel::String("written");
     sm.commit();
+    sm.begin(MessageKind::keySet, 0) << Compact{1} << Compact{258} << Vel::String("written") << Compact{63};
+    sm.commit();
 }
 
 // Asks for changes, so that answers may come.
