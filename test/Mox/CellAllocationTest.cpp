@@ -32,13 +32,13 @@ protected:
     QuietSystem quiet;
 };
 
-TEST_F(CellAllocationTest, CountingSeesStringsAndObjects) {
+// Objects are in pages, which are not counted; but each has a name.
+TEST_F(CellAllocationTest, CountingSeesStrings) {
     std::vector<Vel::Ptr<Cell::Status>> all(1000);
-    std::size_t const names = all.size();  // objects share pages, so that there are fewer of these
-    EXPECT_GT(allocationsOf([&] {
+    EXPECT_GE(allocationsOf([&] {
         for (auto& one : all) one = Cell::statusFactory("some name");
     }),
-        names);
+        all.size());
 }
 
 TEST_F(CellAllocationTest, CachedCellIdAllocatesNothing) {
