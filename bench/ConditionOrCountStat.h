@@ -31,34 +31,34 @@ inline bool printfAgrees(ConditionOrCountStat const& v) {
 
 struct ValueSet {
     std::string name;
-    std::vector<ConditionOrCountStat> values;   // `count` of them
-    static constexpr std::size_t count = 8192;  // a power of two; more than the branch predictor learns by heart
+    std::vector<ConditionOrCountStat> values;   // `count` of them, unless more are asked for
+    static constexpr std::size_t count = 1024;  // a power of two; more than many branch predictors learn by heart
 };
 
-template <class Make> ValueSet valueSet(char const* name, Make make) {
+template <class Make> ValueSet valueSet(char const* name, std::size_t count, Make make) {
     ValueSet set{name, {}};
     std::mt19937_64 random(42);
-    while (set.values.size() < ValueSet::count) {
+    while (set.values.size() < count) {
         ConditionOrCountStat const value = make(random);
         if (printfAgrees(value)) set.values.push_back(value);
     }
     return set;
 }
 
-inline std::vector<ValueSet> valueSets() {
+inline std::vector<ValueSet> valueSets(std::size_t count = ValueSet::count) {
     using Random = std::mt19937_64;
     return {
-        valueSet("small numbers",  // 7, 12.125
+        valueSet("small numbers", count,  // 7, 12.125
             [](Random& r) {
                 return ConditionOrCountStat(
                     r() % 2 != 0, Vel::U32(r() % 100), double(r() % 100) + double(r() % 7 + 1) / 8);
             }),
-        valueSet("microsecond time stamps",  // 1834203, 1700000000.123457
+        valueSet("microsecond time stamps", count,  // 1834203, 1700000000.123457
             [](Random& r) {
                 return ConditionOrCountStat(
                     r() % 2 != 0, Vel::U32(r() >> (32 + r() % 32)), (1.7e15 + double(r() % 100000000000000)) / 1e6);
             }),
-        valueSet("random doubles",  // 1834203, 6832.8457310295671; 17 digits, no exponent
+        valueSet("random doubles", count,  // 1834203, 6832.8457310295671; 17 digits, no exponent
             [](Random& r) {
                 double const unit = double(r() >> 11) / double(1ul << 53);
                 return ConditionOrCountStat(r() % 2 != 0, Vel::U32(r() >> (32 + r() % 32)),

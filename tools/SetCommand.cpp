@@ -56,6 +56,7 @@ public:
             throw Failure(somethingWrong, where_.address +
                                               " is read-only for you: its server takes no changes, or not from "
                                               "this user (\"mox serve\" has --writable and --writer)");
+        Vel::Ptr<Vel::Entity> const keep(&found.entity());  // it may go while the answer comes
         std::optional<GenericValue> const before = current(found.entity(), change);
         checkAnswer(found.connection(), change, answer(found, change));
         std::optional<GenericValue> const now = current(found.entity(), change);

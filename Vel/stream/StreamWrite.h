@@ -12,7 +12,7 @@ namespace Vel {
 enum class WriteResult : U8 {
     done,            // the source has changed, and its observers have been notified
     observerFailed,  // the source has changed, but an observer has thrown: `text` is what it said
-    rejected,        // the mutator has thrown, so nothing has changed: `text` is what it said
+    rejected,        // the mutator has thrown: `text` is what it said
     differs,         // the value was not the expected one, so nothing has changed: `value` is the one that is there
     readOnly,        // the source takes no changes from this reader
     gone,            // the source does not have the entity any more

@@ -16,7 +16,6 @@ using NboAttrLog::nextCompact;
 
 namespace {
 
-constexpr std::size_t longestWords = 1024;  // bytes of a mutator's words in an answer
 constexpr std::size_t mostAnswered = 4096;  // bytes of answers, and of changes before them, in one output
 
 }  // namespace
@@ -73,7 +72,7 @@ void AttrLogReader::write(In& body) {
 
 void AttrLogReader::answer(U32 number, WriteAnswer answer) {
     bool const wanted = wantsOutput();
-    answer.text = peerText(answer.text.view(), longestWords);
+    answer.text = peerText(answer.text.view(), ReplicaWrites::longestText);
     answers_.push_back({number, std::move(answer), source_->log().head()});
     answersHeld_ += answers_.back().held();
     if (!wanted) wake();

@@ -11,8 +11,6 @@ using NboAttrLog::In;
 
 namespace {
 
-constexpr std::size_t longestText = 1024;  // bytes of a mutator's words
-
 WriteAnswer nextAnswer(VelType type, In& body) {
     U8 const result = body.nextU8();
     if (result >= static_cast<U8>(WriteResult::unknown))
@@ -21,7 +19,7 @@ WriteAnswer nextAnswer(VelType type, In& body) {
     if (answer.result == WriteResult::differs) {
         if (body.nextbool()) answer.value.emplace(type, body);
     } else if (answer.result != WriteResult::done) {
-        answer.text = peerText(body.nextString().view(), longestText);
+        answer.text = peerText(body.nextString().view(), ReplicaWrites::longestText);
     }
     if (body.left() != 0) throw StreamException("a message with bytes behind its end", body.offset());
     return answer;

@@ -11,7 +11,8 @@ namespace Vel {
 // their order.
 class VEL_API ReplicaWrites {
 public:
-    static constexpr std::size_t most = 4096;  // at one time; a source takes no more
+    static constexpr std::size_t most = 4096;         // at one time; a source takes no more
+    static constexpr std::size_t longestText = 1024;  // bytes of a mutator's words in an answer
 
     // Returns the number of the new change. `type` is that of the values. REQUIRES: size() < most
     U32 add(VelType type, WriteTold told);
