@@ -1,5 +1,7 @@
 #include "WalkMemory.h"
 
+#include "Vel/base/ObjectPool.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdlib>
@@ -86,3 +88,7 @@ REPLACED void* realloc(void* memory, std::size_t size) {
     free(memory);
     return larger;
 }
+
+// Nor does the library keep pages of its own, which would stay as they are while what refers to them is put back.
+void* Vel::ObjectPool::allocate(std::size_t size) { return ::operator new(size); }
+void Vel::ObjectPool::free(void* memory, std::size_t) noexcept { ::operator delete(memory); }
