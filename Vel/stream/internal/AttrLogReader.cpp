@@ -221,6 +221,7 @@ std::span<U8 const> AttrLogReader::outputOfLog(std::size_t limit) {
 // comes first, and the answers in a later turn.
 void AttrLogReader::addAnswers() {
     NboAttrLog::AttrLog const& log = source_->log();
+    if (position_ > answers_.front().after) finishLogMessage();  // the log had its turn meanwhile
     while (!answers_.empty() && out_.size() < mostAnswered) {
         Answer const& next = answers_.front();
         if (position_ < next.after) {

@@ -168,6 +168,30 @@ TEST_F(AnsweredWriteTest, ChangeAndAnswerGoOutTogether) {
     EXPECT_EQ(sent[1], "answer 0 done");
 }
 
+// The log has its turn while an answer waits, and stops within a message.
+TEST_F(AnsweredWriteTest, AnswerDoesNotComeWithinAnotherMessage) {
+    for (std::size_t limit = 1; limit < 30; ++limit) {
+        auto const send = [&](std::size_t size) {
+            auto const bytes = reader->output(size);
+            replica.input(bytes);
+            reader->outputTaken(bytes.size());
+        };
+        U32 const value = static_cast<U32>(2 * limit);
+        writePressure(value);
+        reader->input(takeOutput(replica));
+        send(1000);
+        ASSERT_EQ(taken().size(), 1u);
+        writePressure(value + 1);
+        reader->input(takeOutput(replica));
+        valve->levelIs(value);
+        send(limit);
+        run();
+        ASSERT_EQ(replica.error(), "") << limit;
+        ASSERT_EQ(taken().size(), 1u);
+        ASSERT_EQ(valveCopy()->level(), value);
+    }
+}
+
 TEST_F(AnsweredWriteTest, MutatorsWordsComeBackAndNothingCloses) {
     writePressure(101);
     writePressure(102);
