@@ -42,7 +42,7 @@ public:
           options_(std::move(options)),
           users_(usersOf(options_.peer.users)),
           replica_(std::forward<Root>(root)...,
-              AttrLogReplica::Options{options_.path, options_.wantsToWrite, options_.limits}),
+              AttrLogReplica::Options{options_.path, options_.wantsToWrite, options_.limits, options_.policy}),
           resolver_(loop.context()),
           timer_(loop.context()),
           statusTimer_(loop.context()),

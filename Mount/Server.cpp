@@ -3,6 +3,7 @@
 #include "Mount/internal/Connection.h"
 #include "Mount/internal/Destroy.h"
 #include "Mount/internal/Listener.h"
+#include "Mount/internal/Users.h"
 
 #include "Vel/base/Exception.h"
 #include "Vel/stream/AttrLogServer.h"
@@ -21,6 +22,7 @@ using Vel::format;
 namespace {
 
 constexpr std::size_t usersRemembered = 1000;
+constexpr std::chrono::minutes groupsRemembered{1};
 
 }  // namespace
 
@@ -30,9 +32,12 @@ public:
         : loop_(loop),
           options_(std::move(options)),
           users_(usersOf(options_.peer.users)),
+          history_(historyFor(options_)),
           server_(std::move(root), options_.source),
           timer_(loop.context()),
           status_(ServerStatus::newEntity(String("server"))) {
+        needOneKindOfRights();
+        if (history_) server_.extraIs(historyPath, [this](auto const& rights) { return historyOf(rights); });
         memory_.limit = options_.source.limits.memory;
         memory_.exceeded = [this] { freeMemory(); };
         if (users_.empty()) users_ = {::geteuid(), 0};
@@ -49,15 +54,23 @@ public:
     std::size_t connections() const { return connections_.size(); }
     std::size_t backlog() const { return server_.backlog(); }
     Vel::Ptr<ServerStatus> const& status() const { return status_; }
+    Vel::Ptr<History> const& history() const { return history_; }
 
 private:
     struct Served {
         std::shared_ptr<Connection> connection;
         std::unique_ptr<Vel::StreamPeer> reader;
         std::string peer;  // identifies the other side: peerOf(), or the certificate's name once that is known
+        String place;      // where the other side is: placeOf()
+        gid_t group = 0;   // at a Unix socket, with rights
         bool isRefused = false;
     };
 
+    static Vel::Ptr<History> historyFor(Options& options);
+    void needOneKindOfRights() const;
+    Vel::Ptr<Vel::Entity> historyOf(std::shared_ptr<Vel::StreamRights const> const& rights);
+    std::shared_ptr<Vel::StreamRights const> rightsOf(Served const& served, std::optional<uid_t> user);
+    std::vector<gid_t> const& groupsOf(uid_t user, gid_t first);
     static std::vector<uid_t> usersThere(std::vector<String> const& names);
     void accepted(Descriptor socket, int family, Address::Kind kind);
     Vel::StreamPeer& ready(Connection& connection, std::optional<uid_t> user);
@@ -76,7 +89,18 @@ private:
     std::vector<uid_t> users_;
     std::vector<uid_t> writerUsers_;
     std::map<uid_t, String> userNames_;
+    struct Groups {
+        std::vector<gid_t> all;
+        std::chrono::steady_clock::time_point asked;
+    };
+    std::map<std::pair<uid_t, gid_t>, Groups> groups_;  // of users, by the group of the process
+    struct Part {
+        std::weak_ptr<Vel::StreamRights const> rights;
+        Vel::Ptr<History> history;
+    };
+    std::map<Vel::StreamRights const*, Part> parts_;  // of the history, for readers with rights
     std::unique_ptr<TlsContext> tls_;
+    Vel::Ptr<History> history_;
     Vel::AttrLogServer server_;
     std::vector<std::shared_ptr<Listener>> listeners_;
     String addresses_;  // of all listeners, separated by blanks
@@ -93,6 +117,40 @@ private:
     String lastError_;
     bool isClosed_ = false;
 };
+
+// Makes the history, and has the sources keep it. Returns null if none is wanted.
+Vel::Ptr<History> Server::Impl::historyFor(Options& options) {
+    if (options.history == 0 && options.ownChanges == 0 && options.lastChanges == 0) return nullptr;
+    options.source.history = std::make_shared<Vel::WriteHistory>(
+        Vel::WriteHistory::Sizes{std::max<std::size_t>(options.history, 1), options.ownChanges, options.lastChanges});
+    return History::of(options.source.history, "history");
+}
+
+void Server::Impl::needOneKindOfRights() const {
+    if (!options_.rights) return;
+    if (options_.source.mayWrite || !options_.writers.empty())
+        Vel::throwRangeException(
+            "with rights, neither source.mayWrite nor writers may be set: the rights say who may write");
+    if (options_.ownChanges != 0 || options_.lastChanges != 0)
+        Vel::throwRangeException(
+            "with rights, neither ownChanges nor lastChanges may be set: they would name what some may not read");
+}
+
+// Each set of rights has its own part. It goes when nobody has these rights any more.
+Vel::Ptr<Vel::Entity> Server::Impl::historyOf(std::shared_ptr<Vel::StreamRights const> const& rights) {
+    if (!rights) return history_;
+    if (auto const found = parts_.find(rights.get()); found != parts_.end() && !found->second.rights.expired())
+        return found->second.history;
+    std::erase_if(parts_, [](auto const& part) { return part.second.rights.expired(); });
+    // Nobody knows who could read something that referred to an entity in no place.
+    auto const mayRead = [weak = std::weak_ptr(rights)](std::optional<String> const& place) {
+        auto const there = weak.lock();
+        return there && Vel::allows(place ? there->of(*place) : there->least(), Vel::Access::read);
+    };
+    auto const made = History::of(options_.source.history, "history", mayRead);
+    parts_[rights.get()] = {rights, made};
+    return made;
+}
 
 // --- listening ---
 
@@ -158,14 +216,16 @@ void Server::Impl::close() {
 void Server::Impl::accepted(Descriptor socket, int family, Address::Kind kind) {
     ++accepted_;
     std::string const peer = peerOf(socket.get());
+    String const place = history_ ? placeOf(socket.get()) : String();
     std::optional<uid_t> user;
     if (family == AF_UNIX) user = userOf(socket.get());
+    gid_t const group = user && options_.rights ? groupOf(socket.get()) : 0;
     auto channel = kind == Address::Kind::tls ? tls_->channel(socket.get(), String())
                                               : plainChannel(socket.get(), user ? nameOf(*user) : String());
     Connection::Socket connected(loop_.context(), asio::generic::stream_protocol(family, 0), socket.release());
     auto const connection =
         std::make_shared<Connection>(std::move(connected), std::move(channel), options_.peer, &memory_);
-    connections_[connection.get()] = {connection, nullptr, peer};
+    connections_[connection.get()] = {connection, nullptr, peer, place, group};
     newcomers_.push_back(connection.get());
     auto const self = shared_from_this();
     connection->start([self, user](Connection& c) -> Vel::StreamPeer& { return self->ready(c, user); },
@@ -179,7 +239,9 @@ Vel::StreamPeer& Server::Impl::ready(Connection& connection, std::optional<uid_t
     String const& name = connection.peerName();
     auto& served = connections_[&connection];
     if (!user && !name.empty()) served.peer = "certificate of " + name.stdString();
-    served.reader = server_.newReader(mayWrite(name, user), [this, &connection] { return admission(connection); });
+    String const author = name.empty() || !history_ ? served.place : name + " (" + served.place + ")";
+    served.reader = server_.newReader(
+        mayWrite(name, user), [this, &connection] { return admission(connection); }, author, rightsOf(served, user));
     if (user && std::find(users_.begin(), users_.end(), *user) == users_.end())
         served.reader->refuse("user " + name + " may not connect");
     return *served.reader;
@@ -246,6 +308,21 @@ String const& Server::Impl::nameOf(uid_t user) {
     return at->second;
 }
 
+// Asks for a user's groups again after a minute.
+std::vector<gid_t> const& Server::Impl::groupsOf(uid_t user, gid_t first) {
+    if (groups_.size() > usersRemembered) groups_.clear();
+    Groups& known = groups_[{user, first}];
+    auto const now = std::chrono::steady_clock::now();
+    if (known.all.empty() || now - known.asked > groupsRemembered) known = {Mount::groupsOf(user, first), now};
+    return known.all;
+}
+
+std::shared_ptr<Vel::StreamRights const> Server::Impl::rightsOf(Served const& served, std::optional<uid_t> user) {
+    if (!options_.rights) return nullptr;
+    if (!user) return options_.rights->ofPeer({.name = served.connection->peerName()});
+    return options_.rights->ofPeer({.user = user, .groups = groupsOf(*user, served.group)});
+}
+
 bool Server::Impl::mayWrite(String const& name, std::optional<uid_t> user) const {
     if (options_.writers.empty()) return true;
     if (user) return std::find(writerUsers_.begin(), writerUsers_.end(), *user) != writerUsers_.end();
@@ -302,5 +379,6 @@ Address Server::listen(Address const& address) {
 std::size_t Server::connections() const { return impl_->connections(); }
 std::size_t Server::backlog() const { return impl_->backlog(); }
 Vel::Ptr<ServerStatus> Server::status() const { return impl_->status(); }
+Vel::Ptr<History> Server::history() const { return impl_->history(); }
 
 }  // namespace Mount

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Mount/Address.h"
+#include "Mount/History.h"
 #include "Mount/Loop.h"
 #include "Mount/Options.h"
 #include "Mount/Status.h"
@@ -33,6 +34,7 @@ public:
     std::size_t connections() const;
     // Bytes of the log that still have to be sent to the slowest reader that is less than a whole log behind.
     std::size_t backlog() const;
+    Vel::Ptr<History> history() const;      // null unless ServerOptions::history is set
     Vel::Ptr<ServerStatus> status() const;  // the server updates it; add it to a directory so that others can find it
 
     class Impl;

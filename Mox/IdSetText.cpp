@@ -15,7 +15,7 @@ namespace Mox {
 
 namespace {
 
-constexpr char source[] = "/src/Mox/IdSet";
+constexpr char idSetSource[] = "/src/Mox/IdSet";
 constexpr char parseFunction[] = "Mox::IdSet Mox::sequenceToValue(Vel::String::IteratorConst&, const "
                                  "Vel::String::IteratorConst&, const Mox::IdSet*)";
 
@@ -37,7 +37,7 @@ unsigned long number(std::string_view text) { return std::stoul(std::string(text
         Vel::SassertHelper helper("start < stop");
         helper.stream() << "Invalid range";
     }
-    Vel::assertionFailed("\"start < stop\" == nullptr", source, 294, parseFunction);
+    Vel::assertionFailed("\"start < stop\" == nullptr", idSetSource, 294, parseFunction);
 }
 
 }  // namespace
@@ -221,7 +221,7 @@ template <class Members> void addRange(Members& members, U32 start, U32 stop) {
 template <class Members> void addOddItem(Members& members, std::string_view item) {
     if (item.find('-') == std::string_view::npos) return members.addId(static_cast<U16>(number(item)));
     auto const range = pieces(item, '-');
-    if (range.size() != 2) Vel::assertionFailed("range.size() == 2", source, 291, parseFunction);
+    if (range.size() != 2) Vel::assertionFailed("range.size() == 2", idSetSource, 291, parseFunction);
     auto const start = static_cast<U32>(number(range[0]));
     addRange(members, start, static_cast<U32>(number(range[1])));
 }
@@ -259,7 +259,7 @@ IdSet sequenceToValue(StrepIterator& p, StrepIterator const& end, IdSet const* p
     std::string_view const text(p.charPtr(), static_cast<std::size_t>(end - p));
     auto const strepEnd = text.find(')');
     if (text.empty() || text[0] != '(' || strepEnd == std::string_view::npos)
-        Vel::assertionFailed("*p == '(' && strepEnd != end", source, 279, parseFunction);
+        Vel::assertionFailed("*p == '(' && strepEnd != end", idSetSource, 279, parseFunction);
     p += static_cast<std::ptrdiff_t>(strepEnd + 1);
     auto const parse = IdSet::Builder::isFor(*prototype) ? withItems<IdSet::Builder> : withItems<Adder>;
     return parse(*prototype, text.data() + 1, text.data() + strepEnd);

@@ -20,20 +20,20 @@ namespace {
 
 using Collection = Detail::TrieMembers<PrefixTrie>::Collection;
 
-constexpr char source[] = "/src/Mox/PrefixTrie";
+constexpr char trieSource[] = "/src/Mox/PrefixTrie";
 constinit Vel::TraceHandle traceHandle("PrefixTrie");
 
 // Level 8 traces each operation that is entered, level 9 details.
 template <class... Parts>
 VEL_COLD void traceRecord(unsigned level, unsigned line, char const* function, Parts const&... parts) {
-    Vel::TraceHelper helper(traceHandle, level, source, line, function);
+    Vel::TraceHelper helper(traceHandle, level, trieSource, line, function);
     (helper.stream() << ... << parts);
 }
 
 String outputFormOf(Ptr<PrefixTrieState> const& state) { return state ? state->outputForm() : String("None"); }
 
 [[noreturn]] VEL_COLD void notImplemented(char const* condition, unsigned line, char const* function) {
-    Vel::assertionFailed(condition, source, line, function);
+    Vel::assertionFailed(condition, trieSource, line, function);
 }
 
 }  // namespace
@@ -249,7 +249,7 @@ inline String PrefixTrie::nameOf(std::string_view component) const {
 std::pair<Ptr<PrefixTrie>, std::string_view> PrefixTrie::addStep(std::string_view path) {
     PathStep const step(path);
     if (step.last && path.find('*') != std::string_view::npos)
-        Vel::assertionFailed("starPos == Vel::String::npos", source, __LINE__, prefixIsSignature);
+        Vel::assertionFailed("starPos == Vel::String::npos", trieSource, __LINE__, prefixIsSignature);
     Ptr<PrefixTrie> c = newChildIs(nameOf(step.head));
     if (step.starred) c->mountPointIs(true);
     if (!c->state_) {
@@ -487,7 +487,7 @@ void PrefixTrie::upgradeState(Ptr<State> const& inheritedState, bool inheritedOn
             ", inherited state:", outputFormOf(inheritedState));
     Ptr<State> passedOn = inheritedState;
     if (present_) {
-        if (!state_) Vel::assertionFailed("state()", source, __LINE__, signature);
+        if (!state_) Vel::assertionFailed("state()", trieSource, __LINE__, signature);
         passedOn = state_;  // held, since upgradeState() may take it away from this node
         bool const changed = passedOn->upgradeState(inheritedState, inheritedOnly);
         if (!changed) return;

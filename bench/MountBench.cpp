@@ -1,8 +1,9 @@
 // Mounts between processes over a Unix socket, beside what else tells other processes of a change: publish and
-// subscribe of Redis and of ZeroMQ, and a bare socket. Every role is a process of its own. All contestants are checked
-// to deliver every change, once and in order.
+// subscribe of Redis and of ZeroMQ, and a bare socket. Writes that are answered, beside those of Redis and calls of
+// gRPC. Every role is a process of its own. All contestants are checked to deliver every change, once and in order.
 
 #include "mount/Measure.h"
+#include "mount/RoundTrip.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -116,12 +117,27 @@ struct Settings {
 };
 
 using Contestants = std::vector<std::unique_ptr<Contestant>>;
+using WriteContestants = std::vector<std::unique_ptr<WriteContestant>>;
+
+void leftOut(char const* who, char const* why) { std::fprintf(stderr, "%s is left out: %s.\n", who, why); }
+
+// Those that are left out are told of as peers of mounts, but for gRPC.
+WriteContestants writeContestants() {
+    WriteContestants result;
+    result.push_back(moxWriteContestant());
+#ifdef MOX_BENCH_HIREDIS
+    if (auto redis = redisWriteContestant()) result.push_back(std::move(redis));
+#endif
+#ifdef MOX_BENCH_GRPC
+    result.push_back(grpcContestant());
+#else
+    leftOut("gRPC", "it was not there when this was built");
+#endif
+    return result;
+}
 
 Contestants contestants() {
     Contestants result;
-    auto const leftOut = [](char const* who, char const* why) {
-        std::fprintf(stderr, "%s is left out: %s.\n", who, why);
-    };
     result.push_back(moxContestant());
     result.push_back(socketContestant());
 #ifdef MOX_BENCH_HIREDIS
@@ -141,8 +157,9 @@ Contestants contestants() {
 }
 
 // Runs it for each contestant in turn, and so again and again. One that fails is not asked again.
-template <class F>
-void compare(Contestants const& all, int repeat, std::string const& what, Report& report, F measure) {
+template <class Contestant, class F>
+void compare(std::vector<std::unique_ptr<Contestant>> const& all, int repeat, std::string const& what, Report& report,
+    F measure) {
     std::vector<Contestant*> left;
     for (auto const& contestant : all) left.push_back(contestant.get());
     for (int i = 0; i < repeat; ++i)
@@ -199,6 +216,35 @@ void measureUpdates(Settings const& settings, Contestants const& all, Report& re
     report.add(rate);
     report.add(source);
     report.add(reader);
+}
+
+double microseconds(Nanoseconds time) { return static_cast<double>(time) / 1e3; }
+
+// Each repetition measures the time of one way, too, since the bar is a multiple of that.
+void measureWrites(Settings const& settings, Contestants const& all, Report& report) {
+    Group median{"time until a write is answered, median", "us", {}};
+    Group late{"time until a write is answered, 99th percentile", "us", {}};
+    Group ways{"a write's answer to two ways of a change, medians", "times", {}};
+    Group many{"answered writes, 64 under way", "million/s", {}};
+    auto const writers = writeContestants();
+    std::uint32_t const changes = settings.size(22'224, 2'000);
+    std::uint32_t const most = settings.size(1'000'000, 20'000);
+    compare(writers, settings.repeat, median.what, report, [&](WriteContestant& contestant) {
+        auto const times = roundTrips(contestant, changes, 200 * microsecond);
+        Nanoseconds const middle = times[times.size() / 2];
+        median.add(contestant.name(), microseconds(middle));
+        late.add(contestant.name(), microseconds(times[times.size() * 99 / 100]));
+        if (contestant.name() == "Mox") {
+            auto const oneWay = latency(*all.front(), changes, 200 * microsecond).times;
+            ways.add("Mox", microseconds(middle) / (2 * microseconds(oneWay[oneWay.size() / 2])), Bar{1.3, false});
+        }
+        std::uint32_t const writes = contestant.name() == "gRPC" ? most / 10 : most;
+        many.add(contestant.name(), writes / writesInFlight(contestant, writes, 64) / 1e6);
+    });
+    report.add(median);
+    report.add(late);
+    report.add(ways);
+    report.add(many);
 }
 
 void measureLatency(Settings const& settings, Contestants const& all, Report& report) {
@@ -285,6 +331,7 @@ int run(Settings const& settings) {
     if (wants("sync")) measureSync(settings, report);
     if (wants("updates")) measureUpdates(settings, all, report);
     if (wants("latency")) measureLatency(settings, all, report);
+    if (wants("writes")) measureWrites(settings, all, report);
     if (wants("fanout")) measureFanOut(settings, all, report);
     if (wants("stall")) measureStall(settings, report);
     return report.end();
@@ -294,7 +341,7 @@ int run(Settings const& settings) {
 }  // namespace Bench
 
 int main(int argc, char** argv) {
-    CLI::App app{"Measures mounts between processes, beside Redis, ZeroMQ and a bare Unix socket.\n"
+    CLI::App app{"Measures mounts between processes, beside Redis, ZeroMQ, gRPC and a bare Unix socket.\n"
                  "Ends with 1 when an answer was wrong; a bar that is not held is only told of."};
     Bench::Settings settings;
     app.add_flag("--quick", settings.quick, "a small run, to see that all of it works");
@@ -302,8 +349,8 @@ int main(int argc, char** argv) {
     auto* const repeat = app.add_option("--repeat", settings.repeat, "repetitions, of which the median counts")
                              ->check(CLI::Range(1, 100))
                              ->capture_default_str();
-    app.add_option("--only", settings.only, "these parts: sync, updates, latency, fanout, stall")
-        ->check(CLI::IsMember({"sync", "updates", "latency", "fanout", "stall"}));
+    app.add_option("--only", settings.only, "these parts: sync, updates, latency, writes, fanout, stall")
+        ->check(CLI::IsMember({"sync", "updates", "latency", "writes", "fanout", "stall"}));
     CLI11_PARSE(app, argc, argv);
     if (settings.quick && repeat->empty()) settings.repeat = 1;
     return Bench::run(settings);

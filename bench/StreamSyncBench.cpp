@@ -1,6 +1,7 @@
 // Entities that follow others over the attribute log: a copy of a trie from nothing, and changes that are encoded,
 // carried through memory, applied and told to an observer; and what readers of one server cost it that ask for
-// different paths.
+// different paths. Copies of types that only the source has, beside copies of types that both have. What it costs to
+// keep who has changed what.
 
 #include "Bench.h"
 #include "Level.h"
@@ -8,8 +9,10 @@
 #include "Mox/PrefixTrie.h"
 
 #include "Vel/describe/Module.h"
+#include "Vel/entity/ForeignEntity.h"
 #include "Vel/stream/AttrLogReplica.h"
 #include "Vel/stream/AttrLogServer.h"
+#include "Vel/stream/WriteHistory.h"
 
 #include <malloc.h>
 #include <time.h>
@@ -21,6 +24,34 @@
 #include <string>
 #include <vector>
 
+// A type that only the source has: it is in no registry, so that a copy is made of its description.
+namespace Abroad {
+
+class Level : public Vel::EntityOf<Level> {
+public:
+    explicit Level(Vel::String const& name) : EntityOf(name) {}
+
+    Vel::U32 level() const { return level_; }
+    void levelIs(Vel::U32 v) { velSet<&Level::level_>(v); }
+
+    static constexpr auto description() {
+        return Vel::entity("Abroad::Level", Vel::attribute<&Level::level_, &Level::level, &Level::levelIs>("level"));
+    }
+
+private:
+    Vel::U32 level_ = 0;
+};
+
+extern Vel::Detail::ModuleTableOf<Level> const levels;
+
+}  // namespace Abroad
+
+template <> Vel::VelType Vel::DefinedByVEL_MODULE<Abroad::Level>::type() { return {&Abroad::levels.header, 0}; }
+namespace Abroad {
+constinit Vel::Detail::ModuleTableOf<Level> const levels = Vel::Detail::moduleTable<Level>("Abroad");
+}  // namespace Abroad
+template struct Vel::DefinedByVEL_MODULE<Abroad::Level>;
+
 namespace Bench {
 
 namespace {
@@ -28,7 +59,8 @@ namespace {
 // A replica and its line to the source, through memory.
 class Follower {
 public:
-    explicit Follower(Vel::AttrLogSource& source) : reader(source.newReader()) {
+    explicit Follower(Vel::AttrLogSource& source, Vel::AttrLogReplica::Options const& options = {})
+        : replica(place, "copy", options), reader(source.newReader()) {
         replica.connected();
         carry();
         require(replica.state() == Vel::AttrLogReplica::State::synced, "a replica that does not synchronise");
@@ -50,9 +82,9 @@ public:
         while (reader->wantsOutput()) reader->outputTaken(reader->output(1 << 16).size());
     }
 
-    std::unique_ptr<Vel::StreamPeer> reader;
     Vel::Ptr<Vel::Dir> place = Vel::Dir::newEntity("");
-    Vel::AttrLogReplica replica{place, "copy", {}};
+    Vel::AttrLogReplica replica;
+    std::unique_ptr<Vel::StreamPeer> reader;
 };
 
 void addUpdates() {
@@ -192,6 +224,98 @@ void addPaths() {
     addReaders("16 of nested paths", nested, true);
 }
 
+// --- copies of what only the source has ---
+
+Vel::AttrLogReplica::Options const describing{.limits = {}, .policy = {.described = true}};
+
+template <class Level> void addCopyOf(char const* name, bool isForeign, Vel::U32 entities) {
+    auto const check = [isForeign](Vel::Entity const& copy) {
+        require((dynamic_cast<Vel::ForeignEntity const*>(&copy) != nullptr) == isForeign, "a copy of another kind");
+    };
+    Bench::add("a change of a U32, applied to a copy", name, [=](benchmark::State& state) {
+        auto const level = Level::newEntity("level");
+        Vel::AttrLogSource source(level);
+        Follower follower(source, describing);
+        check(*follower.replica.root());
+        Counter counter;
+        counter.notifierIs(follower.replica.root().get());
+        Vel::U32 value = 0;
+        for (auto _ : state) {
+            level->levelIs(++value);
+            if (value % 1000 == 0) follower.carry();
+        }
+        follower.carry();
+        require(counter.count == value, "changes that were left out");
+    });
+    Bench::add(std::to_string(entities) + " entities, copied from nothing", name, [=](benchmark::State& state) {
+        auto const root = Vel::Dir::newEntity("root");
+        for (Vel::U32 i = 0; i < entities; ++i) {
+            auto const level = Level::newEntity(Vel::format("level%u", i));
+            level->levelIs(i);
+            root->entryIs(level);
+        }
+        for (auto _ : state) {
+            Vel::AttrLogSource source(root);
+            Follower follower(source, describing);
+            auto const copy = Vel::ptr_cast<Vel::Dir>(follower.replica.root());
+            require(copy->entries() == entities, "a copy that lacks entities");
+            check(*copy->entry("level0"));
+        }
+    });
+}
+
+void addDescribed(Vel::U32 entities) {
+    addCopyOf<Level>("of a type that both sides have", false, entities);
+    addCopyOf<Abroad::Level>("of a type that was described", true, entities);
+}
+
+// --- who has changed what ---
+
+void addHistories() {
+    struct Kept {
+        char const* name;
+        Vel::WriteHistory::Sizes sizes;
+    };
+    static constexpr Kept kinds[] = {{"without a history", {}}, {"noted by its author", {1024, 0, 0}},
+        {"and as the attribute's last", {1024, 0, 1024}}};
+    static constexpr Kept ownKinds[] = {
+        {"without a history", {}}, {"noted", {1, 1024, 0}}, {"and as the attribute's last", {1, 1024, 1024}}};
+    for (Kept const& kept : kinds)
+        Bench::add(
+            "a change that a reader asks for, until it is answered", kept.name, [&kept](benchmark::State& state) {
+                auto const root = Vel::Dir::newEntity("root");
+                auto const level = Level::newEntity("level");
+                root->entryIs(level);
+                auto const history = kept.sizes.asked != 0 ? std::make_shared<Vel::WriteHistory>(kept.sizes) : nullptr;
+                Vel::AttrLogSource source(root, {.mayWrite = true, .limits = {}, .history = history});
+                Follower follower(source, {.path = {}, .wantsToWrite = true});
+                auto const copy = Vel::ptr_cast<Vel::Dir>(follower.replica.root())->entry("level");
+                Vel::U32 value = 0, done = 0;
+                for (auto _ : state) {
+                    follower.replica.write(*copy, Vel::attributeId<Level>("level"), ++value,
+                        [&](Vel::WriteAnswer const& answer) { done += answer.result == Vel::WriteResult::done; });
+                    if (value % 1000 == 0) follower.carry();
+                }
+                follower.carry();
+                require(done == value && level->level() == value, "changes that were not made");
+            });
+    for (Kept const& kept : ownKinds)
+        Bench::add("a change that the process makes, encoded", kept.name, [&kept](benchmark::State& state) {
+            auto const root = Vel::Dir::newEntity("root");
+            auto const level = Level::newEntity("level");
+            root->entryIs(level);
+            auto const history = kept.sizes.asked != 0 ? std::make_shared<Vel::WriteHistory>(kept.sizes) : nullptr;
+            Vel::AttrLogSource source(root, {.mayWrite = false, .limits = {}, .history = history});
+            Follower follower(source);
+            Vel::U32 value = 0;
+            for (auto _ : state) {
+                level->levelIs(++value);
+                if (value % 1000 == 0) follower.drop();
+            }
+            require(source.coalesced() == 0, "changes that were left out");
+        });
+}
+
 // Bytes that the program has allocated.
 double allocated() {
     auto const info = mallinfo2();
@@ -312,6 +436,8 @@ VEL_MODULE(StreamSyncBench, e8d058c2ec7e3269, Bench::Level);
 int main(int argc, char** argv) {
     Bench::addUpdates();
     Bench::addPaths();
+    Bench::addDescribed(50'000);
+    Bench::addHistories();
     Bench::addSync(100'000);
     Bench::addTurns(500'000);
     int const status = Bench::run(argc, argv);

@@ -82,11 +82,26 @@ function(mox_library target namespace)
     endif()
 endfunction()
 
+# mox_one_by_one(target): its sources are compiled one by one also where CMAKE_UNITY_BUILD merges those of the libraries.
+# The names that each of them keeps to itself need not differ then.
+function(mox_one_by_one target)
+    set_target_properties(${target} PROPERTIES UNITY_BUILD OFF)
+endfunction()
+
+# mox_precompile(target headers...): precompiles headers of others, which the sources of the target include.
+function(mox_precompile target)
+    target_precompile_headers(${target} PRIVATE ${ARGN})
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+        target_compile_options(${target} PRIVATE -fpch-preprocess)  # lets ccache see through the precompiled header
+    endif()
+endfunction()
+
 # mox_executable(target sources... [LINK targets...])
 function(mox_executable target)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LINK")
     add_executable(${target} ${arg_UNPARSED_ARGUMENTS})
     mox_compile(${target})
+    mox_one_by_one(${target})
     target_link_libraries(${target} PRIVATE ${arg_LINK})
 endfunction()
 

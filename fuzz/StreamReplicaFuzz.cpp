@@ -1,5 +1,6 @@
 #include "Mox/Generation.h"
 #include "Mox/PrefixTrie.h"
+#include "test/Vel/stream/Tank.h"
 #include "test/Vel/stream/ValueTable.h"
 
 #include "Vel/base/Exception.h"
@@ -29,7 +30,7 @@ void addTypes(Vel::NboAttrLog::BufferSm& sm) {
     sm.commit();
     U32 index = 0;
     for (char const* const name : {"Vel::Dir", "Mox::PrefixTrie", "Mox::PrefixTrieState", "Mox::GenerationEntity",
-             "Cell::Status", "StreamTest::ValueTable"}) {
+             "Cell::Status", "StreamTest::ValueTable", "StreamTest::Tank"}) {
         Vel::VelType const type = Vel::Registry::type(name);
         sm.begin(MessageKind::type, 0) << Compact{index++} << Vel::String(name) << Vel::String(type.moduleName())
                                        << type.moduleFingerprint();
@@ -43,6 +44,11 @@ void addTypes(Vel::NboAttrLog::BufferSm& sm) {
     sm.commit();
     sm.begin(MessageKind::keySet, 0) << Compact{1} << Compact{258} << Vel::String("written") << Compact{63};
     sm.commit();
+    sm.begin(MessageKind::announce, 0) << Compact{62} << Compact{6} << Compact{1} << Compact{258} << Vel::String("tank")
+                                       << Vel::String("tank");
+    sm.commit();
+    sm.begin(MessageKind::keySet, 0) << Compact{1} << Compact{258} << Vel::String("tank") << Compact{62};
+    sm.commit();
 }
 
 // Asks for changes, so that answers may come.
@@ -53,6 +59,16 @@ void write(Vel::AttrLogReplica& replica, Vel::Entity const& generation, unsigned
         replica.write(generation, id, Mox::Generation(i, true), count);
         replica.writeIf(generation, id, Mox::Generation(), Mox::Generation(i, false), count);
     }
+}
+
+// The same of several values, and calls with and without a result.
+void writeTogether(Vel::AttrLogReplica& replica, Vel::Entity const& tank, unsigned& answers) {
+    using Tank = StreamTest::Tank;
+    auto const count = [&](Vel::WriteAnswer const&) { ++answers; };
+    replica.writeTogether(
+        tank, {{Vel::attributeId<Tank>("low"), U32(1)}, {Vel::attributeId<Tank>("label"), Vel::String("l")}}, count);
+    replica.call(tank, Vel::attributeId<Tank>("limitsIs"), {U32(1), U32(2)}, count);
+    replica.call(tank, Vel::attributeId<Tank>("clear"), {}, count);
 }
 
 }  // namespace
@@ -87,7 +103,8 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
                 std::abort();  // it is no entity of the copy
             } catch (Vel::RangeException const&) {}
             write(replica, *Vel::ptr_cast<Vel::Dir>(replica.root())->entry("written"), answers);
-            asked = 4;
+            writeTogether(replica, *Vel::ptr_cast<Vel::Dir>(replica.root())->entry("tank"), answers);
+            asked = 7;
         }
         for (auto rest = left; !rest.empty(); rest = rest.subspan(std::min(piece, rest.size()))) {
             replica.input(rest.first(std::min(piece, rest.size())));
@@ -100,4 +117,4 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     return 0;
 }
 
-VEL_MODULE(FuzzTables, 464e1b5656e83ac7, StreamTest::Entry, StreamTest::ValueTable);
+VEL_MODULE(FuzzTables, a343ff08781ecde1, StreamTest::Entry, StreamTest::ValueTable, StreamTest::Tank);

@@ -1,8 +1,10 @@
 #include "Mox/Generation.h"
 #include "Mox/PrefixTrie.h"
+#include "test/Vel/stream/Tank.h"
 #include "test/Vel/stream/ValueTable.h"
 
 #include "Vel/describe/Module.h"
+#include "Vel/entity/Together.h"
 #include "Vel/stream/AttrLogReplica.h"
 #include "Vel/stream/AttrLogSource.h"
 
@@ -53,6 +55,8 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     root->entryIs(Mox::generationEntityFactory("g"));
     auto const table = StreamTest::ValueTable::newEntity("v");
     root->entryIs(table);
+    auto const tank = StreamTest::Tank::newEntity("w");
+    root->entryIs(tank);
     Vel::AttrLogSource source(root, {.logSize = 0, .mayWrite = true});
     auto const good = source.newReader();
     Vel::AttrLogReplica replica(Vel::Dir::newEntity("d"), {});
@@ -82,6 +86,11 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
             break;
         case 4:
             trie->presentIs(step & 1);
+            if (step & 2)
+                Vel::together(*tank, [&] {
+                    tank->labelIs(key);
+                    tank->highIs(step);
+                });
             break;
         case 5:
             fuzzed->outputTaken(fuzzed->output(1 + (step & 31)).size());
@@ -101,6 +110,10 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     if (!copy || copy->prefixChildren() != trie->prefixChildren() || copy->present() != trie->present()) std::abort();
     auto const tableCopy = Vel::ptr_cast<StreamTest::ValueTable>(Vel::ptr_cast<Vel::Dir>(replica.root())->entry("v"));
     if (!tableCopy) std::abort();
+    auto const tankCopy = Vel::ptr_cast<StreamTest::Tank>(Vel::ptr_cast<Vel::Dir>(replica.root())->entry("w"));
+    if (!tankCopy || tankCopy->low() != tank->low() || tankCopy->high() != tank->high() ||
+        !(tankCopy->label() == tank->label()) || tankCopy->count() != tank->count())
+        std::abort();
     table->visitKeys([&](Vel::String const& key) {
         if (!tableCopy->entryExists(key) || !(tableCopy->entry(key) == table->entry(key))) std::abort();
     });
@@ -110,4 +123,4 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     return 0;
 }
 
-VEL_MODULE(FuzzTables, 464e1b5656e83ac7, StreamTest::Entry, StreamTest::ValueTable);
+VEL_MODULE(FuzzTables, a343ff08781ecde1, StreamTest::Entry, StreamTest::ValueTable, StreamTest::Tank);

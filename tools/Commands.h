@@ -7,9 +7,9 @@ namespace Tool {
 
 using Maker = std::unique_ptr<Command>(CLI::App& app);
 
-Maker makeCell, makeTypes, makeValue, makeStat, makeIdSet, makeTrie, makeServe, makeWatch, makeGet, makeSet, makeList,
-    makeTree;
+Maker makeCell, makeTypes, makeValue, makeStat, makeIdSet, makeTrie, makeServe, makeWatch, makeGet, makeSet, makeCall,
+    makeWhy, makeRights, makeList, makeTree;
 inline constexpr Maker* makers[] = {makeCell, makeTypes, makeValue, makeStat, makeIdSet, makeTrie, makeServe, makeWatch,
-    makeGet, makeSet, makeList, makeTree};
+    makeGet, makeSet, makeCall, makeWhy, makeRights, makeList, makeTree};
 
 }  // namespace Tool

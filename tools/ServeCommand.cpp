@@ -4,6 +4,7 @@
 #include "tools/lib/Complaints.h"
 #include "tools/lib/Connection.h"
 #include "tools/lib/Input.h"
+#include "tools/lib/RightsFile.h"
 #include "tools/lib/StandardFiles.h"
 #include "tools/lib/StateFile.h"
 #include "tools/lib/TrieFile.h"
@@ -42,15 +43,21 @@ Examples:
   mox serve /tmp/s.sock state.txt --writable          and "mox set" may change it
   mox serve /tmp/s.sock --trie /paths=prefixes.txt    a trie from a file such as "mox trie" reads
   mox serve tcp:127.0.0.1:0 state.txt --user root --user nobody
+  mox serve /tmp/s.sock state.txt --user 0 --user 1000 --rights rights.txt   "mox rights --help" has the file's form
 
 A state file, and a file of prefixes, has at most 256 MiB. Of its mistakes the first 20 are shown, more are counted.
 Exit code 0 after a signal, 1 when it cannot listen, 2 when the command line or a file is wrong.)~";
+
+// For "mox why". This process changes nothing itself, but for what methods do that clients call, which `lastChanges` has.
+constexpr std::size_t changesKept = 1024;
+constexpr std::size_t lastChangesKept = 4096;
 
 struct Options {
     std::string state;               // path of the state file; "-" means standard input; empty means none
     std::vector<std::string> tries;  // "PATH=FILE"
     bool writable = false;
     std::vector<std::string> users, writers;
+    std::string rights;  // path of a file of rights; empty: none
 };
 
 using Vel::Dir;
@@ -115,13 +122,19 @@ void addTrie(Ptr<Entity>& root, std::string const& argument) {
 std::vector<Vel::String> strings(std::vector<std::string> const& texts) { return {texts.begin(), texts.end()}; }
 
 Mount::ServerOptions serverOptions(Options const& options, ConnectionOptions const& where) {
-    if (!options.writers.empty() && !options.writable)
+    if (options.rights.empty() && !options.writers.empty() && !options.writable)
         throw Failure(badUsage, "--writer says who may write if anybody may: give --writable, too");
+    if (!options.rights.empty() && (options.writable || !options.writers.empty()))
+        throw Failure(
+            badUsage, "--rights says who may write: leave --writable and --writer out, and give rules with write");
     Mount::ServerOptions server;
     server.source.mayWrite = options.writable;
     server.peer.users = server.peer.names = strings(options.users);
     server.peer.tls = tlsFilesFrom(where);
     server.writers = strings(options.writers);
+    if (!options.rights.empty()) server.rights = readRights(options.rights);
+    server.history = changesKept;
+    if (options.rights.empty()) server.lastChanges = lastChangesKept;
     return server;
 }
 
@@ -159,6 +172,7 @@ public:
         flag("--writable", options_.writable, "Let others change values");
         options("--user", options_.users, "NAME", "Who may connect, by name or number; may be given several times");
         options("--writer", options_.writers, "NAME", "Who may change values; default: all who may connect");
+        option("--rights", options_.rights, "FILE", "Who may read, change and call what, in place of --writable");
     }
 
     int run() override {  // ends at SIGINT, SIGTERM or SIGHUP

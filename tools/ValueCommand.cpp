@@ -31,8 +31,8 @@ Examples:
   mox value --type Mox::Seqno32 --hex 0000002a  bytes, in hexadecimal; blanks and colons may stand between
   echo 7 | mox value --type U32 -               the text from standard input, without its last newline
 
-A word needs no quotes where a string is meant, and a whole number will do for a double, also inside of records; --verbose
-tells what was taken for what. The text of a type: see "text form" in "mox types TYPE". Exit code 1 when text or bytes are not a value of the type.)~";
+A word needs no quotes where a string or a name is meant, and a whole number will do for a double, also inside of records;
+--verbose tells what was taken for what. The text of a type: see "text form" in "mox types TYPE". Exit code 1 when text or bytes are not a value of the type.)~";
 
 struct Options {
     std::optional<std::string> text;  // "-" means standard input

@@ -3,6 +3,8 @@
 #include "Vel/base/Exception.h"
 #include "Vel/text/Strep.h"
 
+#include <arpa/inet.h>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -121,6 +123,30 @@ std::string peerOf(int socket) {
     if (peer.family() == AF_INET) return bytes(&as<sockaddr_in>(peer.storage).sin_addr, 4);
     if (peer.family() == AF_INET6) return bytes(&as<sockaddr_in6>(peer.storage).sin6_addr, 8);
     return "user " + std::to_string(userOf(socket));
+}
+
+namespace {
+
+template <class Ip, class Port> String numbersOf(int family, Ip const& address, Port port) {
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    ::inet_ntop(family, &address, text.data(), text.size());
+    return Vel::format(family == AF_INET6 ? "[%s]:%u" : "%s:%u", text.data(), static_cast<unsigned>(ntohs(port)));
+}
+
+}  // namespace
+
+String placeOf(int socket) {
+    SocketAddress peer;
+    peer.length = sizeof peer.storage;
+    ::getpeername(socket, reinterpret_cast<sockaddr*>(&peer.storage), &peer.length);
+    if (auto const& in = as<sockaddr_in>(peer.storage); peer.family() == AF_INET)
+        return numbersOf(AF_INET, in.sin_addr, in.sin_port);
+    if (auto const& in = as<sockaddr_in6>(peer.storage); peer.family() == AF_INET6)
+        return numbersOf(AF_INET6, in.sin6_addr, in.sin6_port);
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return "process unknown";
+    return Vel::format("process %d", static_cast<int>(credentials.pid));
 }
 
 namespace {

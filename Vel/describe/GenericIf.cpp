@@ -1,6 +1,7 @@
 #include "Vel/describe/GenericIf.h"
 
 #include "Vel/base/Assert.h"
+#include "Vel/describe/ForeignTypes.h"
 #include "Vel/describe/internal/Records.h"
 
 #include <cstring>
@@ -83,13 +84,25 @@ String VelType::strepTemplate() const {
 char const* VelAttr::name() const { return attributeNameAt(*module_, nameOffset(record())); }
 AttributeKind VelAttr::kind() const { return kindOf(record()); }
 bool VelAttr::answers(AttributeOp op) const { return static_cast<U32>(op) < 22 && (opsOf(record()) & opBit(op)); }
-VelType VelAttr::valueType() const { return type().glue().attributes[index_].valueType(); }
-VelType VelAttr::keyType() const { return type().glue().attributes[index_].keyType(); }
-VelType VelAttr::resultType() const { return type().glue().attributes[index_].resultType(); }
+VelTypeBase VelTypeBase::foreignBase(TypeGlue const& glue) { return glue.foreign->base(); }
+
+VelType VelAttr::valueType() const {
+    TypeGlue const& glue = type().glue();
+    return glue.foreign ? glue.foreign->valueType(index_) : glue.attributes[index_].valueType();
+}
+VelType VelAttr::keyType() const {
+    TypeGlue const& glue = type().glue();
+    return glue.foreign ? glue.foreign->keyType(index_) : glue.attributes[index_].keyType();
+}
+VelType VelAttr::resultType() const {
+    TypeGlue const& glue = type().glue();
+    return glue.foreign ? glue.foreign->resultType(index_) : glue.attributes[index_].resultType();
+}
 CollectionIterator::~CollectionIterator() = default;
 
 std::unique_ptr<CollectionIterator> VelAttr::iterator(void* object) const {
-    auto* const iterate = type().glue().attributes[index_].iterate;
+    TypeGlue const& glue = type().glue();
+    auto* const iterate = glue.foreign ? nullptr : glue.attributes[index_].iterate;
     return iterate ? iterate(object) : nullptr;
 }
 
@@ -100,7 +113,10 @@ char const* VelAttr::parameterName(U32 i) const {
     return attributeNameAt(module, at<ParameterRecord>(module, module.parameters)[record().firstParameter + i].name);
 }
 
-VelType VelAttr::parameterType(U32 i) const { return type().glue().attributes[index_].parameterTypes[i](); }
+VelType VelAttr::parameterType(U32 i) const {
+    TypeGlue const& glue = type().glue();
+    return glue.foreign ? glue.foreign->parameterType(index_, i) : glue.attributes[index_].parameterTypes[i]();
+}
 
 // --- the generic interface ---
 
@@ -142,7 +158,11 @@ void* allocateFor(VelType type) { return ::operator new(type.glue().size, std::a
 
 GenericValue::GenericValue(VelType type)
     : type_(checkedValueType(type)), storage_(allocateFor(type_), Free{type_.glue().alignment}) {
-    type_.glue().genericIfConstruct(data(), nullptr);
+    TypeGlue const& glue = type_.glue();
+    if (glue.foreign)
+        glue.foreign->construct(data());
+    else
+        glue.genericIfConstruct(data(), nullptr);
 }
 
 GenericValue::GenericValue(VelType type, String const& text) : GenericValue(type) { textIs(text.view()); }

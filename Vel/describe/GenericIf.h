@@ -14,6 +14,7 @@
 namespace Vel {
 
 class CollectionIterator;
+class ForeignType;
 class VelAttr;
 struct StreamTable;
 
@@ -40,6 +41,7 @@ public:
 
 private:
     friend class VelAttr;
+    static VelTypeBase foreignBase(TypeGlue const& glue);
     ModuleHeader const* module_ = nullptr;
     U32 index_ = 0;
 };
@@ -125,12 +127,27 @@ struct AttributeGlue {
     std::unique_ptr<CollectionIterator> (*iterate)(void* object);  // null if the collection cannot be walked
 };
 
+// How to get the StreamTable of a type: a function, or the table itself if it was made from a peer's description.
+class StreamTableRef {
+public:
+    constexpr StreamTableRef() = default;
+    constexpr StreamTableRef(StreamTable const& (*function)()) : function_(function) {}
+    constexpr StreamTableRef(StreamTable const* made) : made_(made) {}
+
+    constexpr explicit operator bool() const { return function_ || made_; }
+    StreamTable const& operator()() const { return made_ ? *made_ : function_(); }  // REQUIRES: there is one
+
+private:
+    StreamTable const& (*function_)() = nullptr;
+    StreamTable const* made_ = nullptr;
+};
+
 // The operations of one type, as functions over untyped storage.
 struct TypeGlue {
     std::size_t size;  // bytes
     std::size_t alignment;
-    VelType (*base)();  // returns a null type if there is none
-    AttributeGlue const* attributes;
+    VelType (*base)();                // returns a null type if there is none; null if the type is `foreign`
+    AttributeGlue const* attributes;  // null if the type is `foreign`
 
     // Copy-constructs *src into dst, or default-constructs if src is null.
     void (*genericIfConstruct)(void* dst, void const* src);
@@ -153,19 +170,26 @@ struct TypeGlue {
     // Null for a type that cannot be created.
     Ptr<PtrInterface> (*newEntity)(String const& name, void const* const* arguments);
     AllocTrackTypeInfo* allocTrack;  // null unless it is an entity type
-    StreamTable const& (*stream)();  // what is sent to replicas; null unless it is an entity type
+    StreamTableRef stream;           // what is sent to replicas; none unless it is an entity type
     void* (*genericIfVoidPtrIs)(void* object, VelType have, VelType want);  // see GenericIfImpl::genericIfVoidPtrIs()
     // The same as genericIfStrepToValue, without a string. The text need not end with a NUL.
     void (*genericIfTextToValue)(void* dst, std::string_view text, VelType type);
     // Writes the text form; see valueToChars().
     std::to_chars_result (*genericIfToChars)(char* first, char* last, void const* value);
+    std::string_view spelling;   // what the fingerprint hashes of the type; see docs/formats.md
+    ForeignType const* foreign;  // null unless a peer has described the type, and no module of this process has it
 };
 
 // Inline: access by attribute number is the hot path.
 
 inline TypeRecord const& VelTypeBase::record() const { return at<TypeRecord>(*module_, module_->types)[index_]; }
 inline TypeGlue const& VelTypeBase::glue() const { return *at<TypeGlue const*>(*module_, module_->glue)[index_]; }
-inline VelTypeBase VelTypeBase::base() const { return glue().base(); }
+inline VelTypeBase VelTypeBase::base() const {
+    TypeGlue const& glue = this->glue();
+    if (!glue.base) [[unlikely]]
+        return foreignBase(glue);
+    return glue.base();
+}
 
 inline U32 VelType::attributeCount() const { return record().attributeCount; }
 inline VelAttr VelType::attribute(U32 index) const { return {*this, index}; }

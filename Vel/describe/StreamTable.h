@@ -5,8 +5,8 @@
 #include "Vel/text/OutSm.h"
 
 #include <concepts>
-#include <deque>
 #include <span>
+#include <vector>
 
 // The parts of an entity type that are sent to replicas, as functions derived from the type's description.
 namespace Vel {
@@ -29,19 +29,25 @@ public:
 };
 
 // A bookmark that is a list of keys. Used directly, it has all keys from the start: a collection that is visited by a
-// function can't be visited in parts.
+// function can't be visited in parts. It allocates nothing while there are none, since most collections are empty.
 template <class Key> class velFlowOutBookmarkDeq : public Bookmark {
 public:
-    void add(Key key) { keys_.push_back(std::move(key)); }
-    std::deque<Key> const& keys() const { return keys_; }
-    std::size_t left() const override { return keys_.size(); }
+    struct Noted {  // a member, so that bool is a key like any other
+        Key key;
+    };
+    void add(Key key) { keys_.push_back({std::move(key)}); }
+    std::span<Noted const> keys() const { return std::span<Noted const>(keys_).subspan(given_); }
+    std::size_t left() const override { return keys_.size() - given_; }
     void next(Out& key) override {
-        key << keys_.front();
-        keys_.pop_front();
+        key << keys_[given_++].key;
+        if (left() != 0) return;
+        keys_.clear();
+        given_ = 0;
     }
 
 private:
-    std::deque<Key> keys_;
+    std::vector<Noted> keys_;
+    std::size_t given_ = 0;  // number of these that next() has given
 };
 
 // If a collection can be visited from where the last visit stopped, a bookmark notes only this many keys at a time, and
@@ -62,7 +68,7 @@ public:
     explicit OrderedBookmark(Range const& range) : range_(range) { note(range.begin()); }
     void next(Out& key) override {
         if (this->left() != 1) return velFlowOutBookmarkDeq<Key>::next(key);
-        Key const given = this->keys().front();  // the last that was noted: behind it the next few are looked for
+        Key const given = this->keys().front().key;  // the last that was noted: behind it the next few are looked for
         velFlowOutBookmarkDeq<Key>::next(key);
         if constexpr (requires { range_.upper_bound(given); })
             note(range_.upper_bound(given));
@@ -98,7 +104,7 @@ public:
     explicit SteadyBookmark(Range const& range) : at_(range.begin()) { note(); }
     void next(Out& key) override {
         velFlowOutBookmarkDeq<Key>::next(key);
-        if (this->keys().empty()) note();
+        if (this->left() == 0) note();
     }
 
 private:
@@ -123,7 +129,7 @@ public:
     explicit PartsBookmark(Range range) : range_(std::move(range)) { note(); }
     void next(Out& key) override {
         velFlowOutBookmarkDeq<Key>::next(key);
-        if (this->keys().empty() && part_ != 0) note();
+        if (this->left() == 0 && part_ != 0) note();
     }
 
 private:
@@ -185,43 +191,101 @@ VEL_API void ensureCorrectType(VelType type, VelType declared);
 
 enum class StreamKind : U8 { value, pointer, references, instances, values };
 
+struct StreamAttribute;
+
+// The functions of a streamed attribute. Each is passed the attribute first: a function that is derived from a
+// description does not need it, but one function serves all attributes that a peer has described.
+struct StreamFunctions {
+    using Attribute = StreamAttribute const&;
+    VelType (*type)(Attribute attribute);
+    void (*serialize)(Attribute attribute, NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity,
+        NboAttrLog::FlowConnection* to);
+    void (*apply)(Attribute attribute, Entity& entity, NboAttrLog::In& in);
+    Entity* (*target)(Attribute attribute, Entity const& entity);
+    void (*targetIs)(Attribute attribute, Entity& entity, Entity* target);
+    NboAttrLog::Bookmark* (*bookmark)(Attribute attribute, Entity const& entity);
+    std::size_t (*count)(Attribute attribute, Entity const& entity);
+    void (*writeKey)(Attribute attribute, NboAttrLog::Out& out, void const* key);
+    void (*skipKey)(Attribute attribute, NboAttrLog::In& in);
+    void (*memberDel)(Attribute attribute, Entity& entity, NboAttrLog::In& key);
+    void (*visit)(
+        Attribute attribute, Entity const& entity, void (*visit)(void* context, Entity& member), void* context);
+    Entity* (*member)(Attribute attribute, Entity const& entity, NboAttrLog::In& key);
+    void (*memberIs)(Attribute attribute, Entity& entity, NboAttrLog::In& key, Entity& member);
+    Entity* (*memberNew)(Attribute attribute, Entity& entity, NboAttrLog::In& key);
+    bool (*holds)(Attribute attribute, Entity const& entity, NboAttrLog::In& key);
+    void (*serializeKey)(Attribute attribute, NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity,
+        std::span<U8 const> key, NboAttrLog::FlowConnection* to);
+    void (*applyKey)(Attribute attribute, Entity& entity, NboAttrLog::In& key, NboAttrLog::In& value);
+};
+
 // One streamed attribute. Keys are passed as their encoding. A function that takes an In reads all of it, or throws
 // StreamException before it has changed anything.
 struct StreamAttribute {
     AttributeId id;
     StreamKind kind;
-    VelType (*type)();  // the type of the value or values, or the declared type of the target or the members
-    bool varies;        // whether the encodings of its values differ in length
+    bool varies;          // whether the encodings of its values differ in length
+    bool adopts;          // for instances: whether memberIs can insert a member that was made elsewhere
+    bool keyIsName;       // whether the key of a member is its name
+    bool skips;           // a peer's attribute that this process does not copy: its messages are read and ignored
+    AttributeId localId;  // in the table of the entity's own type; differs from `id` if a peer numbers it otherwise
+    StreamFunctions functions;
+    void const* context;  // of functions that serve several attributes; null for derived ones
+
+    // The type of the value or values, or the declared type of the target or the members.
+    VelType type() const { return functions.type(*this); }
 
     // Of a value:
-    void (*serialize)(
-        NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, NboAttrLog::FlowConnection* to);
-    void (*apply)(Entity& entity, NboAttrLog::In& in);
+    void serialize(
+        NboAttrLog::SerializeSink& sink, AttributeId as, Entity const& entity, NboAttrLog::FlowConnection* to) const {
+        functions.serialize(*this, sink, as, entity, to);
+    }
+    void apply(Entity& entity, NboAttrLog::In& in) const { functions.apply(*this, entity, in); }
     // Of a pointer:
-    Entity* (*target)(Entity const& entity);
-    void (*targetIs)(Entity& entity, Entity* target);  // `target` may be null
+    Entity* target(Entity const& entity) const { return functions.target(*this, entity); }
+    void targetIs(Entity& entity, Entity* target) const {  // `target` may be null
+        functions.targetIs(*this, entity, target);
+    }
     // Of a collection:
-    NboAttrLog::Bookmark* (*bookmark)(Entity const& entity);  // makes a bookmark for all keys
-    std::size_t (*count)(Entity const& entity);               // counts the keys; visits all if there is no Count
-    void (*writeKey)(NboAttrLog::Out& out, void const* key);
-    void (*skipKey)(NboAttrLog::In& in);
-    void (*memberDel)(Entity& entity, NboAttrLog::In& key);
+    NboAttrLog::Bookmark* bookmark(Entity const& entity) const {  // makes a bookmark for all keys
+        return functions.bookmark(*this, entity);
+    }
+    std::size_t count(Entity const& entity) const {  // counts the keys; visits all if there is no Count
+        return functions.count(*this, entity);
+    }
+    void writeKey(NboAttrLog::Out& out, void const* key) const { functions.writeKey(*this, out, key); }
+    void skipKey(NboAttrLog::In& in) const { functions.skipKey(*this, in); }
+    void memberDel(Entity& entity, NboAttrLog::In& key) const { functions.memberDel(*this, entity, key); }
     // Of entities:
-    void (*visit)(Entity const& entity, void (*visit)(void* context, Entity& member), void* context);
-    Entity* (*member)(Entity const& entity, NboAttrLog::In& key);  // null if no member has the key
-    void (*memberIs)(Entity& entity, NboAttrLog::In& key, Entity& member);
-    Entity* (*memberNew)(Entity& entity, NboAttrLog::In& key);  // for instances: makes the member
-    bool adopts;     // for instances: whether memberIs can insert a member that was made elsewhere
-    bool keyIsName;  // whether the key of a member is its name
+    void visit(Entity const& entity, void (*visit)(void* context, Entity& member), void* to) const {
+        functions.visit(*this, entity, visit, to);
+    }
+    Entity* member(Entity const& entity, NboAttrLog::In& key) const {  // null if no member has the key
+        return functions.member(*this, entity, key);
+    }
+    void memberIs(Entity& entity, NboAttrLog::In& key, Entity& member) const {
+        functions.memberIs(*this, entity, key, member);
+    }
+    Entity* memberNew(Entity& entity, NboAttrLog::In& key) const {  // for instances: makes the member
+        return functions.memberNew(*this, entity, key);
+    }
     // Of values:
-    bool (*holds)(Entity const& entity, NboAttrLog::In& key);
-    void (*serializeKey)(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, std::span<U8 const> key,
-        NboAttrLog::FlowConnection* to);
-    void (*applyKey)(Entity& entity, NboAttrLog::In& key, NboAttrLog::In& value);
+    bool holds(Entity const& entity, NboAttrLog::In& key) const { return functions.holds(*this, entity, key); }
+    void serializeKey(NboAttrLog::SerializeSink& sink, AttributeId as, Entity const& entity, std::span<U8 const> key,
+        NboAttrLog::FlowConnection* to) const {
+        functions.serializeKey(*this, sink, as, entity, key, to);
+    }
+    void applyKey(Entity& entity, NboAttrLog::In& key, NboAttrLog::In& value) const {
+        functions.applyKey(*this, entity, key, value);
+    }
 
     bool holdsEntities() const { return kind == StreamKind::references || kind == StreamKind::instances; }
     bool isCollection() const { return holdsEntities() || kind == StreamKind::values; }
 };
+
+// The functions of an attribute that `skips`. An entity has nothing there, whatever its type. The context points to the
+// type of the keys; if it is null, all that is left of a message is taken for the key.
+VEL_API StreamFunctions const& skippedFunctions();
 
 struct StreamTable {
     std::span<StreamAttribute const> attributes;  // in the order of their ids
@@ -231,13 +295,24 @@ struct StreamTable {
     NboAttrLog::FlowOut* (*newFlowOut)(StreamTable const& table, AttributeId from);
 
     StreamAttribute const* find(AttributeId id) const {
+        if (attributes.size() > few) return findOfMany(id);
         for (StreamAttribute const& attribute : attributes)
             if (attribute.id == id) return &attribute;
+        return nullptr;
+    }
+    // Finds the attribute by its number in the entity's own type.
+    StreamAttribute const* findLocal(AttributeId id) const {
+        for (StreamAttribute const& attribute : attributes)
+            if (attribute.localId == id && !attribute.skips) return &attribute;
         return nullptr;
     }
     std::size_t index(StreamAttribute const& attribute) const {
         return static_cast<std::size_t>(&attribute - attributes.data());
     }
+
+private:
+    static constexpr std::size_t few = 16;  // attributes, which are looked through one after the other
+    VEL_API StreamAttribute const* findOfMany(AttributeId id) const;
 };
 
 }  // namespace Vel

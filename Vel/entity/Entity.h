@@ -45,6 +45,7 @@ public:
         parent_ = parent;
         if (parent) parent->hasBeenParent_ = true;
         handleParent();
+        notifieeList_.visitParent();
     }
     bool hasBeenParent() const { return hasBeenParent_; }
     // Whether this entity is `other` or one of its ancestors. Walks up from `other`, unless this never was a parent.

@@ -2,6 +2,7 @@
 
 #include "Vel/entity/Entity.h"
 #include "Vel/entity/ObserverFailure.h"
+#include "Vel/entity/Together.h"
 
 #include <utility>
 
@@ -46,6 +47,10 @@ void Notifiee::handleAttribute(AttributeId attribute, NotifieeKey const&) { hand
 
 void Notifiee::handleNotifierDel() noexcept {}
 
+bool Notifiee::handleTogether(HeldChanges const&) { return false; }
+
+void Notifiee::handleNotifierParent() {}
+
 void Notifiee::notifierIs(Entity const* notifier) {
     if (block_) {
         NotifieeBlock& block = *block_;
@@ -57,15 +62,20 @@ void Notifiee::notifierIs(Entity const* notifier) {
     if (notifier) notifier->notifieeList()->add(*this);
 }
 
-void NotifieeList::add(Notifiee& notifiee) {
+NotifieeBlock& NotifieeList::block() {
     if (!block_) {
         block_ = new NotifieeBlock;
         block_->list = this;
     }
-    block_->entries.push_back(&notifiee);
-    notifiee.block_ = block_;
-    notifiee.index_ = block_->entries.size() - 1;
-    block_->findOnly();
+    return *block_;
+}
+
+void NotifieeList::add(Notifiee& notifiee) {
+    NotifieeBlock& block = this->block();
+    block.entries.push_back(&notifiee);
+    notifiee.block_ = &block;
+    notifiee.index_ = block.entries.size() - 1;
+    block.findOnly();
 }
 
 void NotifieeList::deleteBlock() noexcept {
@@ -90,8 +100,15 @@ std::size_t NotifieeList::size() const noexcept { return block_ ? block_->entrie
 // Of shared libraries only one may have it, so it is not inline.
 constinit thread_local ObserverFailure* ObserverFailure::innermost_ = nullptr;
 
+void ObserverFailure::note(NotifieeList const* observers, std::span<HeldChanges::Change const> changes) {
+    if (!innermost_ || innermost_->observers_ != observers) return;
+    innermost_->thrown_ = std::current_exception();
+    innermost_->untold_.insert(innermost_->untold_.end(), changes.begin(), changes.end());
+}
+
 void NotifieeList::visitAll(AttributeId attribute, NotifieeKey const* key) {
     NotifieeBlock& block = *block_;
+    if (block.held) return block.held->add(attribute, key);
     Visit const visit(block);
     std::size_t const count = block.entries.size();
     try {
@@ -104,7 +121,53 @@ void NotifieeList::visitAll(AttributeId attribute, NotifieeKey const* key) {
                 notifiee->handleAttribute(attribute);
         }
     } catch (...) {
-        ObserverFailure::note(this);
+        HeldChanges::Change const change(attribute, key);
+        ObserverFailure::note(this, {&change, 1});
+        throw;
+    }
+}
+
+void NotifieeList::visitAllParent() {
+    NotifieeBlock& block = *block_;
+    Visit const visit(block);
+    std::size_t const count = block.entries.size();
+    for (std::size_t i = 0; i < count && i < block.entries.size(); ++i)
+        if (Notifiee* const notifiee = block.entries[i]) notifiee->handleNotifierParent();
+}
+
+// --- changes that are held back ---
+
+HeldChanges* NotifieeList::heldIs(HeldChanges* held) {
+    NotifieeBlock& block = this->block();
+    HeldChanges* const before = std::exchange(block.held, held);
+    block.findOnly();
+    if (!held && block.entries.empty() && block.visits == 0) delete std::exchange(block_, nullptr);
+    return before;
+}
+
+namespace {
+
+void tellOf(Notifiee& notifiee, HeldChanges::Change const& change) {
+    if (!change.key) return notifiee.handleAttribute(change.attribute);
+    notifiee.handleAttribute(change.attribute, NotifieeKey(*change.key));
+}
+
+}  // namespace
+
+void NotifieeList::visitHeld(HeldChanges const& held) {
+    if (!block_ || held.changes().empty()) return;
+    NotifieeBlock& block = *block_;
+    Visit const visit(block);
+    std::size_t const count = block.entries.size();
+    try {
+        for (std::size_t i = 0; i < count && i < block.entries.size(); ++i) {
+            Notifiee* const notifiee = block.entries[i];
+            if (!notifiee || notifiee->handleTogether(held)) continue;
+            for (HeldChanges::Change const& change : held.changes())
+                if (i < block.entries.size() && block.entries[i] == notifiee) tellOf(*notifiee, change);
+        }
+    } catch (...) {
+        ObserverFailure::note(this, held.changes());
         throw;
     }
 }

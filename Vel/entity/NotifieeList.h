@@ -11,21 +11,25 @@
 namespace Vel {
 
 class Entity;
+class HeldChanges;
 class NotifieeList;
 
 // The key of a collection's member that was added, changed or removed. It is valid only during the notification.
 class NotifieeKey {
 public:
     template <class K> explicit NotifieeKey(K const& key) : type_(&typeOf<K>), key_(&key) {}
+    explicit NotifieeKey(GenericValue const& key) : type_(nullptr), key_(&key) {}
 
-    VelType type() const { return type_(); }
-    void const* data() const { return key_; }
+    VelType type() const { return type_ ? type_() : generic().type(); }
+    void const* data() const { return type_ ? key_ : generic().data(); }
     template <class K> K const& as() const {  // REQUIRES: the key is a K
-        return *static_cast<K const*>(key_);
+        return *static_cast<K const*>(data());
     }
 
 private:
-    VelType (*type_)();
+    GenericValue const& generic() const { return *static_cast<GenericValue const*>(key_); }
+
+    VelType (*type_)();  // null: the key is a GenericValue
     void const* key_;
 };
 
@@ -46,6 +50,11 @@ public:
     virtual void handleAttribute(AttributeId attribute, NotifieeKey const& key);  // a collection's member
     // Called when the entity is being destroyed, and must not be used any more. The observer is already withdrawn.
     virtual void handleNotifierDel() noexcept;
+    // Called before the observer is told of changes that were held back (see Together.h). Returns true if it has dealt
+    // with all of them, so that it is not told of each.
+    virtual bool handleTogether(HeldChanges const& changes);
+    // Called after the entity has got another parent, or none. This is never held back.
+    virtual void handleNotifierParent();
 
     // Observes `notifier` instead of the entity before; null means none. Holds no reference: the observer is withdrawn
     // when the entity is destroyed. REQUIRES: the entity's notifieeList() is not null.
@@ -67,16 +76,17 @@ private:
 //    null.
 // 3. If the list is destroyed while visits run over its block, the block has no entries, and lives until they have
 //    ended.
-// 4. `only` is the entry if there is just one, else null.
+// 4. `only` is the entry if there is just one and nothing is held back, else null.
 struct NotifieeBlock {
     Notifiee* only = nullptr;
     std::vector<Notifiee*> entries;
     NotifieeList* list = nullptr;
     unsigned visits = 0;  // visits that run now, each one within the one before; calling just `only` does not count
     std::size_t holes = 0;
+    HeldChanges* held = nullptr;  // takes the notifications instead of the observers
 
     void closeHoles() noexcept;
-    void findOnly() noexcept { only = entries.size() == 1 ? entries.front() : nullptr; }
+    void findOnly() noexcept { only = entries.size() == 1 && !held ? entries.front() : nullptr; }
 };
 
 // An entity's observers. The list is one pointer wide, and owns no memory before the first observer is added.
@@ -102,16 +112,28 @@ public:
         if (Notifiee* const only = block_->only) return only->handleAttribute(attribute, notifieeKey);
         visitAll(attribute, &notifieeKey);
     }
+    void visitParent() {  // notifies every observer that the entity has another parent
+        if (block_) [[unlikely]]
+            visitAllParent();
+    }
     void deleteAll() noexcept {  // withdraws every observer
         if (block_) [[unlikely]]
             deleteBlock();
     }
     std::size_t size() const noexcept;
 
+    // --- for HeldChanges ---
+
+    // From now on `held`, unless it is null, takes the notifications. Returns what took them before.
+    HeldChanges* heldIs(HeldChanges* held);
+    void visitHeld(HeldChanges const& changes);
+
 private:
     friend class Notifiee;
+    NotifieeBlock& block();
     void add(Notifiee& notifiee);
     void visitAll(AttributeId attribute, NotifieeKey const* key);
+    void visitAllParent();
     void deleteBlock() noexcept;  // REQUIRES: there is one
 
     struct NotifieeBlock* block_ = nullptr;

@@ -1,8 +1,11 @@
 #pragma once
 
-#include "Vel/entity/Entity.h"
+#include "Vel/entity/Together.h"
 
 #include <exception>
+#include <span>
+#include <utility>
+#include <vector>
 
 namespace Vel {
 
@@ -19,15 +22,18 @@ public:
 
     bool isHandled() const { return thrown_ == std::current_exception(); }  // REQUIRES: an exception is being handled
 
-    // Called for what one of these observers has thrown. REQUIRES: it is being handled. The list may be gone.
-    static void note(NotifieeList const* observers) noexcept {
-        if (innermost_ && innermost_->observers_ == observers) innermost_->thrown_ = std::current_exception();
-    }
+    // The changes of which not all of them were told, since one has thrown. Gives them away.
+    std::vector<HeldChanges::Change> takeUntold() { return std::move(untold_); }
+
+    // Called for what one of these observers has thrown when it was told of these changes. REQUIRES: it is being
+    // handled. The list may be gone.
+    static void note(NotifieeList const* observers, std::span<HeldChanges::Change const> changes);
 
 private:
     NotifieeList const* const observers_;
     ObserverFailure* const outer_;
     std::exception_ptr thrown_;
+    std::vector<HeldChanges::Change> untold_;
     static constinit thread_local ObserverFailure* innermost_;
 };
 

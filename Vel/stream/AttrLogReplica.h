@@ -3,10 +3,14 @@
 #include "Vel/describe/GenericIf.h"
 #include "Vel/entity/Dir.h"
 #include "Vel/stream/StreamPeer.h"
+#include "Vel/stream/StreamPolicy.h"
 #include "Vel/stream/StreamWrite.h"
 
 #include <functional>
+#include <initializer_list>
 #include <memory>
+#include <span>
+#include <vector>
 
 namespace Vel {
 
@@ -28,9 +32,10 @@ public:
         stale     // not connected; the copy stays as it was
     };
     struct Options {
-        String path;                // of the entity to copy, at the source
+        String path{};              // of the entity to copy, at the source
         bool wantsToWrite = false;  // see write()
         StreamLimits limits{};
+        StreamPolicy policy{};
     };
 
     // The copy is `root` and what it leads to. If the source serves an entity of another type, the connection ends with
@@ -50,6 +55,10 @@ public:
     bool mayWrite() const;         // whether the source accepts changes
     std::size_t entities() const;  // number that the source has announced and that have not gone
     std::size_t copySize() const;  // estimated bytes that the source makes the copy take
+    // What this connection does not copy as it is at the source, each once, as a text for people:
+    //     Agent::Port.speed: U32 at the server, U64 here: not copied
+    // Always empty for the policy `exact`. At most 1024 are noted.
+    std::vector<String> const& differences() const;
 
     // These ask the source for a change: of a value attribute, or of one key of a collection of values. The change
     // comes back like any other. `told` is called once, when the answer has come or the connection has ended. Changes
@@ -67,6 +76,20 @@ public:
     void writeKeyIf(Entity const& entity, AttributeId attribute, ValueRef key, ValueRef const* expected, ValueRef value,
         WriteTold told = {});
     void deleteKey(Entity const& entity, AttributeId attribute, ValueRef key, WriteTold told = {});
+    // Changes several value attributes of an entity, all of them or none: if a mutator throws, or if an attribute does
+    // not have the value that is expected of it, all keep their values. Readers have all of the changes or none.
+    void writeTogether(Entity const& entity, std::span<ValueWrite const> values, WriteTold told = {});
+    void writeTogether(Entity const& entity, std::initializer_list<ValueWrite> values, WriteTold told = {}) {
+        writeTogether(entity, std::span(values.begin(), values.size()), std::move(told));
+    }
+    // Calls a method of the entity at the source, with these arguments. The answer has the result. What the method
+    // changes in the entity comes as by writeTogether(). The parameters and the result must be values. Throws
+    // TypeException also for another number of arguments than the method has parameters.
+    void call(Entity const& entity, AttributeId method, std::span<ValueRef const> arguments, WriteTold told = {});
+    void call(
+        Entity const& entity, AttributeId method, std::initializer_list<ValueRef> arguments, WriteTold told = {}) {
+        call(entity, method, std::span(arguments.begin(), arguments.size()), std::move(told));
+    }
     std::size_t unansweredWrites() const;  // number of changes that wait for their answers
 
     class Impl;
@@ -75,9 +98,12 @@ private:
     void handleMessage(NboAttrLog::MessageKind kind, NboAttrLog::In& body) override;
     struct Request;
     void send(Request const& request, WriteTold told);
+    EntityId targetOf(Entity const& entity) const;
+    void needRoomForAnswer() const;
 
     String path_;
     bool wantsToWrite_;
+    StreamPolicy policy_;
     std::unique_ptr<Impl> impl_;
 };
 

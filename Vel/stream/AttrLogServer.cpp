@@ -11,32 +11,29 @@ AttrLogServer::AttrLogServer(Ptr<Entity> root, AttrLogSource::Options const& opt
     : root_(std::move(root)), options_(options), demuxer_(std::make_shared<StreamDemuxer>()) {}
 AttrLogServer::~AttrLogServer() = default;
 
-namespace {
-
-// Returns the path with one separator between names, and none at its ends, so that all spellings of a path become one.
-std::string plainPath(std::string_view path) {
-    std::string plain;
-    while (!path.empty()) {
-        std::string_view const name = path.substr(0, path.find('/'));
-        path.remove_prefix(std::min(path.size(), name.size() + 1));
-        if (name.empty()) continue;
-        if (!plain.empty()) plain += '/';
-        plain += name;
-    }
-    return plain;
+void AttrLogServer::extraIs(String const& path, Ptr<Entity> entity) {
+    extraIs(path, [entity = std::move(entity)](Rights const&) { return entity; });
 }
 
-}  // namespace
+void AttrLogServer::extraIs(String const& path, Extra extra) { extras_[plainPath(path.view())] = std::move(extra); }
 
-Ptr<Entity> AttrLogServer::entityAt(std::string const& path) const { return root_->entity(String(path)); }
+// What leads to the entity need not be readable.
+Ptr<Entity> AttrLogServer::entityAt(Key const& key) const {
+    auto const& [path, rights] = key;
+    if (rights && !allows(rights->of(path), Access::read)) return nullptr;
+    if (auto const extra = extras_.find(path); extra != extras_.end()) return extra->second(rights);
+    return root_->entity(String(path));
+}
 
-// Keeps the source for the path `wanted` even if it has no readers.
-void AttrLogServer::checkPathsBut(std::optional<std::string_view> wanted) {
+// Keeps the source `wanted` even if it has no readers.
+void AttrLogServer::checkPathsBut(Key const* wanted) {
     std::vector<std::unique_ptr<AttrLogSource>> gone;  // destroyed at the end, when the map is consistent
     for (auto at = sources_.begin(); at != sources_.end();) {
-        auto& [path, source] = *at;
-        bool const isWanted = source->readers() != 0 || path == wanted;
-        if (source->impl().isBeingWritten() || (isWanted && entityAt(path).get() == &source->root())) {
+        auto& [key, source] = *at;
+        AttrLogSource::Impl const& impl = source->impl();
+        bool const isWanted = source->readers() != 0 || (wanted && key == *wanted);
+        bool const isThere = isWanted && entityAt(key).get() == &source->root() && impl.canHave(source->root());
+        if (impl.isBeingWritten() || isThere) {
             ++at;
         } else {
             gone.push_back(std::move(source));
@@ -45,14 +42,18 @@ void AttrLogServer::checkPathsBut(std::optional<std::string_view> wanted) {
     }
 }
 
-AttrLogSource* AttrLogServer::source(String const& path) {
-    std::string const plain = plainPath(path.view());
-    checkPathsBut(plain);
-    if (auto const found = sources_.find(plain); found != sources_.end()) return found->second.get();
-    Ptr<Entity> const entity = entityAt(plain);
+AttrLogSource* AttrLogServer::source(String const& path, Rights const& rights) {
+    Key const key(plainPath(path.view()), rights);
+    checkPathsBut(&key);
+    if (auto const found = sources_.find(key); found != sources_.end())  // a source that is being written stays
+        return found->second->impl().canHave(found->second->root()) ? found->second.get() : nullptr;
+    Ptr<Entity> const entity = entityAt(key);
     if (!entity) return nullptr;
-    auto made = std::make_unique<AttrLogSource>(std::make_unique<AttrLogSource::Impl>(demuxer_, entity, options_));
-    return sources_.emplace(plain, std::move(made)).first->second.get();
+    std::unique_ptr<ViewRights> may;
+    if (rights) may = std::make_unique<ViewRights>(rights, demuxer_->placesBelow(root_));
+    auto impl = std::make_unique<AttrLogSource::Impl>(demuxer_, entity, options_, std::move(may));
+    if (!impl->canHave(*entity)) return nullptr;
+    return sources_.emplace(key, std::make_unique<AttrLogSource>(std::move(impl))).first->second.get();
 }
 
 std::size_t AttrLogServer::backlog() const {
@@ -63,13 +64,14 @@ std::size_t AttrLogServer::backlog() const {
 
 U64 AttrLogServer::coalesced() const { return demuxer_->coalesced(); }
 
-std::unique_ptr<StreamPeer> AttrLogServer::newReader(bool mayWrite, std::function<String()> admission) {
+std::unique_ptr<StreamPeer> AttrLogServer::newReader(
+    bool mayWrite, std::function<String()> admission, String const& author, Rights rights) {
     return std::make_unique<AttrLogReader>(
-        [this](String const& path) {
-            AttrLogSource* const found = source(path);
+        [this, rights = std::move(rights)](String const& path) {
+            AttrLogSource* const found = source(path, rights);
             return found ? &found->impl() : nullptr;
         },
-        options_.limits, mayWrite, std::move(admission));
+        options_.limits, mayWrite, std::move(admission), author);
 }
 
 }  // namespace Vel

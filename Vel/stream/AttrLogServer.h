@@ -1,13 +1,13 @@
 #pragma once
 
 #include "Vel/stream/AttrLogSource.h"
+#include "Vel/stream/StreamRights.h"
 
 #include <functional>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
-#include <string_view>
+#include <utility>
 
 namespace Vel {
 
@@ -28,27 +28,40 @@ public:
 
     // Returns the server's side of a new connection, which must not outlive the server. `mayWrite` is as for a source.
     // `admission` is called before a hello is answered; if it returns a text, the reader is refused with that text.
-    std::unique_ptr<StreamPeer> newReader(bool mayWrite = true, std::function<String()> admission = nullptr);
-    // Returns the source that the readers of the path share, or null if no entity is there. Checks all paths first, as
-    // each hello does. The source lasts until a check finds that another entity or none is at the path, or that the
-    // source has no readers.
-    AttrLogSource* source(String const& path);
+    // `author` is as for a source. `rights` says what the reader may do, whatever the options say of writing; null:
+    // what the options say. For a reader that may not read what is at its path, nothing is there. Readers with the same
+    // object `rights` and the same path share a source.
+    std::unique_ptr<StreamPeer> newReader(bool mayWrite = true, std::function<String()> admission = nullptr,
+        String const& author = {}, std::shared_ptr<StreamRights const> rights = nullptr);
+    // Serves this entity, too, at a path that leads to nothing else. Readers of other paths do not see it.
+    void extraIs(String const& path, Ptr<Entity> entity);
+    // Serves what the function returns for the rights of a reader, each time the same for the same rights.
+    using Extra = std::function<Ptr<Entity>(std::shared_ptr<StreamRights const> const& rights)>;
+    void extraIs(String const& path, Extra extra);
+    // Returns the source that the readers of the path with these rights share, or null if no entity is there for them.
+    // Checks all paths first, as each hello does. The source lasts until a check finds that another entity or none is
+    // at the path, or that the source has no readers.
+    AttrLogSource* source(String const& path, std::shared_ptr<StreamRights const> const& rights = nullptr);
     // Destroys each source whose entity is no longer at its path; its readers are refused. Also destroys sources
     // without readers. While a reader is writing to a source, the source stays until a later check. Looks up at most
     // one path for each source.
-    void checkPaths() { checkPathsBut(std::nullopt); }
+    void checkPaths() { checkPathsBut(nullptr); }
     std::size_t sources() const { return sources_.size(); }
     std::size_t backlog() const;  // bytes; the largest backlog of a source
     U64 coalesced() const;        // by all sources that the server has had
 
 private:
-    Ptr<Entity> entityAt(std::string const& path) const;
-    void checkPathsBut(std::optional<std::string_view> wanted);
+    using Rights = std::shared_ptr<StreamRights const>;
+    using Key = std::pair<std::string, Rights>;  // a path with one separator between names
+
+    Ptr<Entity> entityAt(Key const& key) const;
+    void checkPathsBut(Key const* wanted);
 
     Ptr<Entity> root_;
+    std::map<std::string, Extra> extras_;  // by path, as in sources_
     AttrLogSource::Options options_;
     std::shared_ptr<StreamDemuxer> demuxer_;
-    std::map<std::string, std::unique_ptr<AttrLogSource>> sources_;  // by path, with one separator between names
+    std::map<Key, std::unique_ptr<AttrLogSource>> sources_;
 };
 
 }  // namespace Vel

@@ -12,9 +12,9 @@ AttrLogSource::~AttrLogSource() = default;
 
 Entity& AttrLogSource::root() const { return impl_->root(); }
 
-std::unique_ptr<StreamPeer> AttrLogSource::newReader(bool mayWrite) {
+std::unique_ptr<StreamPeer> AttrLogSource::newReader(bool mayWrite, String const& author) {
     return std::make_unique<AttrLogReader>(
-        [impl = impl_.get()](String const&) { return impl; }, impl_->options().limits, mayWrite);
+        [impl = impl_.get()](String const&) { return impl; }, impl_->options().limits, mayWrite, nullptr, author);
 }
 
 void AttrLogSource::multicastIs(Multicast deliver) { impl_->demuxer().multicastIs(std::move(deliver)); }

@@ -8,6 +8,8 @@
 
 namespace Vel {
 
+class WriteHistory;
+
 // Serves an entity, and all entities that it leads to, to any number of readers.
 //
 // Readers that have caught up share one log, in which a change is one message, encoded once. A reader that has not
@@ -24,6 +26,8 @@ public:
         // a chunk is full, the source looks for readers that have fallen behind. Tests use small chunks, so that a
         // reader falls behind by one message.
         std::size_t chunkSize = 0;
+        // Keeps who has asked for which changes; null: nobody does. Sources of one server share it.
+        std::shared_ptr<WriteHistory> history{};
     };
     // Delivers a change of a value to many readers at once. Returns whether all of them have got it, so that no message
     // is needed.
@@ -38,7 +42,8 @@ public:
     Entity& root() const;
     // Returns the source's side of a new connection. The reader gets the root, whatever path it asks for. It may change
     // values if it asks for that, and if both the options and `mayWrite` allow it.
-    std::unique_ptr<StreamPeer> newReader(bool mayWrite = true);
+    // `author` is for Options::history: who is on the other side.
+    std::unique_ptr<StreamPeer> newReader(bool mayWrite = true, String const& author = {});
     // REQUIRES: no reader has said hello yet.
     void multicastIs(Multicast deliver);
 

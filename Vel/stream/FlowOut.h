@@ -31,6 +31,9 @@ public:
     // For values and pointers. The setter returns whether the flag has changed.
     bool velIsDirty(AttributeId id) const { return flag(id) && !isCollection(id); }
     bool velIsDirtyIs(AttributeId id, bool dirty) { return flagIs(id, dirty); }
+    // Whether the values that are dirty are sent in one message, since some of them have changed together.
+    bool velIsTogether() const { return isTogether_; }
+    void velIsTogetherIs(bool on) { isTogether_ = on; }
     // For collections: whether all keys have been listed, that is, sent at least once.
     bool velHasSynced(AttributeId id) const { return !flag(id) && isCollection(id); }
     void velHasSyncedIs(AttributeId id, bool synced) { flagIs(id, !synced); }
@@ -91,6 +94,7 @@ private:
     };
     StreamTable const& table_;
     AttributeId resumeId_ = fromStart;
+    bool isTogether_ = false;
     std::size_t flagged_ = 0;
     std::vector<bool> flags_;  // of a value or pointer: dirty; of a collection: not synced
     std::unique_ptr<Bookmark> bookmark_;

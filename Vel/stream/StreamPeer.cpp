@@ -1,6 +1,7 @@
 #include "Vel/stream/StreamPeer.h"
 
 #include "Vel/base/Exception.h"
+#include "Vel/stream/internal/StreamProtocol.h"
 #include "Vel/stream/internal/StreamRefusal.h"
 #include "Vel/text/PeerText.h"
 
@@ -17,10 +18,6 @@ namespace {
 constexpr std::size_t answerSize = 6;       // bytes of a pong
 constexpr std::size_t longestError = 1024;  // bytes; an error may quote several texts of a peer
 constexpr std::size_t roomKept = 4096;      // bytes of memory that pending_ keeps between messages
-
-void needEnd(In const& body) {
-    if (body.left() != 0) throw StreamException("a message with bytes behind its end", body.offset());
-}
 
 }  // namespace
 

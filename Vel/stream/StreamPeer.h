@@ -17,13 +17,14 @@ struct StreamLimits {
     std::size_t frame = 16u << 20;     // bytes of a message after its length; limits each string in it too
     std::size_t entities = 16u << 20;  // known at one time
     std::size_t types = 4096;
-    std::size_t hello = 64u << 10;    // bytes of the first message after its length
-    std::size_t modules = 1024;       // number in a hello
-    std::size_t answers = 4096;       // bytes of answers to pings that the transport has not taken
-    std::size_t memory = 256u << 20;  // bytes held for all peers of a server; the transport checks this
-    std::size_t keys = 64u << 20;     // of collections of values, known at one time
-    std::size_t copySize = 1u << 30;  // bytes of a copy, by the estimate in docs/streaming.md
-    std::size_t depth = 1000;         // ancestors of a moved entity of the copy, and of its new owner
+    std::size_t hello = 64u << 10;        // bytes of the first message after its length
+    std::size_t modules = 1024;           // number in a hello
+    std::size_t answers = 4096;           // bytes of answers to pings that the transport has not taken
+    std::size_t memory = 256u << 20;      // bytes held for all peers of a server; the transport checks this
+    std::size_t keys = 64u << 20;         // of collections of values, known at one time
+    std::size_t copySize = 1u << 30;      // bytes of a copy, by the estimate in docs/streaming.md
+    std::size_t depth = 1000;             // ancestors of a moved entity of the copy, and of its new owner
+    std::size_t descriptions = 1u << 20;  // bytes of modules that the source describes in a connection
 };
 
 // Why a connection has ended, for programs. The text in error() is for people.

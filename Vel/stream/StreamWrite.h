@@ -12,7 +12,7 @@ namespace Vel {
 enum class WriteResult : U8 {
     done,            // the source has changed, and its observers have been notified
     observerFailed,  // the source has changed, but an observer has thrown: `text` is what it said
-    rejected,        // the mutator has thrown: `text` is what it said
+    rejected,        // the mutator or the method has thrown: `text` is what it said
     differs,         // the value was not the expected one, so nothing has changed: `value` is the one that is there
     readOnly,        // the source takes no changes from this reader
     gone,            // the source does not have the entity any more
@@ -25,8 +25,10 @@ VEL_API char const* writeResultName(WriteResult result);
 
 struct VEL_API WriteAnswer {
     WriteResult result = WriteResult::unknown;
-    String text{};                        // empty for `done` and `differs`
-    std::optional<GenericValue> value{};  // for `differs`; nothing if the collection does not have the key
+    String text{};  // empty for `done` and `differs`
+    // For `differs`, the value that is there; nothing if the collection does not have the key. For a call, its result.
+    std::optional<GenericValue> value{};
+    AttributeId attribute = 0;  // of several: the one that differs or is rejected
 
     bool hasChanged() const { return result == WriteResult::done || result == WriteResult::observerFailed; }
 };
@@ -49,6 +51,13 @@ public:
 private:
     VelType type_;
     void const* data_;
+};
+
+// A value for one of several attributes that are to change together.
+struct ValueWrite {
+    AttributeId attribute;
+    ValueRef value;
+    ValueRef const* expected = nullptr;  // if there is one: change them only if the attribute has this value
 };
 
 }  // namespace Vel

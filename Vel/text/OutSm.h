@@ -81,9 +81,13 @@ enum class MessageKind : U8 {
     pong = 13,
     keysAgain = 14,
     keysEnd = 15,
-    answer = 16
+    answer = 16,
+    values = 17,
+    writeValues = 18,
+    call = 19,
+    description = 20
 };
-inline constexpr MessageKind lastMessageKind = MessageKind::answer;
+inline constexpr MessageKind lastMessageKind = MessageKind::description;
 
 // Writes messages: each is begun, filled and committed. A message that was not committed, for example because of an
 // exception, is dropped when the next one begins.

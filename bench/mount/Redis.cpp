@@ -1,6 +1,7 @@
 // Publish and subscribe of a Redis server that keeps nothing on disk, by hiredis over a Unix socket.
 
 #include "Contestant.h"
+#include "RoundTrip.h"
 
 #include <cstring>
 
@@ -97,20 +98,24 @@ private:
     Connection connection_;
 };
 
+std::unique_ptr<Program> startedServer(std::string const& socket, std::string const& directory, Deadline const& limit) {
+    auto server = std::make_unique<Program>(std::vector<std::string>{"redis-server", "--port", "0", "--unixsocket",
+        socket, "--save", "", "--appendonly", "no", "--daemonize", "no", "--dir", directory,
+        "--client-output-buffer-limit", "pubsub 0 0 0"});  // readers that are behind are not dropped
+    limit.await("for the Redis server", [&] {
+        if (server->hasEnded()) throw Failure("the Redis server does not start");
+        std::unique_ptr<redisContext, decltype(&redisFree)> const attempt(redisConnectUnix(socket.c_str()), redisFree);
+        return attempt && !attempt->err;
+    });
+    return server;
+}
+
 class RedisContestant final : public Contestant {
 public:
     std::string name() const override { return "Redis"; }
     void start(std::string const& directory, Deadline const& deadline) override {
         Contestant::start(directory, deadline);
-        server_ = std::make_unique<Program>(std::vector<std::string>{"redis-server", "--port", "0", "--unixsocket",
-            socket(), "--save", "", "--appendonly", "no", "--daemonize", "no", "--dir", directory,
-            "--client-output-buffer-limit", "pubsub 0 0 0"});  // readers that are behind are not dropped
-        deadline.await("for the Redis server", [&] {
-            if (server_->hasEnded()) throw Failure("the Redis server does not start");
-            std::unique_ptr<redisContext, decltype(&redisFree)> const attempt(
-                redisConnectUnix(socket().c_str()), redisFree);
-            return attempt && !attempt->err;
-        });
+        server_ = startedServer(socket(), directory, deadline);
     }
     void stop() override { server_.reset(); }
     Nanoseconds brokerTime() const override { return cpuTime(server_->pid()); }
@@ -121,11 +126,71 @@ private:
     std::unique_ptr<Program> server_;
 };
 
+// --- writes ---
+
+// The server has the number, so this process does nothing.
+class RedisOwner final : public Owner {
+public:
+    void serve(Nanoseconds time) override { sleepUntil(now() + time); }
+};
+
+constexpr char setHead[] = "*3\r\n$3\r\nSET\r\n$6\r\nnumber\r\n$32\r\n";
+constexpr std::size_t setHeadSize = sizeof setHead - 1;
+
+class RedisWriter final : public Writer {
+public:
+    explicit RedisWriter(std::string const& path) : connection_(path) {
+        std::memcpy(command_, setHead, setHeadSize);
+        std::memcpy(command_ + setHeadSize + messageSize, "\r\n", 2);
+    }
+
+    void ask(std::uint32_t value) override {
+        std::memcpy(command_ + setHeadSize, &value, sizeof value);
+        if (redisAppendFormattedCommand(connection_.get(), command_, sizeof command_) != REDIS_OK) connection_.fail();
+    }
+    void await(std::uint64_t answers, Deadline const&) override {
+        for (; answers_ < answers; ++answers_)
+            if (connection_.reply()->type != REDIS_REPLY_STATUS) throw Failure("Redis: not set");
+    }
+    std::uint32_t stored(Deadline const&) override {
+        Connection::Reply const reply(static_cast<redisReply*>(redisCommand(connection_.get(), "GET number")));
+        if (!reply || reply->type != REDIS_REPLY_STRING || reply->len != messageSize) connection_.fail();
+        std::uint32_t value = 0;
+        std::memcpy(&value, reply->str, sizeof value);
+        return value;
+    }
+
+private:
+    Connection connection_;
+    char command_[setHeadSize + messageSize + 2]{};
+    std::uint64_t answers_ = 0;
+};
+
+class RedisWriteContestant final : public WriteContestant {
+public:
+    std::string name() const override { return "Redis SET"; }
+    void start(std::string const& directory, Deadline const& deadline) override {
+        WriteContestant::start(directory, deadline);
+        server_ = startedServer(socket(), directory, deadline);
+    }
+    void stop() override { server_.reset(); }
+    std::unique_ptr<Owner> owner() override { return std::make_unique<RedisOwner>(); }
+    std::unique_ptr<Writer> writer() override { return std::make_unique<RedisWriter>(socket()); }
+
+private:
+    std::unique_ptr<Program> server_;
+};
+
 }  // namespace
 
 std::unique_ptr<Contestant> redisContestant() {
     if (!isInstalled("redis-server")) return nullptr;
     return std::make_unique<RedisContestant>();
+}
+
+std::unique_ptr<WriteContestant> redisWriteContestant() {
+    if (!isInstalled("redis-server")) return nullptr;
+    return std::make_unique<RedisWriteContestant>();
 }
 
 }  // namespace Bench

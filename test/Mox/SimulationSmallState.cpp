@@ -38,6 +38,7 @@ namespace {
 
 std::string_view viewOf(String const& text) { return text.view(); }
 std::string_view viewOf(std::string const& text) { return text; }
+std::string_view viewOf(Bookmark::Noted const& noted) { return noted.key.view(); }
 
 // Bytes that are equal where what was put is.
 class Sink {
@@ -210,9 +211,7 @@ private:
     template <class F> void eachWaiting(F f) {
         StreamTest::eachMessage(reader_->control_.bytes(), f);
         StreamTest::eachMessage(reader_->out_.bytes(), f);
-        if (reader_->isLive_)
-            source_.log_.scan(
-                reader_->position_, [](std::span<U8 const>) {}, f);
+        if (reader_->isLive_) source_.log_.scan(reader_->position_, f);
     }
     void putMessage(std::span<U8 const> message) {
         splitMessage(
@@ -307,7 +306,7 @@ private:
             out_.put(above && i != 0 ? copies_.number(above) : 0);
         }
         out_.put(0);
-        for (auto const& [index, type] : replica_.impl_->types_) out_.put(type == Vel::typeOf<Trie>());
+        for (auto const& [index, told] : replica_.impl_->types_.types_) out_.put(told.type == Vel::typeOf<Trie>());
         out_.put(replica_.impl_->unmentioned_.collections_.size());
         for (auto const& [at, unmentioned] : replica_.impl_->unmentioned_.collections_) {
             out_.put(ranks_.of(at.first));

@@ -6,6 +6,7 @@
 
 #include "Vel/base/Exception.h"
 #include "Vel/describe/Module.h"
+#include "Vel/entity/Together.h"
 
 namespace Simulation {
 
@@ -44,14 +45,6 @@ Step randomChange(Random& random) {
 World::~World() {
     Thing::cutAllPointers();
     Shelf::emptyAll();
-}
-
-template <class E> Ptr<E> World::any(U16 n) {
-    std::vector<E*> all;
-    walk(*root_, [&](Vel::Entity& entity) {
-        if (auto* const e = dynamic_cast<E*>(&entity)) all.push_back(e);
-    });
-    return all.empty() ? nullptr : all[n % all.size()];
 }
 
 Ptr<Vel::Entity> World::made(String const& name, U16 type) {
@@ -110,6 +103,8 @@ std::vector<Ptr<Vel::Entity>> World::makeServed() {
 }
 
 std::string World::apply(Step const& step) {
+    if (step.what == What::account || step.what == What::joint) return changeAccount(step);
+    if (step.what == What::abroad) return changeAbroad(step);
     if (step.what <= What::move) return changeDir(step);
     if (step.what <= What::peer) return changeThing(step);
     if (step.what <= What::turn) return changeTrie(step);
@@ -390,7 +385,42 @@ std::string World::changeOther(Step const& step) {
     return pathOf(*status) + " changes";
 }
 
+// --- accounts ---
+
+Ptr<Account> World::newAccount(String const& name) {
+    auto const account = Account::newEntity(name);
+    U32 const uid = ++uids_;
+    account->uidIs(uid);
+    account->secondIs(Account::secondOf(0));
+    notes_[uid] = firsts_[uid] = {0};
+    bookkeepers_.push_back(Vel::notifieeOf(*account, [this, uid, kept = account.get()](Vel::AttributeId id) {
+        if (id == Vel::attributeId<Account>("note")) notes_[uid].push_back(kept->note());
+        if (id == Vel::attributeId<Account>("first")) firsts_[uid].push_back(kept->first());
+    }));
+    return account;
+}
+
+std::string World::changeAccount(Step const& step) {
+    if (step.what == What::account) {
+        auto const dir = any<Vel::Dir>(step.n[0]);
+        String const name = dirName(step.n[1]);
+        if (dir->entryExists(name)) return "";
+        dir->entryIs(newAccount(name));
+        ++moves_;
+        return pathOf(*dir) + " entry " + name.stdString() + " is a new account";
+    }
+    auto const account = any<Account>(step.n[0]);
+    if (!account) return "";
+    do ++serial_;
+    while (Account::isRefused(serial_));
+    Vel::together(*account, [&] { account->bothAre(serial_); });
+    return pathOf(*account) + " is " + std::to_string(serial_);
+}
+
 }  // namespace Simulation
+
+// By itself, since a recorded stream has the fingerprint of the other module.
+VEL_MODULE(SimulationAccount, 750a17ed5d3e6f9b, Simulation::Account);
 
 VEL_MODULE(Simulation, 7f996407f927a998, Simulation::Thing, Simulation::Trie, Shelf, StreamTest::Entry,
     StreamTest::ValueTable);

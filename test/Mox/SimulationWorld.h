@@ -3,11 +3,15 @@
 #include "Mox/Generation.h"
 #include "Mox/PrefixTrie.h"
 #include "Shelf.h"
+#include "test/Vel/stream/Ports.h"
 #include "test/Vel/stream/StreamTools.h"
 #include "test/Vel/stream/ValueTable.h"
 
+#include "Vel/base/Exception.h"
+
 #include <array>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -41,7 +45,7 @@ private:
 };
 
 // What may happen, by the names under which histories are written down; they keep their meaning. Those from `connect` on
-// concern a reader.
+// concern a reader, but for `account`, `joint` and `abroad`.
 // clang-format off
 #define SIMULATION_STEPS(X) \
     X(make) X(drop) X(hold) X(back) X(move) \
@@ -50,7 +54,9 @@ private:
     X(replace) X(turn) \
     X(item) X(itemDel) X(rank) X(rankDel) \
     X(entry) X(entryDel) X(entriesDel) X(mark) X(markDel) X(marksFrom) X(other) \
-    X(connect) X(cut) X(carry) X(trickle) X(settle) X(log) X(paths) X(sweep)
+    X(connect) X(cut) X(carry) X(trickle) X(settle) X(log) X(paths) X(sweep) \
+    X(writes) X(account) X(joint) X(ask) X(askJoint) X(askIf) X(askCall) X(upload) \
+    X(skewed) X(abroad)
 // clang-format on
 enum class What : U8 {
 #define SIMULATION_STEP(name) name,
@@ -113,6 +119,50 @@ private:
 inline constexpr Vel::AttributeId Thing::numberAttribute = Vel::attributeId<Thing>("number");
 inline constexpr Vel::AttributeId Thing::pairAttribute = Vel::attributeId<Thing>("pair");
 
+// Two numbers that change together only, and one that changes alone. Mutators refuse numbers that divide by 5.
+class Account : public Vel::EntityOf<Account> {
+public:
+    explicit Account(String const& name) : EntityOf(name) {}
+
+    U32 uid() const { return uid_; }
+    void uidIs(U32 v) { velSet<&Account::uid_>(v); }
+    U32 first() const { return first_; }
+    void firstIs(U32 v) { velSet<&Account::first_>(v); }
+    U32 second() const { return second_; }
+    void secondIs(U32 v) {
+        if (isRefused((v - 1) / 3)) throw Vel::RangeException("refused");
+        velSet<&Account::second_>(v);
+    }
+    U32 note() const { return note_; }
+    void noteIs(U32 v) {
+        if (isRefused(v)) throw Vel::RangeException("refused");
+        velSet<&Account::note_>(v);
+    }
+    U32 bothAre(U32 v) {
+        secondIs(secondOf(v));
+        firstIs(v);
+        return 2 * v;
+    }
+
+    static U32 secondOf(U32 first) { return 3 * first + 1; }  // so that one that has just been made is not whole
+    static bool isRefused(U32 v) { return v != 0 && v % 5 == 0; }
+    bool isWhole() const { return second_ == secondOf(first_); }
+
+    static constexpr auto description() {
+        using A = Account;
+        return Vel::entity("Simulation::Account", Vel::attribute<&A::uid_, &A::uid, &A::uidIs>("uid"),
+            Vel::attribute<&A::first_, &A::first, &A::firstIs>("first"),
+            Vel::attribute<&A::second_, &A::second, &A::secondIs>("second"),
+            Vel::attribute<&A::note_, &A::note, &A::noteIs>("note"), Vel::method<&A::bothAre>("bothAre", "first"));
+    }
+
+private:
+    U32 uid_ = 0;
+    U32 first_ = 0;
+    U32 second_ = 0;
+    U32 note_ = 0;
+};
+
 // Makes children of its own type.
 class Trie : public Vel::EntityOf<Trie, Mox::PrefixTrie> {
 public:
@@ -171,10 +221,23 @@ public:
     // The same of tables' entries, and at which key.
     using Place = std::pair<U32, std::string>;
     std::map<U32, Place> const& entryHistory() const { return entryHistory_; }
-    U64 moves() const { return moves_; }  // after which a thing may be in another place, or in none
+    // The notes that an account has had, in their order, and its first numbers.
+    std::vector<U32> const& notes(U32 account) { return notes_[account]; }
+    std::vector<U32> const& firsts(U32 account) { return firsts_[account]; }
+    // Which port, by the number in its label, had the point of a number.
+    std::map<U32, U32> const& portHistory() const { return portHistory_; }
+    U32 nextSerial() { return ++serial_; }
+    void racksAre(bool on) { hasRacks_ = on; }  // whether types are made of which a reader has no version
+    U64 moves() const { return moves_; }        // after which a thing may be in another place, or in none
 
 private:
-    template <class E> Ptr<E> any(U16 n);  // the nth, counted round, that can be reached; or null
+    template <class E> Ptr<E> any(U16 n) {  // the nth, counted round, that can be reached; or null
+        std::vector<E*> all;
+        walk(*root_, [&](Vel::Entity& entity) {
+            if (auto* const e = dynamic_cast<E*>(&entity)) all.push_back(e);
+        });
+        return all.empty() ? nullptr : all[n % all.size()];
+    }
     // Of the members that tries own: in every other case one that another trie refers to, if there is one. Or null.
     Ptr<Mox::PrefixTrie> anyMember(U16 n);
     Ptr<Vel::Entity> made(String const& name, U16 type);
@@ -187,6 +250,12 @@ private:
     std::string changeShelf(Step const& step);
     std::string changeTable(Step const& step);
     std::string changeOther(Step const& step);
+    std::string changeAccount(Step const& step);
+    Ptr<Account> newAccount(String const& name);
+    std::string changeAbroad(Step const& step);
+    std::string newAbroad(Step const& step);
+    std::string changeRack(Step const& step, Ptr<Ports::New::Port> const& port);
+    void begin(Ports::New::Port& port);
 
     Random* random_ = nullptr;
     Ptr<Vel::Dir> root_ = Vel::Dir::newEntity("world");
@@ -194,6 +263,10 @@ private:
     std::map<U32, U32> history_;
     std::map<U32, U32> pairHistory_;
     std::map<U32, Place> entryHistory_;
+    std::map<U32, std::vector<U32>> notes_, firsts_;
+    std::vector<std::unique_ptr<Vel::Notifiee>> bookkeepers_;
+    std::map<U32, U32> portHistory_;
+    bool hasRacks_ = false;
     U32 serial_ = 0;
     U32 uids_ = 0;
     U64 moves_ = 0;

@@ -74,6 +74,31 @@ History pathsHistoryOf(U64 seed) {
     return mixed;
 }
 
+History writesHistoryOf(U64 seed) {
+    Random more(seed ^ 0x7777777777777777ul);
+    History const history = historyOf(seed);
+    History mixed{history[0], stepOf(What::writes, more), stepOf(What::account, more)};
+    constexpr What changes[] = {What::joint, What::joint, What::ask, What::askJoint, What::askJoint, What::askIf,
+        What::askCall, What::upload, What::upload, What::account};
+    for (std::size_t i = 1; i < history.size(); ++i) {
+        mixed.push_back(history[i]);
+        for (std::size_t n = more.below(4); n != 0; --n)
+            mixed.push_back(stepOf(changes[more.below(std::size(changes))], more));
+    }
+    return mixed;
+}
+
+History skewedHistoryOf(U64 seed) {
+    Random more(seed ^ 0x1111111111111111ul);
+    History const history = historyOf(seed);
+    History mixed{history[0], stepOf(What::skewed, more)};
+    for (std::size_t i = 1; i < history.size(); ++i) {
+        mixed.push_back(history[i]);
+        for (std::size_t n = more.below(4); n != 0; --n) mixed.push_back(stepOf(What::abroad, more));
+    }
+    return mixed;
+}
+
 std::string textOf(History const& history) {
     std::ostringstream text;
     for (Step const& step : history) {
@@ -127,15 +152,18 @@ struct Mounted::Watch {
     Watch(Vel::Entity const& original, Vel::Entity const& copy)
         : original(&original),
           copy(&copy),
-          here(notifieeOf(original, Told{heardHere})),
-          there(notifieeOf(copy, Told{heardThere})) {}
+          here(notifieeOf(original, Told{heardHere, original, isByName(original, copy)})),
+          there(notifieeOf(copy, Told{heardThere, copy, isByName(original, copy)})) {}
     Watch(Watch const&) = delete;
     Watch& operator=(Watch const&) = delete;
 
     struct Told {
         std::vector<std::string>& heard;
+        Vel::Entity const& entity;
+        bool byName;  // of an attribute that only one of them has nothing is compared
         void operator()(Vel::AttributeId id, Vel::NotifieeKey const* key) const {
-            std::string text = std::to_string(id);
+            std::string text = byName ? commonName(entity, id) : std::to_string(id);
+            if (text.empty()) return;
             if (key && key->type() == Vel::typeOf<String>()) text += " " + key->as<String>().stdString();
             if (key && key->type() == Vel::typeOf<U8>()) text += " " + std::to_string(key->as<U8>());
             heard.push_back(text);
@@ -162,7 +190,20 @@ void Site::sweep(bool leaves) {
     if (source_) source_->impl().sweep();
 }
 
-Mounted::Mounted(World& world, Site& site, std::string& violation) : world_(world), site_(site), violation_(violation) {
+// What a reader has asked for.
+struct Mounted::Asked {
+    What what;
+    U32 serial;  // the new value
+    Ptr<Account> copy;
+    U32 expected = 0;  // for askIf
+};
+
+Mounted::Mounted(World& world, Site& site, bool writes, Vel::StreamPolicy policy, std::string& violation)
+    : world_(world),
+      site_(site),
+      violation_(violation),
+      policy_(policy),
+      replica_(place_, site.root().name(), {.path = {}, .wantsToWrite = writes, .limits = {}, .policy = policy}) {
     replica_.onStateIs([this](Vel::AttrLogReplica::State state) {
         if (state == Vel::AttrLogReplica::State::synced) atSyncMark();
     });
@@ -194,6 +235,9 @@ void Mounted::cut() {
     reader_ = nullptr;
     replica_.closed("cut");
     wire_.clear();
+    isWhole_.clear();
+    if (!asked_.empty()) violated("no answer: the connection is lost, and nothing is told of a change");
+    asked_.clear();
 }
 
 U64 Mounted::timesBehind() const { return static_cast<Vel::AttrLogReader&>(*reader_).timesBehind(); }
@@ -224,6 +268,14 @@ std::string Mounted::apply(Step const& step) {
     }
     if (!reader_) return "";
     switch (step.what) {
+    case What::ask:
+    case What::askJoint:
+    case What::askIf:
+    case What::askCall:
+        return ask(step);
+    case What::upload:
+        upload(1 + step.n[1] % 100);
+        return name + " sends some";
     case What::cut:
         cut();
         return name + " is cut off";
@@ -268,12 +320,19 @@ void Mounted::arrive(std::size_t count) {
 
 void Mounted::settle() {
     if (!reader_) connect();
-    while (violation_.empty() && (!wire_.empty() || reader_->wantsOutput())) deliver(3000, 65535, 65535);
+    while (violation_.empty() && (!wire_.empty() || reader_->wantsOutput() || replica_.wantsOutput())) {
+        upload(3000);
+        deliver(3000, 65535, 65535);
+    }
     if (!violation_.empty()) return;
     if (replica_.state() != Vel::AttrLogReplica::State::synced) return violated("not synced: all has arrived");
+    if (!asked_.empty()) return violated("no answer: all has arrived");
+    Pairs pairs;
+    std::string const difference = pairUp(site_.root(), *replica_.root(), pairs);
     std::string const here = StreamTest::treeOf(site_.root());
     std::string const there = StreamTest::treeOf(*replica_.root());
-    if (here != there) return violated("copy differs: the source has\n" + here + "\nand the copy\n" + there);
+    if (policy_.byName ? !difference.empty() : here != there)
+        return violated("copy differs: " + difference + "; the source has\n" + here + "\nand the copy\n" + there);
     compareNotifications();
     watch();
 }
@@ -281,32 +340,6 @@ void Mounted::settle() {
 // --- what observers are told ---
 
 namespace {
-
-using Pairs = std::map<Vel::Entity const*, Vel::Entity const*>;
-
-// Each entity of the source and its copy. REQUIRES: the trees are equal.
-void pairUp(Vel::Entity& original, Vel::Entity& copy, Pairs& pairs) {
-    std::vector<std::pair<Vel::Entity*, Vel::Entity*>> left{{&original, &copy}};
-    pairs.emplace(&original, &copy);
-    auto const add = [&](Vel::Entity* a, Vel::Entity* b) {
-        if (a && b && pairs.emplace(a, b).second) left.emplace_back(a, b);
-    };
-    while (!left.empty()) {
-        auto const [a, b] = left.back();
-        left.pop_back();
-        for (Vel::StreamAttribute const& attribute : a->fwkType().glue().stream().attributes) {
-            if (attribute.kind == Vel::StreamKind::pointer) add(attribute.target(*a), attribute.target(*b));
-            if (!attribute.holdsEntities()) continue;
-            std::unique_ptr<Vel::NboAttrLog::Bookmark> const keys(attribute.bookmark(*a));
-            while (keys->left() != 0) {
-                Vel::NboAttrLog::Out key;
-                keys->next(key);
-                Vel::NboAttrLog::In in(key.bytes()), again(key.bytes());
-                add(attribute.member(*a, in), attribute.member(*b, again));
-            }
-        }
-    }
-}
 
 std::string joined(std::vector<std::string> const& lines) {
     std::string text;
@@ -357,6 +390,15 @@ void Mounted::observe(Vel::Entity& entity) {
     if (observers_.contains(&entity)) return;
     if (auto* const thing = dynamic_cast<Thing*>(&entity))
         observers_[thing] = Vel::notifieeOf(*thing, [this, thing](Vel::AttributeId id) { seen(*thing, id); });
+    if (auto* const account = dynamic_cast<Account*>(&entity)) {
+        observers_[account] = Vel::notifieeOf(*account, [this, account](Vel::AttributeId) { seen(*account); });
+        isWhole_[account] = account->isWhole() && replica_.state() == Vel::AttrLogReplica::State::synced;
+    }
+    if (PortView::isPort(entity)) {
+        auto const* const port = &entity;
+        observers_[port] = Vel::notifieeOf(entity, [this, port](Vel::AttributeId id) { seenPort(*port, id); });
+        isWhole_[port] = PortView(*port).isWhole() && replica_.state() == Vel::AttrLogReplica::State::synced;
+    }
     if (auto* const table = dynamic_cast<ValueTable*>(&entity))
         observers_[table] = Vel::notifieeOf(*table, [this, table](Vel::AttributeId id, Vel::NotifieeKey const* key) {
             if (id == ValueTable::entryAttribute) seen(*table, key->as<String>());
@@ -401,8 +443,141 @@ void Mounted::seen(ValueTable& table, String const& key) {
     lastEntry_[place] = entry.number();
 }
 
+// Values that change together are never seen apart once they were seen together, but while the copy is not complete.
+void Mounted::seen(Account& account) {
+    if (replica_.state() != Vel::AttrLogReplica::State::synced) return;
+    bool const isWhole = account.isWhole();
+    if (isWhole_[&account] && !isWhole) violated("half a change: one of two values that change together");
+    isWhole_[&account] = isWhole;
+}
+
+// Of a type that is described or copied by name the same holds.
+void Mounted::seenPort(Vel::Entity const& copy, Vel::AttributeId attribute) {
+    PortView const port(copy);
+    if (!port.areMarksWhole()) violated("half a value: a mark of a port");
+    if (port.isPoint(attribute)) seenPoint(port);
+    if (replica_.state() != Vel::AttrLogReplica::State::synced) return;
+    bool const isWhole = port.isWhole();
+    if (isWhole_[&copy] && !isWhole) violated("half a change: one of two values of a port that change together");
+    isWhole_[&copy] = isWhole;
+}
+
+void Mounted::seenPoint(PortView const& port) {
+    if (!port.isPointWhole()) violated("half a value: a point of a port");
+    U32 const uid = port.uid(), point = port.point();
+    auto const held = world_.portHistory().find(point);
+    if (point != 0 && (held == world_.portHistory().end() || held->second != uid))
+        violated("foreign value: a point that the port never had");
+    if (point < lastPoint_[uid]) violated("old value: a point older than one that was seen");
+    lastPoint_[uid] = point;
+}
+
+// --- what a reader asks for ---
+
+// The bytes of what was asked for get to the source.
+void Mounted::upload(std::size_t count) {
+    auto const bytes = replica_.output(count);
+    if (bytes.empty()) return;
+    reader_->input(bytes);
+    replica_.outputTaken(bytes.size());
+    if (!reader_->error().empty()) violated("error: " + reader_->error().stdString());
+}
+
+std::string Mounted::ask(Step const& step) {
+    std::vector<Account*> accounts;
+    if (!replica_.root() || !replica_.mayWrite()) return "";
+    walk(*replica_.root(), [&](Vel::Entity& entity) {
+        if (auto* const account = dynamic_cast<Account*>(&entity)) accounts.push_back(account);
+    });
+    if (accounts.empty()) return "";
+    Account& account = *accounts[step.n[1] % accounts.size()];
+    auto const asked =
+        std::make_shared<Asked>(Asked{step.what, world_.nextSerial(), Ptr<Account>(&account), account.first()});
+    asked_.push_back(asked);
+    try {
+        send(step, account, asked);
+    } catch (Vel::RangeException const&) {  // the source has not named it in this connection yet
+        asked_.pop_back();
+        return "";
+    }
+    return "reader " + std::to_string(step.n[0] % readers) + " asks " + account.path().stdString() + " for " +
+           std::to_string(asked->serial) + " by " + names[static_cast<std::size_t>(step.what)];
+}
+
+void Mounted::send(Step const& step, Account& account, std::shared_ptr<Asked> const& asked) {
+    constexpr auto first = Vel::attributeId<Account>("first"), second = Vel::attributeId<Account>("second");
+    auto const told = [this, asked](Vel::WriteAnswer const& answer) { answered(*asked, answer); };
+    U32 const serial = asked->serial, secondOne = Account::secondOf(serial);
+    Vel::ValueRef const expected(asked->expected);
+    switch (step.what) {
+    case What::ask:
+        return replica_.write(account, Vel::attributeId<Account>("note"), serial, told);
+    case What::askJoint:
+        return replica_.writeTogether(account, {{first, serial}, {second, secondOne}}, told);
+    case What::askIf:
+        return replica_.writeTogether(account, {{second, secondOne}, {first, serial, &expected}}, told);
+    default:
+        return replica_.call(account, Vel::attributeId<Account>("bothAre"), {serial}, told);
+    }
+}
+
+// Each is answered once, in the order in which they were asked for.
+void Mounted::answered(Asked const& asked, Vel::WriteAnswer const& answer) {
+    using Vel::WriteResult;
+    if (asked_.empty() || asked_.front().get() != &asked) return violated("wrong answer: it is not its turn");
+    auto const kept = asked_.front();
+    asked_.pop_front();
+    std::string const text = std::string("wrong answer: ") + Vel::writeResultName(answer.result);
+    bool const isRefused = Account::isRefused(asked.serial);
+    switch (answer.result) {
+    case WriteResult::done:
+        if (isRefused) violated(text + ", to what is refused");
+        if (asked.what == What::askCall &&
+            (!answer.value || answer.value->strep() != std::to_string(2 * asked.serial).c_str()))
+            violated(text + ", with another result");
+        return done(asked, *asked.copy);
+    case WriteResult::rejected:
+        if (!isRefused) violated(text + ", to what is not refused");
+        return;
+    case WriteResult::differs:
+        if (asked.what != What::askIf || !answer.value ||
+            answer.value->strep() == std::to_string(asked.expected).c_str())
+            violated(text);
+        return;
+    case WriteResult::unknown:
+        if (reader_) violated(text + ", within a connection");
+        return;
+    case WriteResult::gone:
+        return;
+    default:
+        violated(text);
+    }
+}
+
+// The source has had the value, and the copy has it, or a later one, unless it has gone.
+void Mounted::done(Asked const& asked, Account const& account) {
+    bool isThere = false;
+    walk(*replica_.root(), [&](Vel::Entity& entity) { isThere = isThere || &entity == &account; });
+    if (!isThere) return;
+    bool const isNote = asked.what == What::ask;
+    auto const& had = isNote ? world_.notes(account.uid()) : world_.firsts(account.uid());
+    auto const at = std::find(had.begin(), had.end(), asked.serial);
+    if (at == had.end()) return violated("wrong answer: done, and the source never had it");
+    U32 const now = isNote ? account.note() : account.first();
+    if (std::find(at, had.end(), now) == had.end())
+        violated("early answer: the copy has " + std::to_string(now) + ", and not " + std::to_string(asked.serial));
+}
+
 // Whatever was there when the connection began, and is there still, is there now, and no older.
 void Mounted::atSyncMark() {
+    isWhole_.clear();
+    walk(*replica_.root(), [&](Vel::Entity& entity) {
+        auto* const account = dynamic_cast<Account*>(&entity);
+        if (account && !(isWhole_[account] = account->isWhole()))
+            violated("half a change: in a copy that calls itself synced");
+        if (PortView::isPort(entity) && !(isWhole_[&entity] = PortView(entity).isWhole()))
+            violated("half a change: a port of a copy that calls itself synced");
+    });
     std::map<U32, U32> here;
     walk(*replica_.root(), [&](Vel::Entity& entity) {
         if (auto* const thing = dynamic_cast<Thing*>(&entity)) here[thing->uid()] = thing->number();
@@ -428,11 +603,16 @@ void Mounted::atSyncMark() {
 
 namespace {
 
+bool has(History const& history, What what) {
+    return std::any_of(history.begin(), history.end(), [what](Step const& step) { return step.what == what; });
+}
+
 // How far readers may fall behind, and in how large pieces that is looked at: in half of the runs by one message.
 Vel::AttrLogSource::Options optionsOf(History const& history) {
     Vel::AttrLogSource::Options options;
     U16 const choice = history.empty() || history[0].what != What::log ? 0 : history[0].n[0];
     if (choice % 4 != 0) options.logSize = 0;
+    options.mayWrite = has(history, What::writes);
     options.chunkSize = std::array<std::size_t, 4>{0, 1, 1, 64}[choice % 4];
     return options;
 }
@@ -443,6 +623,19 @@ Mox::Detail::IndexUse indexUseOf(History const& history) {
     using Mox::Detail::IndexUse;
     static constexpr IndexUse uses[] = {IndexUse::always, IndexUse::itself, IndexUse::never};
     return uses[history.empty() ? 0 : history[0].n[1] % std::size(uses)];
+}
+
+// Whether it says how all of the run is.
+bool isSetting(Step const& step) {
+    return step.what == What::log || step.what == What::paths || step.what == What::writes || step.what == What::skewed;
+}
+
+// What each reader does about types that it does not have as the source has them.
+std::array<Vel::StreamPolicy, readers> policiesOf(History const& history) {
+    std::array<Vel::StreamPolicy, readers> policies{};
+    for (Step const& step : history)
+        for (std::size_t i = 0; step.what == What::skewed && i < readers; ++i) policies[i] = policyOf(step.n[i]);
+    return policies;
 }
 
 // What of the tree is served, by one demuxer, and to whom.
@@ -489,21 +682,28 @@ Result run(History const& history, bool tells) {
     Mox::Detail::PathIndex::use = indexUseOf(history);
     World world;
     Sites sites(world, history);
+    auto const policies = policiesOf(history);
+    bool const hasByName = std::any_of(
+        policies.begin(), policies.end(), [](Vel::StreamPolicy policy) { return policy.byName && !policy.described; });
+    world.racksAre(!hasByName);
     std::vector<std::unique_ptr<Mounted>> mounted;
     for (std::size_t i = 0; i < readers; ++i)
-        mounted.push_back(std::make_unique<Mounted>(world, sites.of(i), result.violation));
+        mounted.push_back(
+            std::make_unique<Mounted>(world, sites.of(i), has(history, What::writes), policies[i], result.violation));
     auto const tell = [&](std::string words) {
         if (tells && !words.empty()) result.words.push_back(std::move(words));
     };
     tell(sites.words());
     for (Step const& step : history) {
-        if (step.what == What::log || step.what == What::paths) continue;
+        if (isSetting(step)) continue;
         ++result.steps;
         if (step.what == What::sweep) {
             sites.sweep(step.n[0] % 4 == 0);
             tell("what can't be reached is swept out");
         } else {
-            tell(step.what < What::connect ? world.apply(step) : mounted[step.n[0] % readers]->apply(step));
+            bool const isWorlds = step.what < What::connect || step.what == What::account || step.what == What::joint ||
+                                  step.what == What::abroad;
+            tell(isWorlds ? world.apply(step) : mounted[step.n[0] % readers]->apply(step));
         }
         if (sites.overlap())
             for (auto const& m : mounted) m->lookAtPaths();

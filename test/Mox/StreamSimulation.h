@@ -1,5 +1,6 @@
 #pragma once
 
+#include "SimulationSkew.h"
 #include "SimulationWorld.h"
 
 #include "Vel/stream/internal/AttrLogReader.h"
@@ -18,6 +19,11 @@ using History = std::vector<Step>;
 History historyOf(U64 seed);
 // The same where readers are at different paths, which overlap. Its seeds are others.
 History pathsHistoryOf(U64 seed);
+// The same where readers also ask for changes, some of them of several values, and call methods. Its seeds are others.
+History writesHistoryOf(U64 seed);
+// The same where the source has types of which readers have another version or none, and their policies differ. Its seeds
+// are others.
+History skewedHistoryOf(U64 seed);
 std::string textOf(History const& history);  // "make 1 2 3 4; connect 0 0 0 0"
 History historyFrom(std::string_view text);  // throws std::invalid_argument
 
@@ -54,7 +60,7 @@ private:
 // One replica, its connection, and what it was seen to be.
 class Mounted {
 public:
-    Mounted(World& world, Site& site, std::string& violation);
+    Mounted(World& world, Site& site, bool writes, Vel::StreamPolicy policy, std::string& violation);
     ~Mounted();
 
     std::string apply(Step const& step);
@@ -65,6 +71,7 @@ public:
 
 private:
     struct Watch;
+    struct Asked;
     void connect();
     void cut();
     void deliver(std::size_t limit, std::size_t taken, std::size_t arriving);  // shares of 65536
@@ -75,6 +82,14 @@ private:
     void seenNumber(Thing& thing);
     void seenPair(Thing& thing);
     void seen(ValueTable& table, String const& key);
+    void seen(Account& account);
+    void seenPort(Vel::Entity const& copy, Vel::AttributeId attribute);
+    void seenPoint(PortView const& port);
+    std::string ask(Step const& step);
+    void send(Step const& step, Account& account, std::shared_ptr<Asked> const& asked);
+    void answered(Asked const& asked, Vel::WriteAnswer const& answer);
+    void done(Asked const& asked, Account const& account);
+    void upload(std::size_t count);
     void atSyncMark();
     void compareNotifications();
     U64 timesBehind() const;
@@ -87,12 +102,16 @@ private:
     Site& site_;
     std::string& violation_;
     Ptr<Vel::Dir> place_ = Vel::Dir::newEntity("");
-    Vel::AttrLogReplica replica_{place_, site_.root().name(), {}};
+    Vel::StreamPolicy policy_;
+    Vel::AttrLogReplica replica_;
     std::unique_ptr<Vel::StreamPeer> reader_;
-    std::deque<U8> wire_;  // to the replica
+    std::deque<U8> wire_;                         // to the replica
+    std::deque<std::shared_ptr<Asked>> asked_;    // not answered yet
+    std::map<Vel::Entity const*, bool> isWhole_;  // of copies of accounts and ports, since the sync mark
     std::map<Vel::Entity const*, std::unique_ptr<Vel::Notifiee>> observers_;
     std::map<U32, U32> last_;  // number by uid
     std::map<U32, U32> lastPair_;
+    std::map<U32, U32> lastPoint_;
     std::map<World::Place, U32> lastEntry_;
     std::map<U32, U32> atConnect_;
     std::vector<std::unique_ptr<Watch>> watches_;  // since it was last equal

@@ -32,7 +32,23 @@ TEST(StreamSimulationTest, ReplicasOfOverlappingPathsConvergeInOrderToo) {
             << "scripts/simulate --paths --seed " << seed << " tells the history";
 }
 
-// What has failed once: "seed N: why", "paths N: why" or "history STEPS: why", a line each.
+// The same with readers that ask for changes.
+TEST(StreamSimulationTest, WhatReadersAskForIsAnsweredOnceAndNeverSeenInHalf) {
+    U64 const runs = variable("MOX_SIMULATION_RUNS", 300);
+    for (U64 seed = 1; seed <= runs && !HasFailure(); ++seed)
+        EXPECT_EQ(Simulation::run(Simulation::writesHistoryOf(seed)).violation, "")
+            << "scripts/simulate --writes --seed " << seed << " tells the history";
+}
+
+// The same with readers that have types in another version, or not at all.
+TEST(StreamSimulationTest, CopiesOfOtherVersionsConvergeInOrderToo) {
+    U64 const runs = variable("MOX_SIMULATION_RUNS", 300);
+    for (U64 seed = 1; seed <= runs && !HasFailure(); ++seed)
+        EXPECT_EQ(Simulation::run(Simulation::skewedHistoryOf(seed)).violation, "")
+            << "scripts/simulate --skewed --seed " << seed << " tells the history";
+}
+
+// What has failed once: "seed N: why", "paths N: why", "writes N: why", "skewed N: why" or "history STEPS: why", a line each.
 TEST(StreamSimulationTest, WhatHasFailedOnceHolds) {
     std::ifstream file(MOX_SOURCE_DIR "/test/Mox/simulation-regressions.txt");
     ASSERT_TRUE(file);
@@ -41,10 +57,13 @@ TEST(StreamSimulationTest, WhatHasFailedOnceHolds) {
         if (line.empty() || line[0] == '#') continue;
         std::string const what = line.substr(0, line.find(':'));
         bool const isSeed = what.starts_with("seed "), isPaths = what.starts_with("paths ");
-        ASSERT_TRUE(isSeed || isPaths || what.starts_with("history ")) << line;
-        History const history = isSeed    ? Simulation::historyOf(std::stoul(what.substr(5)))
-                                : isPaths ? Simulation::pathsHistoryOf(std::stoul(what.substr(6)))
-                                          : Simulation::historyFrom(std::string_view(what).substr(8));
+        bool const isWrites = what.starts_with("writes "), isSkewed = what.starts_with("skewed ");
+        ASSERT_TRUE(isSeed || isPaths || isWrites || isSkewed || what.starts_with("history ")) << line;
+        History const history = isSeed     ? Simulation::historyOf(std::stoul(what.substr(5)))
+                                : isPaths  ? Simulation::pathsHistoryOf(std::stoul(what.substr(6)))
+                                : isWrites ? Simulation::writesHistoryOf(std::stoul(what.substr(7)))
+                                : isSkewed ? Simulation::skewedHistoryOf(std::stoul(what.substr(7)))
+                                           : Simulation::historyFrom(std::string_view(what).substr(8));
         EXPECT_EQ(Simulation::run(history).violation, "") << line;
         ++runs;
     }
@@ -57,6 +76,8 @@ TEST(StreamSimulationTest, SeedMeansTheSameForEver) {
     std::string const text = Simulation::textOf(history);
     EXPECT_EQ(text.substr(0, 60), "log 43041 63977 55565 3127; childIs 60519 21854 51467 46521;");
     EXPECT_EQ(Simulation::textOf(Simulation::historyFrom(text)), text);
+    std::string const skewed = Simulation::textOf(Simulation::skewedHistoryOf(1));
+    EXPECT_EQ(skewed.substr(0, 58), "log 43041 63977 55565 3127; skewed 18324 25108 8251 13722;");
 }
 
 TEST(StreamSimulationTest, ShrinkingLeavesWhatFails) {

@@ -2,9 +2,13 @@
 //
 // usage: mox_simulate seed FIRST STEP COUNT SECONDS     seeds FIRST, FIRST + STEP, ..., COUNT of them; 0 SECONDS: no limit
 //        mox_simulate paths FIRST STEP COUNT SECONDS    the same with readers at different paths
-//        mox_simulate history STEPS                     one history, as it is written down
+//        mox_simulate writes FIRST STEP COUNT SECONDS   the same with readers that ask for changes
+//        mox_simulate skewed FIRST STEP COUNT SECONDS   the same with readers that have other versions of types
+//        mox_simulate rights FIRST STEP COUNT SECONDS   readers that may not read everything
+//        mox_simulate history STEPS                     one history, as it is written down; "rights STEPS" with rights
 
 #include "../Mox/StreamSimulation.h"
+#include "../Vel/stream/RightsSimulation.h"
 
 #include <chrono>
 #include <cstdlib>
@@ -31,6 +35,18 @@ int report(std::string const& name, History const& history, Result const& result
     return 1;
 }
 
+// Runs the seed, and shrinks and prints its history if it fails. Returns the exit code.
+int runRights(Vel::U64 seed) {
+    RightsSimulation::History const history = RightsSimulation::historyOf(seed);
+    std::string const violation = RightsSimulation::run(history);
+    if (violation.empty()) return 0;
+    std::cout << "rights " << seed << " is violated: " << violation << std::endl;
+    RightsSimulation::History const small = RightsSimulation::shrunk(history);
+    std::cout << "violated: " << RightsSimulation::run(small) << "\nhistory rights " << RightsSimulation::textOf(small)
+              << '\n';
+    return 1;
+}
+
 int runSeeds(std::string const& kind, Vel::U64 first, Vel::U64 step, Vel::U64 count, long seconds) {
     auto const start = std::chrono::steady_clock::now();
     auto const elapsed = [&] {
@@ -39,7 +55,14 @@ int runSeeds(std::string const& kind, Vel::U64 first, Vel::U64 step, Vel::U64 co
     Vel::U64 runs = 0;
     for (; runs < count && (seconds == 0 || elapsed() < static_cast<double>(seconds)); ++runs) {
         Vel::U64 const seed = first + runs * step;
-        History const history = kind == "paths" ? Simulation::pathsHistoryOf(seed) : Simulation::historyOf(seed);
+        if (kind == "rights") {
+            if (int const code = runRights(seed)) return code;
+            continue;
+        }
+        History const history = kind == "paths"    ? Simulation::pathsHistoryOf(seed)
+                                : kind == "writes" ? Simulation::writesHistoryOf(seed)
+                                : kind == "skewed" ? Simulation::skewedHistoryOf(seed)
+                                                   : Simulation::historyOf(seed);
         Result const result = Simulation::run(history);
         if (!result.violation.empty()) return report(kind + " " + std::to_string(seed), history, result);
     }
@@ -50,6 +73,11 @@ int runSeeds(std::string const& kind, Vel::U64 first, Vel::U64 step, Vel::U64 co
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 3 && std::strcmp(argv[1], "history") == 0 && std::strncmp(argv[2], "rights ", 7) == 0) {
+        std::string const violation = RightsSimulation::run(RightsSimulation::historyFrom(argv[2] + 7));
+        std::cout << (violation.empty() ? "all that is guaranteed held" : "violated: " + violation) << '\n';
+        return violation.empty() ? 0 : 1;
+    }
     if (argc == 3 && std::strcmp(argv[1], "history") == 0) {
         History const history = Simulation::historyFrom(argv[2]);
         Result const result = Simulation::run(history);
@@ -58,7 +86,9 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (argc != 6) {
-        std::cerr << "usage: mox_simulate (seed | paths) FIRST STEP COUNT SECONDS | mox_simulate history STEPS\n";
+        std::cerr
+            << "usage: mox_simulate (seed | paths | writes | skewed | rights) FIRST STEP COUNT SECONDS | mox_simulate "
+               "history STEPS\n";
         return 2;
     }
     auto const number = [&](int i) { return std::strtoul(argv[i], nullptr, 10); };

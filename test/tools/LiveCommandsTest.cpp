@@ -1,5 +1,10 @@
 #include "RunTool.h"
 
+#include "Mount/Answer.h"
+#include "Mount/Client.h"
+#include "Mox/Generation.h"
+#include "Vel/entity/Dir.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -70,6 +75,23 @@ protected:
     std::unique_ptr<Beside> watch(std::vector<std::string> arguments) const {
         arguments.insert(arguments.begin(), {"watch", socket_});
         return moxBeside(arguments);
+    }
+
+    // Many changes of one attribute, by one peer.
+    void writeOften(Vel::U32 times) const {
+        Mount::Loop loop;
+        Mount::ClientOptions options;
+        options.path = "ql/g";
+        options.wantsToWrite = true;
+        auto const place = Vel::Dir::newEntity("");
+        Mount::Client client(loop, Mount::Address::unixSocket(socket_.c_str()), place, "g", options);
+        ASSERT_TRUE(client.sync(std::chrono::seconds(60))) << client.error();
+        for (Vel::U32 id = 0; id < times; ++id) {
+            Mount::Answer answer(loop);
+            client.replica().write(*client.replica().root(), Vel::attributeId<Mox::GenerationEntity>("generation"),
+                Mox::Generation(1000 + id, true), answer.told());
+            EXPECT_TRUE(answer.wait(std::chrono::seconds(60)).hasChanged());
+        }
     }
 
     Folder folder_;
@@ -433,9 +455,123 @@ TEST_F(MoxLiveTest, KnowsTheTypesOfALibrary) {
         HasSubstr("inlet is no collection of values"));
 }
 
-TEST_F(MoxLiveTest, SaysThatALibraryIsNeeded) {
+TEST_F(MoxLiveTest, SetsSeveralValuesAsOne) {
+    serve(tanks, {"--module", TANK_LIBRARY, "--writable"});
+    auto const set = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), "/b");
+        arguments.insert(arguments.end(), {"--module", TANK_LIBRARY});
+        return arguments;
+    };
+    std::string const level = "level=Value('Test::Level', ** {'litres': 3.0, 'measured': True})";
+    EXPECT_EQ(answer("set", set({"most=7", level})),
+        "most = 7\nlevel = Value('Test::Level', ** {'litres': 3.0, 'measured': True})\n");
+    EXPECT_EQ(json::parse(answer("set", set({"most=8", level, "--if", "most=7", "--json"}))),
+        json::parse(R"({"path": "/b", "changed": true, "values": {"most": 8,
+            "level": {"litres": 3.0, "measured": true}}})"));
+    EXPECT_THAT(failure("set", set({"most=9", level, "--if", "most=7"})),
+        HasSubstr("most is 8, and not 7; nothing has changed"));
+    EXPECT_THAT(failure("set", set({"most=9", "level"}), 2), HasSubstr("level is not ATTRIBUTE=VALUE"));
+    EXPECT_THAT(failure("set", set({"most=9", "most=8"}), 2), HasSubstr("most is given twice"));
+    EXPECT_THAT(failure("set", set({"most=9", "--if", "level=1"}), 2), HasSubstr("level is not to be changed"));
+    EXPECT_THAT(failure("set", set({"most=9", "--delete"}), 2), HasSubstr("go with one ATTRIBUTE"));
+    EXPECT_THAT(failure("set", set({"most=9", "overflow=None"})), HasSubstr("only values can be set"));
+    EXPECT_THAT(failure("set", set({"most", "9", "8"}), 2), HasSubstr("one VALUE for one ATTRIBUTE"));
+    EXPECT_THAT(failure("set", set({"most", "9", "--if", "1", "--if", "2"}), 2), HasSubstr("--if comes once"));
+    EXPECT_THAT(failure("set", set({"most=9", "dread=8"})), HasSubstr("has no attribute"));
+    EXPECT_THAT(failure("set", set({"most=90", "level=Value('Test::Level', ** {'litres': -1.0, 'measured': True})"})),
+        HasSubstr("the server does not take it: level: a tank holds no less than nothing"));
+    EXPECT_EQ(answer("get", {"/b", "most", "--module", TANK_LIBRARY}), "8\n");
+}
+
+TEST_F(MoxLiveTest, CallsMethods) {
+    serve(tanks, {"--module", TANK_LIBRARY, "--writable"});
+    auto const call = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), "/b");
+        arguments.insert(arguments.end(), {"--module", TANK_LIBRARY});
+        return arguments;
+    };
+    EXPECT_EQ(answer("call", call({"fill", "6", "4"})), "1.5\n");
+    EXPECT_EQ(answer("get", {"/b", "most", "--module", TANK_LIBRARY}), "4\n");
+    EXPECT_EQ(json::parse(answer("call", call({"fill", "6.0", "3", "--json"}))),
+        json::parse(R"({"path": "/b", "method": "fill", "type": "F64", "result": 2.0})"));
+    EXPECT_EQ(answer("call", call({"empty"})), "");
+    EXPECT_EQ(
+        json::parse(answer("call", call({"empty", "--json"}))), json::parse(R"({"path": "/b", "method": "empty"})"));
+    EXPECT_THAT(failure("call", call({"fill", "6", "0"})), HasSubstr("the server does not take it: there is no inlet"));
+    EXPECT_THAT(
+        failure("call", call({"fill", "6"}), 2), HasSubstr("fill(litres, inlets) takes 2 arguments, and not 1"));
+    EXPECT_THAT(failure("call", call({"fill", "6", "x"}), 2), HasSubstr("this is no U32"));
+    EXPECT_THAT(failure("call", call({"joinTo", "7"})), HasSubstr("takes an entity"));
+    EXPECT_THAT(failure("call", call({"most"})), HasSubstr("Test::Tank has no method most"));
     serve(tanks, {"--module", TANK_LIBRARY});
-    EXPECT_THAT(failure("ls"), EndsWith("; --module LIB.so loads a library of further types\n"));
+    EXPECT_THAT(failure("call", call({"empty"})), HasSubstr("is read-only for you"));
+}
+
+TEST_F(MoxLiveTest, ServesByRights) {
+    std::string const me = "user:" + std::to_string(::geteuid());
+    std::string const rules = me + " / read\n" + me + " /ql/cell write\n" + me + " '/a b' nothing\n";
+    serve(plainState(), {"--rights", folder_.write("rights.txt", rules)});
+    EXPECT_THAT(answer("tree"), Not(HasSubstr("a b")));
+    EXPECT_EQ(failure("get", {"/a%20b", "x"}), "mox: / has no a b, only ql\n");
+    EXPECT_EQ(failure("get", {"/a%20c", "x"}), "mox: / has no a c, only ql\n");
+    answer("set", {"/ql/cell", "cellId", "4"});
+    EXPECT_EQ(json::parse(answer("why", {"--json"}))["changes"].size(), 1u);
+}
+
+TEST_F(MoxLiveTest, TellsWhoHasChangedWhat) {
+    serve(plainState(), {"--writable"});
+    EXPECT_THAT(ask("why").err, HasSubstr("nobody has asked for a change of it"));
+    answer("set", {"/ql/cell", "cellId", "4"});
+    answer("set", {"/ql/cell", "cellId", "5"});
+    answer("set", {"/a%20b/g%25", "activeCellId", "8"});
+    Outcome const rejected = ask("set", {"/ql/cell", "cellId", "9", "--if", "1"});
+    EXPECT_EQ(rejected.code, 1);
+    std::string const table = answer("why", {"/ql/cell", "cellId"});
+    EXPECT_THAT(
+        table, ContainsRegex("20[0-9-]+ [0-9:.]+ +[^ ]+ \\(process [0-9]+\\) +/ql/cell +cellId +5 +9 +differs"));
+    EXPECT_LT(table.find("differs"), table.find("done")) << "the newest comes first";
+    json const changes = json::parse(answer("why", {"/ql/cell", "--json"}))["changes"];
+    ASSERT_EQ(changes.size(), 3u);
+    EXPECT_EQ(changes[1]["before"], "4");
+    EXPECT_EQ(changes[1]["wanted"], "5");
+    EXPECT_EQ(changes[1]["result"], "done");
+    EXPECT_EQ(json::parse(answer("why", {"--json"}))["changes"].size(), 4u);
+    EXPECT_EQ(json::parse(answer("why", {"/a%20b/g%25", "--json"}))["changes"][0]["path"], "/a b/g%");
+    Outcome const none = ask("why", {"/ql/g"});
+    EXPECT_EQ(none.code, 1);
+    EXPECT_EQ(none.out, "");
+}
+
+TEST_F(MoxLiveTest, TellsWhoHasSetAValueHoweverLongAgo) {
+    serve(plainState(), {"--writable"});
+    answer("set", {"/ql/cell", "cellId", "4"});
+    writeOften(1100);
+    json const changes = json::parse(answer("why", {"/ql/cell", "cellId", "--json"}))["changes"];
+    ASSERT_EQ(changes.size(), 1u);
+    EXPECT_EQ(changes[0]["wanted"], "4");
+    EXPECT_EQ(json::parse(answer("why", {"--json"}))["changes"].size(), 1025u) << "no change is shown twice";
+}
+
+// The server describes its types to a tool that has no library of them.
+TEST_F(MoxLiveTest, NeedsNoLibraryForTheTypesOfAServer) {
+    serve(tanks, {"--module", TANK_LIBRARY, "--writable"});
+    EXPECT_EQ(answer("tree", {"--state"}), tanks);
+    EXPECT_EQ(answer("ls", {"/a"}), "@overflow                Test::Tank\n"
+                                    "@inlet[1]                Test::Tank\n"
+                                    "@note['x%20\\'%20=%20y']  = 8\n");
+    EXPECT_EQ(answer("get", {"/a/@inlet[1]", "overflow"}), "/a\n");
+    EXPECT_EQ(json::parse(answer("get", {"/a", "level", "--json"}))["value"],
+        json::parse(R"({"litres": 1.5, "measured": true})"));
+    EXPECT_EQ(answer("set", {"/a", "level", "Value('Test::Level', ** {'litres': 2.0, 'measured': False})"}),
+        "Value('Test::Level', ** {'litres': 2.0, 'measured': False})\n");
+    EXPECT_THAT(
+        failure("set", {"/a", "most", "200", "--timeout", "0.5"}), HasSubstr("the server took it, but most is 100"));
+    EXPECT_EQ(answer("set", {"/a", "note", "--at", "'why not'", "9"}), "9\n");
+    EXPECT_THAT(failure("set", {"/a", "note", "--at", "'why not'", "11", "--if", "8"}),
+        HasSubstr("note is 9, and not 8; nothing has changed"));
+    EXPECT_EQ(answer("set", {"/a", "note", "--at", "'why not'", "--delete"}), "");
+    EXPECT_THAT(answer("tree"), HasSubstr("overflow -> /b"));
+    EXPECT_THAT(answer("watch", {"--until-synced", "--timeout", "30"}), HasSubstr("\n/a inlet 5 = /b\n"));
 }
 
 TEST_F(MoxLiveTest, EntitiesThatReferToEachOtherHaveOnePlaceEach) {

@@ -33,9 +33,8 @@ TEST(MoxUsageTest, BadCommandLinesNameTheMistakeAndTheHelp) {
         EXPECT_EQ(outcome.out, "");
         return outcome.err;
     };
-    EXPECT_EQ(error({}),
-        "mox: say what to do: cell, types, value, stat, idset, trie, serve, watch, get, set, ls, tree; see \"mox "
-        "--help\"\n");
+    EXPECT_EQ(error({}), "mox: say what to do: cell, types, value, stat, idset, trie, serve, watch, get, set, call, "
+                         "why, rights, ls, tree; see \"mox --help\"\n");
     EXPECT_EQ(error({"cel"}), "mox: there is no command cel; did you mean cell?; see \"mox --help\"\n");
     EXPECT_EQ(
         error({"cell", "--nope"}), "mox: The following argument was not expected: --nope; see \"mox cell --help\"\n");

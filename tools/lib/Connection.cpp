@@ -81,6 +81,7 @@ Mount::ClientOptions clientOptions(ConnectionOptions const& options, std::string
     Mount::ClientOptions client;
     client.path = Vel::String(path);
     client.peer.tls = tlsFilesFrom(options);
+    client.policy.described = true;  // shows all that the server has, also of other versions
     return client;
 }
 

@@ -16,7 +16,7 @@
 namespace Tool {
 
 inline Vel::StreamTable const* streamTableOf(Vel::Entity const& entity) {
-    auto* const stream = entity.fwkType().glue().stream;
+    Vel::StreamTableRef const stream = entity.fwkType().glue().stream;
     return stream ? &stream() : nullptr;
 }
 // Returns the collection that names the entities below one in paths. Of the collections whose keys are names, it is the

@@ -19,6 +19,18 @@ TimeForm timeFormFrom(std::string const& text) {
     throw Failure(badUsage, "--time: " + shortened(shown(text), 80) + " is none of local, utc, relative and none");
 }
 
+std::string localTime(double seconds) {
+    constexpr double latest = 253402300799;  // of the year 9999; a server may say anything
+    if (!(seconds >= 0 && seconds <= latest)) return "?";
+    auto const time = static_cast<long>(seconds * 1000);
+    std::time_t const whole = time / 1000;
+    std::tm parts{};
+    ::localtime_r(&whole, &parts);
+    char text[64];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
+    return text + Vel::format(".%03ld", time % 1000).stdString();
+}
+
 std::string Moments::sinceBegin() const {
     auto const time = duration_cast<milliseconds>(std::chrono::steady_clock::now() - begin_).count();
     return Vel::format("%ld.%03ld", static_cast<long>(time / 1000), static_cast<long>(time % 1000)).stdString();

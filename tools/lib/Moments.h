@@ -9,6 +9,9 @@ namespace Tool {
 enum class TimeForm { local, utc, relative, none };
 TimeForm timeFormFrom(std::string const& text);  // throws Failure (bad usage)
 
+// Returns a time in seconds since 1970-01-01 00:00 UTC, to the millisecond, as local time: 2026-11-21 09:05:07.250
+std::string localTime(double seconds);
+
 class Moments {
 public:
     explicit Moments(TimeForm form) : form_(form) {}

@@ -27,6 +27,15 @@ namespace {
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
+// Whether the values of the type are names: a number whose other attributes are constants (Vel/describe/Enumeration.h).
+bool isEnumeration(VelType type) {
+    Vel::U16 const flags = type.record().flags;
+    if (!(flags & Vel::TypeFlag::number) || !(flags & Vel::TypeFlag::ownText)) return false;
+    for (Vel::U32 i = 1; i < type.attributeCount(); ++i)
+        if (type.attribute(i).kind() != Vel::AttributeKind::constant) return false;
+    return type.attributeCount() > 1;
+}
+
 // Returns the strep of a whole number as a double, or an empty text if no double has exactly this value.
 std::string doubleText(std::string const& digits) {
     bool const isNegative = digits.starts_with('-');
@@ -54,6 +63,7 @@ private:
     bool value(VelType type, std::string_view behind, std::string const& attribute) {
         if (type == Vel::typeOf<Vel::String>()) return string(behind, attribute);
         if (type == Vel::typeOf<double>() || type == Vel::typeOf<Vel::Seconds>()) return number(behind, attribute);
+        if (isEnumeration(type) && !left().empty() && !isDigit(left()[0])) return string(behind, attribute);
         Vel::U16 const unlike = Vel::TypeFlag::scalar | Vel::TypeFlag::ownText;
         return type.record().flags & unlike ? asItStands(behind) : record(type, behind);
     }

@@ -21,6 +21,7 @@ using Taken = std::function<void(std::string const& note, std::size_t offset)>;
 // Parses a value. A text in the type's text form is read as such. Any other text may differ from the text form by
 //
 //     a word without quotes where a string is meant    uplink   'uplink'
+//     a word where a name of an enumeration is meant   rain     'rain'
 //     a whole number where a double is meant           1        1.0
 //     \xNN in a string for any byte from 0x80 up, as valueText() writes it
 //

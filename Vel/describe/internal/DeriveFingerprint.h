@@ -4,23 +4,16 @@
 
 #include <algorithm>
 
-// A module's fingerprint: a hash of everything in its descriptions, computed at compile time.
+// A module's spelling, a text with everything in its descriptions, and the hash of that: its fingerprint. Both are made
+// at compile time.
 namespace Vel::Detail {
 
-// FNV-1a with 64 bits (Fowler, Noll, Vo), over the canonical spelling below. The seed is chosen so that the hash of the
-// Seqno module's spelling is b10c04b51b44f4ab, the fingerprint in that module's symbol.
+// FNV-1a with 64 bits (Fowler, Noll, Vo), over a module's spelling. The seed is chosen so that the hash of the Seqno
+// module's spelling is b10c04b51b44f4ab, the fingerprint in that module's symbol.
 class Fnv {
 public:
     constexpr Fnv& operator<<(std::string_view text) {
         for (char const c : text) state_ = (state_ ^ static_cast<unsigned char>(c)) * 0x100000001b3ul;
-        return *this;
-    }
-    constexpr Fnv& operator<<(U64 number) {
-        char digits[20] = {};
-        std::size_t count = 0;
-        do digits[count++] = static_cast<char>('0' + number % 10);
-        while (number /= 10);
-        while (count) *this << std::string_view(&digits[--count], 1);
         return *this;
     }
     constexpr U64 result() const { return state_; }
@@ -29,36 +22,77 @@ private:
     U64 state_ = 0x4efd2ecf4fc3cb67ul;
 };
 
+// Writes the spelling of a description at `to`. If that is null, only counts the characters.
+class Speller {
+public:
+    constexpr explicit Speller(char* to) : to_(to) {}
+    constexpr Speller& operator<<(std::string_view text) {
+        if (to_) std::copy(text.begin(), text.end(), to_ + size_);
+        size_ += text.size();
+        return *this;
+    }
+    constexpr Speller& operator<<(U64 number) {
+        char digits[20] = {};
+        std::size_t first = 20;
+        do digits[--first] = static_cast<char>('0' + number % 10);
+        while (number /= 10);
+        return *this << std::string_view(digits + first, 20 - first);
+    }
+    constexpr std::size_t size() const { return size_; }
+
+private:
+    char* to_;
+    std::size_t size_ = 0;
+};
+
 // Returns "-" for an empty name, so that the number of words in a line of the spelling does not depend on it.
 constexpr std::string_view orDash(std::string_view name) { return name.empty() ? std::string_view("-") : name; }
 
-template <class T> constexpr void spellType(Fnv& hash) {
+template <class T> constexpr void spellType(Speller& to) {
     unsigned form = 3;
     if constexpr (Described<T>) form = static_cast<unsigned>(DescriptionOf<T>::form);
-    hash << "type " << typeName<T>() << " form " << U32(form) << " base " << orDash(TypeNameOf<BaseType<T>>::value)
-         << " flags " << U32(typeFlags<T>() & (TypeFlag::ownText | TypeFlag::ownStream | TypeFlag::hashable)) << " ops "
-         << valueOps<T>() << "\n";
+    to << "type " << typeName<T>() << " form " << U32(form) << " base " << orDash(TypeNameOf<BaseType<T>>::value)
+       << " flags " << U32(typeFlags<T>() & (TypeFlag::ownText | TypeFlag::ownStream | TypeFlag::hashable)) << " ops "
+       << valueOps<T>() << "\n";
     forEachAttributeOf<T>([&](auto const& a, auto index) {
         using A = std::remove_cvref_t<decltype(a)>;
-        hash << "attribute " << firstAttributeId<T>() + static_cast<U32>(decltype(index)::value) << " " << a.name
-             << " kind " << U32(A::kind) << " ops " << A::ops << " value "
-             << orDash(TypeNameOf<typename A::Value>::value) << " key " << orDash(TypeNameOf<typename A::Key>::value)
-             << " result " << orDash(TypeNameOf<typename A::Result>::value);
+        to << "attribute " << firstAttributeId<T>() + static_cast<U32>(decltype(index)::value) << " " << a.name
+           << " kind " << U32(A::kind) << " ops " << A::ops << " value " << orDash(TypeNameOf<typename A::Value>::value)
+           << " key " << orDash(TypeNameOf<typename A::Key>::value) << " result "
+           << orDash(TypeNameOf<typename A::Result>::value);
         if constexpr (requires { A::members; })
-            hash << (A::members == Members::values      ? " values"
-                     : A::members == Members::instances ? " instances"
-                                                        : " references");
-        if constexpr (requires { A::number; }) hash << " is " << A::number;
-        hash << "\n";
+            to << (A::members == Members::values      ? " values"
+                   : A::members == Members::instances ? " instances"
+                                                      : " references");
+        if constexpr (requires { A::number; }) to << " is " << A::number;
+        to << "\n";
         forEachParameter(a,
-            [&](std::string_view name, std::string_view type) { hash << "parameter " << name << " " << type << "\n"; });
+            [&](std::string_view name, std::string_view type) { to << "parameter " << name << " " << type << "\n"; });
     });
+}
+
+// The spelling of one type, as data: a source sends it to readers that do not have the module.
+template <class T> struct __attribute__((visibility("hidden"))) TypeSpelling {
+    static constexpr std::size_t size = [] {
+        Speller counted(nullptr);
+        spellType<T>(counted);
+        return counted.size();
+    }();
+    static constexpr auto text = [] {
+        std::array<char, size> result{};
+        Speller to(result.data());
+        spellType<T>(to);
+        return result;
+    }();
+};
+template <class T> constexpr std::string_view typeSpelling() {
+    return {TypeSpelling<T>::text.data(), TypeSpelling<T>::size};
 }
 
 template <class... Ts> constexpr U64 moduleFingerprint(std::string_view name) {
     Fnv hash;
     hash << "module " << name << "\n";
-    (spellType<Ts>(hash), ...);
+    (void)(hash << ... << typeSpelling<Ts>());
     return hash.result();
 }
 

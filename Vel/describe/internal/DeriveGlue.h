@@ -161,6 +161,8 @@ template <class T> constexpr AttributeGlue const* attributeGlues() {
         return nullptr;
 }
 
+// Defined in DeriveFingerprint.h.
+template <class T> constexpr std::string_view typeSpelling();
 // Defined in DeriveStream.h.
 template <class T> StreamTable const& streamTable();
 
@@ -171,6 +173,7 @@ template <class T> struct __attribute__((visibility("hidden"))) GlueOf {
         glue.alignment = alignof(T);
         glue.base = TypeFunction<BaseType<T>>::value;
         glue.attributes = attributeGlues<T>();
+        glue.spelling = typeSpelling<T>();
         glue.genericIfAttributeOp = &genericIfAttributeOp<T>;
         glue.genericIfStrRep = &genericIfStrRep<T>;
         glue.genericIfVoidPtrIs = &GenericIfImpl::genericIfVoidPtrIs;

@@ -26,12 +26,12 @@ inline void needEnd(NboAttrLog::In const& in) {
 template <class T, class A> struct StreamedAttribute {
     using Value = typename A::Value;
 
-    static void serialize(
-        NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity, NboAttrLog::FlowConnection* to) {
+    static void serialize(StreamAttribute const&, NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity,
+        NboAttrLog::FlowConnection* to) {
         // Sends the stored member and does not call the accessor, which may compute, notify observers, or throw.
         sink.handleValueSerialization(id, static_cast<T const&>(entity).*A::member, to);
     }
-    static void apply(Entity& entity, NboAttrLog::In& in) {
+    static void apply(StreamAttribute const&, Entity& entity, NboAttrLog::In& in) {
         Value const value = nextItem<Value>(in);
         needEnd(in);
         std::invoke(A::setter, static_cast<T&>(entity), value);
@@ -41,10 +41,10 @@ template <class T, class A> struct StreamedAttribute {
 template <class T, class A> struct StreamedPointer {
     using E = typename Pointee<typename A::Value>::Type;
 
-    static Entity* target(Entity const& entity) {
+    static Entity* target(StreamAttribute const&, Entity const& entity) {
         return const_cast<E*>((static_cast<T const&>(entity).*A::member).get());
     }
-    static void targetIs(Entity& entity, Entity* target) {
+    static void targetIs(StreamAttribute const&, Entity& entity, Entity* target) {
         std::invoke(A::setter, static_cast<T&>(entity), typename A::Value(static_cast<E*>(target)));
     }
 };
@@ -62,7 +62,7 @@ template <class T, class A> struct StreamedKeys {
         else
             for (auto const& member : std::invoke(A::visit, object)) f(member);
     }
-    static NboAttrLog::Bookmark* bookmark(Entity const& entity) {
+    static NboAttrLog::Bookmark* bookmark(StreamAttribute const&, Entity const& entity) {
         T const& object = static_cast<T const&>(entity);
         if constexpr (std::is_member_object_pointer_v<std::remove_const_t<decltype(A::visit)>>) {
             using Range = std::remove_cvref_t<decltype(object.*A::visit)>;
@@ -96,7 +96,7 @@ template <class T, class A> struct StreamedKeys {
         });
         return made.release();
     }
-    static std::size_t count(Entity const& entity) {
+    static std::size_t count(StreamAttribute const&, Entity const& entity) {
         if constexpr (given<A::count>) {
             return std::invoke(A::count, static_cast<T const&>(entity));
         } else {
@@ -105,8 +105,10 @@ template <class T, class A> struct StreamedKeys {
             return number;
         }
     }
-    static void writeKey(NboAttrLog::Out& out, void const* key) { out << *static_cast<Key const*>(key); }
-    static void skipKey(In& in) { nextItem<Key>(in); }
+    static void writeKey(StreamAttribute const&, NboAttrLog::Out& out, void const* key) {
+        out << *static_cast<Key const*>(key);
+    }
+    static void skipKey(StreamAttribute const&, In& in) { nextItem<Key>(in); }
     static Key keyOf(In& in) {
         Key key = nextItem<Key>(in);
         needEnd(in);
@@ -127,7 +129,9 @@ template <class T, class A> struct StreamedKeys {
             return std::invoke(F, object, keyOf(in));
         }
     }
-    static void memberDel(Entity& entity, In& in) { withKey<A::del>(static_cast<T&>(entity), in); }
+    static void memberDel(StreamAttribute const&, Entity& entity, In& in) {
+        withKey<A::del>(static_cast<T&>(entity), in);
+    }
 };
 
 template <class T, class A> struct StreamedMembers : StreamedKeys<T, A> {
@@ -144,14 +148,14 @@ template <class T, class A> struct StreamedMembers : StreamedKeys<T, A> {
         else
             return *const_cast<E*>(static_cast<E const*>(m.get()));
     }
-    static void visit(Entity const& entity, void (*f)(void*, Entity&), void* context) {
+    static void visit(StreamAttribute const&, Entity const& entity, void (*f)(void*, Entity&), void* context) {
         Keys::each(entity, [&](auto const& m) { f(context, memberOf(m)); });
     }
-    static Entity* member(Entity const& entity, In& in) {
+    static Entity* member(StreamAttribute const&, Entity const& entity, In& in) {
         auto const found = Keys::template withKey<A::get>(static_cast<T const&>(entity), in);
         return const_cast<E*>(static_cast<E const*>(found.get()));
     }
-    static void memberIs(Entity& entity, In& in, Entity& newMember) {
+    static void memberIs(StreamAttribute const&, Entity& entity, In& in, Entity& newMember) {
         T& object = static_cast<T&>(entity);
         Key const key = Keys::keyOf(in);
         E& typed = static_cast<E&>(newMember);
@@ -173,7 +177,7 @@ template <class T, class A> struct StreamedMembers : StreamedKeys<T, A> {
             std::invoke(A::set, object, key, value);
         }
     }
-    static Entity* memberNew(Entity& entity, In& in) {
+    static Entity* memberNew(StreamAttribute const&, Entity& entity, In& in) {
         if constexpr (A::members == Members::instances) {
             auto const made = std::invoke(A::set, static_cast<T&>(entity), Keys::keyOf(in));
             return made.get();
@@ -188,17 +192,17 @@ template <class T, class A> struct StreamedValues : StreamedKeys<T, A> {
     using typename Keys::In;
     using Value = typename A::Value;
 
-    static bool holds(Entity const& entity, In& in) {
+    static bool holds(StreamAttribute const&, Entity const& entity, In& in) {
         return Keys::template withKey<A::exists>(static_cast<T const&>(entity), in);
     }
-    static void serializeKey(NboAttrLog::SerializeSink& sink, AttributeId id, Entity const& entity,
-        std::span<U8 const> key, NboAttrLog::FlowConnection* to) {
+    static void serializeKey(StreamAttribute const&, NboAttrLog::SerializeSink& sink, AttributeId id,
+        Entity const& entity, std::span<U8 const> key, NboAttrLog::FlowConnection* to) {
         In in(key);
         Value const& value = Keys::template withKey<A::get>(static_cast<T const&>(entity), in);
         sink.handleKeySerialization(id, key, value, to);
     }
     // Does not set a value that is there already, so that observers are only notified of differences.
-    static void applyKey(Entity& entity, In& in, In& items) {
+    static void applyKey(StreamAttribute const&, Entity& entity, In& in, In& items) {
         T& object = static_cast<T&>(entity);
         auto const key = Keys::keyOf(in);
         Value const value = nextItem<Value>(items);
@@ -213,27 +217,27 @@ template <class T, class A> struct StreamedValues : StreamedKeys<T, A> {
 
 template <class T, class A> constexpr void fillCollection(StreamAttribute& row) {
     using K = StreamedKeys<T, A>;
-    row.bookmark = &K::bookmark;
-    row.count = &K::count;
-    row.writeKey = &K::writeKey;
-    row.skipKey = &K::skipKey;
-    row.memberDel = &K::memberDel;
+    row.functions.bookmark = &K::bookmark;
+    row.functions.count = &K::count;
+    row.functions.writeKey = &K::writeKey;
+    row.functions.skipKey = &K::skipKey;
+    row.functions.memberDel = &K::memberDel;
     if constexpr (A::members == Members::values) {
         static_assert(std::is_void_v<typename Pointee<typename A::Value>::Type>,
             "entities travel by Vel::references or Vel::instances");
         using F = StreamedValues<T, A>;
         row.kind = StreamKind::values;
         row.varies = fixedWidth<typename A::Value>() == 0;
-        row.holds = &F::holds;
-        row.serializeKey = &F::serializeKey;
-        row.applyKey = &F::applyKey;
+        row.functions.holds = &F::holds;
+        row.functions.serializeKey = &F::serializeKey;
+        row.functions.applyKey = &F::applyKey;
     } else {
         using F = StreamedMembers<T, A>;
         row.kind = A::members == Members::instances ? StreamKind::instances : StreamKind::references;
-        row.visit = &F::visit;
-        row.member = &F::member;
-        row.memberIs = &F::memberIs;
-        row.memberNew = &F::memberNew;
+        row.functions.visit = &F::visit;
+        row.functions.member = &F::member;
+        row.functions.memberIs = &F::memberIs;
+        row.functions.memberNew = &F::memberNew;
         if constexpr (A::members == Members::instances) row.adopts = given<A::adopt>;
         row.keyIsName = K::keyIsText;
     }
@@ -242,18 +246,19 @@ template <class T, class A> constexpr void fillCollection(StreamAttribute& row) 
 template <class T, class A> constexpr StreamAttribute streamAttribute(AttributeId id) {
     StreamAttribute row{};
     row.id = id;
-    row.type = TypeFunction<typename A::Value>::value;
+    row.localId = id;
+    row.functions.type = [](StreamAttribute const&) { return TypeFunction<typename A::Value>::value(); };
     if constexpr (A::kind == AttributeKind::collection) {
         fillCollection<T, A>(row);
     } else if constexpr (!std::is_void_v<typename Pointee<typename A::Value>::Type>) {
         row.kind = StreamKind::pointer;
-        row.target = &StreamedPointer<T, A>::target;
-        row.targetIs = &StreamedPointer<T, A>::targetIs;
+        row.functions.target = &StreamedPointer<T, A>::target;
+        row.functions.targetIs = &StreamedPointer<T, A>::targetIs;
     } else {
         row.kind = StreamKind::value;
         row.varies = fixedWidth<typename A::Value>() == 0;
-        row.serialize = &StreamedAttribute<T, A>::serialize;
-        row.apply = &StreamedAttribute<T, A>::apply;
+        row.functions.serialize = &StreamedAttribute<T, A>::serialize;
+        row.functions.apply = &StreamedAttribute<T, A>::apply;
     }
     return row;
 }

@@ -79,7 +79,7 @@ template <class T, std::size_t... P> struct FieldsOf<T, std::index_sequence<P...
         (f(std::get<P>(fields), std::integral_constant<std::size_t, fieldIndexes<T>[P]>()), ...);
     }
     static void store(T& value, Tuple&& fields) {
-        ((value.*AttributeAt<T, fieldIndexes<T>[P]>::member = std::get<P>(std::move(fields))), ...);
+        ((value.*AttributeAt<T, fieldIndexes<T>[P]>::member = std::move(std::get<P>(fields))), ...);
     }
 };
 template <class T> using FieldTuple = typename FieldsOf<T>::Tuple;

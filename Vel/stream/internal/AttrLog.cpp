@@ -40,6 +40,16 @@ std::span<U8 const> AttrLog::read(Position& at, std::size_t limit) const {
     }
 }
 
+std::span<U8 const> AttrLog::restOfMessage(Position at) const {
+    auto const bytes = chunks_[at.chunk - firstChunk_]->bytes();
+    std::size_t end = 0;
+    while (end < at.offset) {
+        MessageLength const head = messageLength(bytes.subspan(end));
+        end += head.size + head.length;
+    }
+    return bytes.subspan(at.offset, end - at.offset);
+}
+
 std::size_t AttrLog::sizeFrom(Position at) const {
     std::size_t before = at.offset;
     for (std::size_t c = 0; c < at.chunk - firstChunk_; ++c) before += chunks_[c]->size();

@@ -29,23 +29,21 @@ public:
     // Returns bytes from `at` on that lie in one chunk, at most `limit`. The result is empty at the head only. If `at`
     // is at the end of a chunk, moves it to the next one. REQUIRES: tail() <= at <= head()
     std::span<U8 const> read(Position& at, std::size_t limit) const;
+    // Returns the rest of the message that `at` is within. The result is empty if `at` is between two messages.
+    std::span<U8 const> restOfMessage(Position at) const;
     // The chunk in which `at` is. Its bytes stay while it is held.
     std::shared_ptr<Out const> chunk(Position at) const { return chunks_[at.chunk - firstChunk_]; }
     // Drops the chunks before the one in which `before` is. The memory of a chunk that nobody holds may be used again.
     void drop(Position before);
 
-    // If `from` is within a message, calls rest(bytes) with the rest of that message. Then calls message(bytes) for
-    // each whole message up to the head, with its kind and body.
-    template <class Rest, class Message> void scan(Position from, Rest rest, Message message) const {
+    // Calls message(bytes) for each whole message from `from` up to the head, with its kind and body.
+    template <class Message> void scan(Position from, Message message) const {
         for (U64 c = from.chunk; c < firstChunk_ + chunks_.size(); ++c) {
             auto const bytes = chunks_[c - firstChunk_]->bytes();
             for (std::size_t at = 0; at < bytes.size();) {
                 MessageLength const head = messageLength(bytes.subspan(at));
                 std::size_t const size = head.size + head.length;
-                if (c > from.chunk || at >= from.offset)
-                    message(bytes.subspan(at + head.size, head.length));
-                else if (at + size > from.offset)
-                    rest(bytes.subspan(from.offset, at + size - from.offset));
+                if (c > from.chunk || at >= from.offset) message(bytes.subspan(at + head.size, head.length));
                 at += size;
             }
         }

@@ -1,6 +1,8 @@
 #include "Vel/stream/internal/AttrLogReader.h"
 
 #include "Vel/base/Exception.h"
+#include "Vel/describe/ModuleDescription.h"
+#include "Vel/stream/internal/RemoteCall.h"
 #include "Vel/stream/internal/ReplicaWrites.h"
 #include "Vel/text/PeerText.h"
 
@@ -20,12 +22,14 @@ constexpr std::size_t mostAnswered = 4096;  // bytes of answers, and of changes 
 
 }  // namespace
 
-AttrLogReader::AttrLogReader(Finder finder, StreamLimits const& limits, bool mayWrite, Admission admission)
+AttrLogReader::AttrLogReader(
+    Finder finder, StreamLimits const& limits, bool mayWrite, Admission admission, String const& author)
     : StreamPeer(limits),
       FlowConnection(nullptr),
       finder_(std::move(finder)),
       admission_(std::move(admission)),
-      mayWrite_(mayWrite) {}
+      mayWrite_(mayWrite),
+      author_(peerText(author.view())) {}
 
 AttrLogReader::~AttrLogReader() { leave(); }
 
@@ -40,6 +44,7 @@ void AttrLogReader::leave() {
     std::vector<EntityId>().swap(goneFirst_);
     std::deque<Answer>().swap(answers_);
     answersHeld_ = 0;
+    descriptions_.clear();
 }
 
 void AttrLogReader::closed(String const& reason) {
@@ -57,17 +62,30 @@ void AttrLogReader::leaveSource(String const& reason) {
 
 void AttrLogReader::handleMessage(MessageKind kind, In& body) {
     if (kind == MessageKind::hello && !source_) return hello(body);
-    if (kind != MessageKind::write || !source_)
+    bool const isChange = kind == MessageKind::write || kind == MessageKind::writeValues || kind == MessageKind::call;
+    if (!isChange || !source_)
         throw StreamException(format("a reader sends no message of kind %u now", static_cast<unsigned>(kind)), 0);
-    write(body);
+    write(kind, body);
 }
 
-void AttrLogReader::write(In& body) {
+void AttrLogReader::write(MessageKind kind, In& body) {
     if (answers_.size() >= ReplicaWrites::most)
         throw StreamException("changes come faster than their answers are taken", 0);
     U32 const number = nextCompact(body);
-    WriteAnswer answer = source_->write(body, mayWrite_);
+    if (kind == MessageKind::call)
+        if (String why = whyNoCall(body); !why.empty())
+            return this->answer(number, {WriteResult::rejected, std::move(why)});
+    WriteAnswer answer = source_->write(kind, body, mayWrite_, author_);
     if (source_) this->answer(number, std::move(answer));  // unless an observer has ended the connection
+}
+
+// Returns why the method is not called: the bytes of its arguments mean something else to the reader if it has another
+// version of their types. The text is empty if it may be called, or if the source has to say why not.
+String AttrLogReader::whyNoCall(In body) const {
+    NboAttrLog::Adapter* const adapter = mayWrite_ ? source_->adapter(nextCompact(body)) : nullptr;
+    if (!adapter || !source_->allows(MessageKind::call, adapter->entity())) return {};
+    auto const method = RemoteCall::methodOf(adapter->entity().fwkType(), nextCompact(body));
+    return method ? refusalFor(RemoteCall::typesOf(*method)).text : String();
 }
 
 void AttrLogReader::answer(U32 number, WriteAnswer answer) {
@@ -83,29 +101,38 @@ void AttrLogReader::hello(In& body) {
     if (U16 const version = body.nextU16(); version != streamVersion)
         return refuse(
             format("the client speaks version %u of the protocol, and the server version %u", version, streamVersion));
-    bool const wantsToWrite = body.nextbool();
+    U8 const flags = body.nextU8();
+    if (flags > HelloFlag::all) throw StreamException("a hello with unknown wishes", body.offset());
+    wantsDescriptions_ = flags & HelloFlag::descriptions;
     String const path = body.nextString();
     U32 const count = body.nextU32();
     if (count > limits().modules)
         return refuse(format("the client has %u modules, and the server takes at most %zu", count, limits().modules));
     for (U32 i = 0; i < count; ++i) {
-        String const name = body.nextString();
-        auto const [at, isNew] = modules_.try_emplace(name.stdString());
-        at->second = body.nextU64();
-        if (isNew) modulesHeld_ += sizeof *at + 4 * sizeof(void*) + name.size();
+        std::string name = body.nextString().stdString();
+        knowsModule(std::move(name), body.nextU64());
     }
     if (body.left() != 0) throw StreamException("a hello with bytes behind its end", body.offset());
     AttrLogSource::Impl* const source = finder_(path);
     if (!source) return refuse(refusalOf(StreamFault::nothingThere, peerText(path.view())));
+    if (source->root().fwkType().glue().foreign)
+        return refuse("the server knows the type of this entity only from a description");
     if (String const why = admission_ ? admission_() : String(); !why.empty()) return refuse(why);
     bool const wanted = wantsOutput();
     source_ = source;
     viewIs(*source);
-    mayWrite_ = mayWrite_ && wantsToWrite && source->options().mayWrite;
+    mayWrite_ = mayWrite_ && (flags & HelloFlag::writes) && source->takesChanges();
     controlOut().begin(MessageKind::welcome, 3) << streamVersion << mayWrite_;
     controlOut().commit();
     source->attach(*this);
     if (!wanted) wake();
+}
+
+void AttrLogReader::knowsModule(std::string name, U64 fingerprint) {
+    std::size_t const size = name.size();
+    auto const [at, isNew] = modules_.try_emplace(std::move(name));
+    at->second = fingerprint;
+    if (isNew) modulesHeld_ += sizeof *at + 4 * sizeof(void*) + size;
 }
 
 // --- versions ---
@@ -134,10 +161,12 @@ template <class F> bool eachModule(VelType type, std::vector<VelType>& seen, F c
 
 }  // namespace
 
-StreamRefusal AttrLogReader::refusalFor(VelType type) const {
+StreamRefusal AttrLogReader::refusalFor(VelType type) const { return refusalFor(std::span(&type, 1)); }
+
+StreamRefusal AttrLogReader::refusalFor(std::span<VelType const> types) const {
     StreamRefusal refusal;
     std::vector<VelType> seen;
-    eachModule(type, seen, [&](VelType part) {
+    auto const compare = [&](VelType part) {
         String const module = part.moduleName();
         U64 const here = part.moduleFingerprint();
         auto const found = modules_.find(module.stdString());
@@ -147,11 +176,57 @@ StreamRefusal AttrLogReader::refusalFor(VelType type) const {
             refusal = refusalOf(StreamFault::otherVersion,
                 format("%s has fingerprint %016lx at the server and %016lx", module.charPtr(), here, found->second));
         return refusal.text.empty();
-    });
+    };
+    std::ranges::all_of(types, [&](VelType type) { return eachModule(type, seen, compare); });
     return refusal;
 }
 
+namespace {
+
+// Calls f(type) for each type of entities to which a streamed attribute of the type or of its bases refers.
+template <class F> void eachReferred(VelType type, F f) {
+    for (; type; type = type.base())
+        for (U32 i = 0; i < type.attributeCount(); ++i) {
+            VelAttr const attribute = type.attribute(i);
+            AttributeKind const kind = attribute.kind();
+            if (kind != AttributeKind::entityAttribute && kind != AttributeKind::collection) continue;
+            if (VelType const part = attribute.valueType(); part && part.isEntity()) f(part);
+        }
+}
+
+}  // namespace
+
+// Describes the modules of the type that the reader does not have as they are here, each once. Also those of the types
+// to which it refers, so that the reader can tell a reference from a value.
+void AttrLogReader::describe(VelType type) {
+    auto const tell = [this](VelType part) {
+        String const module = part.moduleName();
+        U64 const fingerprint = part.moduleFingerprint();
+        auto const found = modules_.find(module.stdString());
+        if (found != modules_.end() && found->second == fingerprint) return true;
+        String const text = ModuleDescription::spellingOf(part.module());
+        descriptions_.begin(MessageKind::description, 16 + module.size() + text.size())
+            << module << fingerprint << text;
+        descriptions_.commit();
+        knowsModule(module.stdString(), fingerprint);
+        return true;
+    };
+    std::vector<VelType> seen;
+    eachModule(type, seen, tell);
+    eachReferred(type, tell);
+}
+
+void AttrLogReader::typeIsNeededLater(VelType type) {
+    if (wantsDescriptions_) return describe(type);
+    if (StreamRefusal refusal = refusalFor(type); !refusal.text.empty()) refuseLater(std::move(refusal));
+}
+
 void AttrLogReader::typeIsNeeded(VelType type) {
+    if (wantsDescriptions_) {
+        describe(type);
+        out_.add(descriptions_.bytes());
+        return descriptions_.clear();
+    }
     if (StreamRefusal refusal = refusalFor(type); !refusal.text.empty()) throw refusal;
 }
 
@@ -176,9 +251,17 @@ std::span<U8 const> AttrLogReader::output(std::size_t limit) {
         refuse(std::exchange(refusal_, StreamRefusal()));
     }
     if (isClosing()) leave();
+    if (descriptions_.size() != 0) sendDescriptions();
     if (source_) source_->sweepIfDue();
     if (source_ && !isLive_) outputCatchingUp(limit);
     return isLive_ ? outputOfLog(limit) : StreamPeer::output(limit);
+}
+
+void AttrLogReader::sendDescriptions() {
+    finishLogMessage();
+    out_.add(descriptions_.bytes());
+    descriptions_.clear();
+    descriptions_.compact(0);
 }
 
 // Answers to pings are sent before state, so a reader that pings without pause gets both.
@@ -241,15 +324,15 @@ void AttrLogReader::addAnswers() {
 }
 
 void AttrLogReader::writeAnswer(NboAttrLog::OutSm& sm, Answer const& answer) {
-    auto const& [result, text, value] = answer.answer;
+    auto const& [result, text, value, attribute] = answer.answer;
     auto& out = sm.begin(MessageKind::answer, compactSize(answer.number) + 1);
     out << Compact{answer.number} << static_cast<U8>(result);
-    if (result == WriteResult::differs) {
+    if (attribute != 0) out << Compact{attribute};
+    if (result == WriteResult::differs)
         out << value.has_value();
-        if (value) value->type().glue().write(out, value->data());
-    } else if (result != WriteResult::done) {
+    else if (result != WriteResult::done)
         out << text;
-    }
+    if (value) value->type().glue().write(out, value->data());
     sm.commit();
 }
 
@@ -312,15 +395,9 @@ void AttrLogReader::ownOutstanding() {
 void AttrLogReader::finishLogMessage() {
     if (!isLive_) return;
     ownOutstanding();
-    std::size_t finished = 0;
-    source_->log().scan(
-        position_,
-        [&](std::span<U8 const> rest) {
-            out_.add(rest);
-            finished = rest.size();
-        },
-        [](std::span<U8 const>) {});
-    position_.offset += finished;
+    auto const rest = source_->log().restOfMessage(position_);
+    out_.add(rest);
+    position_.offset += rest.size();
 }
 
 void AttrLogReader::toldToCatchUp() {
@@ -334,10 +411,7 @@ void AttrLogReader::toldToCatchUp() {
     if (std::exchange(isAwaiting_, false)) wake();
 }
 
-template <class F> void AttrLogReader::eachUnread(F f) const {
-    source_->log().scan(
-        position_, [](std::span<U8 const>) {}, f);
-}
+template <class F> void AttrLogReader::eachUnread(F f) const { source_->log().scan(position_, f); }
 
 // The reader was given the knowledge of live readers. It has not read of entities that were announced in messages that
 // it did not read, and still knows those that have gone in them. An entity may have been announced and have gone
@@ -371,6 +445,7 @@ void AttrLogReader::flagMessage(std::span<U8 const> message) {
         if (id == 0) return;
     }
     auto* const adapter = source_->adapter(id);
+    if (adapter && kind == MessageKind::values) return flagValues(*adapter, in);
     StreamAttribute const* const attribute = adapter ? adapter->table().find(nextCompact(in)) : nullptr;
     if (!attribute) return;
     if (!attribute->isCollection()) {
@@ -387,6 +462,15 @@ void AttrLogReader::flagMessage(std::span<U8 const> message) {
         if (auto* const member = source_->adapter(nextCompact(in))) notInstantiated(*member);
     source_->demuxer().changeCounted(
         !adapter->flowOutOnAttributeForConnection(*this, *attribute, view, kind != MessageKind::keyDel, nullptr));
+}
+
+void AttrLogReader::flagValues(NboAttrLog::Adapter& adapter, In& in) {
+    while (in.left() != 0) {
+        StreamAttribute const& attribute = *adapter.table().find(nextCompact(in));
+        in.take(nextCompact(in));
+        source_->demuxer().changeCounted(!adapter.flowOutOnAttributeForConnection(*this, attribute));
+    }
+    adapter.togetherForConnection(*this);
 }
 
 }  // namespace Vel

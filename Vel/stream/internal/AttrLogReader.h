@@ -22,13 +22,17 @@ public:
     // `finder` returns the source for the path that the reader asks for, or null. With `mayWrite`, the reader may
     // change values if the source's options allow it. `admission` is called before a hello is answered; if it returns a
     // text, the reader is refused with that text.
-    AttrLogReader(Finder finder, StreamLimits const& limits, bool mayWrite, Admission admission = nullptr);
+    // `author` says who the reader is, for AttrLogSource::Options::history.
+    AttrLogReader(Finder finder, StreamLimits const& limits, bool mayWrite, Admission admission = nullptr,
+        String const& author = {});
     ~AttrLogReader() override;
 
     std::span<U8 const> output(std::size_t limit) override;
     void outputTaken(std::size_t count) override;
     bool wantsOutput() const override;
-    std::size_t held() const override { return StreamPeer::held() + modulesHeld_ + answersHeld_; }
+    std::size_t held() const override {
+        return StreamPeer::held() + modulesHeld_ + answersHeld_ + descriptions_.capacity();
+    }
     void closed(String const& reason) override;
 
     bool isLive() const { return isLive_; }
@@ -37,6 +41,9 @@ public:
     U64 timesBehind() const { return timesBehind_; }
     void leaveSource(String const& reason);   // refuses the reader with this error
     void refuseLater(StreamRefusal refusal);  // refuses the reader at the next output()
+    // A live reader is to be sent the type. Describes the modules that the reader does not have, before any more of the
+    // log is sent, or refuses it.
+    void typeIsNeededLater(VelType type);
     // Returns why the reader cannot be sent this type. The text is empty if it can.
     StreamRefusal refusalFor(VelType type) const;
     void entityHasGone(EntityId id, bool mayReturn) override { (mayReturn ? goneFirst_ : gone_).push_back(id); }
@@ -58,7 +65,9 @@ private:
     void typeIsNeeded(VelType type) override;
     void handleMessage(NboAttrLog::MessageKind kind, NboAttrLog::In& body) override;
     void hello(NboAttrLog::In& body);
-    void write(NboAttrLog::In& body);
+    void write(NboAttrLog::MessageKind kind, NboAttrLog::In& body);
+    StreamRefusal refusalFor(std::span<VelType const> types) const;  // as for one
+    String whyNoCall(NboAttrLog::In body) const;
     void answer(U32 number, WriteAnswer answer);
     void addAnswers();
     void outputCatchingUp(std::size_t limit);
@@ -67,6 +76,9 @@ private:
     void sendGone(std::vector<EntityId>& gone);
     void finishLogMessage();
     void ownOutstanding();
+    void describe(VelType type);
+    void sendDescriptions();
+    void knowsModule(std::string name, U64 fingerprint);
     void leave();
     // A change that was asked for is answered when the reader has been sent the log up to `after`, the change included.
     struct Answer {
@@ -81,6 +93,7 @@ private:
     template <class F> void eachUnread(F f) const;  // calls f(message) for each whole message not sent
     void knowNothingUnread();
     void flagMessage(std::span<U8 const> message);
+    void flagValues(NboAttrLog::Adapter& adapter, NboAttrLog::In& in);
 
     Finder finder_;
     Admission admission_;
@@ -91,6 +104,8 @@ private:
     std::shared_ptr<NboAttrLog::Out const> kept_;  // the chunk with the last output
     NboAttrLog::AttrLog::Position position_;
     StreamRefusal refusal_;
+    NboAttrLog::BufferSm descriptions_;  // sent before all else
+    bool wantsDescriptions_ = false;
     std::deque<Answer> answers_;   // of changes that were made or rejected, not sent yet
     std::size_t answersHeld_ = 0;  // bytes of memory of these
     std::size_t modulesHeld_ = 0;  // bytes of modules_
@@ -102,6 +117,7 @@ private:
     bool isAwaiting_ = false;
     bool isLogsTurn_ = false;  // the last output() gave bytes of out_, so the log is next
     bool mayWrite_;
+    String author_;
 };
 
 }  // namespace Vel

@@ -1,10 +1,11 @@
 #include "Vel/stream/internal/AttrLogReplicaImpl.h"
 
 #include "Vel/base/Exception.h"
-#include "Vel/describe/Module.h"
+#include "Vel/entity/ForeignEntity.h"
 #include "Vel/stream/internal/StreamAdapter.h"
 #include "Vel/stream/internal/StreamProtocol.h"
 #include "Vel/stream/internal/StreamRefusal.h"
+#include "Vel/stream/internal/ValueGroup.h"
 #include "Vel/text/PeerText.h"
 
 namespace Vel {
@@ -16,17 +17,22 @@ using NboAttrLog::nextCompact;
 
 namespace {
 
-void needEnd(In const& in) {
-    if (in.left() != 0) throw StreamException("a message with bytes behind its end", in.offset());
+bool isCreatable(VelType type) { return type.glue().foreign || type.glue().stream().isCreatable; }
+
+Ptr<Entity> newEntity(VelType type, String const& name) {
+    if (type.glue().foreign) return ForeignEntity::newEntity(type, name);
+    return ptr_cast<Entity>(type.glue().newEntity(name, nullptr));
 }
 
 }  // namespace
 
-AttrLogReplica::Impl::Impl(Ptr<Entity> root, Ptr<Dir> parent, String name, StreamLimits const& limits)
+AttrLogReplica::Impl::Impl(
+    Ptr<Entity> root, Ptr<Dir> parent, String name, StreamPolicy policy, StreamLimits const& limits)
     : limits_(limits),
       parent_(std::move(parent)),
       name_(std::move(name)),
       root_(std::move(root)),
+      types_(policy, limits),
       entities_(limits),
       nesting_(entities_, limits) {}
 
@@ -37,6 +43,7 @@ void AttrLogReplica::Impl::connected() {
     writes_.lost();
     welcomed_ = false;
     types_.clear();
+    entities_.typesSizeIs(types_.size());
     entities_.recountBefore(root_.get());
     stateIs(State::syncing);
 }
@@ -70,6 +77,8 @@ void AttrLogReplica::Impl::handleMessage(MessageKind kind, In& body) {
     switch (kind) {
     case MessageKind::value:
         return value(body);
+    case MessageKind::values:
+        return values(body);
     case MessageKind::keySet:
         return keySet(body);
     case MessageKind::keyDel:
@@ -77,7 +86,11 @@ void AttrLogReplica::Impl::handleMessage(MessageKind kind, In& body) {
     case MessageKind::announce:
         return announce(body);
     case MessageKind::type:
-        return type(body);
+        types_.tell(body);
+        return typesChanged();
+    case MessageKind::description:
+        types_.describe(body);
+        return typesChanged();
     case MessageKind::gone:
         return gone(body);
     case MessageKind::keysAgain:
@@ -104,23 +117,10 @@ void AttrLogReplica::Impl::welcome(In& body) {
     welcomed_ = true;
 }
 
-void AttrLogReplica::Impl::type(In& body) {
-    U32 const index = nextCompact(body);
-    String const name = body.nextString();
-    String const module = body.nextString();
-    U64 const fingerprint = body.nextU64();
-    needEnd(body);
-    if (types_.size() >= limits_.types) throw StreamException("the source has too many types", 0);
-    VelType const type = Registry::type(name);
-    if (!type || !type.isEntity() || !type.glue().stream)
-        throw StreamRefusalException(
-            {StreamFault::noSuchModule, "no module of the client has the entity type '" + peerText(name.view()) + "'"});
-    if (!(module == type.moduleName()) || fingerprint != type.moduleFingerprint())
-        throw StreamRefusalException({StreamFault::otherVersion,
-            format("%s comes from module %s, fingerprint %016lx, at the server and from %s, %016lx, at the client",
-                type.name(), peerText(module.view()).charPtr(), fingerprint, String(type.moduleName()).charPtr(),
-                type.moduleFingerprint())});
-    if (!types_.try_emplace(index, type).second) throw StreamException(format("type %u is there already", index), 0);
+void AttrLogReplica::Impl::typesChanged() {
+    if (types_.size() == 0) return;
+    entities_.typesSizeIs(types_.size());
+    entities_.needRoom(0);
 }
 
 void AttrLogReplica::Impl::value(In& body) {
@@ -142,8 +142,31 @@ void AttrLogReplica::Impl::value(In& body) {
     }
     Entity* const pointee = items.nextEntity();
     needEnd(items);
-    if (pointee) ensureCorrectType(pointee->fwkType(), attribute->type());
-    attribute->targetIs(*keep, pointee);
+    bool const fits = !pointee || types_.mayHold(keep->fwkType(), *attribute, pointee->fwkType());
+    attribute->targetIs(*keep, fits ? pointee : nullptr);
+}
+
+void AttrLogReplica::Impl::values(In& body) {
+    EntityId const owner = nextCompact(body);
+    ReplicaEntities::Known const& target = entities_.known(owner);
+    Ptr<Entity> const keep = target.entity;
+    StreamAdapter::needInactive(*keep);
+    ValueGroup group(*keep, *target.table);
+    std::vector<StreamAttribute const*> varying;
+    entities_.needRoom(body.left());
+    do {
+        StreamAttribute const& attribute = group.nextAttribute(body);
+        group.nextSizedValue(body);
+        if (attribute.varies) varying.push_back(&attribute);
+    } while (body.left() != 0);
+    auto const size = [&] {
+        std::size_t sum = 0;
+        for (StreamAttribute const* const attribute : varying) sum += ReplicaSize::ofValue(*attribute, *keep);
+        return sum;
+    };
+    std::size_t const before = size();
+    group.set();
+    entities_.sizeChanged(owner, before, size());
 }
 
 // Reads a place: an entity, its attribute, and for a collection the key. The rest of the message is left in `body`.
@@ -166,67 +189,80 @@ ReplicaPlace AttrLogReplica::Impl::place(In& body) {
 
 void AttrLogReplica::Impl::announce(In& body) {
     EntityId const id = nextCompact(body);
-    auto const found = types_.find(nextCompact(body));
+    PeerTypes::Type const* const found = types_.find(nextCompact(body));
     if (id == 0 || entities_.find(id)) throw StreamException(format("entity %u can't be announced", id), 0);
-    if (found == types_.end()) throw StreamException("an entity of a type that was not told of", 0);
+    if (!found) throw StreamException("an entity of a type that was not told of", 0);
     if (entities_.count() >= limits_.entities) throw StreamException("the source has too many entities", 0);
-    VelType const type = found->second;
-    StreamTable const& table = type.glue().stream();
+    VelType const type = found->type;
+    StreamTable const& table = *found->table;
     ReplicaPlace place;
     if (In ahead = body; nextCompact(ahead) == 0)
         body = ahead;
     else
         place = this->place(body);
     bool const instantiated = place.attribute && place.attribute->kind == StreamKind::instances;
-    bool const tellsName = table.takesName && !(instantiated && type == place.attribute->type());
-    String const name = tellsName ? body.nextString() : String();
+    bool const tellsName =
+        types_.areExact() ? table.takesName && !(instantiated && type == place.attribute->type()) : body.left() != 0;
+    String name = tellsName ? body.nextString() : String();
     needEnd(body);
+    if (!types_.areExact()) placeOther(type, tellsName, place, name);
     if (place.attribute) {
         if (place.attribute->kind == StreamKind::values) throw StreamException("an entity where values belong", 0);
         ensureCorrectType(type, place.attribute->type());
     }
     entities_.needRoom(ReplicaSize::ofNew(type, name.length()) + ReplicaSize::keyCost + place.key.size());
-    bool isNew = false;
     if (rootId_ == 0) {  // the first one has no place, since no entity is known yet
-        bind(id, rootOf(type, isNew), isNew);
+        bind(id, rootOf(type), table);
         rootId_ = id;
     } else {
-        if (!table.isCreatable) throw StreamException(format("%s can't be created", type.name()), 0);
-        bind(id, announced(type, place, name, isNew), isNew);
+        if (!isCreatable(type)) throw StreamException(format("%s can't be created", type.name()), 0);
+        bind(id, announced(type, place, name), table);
     }
     nesting_.putLoosened();
 }
 
-Ptr<Entity> AttrLogReplica::Impl::rootOf(VelType type, bool& isNew) {
+// An entity may be announced at a place that this process does not have, or has otherwise: then it has no place here.
+// If no name was told, the key is the name.
+void AttrLogReplica::Impl::placeOther(VelType type, bool tellsName, ReplicaPlace& place, String& name) {
+    if (!place.attribute) return;
+    bool const skips = place.attribute->skips;
+    if (!tellsName && place.attribute->keyIsName && (skips || place.attribute->kind == StreamKind::instances))
+        name = place.keyIn().nextString();
+    if (skips || (place.attribute->kind != StreamKind::values &&
+                     !types_.mayHold(place.entity->fwkType(), *place.attribute, type)))
+        place = {};
+}
+
+Ptr<Entity> AttrLogReplica::Impl::rootOf(VelType type) {
     if (!parent_) {
-        if (root_->fwkType() != type)
+        if (!isSameType(root_->fwkType(), type))
             throw StreamException(
                 format("the source serves a %s, which can't be copied into a %s", type.name(), root_->fwkType().name()),
                 0);
         return root_;
     }
     Ptr<Entity> there = parent_->entry(name_);
-    if (there && there->fwkType() == type) return root_ = there;
-    if (!type.glue().stream().isCreatable) throw StreamException(format("%s can't be created", type.name()), 0);
+    if (there && isSameType(there->fwkType(), type)) return root_ = there;
+    if (!isCreatable(type)) throw StreamException(format("%s can't be created", type.name()), 0);
     if (there) parent_->entryDel(name_);
-    isNew = true;
-    return root_ = parent_->createEntity(type, name_);
+    root_ = newEntity(type, name_);
+    parent_->entryIs(root_);
+    return root_;
 }
 
 // Returns the entity that is at the place already, or a new one. An existing entity is kept only before the sync mark,
 // and if it has the same type and name. If it has an id already, it is another entity: the source has deleted that one
 // and made this one.
-Ptr<Entity> AttrLogReplica::Impl::announced(VelType type, ReplicaPlace const& place, String const& name, bool& isNew) {
+Ptr<Entity> AttrLogReplica::Impl::announced(VelType type, ReplicaPlace const& place, String const& name) {
     bool const instantiated = place.attribute && place.attribute->kind == StreamKind::instances;
     Ptr<Entity> const there = place.attribute ? place.there() : nullptr;
     bool const namesDiffer = !name.empty() && there && !(there->name() == name);
     bool const mayBeIt = state_ == State::syncing && !namesDiffer;
-    if (there && mayBeIt && there->fwkType() == type && entities_.idOf(there.get()) == 0) {
+    if (there && mayBeIt && isSameType(there->fwkType(), type) && entities_.idOf(there.get()) == 0) {
         if (instantiated) told(place);
         return there;
     }
-    isNew = true;
-    if (!instantiated) return ptr_cast<Entity>(type.glue().newEntity(name, nullptr));
+    if (!instantiated) return newEntity(type, name);
     if (!there) entities_.sizeChanged(place.id, 0, ReplicaSize::keyCost + place.key.size());
     told(place);
     return nesting_.loosen(there.get(), [&] { return instantiate(type, place, name, there.get()); });
@@ -246,18 +282,20 @@ Ptr<Entity> AttrLogReplica::Impl::instantiate(
         if (!made || made->fwkType() != type) throw StreamException("a collection made another type than its own", 0);
         return made;
     }
-    Ptr<Entity> const made = ptr_cast<Entity>(type.glue().newEntity(isOwnType ? key.nextString() : name, nullptr));
+    Ptr<Entity> const made = newEntity(type, isOwnType ? key.nextString() : name);
     place.replacementIs(*made);
     return made;
 }
 
-// Gives an entity its id. The keys of an entity that existed before are noted: those that the source does not mention
-// have gone.
-void AttrLogReplica::Impl::bind(EntityId id, Ptr<Entity> entity, bool isNew) {
-    if (isNew) return entities_.addNew(id, std::move(entity));
+// Gives an entity its id. The keys that it has already are noted, those also that a new one has made in its
+// constructor: those that the source does not mention have gone.
+void AttrLogReplica::Impl::bind(EntityId id, Ptr<Entity> entity, StreamTable const& table) {
+    // A foreign entity may be of the type that a former connection has described in the same way.
+    VelType const own = entity->fwkType();
+    StreamTable const& rows = own.glue().foreign ? own.glue().stream() : table;
     StreamAttribute const* last = nullptr;
     UnmentionedKeys::Keys* keys = nullptr;
-    entities_.add(id, std::move(entity), [&](StreamAttribute const& attribute, std::span<U8 const> key) {
+    entities_.add(id, std::move(entity), rows, [&](StreamAttribute const& attribute, std::span<U8 const> key) {
         if (std::exchange(last, &attribute) != &attribute) keys = &unmentioned_.of(id, attribute.id);
         keys->emplace(reinterpret_cast<char const*>(key.data()), key.size());
     });
@@ -278,11 +316,14 @@ ReplicaPlace AttrLogReplica::Impl::collection(In& body) {
     return place;
 }
 
-void AttrLogReplica::Impl::keysAgain(In& body) { unmentioned_.beginAgain(collection(body)); }
+void AttrLogReplica::Impl::keysAgain(In& body) {
+    if (ReplicaPlace const place = collection(body); !place.attribute->skips) unmentioned_.beginAgain(place);
+}
 
 // Deletes the members that did not come again, now or at the sync mark if that is still to come.
 void AttrLogReplica::Impl::keysEnd(In& body) {
     ReplicaPlace const place = collection(body);
+    if (place.attribute->skips) return;
     if (!unmentioned_.comesAgain(place)) throw StreamException("the end of keys that did not come again", 0);
     if (state_ == State::syncing) return;
     delUnmentioned(place.id, place.attribute->id, unmentioned_.endAgain(place));
@@ -312,11 +353,16 @@ void AttrLogReplica::Impl::told(ReplicaPlace const& place, bool isThere) {
 void AttrLogReplica::Impl::keySet(In& body) {
     ReplicaPlace const place = this->place(body);
     if (!place.attribute->isCollection()) throw StreamException("a key of what is no collection", 0);
+    if (place.attribute->skips) return;
     if (place.attribute->kind == StreamKind::values) return keyValue(place, body);
     EntityId const id = nextCompact(body);
     Ptr<Entity> const member = entities_.known(id).entity;
     needEnd(body);
-    ensureCorrectType(member->fwkType(), place.attribute->type());
+    if (!types_.mayHold(place.entity->fwkType(), *place.attribute, member->fwkType())) {
+        told(place, false);
+        nesting_.del(place);
+        return nesting_.putLoosened();
+    }
     told(place);
     Entity* const there = place.there();
     if (!there) entities_.needRoom(ReplicaSize::keyCost + place.key.size());
@@ -329,6 +375,7 @@ void AttrLogReplica::Impl::keyDel(In& body) {
     ReplicaPlace const place = this->place(body);
     needEnd(body);
     if (!place.attribute->isCollection()) throw StreamException("a key of what is no collection", 0);
+    if (place.attribute->skips) return;
     told(place, false);
     if (place.attribute->kind == StreamKind::values) return valueDel(place);
     nesting_.del(place);

@@ -1,20 +1,20 @@
 #pragma once
 
 #include "Vel/stream/AttrLogReplica.h"
+#include "Vel/stream/internal/PeerTypes.h"
 #include "Vel/stream/internal/ReplicaEntities.h"
 #include "Vel/stream/internal/ReplicaNesting.h"
 #include "Vel/stream/internal/ReplicaPlace.h"
 #include "Vel/stream/internal/ReplicaWrites.h"
 #include "Vel/stream/internal/UnmentionedKeys.h"
 
-#include <map>
-
 namespace Vel {
 
 // Applies the messages of a source to a copy.
 class AttrLogReplica::Impl {
 public:
-    Impl(Ptr<Entity> root, Ptr<Dir> parent, String name, StreamLimits const& limits);  // the limits must outlive it
+    // The limits must outlive it.
+    Impl(Ptr<Entity> root, Ptr<Dir> parent, String name, StreamPolicy policy, StreamLimits const& limits);
 
     State state() const { return state_; }
     void onStateIs(std::function<void(State)> told) { onState_ = std::move(told); }
@@ -22,6 +22,7 @@ public:
     bool mayWrite() const { return mayWrite_; }
     ReplicaEntities const& entities() const { return entities_; }
     ReplicaWrites& writes() { return writes_; }
+    PeerTypes const& types() const { return types_; }
 
     void connected();     // called for a new connection, of which nothing is known yet
     void disconnected();  // called when the connection has ended
@@ -29,9 +30,10 @@ public:
 
 private:
     void welcome(NboAttrLog::In& body);
-    void type(NboAttrLog::In& body);
+    void typesChanged();
     void announce(NboAttrLog::In& body);
     void value(NboAttrLog::In& body);
+    void values(NboAttrLog::In& body);
     void keySet(NboAttrLog::In& body);
     void keyDel(NboAttrLog::In& body);
     void keysAgain(NboAttrLog::In& body);
@@ -41,10 +43,11 @@ private:
 
     ReplicaPlace place(NboAttrLog::In& body);
     ReplicaPlace collection(NboAttrLog::In& body);
-    Ptr<Entity> rootOf(VelType type, bool& isNew);
-    Ptr<Entity> announced(VelType type, ReplicaPlace const& place, String const& name, bool& isNew);
+    Ptr<Entity> rootOf(VelType type);
+    Ptr<Entity> announced(VelType type, ReplicaPlace const& place, String const& name);
     Ptr<Entity> instantiate(VelType type, ReplicaPlace const& place, String const& name, Entity* there);
-    void bind(EntityId id, Ptr<Entity> entity, bool isNew);
+    void bind(EntityId id, Ptr<Entity> entity, StreamTable const& table);
+    void placeOther(VelType type, bool tellsName, ReplicaPlace& place, String& name);
     void keyValue(ReplicaPlace const& place, NboAttrLog::In& body);
     void valueDel(ReplicaPlace const& place);
     void told(ReplicaPlace const& place, bool isThere = true);
@@ -64,7 +67,7 @@ private:
     bool welcomed_ = false;
     bool mayWrite_ = false;
     EntityId rootId_ = 0;  // 0: nothing has been announced
-    std::map<U32, VelType> types_;
+    PeerTypes types_;
     ReplicaEntities entities_;
     UnmentionedKeys unmentioned_;
     ReplicaWrites writes_;

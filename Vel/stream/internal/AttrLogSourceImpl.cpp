@@ -20,13 +20,20 @@ std::size_t chunkSizeOf(AttrLogSource::Options const& options) {
 
 }  // namespace
 
-AttrLogSource::Impl::Impl(std::shared_ptr<StreamDemuxer> demuxer, Ptr<Entity> root, Options const& options)
-    : StreamView(std::move(demuxer), std::move(root)), options_(options), log_(chunkSizeOf(options)), live_(*this) {
+AttrLogSource::Impl::Impl(std::shared_ptr<StreamDemuxer> demuxer, Ptr<Entity> root, Options const& options,
+    std::unique_ptr<ViewRights> rights)
+    : StreamView(std::move(demuxer), std::move(root), std::move(rights)),
+      options_(options),
+      log_(chunkSizeOf(options)),
+      live_(*this) {
     this->demuxer().sharedSizeIs(chunkSizeOf(options));
+    if (options.history) this->demuxer().historyIs(options.history);
 }
 
-AttrLogSource::Impl::~Impl() {
-    for (AttrLogReader* const reader : std::vector(readers_)) reader->leaveSource("what was served is gone");
+AttrLogSource::Impl::~Impl() { refuseAll(isGone); }
+
+void AttrLogSource::Impl::refuseAll(char const* reason) {
+    for (AttrLogReader* const reader : std::vector(readers_)) reader->leaveSource(reason);
 }
 
 // --- readers ---
@@ -45,8 +52,7 @@ void AttrLogSource::Impl::detach(AttrLogReader& reader) {
 }
 
 void AttrLogSource::Impl::clear() {
-    for (AttrLogReader* const reader : std::vector(readers_))
-        reader->leaveSource("entity ids have run out, and begin anew with the next connection");
+    refuseAll("entity ids have run out, and begin anew with the next connection");
     StreamView::clear();
 }
 
@@ -76,11 +82,9 @@ void AttrLogSource::Impl::awaits(AttrLogReader& reader) {
     demuxer().lookAfterLogs();
 }
 
-void AttrLogSource::Impl::refuseThoseWithout(VelType type) {
+void AttrLogSource::Impl::prepareReadersFor(VelType type) {
     for (AttrLogReader* const reader : readers_) {
-        if (!reader->isLive()) continue;
-        if (StreamRefusal refusal = reader->refusalFor(type); !refusal.text.empty())
-            reader->refuseLater(std::move(refusal));
+        if (reader->isLive()) reader->typeIsNeededLater(type);
     }
 }
 
@@ -117,20 +121,39 @@ std::size_t AttrLogSource::Impl::backlog() const {
     return most;
 }
 
-WriteAnswer AttrLogSource::Impl::write(In& body, bool allowed) {
-    U8 const ops = body.nextU8();
+bool AttrLogSource::Impl::takesChanges() const {
+    if (!rights()) return options_.mayWrite;
+    Access const most = rights()->rights().most();
+    return Vel::allows(most, Access::write) || Vel::allows(most, Access::call);
+}
+
+bool AttrLogSource::Impl::allows(MessageKind kind, Entity const& entity) const {
+    return !rights() || Vel::allows(rights()->of(entity), kind == MessageKind::call ? Access::call : Access::write);
+}
+
+WriteAnswer AttrLogSource::Impl::write(MessageKind kind, In& body, bool allowed, String const& author) {
+    U8 const ops = kind == MessageKind::write ? body.nextU8() : 0;
     Adapter* const adapter = this->adapter(NboAttrLog::nextCompact(body));
     if (!adapter) return {WriteResult::gone, "the entity has gone"};
+    // The entity's path may have names that the reader may not know, so it is not told to one with rights.
+    if (!allows(kind, adapter->entity()) || (rights() && !allowed))
+        return {WriteResult::readOnly,
+            format("%s takes no such change from this reader", adapter->entity().fwkType().name())};
     struct Write {
-        Write(StreamDemuxer& demuxer, unsigned& writes, bool allowed)
-            : demuxer_(demuxer), writes_(writes), allowedBefore_(demuxer.remoteMayWrite()) {
+        Write(StreamDemuxer& demuxer, unsigned& writes, bool allowed, String const& author)
+            : demuxer_(demuxer),
+              writes_(writes),
+              allowedBefore_(demuxer.remoteMayWrite()),
+              authorBefore_(demuxer.remoteAuthor()) {
             ++writes_;
             demuxer_.remoteMayWriteIs(allowed);
+            demuxer_.remoteAuthorIs(&author);
         }
         Write(Write const&) = delete;
         Write& operator=(Write const&) = delete;
         ~Write() {
             demuxer_.remoteMayWriteIs(allowedBefore_);
+            demuxer_.remoteAuthorIs(authorBefore_);
             --writes_;
         }
 
@@ -138,8 +161,11 @@ WriteAnswer AttrLogSource::Impl::write(In& body, bool allowed) {
         StreamDemuxer& demuxer_;
         unsigned& writes_;
         bool const allowedBefore_;
+        String const* const authorBefore_;
     };
-    Write const write(demuxer(), writes_, allowed);
+    Write const write(demuxer(), writes_, allowed, author);
+    if (kind == MessageKind::writeValues) return adapter->writeValuesFromRemote(body);
+    if (kind == MessageKind::call) return adapter->callFromRemote(body);
     return adapter->writeFromRemote(ops, body);
 }
 

@@ -16,7 +16,9 @@ class AttrLogReader;
 // that several of them have is observed once, and a message that is the same for them is encoded once.
 class VEL_API AttrLogSource::Impl final : public StreamView {
 public:
-    Impl(std::shared_ptr<StreamDemuxer> demuxer, Ptr<Entity> root, Options const& options);
+    // `rights` says what the readers may do; null: what the options say.
+    Impl(std::shared_ptr<StreamDemuxer> demuxer, Ptr<Entity> root, Options const& options,
+        std::unique_ptr<ViewRights> rights = nullptr);
     ~Impl() override;
 
     Options const& options() const { return options_; }
@@ -36,9 +38,13 @@ public:
     void leaveLive(AttrLogReader& reader, bool catchesUp);
     void awaits(AttrLogReader& reader);  // the reader wants to be woken at the next change
     NboAttrLog::FlowConnection const& live() const { return live_; }
-    // Applies a change that a reader asks for, and returns the answer. An id that is not in the view is of an entity
-    // that has gone, and the reader has not heard of that yet; or the reader was never told of it.
-    WriteAnswer write(NboAttrLog::In& body, bool allowed);
+    // Whether readers who may change something may change something here.
+    bool takesChanges() const;
+    // Whether such a reader may send a message of this kind about the entity.
+    bool allows(NboAttrLog::MessageKind kind, Entity const& entity) const;
+    // Applies what a reader asks for, a message of this kind, and returns the answer. An id that is not in the view is
+    // of an entity that has gone, and the reader has not heard of that yet; or the reader was never told of it.
+    WriteAnswer write(NboAttrLog::MessageKind kind, NboAttrLog::In& body, bool allowed, String const& author);
     bool isBeingWritten() const { return writes_ != 0; }  // then the source must stay
 
 private:
@@ -50,7 +56,7 @@ private:
             return source_.log_;
         }
         bool isOkToSerialize() const override { return true; }
-        void typeIsNeeded(VelType type) override { source_.refuseThoseWithout(type); }
+        void typeIsNeeded(VelType type) override { source_.prepareReadersFor(type); }
         void entityHasGone(EntityId id, bool mayReturn) override;
         void changesAreWritten() override { source_.changesAreWritten(); }
 
@@ -59,8 +65,11 @@ private:
     };
 
     void clear() override;  // refuses all readers
+    void rootIsHidden() override { refuseAll(isGone); }
+    static constexpr char isGone[] = "what was served is gone";
+    void refuseAll(char const* reason);
     void changesAreWritten();
-    void refuseThoseWithout(VelType type);
+    void prepareReadersFor(VelType type);
     void wakeAwaiting();
     void trimLog();
 

@@ -1,5 +1,6 @@
 #include "Vel/stream/internal/FlowConnection.h"
 
+#include "Vel/stream/internal/OneValue.h"
 #include "Vel/stream/internal/StreamView.h"
 
 #include <algorithm>
@@ -121,6 +122,7 @@ void FlowConnection::announce(Adapter& adapter, Via const& via) {
     if (tellsName) out << name;
     Impl::outSmCommitMessage(nboAttrLogOut());
 
+    if (via.parent && via.attribute->holdsEntities()) view_->keyIsNamed(*via.parent, *via.attribute, via.key, true);
     announced_.add(adapter.slot());
     notBegun_.add(adapter.slot());
     wait(adapter);
@@ -170,6 +172,17 @@ void FlowConnection::sendKey(Adapter& adapter, StreamAttribute const& attribute,
     }
 }
 
+// A key at which there is nothing that the reader may read is not named. If all keys come again, the copy deletes those
+// that are not named.
+void FlowConnection::sendListedKey(
+    Adapter& adapter, StreamAttribute const& attribute, std::string_view key, bool again) {
+    if (again && view_->rights() && attribute.holdsEntities()) {
+        In in(bytesOf(key));
+        again = adapterOf(attribute.member(adapter.entity(), in)) != nullptr;
+    }
+    sendKey(adapter, attribute, key, !again);
+}
+
 void FlowConnection::sendNothing(Adapter& adapter, StreamAttribute const& attribute, std::string_view key, bool isNew) {
     if (isNew)
         ++flowed_;
@@ -181,6 +194,7 @@ void FlowConnection::sendMember(
     Adapter& adapter, StreamAttribute const& attribute, std::string_view key, Adapter* member, bool isNew) {
     if (!member) return sendNothing(adapter, attribute, key, isNew);
     bool const instances = attribute.kind == StreamKind::instances;
+    view_->keyIsNamed(adapter, attribute, key, true);
     if (!isAnnounced(*member)) {
         Via const here{&adapter, &attribute, key};
         announce(*member, instances ? here : ownerOf(member->entity(), here));
@@ -199,6 +213,20 @@ void FlowConnection::sendMember(
 
 void FlowConnection::sendKeyDel(Adapter& adapter, StreamAttribute const& attribute, std::string_view key) {
     writeKeyDel(nboAttrLogOut(), adapter, attribute, key);
+}
+
+void FlowConnection::writeValues(OutSm& sm, Adapter const& adapter, std::span<StreamAttribute const* const> values) {
+    Out bytes, value;
+    for (StreamAttribute const* const attribute : values) {
+        value.clear();
+        writeStored(value, *attribute, adapter.entity());
+        bytes << Compact{attribute->id} << Compact{static_cast<U32>(value.size())};
+        put(bytes, viewOf(value));
+    }
+    Out& out = sm.begin(MessageKind::values, compactSize(adapter.id()) + bytes.size());
+    out << Compact{adapter.id()};
+    put(out, viewOf(bytes));
+    Impl::outSmCommitMessage(sm);
 }
 
 void FlowConnection::writeKeyDel(

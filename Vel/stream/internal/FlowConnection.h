@@ -55,7 +55,11 @@ public:
         Adapter& adapter, StreamAttribute const& attribute, std::string_view key, Adapter* member, bool isNew);
     // Looks up the key in the collection, and sends its value, its member or its deletion. REQUIRES: as adapterOf().
     void sendKey(Adapter& adapter, StreamAttribute const& attribute, std::string_view key, bool isNew);
+    // The same for a key from a bookmark. `again` says that the reader may have been told of the key before.
+    void sendListedKey(Adapter& adapter, StreamAttribute const& attribute, std::string_view key, bool again);
     void sendKeyDel(Adapter& adapter, StreamAttribute const& attribute, std::string_view key);
+    // Writes one message with several values of the entity.
+    static void writeValues(OutSm& sm, Adapter const& adapter, std::span<StreamAttribute const* const> values);
     static void writeKeyDel(OutSm& sm, Adapter const& adapter, StreamAttribute const& attribute, std::string_view key);
     // All keys of the collection are sent between these two messages. Keys that were not sent have gone.
     void sendKeysAgain(Adapter& adapter, StreamAttribute const& attribute);

@@ -1,7 +1,7 @@
 #include "Vel/stream/internal/RemoteWrite.h"
 
 #include "Vel/base/Exception.h"
-#include "Vel/entity/ObserverFailure.h"
+#include "Vel/stream/internal/OneValue.h"
 
 #include <algorithm>
 
@@ -18,27 +18,6 @@ StreamAttribute const& valueAttribute(StreamAdapter const& adapter, AttributeId 
     throw StreamException(format("%s has no value attribute %u", adapter.entity().fwkType().name(), id), in.offset());
 }
 
-// Takes the encoding of one value, of an attribute or of a key.
-class OneValue final : public NboAttrLog::SerializeSink, public NboAttrLog::OutSm {
-public:
-    std::span<U8 const> bytes() const { return NboAttrLog::messageBody(out_.bytes()); }
-
-private:
-    bool doMessageMulticast(AttributeId) override { return false; }
-    OutSm* singletonSerializeCheck(AttributeId, NboAttrLog::FlowConnection*, bool, std::size_t size, bool) override {
-        begin(NboAttrLog::MessageKind::value, size);
-        return this;
-    }
-    Out& room(std::size_t) override { return out_; }
-
-    Out out_;
-};
-
-String wordsOf(std::exception const& error) {
-    auto const* const ours = dynamic_cast<Exception const*>(&error);
-    return ours ? ours->text() : String(error.what());
-}
-
 }  // namespace
 
 RemoteWrite::RemoteWrite(StreamAdapter& adapter, U8 ops, In& body)
@@ -52,20 +31,20 @@ RemoteWrite::RemoteWrite(StreamAdapter& adapter, U8 ops, In& body)
     }
     if (has(ops, WriteOp::expected)) {
         expectsValue_ = body.nextbool();
-        if (expectsValue_) expected_ = nextValue(body);
+        if (expectsValue_) expected_ = nextValueOf(attribute_.type(), body);
     }
-    if (!has(ops, WriteOp::del)) value_ = nextValue(body);
+    if (!has(ops, WriteOp::del)) value_ = nextValueOf(attribute_.type(), body);
     if (body.left() != 0) throw StreamException("a message with bytes behind its end", body.offset());
 }
 
-std::span<U8 const> RemoteWrite::nextValue(In& body) const {
-    U8 const* const begin = body.data();
-    GenericValue const read(attribute_.type(), body);
-    return {begin, body.data()};
+WriteAnswer RemoteWrite::apply() {
+    ObserverFailure observers(adapter_.entity());
+    WriteAnswer answer = applied(observers);
+    untold_ = observers.takeUntold();
+    return answer;
 }
 
-WriteAnswer RemoteWrite::apply() const {
-    ObserverFailure const observers(adapter_.entity());
+WriteAnswer RemoteWrite::applied(ObserverFailure const& observers) {
     try {
         if (has(ops_, WriteOp::expected)) {
             std::optional<GenericValue> current = this->current();
@@ -73,11 +52,22 @@ WriteAnswer RemoteWrite::apply() const {
         }
         change();
         return {WriteResult::done};
-    } catch (std::exception const& error) {
-        return {observers.isHandled() ? WriteResult::observerFailed : WriteResult::rejected, wordsOf(error)};
     } catch (...) {
-        return {observers.isHandled() ? WriteResult::observerFailed : WriteResult::rejected, "an unknown exception"};
+        return {observers.isHandled() ? WriteResult::observerFailed : WriteResult::rejected, wordsOfHandled()};
     }
+}
+
+std::size_t RemoteWrite::note(WriteHistory& history, String const& author) const {
+    Entity const& entity = adapter_.entity();
+    U64 const number = history.asked(entity, attribute_.id, author);
+    if (isKey()) {
+        history.keyIs(number, key_);
+        history.beforeIs(number, attribute_, entity, key_);
+    } else {
+        history.beforeIs(number, attribute_, entity);
+    }
+    if (!has(ops_, WriteOp::del)) history.wantedIs(number, value_);
+    return 1;
 }
 
 void RemoteWrite::change() const {

@@ -39,17 +39,12 @@ EntityId ReplicaEntities::idOf(Entity const* entity) const {
     return found == ids_.end() ? 0 : found->second;
 }
 
-void ReplicaEntities::add(EntityId id, Ptr<Entity> entity, std::size_t valueKeys, std::size_t size) {
-    StreamTable const& table = entity->fwkType().glue().stream();
+void ReplicaEntities::add(
+    EntityId id, Ptr<Entity> entity, StreamTable const& table, std::size_t valueKeys, std::size_t size) {
     ids_.emplace(entity.get(), id);
     known_.emplace(id, Known{std::move(entity), &table, valueKeys, size});
     keys_ += valueKeys;
     size_ += size;
-}
-
-void ReplicaEntities::addNew(EntityId id, Ptr<Entity> entity) {
-    std::size_t const size = ReplicaSize::ofNew(entity->fwkType(), entity->name().length());
-    add(id, std::move(entity), 0, size);
 }
 
 void ReplicaEntities::del(EntityId id) {
@@ -85,7 +80,8 @@ void ReplicaEntities::disconnected() {
 
 void ReplicaEntities::needRoom(std::size_t more) const {
     std::size_t const most = limits_.copySize;
-    bool const fits = more <= most && size_ <= most - more && sizeBefore_ <= most + (most - more - size_);
+    std::size_t const used = size();
+    bool const fits = more <= most && used <= most - more && sizeBefore_ <= most + (most - more - used);
     if (!fits) throw StreamException(format("a copy of more than %zu bytes", most), 0);
 }
 

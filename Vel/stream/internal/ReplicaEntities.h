@@ -37,19 +37,18 @@ public:
     Entity* entity(EntityId id) override;
     EntityId idOf(Entity const* entity) const;  // 0 if it has none
 
-    // Adds an entity that existed before. Calls f(attribute, key) for each key of its collections. REQUIRES: the id is
-    // not known.
-    template <class F> void add(EntityId id, Ptr<Entity> entity, F f) {
+    // Adds an entity. `table` has its attributes with the source's numbers. Calls f(attribute, key)
+    // for each key of its collections. REQUIRES: the id is not known.
+    template <class F> void add(EntityId id, Ptr<Entity> entity, StreamTable const& table, F f) {
         std::size_t valueKeys = 0;
         leftDel(entity.get());
         std::size_t const size =
-            ReplicaSize::of(*entity, [&](StreamAttribute const& attribute, std::span<U8 const> key) {
+            ReplicaSize::of(*entity, table, [&](StreamAttribute const& attribute, std::span<U8 const> key) {
                 f(attribute, key);
                 valueKeys += attribute.kind == StreamKind::values;
             });
-        add(id, std::move(entity), valueKeys, size);
+        add(id, std::move(entity), table, valueKeys, size);
     }
-    void addNew(EntityId id, Ptr<Entity> entity);  // adds an entity without keys
     // Removes an entity that the source no longer has. It counts as long as somebody in this process holds it. Throws
     // as known().
     void del(EntityId id);
@@ -58,7 +57,8 @@ public:
 
     // --- size ---
 
-    std::size_t size() const { return size_; }  // estimated bytes that the source makes the copy take
+    std::size_t size() const { return size_ + typesSize_; }      // estimated bytes that the source makes the copy take
+    void typesSizeIs(std::size_t bytes) { typesSize_ = bytes; }  // of described types
     // Throw StreamException if the copy would be too large: needRoom() if it took `more` bytes more, needKey() if it
     // had one more key in collections of values. Until the sync mark the copy may take twice the bytes, since entities
     // that have gone are still there.
@@ -77,14 +77,15 @@ public:
 private:
     class Left;
     [[noreturn]] static void throwUnknown(EntityId id);
-    void add(EntityId id, Ptr<Entity> entity, std::size_t valueKeys, std::size_t size);
+    void add(EntityId id, Ptr<Entity> entity, StreamTable const& table, std::size_t valueKeys, std::size_t size);
     void leftDel(Entity const* entity);
 
     StreamLimits const& limits_;
     std::unordered_map<EntityId, Known, TableHasher> known_;  // TableHasher, since the source chooses the ids
     std::unordered_map<Entity const*, EntityId> ids_;
     std::unordered_map<Entity const*, std::unique_ptr<Left>> left_;
-    std::size_t keys_ = 0;        // in collections of values, of all known entities
+    std::size_t keys_ = 0;  // in collections of values, of all known entities
+    std::size_t typesSize_ = 0;
     std::size_t size_ = 0;        // bytes of the known entities, and of those in left_
     std::size_t leftSize_ = 0;    // bytes of those in left_
     std::size_t sizeBefore_ = 0;  // bytes of what earlier connections made; 0 after the sync mark

@@ -43,7 +43,7 @@ std::size_t ofAll(Entity& top) {
     while (!left.empty()) {
         Entity& entity = *left.back();
         left.pop_back();
-        size += of(entity, [](StreamAttribute const&, std::span<U8 const>) {});
+        size += of(entity, entity.fwkType().glue().stream(), [](StreamAttribute const&, std::span<U8 const>) {});
         for (StreamAttribute const& attribute : entity.fwkType().glue().stream().attributes) {
             Entity* const target = attribute.kind == StreamKind::pointer ? attribute.target(entity) : nullptr;
             if (target) add(*target);

@@ -30,10 +30,10 @@ template <class F> void eachKey(StreamAttribute const& attribute, Entity const& 
     }
 }
 
-// Returns the size of the entity with its keys. Calls f(attribute, key) for each key.
-template <class F> std::size_t of(Entity const& entity, F f) {
+// Returns the size of the entity with its keys, by this table of its attributes. Calls f(attribute, key) for each key.
+template <class F> std::size_t of(Entity const& entity, StreamTable const& table, F f) {
     std::size_t size = ofNew(entity.fwkType(), entity.name().length());
-    for (StreamAttribute const& attribute : entity.fwkType().glue().stream().attributes) {
+    for (StreamAttribute const& attribute : table.attributes) {
         if (attribute.kind == StreamKind::value && attribute.varies) size += ofValue(attribute, entity);
         if (!attribute.isCollection()) continue;
         eachKey(attribute, entity, [&](std::span<U8 const> key) {

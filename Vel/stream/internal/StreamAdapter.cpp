@@ -2,6 +2,8 @@
 
 #include "Vel/base/Assert.h"
 #include "Vel/base/Exception.h"
+#include "Vel/stream/internal/RemoteCall.h"
+#include "Vel/stream/internal/RemoteGroup.h"
 #include "Vel/stream/internal/RemoteWrite.h"
 #include "Vel/stream/internal/StreamView.h"
 
@@ -75,9 +77,34 @@ Sa::~VelNboAttrLogSa() = default;
 
 // --- changes ---
 
+namespace {
+
+// Returns null for an adapter that the connection's view cannot have: its readers are told of no entity then.
+Sa* inView(FlowConnection const& connection, Sa* adapter) {
+    return adapter && connection.view().has(*adapter) ? adapter : nullptr;
+}
+
+}  // namespace
+
+// Has the history note that an attribute has changed, if that wants to know. Returns false if this adapter is not there
+// any more: observers of the history are told of the change, and may do anything.
+inline bool Sa::noted(StreamAttribute const& attribute, NotifieeKey const* key) {
+    WriteHistory* const history = streamDemuxer().notifiedHistory();
+    return !history || noteIn(*history, attribute, key);
+}
+
+bool Sa::noteIn(WriteHistory& history, StreamAttribute const& attribute, NotifieeKey const* key) {
+    StreamDemuxer& demuxer = streamDemuxer();
+    EntityId const self = id();
+    Out bytes;
+    if (key) attribute.writeKey(bytes, key->data());
+    history.notified(entity(), attribute, bytes.bytes(), demuxer.remoteAuthor());
+    return demuxer.adapter(self) == this;
+}
+
 void Sa::handleAttribute(AttributeId id) {
     StreamAttribute const* const attribute = table().find(id);
-    if (!attribute || attribute->isCollection()) return;
+    if (!attribute || attribute->isCollection() || !noted(*attribute)) return;
     StreamDemuxer& demuxer = streamDemuxer();
     auto const tell = [&](Sa* target) {
         for (FlowConnection* const connection : demuxer.catchingUp())
@@ -97,7 +124,7 @@ void Sa::handleAttribute(AttributeId id) {
 
 void Sa::handleAttribute(AttributeId id, NotifieeKey const& key) {
     StreamAttribute const* const attribute = table().find(id);
-    if (!attribute || !attribute->isCollection()) return;
+    if (!attribute || !attribute->isCollection() || !noted(*attribute, &key)) return;
     Out& bytes = streamDemuxer().keyOut();
     bytes.clear();
     attribute->writeKey(bytes, key.data());
@@ -120,14 +147,76 @@ void Sa::keyChanged(StreamAttribute const& attribute, std::span<U8 const> key) {
         }
 
         std::string_view const view(reinterpret_cast<char const*>(key.data()), key.size());
-        for (FlowConnection* const connection : demuxer.catchingUp()) {
-            if (member && attribute.kind == StreamKind::instances) connection->notInstantiated(*member);
-            demuxer.changeCounted(!flowOutOnAttributeForConnection(*connection, attribute, view, isThere, member));
-        }
-        if (demuxer.live().empty()) return;
-        handleCollectionKeySerialization(attribute, view, isThere, member);
-        demuxer.changesAreWritten();
+        if (attribute.kind == StreamKind::values || !demuxer.hasRights())
+            return tellKey(attribute, view, isThere, member);
+        demuxer.keyIsNamed(*this, attribute, view, member, true);
+        tellKey(attribute, view, isThere, member);
+        demuxer.keyIsNamed(*this, attribute, view, member, false);
     });
+}
+
+void Sa::tellKey(StreamAttribute const& attribute, std::string_view key, bool isThere, Sa* member) {
+    StreamDemuxer& demuxer = streamDemuxer();
+    for (FlowConnection* const connection : demuxer.catchingUp()) {
+        if (!connection->view().mayName(*this, attribute, key)) continue;
+        Sa* const seen = inView(*connection, member);
+        if (seen && attribute.kind == StreamKind::instances) connection->notInstantiated(*seen);
+        bool const isSeen = isThere && (seen || !member);
+        demuxer.changeCounted(!flowOutOnAttributeForConnection(*connection, attribute, key, isSeen, seen));
+    }
+    if (demuxer.live().empty()) return;
+    handleCollectionKeySerialization(attribute, key, isThere, member);
+    demuxer.changesAreWritten();
+}
+
+// The multicast takes single values only.
+bool Sa::handleTogether(HeldChanges const& changes) {
+    if ((attrLogFlags() & multicastBit) && !(attrLogFlags() & fromRemoteBit)) return false;
+    tellOf(changes.changes());
+    return true;
+}
+
+// Tells readers of the values in one message, and then of each pointer and key. If ids run out meanwhile, this adapter
+// is destroyed.
+void Sa::tellOf(std::span<HeldChanges::Change const> changes) {
+    std::vector<StreamAttribute const*> values;
+    std::vector<HeldChanges::Change const*> others;
+    for (HeldChanges::Change const& change : changes) {
+        StreamAttribute const* const attribute = table().find(change.attribute);
+        if (attribute && attribute->kind == StreamKind::value)
+            values.push_back(attribute);
+        else
+            others.push_back(&change);
+    }
+    StreamDemuxer& demuxer = streamDemuxer();
+    EntityId const self = id();
+    if (values.size() == 1)
+        handleAttribute(values[0]->id);
+    else if (!values.empty())
+        tellOfValues(values);
+    for (HeldChanges::Change const* const change : others) {
+        Sa* const still = demuxer.adapter(self);
+        if (!still) return;
+        if (change->key)
+            still->handleAttribute(change->attribute, NotifieeKey(*change->key));
+        else
+            still->handleAttribute(change->attribute);
+    }
+}
+
+void Sa::tellOfValues(std::span<StreamAttribute const* const> values) {
+    StreamDemuxer& demuxer = streamDemuxer();
+    for (StreamAttribute const* const attribute : values)
+        if (!noted(*attribute)) return;
+    for (FlowConnection* const connection : demuxer.catchingUp()) {
+        for (StreamAttribute const* const attribute : values)
+            demuxer.changeCounted(!flowOutOnAttributeForConnection(*connection, *attribute));
+        togetherForConnection(*connection);
+    }
+    if (demuxer.live().empty()) return;
+    Active const active(entity());
+    if (OutSm* const sm = demuxer.liveSm(*this)) FlowConnection::writeValues(*sm, *this, values);
+    demuxer.changesAreWritten();
 }
 
 void Sa::handleNotifierDel() noexcept { streamDemuxer().notifierDeleted(*this); }
@@ -135,6 +224,10 @@ void Sa::handleNotifierDel() noexcept { streamDemuxer().notifierDeleted(*this); 
 bool Sa::flowOutOnAttributeForConnection(FlowConnection& connection, StreamAttribute const& attribute) {
     if (!connection.isAnnounced(*this) || connection.isNotBegun(*this)) return true;
     return flowOut(connection).velIsDirtyIs(attribute.id, true);
+}
+
+void Sa::togetherForConnection(FlowConnection& connection) {
+    if (connection.isAnnounced(*this) && !connection.isNotBegun(*this)) flowOut(connection).velIsTogetherIs(true);
 }
 
 bool Sa::flowOutOnAttributeForConnection(FlowConnection& connection, StreamAttribute const& attribute,
@@ -187,15 +280,6 @@ void Sa::handleAttributeSerialization(StreamAttribute const& attribute, Sa* targ
         handlePtrSerialization(attribute, target, to);
 }
 
-namespace {
-
-// Returns null for an adapter that the connection's view cannot have: its readers are told of no entity then.
-Sa* inView(FlowConnection const& connection, Sa* adapter) {
-    return adapter && connection.view().has(*adapter) ? adapter : nullptr;
-}
-
-}  // namespace
-
 void Sa::handlePtrSerialization(StreamAttribute const& attribute, Sa* target, FlowConnection* to) {
     if (to) return to->sendPtr(*this, attribute, target);
     eachLive([&](FlowConnection& live) { live.sendPtr(*this, attribute, inView(live, target)); });
@@ -205,7 +289,10 @@ void Sa::handleCollectionKeySerialization(
     StreamAttribute const& attribute, std::string_view key, bool isThere, Sa* member) {
     Active const active(entity());
     if (attribute.kind == StreamKind::values) return shareKey(attribute, key, isThere);
-    eachLive([&](FlowConnection& live) { live.sendMember(*this, attribute, key, inView(live, member), false); });
+    eachLive([&](FlowConnection& live) {
+        if (live.view().mayName(*this, attribute, key))
+            live.sendMember(*this, attribute, key, inView(live, member), false);
+    });
 }
 
 void Sa::shareKey(StreamAttribute const& attribute, std::string_view key, bool isThere) {
@@ -244,12 +331,27 @@ AttributeId Sa::continueFlowOut(FlowConnection& connection, FlowOut& flow, Attri
         } else if (flow.velIsDirty(attribute.id)) {
             if (!connection.isOkToSerialize()) return attribute.id;
             bool const isPointer = attribute.kind == StreamKind::pointer;
+            if (flow.velIsTogether() && !isPointer) {
+                flowOutTogether(connection, flow);
+                continue;
+            }
             Sa* const target = isPointer ? connection.adapterOf(attribute.target(entity())) : nullptr;
             handleAttributeSerialization(attribute, target, &connection);
             flow.velIsDirtyIs(attribute.id, false);
         }
     }
     return 0;
+}
+
+// Sends all values that are flagged in one message, those before the attribute at which the flow has resumed, too.
+void Sa::flowOutTogether(FlowConnection& connection, FlowOut& flow) {
+    std::vector<StreamAttribute const*> values;
+    for (StreamAttribute const& attribute : table().attributes)
+        if (attribute.kind == StreamKind::value && flow.velIsDirtyIs(attribute.id, false)) values.push_back(&attribute);
+    flow.velIsTogetherIs(false);
+    if (values.size() == 1) return handleAttributeSerialization(*values[0], nullptr, &connection);
+    Active const active(entity());
+    FlowConnection::writeValues(connection.nboAttrLogOut(), *this, values);
 }
 
 AttributeId Sa::flowOutCollection(FlowConnection& connection, FlowOut& flow, StreamAttribute const& attribute) {
@@ -278,7 +380,7 @@ bool Sa::flowOutAllKeys(FlowConnection& connection, FlowOut& flow, StreamAttribu
         key.clear();
         flow.bookmark()->next(key);
         std::string_view const view(reinterpret_cast<char const*>(key.data()), key.size());
-        connection.sendKey(*this, attribute, view, !again);
+        connection.sendListedKey(*this, attribute, view, again);
         // A value is sent with its key, so an earlier change of it needs no flag any more. The flag of a member stays,
         // since it may say that a deletion has to be sent first.
         if (attribute.kind == StreamKind::values) flow.velDirtyKeyDel(attribute.id, view);
@@ -290,6 +392,61 @@ bool Sa::flowOutAllKeys(FlowConnection& connection, FlowOut& flow, StreamAttribu
     return true;
 }
 
+// --- what can be read now, or not any more ---
+
+void Sa::tellAgain(StreamView& view, StreamEntities const& changed) {
+    for (StreamAttribute const& attribute : table().attributes) {
+        if (attribute.kind == StreamKind::pointer) {
+            if (changed.contains(attribute.target(entity()))) tellPtrAgain(view, attribute);
+        } else if (attribute.holdsEntities()) {
+            tellKeysAgain(view, attribute, changed);
+        }
+    }
+}
+
+template <class F> void Sa::eachLiveOf(StreamView const& view, F f) const {
+    eachLive([&](FlowConnection& live) {
+        if (&live.view() == &view) f(live);
+    });
+}
+
+void Sa::tellPtrAgain(StreamView& view, StreamAttribute const& attribute) {
+    Active const active(entity());
+    Entity& entity = *attribute.target(this->entity());
+    Sa* const target = view.canHave(entity) ? view.adapterIs(entity) : nullptr;
+    for (FlowConnection* const connection : streamDemuxer().catchingUp())
+        if (&connection->view() == &view) flowOutOnAttributeForConnection(*connection, attribute);
+    eachLiveOf(view, [&](FlowConnection& live) { live.sendPtr(*this, attribute, target); });
+}
+
+void Sa::tellKeysAgain(StreamView& view, StreamAttribute const& attribute, StreamEntities const& changed) {
+    std::vector<Out> keys;
+    std::unique_ptr<NboAttrLog::Bookmark> const bookmark(attribute.bookmark(entity()));
+    Out key;
+    while (bookmark->left() != 0) {
+        key.clear();
+        bookmark->next(key);
+        In in(key.bytes());
+        if (changed.contains(attribute.member(entity(), in))) keys.push_back(std::exchange(key, Out()));
+    }
+    for (Out const& found : keys) tellKeyAgain(view, attribute, found);
+}
+
+void Sa::tellKeyAgain(StreamView& view, StreamAttribute const& attribute, Out const& bytes) {
+    Active const active(entity());
+    std::string_view const key(reinterpret_cast<char const*>(bytes.data()), bytes.size());
+    In in(bytes.bytes());
+    Entity* const there = attribute.member(entity(), in);
+    Sa* const member = there && view.canHave(*there) ? view.adapterIs(*there) : nullptr;
+    if (member) view.keyIsNamed(*this, attribute, key, true);
+    if (!view.mayName(*this, attribute, key)) return;
+    for (FlowConnection* const connection : streamDemuxer().catchingUp())
+        if (&connection->view() == &view)
+            flowOutOnAttributeForConnection(*connection, attribute, key, member != nullptr, member);
+    eachLiveOf(view, [&](FlowConnection& live) { live.sendMember(*this, attribute, key, member, false); });
+    if (!member) view.keyIsNamed(*this, attribute, key, false);
+}
+
 // --- changes of readers ---
 
 bool Sa::allowWriteFromReadOnlyRemote() const { return streamDemuxer().remoteMayWrite(); }
@@ -298,32 +455,55 @@ void Sa::throwWriteUpdateFromReadOnlyProxyException() const {
     throw ReadOnlyException(format("%s is mounted read-only and takes no changes", entity().path().charPtr()));
 }
 
-WriteAnswer Sa::writeFromRemote(U8 ops, In& body) {
-    needInactive(entity());
-    RemoteWrite const write(*this, ops, body);
+// Notes who asks for what, if that is wanted. This adapter may be destroyed meanwhile. What comes from a reader without
+// rights is not noted: else any reader could push out of the history what others have changed.
+template <class Request> WriteAnswer Sa::fromRemote(Request& request) {
     try {
         if (!allowWriteFromReadOnlyRemote()) throwWriteUpdateFromReadOnlyProxyException();
     } catch (ReadOnlyException const& error) {
         return {WriteResult::readOnly, error.text()};
     }
+    StreamDemuxer& demuxer = streamDemuxer();
+    WriteHistory* const history = demuxer.history();
+    if (!history) return applied(request);
+    U64 const first = history->end();
+    std::size_t const count = request.note(*history, *demuxer.remoteAuthor());
+    if (demuxer.hasRights())
+        for (std::size_t i = 0; i < count; ++i) history->placeIs(first + i, demuxer.placeOf(entity()));
+    WriteAnswer answer = applied(request);
+    for (std::size_t i = 0; i < count; ++i) history->answered(first + i, answer);
+    return answer;
+}
+
+template <class Request> WriteAnswer Sa::applied(Request& request) {
     Ptr<Entity> const keep(&entity());  // an observer may release the entity, and this adapter with it
     StreamDemuxer& demuxer = streamDemuxer();
     EntityId const self = id();
     attrLogFlagsIs(fromRemoteBit, true);
-    WriteAnswer answer = write.apply();
-    Sa* const still = demuxer.adapter(self);
-    if (!still) return answer;
-    still->attrLogFlagsIs(fromRemoteBit, false);
-    if (answer.result == WriteResult::observerFailed) still->tellAgain(write);
+    WriteAnswer answer = request.apply();
+    if (Sa* const still = demuxer.adapter(self)) {
+        still->attrLogFlagsIs(fromRemoteBit, false);
+        still->tellOf(request.untold());
+    }
     return answer;
 }
 
-// Tells readers of a change that they may not have been told of, since an observer before this one has thrown.
-void Sa::tellAgain(RemoteWrite const& write) {
-    if (write.attribute().isCollection())
-        keyChanged(write.attribute(), write.key());
-    else
-        handleAttribute(write.attribute().id);
+WriteAnswer Sa::writeFromRemote(U8 ops, In& body) {
+    needInactive(entity());
+    RemoteWrite write(*this, ops, body);
+    return fromRemote(write);
+}
+
+WriteAnswer Sa::writeValuesFromRemote(In& body) {
+    needInactive(entity());
+    RemoteGroup group(*this, body);
+    return fromRemote(group);
+}
+
+WriteAnswer Sa::callFromRemote(In& body) {
+    needInactive(entity());
+    RemoteCall call(*this, body);
+    return fromRemote(call);
 }
 
 }  // namespace Vel

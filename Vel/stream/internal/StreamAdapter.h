@@ -2,13 +2,18 @@
 
 #include "Vel/describe/StreamTable.h"
 #include "Vel/entity/Entity.h"
+#include "Vel/entity/Together.h"
 #include "Vel/stream/FlowOut.h"
 #include "Vel/stream/StreamWrite.h"
 
+#include <unordered_set>
+
 namespace Vel {
 
-class RemoteWrite;
 class StreamDemuxer;
+class WriteHistory;
+class StreamView;
+using StreamEntities = std::unordered_set<Entity const*>;
 
 namespace NboAttrLog {
 class FlowConnection;
@@ -68,6 +73,7 @@ public:
 
     void handleAttribute(AttributeId id) override;
     void handleAttribute(AttributeId id, NotifieeKey const& key) override;
+    bool handleTogether(HeldChanges const& changes) override;
     void handleNotifierDel() noexcept override;
 
     bool doMessageMulticast(AttributeId id) override;
@@ -93,15 +99,35 @@ public:
     bool flowOutOnAttributeForConnection(NboAttrLog::FlowConnection& connection, StreamAttribute const& attribute);
     bool flowOutOnAttributeForConnection(NboAttrLog::FlowConnection& connection, StreamAttribute const& attribute,
         std::string_view key, bool isThere, VelNboAttrLogSa const* member);
+    // The values of this entity that are flagged for the connection are to be sent in one message.
+    void togetherForConnection(NboAttrLog::FlowConnection& connection);
 
-    // Applies a change that a reader asks for, and returns the answer: see RemoteWrite. REQUIRES: as needInactive().
+    // Tells the readers of the view again of each attribute and key that refers to one of these entities: some of them
+    // can be read now, and the others cannot any more.
+    void tellAgain(StreamView& view, StreamEntities const& changed);
+
+    // Apply what a reader asks for, and return the answer: see RemoteWrite, RemoteGroup and RemoteCall. REQUIRES: as
+    // needInactive().
     WriteAnswer writeFromRemote(U8 ops, NboAttrLog::In& body);
+    WriteAnswer writeValuesFromRemote(NboAttrLog::In& body);
+    WriteAnswer callFromRemote(NboAttrLog::In& body);
     bool allowWriteFromReadOnlyRemote() const;  // whether the reader whose message is being handled may write
     [[noreturn]] void throwWriteUpdateFromReadOnlyProxyException() const;
 
 private:
+    bool noted(StreamAttribute const& attribute, NotifieeKey const* key = nullptr);
+    bool noteIn(WriteHistory& history, StreamAttribute const& attribute, NotifieeKey const* key);
     void keyChanged(StreamAttribute const& attribute, std::span<U8 const> key);
-    void tellAgain(RemoteWrite const& write);
+    void tellKey(StreamAttribute const& attribute, std::string_view key, bool isThere, VelNboAttrLogSa* member);
+    void tellPtrAgain(StreamView& view, StreamAttribute const& attribute);
+    void tellKeysAgain(StreamView& view, StreamAttribute const& attribute, StreamEntities const& changed);
+    void tellKeyAgain(StreamView& view, StreamAttribute const& attribute, NboAttrLog::Out const& key);
+    template <class F> void eachLiveOf(StreamView const& view, F f) const;
+    template <class Request> WriteAnswer fromRemote(Request& request);
+    template <class Request> WriteAnswer applied(Request& request);
+    void tellOf(std::span<HeldChanges::Change const> changes);
+    void tellOfValues(std::span<StreamAttribute const* const> values);
+    void flowOutTogether(NboAttrLog::FlowConnection& connection, NboAttrLog::FlowOut& flow);
     void shareKey(StreamAttribute const& attribute, std::string_view key, bool isThere);
     template <class F> void eachLive(F f) const;
     AttributeId flowOutCollection(

@@ -105,6 +105,33 @@ void StreamDemuxer::referenceDropped(Adapter const& referrer) {
         if (view->has(referrer)) view->referenceDropped();
 }
 
+// --- rights ---
+
+std::shared_ptr<StreamPlaces> StreamDemuxer::placesBelow(Ptr<Entity> const& root) {
+    std::shared_ptr<StreamPlaces> places = places_.lock();
+    if (!places) places_ = places = std::make_shared<StreamPlaces>(*this, root);
+    return places;
+}
+
+// An entity may run code that destroys a view, so the views are looked up again.
+void StreamDemuxer::haveMoved(std::span<StreamPlaces::Moved const> moved) {
+    givingIds([&] {
+        for (std::size_t i = views_.size(); i-- > 0;)
+            if (i < views_.size()) views_[i]->haveMoved(moved);
+    });
+}
+
+void StreamDemuxer::keyIsNamed(
+    Adapter const& adapter, StreamAttribute const& attribute, std::string_view key, Adapter const* member, bool on) {
+    for (StreamView* const view : views_)
+        if (view->has(adapter) && (member && view->has(*member)) == on) view->keyIsNamed(adapter, attribute, key, on);
+}
+
+std::optional<String> StreamDemuxer::placeOf(Entity const& entity) const {
+    std::shared_ptr<StreamPlaces> const places = places_.lock();
+    return places ? places->path(entity) : std::nullopt;
+}
+
 void StreamDemuxer::notifierDeleted(Adapter& adapter) {
     adapterDel(adapter);
     changesAreWritten();

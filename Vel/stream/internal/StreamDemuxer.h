@@ -1,12 +1,17 @@
 #pragma once
 
+#include "Vel/stream/WriteHistory.h"
 #include "Vel/stream/internal/FlowConnection.h"
 #include "Vel/stream/internal/GradualMap.h"
 #include "Vel/stream/internal/SharedSm.h"
+#include "Vel/stream/internal/StreamPlaces.h"
 
 #include <algorithm>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <span>
+#include <string_view>
 #include <vector>
 
 namespace Vel {
@@ -71,7 +76,15 @@ public:
     void logIsWritten();  // called before one log is written; connections may learn of entities then
     void lookAfterLogs() { logsAreLookedAfter_ = false; }  // looks after the logs at the next change
     void remoteMayWriteIs(bool on) { remoteMayWrite_ = on; }
+    void remoteAuthorIs(String const* author) { remoteAuthor_ = author; }
+    void historyIs(std::shared_ptr<WriteHistory> history) {
+        history_ = std::move(history);
+        notified_ = history_ && history_->wantsNotifications() ? history_.get() : nullptr;
+    }
     void multicastIs(Multicast deliver);  // REQUIRES: there is no adapter yet
+    // Returns the places of entities below the root. They last as long as a view keeps them.
+    std::shared_ptr<StreamPlaces> placesBelow(Ptr<Entity> const& root);
+    void haveMoved(std::span<StreamPlaces::Moved const> moved);
 
     // --- for adapters ---
 
@@ -90,8 +103,17 @@ public:
     // type cannot be streamed. REQUIRES: as newAdapter().
     Adapter* referredIs(Adapter const& referrer, Entity& entity);
     void referenceDropped(Adapter const& referrer);
-    void notifierDeleted(Adapter& adapter);  // destroys the adapter
+    bool hasRights() const { return !places_.expired(); }  // there are views whose readers may not read everything
+    // Note, for those views, at which keys of collections there are members that their readers may read. A key is noted
+    // before its change is told, and the note is removed afterwards.
+    void keyIsNamed(
+        Adapter const& adapter, StreamAttribute const& attribute, std::string_view key, Adapter const* member, bool on);
+    std::optional<String> placeOf(Entity const& entity) const;  // its path for rights; nothing without rights, too
+    void notifierDeleted(Adapter& adapter);                     // destroys the adapter
     bool remoteMayWrite() const { return remoteMayWrite_; }
+    String const* remoteAuthor() const { return remoteAuthor_; }  // of the message that is being handled; null: none is
+    WriteHistory* history() const { return history_.get(); }      // null: nobody wants to know
+    WriteHistory* notifiedHistory() const { return notified_; }   // the same, if it wants to know of each change
     bool multicast(Adapter const& adapter, AttributeId id) const {
         return multicast_ && multicast_(adapter.entity(), id);
     }
@@ -131,6 +153,10 @@ private:
     Multicast multicast_;
     EntityId lastId_ = 0;  // the last one that was given
     bool remoteMayWrite_ = false;
+    String const* remoteAuthor_ = nullptr;
+    std::shared_ptr<WriteHistory> history_;
+    WriteHistory* notified_ = nullptr;
+    std::weak_ptr<StreamPlaces> places_;
     U64 changes_ = 0;
     U64 coalesced_ = 0;
 };

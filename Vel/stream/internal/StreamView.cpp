@@ -28,8 +28,8 @@ bool isStreamable(VelType type) { return type.glue().stream && type.glue().strea
 
 StreamView::StreamView(Ptr<Entity> root) : StreamView(std::make_shared<StreamDemuxer>(), std::move(root)) {}
 
-StreamView::StreamView(std::shared_ptr<StreamDemuxer> demuxer, Ptr<Entity> root)
-    : demuxer_(std::move(demuxer)), root_(std::move(root)) {
+StreamView::StreamView(std::shared_ptr<StreamDemuxer> demuxer, Ptr<Entity> root, std::unique_ptr<ViewRights> rights)
+    : demuxer_(std::move(demuxer)), root_(std::move(root)), rights_(std::move(rights)) {
     demuxer_->viewIs(*this, true);
 }
 
@@ -37,7 +37,8 @@ StreamView::~StreamView() { demuxer_->viewIs(*this, false); }
 
 // The root may be of a type that cannot be created: a copy may be given its root.
 bool StreamView::canHave(Entity const& entity) const {
-    return &entity == root_.get() || isStreamable(entity.fwkType());
+    if (&entity != root_.get() && !isStreamable(entity.fwkType())) return false;
+    return !rights_ || rights_->mayRead(entity);
 }
 
 StreamView::Adapter* StreamView::adapterIs(Entity& entity) {
@@ -63,16 +64,18 @@ void StreamView::forget(Adapter const& adapter) {
     if (!has(adapter)) return;
     members_.del(adapter.slot());
     --count_;
+    if (rights_) rights_->forget(adapter);
 }
 
 void StreamView::clear() {
     members_.clear();
     count_ = 0;
-    dropped_ = 0;
+    dropped_ = hidden_ = 0;
+    if (rights_) rights_->forgetAll();
 }
 
 void StreamView::sweepIfDue() {
-    if (dropped_ > 64 && dropped_ > count_ / 2) sweep();
+    if (dropped_ > 64 && dropped_ > (count_ + hidden_) / 2) sweep();
 }
 
 void StreamView::sweep() {
@@ -84,15 +87,20 @@ void StreamView::sweep() {
         unreached.push_back(demuxer_->adapterAt(slot));
         return false;
     });
-    std::sort(unreached.begin(), unreached.end(), [](Adapter* a, Adapter* b) { return a->id() < b->id(); });
-    for (Adapter* const a : unreached) leave(*a);
-    if (unreached.empty()) return;
+    leave(unreached);
+}
+
+void StreamView::leave(std::vector<Adapter*>& adapters) {
+    std::sort(adapters.begin(), adapters.end(), [](Adapter* a, Adapter* b) { return a->id() < b->id(); });
+    for (Adapter* const a : adapters) leave(*a);
+    if (adapters.empty()) return;
     forgetOwners();
     demuxer_->changesAreWritten();
 }
 
-SlotSet StreamView::reached(Adapter const& top) const {
+SlotSet StreamView::reached(Adapter const& top) {
     SlotSet reached;
+    hidden_ = 0;
     std::unordered_set<Entity const*> onTheWay;  // without an adapter; they may lead to entities that have one
     std::vector<Entity const*> left{root_.get()};
     reached.add(top.slot());
@@ -100,8 +108,12 @@ SlotSet StreamView::reached(Adapter const& top) const {
         Entity const& next = *left.back();
         left.pop_back();
         visitReferences(next, [&](Entity& referred) {
-            if (!canHave(referred)) return;
-            if (Adapter const* const a = demuxer_->adapter(referred)) {
+            Adapter const* const a = demuxer_->adapter(referred);
+            if (!(a && has(*a)) && !canHave(referred)) {
+                hidden_ += rights_ != nullptr;
+                return;
+            }
+            if (a) {
                 if (reached.has(a->slot())) return;
                 reached.add(a->slot());
             } else if (!onTheWay.insert(&referred).second) {
@@ -134,6 +146,37 @@ void StreamView::forgetOwners() {
             eachConnection([&](FlowConnection& connection) { connection.notInstantiated(member); });
         return false;
     });
+}
+
+// --- moves ---
+
+void StreamView::haveMoved(std::span<StreamPlaces::Moved const> moved) {
+    if (!rights_) return;
+    std::vector<Adapter*> hidden;
+    StreamEntities changed;
+    for (auto const& [entity, wasHidden] : moved) {
+        bool const mayRead = rights_->mayRead(*entity);
+        Adapter* const there = adapter(*entity);
+        if (there && !mayRead) hidden.push_back(there);
+        if (there ? !mayRead : mayRead && wasHidden) changed.insert(entity);
+    }
+    if (changed.empty()) return;
+    if (changed.contains(root_.get())) return rootIsHidden();
+    tellAgain(changed);
+    leave(hidden);
+    sweep();  // of what only those referred to that have left
+    demuxer_->changesAreWritten();
+}
+
+void StreamView::tellAgain(StreamEntities const& changed) {
+    std::vector<EntityId> ids;
+    members_.eachNotIn({}, [&](U32 slot) {
+        ids.push_back(demuxer_->adapterAt(slot)->id());
+        return false;
+    });
+    for (EntityId const id : ids)
+        if (Adapter* const member = adapter(id); member && !changed.contains(&member->entity()))
+            member->tellAgain(*this, changed);
 }
 
 }  // namespace Vel

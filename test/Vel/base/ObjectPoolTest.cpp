@@ -189,17 +189,17 @@ TEST_F(ObjectPoolTest, AThreadMayStillAllocateWhileItExits) {
 
 // --- objects ---
 
-template <std::size_t bytes> struct Object : Vel::PtrInterface {
+template <std::size_t bytes> struct Sized : Vel::PtrInterface {
     Vel::VelType fwkType() const override { return {}; }
     char more[bytes - 16];
 };
 
 TEST_F(ObjectPoolTest, ObjectsOfDerivedClassesHaveTheirOwnSizes) {
-    static_assert(sizeof(Object<size>) == size && sizeof(Object<136>) == 136);
+    static_assert(sizeof(Sized<size>) == size && sizeof(Sized<136>) == 136);
     std::vector<Vel::Ptr<Vel::PtrInterface>> objects;
-    for (int i = 0; i < 1000; ++i) objects.emplace_back(new Object<136>);
+    for (int i = 0; i < 1000; ++i) objects.emplace_back(new Sized<136>);
     EXPECT_EQ(newPages(), 0u);
-    for (int i = 0; i < 1000; ++i) objects.emplace_back(new Object<size>);
+    for (int i = 0; i < 1000; ++i) objects.emplace_back(new Sized<size>);
     EXPECT_GE(newPages(), 1000 * size / pageBytes);
     objects.clear();
     EXPECT_EQ(newPages(), 0u);

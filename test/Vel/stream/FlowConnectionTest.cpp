@@ -12,7 +12,7 @@ using Vel::Dir;
 using Vel::Ptr;
 using Vel::NboAttrLog::FlowOut;
 
-constexpr Vel::AttributeId entries = 258;  // the collection of a directory
+constexpr Vel::AttributeId dirEntries = 258;  // the collection of a directory
 
 // A directory with the leaves "a" and "b", and a connection that has been told of nothing.
 class FlowConnectionTest : public testing::Test {
@@ -39,10 +39,10 @@ protected:
 
 TEST_F(FlowConnectionTest, EntityIsAnnouncedOnceWithItsTypeAndPlace) {
     line.announce(adapter(*root), {});
-    line.sendKey(adapter(*root), attribute(*root, entries), keyOf("a"), true);
+    line.sendKey(adapter(*root), attribute(*root, dirEntries), keyOf("a"), true);
     EXPECT_EQ(line.take(), (Strings{"type 0 Vel::Dir", "announce 1 type 0 root", "type 1 Fixture::Leaf",
                                "announce 2 type 1 at 1.258 a a", "keySet 1.258 a 2"}));
-    line.sendKey(adapter(*root), attribute(*root, entries), keyOf("a"), true);
+    line.sendKey(adapter(*root), attribute(*root, dirEntries), keyOf("a"), true);
     EXPECT_EQ(line.take(), Strings{"keySet 1.258 a 2"});
 }
 
@@ -61,10 +61,10 @@ TEST_F(FlowConnectionTest, KeyWithoutAMemberIsDeletedUnlessItIsNewToTheReader) {
     line.announce(adapter(*root), {});
     line.take();
     Vel::U64 const before = line.flowed();
-    line.sendKey(adapter(*root), attribute(*root, entries), keyOf("z"), true);
+    line.sendKey(adapter(*root), attribute(*root, dirEntries), keyOf("z"), true);
     EXPECT_EQ(line.take(), Strings{});
     EXPECT_EQ(line.flowed(), before + 1) << "and counts, though it says nothing";
-    line.sendKey(adapter(*root), attribute(*root, entries), keyOf("z"), false);
+    line.sendKey(adapter(*root), attribute(*root, dirEntries), keyOf("z"), false);
     EXPECT_EQ(line.take(), Strings{"keyDel 1.258 z"});
 }
 

@@ -17,7 +17,7 @@ protected:
         for (EntityId id = 1; id <= 4; ++id) {
             dirs.push_back(Dir::newEntity(Vel::format("%u", id)));
             if (id > 1) dirs[id - 2]->entryIs(dirs.back());
-            entities.addNew(id, dirs.back());
+            StreamTest::addTo(entities, id, dirs.back());
         }
     }
     ~ReplicaNestingTest() override {

@@ -69,6 +69,14 @@ using Vel::NboAttrLog::In;
 using Vel::NboAttrLog::MessageKind;
 using Vel::NboAttrLog::Out;
 
+inline Vel::StreamTable const& tableOf(Entity const& entity) { return entity.fwkType().glue().stream(); }
+
+// Adds an entity without keys.
+template <class Entities> void addTo(Entities& entities, Vel::EntityId id, Vel::Ptr<Entity> entity) {
+    Vel::StreamTable const& table = tableOf(*entity);
+    entities.add(id, std::move(entity), table, [](auto&, auto) {});
+}
+
 // A message with the body that is written.
 inline Bytes message(
     MessageKind kind, std::function<void(Out&)> const& body = [](Out&) {}) {
@@ -176,6 +184,14 @@ inline std::string toldOf(MessageKind kind, In in) {
         return "refused " + textOf(in);
     case MessageKind::write:
         return "write " + number(in);
+    case MessageKind::writeValues:
+        return "writeValues " + number(in);
+    case MessageKind::call:
+        return "call " + number(in);
+    case MessageKind::values: {
+        std::string const id = number(in);
+        return "values " + id + " " + hex({in.data(), in.left()});
+    }
     case MessageKind::answer:
         return answerOf(in);
     case MessageKind::ping:

@@ -292,4 +292,57 @@ TEST_F(HostileValuesTest, EntityThatHasGoneMakesRoomForItsKeys) {
 
 }  // namespace
 
+namespace StreamTest {
+
+// A table that has marks from the start.
+class PresetTable : public Vel::EntityOf<PresetTable> {
+public:
+    explicit PresetTable(String const& name) : EntityOf(name) {}
+
+    U32 mark(U8 key) const { return markExists(key) ? marks_.at(key) : 0; }
+    void markIs(U8 key, U32 mark) {
+        marks_[key] = mark;
+        velNotify<"mark">(key);
+    }
+    void markDel(U8 key) {
+        marks_.erase(key);
+        velNotify<"mark">(key);
+    }
+    bool markExists(U8 key) const { return marks_.contains(key); }
+
+    static constexpr auto description() {
+        using T = PresetTable;
+        return Vel::entity("StreamTest::PresetTable",
+            Vel::values<&T::marks_>(
+                Vel::collection<U8, U32, &T::mark, &T::markIs, &T::markDel, Vel::none, Vel::none, &T::markExists>(
+                    "mark")));
+    }
+
+private:
+    std::map<U8, U32> marks_{{1, 10}, {2, 20}};
+};
+
+namespace {
+
+// The keys that a constructor makes are the copy's, too, until the source does not mention them.
+TEST(PresetValuesTest, KeysOfANewCopyThatTheSourceDoesNotHaveAreDeleted) {
+    auto const root = Dir::newEntity("d");
+    auto const source = PresetTable::newEntity("preset");
+    source->markDel(1);
+    source->markIs(3, 30);
+    root->entryIs(source);
+    Pair pair(root);
+    pair.connect();
+    pair.run();
+    auto const copy = Vel::ptr_cast<PresetTable>(pair.replica.root()->entity("preset"));
+    ASSERT_TRUE(copy);
+    EXPECT_FALSE(copy->markExists(1));
+    EXPECT_EQ(copy->mark(2), 20u);
+    EXPECT_EQ(copy->mark(3), 30u);
+}
+
+}  // namespace
+}  // namespace StreamTest
+
 VEL_MODULE(StreamValues, 1a18677315030719, StreamTest::Entry, StreamTest::ValueTable);
+VEL_MODULE(StreamPresets, 2d64bfff7fc4f7e0, StreamTest::PresetTable);

@@ -5,6 +5,8 @@
 #include "Mox/Events.h"
 
 #include "Vel/base/Exception.h"
+#include "Vel/describe/ForeignTypes.h"
+#include "Vel/entity/ForeignEntity.h"
 
 namespace {
 
@@ -30,6 +32,28 @@ TEST(ValueTextTest, AWordIsTakenForAStringAndAWholeNumberForADouble) {
     EXPECT_EQ(read(typeOf<Vel::String>(), "uplink", &notes), "'uplink'");
     EXPECT_EQ(read(typeOf<double>(), "-1", &notes), "-1.0");
     EXPECT_EQ(notes, (std::vector<std::string>{"0: uplink is taken for the text 'uplink'", "0: -1 is taken for -1.0"}));
+}
+
+TEST(ValueTextTest, AWordIsTakenForANameOfAnEnumeration) {
+    auto const types = std::make_shared<Vel::ForeignTypes>(Vel::ForeignEntity::functions());
+    types->add(Vel::ModuleDescription::parsed("module Weather\n"
+                                              "type Weather::Sky form 1 base - flags 8 ops 6144\n"
+                                              "attribute 2 value kind 0 ops 3 value U8 key - result -\n"
+                                              "attribute 3 clear kind 2 ops 1 value U8 key - result - is 0\n"
+                                              "attribute 4 rain kind 2 ops 1 value U8 key - result - is 1\n"
+                                              "type Weather::Day form 0 base - flags 0 ops 4096\n"
+                                              "attribute 2 sky kind 0 ops 3 value Weather::Sky key - result -\n"
+                                              "attribute 3 sun kind 0 ops 3 value F64 key - result -\n"));
+    Vel::VelType const sky = types->valueType("Weather::Sky"), day = types->valueType("Weather::Day");
+    std::vector<std::string> notes;
+    EXPECT_EQ(read(sky, "rain", &notes), "'rain'");
+    EXPECT_EQ(notes, std::vector<std::string>{"0: rain is taken for the text 'rain'"});
+    EXPECT_EQ(read(sky, "7"), "7");
+    EXPECT_THROW(read(sky, "snow"), Vel::ParseException);
+    EXPECT_EQ(read(day, "Value('Weather::Day', ** {'sky': rain, 'sun': 1})"),
+        "Value('Weather::Day', ** {'sky': 'rain', 'sun': 1.0})");
+    EXPECT_EQ(read(day, "Value('Weather::Day', ** {'sky': 7, 'sun': 1})"),
+        "Value('Weather::Day', ** {'sky': 7, 'sun': 1.0})");
 }
 
 TEST(ValueTextTest, InRecordsTheFieldIsNamed) {

@@ -1,3 +1,4 @@
+#include "Vel/base/Exception.h"
 #include "Vel/describe/Module.h"
 #include "Vel/describe/Value.h"
 #include "Vel/entity/Entity.h"
@@ -10,6 +11,8 @@ namespace Test {
 class Level {
 public:
     constexpr Level() = default;
+    explicit constexpr Level(double litres) : litres_(litres), measured_(true) {}
+    double litres() const { return litres_; }
     friend bool operator==(Level const&, Level const&) = default;
 
     static constexpr auto description() {
@@ -27,7 +30,20 @@ public:
     explicit Tank(Vel::String const& name) : EntityOf(name) {}
 
     Level level() const { return Level(); }
-    void levelIs(Level const& v) { velSet<&Tank::level_>(v); }
+    void levelIs(Level const& v) {
+        if (v.litres() < 0) throw Vel::RangeException("a tank holds no less than nothing");
+        velSet<&Tank::level_>(v);
+    }
+    // Fills it to this level, from as many inlets, and returns how much each gives.
+    double fill(double litres, Vel::U32 inlets) {
+        if (inlets == 0) throw Vel::RangeException("there is no inlet");
+        mostIs(inlets);
+        levelIs(Level(litres));
+        return litres / inlets;
+    }
+    void empty() { levelIs(Level()); }
+    void joinTo(Vel::Ptr<Tank> const& other) { overflowIs(other); }
+
     Vel::U32 most() const { return most_; }
     void mostIs(Vel::U32 v) { velSet<&Tank::most_>(v < 100 ? v : 100); }
     Vel::Ptr<Tank> overflow() const { return overflow_; }
@@ -60,7 +76,9 @@ public:
             Vel::references<&T::inletMembers>(Vel::collection<Vel::U32, Vel::Ptr<Tank>, &T::inlet, &T::inletIs,
                 &T::inletDel, &T::inlets, &T::inletChangeCounter, &T::inletExists>("inlet")),
             Vel::values<&T::notes_>(Vel::collection<Vel::String, Vel::U32, &T::note, &T::noteIs, &T::noteDel, Vel::none,
-                Vel::none, &T::noteExists>("note")));
+                Vel::none, &T::noteExists>("note")),
+            Vel::method<&T::fill>("fill", "litres", "inlets"), Vel::method<&T::empty>("empty"),
+            Vel::method<&T::joinTo>("joinTo", "other"));
     }
 
     Vel::U32 note(Vel::String const& key) const {
@@ -86,4 +104,4 @@ private:
 
 }  // namespace Test
 
-VEL_MODULE(Tank, 7584f8257efc745d, Test::Level, Test::Tank);
+VEL_MODULE(Tank, f5016418b9955683, Test::Level, Test::Tank);

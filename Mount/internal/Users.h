@@ -1,0 +1,26 @@
+#pragma once
+
+#include "Vel/base/String.h"
+
+#include <optional>
+#include <sys/types.h>
+#include <vector>
+
+namespace Mount {
+
+using Vel::String;
+
+// Users and groups of this machine. A look-up may block where they are kept on another one.
+
+inline constexpr std::size_t mostGroups = 65'536;  // of a user
+
+// Return the number of the user or the group with this name, or the number that the text is. Return nothing if there is
+// no such name.
+std::optional<Vel::U32> userNumber(String const& name);
+std::optional<Vel::U32> groupNumber(String const& name);
+gid_t groupOf(int unixSocket);  // the group of the process on the other side
+// Returns the groups of the user, and the group `first`.
+std::vector<gid_t> groupsOf(uid_t user, gid_t first);
+std::vector<gid_t> groupsOf(uid_t user);  // none for a user without a name
+
+}  // namespace Mount

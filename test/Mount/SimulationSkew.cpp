@@ -1,0 +1,1 @@
+#include "../Mox/SimulationSkew.cpp"  // what that world needs of the types with several versions
