@@ -189,7 +189,7 @@ VEL_API void ensureCorrectType(VelType type, VelType declared);
 
 }  // namespace NboAttrLog
 
-enum class StreamKind : U8 { value, pointer, references, instances, values };
+enum class StreamKind : U32 { value, pointer, references, instances, values };
 
 struct StreamAttribute;
 

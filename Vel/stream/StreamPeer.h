@@ -28,7 +28,7 @@ struct StreamLimits {
 };
 
 // Why a connection has ended, for programs. The text in error() is for people.
-enum class StreamFault : U8 {
+enum class StreamFault : U32 {
     none,          // the connection has not ended, or has ended in good order
     other,         // an error without a code of its own
     nothingThere,  // the source has nothing at the path that the reader asks for

@@ -8,7 +8,7 @@
 namespace Vel {
 
 // What may be done with an entity. Who may change it or call its methods may also read it.
-enum class Access : U8 { none = 0, read = 1, write = 3, call = 5, all = 7 };
+enum class Access : U32 { none = 0, read = 1, write = 3, call = 5, all = 7 };
 
 constexpr Access operator|(Access a, Access b) {
     return static_cast<Access>(static_cast<unsigned>(a) | static_cast<unsigned>(b));

@@ -9,7 +9,7 @@
 namespace Vel {
 
 // What has become of a change that a reader has asked its source for.
-enum class WriteResult : U8 {
+enum class WriteResult : U32 {
     done,            // the source has changed, and its observers have been notified
     observerFailed,  // the source has changed, but an observer has thrown: `text` is what it said
     rejected,        // the mutator or the method has thrown: `text` is what it said

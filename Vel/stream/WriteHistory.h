@@ -13,7 +13,7 @@ namespace Vel {
 struct StreamAttribute;
 
 // Which changes a history has.
-enum class HistoryList : U8 {
+enum class HistoryList : U32 {
     asked,  // those that readers have asked for, also those that were not made: the newest ones
     own,    // those that this process has made itself: the newest ones
     last,   // of each attribute the last one, whoever made it

@@ -65,7 +65,7 @@ inline std::span<U8 const> messageBody(std::span<U8 const> message) {
     return message.subspan(messageLength(message).size + 1);
 }
 
-enum class MessageKind : U8 {
+enum class MessageKind : U32 {
     hello = 1,
     welcome = 2,
     type = 3,
