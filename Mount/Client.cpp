@@ -3,6 +3,7 @@
 #include "Mount/internal/Connection.h"
 #include "Mount/internal/Destroy.h"
 #include "Mount/internal/Socket.h"
+#include "Mount/internal/Users.h"
 
 #include "Vel/base/Exception.h"
 

@@ -7,7 +7,11 @@
 #include "Mount/Server.h"
 
 #include <algorithm>
+#include <array>
+#include <cmath>
 #include <nlohmann/json.hpp>
+#include <set>
+#include <tuple>
 
 namespace Tool {
 
@@ -26,8 +30,8 @@ Examples:
 
 Exit code 1 when the server keeps no changes, or when it knows of none.)~";
 
-// Returns the path without the escapes of the tool's paths.
-std::string plainPath(std::string const& path) {
+// Returns the path as a history has it, without the escapes of the tool's paths.
+std::string pathInHistory(std::string const& path) {
     std::string plain;
     for (Step const& step : stepsOf(path)) plain += "/" + step.key;
     return plain.empty() ? "/" : plain;
@@ -52,26 +56,34 @@ public:
     }
 
 private:
+    using Fields = std::tuple<double, std::array<Vel::String, 8>>;
+    // In seconds since 1970. What is no number comes from a server that lies, and would have no place in an order.
+    static double timeOf(Mount::Change const& change) {
+        double const time = change.time().value();
+        return std::isnan(time) ? 0 : time;
+    }
+    static Fields fieldsOf(Mount::Change const& change) {
+        return {timeOf(change), {change.author(), change.path(), change.attribute(), change.key(), change.before(),
+                                    change.wanted(), change.result(), change.text()}};
+    }
+
     std::vector<Mount::Change> changesOf(Mount::History const& history) const {
         using List = Mount::History::List;
         std::vector<Mount::Change> changes;
-        for (List const list : {List::own, List::asked, List::last}) add(changes, history, list);
+        std::set<Fields> known;  // the last change of an attribute may also be one of the newest
+        std::string const path = path_ ? pathInHistory(*path_) : "";
+        for (List const list : {List::own, List::asked, List::last}) {
+            history.visitChanges(list, [&](Vel::U64 number) {
+                Mount::Change change = history.change(list, number);
+                if (path_ && change.path() != path) return;
+                if (attribute_ && change.attribute() != *attribute_) return;
+                if (known.insert(fieldsOf(change)).second || list != List::last) changes.push_back(std::move(change));
+            });
+        }
         std::reverse(changes.begin(), changes.end());
         std::stable_sort(changes.begin(), changes.end(),
-            [](Mount::Change const& a, Mount::Change const& b) { return b.time().value() < a.time().value(); });
+            [](Mount::Change const& a, Mount::Change const& b) { return timeOf(b) < timeOf(a); });
         return changes;
-    }
-    bool isWanted(Mount::Change const& change) const {
-        if (path_ && change.path() != plainPath(*path_).c_str()) return false;
-        return !attribute_ || change.attribute() == attribute_->c_str();
-    }
-    void add(std::vector<Mount::Change>& to, Mount::History const& history, Mount::History::List list) const {
-        history.visitChanges(list, [&](Vel::U64 number) {
-            Mount::Change change = history.change(list, number);
-            bool const isKnown =
-                list == Mount::History::List::last && std::find(to.begin(), to.end(), change) != to.end();
-            if (isWanted(change) && !isKnown) to.push_back(std::move(change));
-        });
     }
 
     void showTable(std::vector<Mount::Change> const& changes) const {

@@ -32,9 +32,8 @@ void AccessTrie::accessIs(std::string_view path, Vel::Access access) {
 }
 
 Vel::Access AccessTrie::access(std::string_view path, Vel::Access otherwise) const {
-    Vel::String const plain = pathInTrie(path);
-    if (!hasPrefix(plain.view())) return otherwise;
-    auto const state = prefixState(enclosingPrefix(plain.view()).view());
+    Vel::String const prefix = enclosingPrefix(pathInTrie(path).view());
+    auto const state = prefix.empty() ? nullptr : prefixState(prefix.view());
     return state ? static_cast<AccessState const&>(*state).access() : otherwise;
 }
 

@@ -1,18 +1,15 @@
 #include "Mount/internal/Socket.h"
 
 #include "Vel/base/Exception.h"
-#include "Vel/text/Strep.h"
 
 #include <arpa/inet.h>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <memory>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <pwd.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -147,46 +144,6 @@ String placeOf(int socket) {
     socklen_t size = sizeof credentials;
     if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return "process unknown";
     return Vel::format("process %d", static_cast<int>(credentials.pid));
-}
-
-namespace {
-
-// Calls find(entry, room, size, found), a function like getpwnam_r(), with more and more room up to a mebibyte. Returns
-// whether it finds a user.
-template <class Find> bool findUser(passwd& entry, std::vector<char>& room, Find find) {
-    passwd* found = nullptr;
-    room.resize(1024);
-    while (find(&entry, room.data(), room.size(), &found) == ERANGE && room.size() < (1u << 20))
-        room.resize(room.size() * 2);
-    return found != nullptr;
-}
-
-uid_t userOf(String const& name) {
-    uid_t user = 0;
-    auto const end = name.data() + name.size();
-    if (auto const [at, error] = std::from_chars(name.data(), end, user); error == std::errc() && at == end)
-        return user;
-    std::vector<char> room;
-    passwd entry{};
-    auto const find = [&](auto... to) { return ::getpwnam_r(name.charPtr(), to...); };
-    if (findUser(entry, room, find)) return entry.pw_uid;
-    throw Vel::RangeException("there is no user " + Vel::valueToStrep(name) + " on this machine");
-}
-
-}  // namespace
-
-String userName(uid_t user) {
-    std::vector<char> room;
-    passwd entry{};
-    auto const find = [&](auto... to) { return ::getpwuid_r(user, to...); };
-    return findUser(entry, room, find) ? String(entry.pw_name) : String(std::to_string(user));
-}
-
-std::vector<uid_t> usersOf(std::vector<String> const& names) {
-    std::vector<uid_t> users;
-    users.reserve(names.size());
-    for (String const& name : names) users.push_back(userOf(name));
-    return users;
 }
 
 }  // namespace Mount

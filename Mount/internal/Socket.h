@@ -64,9 +64,6 @@ uid_t userOf(int unixSocket);  // the user of the process on the other side
 // Identifies the other side, to count connections by: the user of a Unix socket, the IPv4 address, or the first half of
 // the IPv6 address, which is its network.
 std::string peerOf(int socket);
-String placeOf(int socket);   // "process 4711" of a Unix socket, or the other side's "address:port"
-String userName(uid_t user);  // or the number as text, if the user has no name
-// Returns the users with these names or numbers. Throws RangeException for a name that no user has.
-std::vector<uid_t> usersOf(std::vector<String> const& names);
+String placeOf(int socket);  // "process 4711" of a Unix socket, or the other side's "address:port"
 
 }  // namespace Mount

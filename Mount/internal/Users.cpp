@@ -1,19 +1,40 @@
 #include "Mount/internal/Users.h"
 
-#include "Mount/internal/Socket.h"
-
 #include "Vel/base/Exception.h"
+#include "Vel/text/Strep.h"
 
 #include <cerrno>
 #include <charconv>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/socket.h>
 
 namespace Mount {
 
 namespace {
 
-constexpr std::size_t mostRoom = 1 << 24;  // bytes of one entry of the system's tables
+constexpr std::size_t mostRoom = 1 << 24;  // bytes of one entry; that of a group lists its users
+
+// An entry of one of the system's tables.
+template <class Row> struct Found {
+    std::vector<char> room = std::vector<char>(1024);  // has the texts that `row` points to
+    Row row{};
+    bool isThere = false;
+};
+
+// Calls look(row, room, size, found), a function like getpwnam_r(), with more and more room until the entry fits.
+template <class Row, class Look> Found<Row> found(Look look) {
+    Found<Row> entry;
+    Row* row = nullptr;
+    while (look(&entry.row, entry.room.data(), entry.room.size(), &row) == ERANGE && entry.room.size() < mostRoom)
+        entry.room.resize(2 * entry.room.size());
+    entry.isThere = row != nullptr;
+    return entry;
+}
+
+Found<passwd> userWith(uid_t number) {
+    return found<passwd>([number](auto... to) { return ::getpwuid_r(number, to...); });
+}
 
 std::optional<Vel::U32> numberOf(String const& text) {
     Vel::U32 number = 0;
@@ -25,22 +46,31 @@ std::optional<Vel::U32> numberOf(String const& text) {
 }  // namespace
 
 std::optional<Vel::U32> userNumber(String const& name) {
-    try {
-        return usersOf({name}).front();
-    } catch (Vel::RangeException const&) {
-        return std::nullopt;
-    }
+    if (auto const number = numberOf(name)) return number;
+    auto const user = found<passwd>([&](auto... to) { return ::getpwnam_r(name.charPtr(), to...); });
+    return user.isThere ? std::optional<Vel::U32>(user.row.pw_uid) : std::nullopt;
 }
 
 std::optional<Vel::U32> groupNumber(String const& name) {
     if (auto const number = numberOf(name)) return number;
-    group entry{};
-    group* found = nullptr;
-    for (std::vector<char> room(1024); room.size() <= mostRoom; room.resize(2 * room.size())) {
-        int const error = ::getgrnam_r(name.charPtr(), &entry, room.data(), room.size(), &found);
-        if (error != ERANGE) return found ? std::optional<Vel::U32>(entry.gr_gid) : std::nullopt;
+    auto const group = found<::group>([&](auto... to) { return ::getgrnam_r(name.charPtr(), to...); });
+    return group.isThere ? std::optional<Vel::U32>(group.row.gr_gid) : std::nullopt;
+}
+
+String userName(uid_t number) {
+    auto const user = userWith(number);
+    return user.isThere ? String(user.row.pw_name) : String(std::to_string(number));
+}
+
+std::vector<uid_t> usersOf(std::vector<String> const& names) {
+    std::vector<uid_t> users;
+    users.reserve(names.size());
+    for (String const& name : names) {
+        auto const user = userNumber(name);
+        if (!user) throw Vel::RangeException("there is no user " + Vel::valueToStrep(name) + " on this machine");
+        users.push_back(*user);
     }
-    return std::nullopt;
+    return users;
 }
 
 gid_t groupOf(int unixSocket) {
@@ -64,14 +94,9 @@ std::vector<gid_t> groupsOf(uid_t user, gid_t first) {
     }
 }
 
-std::vector<gid_t> groupsOf(uid_t user) {
-    passwd entry{};
-    passwd* found = nullptr;
-    for (std::vector<char> room(1024); room.size() <= mostRoom; room.resize(2 * room.size())) {
-        int const error = ::getpwuid_r(user, &entry, room.data(), room.size(), &found);
-        if (error != ERANGE) return found ? groupsOf(user, entry.pw_gid) : std::vector<gid_t>();
-    }
-    return {};
+std::vector<gid_t> groupsOf(uid_t number) {
+    auto const user = userWith(number);
+    return user.isThere ? groupsOf(number, user.row.pw_gid) : std::vector<gid_t>();
 }
 
 }  // namespace Mount

@@ -14,6 +14,10 @@ using Vel::String;
 
 inline constexpr std::size_t mostGroups = 65'536;  // of a user
 
+String userName(uid_t user);  // or the number as text, if the user has no name
+// Returns the users with these names or numbers. Throws RangeException for a name that no user has.
+std::vector<uid_t> usersOf(std::vector<String> const& names);
+
 // Return the number of the user or the group with this name, or the number that the text is. Return nothing if there is
 // no such name.
 std::optional<Vel::U32> userNumber(String const& name);
