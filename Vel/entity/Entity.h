@@ -44,10 +44,15 @@ public:
         if (parent == parent_) return;
         parent_ = parent;
         if (parent) parent->hasBeenParent_ = true;
+        awaitsPlace_ = awaitsPlace_ && !parent;
         handleParent();
         notifieeList_.visitParent();
     }
     bool hasBeenParent() const { return hasBeenParent_; }
+    // Whether this entity is new in a copy that is not complete yet, and has never had a parent there: its source may
+    // still say where it belongs. Set by AttrLogReplica; the first parent ends it, and so does the sync mark.
+    bool awaitsPlace() const { return awaitsPlace_; }
+    void awaitsPlaceIs(bool on) { awaitsPlace_ = on; }
     // Whether this entity is `other` or one of its ancestors. Walks up from `other`, unless this never was a parent.
     bool encloses(Entity const& other) const;
 
@@ -77,7 +82,8 @@ protected:
     }
 
 private:
-    bool hasBeenParent_ = false;  // the first member, since it fits into the padding of the base
+    bool hasBeenParent_ = false;  // the first members, since they fit into the padding of the base
+    bool awaitsPlace_ = false;
     String name_;
     Entity* parent_ = nullptr;  // not owned, since the parent owns this entity
     mutable NotifieeList notifieeList_;

@@ -53,7 +53,9 @@ public:
     // Called before the observer is told of changes that were held back (see Together.h). Returns true if it has dealt
     // with all of them, so that it is not told of each.
     virtual bool handleTogether(HeldChanges const& changes);
-    // Called after the entity has got another parent, or none. This is never held back.
+    // Called after the entity has got another parent, or none. This is never held back. Also called once for an entity
+    // of a copy that awaited its place (Entity::awaitsPlace()), at the sync mark or at the end of the connection; it may
+    // have the same parent as before then.
     virtual void handleNotifierParent();
 
     // Observes `notifier` instead of the entity before; null means none. Holds no reference: the observer is withdrawn
@@ -112,7 +114,7 @@ public:
         if (Notifiee* const only = block_->only) return only->handleAttribute(attribute, notifieeKey);
         visitAll(attribute, &notifieeKey);
     }
-    void visitParent() {  // notifies every observer that the entity has another parent
+    void visitParent() {  // notifies every observer as handleNotifierParent() says
         if (block_) [[unlikely]]
             visitAllParent();
     }

@@ -49,9 +49,11 @@ void AttrLogReplica::Impl::connected() {
 }
 
 void AttrLogReplica::Impl::disconnected() {
+    std::vector<Ptr<Entity>> const settled = this->settled(false);
     forgetSource();
     stateIs(root_ ? State::stale : State::empty);
     writes_.lost();
+    for (Ptr<Entity> const& entity : settled) entity->notifieeList()->visitParent();
 }
 
 void AttrLogReplica::Impl::forgetSource() {
@@ -60,6 +62,7 @@ void AttrLogReplica::Impl::forgetSource() {
     rootId_ = 0;
     unmentioned_.clear();
     nesting_.clear();
+    unplaced_.clear();
     entities_.disconnected();
 }
 
@@ -218,6 +221,7 @@ void AttrLogReplica::Impl::announce(In& body) {
         if (!isCreatable(type)) throw StreamException(format("%s can't be created", type.name()), 0);
         bind(id, announced(type, place, name), table);
     }
+    isForKey_ = place.attribute && place.attribute->kind == StreamKind::references;
     nesting_.putLoosened();
 }
 
@@ -262,7 +266,11 @@ Ptr<Entity> AttrLogReplica::Impl::announced(VelType type, ReplicaPlace const& pl
         if (instantiated) told(place);
         return there;
     }
-    if (!instantiated) return newEntity(type, name);
+    if (!instantiated) {
+        Ptr<Entity> made = newEntity(type, name);
+        made->awaitsPlaceIs(state_ == State::syncing);
+        return made;
+    }
     if (!there) entities_.sizeChanged(place.id, 0, ReplicaSize::keyCost + place.key.size());
     told(place);
     return nesting_.loosen(there.get(), [&] { return instantiate(type, place, name, there.get()); });
@@ -293,6 +301,7 @@ void AttrLogReplica::Impl::bind(EntityId id, Ptr<Entity> entity, StreamTable con
     // A foreign entity may be of the type that a former connection has described in the same way.
     VelType const own = entity->fwkType();
     StreamTable const& rows = own.glue().foreign ? own.glue().stream() : table;
+    if (entity->awaitsPlace()) unplaced_.push_back(id);
     StreamAttribute const* last = nullptr;
     UnmentionedKeys::Keys* keys = nullptr;
     entities_.add(id, std::move(entity), rows, [&](StreamAttribute const& attribute, std::span<U8 const> key) {
@@ -356,6 +365,7 @@ void AttrLogReplica::Impl::keySet(In& body) {
     if (place.attribute->skips) return;
     if (place.attribute->kind == StreamKind::values) return keyValue(place, body);
     EntityId const id = nextCompact(body);
+    bool const isForKey = std::exchange(isForKey_, false);
     Ptr<Entity> const member = entities_.known(id).entity;
     needEnd(body);
     if (!types_.mayHold(place.entity->fwkType(), *place.attribute, member->fwkType())) {
@@ -368,6 +378,8 @@ void AttrLogReplica::Impl::keySet(In& body) {
     if (!there) entities_.needRoom(ReplicaSize::keyCost + place.key.size());
     if (there != member.get()) nesting_.put(place, id, *member);
     nesting_.isThere(place, id, *member);
+    // Nobody has seen it without its place. So its place is no news at the sync mark.
+    if (isForKey && !member->awaitsPlace() && !unplaced_.empty() && unplaced_.back() == id) unplaced_.pop_back();
     nesting_.putLoosened();
 }
 
@@ -422,7 +434,21 @@ void AttrLogReplica::Impl::synced() {
     });
     entities_.synced();
     nesting_.putAll();
-    if (connection == connection_) stateIs(State::synced);  // unless an observer of a deletion has ended it
+    for (Ptr<Entity> const& entity : settled(true)) entity->notifieeList()->visitParent();
+    if (connection == connection_) stateIs(State::synced);  // unless an observer has ended it
+}
+
+// Returns entities that do not await their places any more: those that have got one, and if the copy is complete, all.
+// The others await it until the next connection has synced.
+std::vector<Ptr<Entity>> AttrLogReplica::Impl::settled(bool isComplete) {
+    std::vector<Ptr<Entity>> settled;
+    for (EntityId const id : std::exchange(unplaced_, {})) {
+        ReplicaEntities::Known const* const known = entities_.find(id);
+        if (!known) continue;
+        if (isComplete) known->entity->awaitsPlaceIs(false);
+        if (!known->entity->awaitsPlace()) settled.push_back(known->entity);
+    }
+    return settled;
 }
 
 }  // namespace Vel

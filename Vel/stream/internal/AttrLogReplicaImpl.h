@@ -51,6 +51,7 @@ private:
     void keyValue(ReplicaPlace const& place, NboAttrLog::In& body);
     void valueDel(ReplicaPlace const& place);
     void told(ReplicaPlace const& place, bool isThere = true);
+    std::vector<Ptr<Entity>> settled(bool isComplete);
     void delUnmentioned(EntityId id, AttributeId attribute, UnmentionedKeys::Keys const& keys);
     void forgetSource();
     void stateIs(State state);
@@ -72,6 +73,8 @@ private:
     UnmentionedKeys unmentioned_;
     ReplicaWrites writes_;
     ReplicaNesting nesting_;
+    std::vector<EntityId> unplaced_;  // announced before the sync mark when they had no parent
+    bool isForKey_ = false;           // what was announced last is to be put into a collection by the next message
 };
 
 }  // namespace Vel

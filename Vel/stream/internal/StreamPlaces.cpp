@@ -23,6 +23,7 @@ public:
 
     std::optional<std::string> last;  // its path, if it is not below the root any more
     bool isHidden = false;
+    bool waits = false;  // it is in waiting_; or it was taken out of one that is, and has no other place yet
 
     void handleAttribute(AttributeId) override {}
     void handleAttribute(AttributeId, NotifieeKey const&) override {}
@@ -95,35 +96,75 @@ std::optional<String> StreamPlaces::path(Entity const& entity) {
 
 void StreamPlaces::isHidden(Entity const& entity) { place(entity).isHidden = true; }
 
+bool StreamPlaces::awaitsPlace(Entity const& entity) { return &entity != root_.get() && awaitsPlace(place(entity)); }
+
+bool StreamPlaces::awaitsPlace(Place& place) {
+    for (Place* at = &place; at && &at->entity() != root_.get(); at = at->above()) {
+        if (at->entity().awaitsPlace()) {
+            waiting_.insert(&at->entity());
+            at->waits = true;
+        }
+        if (at->waits) return true;
+        if (at->last) return false;
+    }
+    return false;
+}
+
 // --- moves ---
 
 // An entity that is taken out, or put to something that is itself not below the root, keeps its path for the time
-// being. If it never had one, it gets that of something that was taken out, when it is put there.
+// being. If it never had one, it gets that of something that was taken out, when it is put there. If something above it
+// awaited its place, nobody knows what its path was, so it is hidden until it is below the root.
 void StreamPlaces::moved(Place& place) {
     if (&place.entity() == root_.get()) return;
-    std::optional<std::string> before = pathOf(place);
     Entity const* const parent = place.entity().parent();
+    if (parent == (place.above() ? &place.above()->entity() : nullptr)) return settled(place);
+    bool const waited = awaitsPlace(place);
+    std::optional<std::string> before = pathOf(place);
     place.aboveIs(parent ? &this->place(*parent) : nullptr);
     place.nameAgain();
     Place const* top = &place;
     while (top->above() && &top->entity() != root_.get()) top = top->above();
-    if (&top->entity() == root_.get()) return movedBelow(place, true);
-    if (before)
-        place.last = std::move(before);
-    else if (pathOf(place))
-        movedBelow(place, false);
+    std::vector<Moved> moved;
+    if (&top->entity() == root_.get()) {
+        add(moved, place, true);
+    } else {
+        place.waits = waited;
+        if (before)
+            place.last = std::move(before);
+        else if (!waited && (awaitsPlace(place) || pathOf(place)))
+            add(moved, place, false);
+    }
+    if (!moved.empty()) demuxer_.haveMoved(moved);
 }
 
-void StreamPlaces::movedBelow(Place& place, bool isPlaced) {
-    std::vector<Moved> moved;
+void StreamPlaces::add(std::vector<Moved>& moved, Place& place, bool isPlaced) const {
     std::vector<Place*> left{&place};
     while (!left.empty()) {
         Place& next = *left.back();
         left.pop_back();
-        if (isPlaced) next.last.reset();
+        if (isPlaced) {
+            next.last.reset();
+            next.waits = waiting_.contains(&next.entity());
+        }
         moved.push_back({&next.entity(), std::exchange(next.isHidden, false)});
         for (Place* below = next.firstBelow(); below; below = below->next()) left.push_back(below);
     }
+}
+
+// A view visits all that it has for what is shown to its readers. So all that have settled are shown at once.
+void StreamPlaces::settled(Place& place) {
+    if (!place.waits || place.entity().awaitsPlace()) return;
+    std::vector<Place*> settled{&place};
+    waiting_.erase(&place.entity());
+    std::erase_if(waiting_, [&](Entity const* entity) {
+        if (entity->awaitsPlace()) return false;
+        settled.push_back(places_.find(entity)->get());
+        return true;
+    });
+    for (Place* const at : settled) at->waits = false;
+    std::vector<Moved> moved;
+    for (Place* const at : settled) add(moved, *at, false);
     demuxer_.haveMoved(moved);
 }
 
@@ -133,6 +174,7 @@ void StreamPlaces::deleted(Place& place) noexcept {
         below->aboveIs(nullptr);
     }
     place.aboveIs(nullptr);
+    waiting_.erase(&place.entity());
     places_.erase(&place.entity());
 }
 

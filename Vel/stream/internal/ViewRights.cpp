@@ -3,6 +3,7 @@
 namespace Vel {
 
 Access ViewRights::of(Entity const& entity) const {
+    if (places_->awaitsPlace(entity)) return Access::none;
     std::optional<String> const path = places_->path(entity);
     return path ? rights_->of(*path) : rights_->of(String()) | Access::read;
 }
