@@ -8,6 +8,8 @@
 #include "Vel/stream/internal/ValueGroup.h"
 #include "Vel/text/PeerText.h"
 
+#include <algorithm>
+
 namespace Vel {
 
 using NboAttrLog::ensureCorrectType;
@@ -301,7 +303,7 @@ void AttrLogReplica::Impl::bind(EntityId id, Ptr<Entity> entity, StreamTable con
     // A foreign entity may be of the type that a former connection has described in the same way.
     VelType const own = entity->fwkType();
     StreamTable const& rows = own.glue().foreign ? own.glue().stream() : table;
-    if (entity->awaitsPlace()) unplaced_.push_back(id);
+    if (entity->awaitsPlace()) awaitsPlace(id);
     StreamAttribute const* last = nullptr;
     UnmentionedKeys::Keys* keys = nullptr;
     entities_.add(id, std::move(entity), rows, [&](StreamAttribute const& attribute, std::span<U8 const> key) {
@@ -436,6 +438,16 @@ void AttrLogReplica::Impl::synced() {
     nesting_.putAll();
     for (Ptr<Entity> const& entity : settled(true)) entity->notifieeList()->visitParent();
     if (connection == connection_) stateIs(State::synced);  // unless an observer has ended it
+}
+
+void AttrLogReplica::Impl::awaitsPlace(EntityId id) {
+    // A source may announce what it takes away again, without end.
+    if (unplaced_.size() > 2 * entities_.count() + 64) {
+        std::sort(unplaced_.begin(), unplaced_.end());
+        unplaced_.erase(std::unique(unplaced_.begin(), unplaced_.end()), unplaced_.end());
+        std::erase_if(unplaced_, [&](EntityId known) { return !entities_.find(known); });
+    }
+    unplaced_.push_back(id);
 }
 
 // Returns entities that do not await their places any more: those that have got one, and if the copy is complete, all.

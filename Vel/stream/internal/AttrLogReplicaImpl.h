@@ -51,6 +51,7 @@ private:
     void keyValue(ReplicaPlace const& place, NboAttrLog::In& body);
     void valueDel(ReplicaPlace const& place);
     void told(ReplicaPlace const& place, bool isThere = true);
+    void awaitsPlace(EntityId id);
     std::vector<Ptr<Entity>> settled(bool isComplete);
     void delUnmentioned(EntityId id, AttributeId attribute, UnmentionedKeys::Keys const& keys);
     void forgetSource();

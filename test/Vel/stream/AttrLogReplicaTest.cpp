@@ -6,6 +6,8 @@
 #include "Vel/stream/internal/StreamProtocol.h"
 #include "test/Vel/describe/Fixtures.h"
 
+#include <malloc.h>
+
 namespace {
 
 using namespace StreamTest;
@@ -391,6 +393,23 @@ TEST_F(HostileSourceTest, EntitiesAreLimited) {
             MessageKind::announce, [&](Out& out) { out << Compact{id} << Compact{0} << Compact{0} << String("d"); }));
     EXPECT_EQ(small.error(), "the source has too many entities");
     EXPECT_EQ(small.entities(), 2u);
+}
+
+TEST_F(HostileSourceTest, EntitiesThatComeAndGoTakeNoMemory) {
+    sendTypes();
+    auto const comeAndGo = [&](U32 times) {
+        for (U32 i = 0; i < times; ++i) {
+            send(message(
+                MessageKind::announce, [](Out& out) { out << Compact{3} << Compact{1} << Compact{0} << String("y"); }));
+            send(message(MessageKind::gone, [](Out& out) { out << Compact{3}; }));
+        }
+    };
+    comeAndGo(1000);
+    auto const before = mallinfo2();
+    comeAndGo(100'000);
+    auto const after = mallinfo2();
+    EXPECT_EQ(replica.error(), "");
+    EXPECT_LE(after.uordblks + after.hblkhd, before.uordblks + before.hblkhd + 10'000);
 }
 
 TEST_F(HostileSourceTest, NothingIsTakenAfterAnError) {
