@@ -2,6 +2,7 @@
 #include "Room.h"
 
 #include <cctype>
+#include <optional>
 #include <random>
 #include <set>
 #include <sstream>
@@ -38,6 +39,7 @@ enum What : unsigned {
     reconnect,
     settle,
     writeAsSpy,
+    relay,
     whats
 };
 
@@ -277,6 +279,8 @@ private:
             return reader(n[0]).reconnect();
         case settle:
             return reader(n[0]).settle();
+        case relay:
+            return relayTo(reader(n[0] % 3).rights(), 1 + n[1] % 60, 1 + n[2] % 300, n[3]);
         case writeAsSpy:
             return write(reader(n[0]), n[1] % 64, n[2] % 2 != 0);
         case add:
@@ -343,6 +347,39 @@ private:
         world_.lastPaths[room.get()] = path;
         from->roomDel(room->name());
     }
+    // Serves a copy to a reader with rights while the copy is being made, `piece` bytes at a time. If `cut` is odd, the
+    // connection of the copy ends once in the middle. The rooms do not change meanwhile: else the copy might hear of a
+    // change before it hears of the move that hides it.
+    void relayTo(Rights const& rights, std::size_t piece, std::size_t limit, unsigned cut) {
+        Vel::AttrLogReplica copy(Vel::Dir::newEntity(""), "copy", {});
+        std::optional<Vel::AttrLogServer> server;
+        std::optional<Reader> reader;
+        std::size_t left = cut % 2 ? cut * 3 : 0;  // pieces before the connection ends; 0: it does not
+        auto const carryPiece = [&](Vel::StreamPeer& source) {
+            auto const bytes = source.output(piece);
+            Bytes const kept(bytes.begin(), bytes.end());
+            source.outputTaken(kept.size());
+            copy.input(kept);
+            if (!reader && copy.root()) {
+                server.emplace(copy.root(), Vel::AttrLogSource::Options{});
+                reader.emplace(world_, *server, rights, "");
+                reader->look();
+            }
+            if (reader) reader->carry(1, limit);
+        };
+        for (bool isDone = false; !isDone;) {
+            auto const source = server_.newReader(false);
+            copy.connected();
+            source->input(takeOutput(copy));
+            while (source->wantsOutput() && (left == 0 || --left != 0)) carryPiece(*source);
+            isDone = !source->wantsOutput();
+            source->closed("");
+            if (isDone) reader->settle();
+            copy.closed("");
+            left = 0;
+        }
+        if (!reader->violation.empty()) violation_ = "of a copy: " + reader->violation;
+    }
     void write(Reader& reader, Vel::EntityId id, bool expects) {
         String const value = world_.token();
         reader.writeTo(id, expects, value);
@@ -373,6 +410,11 @@ History historyOf(Vel::U64 seed) {
             add, move, move, move, takeOut, hang};
         step.what = below(2) ? network[below(std::size(network))] : changes[below(std::size(changes))];
         for (unsigned& n : step.n) n = below(1000);
+    }
+    // Some runs have copies that are served again. That takes as long as many other steps.
+    for (unsigned left = below(4) == 0 ? 2 : 0; left != 0; --left) {
+        Step& step = history[below(static_cast<unsigned>(history.size()))];
+        step.what = relay;
     }
     return history;
 }
