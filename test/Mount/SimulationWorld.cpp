@@ -1,1 +1,0 @@
-#include "../Mox/SimulationWorld.cpp"  // a world of every entity type that changes at random, for both programs
