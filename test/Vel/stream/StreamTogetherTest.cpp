@@ -22,9 +22,6 @@ using Vel::WriteAnswer;
 using Vel::WriteResult;
 using Vel::NboAttrLog::Compact;
 
-constexpr AttributeId low = Vel::attributeId<Tank>("low");
-constexpr AttributeId high = Vel::attributeId<Tank>("high");
-constexpr AttributeId label = Vel::attributeId<Tank>("label");
 constexpr AttributeId next = Vel::attributeId<Tank>("next");
 
 // A source of a tank that takes changes, and a copy. The copy's observer notes what it is told of, and what the copy

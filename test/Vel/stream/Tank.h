@@ -74,4 +74,8 @@ private:
     Vel::Ptr<Tank> next_;
 };
 
+inline constexpr Vel::AttributeId low = Vel::attributeId<Tank>("low");
+inline constexpr Vel::AttributeId high = Vel::attributeId<Tank>("high");
+inline constexpr Vel::AttributeId label = Vel::attributeId<Tank>("label");
+
 }  // namespace StreamTest

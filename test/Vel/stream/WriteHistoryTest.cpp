@@ -18,10 +18,6 @@ using Vel::ValueRef;
 using Vel::WriteHistory;
 using Vel::NboAttrLog::Compact;
 
-constexpr AttributeId low = Vel::attributeId<Tank>("low");
-constexpr AttributeId high = Vel::attributeId<Tank>("high");
-constexpr AttributeId label = Vel::attributeId<Tank>("label");
-
 // The time is what a test says.
 class FixedTime : public Vel::SystemCalls {
 public:
