@@ -675,11 +675,19 @@ private:
     std::array<std::size_t, readers> ofReader_{};
 };
 
+// When tries make an index while this history runs.
+struct IndexUseOf {
+    explicit IndexUseOf(History const& history) { Mox::Detail::PathIndex::use = indexUseOf(history); }
+    IndexUseOf(IndexUseOf const&) = delete;
+    IndexUseOf& operator=(IndexUseOf const&) = delete;
+    ~IndexUseOf() { Mox::Detail::PathIndex::use = Mox::Detail::IndexUse::itself; }
+};
+
 }  // namespace
 
 Result run(History const& history, bool tells) {
     Result result;
-    Mox::Detail::PathIndex::use = indexUseOf(history);
+    IndexUseOf const use(history);
     World world;
     Sites sites(world, history);
     auto const policies = policiesOf(history);
