@@ -11,20 +11,6 @@ using Vel::AttrLogServer;
 using Vel::Ptr;
 using Vel::String;
 
-// Who is asked for the rights, and how often.
-class CountingRights final : public Vel::StreamRights {
-public:
-    explicit CountingRights(Rights rights) : rights_(std::move(rights)) {}
-    Access of(String const& path) const override { return ++asked, rights_->of(path); }
-    Access most() const override { return rights_->most(); }
-    Access least() const override { return rights_->least(); }
-
-    mutable std::size_t asked = 0;
-
-private:
-    Rights rights_;
-};
-
 // The rooms "a", "a/b" and "s". The copy takes the source's bytes in small pieces. After each piece its reader is sent
 // all that there is for it.
 class CopyRightsTest : public testing::Test {

@@ -145,6 +145,20 @@ private:
 using Rights = std::shared_ptr<Vel::StreamRights const>;
 inline Rights rightsOf(PathRights::Rules rules) { return std::make_shared<PathRights>(std::move(rules)); }
 
+// Counts how often it is asked for the rights of a path.
+class CountingRights final : public Vel::StreamRights {
+public:
+    explicit CountingRights(Rights rights) : rights_(std::move(rights)) {}
+    Vel::Access of(Vel::String const& path) const override { return ++asked, rights_->of(path); }
+    Vel::Access most() const override { return rights_->most(); }
+    Vel::Access least() const override { return rights_->least(); }
+
+    mutable std::size_t asked = 0;
+
+private:
+    Rights rights_;
+};
+
 // A reader with rights, its copy, and all bytes that it was ever sent.
 class Visitor {
 public:

@@ -294,19 +294,6 @@ TEST_F(StreamRightsTest, KeysThatComeAgainNameNothingHidden) {
     EXPECT_FALSE(visitor.at("a")->link("k79"));
 }
 
-class CountingRights final : public Vel::StreamRights {
-public:
-    explicit CountingRights(Rights rights) : rights_(std::move(rights)) {}
-    Access of(String const& path) const override { return ++asked, rights_->of(path); }
-    Access most() const override { return rights_->most(); }
-    Access least() const override { return rights_->least(); }
-
-    mutable std::size_t asked = 0;
-
-private:
-    Rights rights_;
-};
-
 TEST_F(StreamRightsTest, ManyHiddenMembersAreNotLookedAtAfterEachFewChanges) {
     auto const counting = std::make_shared<CountingRights>(few);
     Visitor visitor(server, counting);
